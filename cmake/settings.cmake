@@ -1,0 +1,32 @@
+# How every target of ours is compiled: the language, the warnings, the sanitizer.
+add_library(tarnwick_settings INTERFACE)
+target_compile_features(tarnwick_settings INTERFACE cxx_std_20)
+target_include_directories(tarnwick_settings INTERFACE ${PROJECT_SOURCE_DIR}/src)
+target_compile_definitions(tarnwick_settings INTERFACE _FILE_OFFSET_BITS=64)
+target_link_libraries(tarnwick_settings INTERFACE Threads::Threads)
+if(TARNWICK_SANITIZE)
+  target_compile_options(tarnwick_settings INTERFACE -fsanitize=${TARNWICK_SANITIZE} -fno-omit-frame-pointer
+                                                    -fno-sanitize-recover=all)
+  target_link_options(tarnwick_settings INTERFACE -fsanitize=${TARNWICK_SANITIZE})
+endif()
+
+add_library(tarnwick_warnings INTERFACE)
+target_compile_options(tarnwick_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+                                                   -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual)
+if(TARNWICK_WERROR)
+  target_compile_options(tarnwick_warnings INTERFACE -Werror)
+endif()
+
+# tarnwick_library(NAME SOURCES... [LINK libraries...]): one static library for one folder of src/.
+function(tarnwick_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
+  add_library(${name} STATIC ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PUBLIC tarnwick_settings ${arg_LINK} PRIVATE tarnwick_warnings)
+endfunction()
+
+# tarnwick_program(NAME SOURCES... [LINK libraries...]): one executable in bin/.
+function(tarnwick_program name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE tarnwick_settings tarnwick_warnings ${arg_LINK})
+endfunction()

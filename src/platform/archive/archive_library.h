@@ -1,0 +1,79 @@
+// The encrypted-archive library: writing one archive, sealed to the holder of one P-256 private key.
+// The format is described in docs/qvx-format.md; reading is in archive_reader.h.
+//
+// Objects are handed out as plain pointers and given back to the function named for it; null stands for "none" and is
+// accepted by every function that takes an object back. A status is 0 for success; a negative one is an errno value
+// with its sign turned. Nothing here throws, prints or ends the process. An object is used by one thread at a time.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace tarnwick {
+
+struct PathList;           // what goes into an archive, in order, duplicates kept
+struct FieldKeySet;        // which fields every entry carries
+struct ByteStream;         // a file, or the encryption on its way to one
+struct EncryptionContext;  // the settings of an archive and its recipient
+struct ArchiveStream;      // the encoder of entries
+
+using MessageCallback = int (*)(void* messageData, int message);  // the library never calls it
+
+// Numbers of context fields, and what they take.
+inline constexpr int contextFieldCompression = 3;      // unsigned: the compression identifier
+inline constexpr int contextFieldBlockSize = 4;        // unsigned: bytes
+inline constexpr int contextFieldRecipient = 10;       // blob: the recipient's public point
+inline constexpr int representationUncompressed = 1;   // of that blob: 0x04, X, Y (65 bytes)
+
+PathList* newPathList();
+
+// A list of one entry: `path`, taken relative to `directory` when it does not begin with "/". None for an empty path,
+// a path that does not exist, and one that is neither a regular file, a directory nor a symbolic link (the last
+// component is not followed).
+PathList* pathListForPath(std::string_view directory, std::string_view path);
+
+// Adds the entries of `source` behind those of `target`; `source` keeps its own.
+int mergePathLists(PathList* target, const PathList* source);
+void destroyPathList(PathList* list);
+
+// Keys are three letters, separated by commas. None for a key that the format does not know, or one named twice.
+FieldKeySet* fieldKeySetFromString(std::string_view keys);
+void destroyFieldKeySet(FieldKeySet* keys);
+
+// Opens a regular file for writing, never through a symbolic link in its last component; the mode is set whatever the
+// umask. None on failure.
+ByteStream* openFileByteStream(const char* path, int openFlags, mode_t mode);
+
+// Profile 3 is the only one: HPKE base mode with DHKEM(P-256, HKDF-SHA256), HKDF-SHA256 and AES-256-GCM, one
+// recipient, no signature.
+EncryptionContext* createEncryptionContext(int profile);
+int setContextFieldBlob(EncryptionContext* context, int field, int representation, const std::byte* bytes,
+                        std::size_t length);
+int setContextFieldUInt(EncryptionContext* context, int field, std::uint64_t value);
+void destroyEncryptionContext(EncryptionContext* context);
+
+// The stream that cuts what is written into blocks, compresses and seals them, and writes them to `underlying` in
+// order. `underlying` stays the caller's, is used from another thread until the new stream is closed, and must outlive
+// it. At most as many of the `workers` run at once as there are cores. A point that is not on the curve is refused here.
+ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
+                                       int workers);
+
+// `underlying` must be an encryption stream.
+ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void* messageData, MessageCallback callback,
+                                        std::uint64_t flags, int workers);
+
+// Reads every entry of the list from the disk and completes the archive. When it answers 0, everything that belongs to
+// the archive has been written, so that a failing close cannot hide a loss. A file that shrinks or grows while it is
+// read is stored as it was read; one that has vanished, cannot be read or is no longer what the list says makes the
+// status nonzero. An encoder takes one path list.
+int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
+                  void* messageData, MessageCallback callback, std::uint64_t flags, int workers);
+
+// Close and release. Closing a stream whose archive was not completed leaves a cut archive, which every reader refuses.
+int closeArchiveStream(ArchiveStream* archive);
+int closeByteStream(ByteStream* stream);
+
+}  // namespace tarnwick

@@ -1,0 +1,13 @@
+// Which regular expressions the host's `find` reads otherwise than the configuration means them.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tarnwick {
+
+// Directives are written in POSIX basic regular expressions, GNU find reads another dialect by default. Gives
+// "-regextype posix-basic " when the expression holds something that the two read differently, else the empty text.
+std::string regexTypeOption(std::string_view expression);
+
+}  // namespace tarnwick
