@@ -1,0 +1,42 @@
+// The execution log: what a run did, line by line, in a file in /tmp and on the console (standard output).
+//
+//   level    log file (only while open)   console
+//   INFO     "INFO: " + text              text alone
+//   WARNING  "WARNING: " + text           "WARNING: " + text
+//   TRACE    "TRACE: " + text             "TRACE: " + text, only when verbose
+//
+// A line is one prefix, the text and one line end, also when the text itself holds line ends. It goes to the file
+// first and is flushed on both sides at once, so that the log is whole up to its last line when the process dies or a
+// command blocks. Write errors on the file lose lines silently. The console is std::cout, kept in step with stdio.
+// Used from the main thread only.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace tarnwick {
+
+void logInfo(std::string_view text);
+void logWarning(std::string_view text);
+void logTrace(std::string_view text);
+
+// Whether TRACE lines reach the console; off at first.
+void setVerboseConsole(bool verbose);
+
+// The local time as "2026-11-15-12:13:38", in the form of the default locale whatever the user's is. It names the log
+// file, the capture folder and the archive, colons included. Pauses one second before it returns, so that no two
+// stamps of one process are equal and no run starts its work within the second of its own stamp.
+std::string makeTimeStamp();
+
+// Opens "/tmp/tarnwick-<stamp>.log", truncating what stands there, and returns its path. /tmp is everybody's: a
+// symbolic link in the way, or something that is not a regular file, is a failure and stays untouched. On failure
+// prints a warning on the console and returns the empty text; the run goes on without a log file.
+std::string openExecutionLog(const std::string& stamp);
+
+// Closes the log file for good and copies it into `folder` under its own name; later lines reach the console only.
+// Returns the copy's path; the empty text when the log was not open (silently) or when the copy failed (after a
+// warning), be it because a file of that name is there already.
+std::string copyExecutionLog(const std::filesystem::path& folder);
+
+}  // namespace tarnwick
