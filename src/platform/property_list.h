@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -17,7 +18,7 @@ namespace tarnwick {
 struct PropertyListValue;
 
 using PropertyListArray = std::vector<PropertyListValue>;
-using PropertyListDictionary = std::map<std::string, PropertyListValue>;  // keys are UTF-8
+using PropertyListDictionary = std::map<std::string, PropertyListValue, std::less<>>;  // keys are UTF-8
 using PropertyListData = std::vector<std::byte>;
 
 struct PropertyListDate {

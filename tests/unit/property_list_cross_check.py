@@ -1,0 +1,128 @@
+"""Holds the property list reader to Python's own: the same random values, in both forms, must read the same, and no
+damage to a document may make the two disagree in the dangerous direction.
+
+usage: property_list_cross_check.py DUMP_PROGRAM
+"""
+import datetime
+import math
+import plistlib
+import random
+import re
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+EPOCH = datetime.datetime(2001, 1, 1)
+DOCUMENT_TYPE = b'<!DOCTYPE plist PUBLIC "-//Vexlor//DTD PLIST 1.0//EN" "http://www.vexlor.com/DTDs/PropertyList-1.0.dtd">'
+TEXTS = ["", "plain", "a<b>&\"c'", "Zürich", "日本", "\U0001f600", "line\nend", " blanks ", "x" * 300]
+
+
+def random_value(draw, depth, binary):
+    kinds = ["text", "int", "real", "bool", "date", "data"] + ["array", "dict"] * 2 * (depth < 4) + ["uid"] * binary
+    match draw.choice(kinds):
+        case "text":
+            return draw.choice(TEXTS) + str(draw.randrange(9))
+        case "int":
+            return draw.choice([draw.randrange(-(2**63), 2**64), draw.randrange(-300, 300), 2**63, 2**64 - 1, -(2**63)])
+        case "real":
+            return draw.choice([draw.uniform(-1e9, 1e9), draw.gauss(0, 1) * 1e-300, math.inf, math.nan, -0.0, 5e-324])
+        case "bool":
+            return draw.random() < 0.5
+        case "date":
+            return datetime.datetime(draw.randrange(1, 10000), 2, draw.randrange(1, 29), draw.randrange(24), 59, 7)
+        case "data":
+            return draw.randbytes(draw.choice([0, 1, 2, 3, 14, 15, 300]))
+        case "uid":
+            return plistlib.UID(draw.choice([0, 255, 256, 70000, 2**63]))
+        case "array":
+            return [random_value(draw, depth + 1, binary) for _ in range(draw.choice([0, 1, 3, 15, 20]))]
+        case "dict":
+            return {draw.choice(TEXTS) + str(n): random_value(draw, depth + 1, binary) for n in range(draw.randrange(18))}
+
+
+def canonical(value):
+    match value:
+        case bool():
+            return "true" if value else "false"
+        case int():
+            return f"int:{value}"
+        case float():
+            return f"real:{value:.17g}"
+        case datetime.datetime():
+            return f"date:{(value - EPOCH).total_seconds():.17g}"
+        case plistlib.UID():
+            return f"uid:{value.data}"
+        case bytes():
+            return "data:" + value.hex()
+        case str():
+            return "text:" + value.encode().hex()
+        case list():
+            return "[" + "".join(canonical(each) + "," for each in value) + "]"
+        case dict():
+            entries = sorted((key.encode(), each) for key, each in value.items())
+            return "{" + "".join(f"{key.hex()}={canonical(each)}," for key, each in entries) + "}"
+    raise TypeError(value)
+
+
+def their_reading(document):
+    """None where Python refuses, or reads what no value of ours can hold (null, keys that are no text, cycles)."""
+    form = plistlib.FMT_BINARY if document.startswith(b"bplist00") else plistlib.FMT_XML
+    try:
+        return canonical(plistlib.loads(document, fmt=form))
+    except Exception:
+        return None
+
+
+def damaged(draw, document):
+    bytes_ = bytearray(document)
+    match draw.randrange(4):
+        case 0:
+            del bytes_[draw.randrange(len(bytes_)):]
+        case 1:
+            bytes_[draw.randrange(len(bytes_))] ^= 1 << draw.randrange(8)
+        case 2:
+            at = draw.randrange(len(bytes_))
+            bytes_[at:at] = bytes_[at:at + draw.randrange(1, 30)]
+        case 3:
+            bytes_[max(0, len(bytes_) - draw.randrange(1, 33))] = draw.randrange(256)
+    return bytes(bytes_)
+
+
+def our_readings(program, documents):
+    with tempfile.TemporaryDirectory() as folder:
+        names = [Path(folder, str(number)) for number in range(len(documents))]
+        for name, document in zip(names, documents):
+            name.write_bytes(document)
+        run = subprocess.run([program], input="".join(f"{name}\n" for name in names), capture_output=True, text=True)
+    assert run.returncode == 0, run.stderr
+    return run.stdout.splitlines()
+
+
+def main():
+    draw = random.Random(20010101)
+    whole, broken = [], []
+    for number in range(400):
+        form = [plistlib.FMT_XML, plistlib.FMT_BINARY][number % 2]
+        document = plistlib.dumps(random_value(draw, 0, number % 2), fmt=form, sort_keys=False)
+        document = re.sub(rb"<!DOCTYPE[^>]*>", DOCUMENT_TYPE, document)
+        whole.append(document)
+        broken += [damaged(draw, document) for _ in range(8)]
+
+    ours = our_readings(sys.argv[1], whole + broken)
+    assert len(ours) == len(whole) + len(broken)
+    faults = refused_by_both = 0
+    for number, (document, mine) in enumerate(zip(whole + broken, ours)):
+        theirs = their_reading(document)
+        # We may be the stricter one with a damaged document, never the laxer one.
+        agree = mine == theirs or (mine == "refused" and (theirs is None or number >= len(whole)))
+        refused_by_both += mine == "refused" and theirs is None
+        if not agree:
+            faults += 1
+            print(f"document {number}: {document[:300]!r}\n  ours   {mine[:300]}\n  theirs {str(theirs)[:300]}")
+    print(f"{len(whole)} whole and {len(broken)} damaged documents, {refused_by_both} refused by both, {faults} faults")
+    assert refused_by_both > 500, "the damage does no damage"
+    return faults > 0
+
+
+sys.exit(main())
