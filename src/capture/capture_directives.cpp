@@ -1,0 +1,79 @@
+#include "capture/capture_directives.h"
+
+#include <sstream>
+
+#include "config/capture_spec.h"
+#include "log/command_runner.h"
+#include "log/execution_log.h"
+#include "platform/find_dialect.h"
+
+namespace tarnwick {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void announce(const CaptureDirective& directive) {
+    logInfo("Capturing: " + directive.DocString);
+    logTrace(std::string(32, '#'));
+    logTrace("DocString: " + directive.DocString);
+    logTrace("BasePath: " + directive.BasePath);
+    logTrace("Expression: " + directive.Expression);
+}
+
+// One leading slash is dropped, so that the path lands on the volume; after "//" the rest is absolute and stands for
+// itself, whatever the mount point.
+fs::path baseDirectoryOn(const fs::path& mountPoint, const std::string& basePath) {
+    return mountPoint / (basePath.at(0) == '/' ? basePath.substr(1) : basePath);
+}
+
+// Nothing is escaped: the configuration is trusted.
+std::string searchCommand(const fs::path& baseDirectory, const std::string& expression) {
+    return "find \"" + baseDirectory.native() + "\" -type f " + regexTypeOption(expression) + "-regex '" + expression +
+           "'";
+}
+
+void appendLines(const std::string& output, FilesList& files) {
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        logTrace("capturing: " + line);
+        files.emplace_back(line);
+    }
+}
+
+void runDirective(const CaptureDirective& directive, const fs::path& mountPoint, FilesList& files) {
+    announce(directive);
+    const fs::path baseDirectory = baseDirectoryOn(mountPoint, directive.BasePath);
+    if (!fs::is_directory(baseDirectory)) {
+        logTrace("BasePath does not exist on the target volume, skipping...");
+        return;
+    }
+    const std::string command = searchCommand(baseDirectory, directive.Expression);
+    logTrace("search command: " + command);
+    std::string output;
+    if (runCommand(command, output, false) != 0) {
+        logWarning("search command returned an error, skipping this capture directive");
+        return;
+    }
+    appendLines(output, files);
+}
+
+}  // namespace
+
+void runCaptureDirectives(const std::string& captureSpecPath, FilesList& files, const fs::path& mountPoint) {
+    files.clear();
+    for (const auto& directive : loadCaptureSpec(captureSpecPath)) runDirective(directive, mountPoint, files);
+}
+
+bool captureFirmwareVariables(const fs::path& outputPath) {
+    const std::string command = "nvram -p >> " + outputPath.native();
+    logTrace("nvram command: " + command);
+    std::string output;
+    if (runCommand(command, output, false) != 0) {
+        logWarning("nvram command returned an error, skipping this capture directive");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace tarnwick

@@ -1,0 +1,39 @@
+// Whether the owner of a volume lets diagnostic data be collected from it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/run_options.h"
+#include "platform/property_list.h"
+#include "volumes/volume_info.h"
+
+namespace tarnwick {
+
+// What the record on the volume says.
+enum class ConsentState { Granted, ExplicitlyDenied, Indeterminate };
+
+// Reads the owner's recorded choice from the volume and, unless it grants consent or the run is non-interactive, asks
+// the person at the terminal for a one-time consent, which is never written back. Returns false when there is no
+// readable record; otherwise true, with `granted` telling the outcome. With `force` on an internal build consent is
+// granted without a look.
+bool checkConsent(const VolumeInfo& volume, const RunOptions& options, bool& granted);
+
+// The value under `key` if it is a boolean; a value of any other type counts as absent.
+std::optional<bool> lookupBoolean(const PropertyListDictionary& dictionary, std::string_view key);
+
+bool askOneTimeConsent();
+
+// Asks until the answer is "yes" or "no" in any letter case, nothing around it, or the input ends, which is a no.
+bool askYesNo(const std::string& question);
+
+// Prints the question and reads one line, from pendingAnswer if that is not empty, else from standard input. Returns
+// false at the end of input; a last line without a line end still counts.
+bool readAnswerLine(const std::string& question, std::string& answer);
+
+// An answer given beforehand, taken once. Nothing in the program fills it: it is for driving the dialogue without a
+// terminal.
+extern std::string pendingAnswer;
+
+}  // namespace tarnwick
