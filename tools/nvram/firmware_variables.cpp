@@ -1,0 +1,155 @@
+#include "nvram/firmware_variables.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "base/handle.h"
+#include "nvram/withheld.h"
+
+namespace tarnwick {
+
+namespace {
+
+constexpr std::size_t attributesSize = 4;
+constexpr std::size_t guidSize = 36;
+constexpr int interruptedReads = 10;
+
+struct VariableName {
+    std::string_view name;
+    std::string_view guid;
+};
+
+bool isGuid(std::string_view text) {
+    static constexpr std::string_view shape = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    const auto fits = [](char letter, char wanted) {
+        const bool hex = std::string_view("0123456789abcdefABCDEF").find(letter) != std::string_view::npos;
+        return wanted == 'x' ? hex : letter == '-';
+    };
+    return text.size() == shape.size() && std::equal(text.begin(), text.end(), shape.begin(), fits);
+}
+
+// From the end, since a name may hold dashes, or something that looks like a GUID.
+std::optional<VariableName> splitName(std::string_view file) {
+    if (file.size() < guidSize + 2 || file[file.size() - guidSize - 1] != '-') return std::nullopt;
+    const auto guid = file.substr(file.size() - guidSize);
+    if (!isGuid(guid)) return std::nullopt;
+    return VariableName{file.substr(0, file.size() - guidSize - 1), guid};
+}
+
+std::string escaped(std::string_view bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size());
+    for (const char letter : bytes) {
+        const auto byte = static_cast<unsigned char>(letter);
+        if (byte >= 0x20 && byte < 0x7f && byte != '%')
+            text += letter;
+        else
+            text.append({'%', digits[byte >> 4], digits[byte & 15]});
+    }
+    return text;
+}
+
+std::vector<std::string> variableFiles(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
+        names.push_back(entry->path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+class Dump {
+public:
+    Dump(const std::filesystem::path& folder, const std::function<void(const std::string&)>& write, const ReadCall& read)
+        : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), write_(write), read_(read) {}
+    ~Dump() { forget(); }
+    Dump(const Dump&) = delete;
+    Dump& operator=(const Dump&) = delete;
+
+    VariableDump run(const std::vector<std::string>& files) {
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            result_.found = true;
+            if (left_ <= files[i].size()) {
+                write_("%[cut: " + std::to_string(files.size() - i) + " more variables]\n");
+                break;
+            }
+            dumpOne(files[i]);
+        }
+        return std::move(result_);
+    }
+
+private:
+    void dumpOne(const std::string& file) {
+        const auto name = splitName(file);
+        if (!name) return complain(file, "not the name of a variable");
+        const auto size = readFile(file);
+        if (!size) return;
+        left_ -= file.size();
+        const auto value = std::string_view(buffer_).substr(attributesSize, *size - attributesSize);
+        write_(escaped(file) + "\t" + shown(name->name, value) + "\n");
+        forget();
+        ++result_.shown;
+    }
+
+    std::string shown(std::string_view name, std::string_view value) {
+        const auto secret = secretIn(name);
+        const std::string size = value.size() > variableLimit ? "more than " + std::to_string(variableLimit)
+                                                              : std::to_string(value.size());
+        if (!secret.empty()) return "%[withheld: " + std::string(secret) + ", " + size + " bytes]";
+        const auto part = value.substr(0, std::min(variableLimit, left_));
+        left_ -= part.size();
+        const bool whole = part.size() == value.size();
+        return escaped(part) + (whole ? "" : "%[cut: " + std::to_string(part.size()) + " of " + size + " bytes]");
+    }
+
+    // The size of the file's content in the buffer; none when there is no variable in it.
+    std::optional<std::size_t> readFile(const std::string& file) {
+        const FileDescriptor opened(::openat(folder_.get(), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat status{};
+        if (!opened || ::fstat(opened.get(), &status) != 0) return refuse(file, std::strerror(errno));
+        if (!S_ISREG(status.st_mode)) return refuse(file, "not a regular file");
+        ssize_t count = -1;
+        for (int attempt = 0; attempt <= interruptedReads; ++attempt) {
+            count = read_(opened.get(), buffer_.data(), buffer_.size());
+            if (count >= 0 || errno != EINTR) break;
+        }
+        if (count < 0) return refuse(file, std::strerror(errno));
+        if (count < static_cast<ssize_t>(attributesSize)) return refuse(file, "no attributes in it");
+        return static_cast<std::size_t>(count);
+    }
+
+    std::nullopt_t refuse(const std::string& file, const char* reason) {
+        complain(file, reason);
+        return std::nullopt;
+    }
+
+    void complain(const std::string& file, const std::string& reason) {
+        result_.problems.push_back(escaped(file) + ": " + reason);
+    }
+
+    void forget() { explicit_bzero(buffer_.data(), buffer_.size()); }
+
+    FileDescriptor folder_;
+    const std::function<void(const std::string&)>& write_;
+    const ReadCall& read_;
+    std::string buffer_ = std::string(attributesSize + variableLimit + 1, '\0');  // one more tells that there is more
+    std::size_t left_ = totalLimit;
+    VariableDump result_;
+};
+
+}  // namespace
+
+VariableDump dumpVariables(const std::filesystem::path& folder, const std::function<void(const std::string&)>& write,
+                           const ReadCall& read) {
+    return Dump(folder, write, read).run(variableFiles(folder));
+}
+
+}  // namespace tarnwick

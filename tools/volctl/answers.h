@@ -1,0 +1,17 @@
+// The answers of this program as property lists.
+#pragma once
+
+#include <vector>
+
+#include "platform/property_list.h"
+#include "volctl/volumes.h"
+
+namespace tarnwick {
+
+// Containers > VolumeGroups > Volumes, in the order of `volumes`; volumes that are left out are not in it.
+PropertyListValue groupListing(const std::vector<Volume>& volumes);
+
+// One volume. MountPoint is missing when it is not mounted, DiskUUID when it is not known.
+PropertyListValue volumeInformation(const Volume& volume);
+
+}  // namespace tarnwick

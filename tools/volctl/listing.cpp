@@ -1,0 +1,65 @@
+#include "volctl/listing.h"
+
+#include <algorithm>
+#include <array>
+
+#include "volctl/visible_text.h"
+
+namespace tarnwick {
+
+namespace {
+
+using Row = std::array<std::string, 8>;
+
+std::string shown(const std::string& text) {
+    return text.empty() ? "-" : visibleText(text);
+}
+
+std::string stateOf(const Volume& volume) {
+    if (!volume.leftOutBecause.empty()) return "left out: " + volume.leftOutBecause;
+    if (volume.locked) return "locked";
+    return volume.mountPoint.empty() ? "not mounted" : "mounted";
+}
+
+Row rowOf(const Volume& volume) {
+    return {shown(volume.container), shown(volume.group), shown(volume.deviceIdentifier), shown(volume.name),
+            shown(volume.role),      sizeText(volume.size), shown(volume.mountPoint),      stateOf(volume)};
+}
+
+// Width on the terminal, as far as counting characters tells it.
+std::size_t width(const std::string& text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+        return (static_cast<unsigned char>(byte) & 0xc0) != 0x80;
+    }));
+}
+
+}  // namespace
+
+std::string sizeText(std::uint64_t bytes) {
+    static constexpr std::array units{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    if (bytes == 0) return "-";
+    std::size_t unit = 0;
+    std::uint64_t tenths = 0;
+    for (; bytes >= 1024 && unit + 1 < units.size(); ++unit) {
+        tenths = bytes % 1024 * 10 / 1024;
+        bytes /= 1024;
+    }
+    return std::to_string(bytes) + (unit > 0 ? "." + std::to_string(tenths) : "") + " " + units[unit];
+}
+
+std::string volumeTable(const std::vector<Volume>& volumes) {
+    std::vector<Row> rows{{"CONTAINER", "GROUP", "DEVICE", "NAME", "ROLE", "SIZE", "MOUNT POINT", "STATE"}};
+    std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
+    std::string table;
+    for (const auto& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+            std::size_t widest = 0;
+            for (const auto& other : rows) widest = std::max(widest, width(other[column]));
+            table += row[column] + std::string(widest - width(row[column]) + 2, ' ');
+        }
+        table += row.back() + "\n";
+    }
+    return table;
+}
+
+}  // namespace tarnwick

@@ -1,0 +1,101 @@
+#include "volctl/mounts.h"
+
+#include <libmount/libmount.h>
+
+#include <map>
+#include <memory>
+#include <stdexcept>
+
+#include "base/handle.h"
+
+namespace tarnwick {
+
+namespace {
+
+using MountTable = std::unique_ptr<libmnt_table, FreeWith<mnt_unref_table>>;
+using MountIterator = std::unique_ptr<libmnt_iter, FreeWith<mnt_free_iter>>;
+
+struct Entry {
+    int id = 0;
+    int parent = 0;
+    Mount mount;
+};
+
+std::string text(const char* value) {
+    return value ? value : "";
+}
+
+std::vector<Entry> readEntries(const std::filesystem::path& mountinfo) {
+    const MountTable table(mnt_new_table_from_file(mountinfo.c_str()));
+    const MountIterator iterator(mnt_new_iter(MNT_ITER_FORWARD));
+    if (!table || !iterator) throw std::runtime_error("cannot read " + mountinfo.native());
+    std::vector<Entry> entries;
+    for (libmnt_fs* fs = nullptr; mnt_table_next_fs(table.get(), iterator.get(), &fs) == 0;) {
+        entries.push_back({mnt_fs_get_id(fs), mnt_fs_get_parent_id(fs),
+                           {text(mnt_fs_get_target(fs)), text(mnt_fs_get_root(fs)), text(mnt_fs_get_source(fs)),
+                            text(mnt_fs_get_fstype(fs)), mnt_fs_get_devno(fs)}});
+    }
+    return entries;
+}
+
+// Walks paths over the mounts as the kernel does: from the root downwards, at every step onto what is mounted there.
+class PathWalk {
+public:
+    explicit PathWalk(const std::vector<Entry>& entries) {
+        std::map<int, const Entry*> byId;
+        for (const auto& entry : entries) byId[entry.id] = &entry;
+        for (const auto& entry : entries) {
+            const bool isRoot = entry.parent == entry.id || !byId.contains(entry.parent);
+            if (!isRoot) children_[{entry.parent, entry.mount.target}] = &entry;
+            if (isRoot && entry.mount.target == "/") root_ = &entry;
+        }
+    }
+
+    [[nodiscard]] const Entry* mountAt(const std::string& path) const {
+        const Entry* current = root_ ? descend(root_, "/") : nullptr;
+        for (std::size_t slash = 0; current && path != "/" && slash != std::string::npos;) {
+            slash = path.find('/', slash + 1);
+            current = descend(current, path.substr(0, slash));
+        }
+        return current;
+    }
+
+private:
+    // The topmost mount of those stacked on `path`. The bound answers for a table that runs in a circle.
+    [[nodiscard]] const Entry* descend(const Entry* current, const std::string& path) const {
+        for (std::size_t step = 0; step <= children_.size(); ++step) {
+            const auto child = children_.find({current->id, path});
+            if (child == children_.end()) return current;
+            current = child->second;
+        }
+        return nullptr;
+    }
+
+    std::map<std::pair<int, std::string>, const Entry*> children_;  // by parent and target
+    const Entry* root_ = nullptr;
+};
+
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+    if (folder == "/") return path.starts_with('/');
+    return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+}  // namespace
+
+std::vector<Mount> readVisibleMounts(const std::filesystem::path& mountinfo) {
+    const auto entries = readEntries(mountinfo);
+    const PathWalk walk(entries);
+    std::vector<Mount> visible;
+    for (const auto& entry : entries)
+        if (walk.mountAt(entry.mount.target) == &entry) visible.push_back(entry.mount);
+    return visible;
+}
+
+const Mount* mountHolding(const std::vector<Mount>& mounts, const std::string& path) {
+    const Mount* best = nullptr;
+    for (const auto& mount : mounts)
+        if (isAtOrBelow(path, mount.target) && (!best || mount.target.size() >= best->target.size())) best = &mount;
+    return best;
+}
+
+}  // namespace tarnwick

@@ -1,0 +1,159 @@
+#include "volctl/passphrase.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "base/handle.h"
+#include "volctl/visible_text.h"
+
+namespace tarnwick {
+
+namespace {
+
+constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
+volatile std::sig_atomic_t caughtSignal = 0;
+
+extern "C" void rememberSignal(int signal) {
+    caughtSignal = signal;
+}
+
+// While it lives, the signals that would end the program end a wait instead; they are raised again at its end. They stay
+// blocked but during the wait, so that none falls between the look at the flag and the wait.
+class DelayedSignals {
+public:
+    DelayedSignals() {
+        caughtSignal = 0;
+        sigset_t ending;
+        sigemptyset(&ending);
+        for (const int signal : endingSignals) sigaddset(&ending, signal);
+        sigprocmask(SIG_BLOCK, &ending, &maskBefore_);
+        maskWaiting_ = maskBefore_;
+        for (const int signal : endingSignals) sigdelset(&maskWaiting_, signal);
+        struct sigaction remember{};
+        remember.sa_handler = rememberSignal;
+        sigemptyset(&remember.sa_mask);
+        for (std::size_t i = 0; i < endingSignals.size(); ++i) {
+            sigaction(endingSignals[i], nullptr, &before_[i]);
+            if (before_[i].sa_handler != SIG_IGN) sigaction(endingSignals[i], &remember, nullptr);
+        }
+    }
+    ~DelayedSignals() {
+        for (std::size_t i = 0; i < endingSignals.size(); ++i) sigaction(endingSignals[i], &before_[i], nullptr);
+        if (caughtSignal != 0) raise(caughtSignal);
+        sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
+    }
+    DelayedSignals(const DelayedSignals&) = delete;
+    DelayedSignals& operator=(const DelayedSignals&) = delete;
+
+    // False when a signal came instead of input.
+    [[nodiscard]] bool waitForInput(int descriptor) const {
+        pollfd input{descriptor, POLLIN, 0};
+        while (ppoll(&input, 1, nullptr, &maskWaiting_) < 0 && caughtSignal == 0) {
+            if (errno != EINTR) return false;
+        }
+        return caughtSignal == 0;
+    }
+
+private:
+    sigset_t maskBefore_{};
+    sigset_t maskWaiting_{};
+    std::array<struct sigaction, endingSignals.size()> before_{};
+};
+
+// While it lives, the terminal does not show what is typed.
+class SilentTerminal {
+public:
+    explicit SilentTerminal(int descriptor) : descriptor_(descriptor) {
+        if (tcgetattr(descriptor, &before_) != 0) return;
+        auto silent = before_;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
+        silent.c_lflag |= ICANON | ISIG;
+        isSilent_ = tcsetattr(descriptor, TCSAFLUSH, &silent) == 0;
+    }
+    ~SilentTerminal() {
+        if (isSilent_) tcsetattr(descriptor_, TCSADRAIN, &before_);
+    }
+    SilentTerminal(const SilentTerminal&) = delete;
+    SilentTerminal& operator=(const SilentTerminal&) = delete;
+
+    [[nodiscard]] bool isSilent() const { return isSilent_; }
+
+private:
+    int descriptor_;
+    termios before_{};
+    bool isSilent_ = false;
+};
+
+void write(int terminal, const std::string& text) {
+    // A terminal that takes no question will give no answer either.
+    [[maybe_unused]] const auto written = ::write(terminal, text.data(), text.size());
+}
+
+std::string readLine(Passphrase& passphrase, int terminal, const DelayedSignals& delayed) {
+    while (delayed.waitForInput(terminal)) {
+        char byte = 0;
+        const auto count = ::read(terminal, &byte, 1);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return std::string("cannot read the passphrase: ") + std::strerror(errno);
+        if (count == 0) return "end of input instead of a passphrase";
+        if (byte == '\n') return {};
+        if (passphrase.isFull()) return "the passphrase is too long";
+        passphrase.append(byte);
+        explicit_bzero(&byte, 1);
+    }
+    return "interrupted";
+}
+
+}  // namespace
+
+Passphrase::Passphrase() {
+    mlock(bytes_.data(), bytes_.size());  // refused under a small limit; then it is wiped all the same
+}
+
+Passphrase::~Passphrase() {
+    clear();
+    munlock(bytes_.data(), bytes_.size());
+}
+
+void Passphrase::append(char byte) {
+    bytes_[size_++] = byte;
+}
+
+void Passphrase::clear() {
+    explicit_bzero(bytes_.data(), bytes_.size());
+    size_ = 0;
+}
+
+std::string askPassphrase(Passphrase& passphrase, const std::string& question) {
+    passphrase.clear();
+    const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+    if (!terminal) return "no terminal to ask for the passphrase on";
+    const DelayedSignals delayed;
+    const SilentTerminal silent(terminal.get());
+    if (!silent.isSilent()) return "cannot turn off the echo of the terminal";
+    write(terminal.get(), visibleText(question));
+    auto problem = readLine(passphrase, terminal.get(), delayed);
+    write(terminal.get(), "\n");
+    return problem;
+}
+
+std::string readPassphrase(Passphrase& passphrase, int descriptor) {
+    passphrase.clear();
+    while (passphrase.room() > 0) {
+        const auto count = ::read(descriptor, passphrase.end(), passphrase.room());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return std::string("cannot read the passphrase: ") + std::strerror(errno);
+        if (count == 0) return passphrase.size() == 0 ? "end of input instead of a passphrase" : "";
+        passphrase.grow(static_cast<std::size_t>(count));
+    }
+    return "the passphrase is too long";
+}
+
+}  // namespace tarnwick

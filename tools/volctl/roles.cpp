@@ -1,0 +1,96 @@
+#include "volctl/roles.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+namespace tarnwick {
+
+namespace {
+
+struct PartitionRole {
+    std::string_view type;
+    std::string_view role;
+};
+
+// Types of GPT partitions: https://uapi-group.org/specifications/specs/discoverable_partitions_specification/
+constexpr std::array partitionRoles{
+    PartitionRole{"bc13c2ff-59e6-4262-a352-b275fd6f7172", "Preboot"},  // extended boot loader
+    PartitionRole{"c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "System"},   // EFI system
+    PartitionRole{"0657fd6d-a4ab-43c4-84e5-0933c84b4f4f", "Swap"},
+    PartitionRole{"0fc63daf-8483-4772-8e79-3d69d8477de4", "Data"},  // generic
+    PartitionRole{"933ac7e1-2eb4-4f13-b844-0e14e2aef915", "Data"},  // home
+    PartitionRole{"3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "Data"},  // srv
+    PartitionRole{"4d21b016-b534-45c2-a9fb-5c16e091fd2d", "Data"},  // var
+    PartitionRole{"4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "Data"},  // root: x86-64
+    PartitionRole{"44479540-f297-41b4-9af7-d131d5f0458a", "Data"},  //       x86
+    PartitionRole{"b921b045-1df0-41c3-af44-4c6f280d3fae", "Data"},  //       arm64
+    PartitionRole{"69dad710-2ce4-4e3c-b16c-21a1d49abed3", "Data"},  //       arm
+    PartitionRole{"72ec70a6-cf74-40e6-bd49-4bda08e8f224", "Data"},  //       riscv64
+    PartitionRole{"c31c45e6-3f39-412e-80fb-4809c4980599", "Data"},  //       ppc64le
+    PartitionRole{"8484680c-9521-48c6-9c11-b0720656f69e", "Data"},  // usr: x86-64
+    PartitionRole{"75250d76-8cc6-458e-bd66-bd47cc81a812", "Data"},  //      x86
+    PartitionRole{"b0e01050-ee5f-4390-949a-9101b17104e9", "Data"},  //      arm64
+    PartitionRole{"7d0359a3-02b3-4f0a-865c-654403e70625", "Data"},  //      arm
+    PartitionRole{"beaec34b-8442-439b-a40b-984381ed097d", "Data"},  //      riscv64
+    PartitionRole{"15bb03af-77e7-4d4a-b12b-c0d084f7491c", "Data"},  //      ppc64le
+};
+
+bool sameUuid(const std::string& left, const std::string& right) {
+    return !left.empty() && strcasecmp(left.c_str(), right.c_str()) == 0;
+}
+
+bool names(const std::string& key, const RoleEvidence& evidence) {
+    const auto isDevice = [&](const std::string& device) { return key == device || key == "/dev/" + device; };
+    return sameUuid(evidence.uuid, key) || sameUuid(evidence.partitionUuid, key) ||
+           std::any_of(evidence.deviceNames.begin(), evidence.deviceNames.end(), isDevice) ||
+           (!evidence.label.empty() && key == evidence.label);
+}
+
+// A label can be written by whoever made the file system, so it yields to the keys that name the volume better.
+std::optional<std::string> roleBySettings(const RoleEvidence& evidence, const VolumeSettings& settings) {
+    RoleEvidence withoutLabel = evidence;
+    withoutLabel.label.clear();
+    for (const auto& known : {withoutLabel, evidence})
+        for (const auto& [key, role] : settings.roles)
+            if (names(key, known)) return role;
+    return std::nullopt;
+}
+
+bool isDataPath(const std::string& path) {
+    if (path == "/") return true;
+    for (const std::string_view folder : {"/home", "/srv", "/var"})
+        if (path == folder || (path.starts_with(folder) && path[folder.size()] == '/')) return true;
+    return false;
+}
+
+}  // namespace
+
+VolumeSettings readVolumeSettings(const PropertyListDictionary& dictionary) {
+    VolumeSettings settings;
+    if (const auto* roles = findValueAs<PropertyListDictionary>(dictionary, "Roles"))
+        for (const auto& [key, value] : *roles)
+            if (const auto* role = value.as<std::string>()) settings.roles[key] = *role;
+    if (const auto* folder = findValueAs<std::string>(dictionary, "PrebootDirectory"))
+        settings.prebootDirectory = *folder;
+    if (const auto* include = findValueAs<bool>(dictionary, "IncludeRemovable")) settings.includeRemovable = *include;
+    return settings;
+}
+
+std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings) {
+    if (auto role = roleBySettings(evidence, settings)) return *role;
+    for (const auto& known : partitionRoles)
+        if (evidence.partitionType == known.type) return std::string(known.role);
+    const bool holdsData = std::any_of(evidence.mountPoints.begin(), evidence.mountPoints.end(), isDataPath);
+    return holdsData ? "Data" : "Other";
+}
+
+bool allowsColons(std::string_view fileSystemType) {
+    // fuseblk: one of these through a user-space driver, as far as the mount tells.
+    static constexpr std::array refused{"vfat", "msdos", "fat", "umsdos", "exfat", "ntfs", "ntfs3", "fuseblk"};
+    return std::find(refused.begin(), refused.end(), fileSystemType) == refused.end();
+}
+
+}  // namespace tarnwick

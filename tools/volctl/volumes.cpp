@@ -1,0 +1,334 @@
+#include "volctl/volumes.h"
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <set>
+
+#include "volctl/visible_text.h"
+
+namespace tarnwick {
+
+namespace {
+
+constexpr const char* settingsPath = "/etc/tarnwick/volumes.plist";
+constexpr std::string_view logicalVolumePrefix = "LVM-";
+constexpr std::size_t logicalVolumeUuidSize = 4 + 32 + 32;  // prefix, volume group, volume; hidden layers add a suffix
+
+const BlockDevice* find(const BlockDevices& devices, const std::string& name) {
+    const auto found = devices.find(name);
+    return found == devices.end() ? nullptr : &found->second;
+}
+
+bool isLogicalVolume(const BlockDevice& device) {
+    return device.mapUuid.starts_with(logicalVolumePrefix);
+}
+
+bool isHiddenLayer(const BlockDevice& device) {
+    return isLogicalVolume(device) && device.mapUuid.size() > logicalVolumeUuidSize;
+}
+
+// A device that shows all of the single device below it and nothing else.
+const BlockDevice* shownBelow(const BlockDevices& devices, const BlockDevice& device) {
+    const bool shows = device.mapUuid.starts_with("CRYPT-") || !device.viewOf.empty();
+    return shows && device.lower.size() == 1 ? find(devices, device.lower.front()) : nullptr;
+}
+
+// The partition, logical volume or disk that `top` opens, and everything between, `top` first.
+std::vector<const BlockDevice*> downToGroup(const BlockDevices& devices, const BlockDevice& top) {
+    std::vector<const BlockDevice*> chain{&top};
+    while (const auto* below = shownBelow(devices, *chain.back())) {
+        if (std::find(chain.begin(), chain.end(), below) != chain.end()) break;
+        chain.push_back(below);
+    }
+    return chain;
+}
+
+// The device mapper's name of a logical volume is GROUP-VOLUME with every dash of either doubled.
+std::string volumeGroupName(const std::string& mapName) {
+    std::string name;
+    for (std::size_t i = 0; i < mapName.size(); ++i) {
+        if (mapName[i] == '-' && mapName.substr(i + 1, 1) != "-") break;
+        if (mapName[i] == '-') ++i;
+        name += mapName[i];
+    }
+    return name;
+}
+
+std::string containerName(const BlockDevice& group) {
+    if (isLogicalVolume(group)) return volumeGroupName(group.mapName);
+    if (!group.wholeDisk.empty()) return group.wholeDisk;
+    const bool mappedPartition = group.mapUuid.starts_with("part");  // of a multipath disk
+    return mappedPartition && group.lower.size() == 1 ? group.lower.front() : group.name;
+}
+
+// Mounts of a file system that spans devices carry a number of their own; the source tells the device.
+bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& device) {
+    if (mount.device == device.number) return true;
+    if (mount.type != "btrfs" || !mount.source.starts_with("/dev/")) return false;
+    const auto name = mount.source.substr(5);
+    return name == device.name || (!device.mapName.empty() && name == "mapper/" + device.mapName) ||
+           machine.nodeNumber(mount.source) == device.number;
+}
+
+class VolumeFinder {
+public:
+    explicit VolumeFinder(const Machine& machine) : machine_(machine) {}
+
+    std::vector<Volume> find() {
+        for (const auto& [name, device] : machine_.devices)
+            if (isCandidate(device)) addDevice(device);
+        joinSpanning();
+        for (auto& volume : volumes_) settle(volume);
+        addUnknownRoot();
+        for (auto& volume : volumes_) judge(volume);
+        std::stable_sort(volumes_.begin(), volumes_.end(), [](const Volume& left, const Volume& right) {
+            const VersionOrder before;
+            return left.container != right.container ? before(left.container, right.container)
+                                                     : before(left.group, right.group);
+        });
+        return std::move(volumes_);
+    }
+
+private:
+    // The topmost device of every stack, and what is mounted although something stands on it.
+    [[nodiscard]] bool isCandidate(const BlockDevice& device) const {
+        if (isHiddenLayer(device) || isViewOfDevice(device)) return false;
+        return (device.upper.empty() && !device.partitioned) || !mountsOf(device).empty();
+    }
+
+    // A loop device laid over another device adds nothing to it: the volume keeps the name of what is shown.
+    [[nodiscard]] bool isViewOfDevice(const BlockDevice& device) const { return !device.viewOf.empty(); }
+
+    [[nodiscard]] std::vector<const Mount*> mountsOf(const BlockDevice& device) const {
+        std::vector<const Mount*> found;
+        const auto shows = [&](const BlockDevice& each) { return &each == &device || each.viewOf == device.name; };
+        for (const auto& mount : machine_.mounts)
+            for (const auto& [name, each] : machine_.devices)
+                if (shows(each) && isMountOf(machine_, mount, each)) {
+                    found.push_back(&mount);
+                    break;
+                }
+        return found;
+    }
+
+    void addDevice(const BlockDevice& top) {
+        const auto chain = downToGroup(machine_.devices, top);
+        const auto& group = *chain.back();
+        Volume volume;
+        volume.deviceIdentifier = top.name;
+        volume.group = group.name;
+        volume.container = containerName(group);
+        volume.size = top.size;
+        for (const auto* device : chain) {
+            volume.deviceNames.push_back(device->name);
+            if (!device->mapName.empty()) volume.deviceNames.push_back("mapper/" + device->mapName);
+        }
+        const auto mounts = mountsOf(top);
+        for (const auto* mount : mounts) mounts_[top.name].push_back(mount);
+        if (top.detachable && !machine_.settings.includeRemovable)
+            volume.leftOutBecause = "removable or hot-pluggable";  // and so never read: a drive may have to be woken
+        else if (!addContent(volume, top, group) && mounts.empty())
+            return;
+        volumes_.push_back(std::move(volume));
+    }
+
+    // False when there is no volume in the device.
+    bool addContent(Volume& volume, const BlockDevice& top, const BlockDevice& group) {
+        const auto answer = machine_.probe(top);
+        const auto entry = &top == &group ? answer : machine_.probe(group);
+        evidence_[top.name] = {answer.uuid, entry.partitionUuid, volume.deviceNames, answer.label,
+                               entry.partitionType, {}};
+        volume.uuid = answer.uuid;
+        volume.fileSystem = answer.type;
+        volume.locked = answer.content == Content::encrypted;
+        volume.name = !answer.label.empty() ? answer.label : entry.partitionName;
+        if (volume.name.empty()) volume.name = !top.mapName.empty() ? top.mapName : top.name;
+        return answer.content != Content::nothing && answer.content != Content::member;
+    }
+
+    // btrfs: one file system on several devices is one volume, named for the first of them.
+    void joinSpanning() {
+        std::vector<Volume> joined;
+        for (auto& volume : volumes_) {
+            const bool isBtrfs = volume.fileSystem == "btrfs" && !volume.uuid.empty();
+            const auto same = std::find_if(joined.begin(), joined.end(), [&](const Volume& other) {
+                return isBtrfs && other.fileSystem == "btrfs" && other.uuid == volume.uuid;
+            });
+            if (same == joined.end()) {
+                if (isBtrfs) volume.container = volume.group;
+                joined.push_back(std::move(volume));
+                continue;
+            }
+            same->size += volume.size;
+            same->deviceNames.insert(same->deviceNames.end(), volume.deviceNames.begin(), volume.deviceNames.end());
+            auto& mounts = mounts_[same->deviceIdentifier];
+            for (const auto* mount : mounts_[volume.deviceIdentifier])
+                if (std::find(mounts.begin(), mounts.end(), mount) == mounts.end()) mounts.push_back(mount);
+        }
+        volumes_ = std::move(joined);
+    }
+
+    // What depends on all mounts of the volume being known.
+    void settle(Volume& volume) {
+        const auto& mounts = mounts_[volume.deviceIdentifier];
+        const Mount* best = nullptr;
+        for (const auto* mount : mounts) {
+            if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;  // a single file, bound
+            volume.mountPoints.push_back(mount->target);
+            const bool better = !best || (mount->root == "/" && best->root != "/") ||
+                                ((mount->root == "/") == (best->root == "/") &&
+                                 mount->target.size() < best->target.size());
+            if (better) best = mount;
+        }
+        if (best) volume.mountPoint = best->target;
+        if (best && volume.fileSystem.empty()) volume.fileSystem = best->type;
+        if (best) volume.locked = false;
+        if (volume.name.empty()) volume.name = volume.deviceIdentifier;
+        auto evidence = evidence_[volume.deviceIdentifier];
+        evidence.deviceNames = volume.deviceNames;
+        evidence.mountPoints = volume.mountPoints;
+        volume.role = roleOf(evidence, machine_.settings);
+    }
+
+    // Named by its source where that can be told from the devices, else by its number.
+    void addUnknownRoot() {
+        const auto holdsRoot = [](const Volume& volume) {
+            return std::find(volume.mountPoints.begin(), volume.mountPoints.end(), "/") != volume.mountPoints.end();
+        };
+        if (std::any_of(volumes_.begin(), volumes_.end(), holdsRoot)) return;
+        const auto root = std::find_if(machine_.mounts.begin(), machine_.mounts.end(),
+                                       [](const Mount& mount) { return mount.target == "/"; });
+        if (root == machine_.mounts.end()) return;
+        auto name = root->source.starts_with("/dev/") ? root->source.substr(5) : root->source;
+        if (name.empty() || !isPlainName(name) || machine_.devices.contains(name))
+            name = std::to_string(major(root->device)) + ":" + std::to_string(minor(root->device));
+        Volume volume;
+        volume.deviceIdentifier = volume.container = volume.group = volume.name = name;
+        volume.deviceNames = {name};
+        volume.fileSystem = root->type;
+        volume.mountPoint = "/";
+        volume.mountPoints = {"/"};
+        volume.role = roleOf({{}, {}, {name}, {}, {}, {"/"}}, machine_.settings);
+        volumes_.push_back(std::move(volume));
+    }
+
+    static void judge(Volume& volume) {
+        if (!volume.leftOutBecause.empty()) return;
+        if (!isPlainName(volume.mountPoint))
+            volume.leftOutBecause = "its mount point holds a character that is not passed on";
+        else if (!isPlainName(volume.deviceIdentifier))
+            volume.leftOutBecause = "its device name holds a character that is not passed on";
+    }
+
+    const Machine& machine_;
+    std::vector<Volume> volumes_;
+    std::map<std::string, std::vector<const Mount*>> mounts_;  // by top device
+    std::map<std::string, RoleEvidence> evidence_;             // by top device
+};
+
+bool contains(const std::vector<std::string>& list, const std::string& text) {
+    return std::find(list.begin(), list.end(), text) != list.end();
+}
+
+std::string withoutEndingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+Lookup found(const Volume& volume) {
+    if (volume.leftOutBecause.empty()) return {volume, {}};
+    return {std::nullopt, volume.deviceIdentifier + " is left out: " + volume.leftOutBecause};
+}
+
+Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& volumes) {
+    const auto folder = withoutEndingSlashes(machine.settings.prebootDirectory);
+    if (!folder.starts_with('/') || !isPlainName(folder))
+        return {std::nullopt, "PrebootDirectory is no plain absolute path: " + folder};
+    if (!machine.isDirectory(folder)) return {std::nullopt, "no volume has the role Preboot, and no directory " + folder};
+    const auto* mount = mountHolding(machine.mounts, folder);
+    if (!mount) return {std::nullopt, "cannot tell which file system holds " + folder};
+    Volume answer;
+    answer.fileSystem = mount->type;
+    answer.deviceIdentifier = isPlainName(mount->source) ? mount->source : std::string();
+    for (const auto& volume : volumes) {
+        if (!contains(volume.mountPoints, mount->target)) continue;
+        if (!volume.leftOutBecause.empty()) return found(volume);
+        answer = volume;
+    }
+    // A user-space driver is known by what its device holds.
+    const auto& type = mount->type == "fuseblk" && answer.fileSystem != "fuseblk" ? answer.fileSystem : mount->type;
+    if (!allowsColons(type) || !allowsColons(answer.fileSystem))
+        return {std::nullopt, folder + " is on a " + type + " file system, whose file names cannot hold a colon"};
+    answer.role = "Preboot";
+    answer.mountPoint = folder;
+    return {answer, {}};
+}
+
+// The first mounted one goes before those that are not.
+Lookup lookUpPreboot(const Machine& machine, const std::vector<Volume>& volumes) {
+    const Volume* best = nullptr;
+    for (const auto& volume : volumes) {
+        const bool answers = volume.role == "Preboot" && volume.leftOutBecause.empty() &&
+                             allowsColons(volume.fileSystem);
+        if (answers && (!best || (best->mountPoint.empty() && !volume.mountPoint.empty()))) best = &volume;
+    }
+    return best ? found(*best) : prebootFromDirectory(machine, volumes);
+}
+
+const Volume* findByDevice(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
+    const bool isPath = identifier.starts_with("/dev/");
+    const auto name = isPath ? identifier.substr(5) : identifier;
+    for (const auto& volume : volumes)
+        if (contains(volume.deviceNames, name)) return &volume;
+    const auto number = isPath ? machine.nodeNumber(identifier) : 0;
+    for (const auto& volume : volumes)
+        for (const auto& device : volume.deviceNames)
+            if (const auto* known = find(machine.devices, device); number != 0 && known && known->number == number)
+                return &volume;
+    return nullptr;
+}
+
+}  // namespace
+
+Machine thisMachine() {
+    Machine machine;
+    if (const auto settings = readTrustedPropertyListFile(settingsPath))
+        machine.settings = readVolumeSettings(*settings);
+    machine.devices = readBlockDevices();
+    machine.mounts = readVisibleMounts();
+    machine.probe = probeDevice;
+    machine.isDirectory = [](const std::string& path) {
+        struct stat status{};
+        return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    };
+    machine.nodeNumber = [](const std::string& path) -> dev_t {
+        struct stat status{};
+        return ::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) ? status.st_rdev : 0;
+    };
+    return machine;
+}
+
+std::vector<Volume> findVolumes(const Machine& machine) {
+    return VolumeFinder(machine).find();
+}
+
+Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
+    if (identifier == "Preboot") return lookUpPreboot(machine, volumes);
+    if (const auto* volume = findByDevice(machine, volumes, identifier)) return found(*volume);
+    const auto path = withoutEndingSlashes(identifier);
+    const Volume* named = nullptr;
+    for (const auto& volume : volumes) {
+        if (contains(volume.mountPoints, path)) return found(volume);
+        if (identifier.empty() || (volume.name != identifier && visibleText(volume.name) != identifier)) continue;
+        if (named && !volume.leftOutBecause.empty()) continue;  // a stick must not make a disk's name ambiguous
+        if (named && named->leftOutBecause.empty())
+            return {std::nullopt, "more than one volume has this name: " + identifier};
+        named = &volume;
+    }
+    if (named) return found(*named);
+    return {std::nullopt, "no such volume: " + identifier};
+}
+
+}  // namespace tarnwick

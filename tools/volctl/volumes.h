@@ -1,0 +1,57 @@
+// The volumes of the machine: containers (a disk, a volume group, an array, a btrfs file system) hold groups (a
+// partition, a logical volume), and groups hold volumes (a file system, a swap area, a locked container).
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "volctl/block_devices.h"
+#include "volctl/mounts.h"
+#include "volctl/probe.h"
+#include "volctl/roles.h"
+
+namespace tarnwick {
+
+// What is looked at. Each part may be a recorded one.
+struct Machine {
+    BlockDevices devices;
+    std::vector<Mount> mounts;
+    VolumeSettings settings;
+    Prober probe;
+    std::function<bool(const std::string&)> isDirectory;  // asked of mount points that show part of a file system
+    std::function<dev_t(const std::string&)> nodeNumber;  // of a path below /dev, links followed; 0: no block device
+};
+
+// The machine that this program runs on, with /etc/tarnwick/volumes.plist.
+Machine thisMachine();
+
+struct Volume {
+    std::string deviceIdentifier;  // name of the topmost device that holds it
+    std::string container;
+    std::string group;
+    std::string name;   // label, else partition name, else name of the mapping, else device; bytes as on the disk
+    std::string uuid;   // empty: not known
+    std::string fileSystem;  // type; empty: not known
+    std::string role;
+    std::string mountPoint;                // empty: not mounted
+    std::vector<std::string> mountPoints;  // all of them
+    std::vector<std::string> deviceNames;  // all devices that stand for this volume and no other, the top one first
+    std::uint64_t size = 0;                // bytes; 0: not known
+    bool locked = false;
+    std::string leftOutBecause;  // empty: it is listed; else the reason why the listing and the other commands pass it
+};
+
+// Every volume, ordered by container and group. Each appears once, whatever stands between it and the disk. A file
+// system mounted at / counts as one even where its device is not known here (a pool, a network, layers).
+std::vector<Volume> findVolumes(const Machine& machine);
+
+// The answer to an identifier: the role name Preboot, a device name, a mount point or a volume name, in this order.
+struct Lookup {
+    std::optional<Volume> volume;
+    std::string problem;  // why there is none
+};
+Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier);
+
+}  // namespace tarnwick
