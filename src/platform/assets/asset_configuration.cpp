@@ -1,0 +1,100 @@
+#include "platform/assets/asset_configuration.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "base/handle.h"
+#include "platform/property_list.h"
+
+namespace tarnwick {
+
+namespace {
+
+using Url = std::unique_ptr<CURLU, FreeWith<curl_url_cleanup>>;
+using CurlText = std::unique_ptr<char, FreeWith<curl_free>>;
+
+constexpr std::size_t largestFile = 1 << 16;  // both files are a few lines
+
+FileDescriptor openTrustedFile(const std::filesystem::path& path) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != 0 ||
+        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        return {};
+    return file;
+}
+
+// Empty when the file cannot be trusted or read, or is larger than it has reason to be.
+std::string readTrustedFile(const std::filesystem::path& path) {
+    const auto file = openTrustedFile(path);
+    std::string bytes(largestFile + 1, '\0');
+    std::size_t filled = 0;
+    while (file && filled < bytes.size()) {
+        const auto count = ::read(file.get(), bytes.data() + filled, bytes.size() - filled);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return {};
+        if (count == 0) break;
+        filled += static_cast<std::size_t>(count);
+    }
+    bytes.resize(filled <= largestFile ? filled : 0);
+    return bytes;
+}
+
+std::string partOf(const Url& url, CURLUPart part) {
+    char* text = nullptr;
+    if (!url || curl_url_get(url.get(), part, &text, 0) != CURLUE_OK) return {};
+    return CurlText(text).get();
+}
+
+Url parseUrl(const std::string& text) {
+    Url url(curl_url());
+    if (url && curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) url.reset();
+    return url;
+}
+
+bool isLoopback(const std::string& host) {
+    in_addr address{};
+    if (inet_pton(AF_INET, host.c_str(), &address) == 1) return ntohl(address.s_addr) >> 24 == 127;
+    return host == "localhost" || host == "[::1]";
+}
+
+bool acceptable(const Url& url) {
+    const auto scheme = partOf(url, CURLUPART_SCHEME);
+    return scheme == "https" || scheme == "file" || (scheme == "http" && isLoopback(partOf(url, CURLUPART_HOST)));
+}
+
+}  // namespace
+
+bool assetServiceConfigured(const std::filesystem::path& file) { return static_cast<bool>(openTrustedFile(file)); }
+
+AssetResult readAssetConfiguration(const std::filesystem::path& file, AssetConfiguration& configuration) {
+    const auto dictionary = parsePropertyListText(readTrustedFile(file));
+    const auto* url = dictionary ? findValueAs<std::string>(*dictionary, "CatalogURL") : nullptr;
+    const auto* key = dictionary ? findValueAs<std::string>(*dictionary, "CatalogKey") : nullptr;
+    if (!url || !key || !acceptableUrl(*url)) return AssetResult::configurationUnusable;
+    configuration.catalogUrl = *url;
+    configuration.catalogKey = readTrustedFile(*key);
+    return configuration.catalogKey.empty() ? AssetResult::keyUnusable : AssetResult::success;
+}
+
+bool acceptableUrl(const std::string& url) { return acceptable(parseUrl(url)); }
+
+bool sameScheme(const std::string& left, const std::string& right) {
+    const auto scheme = partOf(parseUrl(left), CURLUPART_SCHEME);
+    return !scheme.empty() && scheme == partOf(parseUrl(right), CURLUPART_SCHEME);
+}
+
+std::optional<std::string> resolveUrl(const std::string& base, const std::string& reference) {
+    const auto url = parseUrl(base);
+    if (!url || curl_url_set(url.get(), CURLUPART_URL, reference.c_str(), CURLU_URLENCODE) != CURLUE_OK)
+        return std::nullopt;
+    const auto resolved = partOf(url, CURLUPART_URL);
+    if (!acceptable(url) || !sameScheme(base, resolved)) return std::nullopt;
+    return resolved;
+}
+
+}  // namespace tarnwick

@@ -1,0 +1,39 @@
+// The result codes of the asset service. They are shown as numbers in the execution log and explained in
+// tarnwick-assets(5): a number, once given, keeps its meaning.
+#pragma once
+
+#include <cstdint>
+
+namespace tarnwick {
+
+enum class AssetResult : std::int64_t {
+    success = 0,
+
+    configurationUnusable = 1,  // the configuration file lacks a key, or names a URL of a kind that is not allowed
+    keyUnusable = 2,            // the catalog key cannot be trusted, read, or used to verify
+    stopped = 3,                // the process ended first
+    storeFailed = 4,            // the store cannot be read or written
+
+    unreachable = 10,          // no connection
+    certificateRefused = 11,   // the server could not prove who it is
+    answerRefused = 12,        // the server has no such file, or answers with another error
+    redirectRefused = 13,      // sent to another scheme, to an address that is not allowed, or once too often
+    tooSlow = 14,              // below the minimum rate, or not done in the total time
+    transferFailed = 15,       // broken off
+
+    catalogTooLarge = 20,
+    signatureMissing = 21,
+    signatureWrong = 22,
+    catalogMalformed = 23,
+    catalogExpired = 24,
+    serialTooLow = 25,
+    pathRefused = 26,  // a path of the catalog is absolute, holds "..", an empty component or a control character
+
+    fileSizeWrong = 30,
+    fileDigestWrong = 31,
+    pathThroughLink = 32,
+    versionTooLow = 33,     // a higher version is installed
+    nothingToDownload = 34,  // the asset is not in the catalog
+};
+
+}  // namespace tarnwick

@@ -1,0 +1,148 @@
+#include "platform/assets/asset_transfer.h"
+
+#include <curl/curl.h>
+
+#include <cstdlib>
+#include <optional>
+
+#include "base/handle.h"
+#include "platform/assets/asset_configuration.h"
+
+namespace tarnwick {
+
+namespace {
+
+using Easy = std::unique_ptr<CURL, FreeWith<curl_easy_cleanup>>;
+using Multi = std::unique_ptr<CURLM, FreeWith<curl_multi_cleanup>>;
+
+constexpr int mostRedirects = 5;
+
+// One request and its answer.
+struct Exchange {
+    Easy easy{curl_easy_init()};
+    const TransferLimits& limits;
+    const ByteSink& sink;
+    std::uint64_t received = 0;
+    AssetResult refusal = AssetResult::success;  // why the body was not wanted any more
+
+    [[nodiscard]] long status() const {
+        long code = 0;
+        curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &code);
+        return code;
+    }
+
+    [[nodiscard]] bool isRedirect() const { return status() >= 300 && status() < 400; }
+
+    bool take(std::string_view bytes) {
+        if (isRedirect()) return true;  // a page for people
+        received += bytes.size();
+        refusal = received > limits.bytes ? limits.whenLarger : sink(bytes);
+        return refusal == AssetResult::success;
+    }
+};
+
+extern "C" std::size_t tarnwickTakeBytes(char* bytes, std::size_t size, std::size_t count, void* exchange) {
+    try {
+        return static_cast<Exchange*>(exchange)->take({bytes, size * count}) ? size * count : 0;
+    } catch (...) {  // an exception must not travel through the library
+        static_cast<Exchange*>(exchange)->refusal = AssetResult::storeFailed;
+        return 0;
+    }
+}
+
+// The curl command reads these variables, the library does not.
+void setAuthorities(CURL* easy) {
+    if (const auto* folder = std::getenv("SSL_CERT_DIR")) curl_easy_setopt(easy, CURLOPT_CAPATH, folder);
+    if (const auto* file = std::getenv("SSL_CERT_FILE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
+    if (const auto* file = std::getenv("CURL_CA_BUNDLE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
+}
+
+void setOptions(Exchange& exchange, const std::string& url) {
+    auto* easy = exchange.easy.get();
+    const auto& limits = exchange.limits;
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, url.substr(0, url.find(':')).c_str());
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, "tarnwick");
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_FAILONERROR, 1L);
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.totalTime.count()));
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, limits.minimumRate);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(limits.rateWindow.count()));
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &tarnwickTakeBytes);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &exchange);
+    setAuthorities(easy);
+}
+
+AssetResult resultOf(CURLcode code) {
+    switch (code) {
+        case CURLE_OK: return AssetResult::success;
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+        case CURLE_COULDNT_CONNECT: return AssetResult::unreachable;
+        case CURLE_PEER_FAILED_VERIFICATION: return AssetResult::certificateRefused;
+        case CURLE_HTTP_RETURNED_ERROR:
+        case CURLE_FILE_COULDNT_READ_FILE: return AssetResult::answerRefused;
+        case CURLE_OPERATION_TIMEDOUT: return AssetResult::tooSlow;
+        default: return AssetResult::transferFailed;
+    }
+}
+
+std::optional<CURLcode> finished(CURLM* multi) {
+    int left = 0;
+    const auto* message = curl_multi_info_read(multi, &left);
+    if (!message || message->msg != CURLMSG_DONE) return std::nullopt;
+    return message->data.result;
+}
+
+// The multi interface for one transfer only, because it is the one that another thread can wake.
+AssetResult perform(CURL* easy, const std::stop_token& stop) {
+    const Multi multi(curl_multi_init());
+    if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return AssetResult::transferFailed;
+    auto result = AssetResult::stopped;
+    {
+        const std::stop_callback wake(stop, [&multi] { curl_multi_wakeup(multi.get()); });
+        for (int running = 0; !stop.stop_requested();) {
+            auto healthy = curl_multi_perform(multi.get(), &running) == CURLM_OK;
+            if (const auto code = finished(multi.get())) {
+                result = resultOf(*code);
+                break;
+            }
+            healthy = healthy && curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr) == CURLM_OK;
+            if (!healthy) {
+                result = AssetResult::transferFailed;
+                break;
+            }
+        }
+    }
+    curl_multi_remove_handle(multi.get(), easy);
+    return result;
+}
+
+// Where the answer sends us, if that is allowed.
+std::optional<std::string> redirectTarget(const Exchange& exchange, const std::string& from) {
+    char* target = nullptr;
+    curl_easy_getinfo(exchange.easy.get(), CURLINFO_REDIRECT_URL, &target);
+    if (!target || !acceptableUrl(target) || !sameScheme(from, target)) return std::nullopt;
+    return target;
+}
+
+}  // namespace
+
+AssetResult fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
+                     const std::stop_token& stop) {
+    std::string next = url;
+    for (int redirects = 0; redirects <= mostRedirects; ++redirects) {
+        Exchange exchange{.limits = limits, .sink = sink};
+        if (!exchange.easy) return AssetResult::transferFailed;
+        setOptions(exchange, next);
+        const auto result = perform(exchange.easy.get(), stop);
+        if (exchange.refusal != AssetResult::success) return exchange.refusal;
+        if (result != AssetResult::success || !exchange.isRedirect()) return result;
+        const auto target = redirectTarget(exchange, next);
+        if (!target) return AssetResult::redirectRefused;
+        next = *target;
+    }
+    return AssetResult::redirectRefused;
+}
+
+}  // namespace tarnwick
