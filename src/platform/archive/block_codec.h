@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "base/handle.h"
 #include "platform/archive/hpke.h"
