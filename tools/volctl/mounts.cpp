@@ -45,14 +45,13 @@ public:
         std::map<int, const Entry*> byId;
         for (const auto& entry : entries) byId[entry.id] = &entry;
         for (const auto& entry : entries) {
-            const bool isRoot = entry.parent == entry.id || !byId.contains(entry.parent);
-            if (!isRoot) children_[{entry.parent, entry.mount.target}] = &entry;
-            if (isRoot && entry.mount.target == "/") root_ = &entry;
+            const bool isOutermost = entry.parent == entry.id || !byId.contains(entry.parent);
+            children_[{isOutermost ? outside_.id : entry.parent, entry.mount.target}] = &entry;
         }
     }
 
     [[nodiscard]] const Entry* mountAt(const std::string& path) const {
-        const Entry* current = root_ ? descend(root_, "/") : nullptr;
+        const Entry* current = descend(&outside_, "/");
         for (std::size_t slash = 0; current && path != "/" && slash != std::string::npos;) {
             slash = path.find('/', slash + 1);
             current = descend(current, path.substr(0, slash));
@@ -72,7 +71,7 @@ private:
     }
 
     std::map<std::pair<int, std::string>, const Entry*> children_;  // by parent and target
-    const Entry* root_ = nullptr;
+    Entry outside_{-1, -1, {}};  // what the table does not show: the root's parent, or the root itself in a chroot
 };
 
 bool isAtOrBelow(const std::string& path, const std::string& folder) {
