@@ -9,12 +9,58 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/find_dialect.h"
 #include "platform/internal_policies.h"
 
 namespace fs = std::filesystem;
 using namespace tarnwick;
 
 namespace {
+
+struct Directive {
+    std::string basePath, expression, docString;
+    bool operator==(const Directive&) const = default;
+};
+
+void PrintTo(const Directive& directive, std::ostream* out) {
+    *out << directive.basePath << " | " << directive.expression << " | " << directive.docString;
+}
+
+const std::vector<Directive> defaultDirectives{
+    {R"(/private/var/log)", R"(.*\/system.log)", R"--(system log (single file))--"},
+    {R"(/private/var/log)", R"(.*\/install.log)", R"--(installer log (single file))--"},
+    {R"(/private/var/tmp)", R"(.*\/hostdump_.*)", R"--(any hostdump (files starting with "hostdump_" in /var/tmp))--"},
+    {R"(/private/var/tmp/kernel_panics)", R"(.*)", R"--(all files under /var/tmp/kernel_panics)--"},
+    {R"(/Library/Logs/DiagnosticReports)", R"(.*\/panic-.*)", R"--(all panic logs (files that start with "panic-"))--"},
+    {R"(/Library/Logs/DiagnosticReports)", R"(.*\/*.crash.*)", R"--(all crash logs (files that end up with "crash"))--"},
+    {R"(/Library/Logs/DiagnosticReports)", R"(.*\/*.ips.*)", R"--(all IPS logs (files that end up with "ips"))--"},
+    {R"(/Library/Logs/DiagnosticReports)", R"(.*\/*.diag.*)", R"--(all DIAG logs (files that end up with "diag"))--"},
+    {R"(/Library/Logs/DiagnosticReports)", R"(.*\/*.spin.*)", R"--(all spin logs (files that end up with "spin"))--"},
+    {R"(/Library/Logs/DiagnosticReports)", R"(.*\/panic.*.panic)", R"--(all panic logs (for panic debug))--"},
+    {R"(/Library/Logs/FaultKeeper)", R"(.*)", R"--(all files under FaultKeeper)--"},
+    {R"(/private/var/log)", R"(.*\/wifi.*)", R"--(all files in /var/log starting with "wifi")--"}};
+
+TEST(OwnInfoDictionary, HoldsTheDefaultDirectivesInOrder) {
+    const auto spec = lookupOwnInfoValue("CaptureSpec");
+    ASSERT_TRUE(spec && spec->as<PropertyListArray>());
+    std::vector<Directive> embedded;
+    for (const auto& each : *spec->as<PropertyListArray>()) {
+        const auto field = [&](const char* key) {
+            return textFromPlatformString(findValue(*each.as<PropertyListDictionary>(), key));
+        };
+        embedded.push_back({field("BasePath"), field("Expression"), field("DocString")});
+        EXPECT_EQ(regexTypeOption(embedded.back().expression), "") << "the search command stays as it is";
+    }
+    EXPECT_EQ(embedded, defaultDirectives);
+}
+
+TEST(OwnInfoDictionary, HoldsARecipientKeyAndNothingUnderOtherNames) {
+    const auto key = lookupOwnInfoValue("archive_public_key");
+    const auto line = textFromPlatformString(key ? &*key : nullptr);
+    EXPECT_EQ(line.size(), 160U);
+    EXPECT_TRUE(line.starts_with("ecdsa-sha2-nistp256 AAAA")) << line;
+    EXPECT_FALSE(lookupOwnInfoValue("archive_public_ke"));
+}
 
 // Stands in a mount namespace of its own, with empty folders in place of the system's: nothing reaches the machine.
 class SystemFiles : public testing::Test {

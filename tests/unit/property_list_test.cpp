@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "platform/binary_property_list.h"
+#include "platform/info_dictionary.h"
 #include "platform/xml_property_list.h"
 
 namespace fs = std::filesystem;
@@ -274,6 +275,10 @@ TEST(PropertyList, TextOutsideAsciiDoesNotFitTheBuffer) {
     for (const char* each : {"\xc3\xa9", "abc\xe2\x82\xac", "\xf0\x9f\x98\x80"}) EXPECT_EQ(converted({std::string(each)}), "");
     EXPECT_EQ(converted({true}), "");
     EXPECT_EQ(textFromPlatformString(nullptr), "");
+}
+
+TEST(InfoDictionary, AProgramWithoutTheSectionHasNone) {
+    EXPECT_FALSE(lookupOwnInfoValue("CaptureSpec"));
 }
 
 class PropertyListFile : public testing::Test {
