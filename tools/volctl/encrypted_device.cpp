@@ -52,8 +52,20 @@ CryptDevice loadHeader(const BlockDevice& device, std::string& message, std::str
     return opened;
 }
 
+// Memory of the library's own that is wiped when it is freed.
+using SafeMemory = std::unique_ptr<void, FreeWith<crypt_safe_free>>;
+
+// The key is taken out first: whether a passphrase fits must not depend on what the kernel can open.
 int activate(crypt_device* opened, const std::string& mapping, const Passphrase& passphrase) {
-    return crypt_activate_by_passphrase(opened, mapping.c_str(), CRYPT_ANY_SLOT, passphrase.data(), passphrase.size(),
+    const int size = crypt_get_volume_key_size(opened);
+    if (size <= 0) return -EINVAL;
+    auto keySize = static_cast<std::size_t>(size);
+    const SafeMemory key(crypt_safe_alloc(keySize));
+    if (!key) return -ENOMEM;
+    const int slot = crypt_volume_key_get(opened, CRYPT_ANY_SLOT, static_cast<char*>(key.get()), &keySize,
+                                          passphrase.data(), passphrase.size());
+    if (slot < 0) return slot;
+    return crypt_activate_by_volume_key(opened, mapping.c_str(), static_cast<const char*>(key.get()), keySize,
                                         CRYPT_ACTIVATE_READONLY);
 }
 

@@ -78,7 +78,7 @@ public:
         isSilent_ = tcsetattr(descriptor, TCSAFLUSH, &silent) == 0;
     }
     ~SilentTerminal() {
-        if (isSilent_) tcsetattr(descriptor_, TCSADRAIN, &before_);
+        if (isSilent_) tcsetattr(descriptor_, TCSANOW, &before_);
     }
     SilentTerminal(const SilentTerminal&) = delete;
     SilentTerminal& operator=(const SilentTerminal&) = delete;

@@ -1,0 +1,56 @@
+"""nvram as a whole program on a folder of its own.  usage: test_nvram.py NVRAM"""
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+GUID = "8be4df61-93ca-11d2-aa0d-00e098032b8c"
+NVRAM = ""
+
+
+class NvramTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+
+    def variable(self, name, content):
+        with open(os.path.join(self.folder, f"{name}-{GUID}"), "wb") as file:
+            file.write(content)
+
+    def nvram(self, *arguments, folder=None, **options):
+        environment = {"TARNWICK_EFIVARS_DIR": folder or self.folder}
+        return subprocess.run([NVRAM, *arguments], capture_output=True, env=environment, **options)
+
+    def test_shows_the_good_and_names_the_bad(self):
+        self.variable("BootOrder", b"\7\0\0\0\1\0")
+        self.variable("Bad\x1b", b"\7")
+        self.variable("UserPassword", b"\7\0\0\0topsecret")
+        done = self.nvram("-p")
+        self.assertEqual(done.stdout.decode(), f"BootOrder-{GUID}\t%01%00\n"
+                         f"UserPassword-{GUID}\t%[withheld: a password, 9 bytes]\n")
+        self.assertEqual(done.stderr.decode(), f"nvram: Bad%1b-{GUID}: no attributes in it\n")
+        self.assertEqual(done.returncode, 0)
+
+    def test_fails_without_variables(self):
+        for folder in (self.folder, self.folder + "/missing"):
+            done = self.nvram("-p", folder=folder)
+            self.assertEqual((done.returncode, done.stdout, done.stderr.count(b"\n")), (1, b"", 1))
+        self.variable("Bad", b"")
+        self.assertEqual(self.nvram("-p").returncode, 1)
+
+    def test_tells_wrong_usage_and_a_full_disk_apart(self):
+        self.assertEqual(self.nvram().returncode, 2)
+        self.assertEqual(self.nvram("-p", "-x").returncode, 2)
+        self.assertEqual(self.nvram("--help").returncode, 0)
+        self.variable("A", b"\7\0\0\0x")
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([NVRAM, "-p"], stdout=full, stderr=subprocess.PIPE,
+                                  env={"TARNWICK_EFIVARS_DIR": self.folder})
+        self.assertEqual(done.returncode, 1)
+
+
+if __name__ == "__main__":
+    NVRAM = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
