@@ -89,22 +89,19 @@ class VolctlTest(unittest.TestCase):
         self.addCleanup(subprocess.run, ["umount", folder], capture_output=True)
 
     def dirty_image(self, format):
-        """An image as a power cut leaves it: journal to replay, deleted file still open."""
+        """An image as a power cut leaves it: a deleted file still open, and a journal to replay."""
         path, _ = self.formatted(format)
         folder = os.path.join(WORK, "dirty")
         self.mount(path, folder)
-        with open(folder + "/kept", "w") as file:
-            file.write("kept")
-        call("fsfreeze", "-f", folder)  # moves it from the journal to its place
-        call("fsfreeze", "-u", folder)
-        with open(folder + "/orphan", "w+") as orphan:
+        with open(folder + "/orphan", "w+") as orphan, open(folder + "/kept", "w") as kept:
             orphan.write("x" * 100000)
             orphan.flush()
-            os.fsync(orphan.fileno())
             os.remove(folder + "/orphan")
-            descriptor = os.open(folder, os.O_RDONLY)
-            os.fsync(descriptor)
-            os.close(descriptor)
+            call("fsfreeze", "-f", folder)  # moves all so far from the journal to its place
+            call("fsfreeze", "-u", folder)
+            kept.write("only in the journal")
+            kept.flush()
+            os.fsync(kept.fileno())
             copy = self.image(f"{self.id()}.{format}.copy", 1)
             shutil.copyfile(path, copy)
         call("umount", folder)
