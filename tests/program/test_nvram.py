@@ -1,7 +1,6 @@
-"""nvram as a whole program on a folder of its own.  usage: test_nvram.py NVRAM"""
+"""nvram as a whole program on a folder of its own.  TARNWICK_BIN: the folder of the program."""
 import os
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -52,5 +51,5 @@ class NvramTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    NVRAM = os.path.abspath(sys.argv.pop(1))
+    NVRAM = os.path.join(os.path.abspath(os.environ["TARNWICK_BIN"]), "nvram")
     unittest.main()

@@ -1,4 +1,4 @@
-"""volctl on real loop devices, in a private mount namespace.  usage: test_volctl.py VOLCTL"""
+"""volctl on real loop devices, in a private mount namespace.  TARNWICK_BIN: the folder of the program."""
 import fcntl
 import hashlib
 import os
@@ -329,6 +329,6 @@ if __name__ == "__main__":
     if IN_NAMESPACE not in sys.argv:
         os.execvp("unshare", ["unshare", "-m", "--propagation", "private", sys.executable, *sys.argv, IN_NAMESPACE])
     sys.argv.remove(IN_NAMESPACE)
-    VOLCTL = os.path.abspath(sys.argv.pop(1))
+    VOLCTL = os.path.join(os.path.abspath(os.environ["TARNWICK_BIN"]), "volctl")
     prepare_namespace()
     unittest.main()
