@@ -6,7 +6,8 @@
 function(tarnwick_recipient_line text result)
   string(STRIP "${text}" text)
   # The base64 text always starts alike: type, curve, and the length and form of the point (uncompressed).
-  if(NOT text MATCHES "^(ecdsa-sha2-nistp256 AAAAE2VjZHNhLXNoYTItbmlzdHAyNTYAAAAIbmlzdHAyNTYAAABBB[A-P][A-Za-z0-9+/]+=)([ \t][^\r\n]*)?$")
+  set(start "AAAAE2VjZHNhLXNoYTItbmlzdHAyNTYAAAAIbmlzdHAyNTYAAABBB[A-P]")
+  if(NOT text MATCHES "^(ecdsa-sha2-nistp256 ${start}[A-Za-z0-9+/]+=)([ \t][^\r\n]*)?$")
     message(FATAL_ERROR "Not one line with an ecdsa-sha2-nistp256 public key: \"${text}\"")
   endif()
   set(line "${CMAKE_MATCH_1}")

@@ -37,7 +37,8 @@ std::optional<PropertyListValue> lookupOwnInfoValue(std::string_view key) {
 
 std::optional<Bundle> findBundleByIdentifier(std::string_view identifier) {
     if (!isPlainFileName(identifier)) return std::nullopt;
-    auto info = readTrustedPropertyListFile(std::filesystem::path("/usr/lib/tarnwick/bundles") / identifier / "Info.plist");
+    auto info =
+        readTrustedPropertyListFile(std::filesystem::path("/usr/lib/tarnwick/bundles") / identifier / "Info.plist");
     if (!info) return std::nullopt;
     return Bundle{std::move(*info)};
 }

@@ -87,7 +87,8 @@ Value dataFrom(std::string_view text) {
         padding += pads ? 1 : 0;
         group = group << 6 | static_cast<std::uint32_t>(digit);
         if (++filled < 4) continue;
-        for (int shift = 16; shift >= 8 * padding; shift -= 8) data.push_back(static_cast<std::byte>(group >> shift & 0xff));
+        for (int shift = 16; shift >= 8 * padding; shift -= 8)
+            data.push_back(static_cast<std::byte>(group >> shift & 0xff));
         filled = 0;
         group = 0;
     }
@@ -284,7 +285,8 @@ std::size_t xmlCharacterLength(std::string_view text) {
         point = point << 6 | (byte(at) & 0x3f);
     }
     const bool overlong = point < (length == 3 ? 0x800U : length == 4 ? 0x10000U : 0x80U);
-    const bool forbidden = (point >= 0xd800 && point < 0xe000) || point == 0xfffe || point == 0xffff || point > 0x10ffff;
+    const bool forbidden =
+        (point >= 0xd800 && point < 0xe000) || point == 0xfffe || point == 0xffff || point > 0x10ffff;
     return overlong || forbidden ? 0 : length;
 }
 
@@ -322,7 +324,8 @@ std::string base64(const PropertyListData& data) {
     for (std::size_t at = 0; at < data.size(); at += 3) {
         const auto count = std::min<std::size_t>(3, data.size() - at);
         std::uint32_t group = 0;
-        for (std::size_t i = 0; i < 3; ++i) group = group << 8 | (i < count ? std::to_integer<std::uint32_t>(data[at + i]) : 0);
+        for (std::size_t i = 0; i < 3; ++i)
+            group = group << 8 | (i < count ? std::to_integer<std::uint32_t>(data[at + i]) : 0);
         for (std::size_t i = 0; i < 4; ++i) out += i <= count ? base64Alphabet[group >> (18 - 6 * i) & 0x3f] : '=';
     }
     return out;

@@ -31,14 +31,25 @@ std::vector<std::string> linesOf(const std::string& command) {
 }
 
 TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
-    const std::vector<std::string> wanted{
-        "/run/log/journal/0123/system.journal", "/var/crash/202401010000/dmesg.202401010000",
-        "/var/lib/rasdaemon/ras-mc_event.db", "/var/lib/smartmontools/smartd.DISK-1.ata.state",
-        "/var/lib/systemd/coredump/core.prog.0.abc.1.2.zst", "/var/lib/systemd/pstore/1/dmesg.txt",
-        "/var/log/Xorg.0.log.old", "/var/log/alternatives.log.1", "/var/log/apt/term.log", "/var/log/boot.log-20240101",
-        "/var/log/bootstrap.log", "/var/log/dpkg.log", "/var/log/fwupd.log", "/var/log/installer/syslog",
-        "/var/log/journal/0123/user-1000@00ff.journal~", "/var/log/kern.log.2.gz", "/var/log/syslog",
-        "/var/log/sysstat/sa01", "/var/log/unattended-upgrades/unattended-upgrades.log"};
+    const std::vector<std::string> wanted{"/run/log/journal/0123/system.journal",
+                                          "/var/crash/202401010000/dmesg.202401010000",
+                                          "/var/lib/rasdaemon/ras-mc_event.db",
+                                          "/var/lib/smartmontools/smartd.DISK-1.ata.state",
+                                          "/var/lib/systemd/coredump/core.prog.0.abc.1.2.zst",
+                                          "/var/lib/systemd/pstore/1/dmesg.txt",
+                                          "/var/log/Xorg.0.log.old",
+                                          "/var/log/alternatives.log.1",
+                                          "/var/log/apt/term.log",
+                                          "/var/log/boot.log-20240101",
+                                          "/var/log/bootstrap.log",
+                                          "/var/log/dpkg.log",
+                                          "/var/log/fwupd.log",
+                                          "/var/log/installer/syslog",
+                                          "/var/log/journal/0123/user-1000@00ff.journal~",
+                                          "/var/log/kern.log.2.gz",
+                                          "/var/log/syslog",
+                                          "/var/log/sysstat/sa01",
+                                          "/var/log/unattended-upgrades/unattended-upgrades.log"};
     const std::vector<std::string> unwanted{"/var/log/auth.log", "/var/log/wtmp", "/var/log/nginx/access.log",
                                             "/var/lib/systemd/random-seed", "/var/log/app/syslog.d/secret"};
     std::string root = testing::TempDir() + "linux.XXXXXX";

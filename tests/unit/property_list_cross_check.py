@@ -14,7 +14,7 @@ import tempfile
 from pathlib import Path
 
 EPOCH = datetime.datetime(2001, 1, 1)
-DOCUMENT_TYPE = b'<!DOCTYPE plist PUBLIC "-//Vexlor//DTD PLIST 1.0//EN" "http://www.vexlor.com/DTDs/PropertyList-1.0.dtd">'
+DOCUMENT_TYPE = b'<!DOCTYPE plist SYSTEM "http://www.vexlor.com/DTDs/PropertyList-1.0.dtd">'
 TEXTS = ["", "plain", "a<b>&\"c'", "Zürich", "日本", "\U0001f600", "line\nend", " blanks ", "x" * 300]
 
 
@@ -24,7 +24,7 @@ def random_value(draw, depth, binary):
         case "text":
             return draw.choice(TEXTS) + str(draw.randrange(9))
         case "int":
-            return draw.choice([draw.randrange(-(2**63), 2**64), draw.randrange(-300, 300), 2**63, 2**64 - 1, -(2**63)])
+            return draw.choice([draw.randrange(-(2**63), 2**64), draw.randrange(-300, 300), 2**63, 2**64 - 1])
         case "real":
             return draw.choice([draw.uniform(-1e9, 1e9), draw.gauss(0, 1) * 1e-300, math.inf, math.nan, -0.0, 5e-324])
         case "bool":
@@ -38,7 +38,8 @@ def random_value(draw, depth, binary):
         case "array":
             return [random_value(draw, depth + 1, binary) for _ in range(draw.choice([0, 1, 3, 15, 20]))]
         case "dict":
-            return {draw.choice(TEXTS) + str(n): random_value(draw, depth + 1, binary) for n in range(draw.randrange(18))}
+            keys = [draw.choice(TEXTS) + str(number) for number in range(draw.randrange(18))]
+            return {key: random_value(draw, depth + 1, binary) for key in keys}
 
 
 def canonical(value):

@@ -32,7 +32,8 @@ std::string repeated(std::string_view text, std::size_t count) {
 
 std::string bigEndian(std::uint64_t number, int width) {
     std::string out;
-    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) out.push_back(static_cast<char>(shift < 64 ? number >> shift : 0));
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+        out.push_back(static_cast<char>(shift < 64 ? number >> shift : 0));
     return out;
 }
 
@@ -68,15 +69,38 @@ std::string text(const std::optional<PropertyListValue>& value) {
 TEST(XmlPropertyList, RefusesWhatIsNotOnePropertyList) {
     const auto nested = [](std::size_t depth) { return repeated("<array>", depth) + repeated("</array>", depth); };
     const std::vector<std::string> refused{
-        "", " ", "<", "<plist/>", plist(""), plist("<true/><true/>"), plist("<true/>") + plist("<true/>"),
-        plist("<true/>") + "x", "<true/>", "<plist><true></false></plist>", "<plist><dict></array></plist>",
-        plist("<plist><true/></plist>"), plist("<bool/>"), plist("<key>k</key>"), plist("text<true/>"),
-        plist("<true>x</true>"), plist("<string>a<b/></string>"), plist("<string>a<string>b</string></string>"),
-        plist("<dict><key>k</key></dict>"), plist("<dict><true/></dict>"), plist("<array><key>k</key></array>"),
-        plist("<dict><key>k</key><key>l</key><true/></dict>"), plist("<dict><key>k</key><true/><true/></dict>"),
-        plist(nested(513)), plist(nested(100000)), plist(repeated("<array>", 100000)),
-        plist("<string>\xff</string>"), plist("<string>\xed\xa0\x80</string>"), plist("<string>\xc0\xaf</string>"),
-        plist("<string>&#0;</string>"), plist("<string>&#xD800;</string>"), plist("<string>&unknown;</string>"),
+        "",
+        " ",
+        "<",
+        "<plist/>",
+        plist(""),
+        plist("<true/><true/>"),
+        plist("<true/>") + plist("<true/>"),
+        plist("<true/>") + "x",
+        "<true/>",
+        "<plist><true></false></plist>",
+        "<plist><dict></array></plist>",
+        plist("<plist><true/></plist>"),
+        plist("<bool/>"),
+        plist("<key>k</key>"),
+        plist("text<true/>"),
+        plist("<true>x</true>"),
+        plist("<string>a<b/></string>"),
+        plist("<string>a<string>b</string></string>"),
+        plist("<dict><key>k</key></dict>"),
+        plist("<dict><true/></dict>"),
+        plist("<array><key>k</key></array>"),
+        plist("<dict><key>k</key><key>l</key><true/></dict>"),
+        plist("<dict><key>k</key><true/><true/></dict>"),
+        plist(nested(513)),
+        plist(nested(100000)),
+        plist(repeated("<array>", 100000)),
+        plist("<string>\xff</string>"),
+        plist("<string>\xed\xa0\x80</string>"),
+        plist("<string>\xc0\xaf</string>"),
+        plist("<string>&#0;</string>"),
+        plist("<string>&#xD800;</string>"),
+        plist("<string>&unknown;</string>"),
         "<!DOCTYPE plist SYSTEM \"file:///etc/passwd\">" + plist("<string>&unknown;</string>"),
         "<!DOCTYPE plist PUBLIC \"glued\"><!DOCTYPE plist PUBLIC \"glued\">" + plist("<true/>"),
         "<?xml version=\"1.0\" encoding=\"no-such\"?>" + plist("<true/>")};
@@ -89,17 +113,19 @@ TEST(XmlPropertyList, RefusesEntitiesAndEverythingElseInAnInternalSubset) {
     for (char name = 'b'; name < 'z'; ++name)
         bomb += "<!ENTITY "s + name + " \"" + repeated("&"s + static_cast<char>(name - 1) + ";", 10) + "\">";
     EXPECT_FALSE(parsePropertyList(bomb + "]>" + plist("<string>&y;</string>")));
-    for (const char* declaration :
-         {"<!ENTITY a 'b'>", "<!ENTITY % a 'b'>", "<!ENTITY a SYSTEM 'file:///etc/passwd'>", "<!ATTLIST true a CDATA 'b'>"})
+    for (const char* declaration : {"<!ENTITY a 'b'>", "<!ENTITY % a 'b'>", "<!ENTITY a SYSTEM 'file:///etc/passwd'>",
+                                    "<!ATTLIST true a CDATA 'b'>"})
         EXPECT_FALSE(parsePropertyList("<!DOCTYPE plist ["s + declaration + "]>" + plist("<true/>"))) << declaration;
 }
 
 TEST(XmlPropertyList, TakesEveryDocumentTypeLineInUse) {
     const auto declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"s;
-    const auto glued = "<!DOCTYPE plist PUBLIC \"-//Vexlor//DTD PLIST 1.0//ENhttp://www.vexlor.com/DTDs/PropertyList-1.0.dtd\">"s;
+    const auto glued =
+        "<!DOCTYPE plist PUBLIC \"-//Vexlor//DTD PLIST 1.0//ENhttp://www.vexlor.com/DTDs/PropertyList-1.0.dtd\">"s;
     const auto body = plist("<string>" + std::string("&lt;!DOCTYPE") + "</string>");
-    for (const auto& line : {""s, glued, glued + "\n", "<!DOCTYPE plist>"s, "<!DOCTYPE plist SYSTEM \"x.dtd\">"s,
-                             "<!DOCTYPE plist PUBLIC \"-//Vexlor//DTD PLIST 1.0//EN\" \"http://nowhere.invalid/x.dtd\">"s}) {
+    for (const auto& line :
+         {""s, glued, glued + "\n", "<!DOCTYPE plist>"s, "<!DOCTYPE plist SYSTEM \"x.dtd\">"s,
+          "<!DOCTYPE plist PUBLIC \"-//Vexlor//DTD PLIST 1.0//EN\" \"http://nowhere.invalid/x.dtd\">"s}) {
         EXPECT_EQ(text(parsePropertyList(declaration + line + body)), "<!DOCTYPE") << line;
         EXPECT_EQ(text(parsePropertyList(line + body)), "<!DOCTYPE") << line;
     }
@@ -110,18 +136,21 @@ TEST(XmlPropertyList, ReadsEveryEncodingOfExpatAsUtf8) {
     const auto document = "<?xml version=\"1.0\"?>" + plist("<string>caf\xc3\xa9 \xf0\x9f\x98\x80</string>");
     EXPECT_EQ(text(parsePropertyList(document)), "caf\xc3\xa9 \xf0\x9f\x98\x80");
     EXPECT_EQ(text(parsePropertyList("\xef\xbb\xbf" + document)), "caf\xc3\xa9 \xf0\x9f\x98\x80");
-    EXPECT_EQ(text(parsePropertyList("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>" + plist("<string>\xe9</string>"))),
-              "\xc3\xa9");
+    EXPECT_EQ(
+        text(parsePropertyList("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>" + plist("<string>\xe9</string>"))),
+        "\xc3\xa9");
     std::string wide = "\xfe\xff";
     for (const char byte : plist("<string>x</string>")) wide += {'\0', byte};
     EXPECT_EQ(text(parsePropertyList(wide)), "x");
 }
 
 TEST(XmlPropertyList, ReadsNumbersInTheirWholeRangeAndNotBeyond) {
-    const auto integer = [](const std::string& digits) { return parsePropertyList(plist("<integer>" + digits + "</integer>")); };
+    const auto integer = [](const std::string& digits) {
+        return parsePropertyList(plist("<integer>" + digits + "</integer>"));
+    };
     const std::vector<std::pair<const char*, std::int64_t>> good{
-        {"0", 0}, {" +7\n", 7}, {"-0", 0}, {"0x1f", 31}, {"0XFF", 255},
-        {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()}};
+        {"0", 0},     {" +7\n", 7},  {"-0", 0},
+        {"0x1f", 31}, {"0XFF", 255}, {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()}};
     for (const auto& [digits, expected] : good) {
         const auto value = integer(digits);
         ASSERT_TRUE(value && value->as<std::int64_t>()) << digits;
@@ -129,8 +158,8 @@ TEST(XmlPropertyList, ReadsNumbersInTheirWholeRangeAndNotBeyond) {
     }
     EXPECT_EQ(*integer("18446744073709551615")->as<std::uint64_t>(), ~std::uint64_t{0});
     EXPECT_EQ(*integer("0x8000000000000000")->as<std::uint64_t>(), std::uint64_t{1} << 63);
-    for (const char* digits : {"", "-", "+", "+-1", "--1", "1x", "0x", "0x-1", "-0x1", "+0x1", "1 2", "1.0", "18446744073709551616",
-                               "-9223372036854775809", "0x10000000000000000", "\xd9\xa1"})
+    for (const char* digits : {"", "-", "+", "+-1", "--1", "1x", "0x", "0x-1", "-0x1", "+0x1", "1 2", "1.0",
+                               "18446744073709551616", "-9223372036854775809", "0x10000000000000000", "\xd9\xa1"})
         EXPECT_FALSE(integer(digits)) << digits;
     for (const char* digits : {"", "1,5", "1e", "0x1p3", "1.5 x", "+-1", "1e999"})
         EXPECT_FALSE(parsePropertyList(plist("<real>"s + digits + "</real>"))) << digits;
@@ -142,8 +171,8 @@ TEST(XmlPropertyList, ReadsDatesOfTheCalendarOnly) {
     EXPECT_EQ(date("2001-01-01T00:00:00Z")->as<PropertyListDate>()->secondsSince2001, 0);
     EXPECT_EQ(date("2000-02-29T23:59:59Z")->as<PropertyListDate>()->secondsSince2001, -307 * 86400 + 86399);
     for (const char* when : {"", "2001-01-01", "2001-01-01T00:00:00", "2001-02-29T00:00:00Z", "2001-13-01T00:00:00Z",
-                             "2001-01-01T24:00:00Z", "2001-01-01T00:00:60Z", "0000-01-01T00:00:00Z", "2001-1-01T00:00:00Z",
-                             "+001-01-01T00:00:00Z", "2001-01-01T00:00:00ZZ"})
+                             "2001-01-01T24:00:00Z", "2001-01-01T00:00:60Z", "0000-01-01T00:00:00Z",
+                             "2001-1-01T00:00:00Z", "+001-01-01T00:00:00Z", "2001-01-01T00:00:00ZZ"})
         EXPECT_FALSE(date(when)) << when;
 }
 
@@ -157,7 +186,8 @@ TEST(XmlPropertyList, ReadsPaddedBase64Only) {
         const auto& bytes = *value->as<PropertyListData>();
         EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), expected);
     }
-    for (const char* digits : {"Z", "Zg", "Zg=", "Zm8", "Z===", "====", "Zm8==", "Zg==Zg==", "Zg===", "Zm9v=", "Z-_=", "Z=g="})
+    for (const char* digits :
+         {"Z", "Zg", "Zg=", "Zm8", "Z===", "====", "Zm8==", "Zg==Zg==", "Zg===", "Zm9v=", "Z-_=", "Z=g="})
         EXPECT_FALSE(data(digits)) << digits;
 }
 
@@ -186,7 +216,8 @@ TEST(XmlPropertyList, WritesHostileTextAndDatesAsADocumentThatCanBeRead) {
 TEST(BinaryPropertyList, ReadsEachKindOfObject) {
     EXPECT_EQ(*object("\x10\xff")->as<std::int64_t>(), 255);
     EXPECT_EQ(*object("\x13" + bigEndian(~std::uint64_t{0}, 8))->as<std::int64_t>(), -1);
-    EXPECT_EQ(*object("\x14" + bigEndian(0, 8) + bigEndian(~std::uint64_t{0}, 8))->as<std::uint64_t>(), ~std::uint64_t{0});
+    EXPECT_EQ(*object("\x14" + bigEndian(0, 8) + bigEndian(~std::uint64_t{0}, 8))->as<std::uint64_t>(),
+              ~std::uint64_t{0});
     EXPECT_EQ(*object("\x14" + repeated("\xff", 16))->as<std::int64_t>(), -1);
     EXPECT_EQ(*object("\x22\x3f\xc0\x00\x00"s)->as<double>(), 1.5);
     EXPECT_EQ(object("\x81\x01\x02")->as<PropertyListUid>()->number, 258U);
@@ -198,14 +229,39 @@ TEST(BinaryPropertyList, ReadsEachKindOfObject) {
 }
 
 TEST(BinaryPropertyList, RefusesBrokenObjects) {
-    const std::vector<std::string> broken{
-        "\x00"s, "\x0f", "\x07", "\x15" + repeated("0", 32), "\x14\x01" + repeated("0", 15), "\x21\x3f\xc0", "\x24",
-        "\x33\x7f\xf8\x00\x00\x00\x00\x00\x00"s, "\x33\x7f\xf0\x00\x00\x00\x00\x00\x00"s, "\x33\x7e\x37\xe4\x3c\x88\x00\x75\x9c"s,
-        "\x32\x3f\xc0\x00\x00"s, "\x51\x80", "\x61\xd8\x3d", "\x61\xde\x00"s, "\x62\xd8\x3d\x00\x61"s, "\x62\xd8\x3d\xd8\x3d",
-        "\x71x", "\x88" + repeated("0", 9), "\xb0", "\xc0", "\xf0", "\x5f", "\x5f\x14" + repeated("\0"s, 16),
-        "\x5f\x20\x01x", "\x5f\x13" + bigEndian(~std::uint64_t{0}, 8), "\x6f\x13" + bigEndian(std::uint64_t{1} << 63, 8),
-        "\xaf\x13" + bigEndian(std::uint64_t{1} << 61, 8), "\xdf\x13" + bigEndian(std::uint64_t{1} << 63, 8), "\x4f\x12\x7f\xff\xff\xff",
-        "\xa1\x00"s, "\xa1\x01", "\xa1", "\xd1\x00\x00"s};
+    const std::vector<std::string> broken{"\x00"s,
+                                          "\x0f",
+                                          "\x07",
+                                          "\x15" + repeated("0", 32),
+                                          "\x14\x01" + repeated("0", 15),
+                                          "\x21\x3f\xc0",
+                                          "\x24",
+                                          "\x33\x7f\xf8\x00\x00\x00\x00\x00\x00"s,
+                                          "\x33\x7f\xf0\x00\x00\x00\x00\x00\x00"s,
+                                          "\x33\x7e\x37\xe4\x3c\x88\x00\x75\x9c"s,
+                                          "\x32\x3f\xc0\x00\x00"s,
+                                          "\x51\x80",
+                                          "\x61\xd8\x3d",
+                                          "\x61\xde\x00"s,
+                                          "\x62\xd8\x3d\x00\x61"s,
+                                          "\x62\xd8\x3d\xd8\x3d",
+                                          "\x71x",
+                                          "\x88" + repeated("0", 9),
+                                          "\xb0",
+                                          "\xc0",
+                                          "\xf0",
+                                          "\x5f",
+                                          "\x5f\x14" + repeated("\0"s, 16),
+                                          "\x5f\x20\x01x",
+                                          "\x5f\x13" + bigEndian(~std::uint64_t{0}, 8),
+                                          "\x6f\x13" + bigEndian(std::uint64_t{1} << 63, 8),
+                                          "\xaf\x13" + bigEndian(std::uint64_t{1} << 61, 8),
+                                          "\xdf\x13" + bigEndian(std::uint64_t{1} << 63, 8),
+                                          "\x4f\x12\x7f\xff\xff\xff",
+                                          "\xa1\x00"s,
+                                          "\xa1\x01",
+                                          "\xa1",
+                                          "\xd1\x00\x00"s};
     for (const auto& each : broken) EXPECT_FALSE(object(each)) << testing::PrintToString(each);
     EXPECT_FALSE(parsePropertyList(Binary{{"\xd1\x01\x01", "\x10\x05"}}.bytes())) << "a key that is no text";
 }
@@ -219,12 +275,14 @@ TEST(BinaryPropertyList, RefusesABrokenFrame) {
         return !parsePropertyList(damaged.bytes());
     };
     constexpr auto top = std::uint64_t{1} << 63;
-    for (const auto wrong : {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{3}, top, ~std::uint64_t{0}, top >> 1, top / 2 + 2}) {
+    for (const auto wrong :
+         {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{3}, top, ~std::uint64_t{0}, top >> 1, top / 2 + 2}) {
         EXPECT_TRUE(refused([=](Binary& it) { it.count = wrong; })) << wrong;
         EXPECT_TRUE(refused([=](Binary& it) { it.tableOffset = wrong; })) << wrong;
         EXPECT_TRUE(refused([=](Binary& it) { it.root = std::max<std::uint64_t>(wrong, 2); })) << wrong;
     }
-    for (const auto wrong : {0U, 7U, 13U, 1000U, ~0U}) EXPECT_TRUE(refused([=](Binary& it) { it.firstOffset = wrong; })) << wrong;
+    for (const auto wrong : {0U, 7U, 13U, 1000U, ~0U})
+        EXPECT_TRUE(refused([=](Binary& it) { it.firstOffset = wrong; })) << wrong;
     EXPECT_TRUE(refused([](Binary& it) { it.offsetWidth = 9; }));
     EXPECT_TRUE(refused([](Binary& it) { it.offsetWidth = 0; }));
     EXPECT_TRUE(refused([](Binary& it) { it.referenceWidth = 0; }));
@@ -254,7 +312,8 @@ TEST(BinaryPropertyList, RefusesCyclesDepthAndGrowthQuickly) {
 
     // One text of a megabyte, listed a hundred thousand times.
     const auto large = "\x5f\x12" + bigEndian(1 << 20, 4) + repeated("x", 1 << 20);
-    EXPECT_FALSE(parsePropertyList(Binary{{"\xaf\x12" + bigEndian(100000, 4) + repeated("\x01", 100000), large}}.bytes()));
+    EXPECT_FALSE(
+        parsePropertyList(Binary{{"\xaf\x12" + bigEndian(100000, 4) + repeated("\x01", 100000), large}}.bytes()));
 }
 
 TEST(PropertyList, ADocumentCutAnywhereIsNone) {
@@ -272,7 +331,8 @@ TEST(PropertyList, ADocumentCutAnywhereIsNone) {
 TEST(PropertyList, TextOutsideAsciiDoesNotFitTheBuffer) {
     const auto converted = [](PropertyListValue value) { return textFromPlatformString(&value); };
     EXPECT_EQ(converted({"plain \0text"s}), "plain \0text"s);
-    for (const char* each : {"\xc3\xa9", "abc\xe2\x82\xac", "\xf0\x9f\x98\x80"}) EXPECT_EQ(converted({std::string(each)}), "");
+    for (const char* each : {"\xc3\xa9", "abc\xe2\x82\xac", "\xf0\x9f\x98\x80"})
+        EXPECT_EQ(converted({std::string(each)}), "");
     EXPECT_EQ(converted({true}), "");
     EXPECT_EQ(textFromPlatformString(nullptr), "");
 }

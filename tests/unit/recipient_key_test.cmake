@@ -22,7 +22,8 @@ set(ANSWER "${ANSWER}/recipient-${name}")
 
 function(expect text wanted)
   file(REMOVE "${ANSWER}")
-  execute_process(COMMAND ${CMAKE_COMMAND} "-DTEXT=${text}" "-DANSWER=${ANSWER}" -P ${CMAKE_CURRENT_FUNCTION_LIST_FILE}
+  execute_process(COMMAND ${CMAKE_COMMAND} "-DTEXT=${text}" "-DANSWER=${ANSWER}"
+                          -P ${CMAKE_CURRENT_FUNCTION_LIST_FILE}
                   RESULT_VARIABLE status OUTPUT_QUIET ERROR_QUIET)
   set(answer "refused")
   if(status EQUAL 0)
@@ -36,7 +37,7 @@ endfunction()
 
 expect("${key}" "${key}")
 expect("${key} service@office <x>&\n" "${key}")
-foreach(text "" "nonsense" "${key}A" "A${key}" "${key}\n${key}" "${key}<x>" "${compressed}" "${other_type}" "${unpadded}"
-             "${foreign_byte}" "ecdsa-sha2-nistp256" "ecdsa-sha2-nistp256 ${point}=")
+foreach(text "" "nonsense" "${key}A" "A${key}" "${key}\n${key}" "${key}<x>" "${compressed}" "${other_type}"
+             "${unpadded}" "${foreign_byte}" "ecdsa-sha2-nistp256" "ecdsa-sha2-nistp256 ${point}=")
   expect("${text}" "refused")
 endforeach()
