@@ -56,7 +56,9 @@ private:
 };
 
 OSSL_PARAM octets(const char* name, Bytes bytes) {
-    return OSSL_PARAM_construct_octet_string(name, const_cast<std::uint8_t*>(bytes.data()), bytes.size());
+    static std::uint8_t nothing = 0;  // OpenSSL refuses an empty string that stands nowhere
+    return OSSL_PARAM_construct_octet_string(
+        name, bytes.empty() ? &nothing : const_cast<std::uint8_t*>(bytes.data()), bytes.size());
 }
 
 bool hkdf(int mode, Bytes salt, Bytes key, Bytes info, MutableBytes out) {
