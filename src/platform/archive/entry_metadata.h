@@ -1,0 +1,31 @@
+// The metadata of one file on the disk, through libarchive's disk reader.
+#pragma once
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+
+#include "base/handle.h"
+#include "platform/archive/entry_codec.h"
+
+namespace tarnwick::qvx {
+
+// Reads one file after the other. One thread at a time.
+class MetadataReader {
+public:
+    MetadataReader();  // throws std::bad_alloc
+
+    // Fills the fields of `head` and the attributes and access lists of `tail` for the file that is open as
+    // `descriptor`; a symbolic link is not open (-1) and read by its path. Attributes past their limit are left out and
+    // marked so. Returns 0 or a negative errno value.
+    int read(const std::string& path, int descriptor, const struct stat& status, EntryHead& head, EntryTail& tail);
+
+private:
+    std::unique_ptr<archive, FreeWith<archive_read_free>> disk_;
+    std::unique_ptr<archive_entry, FreeWith<archive_entry_free>> entry_;
+};
+
+}  // namespace tarnwick::qvx

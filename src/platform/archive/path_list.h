@@ -1,0 +1,61 @@
+// What goes into an archive: paths in order, duplicates kept, each with what was seen when it was listed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/archive/archive_library.h"
+#include "platform/archive/format.h"
+
+namespace tarnwick {
+
+// Paths are held front-coded (each says how much of the path before it it shares), because a list may hold a million
+// of them. They can only be walked in order, then.
+struct PathList {
+    struct Entry {
+        std::string path;  // absolute, without empty components, "." or ".."
+        qvx::EntryType type = qvx::EntryType::file;
+        dev_t device = 0;
+    };
+
+    void append(const Entry& entry);
+    void append(const PathList& other);
+    [[nodiscard]] std::uint64_t size() const { return count_; }
+
+    class Walk {
+    public:
+        explicit Walk(const PathList& list) : list_(list) {}
+
+        // The next entry, until the next call; null at the end.
+        const Entry* next();
+
+    private:
+        const PathList& list_;
+        std::size_t position_ = 0;
+        Entry entry_;
+    };
+
+private:
+    std::vector<std::uint8_t> coded_;
+    std::string last_;
+    std::vector<dev_t> devices_;
+    std::uint64_t count_ = 0;
+};
+
+namespace qvx {
+
+// `path`, taken relative to `directory`, with empty components and "." left out; nothing when it cannot stand in an
+// archive, as with a "..", which cannot be left out without knowing what is a link.
+std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
+
+// Nothing for what an archive does not hold (a FIFO, a socket, a device).
+std::optional<EntryType> entryTypeOf(mode_t mode);
+
+}  // namespace qvx
+
+}  // namespace tarnwick
