@@ -19,6 +19,9 @@ IN_NAMESPACE = "--in-namespace"
 # What a volume may be mounted as, and the tool that makes one (xfs wants 300 MiB; the images are sparse).
 FORMATS = {"ext4": (64, ["mkfs.ext4", "-q", "-U"]), "xfs": (320, ["mkfs.xfs", "-q", "-m"]),
            "btrfs": (128, ["mkfs.btrfs", "-q", "-U"])}
+FORMATS = {name: made for name, made in FORMATS.items() if shutil.which(made[1][0]) and (
+    any(line.split()[-1] == name for line in open("/proc/filesystems"))
+    or os.path.isdir(f"/lib/modules/{os.uname().release}/kernel/fs/{name}"))}
 VOLCTL = ""
 
 
@@ -331,4 +334,5 @@ if __name__ == "__main__":
     sys.argv.remove(IN_NAMESPACE)
     VOLCTL = os.path.join(os.path.abspath(os.environ["TARNWICK_BIN"]), "volctl")
     prepare_namespace()
+    print("file systems that this machine can make and mount:", *FORMATS)
     unittest.main()

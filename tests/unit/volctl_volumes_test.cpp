@@ -86,7 +86,7 @@ TEST_F(Volumes, UnderMultipathAndArraysAppearOnceByTheirTopHolder) {
 }
 
 TEST_F(Volumes, OnDisksThatComeAndGoAreLeftOutUnread) {
-    recorded.devices("pci/usb1 bus=usb\npci/usb1/1-1 bus=usb removable=removable\npci/usb1/1-1/block/sda\n"
+    recorded.devices("pci/usb1 bus=usb removable=unknown\npci/usb1/1-1 bus=usb removable=removable\npci/usb1/1-1/block/sda\n"
                      "pci/usb1/1-1/block/sda/sda1\n"
                      "virtual/block/dm-0 dm/name=stick dm/uuid=CRYPT-LUKS2-" + luksName + " on=sda1\n"
                      "pci/usb1/1-2 bus=usb removable=fixed\npci/usb1/1-2/block/sdb\n"

@@ -1,4 +1,4 @@
-#include "nvram/firmware_variables.h"
+#include "firmware_variables.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "base/handle.h"
-#include "nvram/withheld.h"
+#include "withheld.h"
 
 namespace tarnwick {
 

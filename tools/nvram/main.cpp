@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include "nvram/firmware_variables.h"
+#include "firmware_variables.h"
 
 namespace {
 

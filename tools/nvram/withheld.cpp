@@ -1,4 +1,4 @@
-#include "nvram/withheld.h"
+#include "withheld.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
-#include "volctl/answers.h"
+#include "answers.h"
 
 #include <utility>
 
-#include "volctl/visible_text.h"
+#include "visible_text.h"
 
 namespace tarnwick {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "platform/property_list.h"
-#include "volctl/volumes.h"
+#include "volumes.h"
 
 namespace tarnwick {
 

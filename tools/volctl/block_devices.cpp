@@ -1,4 +1,4 @@
-#include "volctl/block_devices.h"
+#include "block_devices.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,6 @@
 #include <cstring>
 #include <fstream>
 #include <optional>
-#include <set>
 
 namespace tarnwick {
 
@@ -59,30 +58,36 @@ std::vector<std::string> linkedDevices(const fs::path& folder) {
     return names;
 }
 
+enum class Attachment { unknown, builtIn, detachable };
+
 // A bus made for plugging makes the disk one that comes and goes, unless the firmware says that it is built in: some
 // machines keep their only disk on a soldered eMMC or an inner USB port.
-bool plugsIn(const fs::path& ancestor) {
+Attachment attachmentOf(const fs::path& ancestor) {
     std::error_code error;
     const auto bus = fs::read_symlink(ancestor / "subsystem", error).filename().native();
     const auto fixture = attribute(ancestor, "removable");
-    if (fixture == "removable") return true;
-    if (bus == "usb") return fs::exists(ancestor / "removable", error) && fixture != "fixed";
-    if (bus == "mmc") return attribute(ancestor, "type") != "MMC";
-    return bus == "firewire" || bus == "ieee1394" || bus == "pcmcia";
+    if (fixture == "removable" || bus == "firewire" || bus == "ieee1394" || bus == "pcmcia")
+        return Attachment::detachable;
+    if (bus == "usb" && !fixture.empty()) return fixture == "fixed" ? Attachment::builtIn : Attachment::detachable;
+    if (bus == "mmc") return attribute(ancestor, "type") == "MMC" ? Attachment::builtIn : Attachment::detachable;
+    return Attachment::unknown;
 }
 
+// The nearest that knows decides: above a built-in USB disk stands a root hub that knows nothing.
 bool isDetachableDisk(const fs::path& folder) {
     if (attribute(folder, "removable") == "1") return true;
     for (auto ancestor = folder.parent_path(); ancestor.filename() != "devices" && ancestor.has_relative_path();
-         ancestor = ancestor.parent_path())
-        if (plugsIn(ancestor)) return true;
+         ancestor = ancestor.parent_path()) {
+        const auto attachment = attachmentOf(ancestor);
+        if (attachment != Attachment::unknown) return attachment == Attachment::detachable;
+    }
     return false;
 }
 
 bool isLeftOut(const fs::path& folder, const BlockDevice& device) {
     const auto& name = device.name;
     return device.number == 0 || device.size == 0 || attribute(folder, "hidden") == "1" || name.starts_with("ram") ||
-           name.starts_with("zram") || (name.starts_with("loop") && attribute(folder, "size") == "0");
+           name.starts_with("zram");
 }
 
 // The device behind a loop device, when its window is the whole of it.

@@ -1,4 +1,4 @@
-#include "volctl/encrypted_device.h"
+#include "encrypted_device.h"
 
 #include <libcryptsetup.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "volctl/passphrase.h"
+#include "passphrase.h"
 
 namespace tarnwick {
 

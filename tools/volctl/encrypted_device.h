@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "volctl/block_devices.h"
+#include "block_devices.h"
 
 namespace tarnwick {
 

@@ -1,9 +1,9 @@
-#include "volctl/listing.h"
+#include "listing.h"
 
 #include <algorithm>
 #include <array>
 
-#include "volctl/visible_text.h"
+#include "visible_text.h"
 
 namespace tarnwick {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "volctl/volumes.h"
+#include "volumes.h"
 
 namespace tarnwick {
 

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "platform/xml_property_list.h"
-#include "volctl/answers.h"
-#include "volctl/listing.h"
-#include "volctl/unlock.h"
-#include "volctl/visible_text.h"
+#include "answers.h"
+#include "listing.h"
+#include "unlock.h"
+#include "visible_text.h"
 
 namespace {
 

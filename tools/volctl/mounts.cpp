@@ -1,4 +1,4 @@
-#include "volctl/mounts.h"
+#include "mounts.h"
 
 #include <libmount/libmount.h>
 

@@ -1,4 +1,4 @@
-#include "volctl/passphrase.h"
+#include "passphrase.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "base/handle.h"
-#include "volctl/visible_text.h"
+#include "visible_text.h"
 
 namespace tarnwick {
 

@@ -1,4 +1,4 @@
-#include "volctl/probe.h"
+#include "probe.h"
 
 #include <blkid/blkid.h>
 

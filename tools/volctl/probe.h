@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "volctl/block_devices.h"
+#include "block_devices.h"
 
 namespace tarnwick {
 

@@ -1,4 +1,4 @@
-#include "volctl/read_only_mount.h"
+#include "read_only_mount.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "volctl/block_devices.h"
+#include "block_devices.h"
 
 namespace tarnwick {
 

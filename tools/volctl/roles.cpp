@@ -1,4 +1,4 @@
-#include "volctl/roles.h"
+#include "roles.h"
 
 #include <strings.h>
 

@@ -1,10 +1,10 @@
-#include "volctl/unlock.h"
+#include "unlock.h"
 
 #include <algorithm>
 #include <csignal>
 
-#include "volctl/encrypted_device.h"
-#include "volctl/read_only_mount.h"
+#include "encrypted_device.h"
+#include "read_only_mount.h"
 
 namespace tarnwick {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "volctl/volumes.h"
+#include "volumes.h"
 
 namespace tarnwick {
 

@@ -1,4 +1,4 @@
-#include "volctl/visible_text.h"
+#include "visible_text.h"
 
 #include <cstddef>
 

@@ -1,12 +1,14 @@
-#include "volctl/volumes.h"
+#include "volumes.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
-#include <set>
+#include <map>
+#include <utility>
 
-#include "volctl/visible_text.h"
+#include "visible_text.h"
 
 namespace tarnwick {
 
@@ -297,6 +299,8 @@ Machine thisMachine() {
     if (const auto settings = readTrustedPropertyListFile(settingsPath))
         machine.settings = readVolumeSettings(*settings);
     machine.devices = readBlockDevices();
+    // The folder may be mounted on demand only; opening it is the demand.
+    const FileDescriptor demanded(::open(machine.settings.prebootDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     machine.mounts = readVisibleMounts();
     machine.probe = probeDevice;
     machine.isDirectory = [](const std::string& path) {

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "volctl/block_devices.h"
-#include "volctl/mounts.h"
-#include "volctl/probe.h"
-#include "volctl/roles.h"
+#include "block_devices.h"
+#include "mounts.h"
+#include "probe.h"
+#include "roles.h"
 
 namespace tarnwick {
 
