@@ -1,0 +1,146 @@
+#include "platform/archive/entry_reader.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <limits>
+#include <new>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::uint64_t largestContent = std::numeric_limits<std::int64_t>::max();
+
+}  // namespace
+
+RecordJoiner::State RecordJoiner::take(const Record& record, std::size_t limit) {
+    if (joining_ && record.type != type_) return State::damaged;
+    if (!joining_ && !record.continues) {
+        payload_ = record.payload;
+        return payload_.size() <= limit ? State::whole : State::damaged;
+    }
+    if (!joining_) joined_.clear();
+    type_ = record.type;
+    if (record.payload.size() > limit - std::min(limit, joined_.size())) return State::damaged;
+    joined_.insert(joined_.end(), record.payload.begin(), record.payload.end());
+    joining_ = record.continues;
+    payload_ = joined_;
+    return joining_ ? State::partial : State::whole;
+}
+
+void ContentDigest::Free::operator()(evp_md_ctx_st* context) const noexcept { EVP_MD_CTX_free(context); }
+
+ContentDigest::ContentDigest() : context_(EVP_MD_CTX_new()) { restart(); }
+
+void ContentDigest::restart() {
+    if (!context_ || EVP_DigestInit_ex2(context_.get(), EVP_sha256(), nullptr) != 1) throw std::bad_alloc();
+}
+
+void ContentDigest::add(Bytes bytes) {
+    if (EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) != 1) throw std::bad_alloc();
+}
+
+void ContentDigest::addZeros(std::uint64_t count) {
+    static constexpr std::array<std::uint8_t, 65536> zeros{};
+    for (; count > 0; count -= std::min<std::uint64_t>(count, zeros.size()))
+        add(Bytes(zeros).first(static_cast<std::size_t>(std::min<std::uint64_t>(count, zeros.size()))));
+}
+
+Digest ContentDigest::finish() {
+    Digest digest;
+    if (EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) != 1) throw std::bad_alloc();
+    return digest;
+}
+
+EntryReader::Step EntryReader::take(const Record& record) {
+    if (record.type == RecordType::entry) return begin(record.payload);
+    if (!inEntry_) return damaged("a record stands outside of an entry");
+    if (joiner_.joining() && record.type != RecordType::end) return damaged("a split record is not continued");
+    switch (record.type) {
+        case RecordType::data: return addData(record.payload);
+        case RecordType::hole: return addHole(record.payload);
+        default: break;
+    }
+    switch (joiner_.take(record, maxEndLength)) {
+        case RecordJoiner::State::partial: return Step::more;
+        case RecordJoiner::State::whole: return finish(joiner_.payload());
+        case RecordJoiner::State::damaged: break;
+    }
+    return damaged("the end of the entry is malformed");
+}
+
+bool EntryReader::deliver(const EntrySink::ContentReader& content) {
+    inEntry_ = false;
+    return sink_.finish(tail_, content);
+}
+
+std::uint64_t EntryReader::size() const { return tail_.sum ? tail_.sum->size : size_; }
+
+void EntryReader::abandon() {
+    if (inEntry_) sink_.abandon();
+    inEntry_ = false;
+    joiner_.reset();
+}
+
+EntryReader::Step EntryReader::begin(Bytes payload) {
+    if (inEntry_) return damaged("the entry has no end");
+    auto head = decodeEntryHead(payload);
+    if (!head) return damaged("the beginning of an entry is malformed");
+    head_ = std::move(*head);
+    digest_.restart();
+    size_ = 0;
+    holes_ = 0;
+    inEntry_ = sink_.begin(head_);
+    return inEntry_ ? Step::more : Step::stopped;
+}
+
+EntryReader::Step EntryReader::addData(Bytes bytes) {
+    if (bytes.size() > largestContent - size_) return damaged("the content is too long");
+    size_ += bytes.size();
+    if (head_.type == EntryType::directory) return damaged("a directory has content");
+    if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
+    digest_.add(bytes);
+    return sink_.data(bytes) ? Step::more : Step::stopped;
+}
+
+EntryReader::Step EntryReader::addHole(Bytes payload) {
+    const auto length = decodeHole(payload);
+    if (!length || head_.type != EntryType::file || *length > largestContent - size_)
+        return damaged("a hole is malformed");
+    size_ += *length;
+    ++holes_;
+    if (!sink_.hole(*length)) return Step::stopped;
+    digest_.addZeros(*length);
+    return Step::more;
+}
+
+EntryReader::Step EntryReader::finish(Bytes payload) {
+    auto tail = decodeEntryTail(payload);
+    if (!tail) return damaged("the end of the entry is malformed");
+    tail_ = std::move(*tail);
+    if (const char* fault = faultOfTail()) return damaged(fault);
+    return Step::whole;
+}
+
+const char* EntryReader::faultOfTail() {
+    if (tail_.linkOf && *tail_.linkOf >= head_.number) return "the entry is linked to one that does not stand before it";
+    if (tail_.contentOf) {
+        const bool own = size_ > 0 || holes_ > 0;
+        if (own || head_.type != EntryType::file || *tail_.contentOf >= head_.number)
+            return "the reference to the entry's content is malformed";
+        return nullptr;
+    }
+    if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
+    if (tail_.digest && *tail_.digest != digest_.finish()) return "the digest does not match";
+    if (head_.type == EntryType::link && size_ == 0) return "the link has no target";
+    return nullptr;
+}
+
+EntryReader::Step EntryReader::damaged(const char* what) {
+    what_ = what;
+    abandon();
+    return Step::damaged;
+}
+
+}  // namespace tarnwick::qvx
