@@ -48,7 +48,7 @@ private:
 // Reads the chosen entries of one index part from the blocks that the pipeline opens.
 class ChosenWalk {
 public:
-    ChosenWalk(BlockPipeline& blocks, ArchiveIndex& index, const ArchiveReader::PathChoice& chosen, EntrySink& sink)
+    ChosenWalk(BlockPipeline& blocks, ArchiveIndex& index, const ArchiveReader::Choice& chosen, EntrySink& sink)
         : blocks_(blocks), index_(index), chosen_(chosen), entry_(sink) {}
 
     bool read(const EntryPlace& place, ReadFault& fault) {
@@ -58,7 +58,7 @@ public:
             RecordCursor cursor(block_->plain, offset);
             while (const auto record = cursor.next()) {
                 const auto step = entry_.take(*record);
-                const bool expected = entry_.head().number == place.number && chosen_(entry_.head().path);
+                const bool expected = entry_.head().number == place.number && chosen_(place.number, entry_.head().path);
                 if (step == EntryReader::Step::more && expected) continue;
                 if (step == EntryReader::Step::whole) return deliver(fault);
                 if (step == EntryReader::Step::stopped) return false;
@@ -113,17 +113,17 @@ private:
 
     BlockPipeline& blocks_;
     ArchiveIndex& index_;
-    const ArchiveReader::PathChoice& chosen_;
+    const ArchiveReader::Choice& chosen_;
     EntryReader entry_;
     BlockPointer block_;
 };
 
 std::optional<std::vector<ChosenEntry>> chooseEntries(ArchiveIndex& index, std::size_t part,
-                                                      const ArchiveReader::PathChoice& chosen, ReadFault& fault) {
+                                                      const ArchiveReader::Choice& chosen, ReadFault& fault) {
     std::vector<ChosenEntry> entries;
     const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
         if (!entries.empty() && entries.back().place.number + 1 == number) entries.back().lastBlock = entry.block;
-        if (chosen(entry.path))
+        if (chosen(number, entry.path))
             entries.push_back({{number, entry.block, entry.offset}, std::max(entry.block, index.partBlock(part))});
         return true;
     };
@@ -158,7 +158,7 @@ bool ArchiveReader::list(const ArchiveIndex::Visitor& visit, ReadFault& fault) {
     return true;
 }
 
-bool ArchiveReader::readChosen(const PathChoice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault) {
+bool ArchiveReader::readChosen(const Choice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault) {
     taken = 0;
     if (!loadIndex(fault)) return false;
     for (std::size_t part = 0; part < index_->parts(); ++part) {

@@ -17,7 +17,7 @@ namespace tarnwick::qvx {
 class ArchiveReader {
 public:
     using FaultReport = std::function<void(const ReadFault&)>;
-    using PathChoice = std::function<bool(std::string_view path)>;
+    using Choice = std::function<bool(std::uint64_t number, std::string_view path)>;
 
     // Agrees on the keys of the archive with the recipient's private key. Null, and `fault` says why, when the header
     // is damaged; a key of somebody else shows only in the fingerprint of the header, or when no block opens.
@@ -27,9 +27,9 @@ public:
     // damage of the index.
     bool list(const ArchiveIndex::Visitor& visit, ReadFault& fault);
 
-    // Reads the entries whose path is chosen, in archive order, and only the blocks that hold them. `taken` is their
+    // Reads the entries that are chosen, in archive order, and only the blocks that hold them. `taken` is their
     // number. False at the first damage met, and when the sink stops.
-    bool readChosen(const PathChoice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault);
+    bool readChosen(const Choice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault);
 
     // Goes through the whole archive and checks everything: each block and its place, each record, sum and digest, each
     // reference, index, root and trailer against what they describe, and that nothing follows. False at the first

@@ -1,0 +1,187 @@
+#include "create.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "key_files.h"
+#include "platform/archive/archive_library.h"
+#include "report.h"
+
+namespace tarnwick::qvx {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using PathListHandle = std::unique_ptr<PathList, FreeWith<destroyPathList>>;
+using KeySetHandle = std::unique_ptr<FieldKeySet, FreeWith<destroyFieldKeySet>>;
+using ContextHandle = std::unique_ptr<EncryptionContext, FreeWith<destroyEncryptionContext>>;
+using ByteStreamHandle = std::unique_ptr<ByteStream, FreeWith<closeByteStream>>;
+using ArchiveStreamHandle = std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>>;
+
+constexpr const char* allFields = "UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL";
+constexpr std::uint64_t compressionIdentifier = 2049;
+constexpr std::uint64_t compressionBlockSize = 1048576;
+constexpr std::uint64_t encryptionFlags = 0xC000000000000000;
+constexpr int workers = 4;
+
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+};
+
+std::optional<FileIdentity> identify(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return std::nullopt;
+    return FileIdentity{status.st_dev, status.st_ino};
+}
+
+// Collects paths, made absolute, for the archive.
+class Collection {
+public:
+    explicit Collection(std::optional<FileIdentity> output)
+        : list_(newPathList()), working_(fs::current_path().string()), output_(output) {}
+
+    bool add(const std::string& path) {
+        const std::string absolute = makeAbsolute(path);
+        const PathListHandle one(pathListForPath("/", absolute));
+        if (!one) {
+            struct stat status {};
+            const bool missing = path.empty() || lstat(path.c_str(), &status) != 0;
+            say(escapedName(path) + ": " + (missing ? std::strerror(path.empty() ? ENOENT : errno)
+                                                     : "neither a regular file, a directory nor a symbolic link"));
+            return false;
+        }
+        if (mergePathLists(list_.get(), one.get()) == 0) return true;
+        say("the list of paths cannot be made");
+        return false;
+    }
+
+    // The path itself and, if it is a directory, everything below it in order of names. What no archive can hold is
+    // left out below, after saying so.
+    bool addTree(const std::string& path) {
+        if (!add(path)) return false;
+        struct stat status {};
+        if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return true;
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(path)) names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+            const std::string below = path.ends_with('/') ? path + name : path + '/' + name;
+            return leftOut(below) || addTree(below);
+        });
+    }
+
+    [[nodiscard]] const PathList* list() const { return list_.get(); }
+
+private:
+    [[nodiscard]] std::string makeAbsolute(const std::string& path) const {
+        if (path.empty() || path.starts_with('/')) return path;
+        return working_ == "/" ? '/' + path : working_ + '/' + path;
+    }
+
+    bool leftOut(const std::string& path) const {
+        struct stat status {};
+        if (lstat(path.c_str(), &status) != 0) return false;
+        const bool special = !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
+        const bool output = output_ && status.st_dev == output_->device && status.st_ino == output_->inode;
+        if (special) say(escapedName(path) + ": left out, neither a file, a directory nor a symbolic link");
+        if (output) say(escapedName(path) + ": left out, it is the archive");
+        return special || output;
+    }
+
+    PathListHandle list_;
+    std::string working_;
+    std::optional<FileIdentity> output_;
+};
+
+// Calls `take` for each name of the file. False, after saying why, when one is refused or the file cannot be read.
+template <typename Take>
+bool readNames(const std::string& path, const Take& take) {
+    const auto closeFile = [](std::FILE* file) {
+        if (file != stdin) std::fclose(file);
+    };
+    const std::unique_ptr<std::FILE, decltype(closeFile)> file(
+        path == "-" ? stdin : std::fopen(path.c_str(), "re"), closeFile);
+    char* line = nullptr;
+    std::size_t capacity = 0;
+    ssize_t length = 0;
+    bool good = file != nullptr;
+    errno = good ? 0 : errno;
+    while (good && (length = getdelim(&line, &capacity, '\0', file.get())) >= 0) {
+        const std::string_view name(line, static_cast<std::size_t>(length));
+        if (!take(std::string(name.substr(0, name.find('\0'))))) {
+            std::free(line);
+            return false;
+        }
+    }
+    std::free(line);
+    if (good && !std::ferror(file.get())) return true;
+    sayError(escapedName(path), errno);
+    return false;
+}
+
+bool collect(Collection& collection, const CreateOptions& options) {
+    const auto addOne = [&](const std::string& path) { return collection.add(path); };
+    return (options.namesFrom.empty() || readNames(options.namesFrom, addOne)) &&
+           std::all_of(options.paths.begin(), options.paths.end(),
+                       [&](const std::string& path) { return collection.addTree(path); });
+}
+
+bool refuse(const char* what) {
+    say(what);
+    return false;
+}
+
+bool setUp(EncryptionContext* context, const Point& recipient) {
+    return setContextFieldBlob(context, contextFieldRecipient, representationUncompressed,
+                               reinterpret_cast<const std::byte*>(recipient.data()), recipient.size()) >= 0 &&
+           setContextFieldUInt(context, contextFieldCompression, compressionIdentifier) >= 0 &&
+           setContextFieldUInt(context, contextFieldBlockSize, compressionBlockSize) >= 0;
+}
+
+bool writeArchive(const PathList* list, const Point& recipient, const std::string& output) {
+    const ContextHandle context(createEncryptionContext(3));
+    if (!context || !setUp(context.get(), recipient)) return refuse("the recipient's key is not usable");
+    const KeySetHandle keys(fieldKeySetFromString(allFields));
+    if (!keys) return refuse("the set of fields cannot be made");
+    // Declared from the file inwards, so that the streams close from the encoder outwards.
+    const ByteStreamHandle file(openFileByteStream(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    if (!file) return refuse((escapedName(output) + ": cannot be written").c_str());
+    const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), encryptionFlags, workers));
+    if (!encryption) return refuse("the recipient's key is not usable");
+    const ArchiveStreamHandle encoder(openArchiveEncoderStream(encryption.get(), nullptr, nullptr, 0, workers));
+    if (!encoder) return refuse("the archive cannot be begun");
+    const int status = writePathList(encoder.get(), list, keys.get(), "/", nullptr, nullptr, 0, workers);
+    if (status == 0) return true;
+    sayError("the archive cannot be written", -status);
+    return false;
+}
+
+void removeOutput(const std::string& output) {
+    struct stat status {};
+    if (lstat(output.c_str(), &status) == 0 && S_ISREG(status.st_mode)) unlink(output.c_str());
+}
+
+}  // namespace
+
+bool createArchive(const CreateOptions& options) {
+    const auto recipient = loadRecipient(options.recipient);
+    if (!recipient) return false;
+    Collection collection(identify(options.output));
+    if (!collect(collection, options)) return false;
+    if (writeArchive(collection.list(), *recipient, options.output)) return true;
+    removeOutput(options.output);
+    return false;
+}
+
+}  // namespace tarnwick::qvx

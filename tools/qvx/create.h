@@ -1,0 +1,20 @@
+// Making an archive.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tarnwick::qvx {
+
+struct CreateOptions {
+    std::string recipient;
+    std::string output;
+    std::string namesFrom;  // a file of names that end with a zero byte, "-" for standard input, empty for none
+    std::vector<std::string> paths;
+};
+
+// Directories among the paths are taken with all that stands in them; names from a file are taken as they are. False
+// after saying why, and then no archive is left.
+bool createArchive(const CreateOptions& options);
+
+}  // namespace tarnwick::qvx

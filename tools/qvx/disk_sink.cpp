@@ -1,0 +1,241 @@
+#include "disk_sink.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "interruption.h"
+#include "report.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::size_t copyBufferSize = 1048576;
+constexpr std::size_t longestName = 255;
+
+FileDescriptor openRegular(int directory, const std::string& name) {
+    FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) return {};
+    return file;
+}
+
+// Gives the content of an open file to `sink`, holes as holes. False at an error and when the sink stops.
+bool readFile(int file, EntrySink& sink) {
+    const off_t size = lseek(file, 0, SEEK_END);
+    std::vector<std::uint8_t> buffer(copyBufferSize);
+    for (off_t at = 0; at < size;) {
+        const off_t seek = lseek(file, at, SEEK_DATA);
+        const off_t begin = seek >= 0 ? seek : errno == ENXIO ? size : at;
+        if (begin > at && !sink.hole(static_cast<std::uint64_t>(begin - at))) return false;
+        const off_t seekEnd = begin < size ? lseek(file, begin, SEEK_HOLE) : size;
+        const off_t end = seekEnd >= 0 ? seekEnd : size;
+        for (at = begin; at < end;) {
+            const auto want = std::min(buffer.size(), static_cast<std::size_t>(end - at));
+            const ssize_t got = pread(file, buffer.data(), want, at);
+            if (got <= 0 || !sink.data(Bytes(buffer).first(static_cast<std::size_t>(got)))) return false;
+            at += got;
+        }
+    }
+    return size >= 0;
+}
+
+// Takes the digest of content, and hands it on where it is wanted.
+class DigestingSink : public EntrySink {
+public:
+    explicit DigestingSink(TemporaryFile* file) : file_(file) {}
+    bool begin(const EntryHead&) override { return true; }
+    bool data(Bytes bytes) override {
+        digest_.add(bytes);
+        return !interrupted() && (!file_ || file_->data(bytes));
+    }
+    bool hole(std::uint64_t length) override {
+        digest_.addZeros(length);
+        return !interrupted() && (!file_ || file_->hole(length));
+    }
+    bool finish(const EntryTail&, const ContentReader&) override { return true; }
+    void abandon() override {}
+    Digest digest() { return digest_.finish(); }
+
+private:
+    TemporaryFile* file_;
+    ContentDigest digest_;
+};
+
+bool holds(int file, const EntryTail& tail) {
+    DigestingSink sink(nullptr);
+    return tail.digest && readFile(file, sink) && sink.digest() == *tail.digest;
+}
+
+}  // namespace
+
+void ExtractedPaths::add(std::uint64_t number, std::string_view path) {
+    text_ += path;
+    places_.push_back({number, text_.size()});
+}
+
+std::optional<std::string_view> ExtractedPaths::find(std::uint64_t number) const {
+    const auto found = std::lower_bound(places_.begin(), places_.end(), number,
+                                        [](const Place& place, std::uint64_t key) { return place.number < key; });
+    if (found == places_.end() || found->number != number) return std::nullopt;
+    const std::size_t begin = found == places_.begin() ? 0 : std::prev(found)->end;
+    return std::string_view(text_).substr(begin, found->end - begin);
+}
+
+bool DiskSink::begin(const EntryHead& head) {
+    head_ = head;
+    skipping_ = false;
+    linkTarget_.clear();
+    name_ = Destination::nameOf(head.path);
+    if (head.path.empty()) return !interrupted();
+    parent_ = destination_.parentOf(head.path, true);
+    if (parent_ < 0) {
+        failWithErrno();
+    } else if (head.type == EntryType::directory) {
+        makeDirectory();
+    }
+    return !interrupted();
+}
+
+bool DiskSink::data(Bytes bytes) {
+    if (head_.type == EntryType::link) {
+        linkTarget_.append(bytes.begin(), bytes.end());
+    } else if (!skipping_ && openTemporary() && !temporary_.data(bytes)) {
+        fail(temporary_.what());
+    }
+    return !interrupted();
+}
+
+bool DiskSink::hole(std::uint64_t length) {
+    if (!skipping_ && openTemporary()) temporary_.hole(length);
+    return !interrupted();
+}
+
+bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
+    if (head_.path.empty() || skipping_) return !interrupted();
+    switch (head_.type) {
+        case EntryType::directory: directories_[head_.path] = {head_, tail}; break;
+        case EntryType::link: finishLink(tail); break;
+        case EntryType::file: finishFile(tail, content); break;
+    }
+    return !interrupted();
+}
+
+void DiskSink::abandon() {
+    if (keepIncomplete_ && temporary_.exists() && temporary_.finish({})) {
+        constexpr std::string_view suffix = ".incomplete";
+        const std::string stem = name_.substr(0, longestName - suffix.size() - 4) + std::string(suffix);
+        std::string name = stem;
+        for (int i = 1; i < 1000 && !temporary_.rename(name, false) && errno == EEXIST; ++i)
+            name = stem + '.' + std::to_string(i);
+        if (!temporary_.exists()) say(escapedName(head_.path) + ": what there is of it is kept as " + escapedName(name));
+    }
+    temporary_.drop();
+}
+
+void DiskSink::finishDirectories() {
+    // Backwards: what stands in a directory comes before it.
+    for (auto directory = directories_.rbegin(); directory != directories_.rend(); ++directory) {
+        const std::string name = Destination::nameOf(directory->first);
+        const int parent = destination_.parentOf(directory->first, false);
+        struct stat status {};
+        // A later entry of the same path may have replaced it.
+        if (parent >= 0 && fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISDIR(status.st_mode) && fchdir(parent) == 0)
+            restoreDirectory(name, directory->second.head, directory->second.tail);
+    }
+}
+
+void DiskSink::makeDirectory() {
+    const auto make = [this] { return mkdirat(parent_, name_.c_str(), 0700) == 0; };
+    if (make()) return;
+    struct stat status {};
+    if (errno == EEXIST && fstatat(parent_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (S_ISDIR(status.st_mode)) return;
+        if (unlinkat(parent_, name_.c_str(), 0) == 0 && make()) return;
+    }
+    failWithErrno();
+}
+
+bool DiskSink::openTemporary() {
+    if (!temporary_.exists() && !temporary_.create(parent_, head_, nullptr)) fail(temporary_.what());
+    return temporary_.exists();
+}
+
+// Where an earlier entry holds the content, or is the same inode, the file that was made of it serves, if it still is
+// what this entry's digest says; otherwise the content comes from the archive once more.
+void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
+    const auto linked = tail.linkOf ? extracted_.find(*tail.linkOf) : std::nullopt;
+    const auto source = tail.contentOf ? extracted_.find(*tail.contentOf) : std::nullopt;
+    if (source && *source == head_.path && alreadyThere(tail)) {
+        extracted_.add(head_.number, head_.path);
+        return;
+    }
+    const bool done = (linked && linkTo(*linked, tail)) || (source && copyFrom(*source, tail));
+    if (skipping_ || interrupted()) return;
+    if (!done && tail.contentOf) {
+        temporary_.drop();
+        DigestingSink sink(&temporary_);
+        if (!openTemporary()) return;
+        if (!content(sink)) return fail("its content cannot be read");
+    }
+    if (!openTemporary()) return;
+    commit(tail);
+}
+
+void DiskSink::finishLink(const EntryTail& tail) {
+    if (linkTarget_.find('\0') != std::string::npos) return fail("the target of the link is malformed");
+    if (!temporary_.create(parent_, head_, &linkTarget_)) return fail(temporary_.what());
+    commit(tail);
+}
+
+FileDescriptor DiskSink::openExtracted(std::string_view path) {
+    const int directory = sources_.parentOf(path, false);
+    return directory >= 0 ? openRegular(directory, Destination::nameOf(path)) : FileDescriptor();
+}
+
+bool DiskSink::linkTo(std::string_view path, const EntryTail& tail) {
+    const FileDescriptor file = openExtracted(path);
+    return file && holds(file.get(), tail) && temporary_.link(parent_, file.get());
+}
+
+// A path that was listed twice would only be written once more.
+bool DiskSink::alreadyThere(const EntryTail& tail) {
+    const FileDescriptor file = openRegular(parent_, name_);
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0 || !head_.mode || !head_.modified) return false;
+    const std::int64_t modified = status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec;
+    return (status.st_mode & 07777) == *head_.mode && modified == *head_.modified && holds(file.get(), tail);
+}
+
+bool DiskSink::copyFrom(std::string_view path, const EntryTail& tail) {
+    const FileDescriptor file = openExtracted(path);
+    if (!file || !tail.digest || !openTemporary()) return false;
+    DigestingSink sink(&temporary_);
+    return readFile(file.get(), sink) && sink.digest() == *tail.digest;
+}
+
+void DiskSink::commit(const EntryTail& tail) {
+    const bool alone = !temporary_.isLink();
+    if ((alone && !temporary_.finish(tail)) || !temporary_.rename(name_, true)) return fail(temporary_.what());
+    if (head_.type == EntryType::file) extracted_.add(head_.number, head_.path);
+}
+
+void DiskSink::fail(const std::string& why) {
+    say(escapedName(head_.path) + ": " + why);
+    temporary_.drop();
+    skipping_ = true;
+    failed_ = true;
+}
+
+void DiskSink::failWithErrno() {
+    const bool link = errno == ELOOP || errno == ENOTDIR;
+    fail(link ? "something that is no directory is in the way" : std::strerror(errno));
+}
+
+}  // namespace tarnwick::qvx

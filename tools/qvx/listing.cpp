@@ -1,0 +1,150 @@
+#include "listing.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include "report.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+char typeLetter(EntryType type) { return type == EntryType::directory ? 'd' : type == EntryType::link ? 'l' : '-'; }
+
+std::string modeText(EntryType type, unsigned mode) {
+    std::string text(1, typeLetter(type));
+    for (int shift = 6; shift >= 0; shift -= 3) {
+        const unsigned bits = mode >> shift;
+        const bool special = mode & (0x200U << (shift / 3));
+        const char specialLetter = shift == 0 ? 't' : 's';
+        text += bits & 4 ? 'r' : '-';
+        text += bits & 2 ? 'w' : '-';
+        text += special ? (bits & 1 ? specialLetter : static_cast<char>(specialLetter - 'a' + 'A')) : bits & 1 ? 'x' : '-';
+    }
+    return text;
+}
+
+std::string timeText(std::int64_t seconds) {
+    const std::time_t time = seconds;
+    std::tm parts{};
+    char text[64];
+    if (!gmtime_r(&time, &parts) || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
+        return '@' + std::to_string(seconds);
+    return text;
+}
+
+const char* typeName(EntryType type) {
+    return type == EntryType::directory ? "directory" : type == EntryType::link ? "link" : "file";
+}
+
+class JsonObject {
+public:
+    template <typename Number>
+    void number(const char* key, const std::optional<Number>& value) {
+        if (value) member(key) += std::to_string(*value);
+    }
+    void number(const char* key, std::uint64_t value) { number(key, std::optional(value)); }
+    void text(const char* key, std::string_view value) { member(key) += jsonString(value); }
+    void raw(const char* key, const std::string& value) { member(key) += value; }
+    [[nodiscard]] std::string finish() const { return '{' + text_ + '}'; }
+
+private:
+    std::string& member(std::string_view key) {
+        if (!text_.empty()) text_ += ", ";
+        return text_ += jsonString(key) + ": ";
+    }
+
+    std::string text_;
+};
+
+std::string hexText(const Digest& digest) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const auto byte : digest) text += {digits[byte >> 4], digits[byte & 15]};
+    return text;
+}
+
+std::string octalText(unsigned mode) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%04o", mode);
+    return text;
+}
+
+std::string attributesText(const EntryTail& tail) {
+    JsonObject object;
+    for (const auto& attribute : *tail.attributes) object.text(attribute.name.c_str(), attribute.value);
+    return object.finish();
+}
+
+bool put(std::string_view text) { return std::fwrite(text.data(), 1, text.size(), stdout) == text.size(); }
+
+}  // namespace
+
+std::string listingLine(const IndexEntry& entry) {
+    std::string line = modeText(entry.type, entry.mode);
+    line += ' ' + std::to_string(entry.userId) + '/' + std::to_string(entry.groupId);
+    line += ' ' + std::to_string(entry.size) + ' ' + timeText(entry.modifiedSeconds);
+    return line + ' ' + (entry.path.empty() ? "/" : escapedName(entry.path));
+}
+
+bool JsonSink::begin(const EntryHead& head) {
+    head_ = head;
+    linkTarget_.clear();
+    return true;
+}
+
+bool JsonSink::data(Bytes bytes) {
+    if (head_.type == EntryType::link) linkTarget_.append(bytes.begin(), bytes.end());
+    return true;
+}
+
+bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
+    JsonObject object;
+    object.number("number", head_.number);
+    object.text("type", typeName(head_.type));
+    object.text("path", head_.path);
+    object.number("uid", head_.userId);
+    object.number("gid", head_.groupId);
+    if (head_.mode) object.text("mode", octalText(*head_.mode));
+    object.number("flags", head_.flags);
+    object.number("mtime_ns", head_.modified);
+    object.number("ctime_ns", head_.changed);
+    object.number("btime_ns", head_.born);
+    if (tail.sum) object.number("size", tail.sum->size);
+    if (tail.sum) object.number("holes", tail.sum->holes);
+    if (tail.digest) object.text("sha256", hexText(*tail.digest));
+    if (head_.type == EntryType::link) object.text("target", linkTarget_);
+    object.number("content_of", tail.contentOf);
+    object.number("link_of", tail.linkOf);
+    if (tail.attributes) object.raw("xattrs", attributesText(tail));
+    if (tail.attributesOmitted) object.raw("xattrs_omitted", "true");
+    if (tail.accessLists) object.text("acl", tail.accessLists->access);
+    if (tail.accessLists) object.text("default_acl", tail.accessLists->defaultList);
+    return put(object.finish() + '\n');
+}
+
+bool OutputSink::begin(const EntryHead& head) {
+    if (head.type == EntryType::file) return true;
+    say(escapedName(head.path) + " is not a regular file");
+    return false;
+}
+
+bool OutputSink::data(Bytes bytes) {
+    return put({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+}
+
+bool OutputSink::hole(std::uint64_t length) {
+    static constexpr std::array<std::uint8_t, 65536> zeros{};
+    for (std::uint64_t piece = 0; length > 0; length -= piece) {
+        piece = std::min<std::uint64_t>(length, zeros.size());
+        if (!data(Bytes(zeros).first(static_cast<std::size_t>(piece)))) return false;
+    }
+    return true;
+}
+
+bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
+    return !tail.contentOf || content(*this);
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,208 @@
+#include "temporary_file.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <sys/acl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/handle.h"
+#include "report.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+using Entry = std::unique_ptr<archive_entry, FreeWith<archive_entry_free>>;
+using Acl = std::unique_ptr<std::remove_pointer_t<acl_t>, FreeWith<acl_free>>;
+
+constexpr std::int64_t nanosecondsPerSecond = 1000000000;
+
+int diskFlags() {
+    const int owner = geteuid() == 0 ? ARCHIVE_EXTRACT_OWNER : 0;
+    return owner | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_NO_OVERWRITE |
+           ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
+}
+
+Entry makeEntry(const std::string& name, const EntryHead& head) {
+    Entry entry(archive_entry_new());
+    if (!entry) throw std::bad_alloc();
+    const mode_t type = head.type == EntryType::directory ? AE_IFDIR
+                        : head.type == EntryType::link    ? AE_IFLNK
+                                                          : AE_IFREG;
+    archive_entry_set_pathname(entry.get(), name.c_str());
+    archive_entry_set_filetype(entry.get(), type);
+    archive_entry_set_perm(entry.get(), head.mode.value_or(head.type == EntryType::file ? 0600 : 0700));
+    archive_entry_set_uid(entry.get(), head.userId ? *head.userId : geteuid());
+    archive_entry_set_gid(entry.get(), head.groupId ? *head.groupId : getegid());
+    if (head.modified) {
+        std::int64_t nanoseconds = *head.modified % nanosecondsPerSecond;
+        std::int64_t seconds = *head.modified / nanosecondsPerSecond;
+        if (nanoseconds < 0) {
+            nanoseconds += nanosecondsPerSecond;
+            --seconds;
+        }
+        archive_entry_set_mtime(entry.get(), seconds, nanoseconds);
+    }
+    return entry;
+}
+
+std::string randomName() {
+    std::uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) != sizeof number) return {};
+    char text[32];
+    std::snprintf(text, sizeof text, ".qvx-%016llx", static_cast<unsigned long long>(number));
+    return text;
+}
+
+void warn(const std::string& path, const std::string& what) { say(escapedName(path) + ": " + what); }
+
+// Of the extended attributes, those of the system and the trusted ones are for root to set; another user would only be
+// told so file by file.
+bool mayRestore(const std::string& attribute) { return geteuid() == 0 || attribute.starts_with("user."); }
+
+// These come last in an archive, behind the content, when the disk writer has long wanted them; so they are set here.
+// The descriptor is one of O_PATH, whose entry in /proc leads to the file itself whatever has happened to its name.
+void restoreExtras(const std::string& path, const std::string& name, EntryType type, const EntryTail& tail) {
+    const bool hasLists = tail.accessLists && !(tail.accessLists->access.empty() && tail.accessLists->defaultList.empty());
+    const bool hasAttributes = tail.attributes && !tail.attributes->empty();
+    if (!hasLists && !hasAttributes) return;
+    const FileDescriptor file(open(name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const std::string place = "/proc/self/fd/" + std::to_string(file.get());
+    if (!file) return warn(path, std::strerror(errno));
+
+    if (hasAttributes)
+        for (const auto& [attribute, value] : *tail.attributes)
+            if (mayRestore(attribute) &&
+                setxattr(place.c_str(), attribute.c_str(), value.data(), value.size(), 0) != 0)
+                warn(path, "extended attribute " + escapedName(attribute) + ": " + std::strerror(errno));
+    const auto setList = [&](const std::string& text, acl_type_t kind) {
+        if (text.empty()) return;
+        const Acl list(acl_from_text(text.c_str()));
+        if (!list || acl_set_file(place.c_str(), kind, list.get()) != 0)
+            warn(path, std::string("access control list: ") + std::strerror(errno));
+    };
+    if (!hasLists || type == EntryType::link) return;
+    setList(tail.accessLists->access, ACL_TYPE_ACCESS);
+    if (type == EntryType::directory) setList(tail.accessLists->defaultList, ACL_TYPE_DEFAULT);
+}
+
+}  // namespace
+
+void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail) {
+    restoreExtras(head.path, name, EntryType::directory, tail);
+    // The disk writer gives directories their times when it is closed, so that each has one of its own.
+    const std::unique_ptr<archive, FreeWith<archive_write_free>> disk(archive_write_disk_new());
+    if (!disk) throw std::bad_alloc();
+    archive_write_disk_set_options(disk.get(), diskFlags() & ~ARCHIVE_EXTRACT_NO_OVERWRITE);
+    const Entry entry = makeEntry(name, head);
+    if (archive_write_header(disk.get(), entry.get()) != ARCHIVE_OK ||
+        archive_write_finish_entry(disk.get()) != ARCHIVE_OK || archive_write_close(disk.get()) != ARCHIVE_OK)
+        warn(head.path, archive_error_string(disk.get()) ? archive_error_string(disk.get()) : "metadata not restored");
+}
+
+void TemporaryFile::Free::operator()(archive* disk) const noexcept { archive_write_free(disk); }
+
+bool TemporaryFile::create(int directory, const EntryHead& head, const std::string* linkTarget) {
+    drop();
+    offset_ = written_ = 0;
+    directory_ = directory;
+    path_ = head.path;
+    type_ = head.type;
+    if (fchdir(directory) != 0) return refuseWithErrno();
+    if (!disk_) {
+        disk_.reset(archive_write_disk_new());
+        if (!disk_) throw std::bad_alloc();
+        archive_write_disk_set_options(disk_.get(), diskFlags());
+    }
+    name_ = randomName();
+    const Entry entry = makeEntry(name_, head);
+    if (linkTarget) archive_entry_set_symlink(entry.get(), linkTarget->c_str());
+    const int result = archive_write_header(disk_.get(), entry.get());
+    if (result < ARCHIVE_WARN) {
+        name_.clear();
+        return refuse();
+    }
+    open_ = true;
+    return true;
+}
+
+bool TemporaryFile::data(Bytes bytes) {
+    if (bytes.empty()) return true;
+    if (archive_write_data_block(disk_.get(), bytes.data(), bytes.size(), static_cast<la_int64_t>(offset_)) < ARCHIVE_OK)
+        return refuse();
+    offset_ += bytes.size();
+    written_ = offset_;
+    return true;
+}
+
+bool TemporaryFile::hole(std::uint64_t length) {
+    offset_ += length;
+    return true;
+}
+
+bool TemporaryFile::finish(const EntryTail& tail) {
+    static constexpr std::uint8_t zero = 0;
+    // The disk writer learns of the size only from the last byte written.
+    if (offset_ > written_) {
+        --offset_;
+        if (!data(Bytes(&zero, 1))) return false;
+    }
+    open_ = false;
+    const int result = archive_write_finish_entry(disk_.get());
+    if (result < ARCHIVE_WARN) return refuse();
+    if (result < ARCHIVE_OK) warn(path_, archive_error_string(disk_.get()));
+    restoreExtras(path_, name_, type_, tail);
+    return true;
+}
+
+bool TemporaryFile::rename(const std::string& name, bool replace) {
+    int result = renameat2(directory_, name_.c_str(), directory_, name.c_str(), replace ? 0 : RENAME_NOREPLACE);
+    if (result != 0 && errno == EISDIR && unlinkat(directory_, name.c_str(), AT_REMOVEDIR) == 0)
+        result = renameat(directory_, name_.c_str(), directory_, name.c_str());
+    if (result != 0) return refuseWithErrno();
+    // Where both names are of one file already, a rename does nothing at all.
+    unlinkat(directory_, name_.c_str(), 0);
+    name_.clear();
+    return true;
+}
+
+bool TemporaryFile::link(int directory, int source) {
+    drop();
+    directory_ = directory;
+    name_ = randomName();
+    const std::string place = "/proc/self/fd/" + std::to_string(source);
+    if (linkat(AT_FDCWD, place.c_str(), directory, name_.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
+    name_.clear();
+    return refuseWithErrno();
+}
+
+void TemporaryFile::drop() {
+    if (open_) archive_write_finish_entry(disk_.get());
+    open_ = false;
+    if (exists()) unlinkat(directory_, name_.c_str(), 0);
+    name_.clear();
+}
+
+bool TemporaryFile::refuse() {
+    const char* text = archive_error_string(disk_.get());
+    const int error = archive_errno(disk_.get());
+    what_ = text ? text : "cannot be written";
+    if (error > 0) what_ += std::string(": ") + std::strerror(error);
+    return false;
+}
+
+bool TemporaryFile::refuseWithErrno() {
+    const int error = errno;
+    what_ = std::strerror(error);
+    errno = error;
+    return false;
+}
+
+}  // namespace tarnwick::qvx
