@@ -48,8 +48,9 @@ private:
 // Reads the chosen entries of one index part from the blocks that the pipeline opens.
 class ChosenWalk {
 public:
-    ChosenWalk(BlockPipeline& blocks, ArchiveIndex& index, const ArchiveReader::Choice& chosen, EntrySink& sink)
-        : blocks_(blocks), index_(index), chosen_(chosen), entry_(sink) {}
+    ChosenWalk(BlockPipeline& blocks, ArchiveIndex& index, const ArchiveReader::Choice& chosen, EntrySink& sink,
+               EntryTable& table)
+        : blocks_(blocks), index_(index), chosen_(chosen), entry_(sink), table_(table) {}
 
     bool read(const EntryPlace& place, ReadFault& fault) {
         std::size_t offset = place.offset;
@@ -60,7 +61,7 @@ public:
                 const auto step = entry_.take(*record);
                 const bool expected = entry_.head().number == place.number && chosen_(place.number, entry_.head().path);
                 if (step == EntryReader::Step::more && expected) continue;
-                if (step == EntryReader::Step::whole) return deliver(fault);
+                if (step == EntryReader::Step::whole) return deliver(place, fault);
                 if (step == EntryReader::Step::stopped) return false;
                 return refuse(step == EntryReader::Step::more ? "the index does not match the entry" : entry_.what(),
                               fault);
@@ -82,11 +83,13 @@ private:
         return false;
     }
 
-    bool deliver(ReadFault& fault) {
-        const EntryTail& tail = entry_.tail();
+    // The entry that holds the content need not be among the chosen ones.
+    bool deliver(const EntryPlace& place, ReadFault& fault) {
+        table_.resolve(entry_);
+        table_.add(place, entry_);
         return entry_.deliver([&](EntrySink& sink) {
-            const auto place = locate(*tail.contentOf, fault);
-            return place && readContent(index_.blocks(), *place, tail, sink);
+            const auto source = locate(*entry_.tail().contentOf, fault);
+            return source && readContent(index_.blocks(), *source, sink);
         });
     }
 
@@ -115,6 +118,7 @@ private:
     ArchiveIndex& index_;
     const ArchiveReader::Choice& chosen_;
     EntryReader entry_;
+    EntryTable& table_;
     BlockPointer block_;
 };
 
@@ -161,12 +165,13 @@ bool ArchiveReader::list(const ArchiveIndex::Visitor& visit, ReadFault& fault) {
 bool ArchiveReader::readChosen(const Choice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault) {
     taken = 0;
     if (!loadIndex(fault)) return false;
+    EntryTable table;
     for (std::size_t part = 0; part < index_->parts(); ++part) {
         const auto entries = chooseEntries(*index_, part, chosen, fault);
         if (!entries) return false;
         if (entries->empty()) continue;
         BlockPipeline blocks(*file_, keys_, ChosenBlocks(index_->map(), file_->header().groupLength, *entries));
-        ChosenWalk walk(blocks, *index_, chosen, sink);
+        ChosenWalk walk(blocks, *index_, chosen, sink, table);
         for (const auto& entry : *entries) {
             if (!walk.read(entry.place, fault)) return false;
             ++taken;

@@ -55,13 +55,13 @@ bool ArchiveWalk::takeEntryRecord(const Record& record, const EntryPlace& place)
 }
 
 bool ArchiveWalk::deliver() {
-    if (const char* what = table_.faultOfReferences(entry_)) return refuse(what);
+    if (const char* what = table_.resolve(entry_)) return refuse(what);
     if (const char* what = audit_.addEntry(entryPlace_, entry_)) return refuse(what);
     table_.add(entryPlace_, entry_);
     ++count_;
     stopped_ = !entry_.deliver([this](EntrySink& sink) {
-        const auto* source = table_.find(*entry_.tail().contentOf);
-        return source && readContent(random_, source->place, entry_.tail(), sink);
+        const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
+        return place && readContent(random_, *place, sink);
     });
     return !stopped_;
 }

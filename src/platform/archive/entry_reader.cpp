@@ -70,6 +70,11 @@ EntryReader::Step EntryReader::take(const Record& record) {
     return damaged("the end of the entry is malformed");
 }
 
+void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum) {
+    tail_.digest = digest;
+    tail_.sum = sum;
+}
+
 bool EntryReader::deliver(const EntrySink::ContentReader& content) {
     inEntry_ = false;
     return sink_.finish(tail_, content);
@@ -124,13 +129,14 @@ EntryReader::Step EntryReader::finish(Bytes payload) {
 }
 
 const char* EntryReader::faultOfTail() {
-    if (tail_.linkOf && *tail_.linkOf >= head_.number) return "the entry is linked to one that does not stand before it";
+    const bool file = head_.type == EntryType::file;
     if (tail_.contentOf) {
         const bool own = size_ > 0 || holes_ > 0;
-        if (own || head_.type != EntryType::file || *tail_.contentOf >= head_.number)
-            return "the reference to the entry's content is malformed";
-        return nullptr;
+        const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;
+        return file && back && !own ? nullptr : "the reference to the entry's content is malformed";
     }
+    if (tail_.linkOf || (tail_.sum && !file) || (tail_.digest && head_.type == EntryType::directory))
+        return "the entry has fields that do not go together";
     if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
     if (tail_.digest && *tail_.digest != digest_.finish()) return "the digest does not match";
     if (head_.type == EntryType::link && size_ == 0) return "the link has no target";

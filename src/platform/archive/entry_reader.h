@@ -16,7 +16,7 @@ namespace tarnwick::qvx {
 class EntrySink {
 public:
     // Gives the content of the earlier entry that holds this one's to another sink, as data() and hole() only. False
-    // when it cannot be read, or is not what this entry's own sums and digest say.
+    // when it cannot be read, or is not what its sums and its digest say.
     using ContentReader = std::function<bool(EntrySink&)>;
 
     virtual ~EntrySink() = default;
@@ -25,7 +25,7 @@ public:
     virtual bool hole(std::uint64_t length) = 0;  // so many zero bytes
 
     // The entry is whole, and what was given is its content; with tail.contentOf, there was none to give, and
-    // `content` reads it.
+    // `content` reads it. Digest and sum are then those of the entry that holds it, where that one was read as well.
     virtual bool finish(const EntryTail& tail, const ContentReader& content) = 0;
 
     // The entry that was begun cannot be completed.
@@ -79,6 +79,9 @@ public:
 
     // Takes an ENTRY, DATA, HOLE or END record.
     Step take(const Record& record);
+
+    // Gives the tail what the entry that holds the content says of it.
+    void adopt(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum);
 
     // Tells the sink that the entry is whole; its answer.
     bool deliver(const EntrySink::ContentReader& content);

@@ -2,13 +2,9 @@
 
 #include <algorithm>
 
-#include "platform/archive/wire.h"
-
 namespace tarnwick::qvx {
 
 namespace {
-
-std::uint64_t digestBegin(const EntryTail& tail) { return tail.digest ? getLittleEndian<8>(tail.digest->data()) : 0; }
 
 // Hands on the content of one entry as that of another.
 class ContentForwarder : public EntrySink {
@@ -26,7 +22,7 @@ private:
 
 }  // namespace
 
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink) {
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink) {
     ContentForwarder forwarder(sink);
     EntryReader entry(forwarder);
     std::size_t offset = place.offset;
@@ -38,37 +34,44 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail&
             const auto step = entry.take(*record);
             if (step == EntryReader::Step::more) continue;
             return step == EntryReader::Step::whole && entry.head().number == place.number &&
-                   !entry.tail().contentOf && entry.tail().digest == expected.digest &&
-                   (!expected.sum || expected.sum->size == entry.size());
+                   !entry.tail().contentOf;
         }
         if (cursor.damaged()) return false;
     }
 }
 
 void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
-    const bool holdsContent = entry.head().type == EntryType::file && !entry.tail().contentOf;
-    entries_.push_back({place, entry.size(), digestBegin(entry.tail()), entry.head().type, holdsContent});
+    if (entry.head().type != EntryType::file) return;
+    const EntryTail& tail = entry.tail();
+    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, tail.sum});
+}
+
+const char* EntryTable::resolve(EntryReader& entry) const {
+    const EntryTail& tail = entry.tail();
+    if (!tail.contentOf) return nullptr;
+    const Known* content = find(*tail.contentOf);
+    if (!content || content->content != *tail.contentOf) return "the entry that holds its content is lost or another";
+    if (tail.linkOf) {
+        const Known* link = find(*tail.linkOf);
+        if (!link || link->content != *tail.contentOf) return "the entry that it is linked to is lost or another";
+    }
+    const bool sameDigest = !tail.digest || tail.digest == content->digest;
+    const bool sameSum = !tail.sum || (content->sum && tail.sum->size == content->sum->size);
+    if (!sameDigest || !sameSum) return "digest or size are not those of the entry that holds its content";
+    entry.adopt(content->digest, content->sum);
+    return nullptr;
+}
+
+const EntryPlace* EntryTable::placeOf(std::uint64_t number) const {
+    const Known* known = find(number);
+    return known && known->content == number ? &known->place : nullptr;
 }
 
 const EntryTable::Known* EntryTable::find(std::uint64_t number) const {
     const auto found =
-        std::lower_bound(entries_.begin(), entries_.end(), number,
+        std::lower_bound(files_.begin(), files_.end(), number,
                          [](const Known& known, std::uint64_t key) { return known.place.number < key; });
-    return found != entries_.end() && found->place.number == number ? &*found : nullptr;
-}
-
-const char* EntryTable::faultOfReferences(const EntryReader& entry) const {
-    const auto& tail = entry.tail();
-    const auto fits = [&](const Known* known) {
-        return known && known->type == entry.head().type && known->size == entry.size() &&
-               known->digestBegin == digestBegin(tail);
-    };
-    if (tail.contentOf) {
-        const Known* known = find(*tail.contentOf);
-        if (!fits(known) || !known->holdsContent) return "the entry that holds its content is another or lost";
-    }
-    if (tail.linkOf && !fits(find(*tail.linkOf))) return "the entry that it is linked to is another or lost";
-    return nullptr;
+    return found != files_.end() && found->place.number == number ? &*found : nullptr;
 }
 
 }  // namespace tarnwick::qvx

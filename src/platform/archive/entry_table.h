@@ -12,29 +12,32 @@ struct EntryPlace {
     std::size_t offset = 0;
 };
 
-// Reads the content of the entry at `place` for another entry that refers to it. False when it cannot be read, or is
-// not what `expected`, the other's tail, says.
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink);
+// Reads the content of the entry at `place`, which must hold it itself. False when it cannot be read.
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink);
 
-// The entries gone by that others may refer to: 40 bytes each.
+// The regular files gone by, to which others may refer: about 100 bytes each.
 class EntryTable {
 public:
-    struct Known {
-        EntryPlace place;
-        std::uint64_t size = 0;
-        std::uint64_t digestBegin = 0;
-        EntryType type = EntryType::file;
-        bool holdsContent = false;
-    };
-
     void add(const EntryPlace& place, const EntryReader& entry);
-    [[nodiscard]] const Known* find(std::uint64_t number) const;
 
-    // Null when the entry refers to nothing, or to what fits it; otherwise what is wrong.
-    [[nodiscard]] const char* faultOfReferences(const EntryReader& entry) const;
+    // Null, or what is wrong with the entry's references. An entry whose content another one holds is given that one's
+    // digest and size.
+    const char* resolve(EntryReader& entry) const;
+
+    // Where the entry that holds its own content stands; null when there is no such.
+    [[nodiscard]] const EntryPlace* placeOf(std::uint64_t number) const;
 
 private:
-    std::vector<Known> entries_;  // ascending
+    struct Known {
+        EntryPlace place;
+        std::uint64_t content = 0;  // number of the entry that holds it, this one's own or an earlier one's
+        std::optional<Digest> digest;
+        std::optional<SparseSum> sum;
+    };
+
+    [[nodiscard]] const Known* find(std::uint64_t number) const;
+
+    std::vector<Known> files_;  // ascending
 };
 
 }  // namespace tarnwick::qvx

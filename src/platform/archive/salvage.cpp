@@ -140,14 +140,14 @@ bool SalvageWalk::takeRecord(const Record& record, const EntryPlace& place) {
 }
 
 bool SalvageWalk::deliver() {
-    if (const char* what = table_.faultOfReferences(entry_)) {
+    if (const char* what = table_.resolve(entry_)) {
         lose(what);
         return true;
     }
     table_.add(entryPlace_, entry_);
     return entry_.deliver([this](EntrySink& sink) {
-        const auto* source = table_.find(*entry_.tail().contentOf);
-        return source && readContent(random_, source->place, entry_.tail(), sink);
+        const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
+        return place && readContent(random_, *place, sink);
     });
 }
 
