@@ -263,6 +263,8 @@ int ArchiveEncoder::complete(std::uint64_t filePosition) {
     flushIndexPart();
     stream_.pad();
     if (const int status = stream_.drain()) return status;
+    // Whoever begins to read at the end knows of no leader yet.
+    stream_.standAlone();
     root_.sealedLengths = stream_.sealedLengths();
     Trailer trailer{filePosition, stream_.block(), root_.entries, 0};
     for (const auto length : root_.sealedLengths) trailer.rootPosition += blockHeaderSize + length;

@@ -40,15 +40,16 @@ void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
     std::string what;
     const auto header = readBlockHeader(file_, block.place.position, what);
     if (header && header->sequence != block.place.sequence) what = wrongNumber(header->sequence);
-    if (what.empty()) {
-        block.header = *header;
-        sealed_.resize(header->sealedLength);
-        file_.read(block.place.position + blockHeaderSize, sealed_, what);
-    }
+    if (what.empty()) block.header = *header;
+    // The leader may be opened by this same opener, and therefore before the buffer holds this block.
     BlockPointer dictionary;
     if (what.empty() && (block.header.flags & blockWithDictionary)) {
         dictionary = leader();
         if (!dictionary || dictionary->fault) what = "the block that leads its group is damaged or lost";
+    }
+    if (what.empty()) {
+        sealed_.resize(header->sealedLength);
+        file_.read(block.place.position + blockHeaderSize, sealed_, what);
     }
     if (what.empty())
         what = describe(decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{},

@@ -81,7 +81,9 @@ void BlockStream::send(bool last) {
     job->sequence = block_;
     job->last = last;
     job->length = offset_;
-    if (block_ % groupLength_ == 0) {
+    if (standingAlone_) {
+        job->group = nullptr;
+    } else if (block_ % groupLength_ == 0) {
         group_ = std::make_shared<Group>();
         group_->leader.assign(job->plain.begin(), job->plain.begin() + static_cast<std::ptrdiff_t>(offset_));
         job->group = nullptr;

@@ -49,6 +49,9 @@ public:
     // Waits until every block sent off is written; 0, or what failed first.
     int drain();
 
+    // From the block being filled on, none depends on the leader of its group.
+    void standAlone() { standingAlone_ = true; }
+
     // Sends the last, short block and waits for it.
     int finish(Bytes last);
 
@@ -87,6 +90,7 @@ private:
 
     // Of the filling thread.
     JobPointer filling_;
+    bool standingAlone_ = false;
     std::uint64_t block_ = 0;
     std::size_t offset_ = 0;
     std::shared_ptr<Group> group_;
