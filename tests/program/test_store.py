@@ -125,7 +125,7 @@ class Store(Scenario):
 
     def test_full_volume_leaves_nothing(self):
         self.world.lay("/media/preboot", "size=8k,mode=755")
-        write("/media/preboot/filler", "x" * 4096)
+        write("/media/preboot/filler", "x" * 8192)
         self.check_not_copied()
         self.assertEqual(self.world.stored(), [])
         self.check_no_capture_counts()
