@@ -16,7 +16,7 @@ def allowed(source: str, quote: str, target: str) -> bool:
         return inside_tools or source.startswith("src/platform/") or not THIRD_PARTY.match(target)
     floor = target.split("/")[0]
     if floor not in FLOORS:
-        return inside_tools and "/" not in target  # a tool's own header
+        return inside_tools and ("/" not in target or floor == source.split("/")[1])  # a tool's own header
     if inside_tools:
         return floor in ("base", "platform")
     return FLOORS.index(floor) <= FLOORS.index(source.split("/")[1]) or (source, target) in UPWARDS
