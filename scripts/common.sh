@@ -32,7 +32,6 @@ build() {
     local preset=$1
     shift
     cmake --preset "$preset" "$@" >"build-$preset.out" 2>&1 || { cat "build-$preset.out"; return 1; }
-    grep -A4 -E 'Warning|development key' "build-$preset.out" || true
     rm -f "build-$preset.out"
     cmake --build --preset "$preset" -j "$jobs"
 }

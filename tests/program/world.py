@@ -334,7 +334,7 @@ class Result:
         stamp = STAMP.search(self.raw)
         self.stamp = stamp and stamp.group()
         log = f"/tmp/tarnwick-{self.stamp}.log"
-        self.log = normal(read(log)) if os.path.exists(log) and not os.path.islink(log) else None
+        self.log = normal(read(log)) if os.path.isfile(log) and not os.path.islink(log) else None
         self.archive = f"/media/preboot/tarnwick/tarnwick-{self.stamp}.qvx"
 
     def temporary(self):
