@@ -203,6 +203,9 @@ class PlainFileSystems(VolctlTest):
     def test_answer_for_preboot(self):
         self.settings({"PrebootDirectory": "/srv"})
         self.assertEqual(self.info("Preboot")["MountPoint"], "/srv")
+        os.symlink("/srv", WORK + "/link")
+        self.settings({"PrebootDirectory": WORK + "/link"})
+        self.assertEqual(self.info("Preboot")["MountPoint"], "/srv")
         path, identity = self.formatted("ext4")
         device = self.attach(path)
         self.settings({"PrebootDirectory": "/srv", "Roles": {identity: "Preboot"}})
@@ -216,8 +219,8 @@ class PlainFileSystems(VolctlTest):
 class LockedVolumes(VolctlTest):
     def locked_image(self):
         path = self.image(self.id() + ".luks", 20)
-        call("cryptsetup", "luksFormat", "-q", "--type", "luks2", "--pbkdf", "pbkdf2", "--pbkdf-force-iterations", "1000",
-             "--key-file", "-", path, input=b"right")
+        call("cryptsetup", "luksFormat", "-q", "--type", "luks2", "--pbkdf", "pbkdf2", "--pbkdf-force-iterations",
+             "1000", "--key-file", "-", path, input=b"right")
         return path
 
     def assert_nothing_open(self, device):

@@ -53,7 +53,8 @@ TEST_F(FirmwareVariables, AreShownInOrderWithForeignBytesEscaped) {
 
 TEST_F(FirmwareVariables, ThatAreNoneDoNotHideTheOthers) {
     variable("Good", "1");
-    for (std::size_t size = 0; size < 4; ++size) file("Short" + std::to_string(size) + "-" + guid, attributes.substr(0, size));
+    for (std::size_t size = 0; size < 4; ++size)
+        file("Short" + std::to_string(size) + "-" + guid, attributes.substr(0, size));
     file("nodash" + guid, attributes);
     file("-" + guid, attributes);
     file("Wrong-8be4df61-93ca-11d2-aa0d_00e098032b8c", attributes);
@@ -110,8 +111,8 @@ TEST(Withheld, KnowsSecretsAndLeavesTheRest) {
     for (const auto* name : {"AdminPassword", "HDD_Pwd", "UserPw", "HddPassWord1", "LoaderSystemToken", "RandomSeed",
                              "DigitalProductId", "Product-Key", "MokPWStore", "MokAuth", "WiFiProfile", "CHAPSecret"})
         EXPECT_FALSE(secretIn(name).empty()) << name;
-    for (const auto* name : {"BootOrder", "Boot0001", "SecureBoot", "PK", "db", "KEK", "Timeout", "OsIndications", "MokList",
-                             "PlatformLang", "LoaderInfo", "ConOut"})
+    for (const auto* name : {"BootOrder", "Boot0001", "SecureBoot", "PK", "db", "KEK", "Timeout", "OsIndications",
+                             "MokList", "PlatformLang", "LoaderInfo", "ConOut"})
         EXPECT_TRUE(secretIn(name).empty()) << name;
 }
 

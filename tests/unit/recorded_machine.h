@@ -24,16 +24,17 @@ public:
     }
     ~RecordedMachine() { std::filesystem::remove_all(root_); }
 
-    // One line a folder below /sys/devices: its path, then FILE=TEXT for what is in it. A path with "/block/" is a device
-    // (dev and size have defaults; on=A,B names the devices that it stands on), one below a device a partition; any
-    // other is an ancestor, whose bus=NAME gives its subsystem.
+    // One line a folder below /sys/devices: its path, then FILE=TEXT for what is in it. A path with "/block/" is a
+    // device (dev and size have defaults; on=A,B names the devices that it stands on), one below a device a
+    // partition; any other is an ancestor, whose bus=NAME gives its subsystem.
     RecordedMachine& devices(const std::string& text) {
         std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) folder(line);
         return *this;
     }
 
-    // One line a device: name, type, then uuid=, label=, part=, partuuid=, partname=. "nothing" and "unknown" are types.
+    // One line a device: name, type, then uuid=, label=, part=, partuuid=, partname=. "nothing" and
+    // "unknown" are types.
     RecordedMachine& content(const std::string& text) {
         std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) answer(line);

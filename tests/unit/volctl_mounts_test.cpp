@@ -36,17 +36,20 @@ TEST(Mounts, AreVisibleUnlessSomethingCoversThem) {
     // In a chroot whose root is no mount.
     EXPECT_EQ(visible("21 20 8:2 / /home rw - home a rw\n"), Names{"home /home"});
     // Mounted three deep on one path; only the last is seen.
-    EXPECT_EQ(visible(root + "21 20 8:2 / /m rw - one a rw\n22 21 8:2 / /m rw - two a rw\n23 22 8:2 / /m rw - three a rw\n"),
+    EXPECT_EQ(visible(root + "21 20 8:2 / /m rw - one a rw\n22 21 8:2 / /m rw - two a rw\n"
+                             "23 22 8:2 / /m rw - three a rw\n"),
               (Names{"root /", "three /m"}));
 }
 
 TEST(Mounts, DecodeEscapesOnce) {
-    EXPECT_EQ(visible("20 1 8:1 / / rw - ext4 a rw\n21 20 8:2 / /a\\040b\\134040\\012c rw shared:1 master:2 - xfs a rw\n"),
+    EXPECT_EQ(visible("20 1 8:1 / / rw - ext4 a rw\n"
+                      "21 20 8:2 / /a\\040b\\134040\\012c rw shared:1 master:2 - xfs a rw\n"),
               (Names{"ext4 /", "xfs /a b\\040\nc"}));
 }
 
 TEST(Mounts, RunningInACircleEnd) {
-    EXPECT_EQ(visible("1 1 8:1 / / rw - root a rw\n2 3 8:1 / / rw - a a rw\n3 2 8:1 / / rw - b a rw\n"), Names{"root /"});
+    EXPECT_EQ(visible("1 1 8:1 / / rw - root a rw\n2 3 8:1 / / rw - a a rw\n3 2 8:1 / / rw - b a rw\n"),
+              Names{"root /"});
 }
 
 TEST(Mounts, ThatCannotBeReadThrow) {
@@ -54,7 +57,9 @@ TEST(Mounts, ThatCannotBeReadThrow) {
 }
 
 TEST(Mounts, HoldPathsByWholeComponents) {
-    const std::vector<Mount> mounts{{"/", "/", "", "root", 1}, {"/bo", "/", "", "bo", 2}, {"/boot", "/", "", "boot", 3}};
+    const std::vector<Mount> mounts{{"/", "/", "", "root", 1},
+                                    {"/bo", "/", "", "bo", 2},
+                                    {"/boot", "/", "", "boot", 3}};
     EXPECT_EQ(mountHolding(mounts, "/boot/efi")->type, "boot");
     EXPECT_EQ(mountHolding(mounts, "/bo")->type, "bo");
     EXPECT_EQ(mountHolding(mounts, "/book")->type, "root");

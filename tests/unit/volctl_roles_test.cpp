@@ -30,9 +30,9 @@ TEST(Roles, FollowTheMountPoint) {
 }
 
 TEST(Roles, KeepTheDefaultsForSettingsOfAnotherType) {
-    const auto settings = readVolumeSettings({{"Roles", {PropertyListDictionary{{"a", {true}}, {"b", {std::string("Data")}}}}},
-                                              {"PrebootDirectory", {true}},
-                                              {"IncludeRemovable", {std::int64_t{1}}}});
+    const PropertyListDictionary roles{{"a", {true}}, {"b", {std::string("Data")}}};
+    const auto settings = readVolumeSettings(
+        {{"Roles", {roles}}, {"PrebootDirectory", {true}}, {"IncludeRemovable", {std::int64_t{1}}}});
     EXPECT_EQ(settings.roles, (std::map<std::string, std::string>{{"b", "Data"}}));
     EXPECT_EQ(settings.prebootDirectory, "/boot");
     EXPECT_FALSE(settings.includeRemovable);

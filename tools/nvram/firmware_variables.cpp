@@ -68,7 +68,8 @@ std::vector<std::string> variableFiles(const std::filesystem::path& folder) {
 
 class Dump {
 public:
-    Dump(const std::filesystem::path& folder, const std::function<void(const std::string&)>& write, const ReadCall& read)
+    Dump(const std::filesystem::path& folder, const std::function<void(const std::string&)>& write,
+         const ReadCall& read)
         : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), write_(write), read_(read) {}
     ~Dump() { forget(); }
     Dump(const Dump&) = delete;
@@ -112,7 +113,8 @@ private:
 
     // The size of the file's content in the buffer; none when there is no variable in it.
     std::optional<std::size_t> readFile(const std::string& file) {
-        const FileDescriptor opened(::openat(folder_.get(), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        const FileDescriptor opened(::openat(folder_.get(), file.c_str(), flags));
         struct stat status{};
         if (!opened || ::fstat(opened.get(), &status) != 0) return refuse(file, std::strerror(errno));
         if (!S_ISREG(status.st_mode)) return refuse(file, "not a regular file");

@@ -24,8 +24,8 @@ extern "C" void rememberSignal(int signal) {
     caughtSignal = signal;
 }
 
-// While it lives, the signals that would end the program end a wait instead; they are raised again at its end. They stay
-// blocked but during the wait, so that none falls between the look at the flag and the wait.
+// While it lives, the signals that would end the program end a wait instead; they are raised again at its end. They
+// stay blocked but during the wait, so that none falls between the look at the flag and the wait.
 class DelayedSignals {
 public:
     DelayedSignals() {

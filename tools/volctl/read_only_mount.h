@@ -11,9 +11,9 @@ namespace tarnwick {
 // Where this program mounts a device.
 std::string mountFolder(const std::string& deviceName);
 
-// Mounts the file system of type `type` at `folder`, which is made: read-only, nosuid, nodev, noexec. A file system that
-// would replay its journal or clear its orphans even then gets a read-only loop device in between. `devices`: all of
-// a file system that spans several. Returns the problem; then nothing is left mounted.
+// Mounts the file system of type `type` at `folder`, which is made: read-only, nosuid, nodev, noexec. Since some would
+// clear their orphans even then, a read-only loop device stands in between; not for btrfs, which writes nothing and
+// may span several `devices`. Returns the problem; then nothing is left mounted.
 std::string mountReadOnly(const std::vector<const BlockDevice*>& devices, const std::string& type,
                           const std::string& folder);
 

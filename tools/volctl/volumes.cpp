@@ -248,7 +248,8 @@ Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& v
     const auto folder = withoutEndingSlashes(machine.settings.prebootDirectory);
     if (!folder.starts_with('/') || !isPlainName(folder))
         return {std::nullopt, "PrebootDirectory is no plain absolute path: " + folder};
-    if (!machine.isDirectory(folder)) return {std::nullopt, "no volume has the role Preboot, and no directory " + folder};
+    if (!machine.isDirectory(folder))
+        return {std::nullopt, "no volume has the role Preboot, and no directory " + folder};
     const auto* mount = mountHolding(machine.mounts, folder);
     if (!mount) return {std::nullopt, "cannot tell which file system holds " + folder};
     Volume answer;
@@ -292,6 +293,14 @@ const Volume* findByDevice(const Machine& machine, const std::vector<Volume>& vo
     return nullptr;
 }
 
+// The folder may be mounted on demand only, and opening it is the demand. Mounts are known by paths without links.
+void demandPreboot(std::string& folder) {
+    const FileDescriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::error_code error;
+    const auto real = std::filesystem::canonical(folder, error);
+    if (opened && !error && folder.starts_with('/')) folder = real;
+}
+
 }  // namespace
 
 Machine thisMachine() {
@@ -299,8 +308,7 @@ Machine thisMachine() {
     if (const auto settings = readTrustedPropertyListFile(settingsPath))
         machine.settings = readVolumeSettings(*settings);
     machine.devices = readBlockDevices();
-    // The folder may be mounted on demand only; opening it is the demand.
-    const FileDescriptor demanded(::open(machine.settings.prebootDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    demandPreboot(machine.settings.prebootDirectory);
     machine.mounts = readVisibleMounts();
     machine.probe = probeDevice;
     machine.isDirectory = [](const std::string& path) {
