@@ -2,18 +2,16 @@
 """The configuration asset, from a real web server on loopback into the store and into a capture."""
 import contextlib
 import datetime
-import hashlib
 import http.server
 import os
 import plistlib
 import shutil
-import socket
 import ssl
 import subprocess
 import threading
 import unittest
 
-from world import World, read, write
+from world import World, write
 
 PUBLISH = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../tools/asset-publish/asset-publish")
 TYPE = "com.vexlor.Provisor.tarnwick.config"
@@ -45,8 +43,8 @@ class Handler(http.server.SimpleHTTPRequestHandler):
 
 
 @contextlib.contextmanager
-def serve(tls=False, **tricks):
-    """A web server over SITE. A trick answers the paths with that ending in its own way."""
+def serve(tls=False):
+    """A web server over SITE. `tricks` answer the paths with their ending in their own way."""
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
     server.requests, server.tricks, server.over = [], {}, threading.Event()
     if tls:
@@ -156,14 +154,16 @@ class Assets(unittest.TestCase):
             ]
             for code, damage in damages:
                 with self.subTest(code=code):
+                    self.sign(good)
                     damage()
                     self.expect(f"{CATALOG}WARNING: catalog download failed: {code}\n{GAVE_UP}", "5.0")
             with serve() as other:
                 self.sign(good)
-                server.tricks["t"] = redirect_to(other.url + "/catalog.plist")
-                self.assertIn("download failed: 22", self.fetch())  # followed: the signature is the catalog again
+                server.tricks[".plist"] = redirect_to(other.url + "/catalog.plist")
+                self.expect(CATALOG, "5.0")
+                self.assertEqual(other.requests, ["/catalog.plist"])
             for target in ("file:///etc/passwd", "https://127.0.0.1/", "http://192.0.2.1/", "/catalog.plist"):
-                server.tricks["t"] = redirect_to(target)
+                server.tricks[".plist"] = redirect_to(target)
                 self.expect(f"{CATALOG}WARNING: catalog download failed: 13\n{GAVE_UP}", "5.0")
         self.assertEqual(self.installed(), ["5.0"])
 
@@ -197,7 +197,7 @@ class Assets(unittest.TestCase):
     def test_a_server_that_says_nothing_meets_the_deadline_and_does_not_hold_up_the_end(self):
         with serve() as server:
             self.configure(server.url)
-            server.tricks["t"] = lambda handler: server.over.wait()
+            server.tricks[".plist"] = lambda handler: server.over.wait()
             self.expect(f"{CATALOG}WARNING: catalog download failed: (no progress indicated)\n{GAVE_UP}")
 
     def test_a_kill_in_mid_download_leaves_the_old_state_and_the_next_run_clears_up(self):
