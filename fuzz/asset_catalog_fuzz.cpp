@@ -1,0 +1,51 @@
+// The catalog of the asset service: its parser, its path rule, and its signature.
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/assets/asset_catalog.h"
+
+using namespace tarnwick;
+
+namespace {
+
+// Nobody has the private key.
+const std::string publicKey =
+    "-----BEGIN PUBLIC KEY-----\nMCowBQYDK2VwAyEASu6Ghp2Ta4w+ZZMnOZbDsSFwNXQsSsqlz3VDRQSoPck=\n-----END PUBLIC KEY-----\n";
+
+void require(bool condition) {
+    if (!condition) std::abort();
+}
+
+// Decided apart from the rule under test: by where the standard library says that the path leads.
+void requireInside(const std::string& path) {
+    const auto joined = std::filesystem::path("/store") / path;
+    require(joined.lexically_normal() == joined && joined.native().starts_with("/store/"));
+    require(path.find('\0') == std::string::npos && !path.ends_with('/'));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    AssetCatalog catalog;
+    require(readCatalog({"<plist/>", input}, publicKey, catalog) == AssetResult::signatureWrong);
+    require(readCatalog({input, std::string(64, 'x')}, publicKey, catalog) == AssetResult::signatureWrong);
+    if (acceptableAssetPath(input)) requireInside(input);
+    if (parseCatalog(input, catalog) != AssetResult::success) {
+        require(catalog.assets.empty());
+        return 0;
+    }
+    require(catalog.serial >= 0);
+    for (const auto& asset : catalog.assets) {
+        require(acceptableAssetType(asset.type) && asset.type.find('/') == std::string::npos && asset.type.front() != '.');
+        require(asset.version >= AssetVersion{} && !asset.files.empty());
+        for (const auto& file : asset.files) {
+            requireInside(file.path);
+            require(file.sha256.size() == 64 && !file.url.empty() && file.size <= INT64_MAX);
+        }
+    }
+    return 0;
+}
