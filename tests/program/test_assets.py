@@ -13,7 +13,9 @@ import unittest
 
 from world import World, write
 
-PUBLISH = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../tools/asset-publish/asset-publish")
+PROJECT = os.path.dirname(os.path.abspath(__file__)) + "/../.."
+PUBLISH = f"{PROJECT}/tools/asset-publish/asset-publish"
+LINUX = f"{PROJECT}/config/linux.plist.in"
 TYPE = "com.vexlor.Provisor.tarnwick.config"
 STORE = f"/var/lib/tarnwick/assets/{TYPE}"
 SITE = "/media/site"
@@ -229,18 +231,17 @@ class Assets(unittest.TestCase):
         self.assertEqual(self.installed(), ["5.0", "6.0"])
 
     def test_a_published_configuration_makes_a_capture(self):
-        volume = self.world.volume("Data", files=["/logs/a.log", "/logs/b.txt"])
-        write(f"{volume.mount_point}/Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist",
-              plistlib.dumps({"AutoSubmit": True}))
-        self.version("1.0", plistlib.dumps({"archive_public_key": self.world.key_pair(), "CaptureSpec": [
-            {"BasePath": "/logs", "Expression": ".*\\.log", "DocString": "logs"}]}).decode())
+        self.world.volume("Data", {"AutoSubmit": True}, ["/var/log/syslog", "/var/log/other.txt"])
+        with open(LINUX, encoding="utf-8") as file:
+            self.version("1.0", file.read().replace("@RECIPIENT@", self.world.key_pair()))
         self.publish()
         with serve() as server:
             self.configure(server.url)
             result = self.world.run()
         self.assertIn(f'using external config: "{STORE}/1.0/{NAME}"\n', result.console)
         self.assertEqual(result.status, 0, result.console)
-        self.assertIn("/media/Data/logs/a.log", self.world.entries(result.archive))
+        self.assertIn("/media/Data/var/log/syslog", self.world.entries(result.archive))
+        self.assertNotIn("/media/Data/var/log/other.txt", self.world.entries(result.archive))
 
 
 if __name__ == "__main__":
