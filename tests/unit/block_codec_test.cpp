@@ -66,6 +66,21 @@ TEST(BlockCodec, GivesBackEveryKindOfBlock) {
     }
 }
 
+TEST(BlockCodec, ForgetsABlockThatDidNotShrink) {
+    BlockEncoder encoder(someKeys());
+    Buffer out(BlockEncoder::capacity);
+    Buffer first;
+    for (unsigned seed = 0; seed < 3; ++seed) {
+        const Buffer leader = random(blockSize, seed);
+        const auto dictionary = makeGroupDictionary(leader);
+        out.resize(BlockEncoder::capacity);
+        EXPECT_GT(encoder.encode(1, false, random(blockSize, 9), dictionary.get(), out.data()), blockSize);
+        out.resize(encoder.encode(2, false, Buffer(blockSize, 'a'), nullptr, out.data()));
+        if (first.empty()) first = out;
+        EXPECT_TRUE(out == first);
+    }
+}
+
 TEST(BlockCodec, RefusesEveryFlippedBit) {
     const Buffer block = encode(1, true, Buffer(36, 'x'));
     for (std::size_t bit = 0; bit < block.size() * 8; ++bit) {

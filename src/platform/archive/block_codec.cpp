@@ -94,6 +94,8 @@ std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain,
     BlockHeader header{0, last ? blockLast : std::uint8_t{0}, sequence};
     std::size_t length = 0;
     if (!last) {
+        // After a frame that did not fit, the compressor would go on with that one, and with its dictionary.
+        ZSTD_CCtx_reset(compressor_.get(), ZSTD_reset_session_only);
         ZSTD_CCtx_refCDict(compressor_.get(), dictionary);
         // A frame that would not be smaller than the block does not fit, and is then not wanted.
         length = ZSTD_compress2(compressor_.get(), stored, plain.size() - 1, plain.data(), plain.size());
