@@ -15,7 +15,9 @@ namespace tarnwick::test {
 using namespace tarnwick::qvx;
 using ByteVector = std::vector<std::uint8_t>;
 
-inline Bytes bytesOf(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
+inline Bytes bytesOf(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
 
 inline Digest sha256(std::string_view text) {
     Digest digest;
@@ -165,7 +167,8 @@ private:
         if (sequence % groupLength_ == 0) dictionary_ = makeGroupDictionary(plain);
         const bool follows = inGroup && sequence % groupLength_ != 0;
         BlockEncoder encoder(keys_);
-        const std::size_t length = encoder.encode(sequence, last, plain, follows ? dictionary_.get() : nullptr, out.data());
+        const ZSTD_CDict* dictionary = follows ? dictionary_.get() : nullptr;
+        const std::size_t length = encoder.encode(sequence, last, plain, dictionary, out.data());
         file_.insert(file_.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length));
         sealedLengths_.push_back(static_cast<std::uint32_t>(length - blockHeaderSize));
         positions_.push_back(file_.size());

@@ -11,6 +11,13 @@ namespace {
 
 using Seen = std::vector<std::string>;
 
+// The thread sanitizer looks at the threads, not at the bytes.
+#ifdef __SANITIZE_THREAD__
+constexpr std::size_t damageStep = 31;
+#else
+constexpr std::size_t damageStep = 1;
+#endif
+
 EVP_PKEY* recipient() {
     static const KeyHandle key = generatePrivateKey();
     return key.get();
@@ -120,17 +127,16 @@ TEST(ArchiveReader, ReadsContentOverManyBlocks) {
 
 TEST(ArchiveDamage, EveryByteFlippedIsRefused) {
     const SmallArchive archive;
-    for (std::size_t at = 0; at < archive.bytes.size(); ++at) {
+    for (std::size_t at = 0; at < archive.bytes.size(); at += damageStep) {
         ByteVector damaged = archive.bytes;
         damaged[at] ^= static_cast<std::uint8_t>(1U << at % 8);
         expectRefused(archive, damaged, "flipped at " + std::to_string(at));
     }
-    RecordProperty("cases", static_cast<int>(archive.bytes.size()));
 }
 
 TEST(ArchiveDamage, ACutAtEveryLengthIsRefused) {
     const SmallArchive archive;
-    for (std::size_t length = 0; length < archive.bytes.size(); ++length) {
+    for (std::size_t length = 0; length < archive.bytes.size(); length += damageStep) {
         const ByteVector cut(archive.bytes.begin(), archive.bytes.begin() + static_cast<std::ptrdiff_t>(length));
         expectRefused(archive, cut, "cut at " + std::to_string(length));
     }
@@ -150,7 +156,9 @@ TEST(ArchiveDamage, EveryBlockOutOfItsPlaceIsRefused) {
     };
     for (std::size_t which = 0; which < count; ++which) {
         const std::string name = std::to_string(which);
-        rebuild([&](ByteVector& to, std::size_t i) { if (i != which) append(to, archive.block(i)); }, "dropped " + name);
+        rebuild([&](ByteVector& to, std::size_t i) {
+            if (i != which) append(to, archive.block(i));
+        }, "dropped " + name);
         rebuild([&](ByteVector& to, std::size_t i) {
             append(to, archive.block(i));
             if (i == which) append(to, archive.block(i));
@@ -231,7 +239,11 @@ TEST(ArchiveLies, OfEntriesAreFound) {
         {"digest", [&](auto& b) { entry(b, b.head("x"), "abc", tailOf(sha256("abd"), SparseSum{3, 0})); }},
         {"size", [&](auto& b) { entry(b, b.head("x"), "abc", tailOf(sha256("abc"), SparseSum{4, 0})); }},
         {"holes", [&](auto& b) { entry(b, b.head("x"), "abc", tailOf(sha256("abc"), SparseSum{3, 1})); }},
-        {"number", [&](auto& b) { auto h = b.head("x"); h.number = 7; entry(b, h, "abc", tailOf(sha256("abc"), SparseSum{3, 0})); }},
+        {"number", [&](auto& b) {
+             auto head = b.head("x");
+             head.number = 7;
+             entry(b, head, "abc", tailOf(sha256("abc"), SparseSum{3, 0}));
+         }},
         {"directory with content", [&](auto& b) { entry(b, b.head("x", EntryType::directory), "abc", {}); }},
         {"link without target", [&](auto& b) { entry(b, b.head("x", EntryType::link), "", {}); }},
         {"itself", [](auto& b) { b.reference("x", 0, std::nullopt, 0); }},
@@ -288,7 +300,7 @@ struct Salvage {
 TEST(ArchiveSalvage, SavesWhateverIsWholeWhateverByteIsFlipped) {
     const SmallArchive archive;
     const auto& positions = archive.builder.positions();
-    for (std::size_t at = plainHeaderSize; at < archive.bytes.size(); at += 3) {
+    for (std::size_t at = plainHeaderSize; at < archive.bytes.size(); at += 3 * damageStep) {
         ByteVector damaged = archive.bytes;
         damaged[at] ^= 0x40;
         const Salvage salvage(damaged);
@@ -311,7 +323,9 @@ TEST(ArchiveSalvage, ReadsBlocksOutOfOrderAndPastACut) {
     EXPECT_EQ(fromShuffled.sink.seen, archive.all);
     EXPECT_FALSE(fromShuffled.faults.empty());
 
-    const Salvage fromCut({archive.bytes.begin(), archive.bytes.begin() + static_cast<std::ptrdiff_t>(archive.builder.positions()[2] + 5)});
+    ByteVector cut = archive.bytes;
+    cut.resize(archive.builder.positions()[2] + 5);
+    const Salvage fromCut(cut);
     EXPECT_EQ(fromCut.sink.seen, (Seen{archive.all[0], archive.all[1]}));
 }
 

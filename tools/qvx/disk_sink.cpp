@@ -133,7 +133,8 @@ void DiskSink::abandon() {
         std::string name = stem;
         for (int i = 1; i < 1000 && !temporary_.rename(name, false) && errno == EEXIST; ++i)
             name = stem + '.' + std::to_string(i);
-        if (!temporary_.exists()) say(escapedName(head_.path) + ": what there is of it is kept as " + escapedName(name));
+        if (!temporary_.exists())
+            say(escapedName(head_.path) + ": what there is of it is kept as " + escapedName(name));
     }
     temporary_.drop();
 }

@@ -30,7 +30,8 @@ private:
 // An entry that cannot be put on disk is reported, and the next ones are not affected. Changes the working directory.
 class DiskSink : public EntrySink {
 public:
-    // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, what there is of an abandoned file stays as NAME.incomplete.
+    // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, what there is of an
+    // abandoned file stays as NAME.incomplete.
     DiskSink(int directory, bool keepIncomplete)
         : destination_(directory), sources_(directory), keepIncomplete_(keepIncomplete) {}
 

@@ -17,10 +17,10 @@ std::string modeText(EntryType type, unsigned mode) {
     for (int shift = 6; shift >= 0; shift -= 3) {
         const unsigned bits = mode >> shift;
         const bool special = mode & (0x200U << (shift / 3));
-        const char specialLetter = shift == 0 ? 't' : 's';
+        const std::string_view letters = !special ? "-x" : shift == 0 ? "Tt" : "Ss";
         text += bits & 4 ? 'r' : '-';
         text += bits & 2 ? 'w' : '-';
-        text += special ? (bits & 1 ? specialLetter : static_cast<char>(specialLetter - 'a' + 'A')) : bits & 1 ? 'x' : '-';
+        text += letters[bits & 1];
     }
     return text;
 }

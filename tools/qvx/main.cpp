@@ -247,7 +247,8 @@ void declareCommands(CLI::App& app, Options& options, Command& chosen) {
         command->add_option("-k,--key", options.key, "private key file in PEM form")->required();
     for (auto* command : {list, verify, extract, cat, info})
         command->add_option("ARCHIVE", options.archive, "the archive")->required();
-    extract->add_option("PATH", options.paths, "entries to take, with all below them; otherwise all")->excludes(salvage);
+    extract->add_option("PATH", options.paths, "entries to take, with all below them; otherwise all")
+        ->excludes(salvage);
     cat->add_option("PATH", options.paths, "the file")->required()->expected(1);
 
     auto* keygen = declare(app, "keygen", "make a key pair, NAME.pem and NAME.pub", runKeygen, chosen);

@@ -70,7 +70,8 @@ bool mayRestore(const std::string& attribute) { return geteuid() == 0 || attribu
 // These come last in an archive, behind the content, when the disk writer has long wanted them; so they are set here.
 // The descriptor is one of O_PATH, whose entry in /proc leads to the file itself whatever has happened to its name.
 void restoreExtras(const std::string& path, const std::string& name, EntryType type, const EntryTail& tail) {
-    const bool hasLists = tail.accessLists && !(tail.accessLists->access.empty() && tail.accessLists->defaultList.empty());
+    const bool hasLists =
+        tail.accessLists && !(tail.accessLists->access.empty() && tail.accessLists->defaultList.empty());
     const bool hasAttributes = tail.attributes && !tail.attributes->empty();
     if (!hasLists && !hasAttributes) return;
     const FileDescriptor file(open(name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -135,8 +136,8 @@ bool TemporaryFile::create(int directory, const EntryHead& head, const std::stri
 
 bool TemporaryFile::data(Bytes bytes) {
     if (bytes.empty()) return true;
-    if (archive_write_data_block(disk_.get(), bytes.data(), bytes.size(), static_cast<la_int64_t>(offset_)) < ARCHIVE_OK)
-        return refuse();
+    const auto position = static_cast<la_int64_t>(offset_);
+    if (archive_write_data_block(disk_.get(), bytes.data(), bytes.size(), position) < ARCHIVE_OK) return refuse();
     offset_ += bytes.size();
     written_ = offset_;
     return true;

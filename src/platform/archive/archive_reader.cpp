@@ -187,7 +187,8 @@ bool ArchiveReader::readAll(EntrySink& sink, ReadFault& fault) {
     for (BlockPointer block; goOn && (block = blocks.next());) goOn = walk.take(*block);
     if (goOn && walk.complete()) return true;
     walk.abandon();
-    if (!walk.stopped()) fault = goOn ? ReadFault{"the archive could not be read to its end", {}, {}, {}} : walk.fault();
+    if (!walk.stopped()) fault = walk.fault();
+    if (goOn) fault.what = "the archive could not be read to its end";
     return false;
 }
 

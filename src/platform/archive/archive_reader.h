@@ -1,5 +1,5 @@
-// Reading an archive: listing it from its index, taking out chosen entries, going through all of it, and saving what can
-// be saved of a damaged one. The format is described in docs/qvx-format.md; writing is in archive_library.h.
+// Reading an archive: listing it from its index, taking out chosen entries, going through all of it, and saving what
+// can be saved of a damaged one. The format is described in docs/qvx-format.md; writing is in archive_library.h.
 //
 // What an archive says is hostile until proved: anybody can seal one to a public key. No reader asks for more memory
 // than a small multiple of what it has read from the file, and nothing reaches a sink's finish() that was not held to

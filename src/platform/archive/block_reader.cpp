@@ -60,8 +60,9 @@ void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
 void BlockMap::add(const BlockPlace& place) { places_.push_back(place); }
 
 std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
-    const auto found = std::lower_bound(places_.begin(), places_.end(), sequence,
-                                        [](const BlockPlace& place, std::uint64_t key) { return place.sequence < key; });
+    const auto found =
+        std::lower_bound(places_.begin(), places_.end(), sequence,
+                         [](const BlockPlace& place, std::uint64_t key) { return place.sequence < key; });
     if (found == places_.end() || found->sequence != sequence) return std::nullopt;
     return *found;
 }

@@ -113,8 +113,9 @@ bool ArchiveIndex::visitPart(std::size_t part, const Visitor& visit, ReadFault& 
 
 std::size_t ArchiveIndex::partOf(std::uint64_t number) const {
     if (number >= root_.entries) return root_.parts.size();
-    const auto behind = std::upper_bound(root_.parts.begin(), root_.parts.end(), number,
-                                         [](std::uint64_t key, const IndexPartPlace& part) { return key < part.first; });
+    const auto behind =
+        std::upper_bound(root_.parts.begin(), root_.parts.end(), number,
+                         [](std::uint64_t key, const IndexPartPlace& part) { return key < part.first; });
     return static_cast<std::size_t>(behind - root_.parts.begin()) - 1;
 }
 
