@@ -29,6 +29,11 @@ def openssl(*arguments):
     subprocess.run(["openssl", *arguments], check=True, capture_output=True)
 
 
+def content(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
 class Handler(http.server.SimpleHTTPRequestHandler):
     def __init__(self, *arguments):
         super().__init__(*arguments, directory=SITE)
@@ -94,13 +99,14 @@ class Assets(unittest.TestCase):
         words = [f"--{key}={value}" for key, value in options.items()]
         subprocess.run([PUBLISH, "--key", "/media/site.key", *words, SITE], check=True, capture_output=True)
         if change:
-            catalog = plistlib.loads(open(f"{SITE}/catalog.plist", "rb").read())
+            catalog = plistlib.loads(content(f"{SITE}/catalog.plist"))
             change(catalog)
             self.sign(plistlib.dumps(catalog))
 
     def sign(self, content):
         write(f"{SITE}/catalog.plist", content)
-        openssl("dgst", "-sha256", "-sign", "/media/site.key", "-out", f"{SITE}/catalog.plist.sig", f"{SITE}/catalog.plist")
+        openssl("dgst", "-sha256", "-sign", "/media/site.key", "-out", f"{SITE}/catalog.plist.sig",
+                f"{SITE}/catalog.plist")
 
     def fetch(self, **more):
         return self.world.run(program="fetch_config", **more).raw
@@ -118,8 +124,8 @@ class Assets(unittest.TestCase):
         self.expect(CATALOG, "4.1")
 
     def test_fetches_over_tls_then_uses_the_installed_one_and_takes_the_newer(self):
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=test",
-                "-addext", "subjectAltName=IP:127.0.0.1", "-days", "2", "-keyout", "/media/server.key",
+        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj",
+                "/CN=test", "-addext", "subjectAltName=IP:127.0.0.1", "-days", "2", "-keyout", "/media/server.key",
                 "-out", "/media/server.pem")
         self.publish("5.10")
         with serve(tls=True) as server:
@@ -142,7 +148,7 @@ class Assets(unittest.TestCase):
         with serve() as server:
             self.configure(server.url)
             self.expect(CATALOG + ASSET, "5.0")
-            good = open(f"{SITE}/catalog.plist", "rb").read()
+            good = content(f"{SITE}/catalog.plist")
             first = lambda catalog: catalog["Assets"][-1]["Files"][0]
             damages = [
                 (20, lambda: self.sign(good + b"\n" * (1 << 20))),

@@ -35,8 +35,8 @@ std::string signedBy(EVP_PKEY* key, const std::string& bytes) {
 const std::string digestText(64, 'a');
 
 std::string file(const std::string& path) {
-    return "<dict><key>Path</key><string>" + path + "</string><key>Size</key><integer>3</integer><key>SHA256</key><string>" +
-           digestText + "</string><key>URL</key><string>u</string></dict>";
+    return "<dict><key>Path</key><string>" + path +
+           "</string><key>Size</key><integer>3</integer><key>SHA256</key><string>" + digestText + "</string><key>URL</key><string>u</string></dict>";
 }
 
 std::string asset(const std::string& files, const std::string& type = "t") {
@@ -95,7 +95,8 @@ TEST(AssetCatalog, RefusesWhatIsMalformed) {
     const std::vector<std::string> bad = {
         "", good.substr(0, good.size() - 1), "bplist00", catalog("<string>a</string>"), catalog(asset("")),
         catalog(asset(file("a") + file("a"))), catalog(asset(file("a/b") + file("a"))),
-        catalog(asset(file("a")) + asset(file("b"))), catalog(asset(file("a"), ".t")), catalog(asset(file("a"), "../t")),
+        catalog(asset(file("a")) + asset(file("b"))),
+        catalog(asset(file("a"), ".t")), catalog(asset(file("a"), "../t")),
         replaced(good, "<integer>7<", "<integer>-7<"), replaced(good, "<integer>5<", "<integer>-5<"),
         replaced(good, "<integer>3<", "<integer>18446744073709551615<"), replaced(good, digestText, digestText + "a"),
         replaced(good, digestText, "G" + digestText.substr(1)), replaced(good, "<string>u<", "<string><"),
@@ -108,7 +109,8 @@ TEST(AssetCatalog, RefusesWhatIsMalformed) {
 }
 
 TEST(AssetUrls, StayWithTheCatalogsSchemeAndPlainHttpOnThisMachine) {
-    for (const auto* url : {"https://host/c", "file:///srv/c", "http://127.0.0.1:8/c", "http://[::1]/", "HTTP://localhost/c"})
+    for (const auto* url :
+         {"https://host/c", "file:///srv/c", "http://127.0.0.1:8/c", "http://[::1]/", "HTTP://localhost/c"})
         EXPECT_TRUE(acceptableUrl(url)) << url;
     for (const auto* url : {"http://host/c", "http://127.0.0.1.host/", "http://127.0.0.1@host/", "ftp://127.0.0.1/",
                             "http://localhost.host/", "host/c", "", "http://128.0.0.1/", "http://0.0.0.0/"})

@@ -25,7 +25,9 @@ constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 class Sha256 {
 public:
-    Sha256() : context_(EVP_MD_CTX_new()), good_(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1) {}
+    Sha256()
+        : context_(EVP_MD_CTX_new()),
+          good_(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1) {}
 
     void add(std::string_view bytes) {
         good_ = good_ && EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1;
@@ -337,8 +339,8 @@ AssetResult AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     const auto place = folderOf(asset);
     std::error_code ignored;
     fs::rename(place, staged.folder_ / "replaced", ignored);
-    if (!syncFolders(staged.folder_ / "content") || ::rename((staged.folder_ / "content").c_str(), place.c_str()) != 0 ||
-        !syncFolder(place.parent_path()))
+    const auto content = staged.folder_ / "content";
+    if (!syncFolders(content) || ::rename(content.c_str(), place.c_str()) != 0 || !syncFolder(place.parent_path()))
         return AssetResult::storeFailed;
     std::erase(installed, asset.version);
     for (std::size_t oldest = 0; oldest + versionsKept <= installed.size(); ++oldest) {
