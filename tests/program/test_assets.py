@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """The configuration asset, from a real web server on loopback into the store and into a capture."""
 import contextlib
-import datetime
 import http.server
 import os
 import plistlib
@@ -82,9 +81,12 @@ class Assets(unittest.TestCase):
     def setUp(self):
         self.world = World()
         self.addCleanup(self.world.close)
-        openssl("ecparam", "-name", "prime256v1", "-genkey", "-noout", "-out", "/media/site.key")
-        openssl("pkey", "-in", "/media/site.key", "-pubout", "-out", "/etc/tarnwick/catalog.pem")
+        self.make_key("ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")
         os.mkdir(SITE)
+
+    def make_key(self, *kind):
+        openssl("genpkey", "-algorithm", *kind, "-out", "/media/site.key")
+        openssl("pkey", "-in", "/media/site.key", "-pubout", "-out", "/etc/tarnwick/catalog.pem")
 
     def configure(self, url):
         write("/etc/tarnwick/asset-service.plist",
@@ -124,14 +126,18 @@ class Assets(unittest.TestCase):
         self.expect(CATALOG, "4.1")
 
     def test_fetches_over_tls_then_uses_the_installed_one_and_takes_the_newer(self):
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj",
-                "/CN=test", "-addext", "subjectAltName=IP:127.0.0.1", "-days", "2", "-keyout", "/media/server.key",
-                "-out", "/media/server.pem")
+        new = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout"]
+        openssl("req", "-x509", *new, "/media/ca.key", "-subj", "/CN=authority", "-out", "/media/ca.pem")
+        openssl("req", *new, "/media/server.key", "-subj", "/CN=server", "-out", "/media/server.csr")
+        write("/media/names", "subjectAltName=IP:127.0.0.1")
+        openssl("x509", "-req", "-in", "/media/server.csr", "-CA", "/media/ca.pem", "-CAkey", "/media/ca.key",
+                "-CAcreateserial", "-extfile", "/media/names", "-out", "/media/server.pem")
+        self.make_key("ed25519")
         self.publish("5.10")
         with serve(tls=True) as server:
             self.configure(server.url)
             self.expect(f"{CATALOG}WARNING: catalog download failed: 11\n{GAVE_UP}")
-            trust = {"SSL_CERT_FILE": "/media/server.pem"}
+            trust = {"SSL_CERT_FILE": "/media/ca.pem"}
             self.expect(CATALOG + ASSET, "5.10", environment=trust)
             server.requests.clear()
             self.expect(CATALOG, "5.10", environment=trust)
@@ -176,13 +182,15 @@ class Assets(unittest.TestCase):
         self.assertEqual(self.installed(), ["5.0"])
 
     def test_an_expired_stored_catalog_still_forbids_a_lower_serial(self):
-        soon = datetime.datetime.utcnow() + datetime.timedelta(days=1)
         self.publish("5.0", serial=7)
         with serve() as server:
             self.configure(server.url)
             self.expect(CATALOG + ASSET, "5.0")
-            self.publish("6.0", serial=6, change=lambda c: c.update(Expiry=soon))
-            os.unlink("/var/lib/tarnwick/assets/.catalog")
+            self.publish("5.0", serial=7, days=-1)
+            signature = content(f"{SITE}/catalog.plist.sig")
+            write("/var/lib/tarnwick/assets/.catalog",
+                  b"%d\n" % len(signature) + signature + content(f"{SITE}/catalog.plist"))
+            self.publish("6.0", serial=6)
             self.expect(f"{CATALOG}WARNING: catalog download failed: 25\n{GAVE_UP}", "5.0")
 
     def test_refused_files_are_not_installed(self):
