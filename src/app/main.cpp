@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -37,6 +39,19 @@ constexpr auto introduction =
 constexpr auto completion =
     "\nCapture execution is complete! You may view a detailed log of the capture process at the path shown above.\n\n"
     "If you wish to remove all captured data from this system you may issue the command 'tarnwick --cleanup'\n\n";
+
+// The next file that is opened takes the place of a standard stream that is closed. Were it the execution log or the
+// archive, what is meant for the console would be written into it.
+void fillStandardStreams() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+        if (::fcntl(stream, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+}
+
+// What the commands print and match must not depend on who calls: in a locale of UTF-8 the dot of a regular expression
+// passes over bytes that are not UTF-8, and files with such names would be missing from the capture.
+void fixLocaleOfCommands() {
+    ::setenv("LC_ALL", "C", 1);
+}
 
 void printIntroduction() {
     std::cout << introduction;
@@ -118,6 +133,8 @@ int capture(const ArgumentMap& arguments, RunOptions& options) {
 
 int main(int argc, char** argv) {
     using namespace tarnwick;
+    fillStandardStreams();
+    fixLocaleOfCommands();
     RunOptions options;
     const ArgumentMap arguments = parseArguments(argc, argv);
     if (const auto status = settlePrivileges(arguments, options)) return *status;
