@@ -50,14 +50,16 @@ void writeToFile(std::string_view prefix, std::string_view text) {
     writeLine(file, prefix, text);
 }
 
-// Root writes into a folder where everybody may plant names: neither a link nor a FIFO may lead it elsewhere.
+// Root writes into a folder where everybody may plant names: no link, symbolic or hard, and no FIFO may lead it
+// elsewhere, and what somebody else owns could be altered, or swapped before it is copied. So nothing is truncated
+// before it is known to be our own.
 FileDescriptor openLogFile(const fs::path& path) {
-    FileDescriptor file(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
+    FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return {};
-    if (S_ISREG(status.st_mode)) return file;
-    errno = EINVAL;
+    const bool ours = S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid();
+    if (ours && ::ftruncate(file.get(), 0) == 0) return file;
+    if (!ours) errno = EINVAL;
     return {};
 }
 

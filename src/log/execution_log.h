@@ -29,9 +29,9 @@ void setVerboseConsole(bool verbose);
 // stamps of one process are equal and no run starts its work within the second of its own stamp.
 std::string makeTimeStamp();
 
-// Opens "/tmp/tarnwick-<stamp>.log", truncating what stands there, and returns its path. /tmp is everybody's: a
-// symbolic link in the way, or something that is not a regular file, is a failure and stays untouched. On failure
-// prints a warning on the console and returns the empty text; the run goes on without a log file.
+// Opens "/tmp/tarnwick-<stamp>.log", truncating what stands there, and returns its path. /tmp is everybody's: a link in
+// the way, symbolic or hard, somebody else's file, or what is not a regular file, is a failure and stays untouched. On
+// failure prints a warning on the console and returns the empty text; the run goes on without a log file.
 std::string openExecutionLog(const std::string& stamp);
 
 // Closes the log file for good and copies it into `folder` under its own name; later lines reach the console only.

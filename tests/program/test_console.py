@@ -133,6 +133,13 @@ class Console(Scenario):
         self.in_the_way(lambda path: os.symlink("/media/precious", path), "Too many levels of symbolic links")
         self.assertEqual(read("/media/precious"), "old")
 
+    def test_what_is_not_our_own_in_the_logs_way_is_not_truncated(self):
+        write("/tmp/precious", "old")
+        self.in_the_way(lambda path: os.link("/tmp/precious", path), "Invalid argument")
+        self.assertEqual(read("/tmp/precious"), "old")
+        os.system("rm -rf /tmp/tarnwick*")
+        self.in_the_way(lambda path: os.chown(write(path, "planted"), 1000, 1000), "Invalid argument")
+
     def test_folder_in_the_logs_way(self):
         self.in_the_way(os.mkdir, "Is a directory")
 
