@@ -164,11 +164,12 @@ private:
         const std::uint64_t sequence = sealedLengths_.size();
         if (positions_.empty()) positions_.push_back(file_.size());
         ByteVector out(BlockEncoder::capacity);
-        if (sequence % groupLength_ == 0) dictionary_ = makeGroupDictionary(plain);
+        const Bytes part = dictionaryPart(plain);
+        if (sequence % groupLength_ == 0) dictionary_ = {sequence, {part.begin(), part.end()}};
         const bool follows = inGroup && sequence % groupLength_ != 0;
         BlockEncoder encoder(keys_);
-        const ZSTD_CDict* dictionary = follows ? dictionary_.get() : nullptr;
-        const std::size_t length = encoder.encode(sequence, last, plain, dictionary, out.data());
+        const std::size_t length =
+            encoder.encode(sequence, last, plain, follows ? &dictionary_ : nullptr, out.data());
         file_.insert(file_.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length));
         sealedLengths_.push_back(static_cast<std::uint32_t>(length - blockHeaderSize));
         positions_.push_back(file_.size());

@@ -40,11 +40,14 @@ std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& h
 // None when these are not 16 bytes of a block header: magic, length, or flags that do not go together.
 std::optional<BlockHeader> decodeBlockHeader(Bytes bytes);
 
-// The dictionary of a group, made from the plain bytes of its leader, which it does not copy.
-using GroupDictionary = std::unique_ptr<ZSTD_CDict, FreeWith<ZSTD_freeCDict>>;
+// What a block of a group may refer to: the end of the plain bytes of the block that leads the group.
+struct GroupDictionary {
+    std::uint64_t leader = 0;  // its sequence number, by which an encoder knows the dictionary again
+    std::vector<std::uint8_t> bytes;
+};
 
-// Throws std::bad_alloc when there is no memory.
-GroupDictionary makeGroupDictionary(Bytes leader);
+// The part of a leader that is its group's dictionary.
+Bytes dictionaryPart(Bytes leader);
 
 // Compresses and seals. One thread at a time.
 class BlockEncoder {
@@ -56,12 +59,20 @@ public:
     explicit BlockEncoder(const HpkeKeys& keys);
 
     // Writes header and sealed bytes of one block to `out` (`capacity` bytes) and gives their length; 0 on a failure of
-    // the libraries. `dictionary` is null for a leader; the last block is stored raw.
-    std::size_t encode(std::uint64_t sequence, bool last, Bytes plain, const ZSTD_CDict* dictionary, std::uint8_t* out);
+    // the libraries. `dictionary` is null for a leader and for a block that is to stand alone; the last block is stored
+    // raw.
+    std::size_t encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
+                       std::uint8_t* out);
 
 private:
+    std::size_t compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out);
+    bool learn(const GroupDictionary& dictionary);
+
     HpkeCipher cipher_;
-    std::unique_ptr<ZSTD_CCtx, FreeWith<ZSTD_freeCCtx>> compressor_;
+    std::vector<std::uint8_t> region_;  // the dictionary and, right behind it, the block
+    std::optional<std::uint64_t> learned_;
+    std::unique_ptr<ZSTD_CDict, FreeWith<ZSTD_freeCDict>> tables_;
+    std::unique_ptr<ZSTD_CCtx, FreeWith<ZSTD_freeCCtx>> compressor_;  // goes first: it refers to the tables
 };
 
 enum class BlockFault {

@@ -81,14 +81,12 @@ void BlockStream::send(bool last) {
     job->sequence = block_;
     job->last = last;
     job->length = offset_;
-    if (standingAlone_) {
-        job->group = nullptr;
-    } else if (block_ % groupLength_ == 0) {
-        group_ = std::make_shared<Group>();
-        group_->leader.assign(job->plain.begin(), job->plain.begin() + static_cast<std::ptrdiff_t>(offset_));
-        job->group = nullptr;
+    if (block_ % groupLength_ == 0) {
+        const Bytes part = dictionaryPart(Bytes(job->plain).first(offset_));
+        dictionary_ = std::make_shared<GroupDictionary>(GroupDictionary{block_, {part.begin(), part.end()}});
+        job->dictionary = nullptr;
     } else {
-        job->group = group_;
+        job->dictionary = standingAlone_ ? nullptr : dictionary_;
     }
     {
         const std::lock_guard lock(mutex_);
@@ -130,15 +128,12 @@ void BlockStream::work() {
 void BlockStream::seal(Job& job, std::optional<BlockEncoder>& encoder) {
     try {
         if (!encoder) encoder.emplace(keys_);
-        if (job.group)
-            std::call_once(job.group->made, [&] { job.group->dictionary = makeGroupDictionary(job.group->leader); });
-        job.sealedLength =
-            encoder->encode(job.sequence, job.last, Bytes(job.plain).first(job.length),
-                            job.group ? job.group->dictionary.get() : nullptr, job.sealed.data());
+        job.sealedLength = encoder->encode(job.sequence, job.last, Bytes(job.plain).first(job.length),
+                                           job.dictionary.get(), job.sealed.data());
     } catch (const std::bad_alloc&) {
         job.sealedLength = 0;
     }
-    job.group = nullptr;
+    job.dictionary = nullptr;
 }
 
 // Whoever completes the next block writes it, and all that wait behind it; one at a time, outside the lock.

@@ -1,8 +1,8 @@
 // The way from the archive stream to the file: blocks are filled by one thread, compressed and sealed by workers, and
 // written in order by whichever worker completes the next one.
 //
-// Memory: workers + 2 blocks in work, each with its sealed form beside it, and one leader with its dictionary for each
-// group that has a block in work.
+// Memory: workers + 2 blocks in work, each with its sealed form beside it; half a block for each group that has one in
+// work; and about four blocks for the compressor of each worker.
 //
 // A sink that fails stops nothing: blocks go on through the queue and are dropped, so that no thread waits for ever; the
 // filling thread sees error() and gives up when it likes.
@@ -61,11 +61,6 @@ public:
     [[nodiscard]] const std::vector<std::uint32_t>& sealedLengths() const { return sealedLengths_; }
 
 private:
-    struct Group {
-        std::vector<std::uint8_t> leader;
-        std::once_flag made;
-        GroupDictionary dictionary;
-    };
     struct Job {
         std::uint64_t sequence = 0;
         bool last = false;
@@ -73,7 +68,7 @@ private:
         std::size_t sealedLength = 0;  // 0: not sealed
         std::vector<std::uint8_t> plain;
         std::vector<std::uint8_t> sealed;
-        std::shared_ptr<Group> group;  // none for a leader
+        std::shared_ptr<const GroupDictionary> dictionary;  // none for a leader
     };
     using JobPointer = std::unique_ptr<Job>;
 
@@ -93,7 +88,7 @@ private:
     bool standingAlone_ = false;
     std::uint64_t block_ = 0;
     std::size_t offset_ = 0;
-    std::shared_ptr<Group> group_;
+    std::shared_ptr<const GroupDictionary> dictionary_;
 
     std::mutex mutex_;
     std::condition_variable changed_;
