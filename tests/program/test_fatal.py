@@ -1,4 +1,5 @@
 """Everything that ends a capture early: what is said, and what is left behind."""
+import base64
 import os
 import signal
 
@@ -108,6 +109,16 @@ class AtTheArchive(Scenario):
             with self.subTest(key):
                 os.system("rm -rf /tmp/*")
                 self.check_fatal("failed to parse key", key=key)
+                self.assertEqual(self.archives(), [])
+
+    def test_point_of_another_form_or_off_the_curve(self):
+        blob = bytearray(base64.b64decode(self.world.key_pair().split()[1]))
+        for at, value, message in ((39, 2, "Context setup failed"),
+                                   (40, blob[40] ^ 1, "Error calling QVXEncryptionOutputStreamOpen")):
+            with self.subTest(message):
+                os.system("rm -rf /tmp/*")
+                wrong = bytes(blob[:at]) + bytes([value]) + bytes(blob[at + 1:])
+                self.check_fatal(message, key="ecdsa-sha2-nistp256 " + base64.b64encode(wrong).decode())
                 self.assertEqual(self.archives(), [])
 
     def test_failure_removes_even_a_foreign_file_in_the_way(self):

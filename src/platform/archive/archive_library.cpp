@@ -147,7 +147,8 @@ int setContextFieldBlob(EncryptionContext* context, int field, int representatio
                         std::size_t length) {
     if (!context || field != contextFieldRecipient || representation != representationUncompressed) return -EINVAL;
     qvx::Point point{};
-    if (length != point.size()) return -EINVAL;
+    constexpr std::byte uncompressedForm{4};
+    if (length != point.size() || bytes[0] != uncompressedForm) return -EINVAL;
     std::transform(bytes, bytes + length, point.begin(), [](std::byte byte) { return std::to_integer<std::uint8_t>(byte); });
     context->recipient = point;
     return 0;
