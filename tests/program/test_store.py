@@ -1,6 +1,7 @@
 """The store on the destination volume: listing, pruning, placing, removing."""
 import os
 import resource
+import signal
 
 import world
 from world import LIMIT, PRUNING, Answer, Scenario, Story, mount, write
@@ -164,7 +165,7 @@ class Store(Scenario):
         write("/media/one/logs/large", os.urandom(200_000))
         self.world.answer("volctl info -plist Preboot", preboot, preboot, Answer(preboot, do=limit), preboot)
         result = self.world.capture(limits=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)))
-        self.assertNotEqual(result.status, 0)
+        self.assertEqual(result.status, -signal.SIGXFSZ)
         self.assertTrue(os.path.getsize(result.temporary()) > 200_000)
         self.assertFalse(os.path.exists(result.archive))
         self.check_no_capture_counts()
