@@ -21,7 +21,7 @@ step() {
 }
 
 setUp() {
-    scripts/setup
+    scripts/setup "$@"
     if command -v ccache >/dev/null; then
         export CMAKE_CXX_COMPILER_LAUNCHER=ccache
     fi

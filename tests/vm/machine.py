@@ -1,0 +1,269 @@
+"""A Debian machine made from packages, started under software emulation and driven over its serial lines."""
+import codecs
+import contextlib
+import fcntl
+import hashlib
+import re
+import select
+import shlex
+import shutil
+import socket
+import subprocess
+import tarfile
+import tempfile
+import time
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+MIB = 1 << 20
+
+PACKAGES = """linux-image-amd64 systemd-sysv udev systemd-boot-efi initramfs-tools lvm2 cryptsetup-bin btrfs-progs
+    xfsprogs fdisk attr libblkid1 libmount1 libcryptsetup12 libarchive13 libzstd1 libssl3 libexpat1 libcurl4""".split()
+LEFT_OUT = ["/usr/share/doc/*", "/usr/share/locale/*"] + [
+    f"/lib/modules/*/kernel/{folder}/*" for folder in ("sound", "drivers/net", "drivers/gpu", "drivers/media")]
+
+# Number in the table, MiB, GPT type, name. The root partition is written here, the others are formatted by the guest.
+PARTITIONS = [
+    (1, 64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
+    (2, 64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition"),
+    (3, 1024, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
+    (4, 64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
+    (5, 64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
+    (6, 160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
+    (7, 320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
+    (8, 32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
+]
+
+FILES = {
+    "etc/fstab": "/dev/vda3 / ext4 errors=remount-ro 0 1\n",
+    "etc/hostname": "vm\n",
+    # A shell on each serial line: the first is the operator's terminal, the second the test's own.
+    "etc/systemd/system/shell@.service": """[Unit]
+After=systemd-user-sessions.service local-fs.target
+[Service]
+Type=idle
+Environment=PS1= TERM=dumb HOME=/root
+WorkingDirectory=/root
+ExecStart=/bin/sh -c 'echo @shell@; exec bash --norc --noediting -i'
+StandardInput=tty
+StandardOutput=tty
+StandardError=tty
+TTYPath=/dev/%i
+[Install]
+WantedBy=multi-user.target
+""",
+}
+LOADER_ENTRY = ("title Debian\nlinux /vmlinuz\ninitrd /initrd.img\n"
+                "options root=/dev/vda3 rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off\n")
+
+
+class Failure(Exception):
+    """What did not go as it must; ends the test."""
+
+
+def command(*words, **settings):
+    done = subprocess.run([str(word) for word in words], capture_output=True, text=True, **settings)
+    if done.returncode:
+        raise Failure(f"{' '.join(map(str, words))}: status {done.returncode}\n{done.stderr[-4000:]}")
+    return done.stdout
+
+
+def say(text=""):
+    print("".join(c if c in "\n\t" or c.isprintable() else f"\\x{ord(c):02x}" for c in text), flush=True)
+
+
+class Console:
+    """One end of a terminal: text is sent, answers are waited for, each with a limit in seconds."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX)
+        deadline = time.monotonic() + 30
+        while self.socket.connect_ex(str(path)):
+            if time.monotonic() > deadline:
+                raise Failure(f"nothing listens at {path}")
+            time.sleep(0.05)
+        self.unread = ""
+        self.decode = codecs.getincrementaldecoder("utf-8")("replace").decode
+
+    def send(self, text):
+        self.socket.sendall(text.encode())
+
+    def expect(self, pattern, seconds=240):
+        """The match of the pattern and the text before it; both are used up."""
+        deadline = time.monotonic() + seconds
+        while not (match := re.search(pattern, self.unread)):
+            ready = select.select([self.socket], [], [], max(0, deadline - time.monotonic()))[0]
+            received = self.socket.recv(65536) if ready else b""
+            if not received:
+                raise Failure(f"{'the line ended' if ready else f'{seconds} s'} waiting for {pattern!r} after:\n"
+                              + self.unread[-3000:])
+            self.unread += self.decode(received).replace("\r", "")
+        before, self.unread = self.unread[:match.start()], self.unread[match.end():]
+        return match, before
+
+    def start(self, line):
+        self.send(f"{line}; echo @$?@\n")
+        self.expect(r"echo @\$\?@\n")
+
+    def finish(self, status=0, seconds=240):
+        match, text = self.expect(r"@(\d+)@\n", seconds)
+        if status is not None and int(match[1]) != status:
+            raise Failure(f"status {match[1]} instead of {status}:\n{text}")
+        return text
+
+    def run(self, line, status=0, seconds=240):
+        self.start(line)
+        return self.finish(status, seconds)
+
+
+class Machine:
+    """A running machine. `folder` holds its disks; with `state` it goes on where it was saved. At the end of the
+    `with` the power is taken away; should this process be killed, too."""
+
+    def __init__(self, folder, form, state=None):
+        self.folder, self.state = folder, state
+        for name, size in ("tools", 96), ("out", 64):
+            with open(folder / name, "ab") as disk:
+                disk.truncate(size * MIB)
+        lines = []
+        for number, (name, kind) in enumerate((("tools", "raw"), ("out", "raw"), ("system", form), ("stick", form))):
+            lines += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
+            if name != "stick":
+                first = ",bootindex=0" if name == "system" else ""
+                lines += ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={16 - number}{first}"]
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-accel", "tcg,thread=multi", "-machine", "q35",
+             "-cpu", "max", "-smp", "2", "-m", "1024", "-nic", "none", "-display", "none", "-no-reboot",
+             "-drive", "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
+             "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe", *lines,
+             "-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on",
+             *(word for name in ("operator", "control") for word in
+               ("-serial", f"unix:{folder / name}.socket,server=on,wait=off")),
+             "-monitor", f"unix:{folder / 'monitor'}.socket,server=on,wait=off",
+             *(("-incoming", f"exec:cat {state}") if state else ())],
+            stdin=subprocess.DEVNULL)
+
+    def __enter__(self):
+        try:
+            self.operator, self.control, self.monitor = (
+                Console(self.folder / f"{name}.socket") for name in ("operator", "control", "monitor"))
+            self.waitUntilReady()
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+
+    def waitUntilReady(self):
+        answer = ""
+        while self.state and answer != "running":
+            self.monitor.send("info status\n")
+            answer = self.monitor.expect(r"VM status: (\w+).*\n", 60)[0][1]
+        if not self.state:
+            self.operator.expect("@shell@\n", 400)
+            self.control.expect("@shell@\n", 400)
+
+    def give(self, files):
+        """Unpacks files (name in the guest -> path here) below / in the guest."""
+        with tarfile.open(self.folder / "tools", "w") as tar:
+            for name, path in files.items():
+                tar.add(path, name)
+        with open(self.folder / "tools", "ab") as disk:
+            disk.truncate(96 * MIB)
+        self.control.run("blockdev --flushbufs /dev/disk/by-id/virtio-tools; tar xf /dev/disk/by-id/virtio-tools -C /")
+
+    def take(self, names, target):
+        """Brings files of the guest into the folder `target`."""
+        self.control.run(f"tar cf /dev/disk/by-id/virtio-out --format=posix -C / {names} && sync")
+        command("tar", "xpf", self.folder / "out", "-C", target)
+
+    def save(self, state):
+        self.monitor.expect(r"\(qemu\) ")
+        self.monitor.send(f"migrate_set_parameter max-bandwidth 8G\nmigrate \"exec:cat > {state}\"\ninfo migrate\n")
+        self.monitor.expect("Migration status: completed")
+
+
+def makeDisks(folder):
+    """The disks of a machine that has never run."""
+    root, system = folder / "root", folder / "system"
+    command("mmdebstrap", "--variant=minbase", "--mode=root", *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
+            '--essential-hook=cd "$1/etc" && mkdir -p initramfs-tools/conf.d'
+            " && echo MODULES=list > initramfs-tools/conf.d/vm"
+            " && printf 'virtio_blk\\nvirtio_pci\\next4\\ncrc32c_generic\\n' > initramfs-tools/modules",
+            f"--include={','.join(PACKAGES)}", "bookworm", root)
+    for name, text in FILES.items():
+        (root / name).write_text(text)
+    for mountPoint in "var/lv logs", "media/$(reboot)":
+        (root / mountPoint).mkdir()
+    command("systemctl", "--root", root, "mask", "serial-getty@ttyS0.service", "systemd-networkd.service")
+    command("systemctl", "--root", root, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
+
+    start, table = 1, "label: gpt\n"
+    offsets = {}
+    for number, size, kind, name in PARTITIONS:
+        offsets[number] = start * MIB
+        table += f'{number}: start={start}MiB, size={size}MiB, type={kind}, name="{name}"\n'
+        start += size
+    with open(system, "wb") as disk, open(folder / "stick", "wb") as stick:
+        disk.truncate((start + 1) * MIB)
+        stick.truncate(32 * MIB)
+    command("sfdisk", "--no-reread", "--no-tell-kernel", system, input=table)
+    command("mkfs.ext4", "-q", "-d", root, "-E", f"offset={offsets[3]}", system, "1024M")
+
+    esp = f"{system}@@{offsets[1]}"
+    (folder / "entry.conf").write_text(LOADER_ENTRY)
+    command("mformat", "-i", esp, "-F", "-T", 64 * MIB // 512, "-h", 64, "-s", 32, "::")
+    command("mmd", "-i", esp, "::/EFI", "::/EFI/BOOT", "::/loader", "::/loader/entries")
+    for source, target in ((root / "usr/lib/systemd/boot/efi/systemd-bootx64.efi", "EFI/BOOT/BOOTX64.EFI"),
+                           (folder / "entry.conf", "loader/entries/debian.conf"),
+                           (next(root.glob("boot/vmlinuz-*")), "vmlinuz"),
+                           (next(root.glob("boot/initrd.img-*")), "initrd.img")):
+        command("mcopy", "-i", esp, source, f"::/{target}")
+    shutil.copy("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "variables")
+    shutil.rmtree(root)
+
+
+def makeImage(image, folder, passphrase):
+    """Disks with everything planted on them, and the state of the machine waiting for work."""
+    began = time.monotonic()
+
+    def progress(text):
+        say(f"image: {text} after {time.monotonic() - began:.0f} s")
+
+    makeDisks(folder)
+    progress("packages and disks")
+    with Machine(folder, "raw") as machine:
+        progress("first boot")
+        machine.give({"root/plant": HERE / "plant"})
+        machine.control.run(f"bash /root/plant {shlex.quote(passphrase)}", seconds=600)
+    progress("everything planted and the power cut")
+    with Machine(folder, "raw") as machine:
+        machine.control.run("udevadm settle; mount -o nosuid,nodev /dev/disk/by-id/usb-*-part1 '/media/$(reboot)'")
+        machine.control.run("systemctl is-system-running --wait; sync", None)
+        machine.save(folder / "state")
+    progress("second boot, saved,")
+    folder.rename(image)
+
+
+@contextlib.contextmanager
+def savedMachine(cache, passphrase):
+    """The machine as it waits for work and a folder for the run's files; what the run changes on its disks is not
+    kept. Makes the image if there is none of this recipe. One run at a time; others wait."""
+    recipe = hashlib.sha256((HERE / "machine.py").read_bytes() + (HERE / "plant").read_bytes() + passphrase.encode())
+    image, lock = cache / f"image-{recipe.hexdigest()[:16]}", cache / "lock"
+    cache.mkdir(parents=True, exist_ok=True)
+    with open(lock, "w") as held:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        for leftover in set(cache.iterdir()) - {image, lock}:
+            shutil.rmtree(leftover)
+        if not image.exists():
+            with tempfile.TemporaryDirectory(dir=cache, ignore_cleanup_errors=True) as name:
+                makeImage(image, Path(name), passphrase)
+        with tempfile.TemporaryDirectory(dir=cache) as name:
+            for disk in "system", "stick", "variables":
+                command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
+            with Machine(Path(name), "qcow2", image / "state") as machine:
+                yield machine
