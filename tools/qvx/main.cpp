@@ -100,9 +100,13 @@ int runList(const Options& options) {
     });
 }
 
-int sayDamage(const Options& options, ArchiveReader& reader) {
+// The first damage, and then all that can be told of the rest.
+int sayDamage(const Options& options, ArchiveReader& reader, const ReadFault& first) {
+    sayFault(options, first);
     NullSink sink;
-    reader.salvage(sink, [&](const ReadFault& fault) { sayFault(options, fault); });
+    reader.salvage(sink, [&](const ReadFault& fault) {
+        if (describe(fault) != describe(first)) sayFault(options, fault);
+    });
     return exitFailed;
 }
 
@@ -110,9 +114,7 @@ int runVerify(const Options& options) {
     return withArchive(options, [&](ArchiveReader& reader) {
         NullSink sink;
         ReadFault fault;
-        if (reader.readAll(sink, fault)) return int{exitFine};
-        sayFault(options, fault);
-        return sayDamage(options, reader);
+        return reader.readAll(sink, fault) ? int{exitFine} : sayDamage(options, reader, fault);
     });
 }
 
@@ -169,7 +171,10 @@ int runExtract(const Options& options) {
             good = options.paths.empty() ? reader.readAll(sink, fault) : extractChosen(options, reader, sink, fault);
         }
         sink.finishDirectories();
-        if (!good && !fault.what.empty()) sayFault(options, fault);
+        if (!good && !fault.what.empty()) {
+            sayFault(options, fault);
+            say("extraction ended there; with --salvage it takes what is whole");
+        }
         if (interrupted()) say("interrupted");
         return int{good && !sink.failed() && !interrupted() ? exitFine : exitFailed};
     });

@@ -46,17 +46,17 @@ bool ArchiveWalk::takeEntryRecord(const Record& record, const EntryPlace& place)
     if (record.type == RecordType::entry) entryPlace_ = place;
     switch (entry_.take(record)) {
         case EntryReader::Step::more:
-            return entry_.head().number == count_ || refuse("the entry has a wrong number");
+            return entry_.head().number == count_ || refuseEntry("the entry has a wrong number");
         case EntryReader::Step::whole: return deliver();
         case EntryReader::Step::stopped: stopped_ = true; return false;
         case EntryReader::Step::damaged: break;
     }
-    return refuse(entry_.what().c_str());
+    return refuseEntry(entry_.what().c_str());
 }
 
 bool ArchiveWalk::deliver() {
-    if (const char* what = table_.resolve(entry_)) return refuse(what);
-    if (const char* what = audit_.addEntry(entryPlace_, entry_)) return refuse(what);
+    if (const char* what = table_.resolve(entry_)) return refuseEntry(what);
+    if (const char* what = audit_.addEntry(entryPlace_, entry_)) return refuseEntry(what);
     table_.add(entryPlace_, entry_);
     ++count_;
     stopped_ = !entry_.deliver([this](EntrySink& sink) {
@@ -67,7 +67,7 @@ bool ArchiveWalk::deliver() {
 }
 
 bool ArchiveWalk::takeIndexRecord(const Record& record, const EntryPlace& place) {
-    if (entry_.inEntry()) return refuse("the entry has no end");
+    if (entry_.inEntry()) return refuseEntry("the entry has no end");
     if (phase_ != Phase::entries) return refuse("something stands behind the root");
     const bool root = record.type == RecordType::root;
     if (root && place.offset != 0) return refuse("the root does not begin its block");
@@ -85,7 +85,12 @@ bool ArchiveWalk::takeIndexRecord(const Record& record, const EntryPlace& place)
 
 bool ArchiveWalk::refuse(const char* what) {
     fault_ = blockFault(block_, what);
-    if (phase_ == Phase::entries && !entry_.head().path.empty()) fault_.path = entry_.head().path;
+    return false;
+}
+
+bool ArchiveWalk::refuseEntry(const char* what) {
+    refuse(what);
+    fault_.path = entry_.head().path;
     return false;
 }
 

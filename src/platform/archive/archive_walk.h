@@ -26,6 +26,7 @@ private:
     bool takeIndexRecord(const Record& record, const EntryPlace& place);
     bool deliver();
     bool refuse(const char* what);
+    bool refuseEntry(const char* what);
 
     const ArchiveFile& file_;
     BlockMap map_;
