@@ -1,5 +1,7 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -51,6 +53,12 @@ void fillStandardStreams() {
 // passes over bytes that are not UTF-8, and files with such names would be missing from the capture.
 void fixLocaleOfCommands() {
     ::setenv("LC_ALL", "C", 1);
+}
+
+// An ignored SIGCHLD would hide how commands end, and a loose mask would let everybody write into the capture store.
+void fixInheritedSettings() {
+    ::signal(SIGCHLD, SIG_DFL);
+    ::umask(022);
 }
 
 void printIntroduction() {
@@ -135,6 +143,7 @@ int main(int argc, char** argv) {
     using namespace tarnwick;
     fillStandardStreams();
     fixLocaleOfCommands();
+    fixInheritedSettings();
     RunOptions options;
     const ArgumentMap arguments = parseArguments(argc, argv);
     if (const auto status = settlePrivileges(arguments, options)) return *status;

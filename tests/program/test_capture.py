@@ -52,11 +52,14 @@ class Capture(Scenario):
         self.tell_two_volumes(story, *volumes)
         self.check(result, story)
 
-    def test_archive_mode_does_not_hang_on_the_umask(self):
+    def test_what_the_caller_hands_down_changes_nothing(self):
         self.two_volumes()
-        result = self.world.capture(limits=lambda: os.umask(0o077))
-        temporary = result.temporary()
-        self.assertEqual(os.stat(temporary).st_mode & 0o777, 0o644)
+        for mask in (0, 0o077):
+            result = self.world.capture(
+                limits=lambda mask=mask: (os.umask(mask), signal.signal(signal.SIGCHLD, signal.SIG_IGN)))
+            self.assertEqual(result.status, 0)
+            self.assertEqual(os.stat(result.archive).st_mode & 0o777, 0o644)
+            self.assertEqual(os.stat(os.path.dirname(result.archive)).st_mode & 0o777, 0o755)
 
     def test_later_denied_volume_keeps_the_files_of_an_earlier_one(self):
         self.world.specification(LOGS)
