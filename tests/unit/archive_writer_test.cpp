@@ -5,29 +5,29 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "base/fatal_error.h"
 #include "platform/archive/archive_library.h"
+#include "temporary_folder.h"
 
 namespace tarnwick {
 
-// What the handles point to is never looked at.
-struct PathList { int unused = 0; };
-struct FieldKeySet { int unused = 0; };
-struct ByteStream { int unused = 0; };
-struct EncryptionContext { int unused = 0; };
-struct ArchiveStream { int unused = 0; };
+// What the handles point to is never looked at but for this.
+struct PathList { const char* name; };
+struct ByteStream { const char* name; };
+struct FieldKeySet {};
+struct EncryptionContext {};
+struct ArchiveStream {};
 
 namespace {
 
 std::string failingCall;  // the operation, with its arguments, that fails
 std::vector<std::string> calls;
-PathList lists[2];
+PathList list{"list"}, sublist{"sublist"};
 FieldKeySet keySet;
-ByteStream fileStream, encryptionStream;
+ByteStream fileStream{"file"}, encryptionStream{"encryption"};
 EncryptionContext encryptionContext;
 ArchiveStream archiveStream;
 
@@ -39,24 +39,16 @@ bool record(const Arguments&... arguments) {
     return failingCall.empty() || calls.back().find(failingCall) == std::string::npos;
 }
 
-std::string nameOf(const void* object) {
-    if (object == &lists[0]) return "list";
-    if (object == &lists[1]) return "sublist";
-    if (object == &fileStream) return "file";
-    if (object == &encryptionStream) return "encryption";
-    return object ? "other" : "none";
-}
-
 }  // namespace
 
-PathList* newPathList() { return record("newPathList") ? &lists[0] : nullptr; }
+PathList* newPathList() { return record("newPathList") ? &list : nullptr; }
 PathList* pathListForPath(std::string_view directory, std::string_view path) {
-    return record("pathListForPath", directory, path) ? &lists[1] : nullptr;
+    return record("pathListForPath", directory, path) ? &sublist : nullptr;
 }
 int mergePathLists(PathList* target, const PathList* source) {
-    return record("merge", nameOf(target), nameOf(source)) ? 0 : 1;
+    return record("merge", target->name, source->name) ? 0 : 1;
 }
-void destroyPathList(PathList* list) { record("destroyPathList", nameOf(list)); }
+void destroyPathList(PathList* paths) { record("destroyPathList", paths->name); }
 FieldKeySet* fieldKeySetFromString(std::string_view keys) { return record("keys", keys) ? &keySet : nullptr; }
 void destroyFieldKeySet(FieldKeySet*) { record("destroyFieldKeySet"); }
 ByteStream* openFileByteStream(const char* path, int flags, mode_t mode) {
@@ -75,20 +67,20 @@ int setContextFieldUInt(EncryptionContext*, int field, std::uint64_t value) {
 }
 void destroyEncryptionContext(EncryptionContext*) { record("destroyContext"); }
 ByteStream* openEncryptionOutputStream(ByteStream* under, const EncryptionContext*, std::uint64_t flags, int workers) {
-    return record("openEncryption", nameOf(under), flags, workers) ? &encryptionStream : nullptr;
+    return record("openEncryption", under->name, flags, workers) ? &encryptionStream : nullptr;
 }
 ArchiveStream* openArchiveEncoderStream(ByteStream* under, void* data, MessageCallback callback, std::uint64_t flags,
                                         int workers) {
-    return record("openEncoder", nameOf(under), data == nullptr && callback == nullptr, flags, workers)
+    return record("openEncoder", under->name, data == nullptr && callback == nullptr, flags, workers)
                ? &archiveStream
                : nullptr;
 }
-int writePathList(ArchiveStream*, const PathList* list, const FieldKeySet*, std::string_view directory, void*,
+int writePathList(ArchiveStream*, const PathList* paths, const FieldKeySet*, std::string_view directory, void*,
                   MessageCallback, std::uint64_t flags, int workers) {
-    return record("write", nameOf(list), directory, flags, workers) ? 0 : -5;
+    return record("write", paths->name, directory, flags, workers) ? 0 : -5;
 }
 int closeArchiveStream(ArchiveStream*) { return record("closeEncoder") ? 0 : -1; }
-int closeByteStream(ByteStream* stream) { return record("close", nameOf(stream)) ? 0 : -1; }
+int closeByteStream(ByteStream* stream) { return record("close", stream->name) ? 0 : -1; }
 
 namespace {
 
@@ -98,15 +90,6 @@ const std::string key =
 
 class ArchiveWriter : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "writer.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-        calls.clear();
-        failingCall.clear();
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
-
     // The message with which writing ends; empty when it succeeds.
     std::string write(const std::string& failing, const std::string& keyText = key) {
         calls.clear();
@@ -120,9 +103,9 @@ protected:
             return error.what();
         }
     }
-    [[nodiscard]] std::filesystem::path archive() const { return folder_ / "archive.qvx"; }
+    [[nodiscard]] std::filesystem::path archive() const { return folder_.path / "archive.qvx"; }
 
-    std::filesystem::path folder_;
+    TemporaryFolder folder_;
 };
 
 TEST_F(ArchiveWriter, CallsTheLibraryInItsFixedOrder) {

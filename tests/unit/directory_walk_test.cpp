@@ -3,8 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
+
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 using tarnwick::listDirectory;
@@ -13,13 +14,6 @@ namespace {
 
 class DirectoryWalk : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "walk.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
     void file(const fs::path& name) { std::ofstream(root_ / name) << "x"; }
 
     std::vector<std::string> walk(bool recurse, bool includeDirectories) {
@@ -30,7 +24,8 @@ protected:
         return names;
     }
 
-    fs::path root_;
+    tarnwick::TemporaryFolder temporary_;
+    const fs::path root_ = temporary_.path;
 };
 
 using Names = std::vector<std::string>;

@@ -1,9 +1,6 @@
 // A machine for tests, written down in a few lines.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -11,18 +8,14 @@
 #include <sstream>
 #include <string>
 
+#include "temporary_folder.h"
 #include "volctl/volumes.h"
 
 namespace tarnwick {
 
 class RecordedMachine {
 public:
-    RecordedMachine() {
-        std::string pattern = testing::TempDir() + "machine.XXXXXX";
-        root_ = mkdtemp(pattern.data());
-        std::filesystem::create_directories(root_ / "class/block");
-    }
-    ~RecordedMachine() { std::filesystem::remove_all(root_); }
+    RecordedMachine() { std::filesystem::create_directories(root_ / "class/block"); }
 
     // One line a folder below /sys/devices: its path, then FILE=TEXT for what is in it. A path with "/block/" is a
     // device (dev and size have defaults; on=A,B names the devices that it stands on), one below a device a
@@ -128,13 +121,11 @@ private:
 
     void answer(const std::string& line) {
         static const std::map<std::string, Content> kinds{
-            {"nothing", Content::nothing},       {"unknown", Content::unknown},
-            {"swap", Content::swap},             {"crypto_LUKS", Content::encrypted},
-            {"LVM2_member", Content::member},    {"linux_raid_member", Content::member},
+            {"nothing", Content::nothing},       {"unknown", Content::unknown},    {"swap", Content::swap},
+            {"crypto_LUKS", Content::encrypted}, {"LVM2_member", Content::member}, {"linux_raid_member", Content::member},
         };
         std::istringstream words(line);
-        std::string name;
-        std::string type;
+        std::string name, type;
         if (!(words >> name >> type)) return;
         auto known = values(words);
         const auto kind = kinds.find(type);
@@ -143,7 +134,8 @@ private:
                           known["label"], known["part"], known["partuuid"], known["partname"]};
     }
 
-    std::filesystem::path root_;
+    TemporaryFolder temporary_;
+    const std::filesystem::path root_ = temporary_.path;
     std::map<std::string, ProbeAnswer> answers_;
     int minor_ = 0;
 };

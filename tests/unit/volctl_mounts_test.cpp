@@ -1,10 +1,11 @@
 #include "volctl/mounts.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <stdexcept>
+
+#include "temporary_folder.h"
 
 using namespace tarnwick;
 
@@ -12,11 +13,11 @@ namespace {
 
 // The visible mounts of a mountinfo text as "type target" each.
 std::vector<std::string> visible(const std::string& text) {
-    const auto path = testing::TempDir() + "mountinfo." + std::to_string(getpid());
+    const TemporaryFolder folder;
+    const auto path = folder.path / "mountinfo";
     std::ofstream(path) << text;
     std::vector<std::string> names;
     for (const auto& mount : readVisibleMounts(path)) names.push_back(mount.type + " " + mount.target);
-    std::filesystem::remove(path);
     return names;
 }
 

@@ -39,12 +39,11 @@ TEST(Roles, KeepTheDefaultsForSettingsOfAnotherType) {
 }
 
 TEST(VisibleText, LetsNoControlOrForeignByteThrough) {
-    EXPECT_EQ(visibleText("plain \xc3\xa9\xf0\x9f\x92\xbe"), "plain \xc3\xa9\xf0\x9f\x92\xbe");
-    EXPECT_EQ(visibleText("\x1b[2J\n\x7f"), "\\x1b[2J\\x0a\\x7f");
-    EXPECT_EQ(visibleText("\xc2\x9b" "0m"), "\\xc2\\x9b0m");                            // a C1 control
-    EXPECT_EQ(visibleText("\xc0\xaf \xed\xa0\x80"), "\\xc0\\xaf \\xed\\xa0\\x80");       // overlong, surrogate
-    EXPECT_EQ(visibleText("\xe2\x82"), "\\xe2\\x82");                                    // cut short
-    EXPECT_EQ(visibleText("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");                  // past U+10FFFF
+    const std::pair<const char*, const char*> cases[] = {
+        {"\xc3\xa9\xf0\x9f\x92\xbe", "\xc3\xa9\xf0\x9f\x92\xbe"}, {"\x1b[2J\n\x7f", "\\x1b[2J\\x0a\\x7f"},
+        {"\xc2\x9b" "0m", "\\xc2\\x9b0m"}, {"\xc0\xaf \xed\xa0\x80", "\\xc0\\xaf \\xed\\xa0\\x80"},
+        {"\xe2\x82", "\\xe2\\x82"}, {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}};
+    for (const auto& [raw, visible] : cases) EXPECT_EQ(visibleText(raw), visible);
 }
 
 TEST(VisibleText, TellsPlainNames) {
@@ -54,9 +53,7 @@ TEST(VisibleText, TellsPlainNames) {
 }
 
 TEST(Listing, PadsByCharactersAndSaysSizes) {
-    EXPECT_EQ(sizeText(0), "-");
-    EXPECT_EQ(sizeText(1023), "1023 B");
-    EXPECT_EQ(sizeText(1536), "1.5 KiB");
+    EXPECT_EQ(sizeText(0) + sizeText(1023) + sizeText(1536), "-1023 B1.5 KiB");
     EXPECT_EQ(sizeText(UINT64_MAX), "15.9 EiB");
     Volume plain;
     plain.name = "abc";
