@@ -1,13 +1,11 @@
 #include "platform/archive/archive_encoder.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 
-#include "platform/archive/wire.h"
+#include "platform/archive/read_ahead.h"
 
 namespace tarnwick::qvx {
 
@@ -17,50 +15,27 @@ constexpr std::size_t indexPartSize = 256 * 1024;  // of a part's payload; bound
 constexpr std::uint64_t unsizedContent = 1048576;  // read at most from a file that says it is empty
 constexpr std::size_t leastData = 512;             // a shorter rest of a block is padded rather than filled
 
-FileDescriptor openListed(const PathList::Entry& listed) {
-    const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
-    const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | kind;
-    FileDescriptor file(::open(listed.path.c_str(), flags | O_NOATIME));
-    if (!file && errno == EPERM) file = FileDescriptor(::open(listed.path.c_str(), flags));
-    return file;
-}
-
-// A name may have been given to something else since it was listed. Another file of the same kind on the same device
-// is what a rotated log looks like, and is taken; anything else is not what was asked for. The look comes before the
-// opening, so that no device is ever opened, and again behind it.
-int expectListed(const PathList::Entry& listed, const struct stat& status) {
-    return entryTypeOf(status.st_mode) == listed.type && status.st_dev == listed.device ? 0 : -ESTALE;
-}
-
-bool isBefore(const struct timespec& a, const struct timespec& b) {
-    return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
-}
-
 }  // namespace
 
 struct ArchiveEncoder::Entry {
-    const PathList::Entry* listed = nullptr;
-    FileDescriptor file;  // none for a symbolic link
-    struct stat status {};
-    EntryHead head;
-    EntryTail tail;
-    IndexEntry place;
+    DiskEntry& found;
+    EntryTail& tail = found.tail;
+    IndexEntry place{};
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
     bool ended = false;  // the file turned out shorter than it said
 };
 
-ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields)
-    : stream_(stream), fields_(fields), digest_(EVP_MD_CTX_new()) {
-    if (!digest_) throw std::bad_alloc();
-}
+ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields) : stream_(stream), fields_(fields) {}
 
 int ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
     // The coarse clock, because it is the one that stamps files.
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
-    PathList::Walk walk(list);
-    while (const PathList::Entry* listed = walk.next()) {
-        if (const int status = writeEntry(*listed)) return status;
+    list_ = &list;
+    stored_.emplace(list);
+    ReadAhead ahead(list);
+    while (DiskEntry* found = ahead.next()) {
+        if (const int status = writeEntry(*found)) return status;
         if (const int status = stream_.error()) return status;
     }
     return complete(filePosition);
@@ -71,41 +46,32 @@ bool ArchiveEncoder::wants(std::string_view key) const {
     return fields_ >> (found - fieldKeys.begin()) & 1;
 }
 
-int ArchiveEncoder::writeEntry(const PathList::Entry& listed) {
-    Entry entry;
-    entry.listed = &listed;
-    if (::lstat(listed.path.c_str(), &entry.status) != 0) return -errno;
-    if (const int status = expectListed(listed, entry.status)) return status;
-    if (listed.type != EntryType::link) {
-        entry.file = openListed(listed);
-        if (!entry.file || ::fstat(entry.file.get(), &entry.status) != 0) return -errno;
-        if (const int status = expectListed(listed, entry.status)) return status;
-    }
-    entry.head.number = root_.entries;
-    entry.head.type = listed.type;
-    entry.head.path = listed.path.substr(1);
-    if (const int status =
-            metadata_.read(listed.path, entry.file.get(), entry.status, entry.head, entry.tail))
-        return status;
+int ArchiveEncoder::writeEntry(DiskEntry& found) {
+    if (found.error != 0) return found.error;
+    Entry entry{found};
     writeHead(entry);
-    int status = 0;
-    if (listed.type == EntryType::file) status = writeFile(entry);
-    if (listed.type == EntryType::link) status = writeLinkTarget(entry);
-    if (status != 0) return status;
+    if (found.listed.type == EntryType::file) {
+        if (const int status = writeFile(entry)) return status;
+    } else if (found.listed.type == EntryType::link) {
+        writeContent(entry, found.content);
+        if (wants("SH2")) entry.tail.digest = found.digest;
+    }
     writeTail(entry);
     return 0;
 }
 
 void ArchiveEncoder::writeHead(Entry& entry) {
-    if (!wants("UID")) entry.head.userId.reset();
-    if (!wants("GID")) entry.head.groupId.reset();
-    if (!wants("MOD")) entry.head.mode.reset();
-    if (!wants("FLG")) entry.head.flags.reset();
-    if (!wants("MTM")) entry.head.modified.reset();
-    if (!wants("CTM")) entry.head.changed.reset();
-    if (!wants("BTM")) entry.head.born.reset();
+    EntryHead& head = entry.found.head;
+    head.number = root_.entries;
+    if (!wants("UID")) head.userId.reset();
+    if (!wants("GID")) head.groupId.reset();
+    if (!wants("MOD")) head.mode.reset();
+    if (!wants("FLG")) head.flags.reset();
+    if (!wants("MTM")) head.modified.reset();
+    if (!wants("CTM")) head.changed.reset();
+    if (!wants("BTM")) head.born.reset();
     payload_.clear();
-    encodeEntryHead(entry.head, payload_);
+    encodeEntryHead(head, payload_);
     if (stream_.room().size() < recordHeaderSize + payload_.size()) stream_.pad();
     entry.place.block = stream_.block();
     entry.place.offset = stream_.offset();
@@ -113,40 +79,64 @@ void ArchiveEncoder::writeHead(Entry& entry) {
 }
 
 int ArchiveEncoder::writeFile(Entry& entry) {
-    if (reuseContent(entry)) return 0;
-    if (EVP_DigestInit_ex2(digest_.get(), EVP_sha256(), nullptr) != 1) throw std::bad_alloc();
-    if (const int status = writeExtents(entry)) return status;
-    Digest digest{};
-    if (EVP_DigestFinal_ex(digest_.get(), digest.data(), nullptr) != 1) throw std::bad_alloc();
+    DiskEntry& found = entry.found;
+    if (reuseContent(entry) || !wants("DAT")) return 0;
+    Digest digest = found.digest;
+    if (found.file) {
+        hasher_.restart();
+        if (const int status = writeExtents(entry)) return status;
+        digest = hasher_.finish();
+    } else {
+        writeContent(entry, found.content);
+    }
     if (wants("SH2")) entry.tail.digest = digest;
-    if (wants("SLC")) entry.tail.sum = SparseSum{entry.size, entry.holes};
-    if (entry.size > 0)
-        stored_.try_emplace({entry.status.st_dev, entry.status.st_ino},
-                            Stored{entry.head.number, {entry.size, entry.holes}, entry.tail.digest, entry.listed->path});
+    if (wants("SLC") && entry.holes > 0) entry.tail.sum = SparseSum{entry.size, entry.holes};
+    if (entry.size == found.status.stx_size)
+        stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
     return 0;
 }
 
 // A file that stands in the archive already is not stored again, unless it was changed since writing began: the change
 // time is the kernel's own, and older than the first reading only if nothing happened in between.
 bool ArchiveEncoder::reuseContent(Entry& entry) {
-    if (!wants("CLC")) return false;
-    const auto found = stored_.find({entry.status.st_dev, entry.status.st_ino});
-    if (found == stored_.end() || !isBefore(entry.status.st_ctim, started_)) return false;
-    const Stored& stored = found->second;
-    entry.tail.contentOf = stored.number;
-    if (wants("HLC") && stored.path != entry.listed->path) entry.tail.linkOf = stored.number;
-    entry.tail.digest = stored.digest;
-    if (wants("SLC")) entry.tail.sum = stored.sum;
-    entry.size = stored.sum.size;
+    const DiskEntry& found = entry.found;
+    if (!wants("CLC") || !isOld(found.status)) return false;
+    const auto number = stored_->find(found.listed.device, found.status.stx_ino);
+    if (!number) return false;
+    entry.tail.contentOf = number;
+    if (wants("HLC") && list_->pathOf(*number) != found.listed.path) entry.tail.linkOf = number;
+    entry.size = found.status.stx_size;
     return true;
 }
 
+bool ArchiveEncoder::isOld(const struct statx& status) const {
+    constexpr std::int64_t coarsest = 2;  // seconds: the step of file systems that know no fractions
+    const auto& changed = status.stx_ctime;
+    if (changed.tv_nsec == 0) return changed.tv_sec + coarsest < started_.tv_sec;
+    return changed.tv_sec < started_.tv_sec || (changed.tv_sec == started_.tv_sec && changed.tv_nsec < started_.tv_nsec);
+}
+
+// Begins a new block when the room left in this one is not worth a part of so much content.
+void ArchiveEncoder::makeRoom(std::uint64_t content) {
+    if (stream_.room().size() < std::min<std::uint64_t>(content, leastData) + recordHeaderSize) stream_.pad();
+}
+
+void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {
+    entry.size = content.size();
+    while (!content.empty()) {
+        makeRoom(content.size());
+        const Bytes part = content.first(std::min(content.size(), stream_.room().size() - recordHeaderSize));
+        writeRecord(RecordType::data, part);
+        content = content.subspan(part.size());
+    }
+}
+
 int ArchiveEncoder::writeExtents(Entry& entry) {
-    const int file = entry.file.get();
-    const auto size = static_cast<std::uint64_t>(entry.status.st_size);
+    const int file = entry.found.file.get();
+    const std::uint64_t size = entry.found.status.stx_size;
     // Pseudo file systems say 0 of files that hold something.
     if (size == 0) return writeExtent(entry, 0, unsizedContent);
-    const bool sparse = static_cast<std::uint64_t>(entry.status.st_blocks) * 512 < size;
+    const bool sparse = entry.found.status.stx_blocks * 512 < size;
     while (entry.size < size && !entry.ended) {
         std::uint64_t begin = entry.size;
         std::uint64_t end = size;
@@ -166,32 +156,27 @@ int ArchiveEncoder::writeExtents(Entry& entry) {
 }
 
 void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
-    static constexpr std::array<std::uint8_t, 65536> zeros{};
-    std::vector<std::uint8_t> coded;
-    WireWriter(coded).varint(length);
-    if (stream_.room().size() < recordHeaderSize + coded.size()) stream_.pad();
-    writeRecord(RecordType::hole, coded);
+    payload_.clear();
+    WireWriter(payload_).varint(length);
+    if (stream_.room().size() < recordHeaderSize + payload_.size()) stream_.pad();
+    writeRecord(RecordType::hole, payload_);
     entry.size += length;
     ++entry.holes;
-    for (std::uint64_t left = length; left > 0; left -= std::min<std::uint64_t>(left, zeros.size()))
-        EVP_DigestUpdate(digest_.get(), zeros.data(), std::min<std::uint64_t>(left, zeros.size()));
+    hasher_.addZeros(length);
 }
 
 // Reads straight into the block. What the file no longer holds is left out; what it has gained is not looked at.
 int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t position, std::uint64_t length) {
     while (length > 0) {
-        if (stream_.room().size() < std::min<std::uint64_t>(length, leastData) + recordHeaderSize) stream_.pad();
+        makeRoom(length);
         const MutableBytes room = stream_.room().subspan(recordHeaderSize);
-        const ssize_t count = ::pread(entry.file.get(), room.data(), std::min<std::uint64_t>(room.size(), length),
-                                      static_cast<off_t>(position));
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return -errno;
-        if (count == 0) {
-            entry.ended = true;
-            return 0;
-        }
+        const auto part = room.first(static_cast<std::size_t>(std::min<std::uint64_t>(room.size(), length)));
+        const std::int64_t count = readAt(entry.found.file.get(), part, position);
+        if (count < 0) return static_cast<int>(count);
+        entry.ended = count == 0;
+        if (entry.ended) return 0;
         const auto taken = static_cast<std::size_t>(count);
-        EVP_DigestUpdate(digest_.get(), room.data(), taken);
+        hasher_.add(part.first(taken));
         encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(taken)}, stream_.room().data());
         stream_.commit(recordHeaderSize + taken);
         entry.size += taken;
@@ -202,33 +187,22 @@ int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t position, std::uint6
     return 0;
 }
 
-int ArchiveEncoder::writeLinkTarget(Entry& entry) {
-    std::vector<std::uint8_t> target(maxPathLength + 1);
-    const ssize_t length =
-        ::readlink(entry.listed->path.c_str(), reinterpret_cast<char*>(target.data()), target.size());
-    if (length < 0) return -errno;
-    target.resize(static_cast<std::size_t>(length));
-    if (stream_.room().size() < recordHeaderSize + target.size()) stream_.pad();
-    writeRecord(RecordType::data, target);
-    entry.size = target.size();
-    return 0;
-}
-
 void ArchiveEncoder::writeTail(Entry& entry) {
+    EntryHead& head = entry.found.head;
     if (!wants("XAT")) entry.tail.attributes.reset();
     if (!wants("ACL")) entry.tail.accessLists.reset();
     payload_.clear();
     encodeEntryTail(entry.tail, payload_);
     writeRecord(RecordType::end, payload_);
 
-    entry.place.type = entry.head.type;
-    entry.place.path = std::move(entry.head.path);
-    entry.place.mode = entry.head.mode.value_or(0);
-    entry.place.userId = entry.head.userId.value_or(0);
-    entry.place.groupId = entry.head.groupId.value_or(0);
+    entry.place.type = head.type;
+    entry.place.path = std::move(head.path);
+    entry.place.mode = head.mode.value_or(0);
+    entry.place.userId = head.userId.value_or(0);
+    entry.place.groupId = head.groupId.value_or(0);
     entry.place.size = entry.size;
     constexpr std::int64_t second = 1'000'000'000;
-    const std::int64_t modified = entry.head.modified.value_or(0);
+    const std::int64_t modified = head.modified.value_or(0);
     entry.place.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
     part_.add(entry.place);
     ++root_.entries;

@@ -96,7 +96,7 @@ PathList* pathListForPath(std::string_view directory, std::string_view path) {
         const auto type = qvx::entryTypeOf(status.st_mode);
         if (!type) return nullptr;
         auto list = std::make_unique<PathList>();
-        list->append({*normal, *type, status.st_dev});
+        list->append({*normal, *type, status.st_dev, status.st_ino});
         return list.release();
     });
 }

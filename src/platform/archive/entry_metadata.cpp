@@ -1,6 +1,9 @@
 #include "platform/archive/entry_metadata.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,19 +13,20 @@ namespace tarnwick::qvx {
 
 namespace {
 
-std::int64_t nanoseconds(std::int64_t seconds, std::int64_t rest) {
-    return wrappingAdd(static_cast<std::int64_t>(static_cast<std::uint64_t>(seconds) * 1'000'000'000u), rest);
+std::int64_t nanoseconds(const struct statx_timestamp& time) {
+    return wrappingAdd(static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000U),
+                       time.tv_nsec);
 }
 
-// Not every file system knows when a file was born, and libarchive does not ask on Linux.
-std::optional<std::int64_t> birthTime(const std::string& path, int descriptor) {
-    struct statx extended {};
-    const int flags = AT_SYMLINK_NOFOLLOW | (descriptor >= 0 ? AT_EMPTY_PATH : 0);
-    const char* name = descriptor >= 0 ? "" : path.c_str();
-    if (::statx(descriptor >= 0 ? descriptor : AT_FDCWD, name, flags, STATX_BTIME, &extended) != 0 ||
-        !(extended.stx_mask & STATX_BTIME))
-        return std::nullopt;
-    return nanoseconds(extended.stx_btime.tv_sec, extended.stx_btime.tv_nsec);
+std::optional<std::uint32_t> inodeFlags(int descriptor) {
+    int flags = 0;  // the kernel writes an int, whatever the name of the call says
+    if (descriptor < 0 || ::ioctl(descriptor, FS_IOC_GETFLAGS, &flags) != 0) return std::nullopt;
+    return static_cast<std::uint32_t>(flags);
+}
+
+// Access lists are attributes to the kernel. Most files have neither, and one call tells.
+bool hasAttributes(const std::string& path, int descriptor) {
+    return (descriptor >= 0 ? ::flistxattr(descriptor, nullptr, 0) : ::llistxattr(path.c_str(), nullptr, 0)) > 0;
 }
 
 void takeAttributes(archive_entry* entry, EntryTail& tail) {
@@ -57,29 +61,41 @@ void takeAccessLists(archive_entry* entry, EntryTail& tail) {
 
 }  // namespace
 
-MetadataReader::MetadataReader() : disk_(archive_read_disk_new()), entry_(archive_entry_new()) {
-    if (!disk_ || !entry_) throw std::bad_alloc();
-    archive_read_disk_set_symlink_physical(disk_.get());
-    archive_read_disk_set_behavior(disk_.get(), ARCHIVE_READDISK_NO_SPARSE);  // holes are found while reading
+int readStatus(int descriptor, const char* path, struct statx& status) {
+    const bool open = descriptor >= 0;
+    const int result = ::statx(open ? descriptor : AT_FDCWD, open ? "" : path,
+                               open ? AT_EMPTY_PATH : AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                               STATX_BASIC_STATS | STATX_BTIME, &status);
+    return result == 0 ? 0 : -errno;
 }
 
-int MetadataReader::read(const std::string& path, int descriptor, const struct stat& status, EntryHead& head,
+int MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,
                          EntryTail& tail) {
+    head.userId = status.stx_uid;
+    head.groupId = status.stx_gid;
+    head.mode = static_cast<std::uint16_t>(status.stx_mode & 07777);
+    head.modified = nanoseconds(status.stx_mtime);
+    head.changed = nanoseconds(status.stx_ctime);
+    if (status.stx_mask & STATX_BTIME) head.born = nanoseconds(status.stx_btime);
+    head.flags = inodeFlags(descriptor);
+    return hasAttributes(path, descriptor) ? readAttributes(path, descriptor, tail) : 0;
+}
+
+int MetadataReader::readAttributes(const std::string& path, int descriptor, EntryTail& tail) {
+    if (!disk_) {
+        disk_.reset(archive_read_disk_new());
+        entry_.reset(archive_entry_new());
+        if (!disk_ || !entry_) throw std::bad_alloc();
+        archive_read_disk_set_symlink_physical(disk_.get());
+        // Holes are found while reading, and flags are known already.
+        archive_read_disk_set_behavior(disk_.get(), ARCHIVE_READDISK_NO_SPARSE | ARCHIVE_READDISK_NO_FFLAGS);
+    }
     archive_entry_clear(entry_.get());
     archive_entry_copy_pathname(entry_.get(), path.c_str());
     archive_entry_copy_sourcepath(entry_.get(), path.c_str());
     // Attributes or lists that cannot be read are a warning there, and no reason to lose the file.
-    if (archive_read_disk_entry_from_file(disk_.get(), entry_.get(), descriptor, &status) < ARCHIVE_WARN)
+    if (archive_read_disk_entry_from_file(disk_.get(), entry_.get(), descriptor, nullptr) < ARCHIVE_WARN)
         return archive_errno(disk_.get()) > 0 ? -archive_errno(disk_.get()) : -EIO;
-    head.userId = status.st_uid;
-    head.groupId = status.st_gid;
-    head.mode = static_cast<std::uint16_t>(status.st_mode & 07777);
-    head.modified = nanoseconds(status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
-    head.changed = nanoseconds(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
-    head.born = birthTime(path, descriptor);
-    unsigned long set = 0, clear = 0;
-    archive_entry_fflags(entry_.get(), &set, &clear);
-    if (set != 0) head.flags = static_cast<std::uint32_t>(set);
     takeAttributes(entry_.get(), tail);
     takeAccessLists(entry_.get(), tail);
     return 0;

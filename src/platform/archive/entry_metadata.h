@@ -1,4 +1,4 @@
-// The metadata of one file on the disk, through libarchive's disk reader.
+// The metadata of one file on the disk.
 #pragma once
 
 #include <archive.h>
@@ -13,17 +13,21 @@
 
 namespace tarnwick::qvx {
 
+// Of the file open as `descriptor`, or, with -1, of what stands at `path`, which is not followed. Birth time is in it
+// where the file system knows it. Returns 0 or a negative errno value.
+int readStatus(int descriptor, const char* path, struct statx& status);
+
 // Reads one file after the other. One thread at a time.
 class MetadataReader {
 public:
-    MetadataReader();  // throws std::bad_alloc
-
     // Fills the fields of `head` and the attributes and access lists of `tail` for the file that is open as
     // `descriptor`; a symbolic link is not open (-1) and read by its path. Attributes past their limit are left out and
-    // marked so. Returns 0 or a negative errno value.
-    int read(const std::string& path, int descriptor, const struct stat& status, EntryHead& head, EntryTail& tail);
+    // marked so. Returns 0 or a negative errno value; throws std::bad_alloc.
+    int read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
 
 private:
+    int readAttributes(const std::string& path, int descriptor, EntryTail& tail);
+
     std::unique_ptr<archive, FreeWith<archive_read_free>> disk_;
     std::unique_ptr<archive_entry, FreeWith<archive_entry_free>> entry_;
 };

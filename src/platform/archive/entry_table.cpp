@@ -43,7 +43,8 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink)
 void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
     if (entry.head().type != EntryType::file) return;
     const EntryTail& tail = entry.tail();
-    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, tail.sum});
+    const SparseSum sum = tail.sum.value_or(SparseSum{entry.size(), 0});
+    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, sum});
 }
 
 const char* EntryTable::resolve(EntryReader& entry) const {
@@ -56,7 +57,7 @@ const char* EntryTable::resolve(EntryReader& entry) const {
         if (!link || link->content != *tail.contentOf) return "the entry that it is linked to is lost or another";
     }
     const bool sameDigest = !tail.digest || tail.digest == content->digest;
-    const bool sameSum = !tail.sum || (content->sum && tail.sum->size == content->sum->size);
+    const bool sameSum = !tail.sum || tail.sum->size == content->sum.size;
     if (!sameDigest || !sameSum) return "digest or size are not those of the entry that holds its content";
     entry.adopt(content->digest, content->sum);
     return nullptr;

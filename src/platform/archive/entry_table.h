@@ -32,7 +32,7 @@ private:
         EntryPlace place;
         std::uint64_t content = 0;  // number of the entry that holds it, this one's own or an earlier one's
         std::optional<Digest> digest;
-        std::optional<SparseSum> sum;
+        SparseSum sum;  // where the entry says nothing of holes: none
     };
 
     [[nodiscard]] const Known* find(std::uint64_t number) const;

@@ -9,17 +9,30 @@
 
 namespace tarnwick {
 
+namespace {
+
+constexpr std::size_t pieceSize = 16384;
+
+}  // namespace
+
 void PathList::append(const Entry& entry) {
+    if (pieces_.empty() || pieces_.back().coded.size() >= pieceSize) {
+        if (!pieces_.empty()) pieces_.back().coded.shrink_to_fit();
+        pieces_.push_back({count_, {}});
+        last_ = {};
+    }
     const auto shared = static_cast<std::size_t>(
-        std::mismatch(last_.begin(), last_.end(), entry.path.begin(), entry.path.end()).first - last_.begin());
+        std::mismatch(last_.path.begin(), last_.path.end(), entry.path.begin(), entry.path.end()).first -
+        last_.path.begin());
     auto device = std::find(devices_.begin(), devices_.end(), entry.device);
     if (device == devices_.end()) device = devices_.insert(devices_.end(), entry.device);
-    qvx::WireWriter out(coded_);
+    qvx::WireWriter out(pieces_.back().coded);
     out.varint(shared);
     out.text(std::string_view(entry.path).substr(shared));
     out.byte(static_cast<std::uint8_t>(entry.type));
     out.varint(static_cast<std::uint64_t>(device - devices_.begin()));
-    last_ = entry.path;
+    out.signedVarint(static_cast<std::int64_t>(entry.inode - last_.inode));
+    last_ = entry;
     ++count_;
 }
 
@@ -28,14 +41,30 @@ void PathList::append(const PathList& other) {
     while (const Entry* entry = walk.next()) append(*entry);
 }
 
+std::string PathList::pathOf(std::uint64_t number) const {
+    const auto behind = std::upper_bound(pieces_.begin(), pieces_.end(), number,
+                                         [](std::uint64_t wanted, const Piece& piece) { return wanted < piece.first; });
+    Walk walk(*this);
+    walk.piece_ = static_cast<std::size_t>(behind - pieces_.begin()) - 1;
+    for (std::uint64_t at = pieces_[walk.piece_].first; at < number; ++at) walk.next();
+    return walk.next()->path;
+}
+
 const PathList::Entry* PathList::Walk::next() {
-    if (position_ == list_.coded_.size()) return nullptr;
-    qvx::WireReader in(qvx::Bytes(list_.coded_).subspan(position_));
+    if (piece_ < list_.pieces_.size() && position_ == list_.pieces_[piece_].coded.size()) {
+        ++piece_;
+        position_ = 0;
+    }
+    if (piece_ == list_.pieces_.size()) return nullptr;
+    if (position_ == 0) entry_ = {};
+    const auto& coded = list_.pieces_[piece_].coded;
+    qvx::WireReader in(qvx::Bytes(coded).subspan(position_));
     entry_.path.resize(in.varint());
     entry_.path += in.text();
     entry_.type = static_cast<qvx::EntryType>(in.byte());
     entry_.device = list_.devices_[in.varint()];
-    position_ = list_.coded_.size() - in.left();
+    entry_.inode += static_cast<ino_t>(in.signedVarint());
+    position_ = coded.size() - in.left();
     return &entry_;
 }
 

@@ -14,19 +14,29 @@
 
 namespace tarnwick {
 
-// Paths are held front-coded (each says how much of the path before it it shares), because a list may hold a million
-// of them. They can only be walked in order, then.
+// A list may hold a million paths. So they are held front-coded (each says how much of the path before it it shares), in
+// pieces that begin anew, and that are never moved when the list grows.
 struct PathList {
     struct Entry {
         std::string path;  // absolute, without empty components, "." or ".."
         qvx::EntryType type = qvx::EntryType::file;
         dev_t device = 0;
+        ino_t inode = 0;  // a hint: the name may have been given to another file since
     };
 
     void append(const Entry& entry);
     void append(const PathList& other);
     [[nodiscard]] std::uint64_t size() const { return count_; }
+    [[nodiscard]] std::string pathOf(std::uint64_t number) const;  // counted from 0
 
+private:
+    struct Piece {
+        std::uint64_t first = 0;  // number of its first entry
+        std::vector<std::uint8_t> coded;
+    };
+
+public:
+    // Gives the entries in order. The list must not grow meanwhile.
     class Walk {
     public:
         explicit Walk(const PathList& list) : list_(list) {}
@@ -35,14 +45,16 @@ struct PathList {
         const Entry* next();
 
     private:
+        friend struct PathList;
         const PathList& list_;
+        std::size_t piece_ = 0;
         std::size_t position_ = 0;
         Entry entry_;
     };
 
 private:
-    std::vector<std::uint8_t> coded_;
-    std::string last_;
+    std::vector<Piece> pieces_;
+    Entry last_;
     std::vector<dev_t> devices_;
     std::uint64_t count_ = 0;
 };

@@ -1,0 +1,123 @@
+#include "platform/archive/disk_entry.h"
+
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+FileDescriptor openListed(const PathList::Entry& listed) {
+    const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
+    const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | kind;
+    FileDescriptor file(::open(listed.path.c_str(), flags | O_NOATIME));
+    if (!file && errno == EPERM) file = FileDescriptor(::open(listed.path.c_str(), flags));
+    return file;
+}
+
+// A name may have been given to something else since it was listed. Another file of the same kind on the same device
+// is what a rotated log looks like, and is taken; anything else is not what was asked for.
+int expectListed(const PathList::Entry& listed, const struct statx& status) {
+    const dev_t device = ::makedev(status.stx_dev_major, status.stx_dev_minor);
+    return entryTypeOf(status.stx_mode) == listed.type && device == listed.device ? 0 : -ESTALE;
+}
+
+}  // namespace
+
+std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
+    for (;;) {
+        const ssize_t count = ::pread(file, room.data(), room.size(), static_cast<off_t>(position));
+        if (count >= 0) return count;
+        if (errno != EINTR) return -errno;
+    }
+}
+
+Hasher::Hasher() : context_(EVP_MD_CTX_new()) {
+    expect(context_ ? EVP_DigestInit_ex2(context_.get(), EVP_sha256(), nullptr) : 0);
+}
+
+void Hasher::expect(int result) {
+    if (result != 1) throw std::bad_alloc();
+}
+
+void Hasher::restart() {
+    expect(EVP_DigestInit_ex2(context_.get(), nullptr, nullptr));
+}
+
+void Hasher::add(Bytes bytes) {
+    expect(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()));
+}
+
+void Hasher::addZeros(std::uint64_t count) {
+    static constexpr std::array<std::uint8_t, 65536> zeros{};
+    for (; count > zeros.size(); count -= zeros.size()) add(zeros);
+    add(Bytes(zeros).first(static_cast<std::size_t>(count)));
+}
+
+Digest Hasher::finish() {
+    Digest digest{};
+    expect(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr));
+    return digest;
+}
+
+void DiskEntryReader::read(DiskEntry& entry, MutableBytes room) {
+    entry.error = open(entry);
+    if (entry.error != 0) return;
+    entry.error = metadata_.read(entry.listed.path, entry.file.get(), entry.status, entry.head, entry.tail);
+    if (entry.error != 0) return;
+    if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
+    if (entry.listed.type == EntryType::link) entry.error = readLink(entry, room);
+    if (entry.listed.type == EntryType::file) entry.error = readSmall(entry, room);
+}
+
+// The look comes before the opening, so that no device is ever opened, and again behind it.
+int DiskEntryReader::open(DiskEntry& entry) {
+    if (const int error = readStatus(-1, entry.listed.path.c_str(), entry.status)) return error;
+    if (const int error = expectListed(entry.listed, entry.status)) return error;
+    entry.head.type = entry.listed.type;
+    entry.head.path = entry.listed.path.substr(1);
+    if (entry.listed.type == EntryType::link) return 0;
+    entry.file = openListed(entry.listed);
+    if (!entry.file) return -errno;
+    if (const int error = readStatus(entry.file.get(), nullptr, entry.status)) return error;
+    return expectListed(entry.listed, entry.status);
+}
+
+int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
+    const ssize_t length =
+        ::readlink(entry.listed.path.c_str(), reinterpret_cast<char*>(room.data()), room.size());
+    if (length < 0) return -errno;
+    entry.content = room.first(static_cast<std::size_t>(length));
+    hasher_.restart();
+    hasher_.add(entry.content);
+    entry.digest = hasher_.finish();
+    return 0;
+}
+
+int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
+    const std::uint64_t size = entry.status.stx_size;
+    if (size > room.size() || entry.status.stx_blocks * 512 < size) return 0;
+    // A file that says it is empty is asked for one byte: pseudo file systems say so of what is not.
+    std::size_t length = 0;
+    while (length < std::max<std::uint64_t>(size, 1)) {
+        const MutableBytes rest = room.subspan(length, static_cast<std::size_t>(std::max<std::uint64_t>(size, 1)) - length);
+        const std::int64_t count = readAt(entry.file.get(), rest, length);
+        if (count < 0) return static_cast<int>(count);
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    if (size == 0 && length > 0) return 0;
+    entry.content = room.first(length);
+    entry.file = FileDescriptor();
+    hasher_.restart();
+    hasher_.add(entry.content);
+    entry.digest = hasher_.finish();
+    return 0;
+}
+
+}  // namespace tarnwick::qvx

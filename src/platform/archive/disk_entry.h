@@ -1,0 +1,58 @@
+// One entry of a path list as it stands on the disk: opened, looked at and, when it is small, read.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <memory>
+
+#include "platform/archive/entry_metadata.h"
+#include "platform/archive/path_list.h"
+
+namespace tarnwick::qvx {
+
+// A running SHA-256. Throws std::bad_alloc when the library fails.
+class Hasher {
+public:
+    Hasher();
+    void restart();
+    void add(Bytes bytes);
+    void addZeros(std::uint64_t count);
+    Digest finish();
+
+private:
+    void expect(int result);
+
+    std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>> context_;
+};
+
+struct DiskEntry {
+    PathList::Entry listed;
+    int error = 0;  // a negative errno value: it is not there any more, or is something else, or cannot be read
+    struct statx status {};
+    EntryHead head;  // without its number
+    EntryTail tail;
+    FileDescriptor file;  // a regular file whose content is still to be read
+    Bytes content;        // when it is not: the content of a file, the target of a link
+    Digest digest{};      // of `content`
+};
+
+// Reads one entry after the other. One thread at a time.
+class DiskEntryReader {
+public:
+    // Fills all but `listed`. A content of at most `room.size()` bytes is read into `room`, unless it has holes or is of
+    // a file that says it is empty and is not. Throws std::bad_alloc.
+    void read(DiskEntry& entry, MutableBytes room);
+
+private:
+    int open(DiskEntry& entry);
+    int readLink(DiskEntry& entry, MutableBytes room);
+    int readSmall(DiskEntry& entry, MutableBytes room);
+
+    MetadataReader metadata_;
+    Hasher hasher_;
+};
+
+// As pread(), but tried again when a signal came in between; a negative errno value on failure.
+std::int64_t readAt(int file, MutableBytes room, std::uint64_t position);
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,67 @@
+// Reads the entries of a path list ahead of who stores them, with a few threads: a small file costs the disk more time
+// to find than to read, and finding can be asked for many at once. Big files are only opened.
+//
+// Memory: `depth` batches of `batchBytes` for contents; and as many open files as entries in all batches, at most.
+#pragma once
+
+#include <array>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/archive/disk_entry.h"
+
+namespace tarnwick::qvx {
+
+class ReadAhead {
+public:
+    static constexpr std::size_t threads = 8;
+    static constexpr std::size_t depth = 16;
+    static constexpr std::size_t batchEntries = 16;
+    static constexpr std::size_t batchBytes = 131072;
+    static constexpr std::size_t smallSize = 65536;  // the largest file to be read here
+
+    // Throws std::bad_alloc or std::system_error.
+    explicit ReadAhead(const PathList& list);
+    ~ReadAhead();
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+
+    // The next entry in the order of the list, the caller's until the next call; null at the end. Throws std::bad_alloc.
+    DiskEntry* next();
+
+private:
+    struct Batch {
+        std::array<DiskEntry, batchEntries> entries;
+        std::size_t count = 0;
+        std::vector<std::uint8_t> contents;
+        bool ready = false;
+    };
+
+    void work();
+    void readBatches();
+    Batch* begin(std::unique_lock<std::mutex>& lock);
+    void stop(bool failed);
+
+    // Batch number n is in batches_[n % depth].
+    std::vector<Batch> batches_;
+
+    std::mutex mutex_;
+    std::condition_variable free_;
+    std::condition_variable ready_;
+    PathList::Walk walk_;
+    std::uint64_t begun_ = 0;     // batches taken from the list
+    std::uint64_t finished_ = 0;  // batches given out to the last entry
+    bool listEnded_ = false;
+    bool closing_ = false;
+    bool failed_ = false;  // a thread ran out of memory
+
+    std::size_t given_ = 0;  // entries of the batch at hand
+    bool holding_ = false;   // a batch is at hand
+
+    std::vector<std::jthread> workers_;  // last: they use all of the above
+};
+
+}  // namespace tarnwick::qvx

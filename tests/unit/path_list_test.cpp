@@ -1,0 +1,83 @@
+#include "platform/archive/path_list.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "platform/archive/stored_contents.h"
+
+using tarnwick::PathList;
+using tarnwick::qvx::EntryType;
+using tarnwick::qvx::normalPath;
+using tarnwick::qvx::StoredContents;
+
+namespace {
+
+PathList::Entry entryOf(std::uint64_t number) {
+    // Now and then a path that shares nothing, or is its forerunner's beginning.
+    std::string path = number % 97 == 0 ? "/" : "/var/log/" + std::to_string(number / 10);
+    if (number % 10 != 0) path += "/report-" + std::to_string(number * 7919 % 100000);
+    return {path, number % 3 ? EntryType::file : EntryType::link, number % 5 ? 66305U : 7U, number * 123456789 % 1000003};
+}
+
+TEST(PathList, GivesBackWhatWasPutInByWalkAndByNumber) {
+    constexpr std::uint64_t count = 20000;
+    PathList list;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        PathList one;
+        one.append(entryOf(i));
+        list.append(one);
+    }
+    ASSERT_EQ(list.size(), count);
+    PathList::Walk walk(list);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const auto* entry = walk.next();
+        ASSERT_NE(entry, nullptr);
+        const auto expected = entryOf(i);
+        ASSERT_EQ(std::tie(entry->path, entry->type, entry->device, entry->inode),
+                  std::tie(expected.path, expected.type, expected.device, expected.inode));
+        if (i % 501 == 0) {
+            ASSERT_EQ(list.pathOf(i), expected.path);
+        }
+    }
+    EXPECT_EQ(walk.next(), nullptr);
+    EXPECT_EQ(list.pathOf(count - 1), entryOf(count - 1).path);
+}
+
+TEST(PathList, TakesPathsAsTheyWillStandInTheArchive) {
+    const struct {
+        const char* directory;
+        const char* path;
+        const char* normal;  // null: refused
+    } cases[] = {{"/", "/var/log", "/var/log"},   {"/", "var//./log/", "/var/log"}, {"/srv", "x", "/srv/x"},
+                 {"/srv", "/x", "/x"},            {"/", "/", "/"},                  {"/", "", nullptr},
+                 {"/", "/var/../etc", nullptr},   {"/", "...", "/..."},             {"/", ".", "/"}};
+    for (const auto& c : cases) {
+        const auto normal = normalPath(c.directory, c.path);
+        EXPECT_EQ(normal.has_value(), c.normal != nullptr) << c.path;
+        if (normal && c.normal) {
+            EXPECT_EQ(*normal, c.normal);
+        }
+    }
+    EXPECT_FALSE(normalPath("/", std::string(5000, 'x')));
+    EXPECT_FALSE(normalPath("/", std::string("a\0b", 3)));
+}
+
+TEST(StoredContents, KnowsEveryFileThatIsListedTwice) {
+    constexpr std::uint64_t files = 5000;
+    PathList list;
+    for (std::uint64_t i = 0; i < 2 * files; ++i) list.append({"/f", EntryType::file, 1, i % files + 1});
+    list.append({"/once", EntryType::file, 2, 1});
+    StoredContents stored(list);
+    for (std::uint64_t i = 0; i < files; ++i) {
+        EXPECT_FALSE(stored.find(1, i + 1)) << i;
+        stored.add(1, i + 1, i);
+    }
+    for (std::uint64_t i = 0; i < files; ++i) ASSERT_EQ(stored.find(1, i + 1), i);
+    EXPECT_FALSE(stored.find(2, 1)) << "another device";
+    EXPECT_FALSE(stored.find(1, files + 1));
+    stored.add(std::uint64_t{1} << 40 | 1, 1, 77);
+    EXPECT_FALSE(stored.find(std::uint64_t{1} << 40 | 1, 1)) << "a device that does not fit";
+}
+
+}  // namespace
