@@ -1,7 +1,6 @@
 #include "config/capture_spec.h"
 
 #include <optional>
-#include <ranges>
 
 #include "platform/info_dictionary.h"
 #include "platform/internal_policies.h"
@@ -45,8 +44,9 @@ std::vector<CaptureDirective> loadCaptureSpec(const std::string& configurationPa
     const auto* entries = value ? value->as<PropertyListArray>() : nullptr;
     if (!entries) return directives;
     // Last to first: searches run, and the execution log reads, in this order.
-    for (const auto& entry : *entries | std::views::reverse)
-        if (const auto* dictionary = entry.as<PropertyListDictionary>()) directives.push_back(readDirective(*dictionary));
+    for (auto entry = entries->rbegin(); entry != entries->rend(); ++entry)
+        if (const auto* dictionary = entry->as<PropertyListDictionary>())
+            directives.push_back(readDirective(*dictionary));
     return directives;
 }
 

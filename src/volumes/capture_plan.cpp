@@ -1,6 +1,5 @@
 #include "volumes/capture_plan.h"
 
-#include <ranges>
 #include <string>
 
 #include "base/fatal_error.h"
@@ -79,14 +78,15 @@ CapturePlan buildCapturePlan() {
     CapturePlan plan;
     const auto root = listGroups();
     // Backwards at every level: the order of the plan decides whose files the archive ends up with.
-    for (const auto& item : requireArray(&root, "Containers", "no Containers") | std::views::reverse) {
-        const auto& container = requireDictionary(item, "no item dict");
-        for (const auto& group :
-             requireArray(&container, "VolumeGroups", "no VolumeGroups array") | std::views::reverse) {
+    const auto& containers = requireArray(&root, "Containers", "no Containers");
+    for (auto item = containers.rbegin(); item != containers.rend(); ++item) {
+        const auto& container = requireDictionary(*item, "no item dict");
+        const auto& groups = requireArray(&container, "VolumeGroups", "no VolumeGroups array");
+        for (auto group = groups.rbegin(); group != groups.rend(); ++group) {
             // A group that is no dictionary counts as one without volumes, not as a fault of its own.
-            for (const auto& volume : requireArray(group.as<PropertyListDictionary>(), "Volumes", "no Volumes array") |
-                                          std::views::reverse)
-                planVolume(readVolume(requireDictionary(volume, "no volume dict")), plan);
+            const auto& volumes = requireArray(group->as<PropertyListDictionary>(), "Volumes", "no Volumes array");
+            for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume)
+                planVolume(readVolume(requireDictionary(*volume, "no volume dict")), plan);
         }
     }
     return plan;
