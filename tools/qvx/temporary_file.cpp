@@ -113,6 +113,7 @@ void TemporaryFile::Free::operator()(archive* disk) const noexcept { archive_wri
 bool TemporaryFile::create(int directory, const EntryHead& head, const std::string* linkTarget) {
     drop();
     offset_ = written_ = 0;
+    linked_ = false;
     directory_ = directory;
     path_ = head.path;
     type_ = head.type;
@@ -169,13 +170,14 @@ bool TemporaryFile::rename(const std::string& name, bool replace) {
         result = renameat(directory_, name_.c_str(), directory_, name.c_str());
     if (result != 0) return refuseWithErrno();
     // Where both names are of one file already, a rename does nothing at all.
-    unlinkat(directory_, name_.c_str(), 0);
+    if (linked_) unlinkat(directory_, name_.c_str(), 0);
     name_.clear();
     return true;
 }
 
 bool TemporaryFile::link(int directory, int source) {
     drop();
+    linked_ = true;
     directory_ = directory;
     name_ = randomName();
     const std::string place = "/proc/self/fd/" + std::to_string(source);

@@ -58,7 +58,8 @@ private:
     int directory_ = -1;
     std::uint64_t offset_ = 0;
     std::uint64_t written_ = 0;
-    bool open_ = false;  // the disk writer still has it
+    bool open_ = false;    // the disk writer still has it
+    bool linked_ = false;  // another name of a file that is there
 };
 
 }  // namespace tarnwick::qvx

@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <future>
 #include <limits>
 #include <new>
 
@@ -11,6 +12,7 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::uint64_t largestContent = std::numeric_limits<std::int64_t>::max();
+constexpr std::size_t worthAThread = 262144;  // bytes
 
 }  // namespace
 
@@ -105,8 +107,19 @@ EntryReader::Step EntryReader::addData(Bytes bytes) {
     size_ += bytes.size();
     if (head_.type == EntryType::directory) return damaged("a directory has content");
     if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
-    digest_.add(bytes);
-    return sink_.data(bytes) ? Step::more : Step::stopped;
+    return digestAndGive(bytes) ? Step::more : Step::stopped;
+}
+
+// Writing to a disk takes longer than the digest, and need not wait for it.
+bool EntryReader::digestAndGive(Bytes bytes) {
+    if (bytes.size() < worthAThread) {
+        digest_.add(bytes);
+        return sink_.data(bytes);
+    }
+    auto digesting = std::async(std::launch::async | std::launch::deferred, [&] { digest_.add(bytes); });
+    const bool goOn = sink_.data(bytes);
+    digesting.get();
+    return goOn;
 }
 
 EntryReader::Step EntryReader::addHole(Bytes payload) {

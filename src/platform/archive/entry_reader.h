@@ -98,6 +98,7 @@ public:
 private:
     Step begin(Bytes payload);
     Step addData(Bytes bytes);
+    bool digestAndGive(Bytes bytes);
     Step addHole(Bytes payload);
     Step finish(Bytes payload);
     Step damaged(const char* what);

@@ -80,17 +80,15 @@ BlockMap scanForBlocks(const ArchiveFile& file, const HpkeKeys& keys) {
 
 bool SalvageWalk::take(const OpenedBlock& block) {
     if (block.place.sequence > nextBlock_) {
-        lost_ = true;
-        report_({"blocks are missing or damaged up to block " + std::to_string(block.place.sequence - 1), nextBlock_,
-                 std::nullopt, std::nullopt});
+        tell({"blocks are missing or damaged up to block " + std::to_string(block.place.sequence - 1), nextBlock_,
+              std::nullopt, std::nullopt});
         lose("a part of its content is lost");
     }
     nextBlock_ = block.place.sequence + 1;
     block_ = block.place;
     if (block.fault) {
-        lost_ = true;
-        report_(*block.fault);
         lose("a part of its content is lost");
+        tellOfBlock(*block.fault);
         return true;
     }
     RecordCursor cursor(block.plain);
@@ -105,6 +103,7 @@ bool SalvageWalk::take(const OpenedBlock& block) {
 
 std::uint64_t SalvageWalk::end() {
     lose("its end is lost");
+    tellRun();
     return nextEntry_;
 }
 
@@ -115,10 +114,9 @@ bool SalvageWalk::takeRecord(const Record& record, const EntryPlace& place) {
     if (!entry_.inEntry() && record.type != RecordType::entry) return true;
     const auto step = entry_.take(record);
     if (step == EntryReader::Step::damaged) {
-        lost_ = true;
         ReadFault fault = blockFault(block_, entry_.what());
         fault.path = entry_.head().path;
-        report_(fault);
+        tell(fault);
         return true;
     }
     if (step == EntryReader::Step::stopped) return false;
@@ -131,7 +129,7 @@ bool SalvageWalk::takeRecord(const Record& record, const EntryPlace& place) {
         lose("its number is wrong");
     } else {
         if (entryPlace_.number > nextEntry_) {
-            lost_ = true;
+            tellRun();
             reportLoss_(nextEntry_, entryPlace_.number);
         }
         nextEntry_ = entryPlace_.number + 1;
@@ -153,11 +151,32 @@ bool SalvageWalk::deliver() {
 
 void SalvageWalk::lose(std::string what) {
     if (!entry_.inEntry()) return;
-    lost_ = true;
     ReadFault fault = blockFault(block_, std::move(what));
     fault.path = entry_.head().path;
-    report_(fault);
+    tell(fault);
     entry_.abandon();
+}
+
+void SalvageWalk::tell(const ReadFault& fault) {
+    tellRun();
+    report_(fault);
+}
+
+// A lost leader takes its whole group along, which is said once.
+void SalvageWalk::tellOfBlock(const ReadFault& fault) {
+    const bool goesOn = run_ && run_->what == fault.what && fault.block == runEnd_ + 1;
+    if (!goesOn) {
+        tellRun();
+        run_ = fault;
+    }
+    runEnd_ = fault.block.value_or(0);
+}
+
+void SalvageWalk::tellRun() {
+    if (!run_) return;
+    if (run_->block < runEnd_) run_->what += ", and so on up to block " + std::to_string(runEnd_);
+    report_(*run_);
+    run_.reset();
 }
 
 }  // namespace tarnwick::qvx

@@ -25,12 +25,13 @@ public:
     // Reports the entry that the end cut off. The number of the first entry that was not seen.
     std::uint64_t end();
 
-    [[nodiscard]] bool anythingLost() const { return lost_; }
-
 private:
     bool takeRecord(const Record& record, const EntryPlace& place);
     bool deliver();
     void lose(std::string what);
+    void tell(const ReadFault& fault);
+    void tellOfBlock(const ReadFault& fault);
+    void tellRun();
 
     RandomBlocks random_;
     EntryReader entry_;
@@ -41,7 +42,8 @@ private:
     BlockPlace block_;
     std::uint64_t nextBlock_ = 0;
     std::uint64_t nextEntry_ = 0;
-    bool lost_ = false;
+    std::optional<ReadFault> run_;  // of damaged blocks, not yet reported
+    std::uint64_t runEnd_ = 0;
 };
 
 }  // namespace tarnwick::qvx
