@@ -51,7 +51,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // Leniently, and with every third block lost.
     CheckingSink lenient;
     const BlockMap map;
-    SalvageWalk salvage(*file, HpkeKeys(), map, lenient, [](const ReadFault&) {}, [](std::uint64_t, std::uint64_t) {});
+    SalvageWalk salvage(
+        *file, HpkeKeys(), map, lenient, [](const ReadFault&) {}, [](std::uint64_t, std::uint64_t) {});
     for (const auto& block : blocks)
         if (block.place.sequence % 3 != 2 && !salvage.take(block)) return 0;
     salvage.end();

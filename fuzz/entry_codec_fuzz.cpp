@@ -58,7 +58,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         case 1: requireSame(payload, decodeEntryTail(payload), encodeEntryTail); break;
         case 2: requireSame(payload, decodeRoot(payload), encodeRoot); break;
         case 3:
-            if (const auto trailer = decodeTrailer(payload)) require(std::ranges::equal(encodeTrailer(*trailer), payload));
+            if (const auto trailer = decodeTrailer(payload))
+                require(std::ranges::equal(encodeTrailer(*trailer), payload));
             break;
         case 4: {
             const Part part = recode(payload);

@@ -21,9 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-fs::path storeFolder(const VolumeInfo& destination) {
-    return fs::path(destination.mountPoint) / "tarnwick";
-}
+fs::path storeFolder(const VolumeInfo& destination) { return fs::path(destination.mountPoint) / "tarnwick"; }
 
 bool isCaptureName(const fs::path& path) {
     return path.extension() == ".qvx" && path.filename().native().starts_with("tarnwick");
@@ -97,8 +95,7 @@ void storeArchive(const RunOptions& options, const VolumeInfo& destination, cons
     const fs::path folder = storeFolder(destination);
     fs::create_directories(folder);
     const fs::path target = folder / archivePath.filename();
-    if (!copyIntoPlace(archivePath, target))
-        raiseFatal("an error occurred when copying archive to final destination");
+    if (!copyIntoPlace(archivePath, target)) raiseFatal("an error occurred when copying archive to final destination");
     logInfo("final archive copied to " + quotedPath(target));
 }
 

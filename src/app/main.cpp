@@ -51,9 +51,7 @@ void fillStandardStreams() {
 
 // What the commands print and match must not depend on who calls: in a locale of UTF-8 the dot of a regular expression
 // passes over bytes that are not UTF-8, and files with such names would be missing from the capture.
-void fixLocaleOfCommands() {
-    ::setenv("LC_ALL", "C", 1);
-}
+void fixLocaleOfCommands() { ::setenv("LC_ALL", "C", 1); }
 
 // An ignored SIGCHLD would hide how commands end, and a loose mask would let everybody write into the capture store.
 void fixInheritedSettings() {
@@ -61,13 +59,9 @@ void fixInheritedSettings() {
     ::umask(022);
 }
 
-void printIntroduction() {
-    std::cout << introduction;
-}
+void printIntroduction() { std::cout << introduction; }
 
-void printCompletion() {
-    std::cout << completion;
-}
+void printCompletion() { std::cout << completion; }
 
 int printUsage() {
     std::string manual;

@@ -46,8 +46,7 @@ struct RecipientPoint {
 std::string listPaths(ArchiveInProgress& archive, const FilesList& files) {
     archive.paths.reset(newPathList());
     for (const auto& file : files) {
-        const std::unique_ptr<PathList, FreeWith<destroyPathList>> entry(
-            pathListForPath(rootDirectory, file.native()));
+        const std::unique_ptr<PathList, FreeWith<destroyPathList>> entry(pathListForPath(rootDirectory, file.native()));
         if (!entry) return "unable to create sublist";
         if (mergePathLists(archive.paths.get(), entry.get()) != 0) return "unable to merge path lists";
     }
@@ -79,8 +78,8 @@ std::string writeArchive(const FilesList& files, const std::string& publicKeyTex
     archive.file.reset(openFileByteStream(archivePath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     if (!archive.file) return "Error creating destination file";
 
-    archive.encryption.reset(openEncryptionOutputStream(archive.file.get(), archive.context.get(),
-                                                        encryptionStreamFlags, workerThreads));
+    archive.encryption.reset(
+        openEncryptionOutputStream(archive.file.get(), archive.context.get(), encryptionStreamFlags, workerThreads));
     if (!archive.encryption) return "Error calling QVXEncryptionOutputStreamOpen";
 
     archive.encoder.reset(openArchiveEncoderStream(archive.encryption.get(), nullptr, nullptr, 0, workerThreads));

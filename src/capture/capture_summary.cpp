@@ -16,9 +16,7 @@ namespace {
 constexpr double logOf1024 = 6.931471805599453;
 constexpr std::array<const char*, 5> unitNames = {"B", "KB", "MB", "GB", "TB"};
 
-void printLine(const std::string& line) {
-    std::cout << line << '\n' << std::flush;
-}
+void printLine(const std::string& line) { std::cout << line << '\n' << std::flush; }
 
 // The logarithm of zero is minus infinity, which no integer holds: zero bytes are counted in the smallest unit.
 unsigned unitFor(std::uint64_t bytes) {

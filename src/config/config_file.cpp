@@ -17,7 +17,8 @@ std::string resolveConfigFile(int selector) {
     const std::string wanted = selector == configurationFile ? "tarnwick.config.plist" : "";
     if (wanted.empty()) return {};
     const auto files = listConfigAssetFiles();
-    const auto found = std::find_if(files.begin(), files.end(), [&](const auto& file) { return file.filename() == wanted; });
+    const auto found =
+        std::find_if(files.begin(), files.end(), [&](const auto& file) { return file.filename() == wanted; });
     return found == files.end() ? std::string() : found->native();
 }
 

@@ -54,7 +54,8 @@ void writeToFile(std::string_view prefix, std::string_view text) {
 // elsewhere, and what somebody else owns could be altered, or swapped before it is copied. So nothing is truncated
 // before it is known to be our own.
 FileDescriptor openLogFile(const fs::path& path) {
-    FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
+    FileDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return {};
     const bool ours = S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid();
@@ -80,9 +81,7 @@ void logTrace(std::string_view text) {
     if (state().verboseConsole) writeLine(std::cout, "TRACE: ", text);
 }
 
-void setVerboseConsole(bool verbose) {
-    state().verboseConsole = verbose;
-}
+void setVerboseConsole(bool verbose) { state().verboseConsole = verbose; }
 
 std::string makeTimeStamp() {
     const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
@@ -118,8 +117,7 @@ std::string copyExecutionLog(const fs::path& folder) {
     std::error_code error;
     fs::copy_file(log.path, target, fs::copy_options::none, error);
     if (error) {
-        logWarning("error " + std::to_string(error.value()) +
-                   " when copying execution summary to destination volume.");
+        logWarning("error " + std::to_string(error.value()) + " when copying execution summary to destination volume.");
         return {};
     }
     return target;

@@ -140,12 +140,9 @@ private:
         Cursor cursor{objects_.substr(offset)};
         const auto token = static_cast<unsigned char>(cursor.take(1)->front());
         switch (token >> 4) {
-            case 0xa:
-                return array(cursor, token, depth);
-            case 0xd:
-                return dictionary(cursor, token, depth);
-            default:
-                return leaf(cursor, token);
+            case 0xa: return array(cursor, token, depth);
+            case 0xd: return dictionary(cursor, token, depth);
+            default: return leaf(cursor, token);
         }
     }
 
@@ -155,22 +152,14 @@ private:
             case 0x0:
                 if (low == 8 || low == 9) return PropertyListValue{low == 9};
                 return std::nullopt;
-            case 0x1:
-                return low <= 4 ? decode(cursor.take(1U << low), integerFrom) : std::nullopt;
-            case 0x2:
-                return low == 2 || low == 3 ? decode(cursor.take(1U << low), realFrom) : std::nullopt;
-            case 0x3:
-                return low == 3 ? decode(cursor.take(8), dateFrom) : std::nullopt;
-            case 0x8:
-                return low < 8 ? decode(cursor.take(low + 1), uidFrom) : std::nullopt;
-            case 0x4:
-                return decode(counted(cursor, token, 1), dataFrom);
-            case 0x5:
-                return decode(counted(cursor, token, 1), asciiFrom);
-            case 0x6:
-                return decode(counted(cursor, token, 2), utf16From);
-            default:
-                return std::nullopt;
+            case 0x1: return low <= 4 ? decode(cursor.take(1U << low), integerFrom) : std::nullopt;
+            case 0x2: return low == 2 || low == 3 ? decode(cursor.take(1U << low), realFrom) : std::nullopt;
+            case 0x3: return low == 3 ? decode(cursor.take(8), dateFrom) : std::nullopt;
+            case 0x8: return low < 8 ? decode(cursor.take(low + 1), uidFrom) : std::nullopt;
+            case 0x4: return decode(counted(cursor, token, 1), dataFrom);
+            case 0x5: return decode(counted(cursor, token, 1), asciiFrom);
+            case 0x6: return decode(counted(cursor, token, 2), utf16From);
+            default: return std::nullopt;
         }
     }
 
@@ -247,9 +236,7 @@ private:
 
 }  // namespace
 
-bool looksLikeBinaryPropertyList(std::string_view bytes) {
-    return bytes.starts_with(magic);
-}
+bool looksLikeBinaryPropertyList(std::string_view bytes) { return bytes.starts_with(magic); }
 
 std::optional<PropertyListValue> parseBinaryPropertyList(std::string_view bytes) {
     return looksLikeBinaryPropertyList(bytes) ? Reader(bytes).read() : std::nullopt;

@@ -39,16 +39,11 @@ std::size_t plainBracketLength(std::string_view text) {
 std::size_t commonElementLength(std::string_view text) {
     switch (text[0]) {
         case '+':
-        case '?':
-            return 0;
-        case '*':
-            return text.starts_with("**") ? 0 : 1;
-        case '[':
-            return plainBracketLength(text);
-        case '\\':
-            return text.size() < 2 || std::string_view("+?{|").find(text[1]) != std::string_view::npos ? 0 : 2;
-        default:
-            return 1;
+        case '?': return 0;
+        case '*': return text.starts_with("**") ? 0 : 1;
+        case '[': return plainBracketLength(text);
+        case '\\': return text.size() < 2 || std::string_view("+?{|").find(text[1]) != std::string_view::npos ? 0 : 2;
+        default: return 1;
     }
 }
 

@@ -95,9 +95,7 @@ Value dataFrom(std::string_view text) {
     return filled == 0 ? Value(PropertyListValue{std::move(data)}) : std::nullopt;
 }
 
-Value stringFrom(std::string_view text) {
-    return PropertyListValue{std::string(text)};
-}
+Value stringFrom(std::string_view text) { return PropertyListValue{std::string(text)}; }
 
 template <bool Truth>
 Value booleanFrom(std::string_view text) {
@@ -292,20 +290,13 @@ std::size_t xmlCharacterLength(std::string_view text) {
 
 void appendCharacter(std::string& out, std::string_view character) {
     switch (character.front()) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
         case '\r':  // a bare one would be read back as a line feed
             out += "&#13;";
             break;
-        default:
-            out += character;
+        default: out += character;
     }
 }
 

@@ -44,8 +44,7 @@ PropertyListDictionary listGroups() {
 
 ListedVolume readVolume(const PropertyListDictionary& volume) {
     return {textFromPlatformString(findValue(volume, "DeviceIdentifier")),
-            textFromPlatformString(findValue(volume, "DiskUUID")),
-            textFromPlatformString(findValue(volume, "Role"))};
+            textFromPlatformString(findValue(volume, "DiskUUID")), textFromPlatformString(findValue(volume, "Role"))};
 }
 
 void unlockVolume(const VolumeInfo& volume) {

@@ -79,8 +79,15 @@ public:
         ByteVector payload;
         encodeEntryHead(head, payload);
         if (left() < recordHeaderSize + payload.size()) endBlock();
-        index_ = {plain_.size(), block_.size(), head.type, head.path, head.mode.value_or(0), head.userId.value_or(0),
-                  head.groupId.value_or(0), 0, 1700000000};
+        index_ = {plain_.size(),
+                  block_.size(),
+                  head.type,
+                  head.path,
+                  head.mode.value_or(0),
+                  head.userId.value_or(0),
+                  head.groupId.value_or(0),
+                  0,
+                  1700000000};
         record(RecordType::entry, payload);
         ++entries_;
     }
@@ -168,8 +175,7 @@ private:
         if (sequence % groupLength_ == 0) dictionary_ = {sequence, {part.begin(), part.end()}};
         const bool follows = inGroup && sequence % groupLength_ != 0;
         BlockEncoder encoder(keys_);
-        const std::size_t length =
-            encoder.encode(sequence, last, plain, follows ? &dictionary_ : nullptr, out.data());
+        const std::size_t length = encoder.encode(sequence, last, plain, follows ? &dictionary_ : nullptr, out.data());
         file_.insert(file_.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length));
         sealedLengths_.push_back(static_cast<std::uint32_t>(length - blockHeaderSize));
         positions_.push_back(file_.size());

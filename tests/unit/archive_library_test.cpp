@@ -63,7 +63,8 @@ protected:
         return at(name);
     }
     static void waitForTick() {
-        struct timespec begin {}, now {};
+        struct timespec begin {
+        }, now{};
         clock_gettime(CLOCK_REALTIME_COARSE, &begin);
         do clock_gettime(CLOCK_REALTIME_COARSE, &now);
         while (now.tv_sec == begin.tv_sec && now.tv_nsec == begin.tv_nsec);
@@ -124,8 +125,8 @@ TEST_F(ArchiveLibrary, BringsBackEntriesInTheOrderOfTheList) {
         sparse.seekp(2500000) << "x";
     }
     ASSERT_EQ(write(listOf({small, at("link"), big, at("folder"), at("sparse"), empty}).get()), 0);
-    EXPECT_EQ(read(), (Seen{"small=s", "link=nowhere", "big=" + std::string(3000000, 'b') + "end", "folder=",
-                            "sparse=" + std::string(2500000, '\0') + "x", "empty="}));
+    EXPECT_EQ(read(), (Seen{"small=s", "link=nowhere", "big=" + std::string(3000000, 'b') + "end",
+                            "folder=", "sparse=" + std::string(2500000, '\0') + "x", "empty="}));
     EXPECT_LT(bytes().size(), 40000U);
     ASSERT_EQ(write(listOf({}).get()), 0);
     EXPECT_EQ(read(), Seen{});
@@ -223,7 +224,7 @@ TEST_F(ArchiveLibrary, ReportsAFullDisk) {
         const pid_t child = fork();
         if (child == 0) {
             signal(SIGXFSZ, SIG_IGN);
-            const struct rlimit size {limit, limit};
+            const struct rlimit size { limit, limit };
             setrlimit(RLIMIT_FSIZE, &size);
             _exit(write(list.get()) == 0 ? 0 : 42);
         }
@@ -261,7 +262,8 @@ TEST_F(ArchiveLibrary, TakesOnlyTheSettingsItKnows) {
 
 TEST_F(ArchiveLibrary, ListsOnlyWhatAnArchiveHolds) {
     ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
-    for (const std::string& path : {std::string(), at("missing").string(), at("fifo").string(), std::string("/dev/null")})
+    for (const std::string& path :
+         {std::string(), at("missing").string(), at("fifo").string(), std::string("/dev/null")})
         EXPECT_EQ(pathListForPath("/", path), nullptr) << path;
 }
 

@@ -34,15 +34,12 @@ std::string base64(const std::string& bytes) {
         std::uint32_t group = 0;
         for (std::size_t k = i; k < i + 3; ++k)
             group = group << 8 | (k < bytes.size() ? static_cast<unsigned char>(bytes[k]) : 0u);
-        for (std::size_t k = 0; k < 4; ++k)
-            text += i + k > bytes.size() ? '=' : alphabet[group >> (18 - 6 * k) & 63];
+        for (std::size_t k = 0; k < 4; ++k) text += i + k > bytes.size() ? '=' : alphabet[group >> (18 - 6 * k) & 63];
     }
     return text;
 }
 
-std::string keyLine(const std::string& blob) {
-    return "ecdsa-sha2-nistp256 " + base64(blob);
-}
+std::string keyLine(const std::string& blob) { return "ecdsa-sha2-nistp256 " + base64(blob); }
 
 // The point, or the empty text when the key line is refused.
 std::string pointOf(const std::string& line) {
@@ -72,11 +69,11 @@ TEST(ArchivePublicKey, RefusesWhatIsNotSuchALine) {
     tooLong.trailing = std::string(153, 'x');
     std::string tab = line;
     tab[19] = '\t';
-    for (const auto& bad : {std::string("ecdsa-sha2-nistp25"), " " + line, tab, "ssh-ed25519 " + base64("x"),
-                            "ssh-rsa ecdsa-sha2-nistp256 " + base64(Blob().bytes()), line.substr(0, 159),
-                            std::string("ecdsa-sha2-nistp256 "), keyLine(curve.bytes()), keyLine(compressed.bytes()),
-                            keyLine(type.bytes()), keyLine(tooLong.bytes()),
-                            keyLine(Blob::field("ecdsa-sha2-nistp256", 0xfffffffc))})
+    for (const auto& bad :
+         {std::string("ecdsa-sha2-nistp25"), " " + line, tab, "ssh-ed25519 " + base64("x"),
+          "ssh-rsa ecdsa-sha2-nistp256 " + base64(Blob().bytes()), line.substr(0, 159),
+          std::string("ecdsa-sha2-nistp256 "), keyLine(curve.bytes()), keyLine(compressed.bytes()),
+          keyLine(type.bytes()), keyLine(tooLong.bytes()), keyLine(Blob::field("ecdsa-sha2-nistp256", 0xfffffffc))})
         EXPECT_EQ(pointOf(bad), "") << bad;
     EXPECT_THROW(pointOf("ecdsa-sha2-nistp256"), std::out_of_range);
 }
@@ -94,12 +91,22 @@ TEST(Base64, EndsFailsAndSkipsAsItsRulesSay) {
         std::optional<std::string> decoded;
     };
     const Case cases[] = {
-        {"TWFu", false, 3, "Man"},      {"TWE=", false, 2, "Ma"},        {"TQ==", false, 1, "M"},
-        {"TQ==TWFu", false, 9, "M"},    {"TWFuTQ", false, 9, {}},        {"TWFu", false, 2, {}},
-        {"", false, 9, {}},             {"-", false, 9, {}},             {"T=Fu", false, 9, {}},
-        {"TWFu TWFu", false, 9, "Man"}, {"TW Fu\nTWFu", true, 9, "ManMan"}, {"TW Fu", false, 9, {}},
-        {std::string("TWFu\0TWFu", 9), true, 9, "Man"},  {"T===", false, 9, std::string("L\0\0", 3)},
-        {"====", false, 9, std::string(3, '\0')}, {"++//", false, 3, "\xfb\xef\xff"},
+        {"TWFu", false, 3, "Man"},
+        {"TWE=", false, 2, "Ma"},
+        {"TQ==", false, 1, "M"},
+        {"TQ==TWFu", false, 9, "M"},
+        {"TWFuTQ", false, 9, {}},
+        {"TWFu", false, 2, {}},
+        {"", false, 9, {}},
+        {"-", false, 9, {}},
+        {"T=Fu", false, 9, {}},
+        {"TWFu TWFu", false, 9, "Man"},
+        {"TW Fu\nTWFu", true, 9, "ManMan"},
+        {"TW Fu", false, 9, {}},
+        {std::string("TWFu\0TWFu", 9), true, 9, "Man"},
+        {"T===", false, 9, std::string("L\0\0", 3)},
+        {"====", false, 9, std::string(3, '\0')},
+        {"++//", false, 3, "\xfb\xef\xff"},
     };
     for (const auto& each : cases) {
         std::vector<std::byte> room(each.capacity);  // exactly, so that the sanitizer sees an overrun

@@ -156,19 +156,25 @@ TEST(ArchiveDamage, EveryBlockOutOfItsPlaceIsRefused) {
     };
     for (std::size_t which = 0; which < count; ++which) {
         const std::string name = std::to_string(which);
-        rebuild([&](ByteVector& to, std::size_t i) {
-            if (i != which) append(to, archive.block(i));
-        }, "dropped " + name);
-        rebuild([&](ByteVector& to, std::size_t i) {
-            append(to, archive.block(i));
-            if (i == which) append(to, archive.block(i));
-        }, "doubled " + name);
+        rebuild(
+            [&](ByteVector& to, std::size_t i) {
+                if (i != which) append(to, archive.block(i));
+            },
+            "dropped " + name);
+        rebuild(
+            [&](ByteVector& to, std::size_t i) {
+                append(to, archive.block(i));
+                if (i == which) append(to, archive.block(i));
+            },
+            "doubled " + name);
         rebuild([&](ByteVector& to, std::size_t i) { append(to, (i == which ? other : archive).block(i)); },
                 "exchanged " + name);
         for (std::size_t with = which + 1; with < count; ++with)
-            rebuild([&](ByteVector& to, std::size_t i) {
-                append(to, archive.block(i == which ? with : i == with ? which : i));
-            }, "swapped " + name + " with " + std::to_string(with));
+            rebuild(
+                [&](ByteVector& to, std::size_t i) {
+                    append(to, archive.block(i == which ? with : i == with ? which : i));
+                },
+                "swapped " + name + " with " + std::to_string(with));
     }
     ByteVector both = archive.bytes;
     append(both, other.block(count - 1));
@@ -184,7 +190,6 @@ TEST(ArchiveDamage, IsNamedWithItsPlace) {
     EXPECT_EQ(reading.fault.position, archive.builder.positions()[1]);
     EXPECT_EQ(reading.sink.seen, Seen{"one=first content"});
 }
-
 
 TEST(ArchiveLies, OfIndexRootAndTrailerAreFound) {
     struct Lie {
@@ -236,10 +241,20 @@ TEST(ArchiveLies, OfEntriesAreFound) {
         b.end(tail, content.size());
     };
     const std::vector<Lie> lies{
-        {"digest", [&](auto& b) { entry(b, b.head("x"), "abc", tailOf(sha256("abd"), SparseSum{3, 0})); }},
-        {"size", [&](auto& b) { entry(b, b.head("x"), "abc", tailOf(sha256("abc"), SparseSum{4, 0})); }},
-        {"holes", [&](auto& b) { entry(b, b.head("x"), "abc", tailOf(sha256("abc"), SparseSum{3, 1})); }},
-        {"number", [&](auto& b) {
+        {"digest",
+         [&](auto& b) {
+             entry(b, b.head("x"), "abc", tailOf(sha256("abd"), SparseSum{3, 0}));
+         }},
+        {"size",
+         [&](auto& b) {
+             entry(b, b.head("x"), "abc", tailOf(sha256("abc"), SparseSum{4, 0}));
+         }},
+        {"holes",
+         [&](auto& b) {
+             entry(b, b.head("x"), "abc", tailOf(sha256("abc"), SparseSum{3, 1}));
+         }},
+        {"number",
+         [&](auto& b) {
              auto head = b.head("x");
              head.number = 7;
              entry(b, head, "abc", tailOf(sha256("abc"), SparseSum{3, 0}));
@@ -247,25 +262,46 @@ TEST(ArchiveLies, OfEntriesAreFound) {
         {"directory with content", [&](auto& b) { entry(b, b.head("x", EntryType::directory), "abc", {}); }},
         {"link without target", [&](auto& b) { entry(b, b.head("x", EntryType::link), "", {}); }},
         {"itself", [](auto& b) { b.reference("x", 0, std::nullopt, 0); }},
-        {"later", [](auto& b) { b.reference("x", 1, std::nullopt, 3); b.file("y", "abc"); }},
-        {"chain", [](auto& b) { b.file("x", "abc"); b.reference("y", 0, 0, 3); b.reference("z", 1, 1, 3); }},
-        {"of a link", [](auto& b) { b.link("x", "abc"); b.reference("y", 0, 0, 3); }},
-        {"linked elsewhere", [](auto& b) { b.file("x", "a"); b.file("y", "b"); b.reference("z", 0, 1, 1); }},
+        {"later",
+         [](auto& b) {
+             b.reference("x", 1, std::nullopt, 3);
+             b.file("y", "abc");
+         }},
+        {"chain",
+         [](auto& b) {
+             b.file("x", "abc");
+             b.reference("y", 0, 0, 3);
+             b.reference("z", 1, 1, 3);
+         }},
+        {"of a link",
+         [](auto& b) {
+             b.link("x", "abc");
+             b.reference("y", 0, 0, 3);
+         }},
+        {"linked elsewhere",
+         [](auto& b) {
+             b.file("x", "a");
+             b.file("y", "b");
+             b.reference("z", 0, 1, 1);
+         }},
         {"no end", [](auto& b) { b.begin(b.head("x")); }},
         {"outside of an entry", [](auto& b) { b.record(RecordType::data, bytesOf("abc")); }},
-        {"hole in a link", [](auto& b) {
+        {"hole in a link",
+         [](auto& b) {
              const std::uint8_t one = 1;
              b.begin(b.head("x", EntryType::link));
              b.record(RecordType::hole, Bytes(&one, 1));
              b.end({}, 1);
          }},
-        {"huge holes", [](auto& b) {
+        {"huge holes",
+         [](auto& b) {
              const ByteVector most{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01};
              b.begin(b.head("x"));
              b.record(RecordType::hole, most);
              b.end({}, 0);
          }},
-        {"split without continuation", [](auto& b) {
+        {"split without continuation",
+         [](auto& b) {
              b.begin(b.head("x"));
              b.record(RecordType::data, ByteVector(blockSize - 100));
              b.rawRecord(RecordType::end, true, ByteVector(40));
@@ -306,8 +342,8 @@ TEST(ArchiveSalvage, SavesWhateverIsWholeWhateverByteIsFlipped) {
         const Salvage salvage(damaged);
         EXPECT_FALSE(salvage.faults.empty()) << at;
         // Blocks 0 and 2 lead 1 and 3; "three" has its content in block 0.
-        const auto damagedBlock = static_cast<std::size_t>(
-            std::upper_bound(positions.begin(), positions.end(), at) - positions.begin() - 1);
+        const auto damagedBlock =
+            static_cast<std::size_t>(std::upper_bound(positions.begin(), positions.end(), at) - positions.begin() - 1);
         EXPECT_EQ(salvage.saved(archive.all[0]), damagedBlock != 0) << at;
         EXPECT_EQ(salvage.saved(archive.all[1]), damagedBlock != 0 && damagedBlock != 1) << at;
         EXPECT_EQ(salvage.saved(archive.all[2]), damagedBlock != 0 && damagedBlock != 2) << at;

@@ -15,8 +15,12 @@
 namespace tarnwick {
 
 // What the handles point to is never looked at but for this.
-struct PathList { const char* name; };
-struct ByteStream { const char* name; };
+struct PathList {
+    const char* name;
+};
+struct ByteStream {
+    const char* name;
+};
 struct FieldKeySet {};
 struct EncryptionContext {};
 struct ArchiveStream {};
@@ -71,9 +75,8 @@ ByteStream* openEncryptionOutputStream(ByteStream* under, const EncryptionContex
 }
 ArchiveStream* openArchiveEncoderStream(ByteStream* under, void* data, MessageCallback callback, std::uint64_t flags,
                                         int workers) {
-    return record("openEncoder", under->name, data == nullptr && callback == nullptr, flags, workers)
-               ? &archiveStream
-               : nullptr;
+    return record("openEncoder", under->name, data == nullptr && callback == nullptr, flags, workers) ? &archiveStream
+                                                                                                      : nullptr;
 }
 int writePathList(ArchiveStream*, const PathList* paths, const FieldKeySet*, std::string_view directory, void*,
                   MessageCallback, std::uint64_t flags, int workers) {
@@ -85,7 +88,8 @@ int closeByteStream(ByteStream* stream) { return record("close", stream->name) ?
 namespace {
 
 const std::string key =
-    "ecdsa-sha2-nistp256 AAAAE2VjZHNhLXNoYTItbmlzdHAyNTYAAAAIbmlzdHAyNTYAAABBBP5Jx2KFbJyR0xLYVZ6V4TKgO5vOPEuKGlAyBJtUsXh"
+    "ecdsa-sha2-nistp256 "
+    "AAAAE2VjZHNhLXNoYTItbmlzdHAyNTYAAAAIbmlzdHAyNTYAAABBBP5Jx2KFbJyR0xLYVZ6V4TKgO5vOPEuKGlAyBJtUsXh"
     "Xl4dDbUPFhH4PmvB4zKiHnmzMmnyGAbcbTSlcp3XSLqA=";
 
 class ArchiveWriter : public testing::Test {
@@ -109,13 +113,28 @@ protected:
 };
 
 TEST_F(ArchiveWriter, CallsTheLibraryInItsFixedOrder) {
-    const std::vector<std::string> expected = {
-        "newPathList ", "pathListForPath / /a ", "merge list sublist ", "destroyPathList sublist ",
-        "pathListForPath /  ", "merge list sublist ", "destroyPathList sublist ", "context 3 ", "blob 10 1 65 4 ",
-        "uint 3 2049 ", "uint 4 1048576 ", "keys UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL ",
-        "openFile 1 420 ", "openEncryption file 13835058055282163712 4 ", "openEncoder encryption 1 0 4 ",
-        "write list / 0 4 ", "closeEncoder ", "close encryption ", "close file ", "destroyFieldKeySet ",
-        "destroyPathList list ", "destroyContext "};
+    const std::vector<std::string> expected = {"newPathList ",
+                                               "pathListForPath / /a ",
+                                               "merge list sublist ",
+                                               "destroyPathList sublist ",
+                                               "pathListForPath /  ",
+                                               "merge list sublist ",
+                                               "destroyPathList sublist ",
+                                               "context 3 ",
+                                               "blob 10 1 65 4 ",
+                                               "uint 3 2049 ",
+                                               "uint 4 1048576 ",
+                                               "keys UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL ",
+                                               "openFile 1 420 ",
+                                               "openEncryption file 13835058055282163712 4 ",
+                                               "openEncoder encryption 1 0 4 ",
+                                               "write list / 0 4 ",
+                                               "closeEncoder ",
+                                               "close encryption ",
+                                               "close file ",
+                                               "destroyFieldKeySet ",
+                                               "destroyPathList list ",
+                                               "destroyContext "};
     EXPECT_EQ(write(""), "");
     EXPECT_EQ(calls, expected);
     EXPECT_EQ(write("close"), "");  // what closing reports does not count

@@ -36,7 +36,8 @@ const std::string digestText(64, 'a');
 
 std::string file(const std::string& path) {
     return "<dict><key>Path</key><string>" + path +
-           "</string><key>Size</key><integer>3</integer><key>SHA256</key><string>" + digestText + "</string><key>URL</key><string>u</string></dict>";
+           "</string><key>Size</key><integer>3</integer><key>SHA256</key><string>" + digestText +
+           "</string><key>URL</key><string>u</string></dict>";
 }
 
 std::string asset(const std::string& files, const std::string& type = "t") {
@@ -46,7 +47,8 @@ std::string asset(const std::string& files, const std::string& type = "t") {
 
 std::string catalog(const std::string& assets) {
     return "<plist version=\"1.0\"><dict><key>Serial</key><integer>7</integer><key>Expiry</key>"
-           "<date>2001-01-02T00:00:00Z</date><key>Assets</key><array>" + assets + "</array></dict></plist>";
+           "<date>2001-01-02T00:00:00Z</date><key>Assets</key><array>" +
+           assets + "</array></dict></plist>";
 }
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
@@ -92,15 +94,24 @@ TEST(AssetCatalog, ReadsWhatThePublisherWrote) {
 
 TEST(AssetCatalog, RefusesWhatIsMalformed) {
     const auto good = catalog(asset(file("a")));
-    const std::vector<std::string> bad = {
-        "", good.substr(0, good.size() - 1), "bplist00", catalog("<string>a</string>"), catalog(asset("")),
-        catalog(asset(file("a") + file("a"))), catalog(asset(file("a/b") + file("a"))),
-        catalog(asset(file("a")) + asset(file("b"))),
-        catalog(asset(file("a"), ".t")), catalog(asset(file("a"), "../t")),
-        replaced(good, "<integer>7<", "<integer>-7<"), replaced(good, "<integer>5<", "<integer>-5<"),
-        replaced(good, "<integer>3<", "<integer>18446744073709551615<"), replaced(good, digestText, digestText + "a"),
-        replaced(good, digestText, "G" + digestText.substr(1)), replaced(good, "<string>u<", "<string><"),
-        replaced(good, "2001-01-02T00:00:00Z", "never"), replaced(good, "Serial", "Cereal")};
+    const std::vector<std::string> bad = {"",
+                                          good.substr(0, good.size() - 1),
+                                          "bplist00",
+                                          catalog("<string>a</string>"),
+                                          catalog(asset("")),
+                                          catalog(asset(file("a") + file("a"))),
+                                          catalog(asset(file("a/b") + file("a"))),
+                                          catalog(asset(file("a")) + asset(file("b"))),
+                                          catalog(asset(file("a"), ".t")),
+                                          catalog(asset(file("a"), "../t")),
+                                          replaced(good, "<integer>7<", "<integer>-7<"),
+                                          replaced(good, "<integer>5<", "<integer>-5<"),
+                                          replaced(good, "<integer>3<", "<integer>18446744073709551615<"),
+                                          replaced(good, digestText, digestText + "a"),
+                                          replaced(good, digestText, "G" + digestText.substr(1)),
+                                          replaced(good, "<string>u<", "<string><"),
+                                          replaced(good, "2001-01-02T00:00:00Z", "never"),
+                                          replaced(good, "Serial", "Cereal")};
     for (const auto& text : bad) EXPECT_EQ(parse(text), AssetResult::catalogMalformed) << text;
     for (const auto* path : {"/a", "../a", "a/../b", "a//b", "a/", "", ".", "a/./b", "a&#10;b"})
         EXPECT_EQ(parse(catalog(asset(file(path)))), AssetResult::pathRefused) << path;

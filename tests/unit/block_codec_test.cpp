@@ -112,10 +112,14 @@ TEST(BlockCodec, RefusesWellSealedContentThatIsNoBlock) {
     const struct {
         std::uint8_t flags;
         Buffer stored;
-    } cases[] = {{blockCompressed, frame(blockSize - 1)}, {blockCompressed, frame(blockSize + 1)},
-                 {blockCompressed, frame(100U << 20)},    {blockCompressed, two},
-                 {blockCompressed, cut},                  {blockCompressed, random(100, 2)},
-                 {0, Buffer(blockSize - 1)},              {blockLast, Buffer(blockSize)}};
+    } cases[] = {{blockCompressed, frame(blockSize - 1)},
+                 {blockCompressed, frame(blockSize + 1)},
+                 {blockCompressed, frame(100U << 20)},
+                 {blockCompressed, two},
+                 {blockCompressed, cut},
+                 {blockCompressed, random(100, 2)},
+                 {0, Buffer(blockSize - 1)},
+                 {blockLast, Buffer(blockSize)}};
     for (const auto& c : cases) {
         Buffer sealed = c.stored;
         sealed.resize(sealed.size() + tagSize);

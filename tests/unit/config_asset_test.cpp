@@ -79,8 +79,7 @@ using namespace tarnwick;
 namespace {
 
 const std::string catalogLine = "attempting to download catalog, this may take a moment...\n";
-const std::string assetLines =
-    "Start downloading asset...\nattempting to download asset, this may take a moment...\n";
+const std::string assetLines = "Start downloading asset...\nattempting to download asset, this may take a moment...\n";
 const std::string goingOn =
     "WARNING: catalog update failed, will continue to look for assets using existing catalog...\n";
 

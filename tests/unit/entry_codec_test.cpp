@@ -17,8 +17,10 @@ constexpr auto least = std::numeric_limits<std::int64_t>::min();
 constexpr auto most = std::numeric_limits<std::int64_t>::max();
 
 EntryHead fullHead() {
-    return {7, EntryType::file, "var/log/caf\xe9", 1000, 0xffffffff, std::uint16_t{04755}, 0x80000, 1700000000123456789,
-            least, most};
+    return {7,       EntryType::file,     "var/log/caf\xe9",
+            1000,    0xffffffff,          std::uint16_t{04755},
+            0x80000, 1700000000123456789, least,
+            most};
 }
 
 EntryTail fullTail() {
@@ -39,7 +41,8 @@ Buffer encoded(void (*encode)(const Value&, Buffer&), const Value& value) {
     return bytes;
 }
 
-// Whatever a decoder takes must be what the encoder makes of it: so nothing has two forms, and no damage is passed over.
+// Whatever a decoder takes must be what the encoder makes of it: so nothing has two forms, and no damage is passed
+// over.
 template <typename Value>
 void expectOneForm(const Buffer& good, void (*encode)(const Value&, Buffer&), std::optional<Value> (*decode)(Bytes)) {
     const auto check = [&](const Buffer& bytes) {
@@ -88,12 +91,12 @@ TEST(EntryCodec, GivesBackTheFieldsOfAnEntry) {
 }
 
 TEST(EntryCodec, RefusesPathsThatLeadElsewhere) {
-    for (const std::string& path : {std::string(), std::string("a"), std::string("a/..b"), std::string(".../c"),
-                                    std::string(4095, 'x')})
+    for (const std::string& path :
+         {std::string(), std::string("a"), std::string("a/..b"), std::string(".../c"), std::string(4095, 'x')})
         EXPECT_TRUE(isEntryPath(path)) << path;
-    for (const std::string& path : {std::string("/a"), std::string("a/"), std::string("a//b"), std::string(".."),
-                                   std::string("a/../b"), std::string("./a"), std::string("a\0b", 3),
-                                   std::string(4096, 'x')}) {
+    for (const std::string& path :
+         {std::string("/a"), std::string("a/"), std::string("a//b"), std::string(".."), std::string("a/../b"),
+          std::string("./a"), std::string("a\0b", 3), std::string(4096, 'x')}) {
         EntryHead head;
         head.path = path;
         EXPECT_FALSE(decodeEntryHead(encoded(encodeEntryHead, head))) << path;
@@ -125,16 +128,17 @@ TEST(EntryCodec, IndexPartsGiveBackTheirEntries) {
         for (const auto& expected : entries) {
             const auto* found = part.next();
             ASSERT_NE(found, nullptr);
-            EXPECT_EQ(std::tie(found->block, found->offset, found->type, found->path, found->mode, found->size),
-                      std::tie(expected.block, expected.offset, expected.type, expected.path, expected.mode,
-                               expected.size));
+            EXPECT_EQ(
+                std::tie(found->block, found->offset, found->type, found->path, found->mode, found->size),
+                std::tie(expected.block, expected.offset, expected.type, expected.path, expected.mode, expected.size));
             EXPECT_EQ(found->modifiedSeconds, expected.modifiedSeconds);
         }
         EXPECT_EQ(part.next(), nullptr);
         EXPECT_FALSE(part.damaged());
         for (std::size_t length = 0; length < payload.size(); ++length) {
             IndexPartDecoder cut(Bytes(payload).first(length));
-            while (cut.next()) {}
+            while (cut.next()) {
+            }
             EXPECT_TRUE(cut.damaged()) << length;
         }
     }
@@ -147,15 +151,15 @@ TEST(RecordCursor, StopsAtWhatIsNoRecord) {
         bool damaged;
     } cases[] = {
         {"", 0, false},
-        {"0201000061020000", 1, false},          // too few bytes left for a record
-        {"020100006100000000", 1, false},        // padding of no bytes
-        {"0201000061000200000000", 1, false},    // padding up to the end
-        {"0201000061000100000000", 1, true},     // padding that ends before the block does
-        {"02020000", 0, true},                   // longer than the block
-        {"08000000", 0, true},                   // no such type
-        {"8201000061", 0, true},                 // only some types may go on in the next block
+        {"0201000061020000", 1, false},        // too few bytes left for a record
+        {"020100006100000000", 1, false},      // padding of no bytes
+        {"0201000061000200000000", 1, false},  // padding up to the end
+        {"0201000061000100000000", 1, true},   // padding that ends before the block does
+        {"02020000", 0, true},                 // longer than the block
+        {"08000000", 0, true},                 // no such type
+        {"8201000061", 0, true},               // only some types may go on in the next block
         {"8402000061620000", 1, false},
-        {"84020000616200000000", 0, true},       // goes on although there is room for another record
+        {"84020000616200000000", 0, true},  // goes on although there is room for another record
     };
     for (const auto& c : cases) {
         const Buffer block = fromHex(c.block);

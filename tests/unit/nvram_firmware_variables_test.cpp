@@ -25,7 +25,8 @@ protected:
 
     std::string dump(const ReadCall& read = ::read) {
         std::string text;
-        result_ = dumpVariables(folder_, [&](const std::string& line) { text += line; }, read);
+        result_ = dumpVariables(
+            folder_, [&](const std::string& line) { text += line; }, read);
         return text;
     }
 

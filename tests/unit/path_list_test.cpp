@@ -17,7 +17,8 @@ PathList::Entry entryOf(std::uint64_t number) {
     // Now and then a path that shares nothing, or is its forerunner's beginning.
     std::string path = number % 97 == 0 ? "/" : "/var/log/" + std::to_string(number / 10);
     if (number % 10 != 0) path += "/report-" + std::to_string(number * 7919 % 100000);
-    return {path, number % 3 ? EntryType::file : EntryType::link, number % 5 ? 66305U : 7U, number * 123456789 % 1000003};
+    return {path, number % 3 ? EntryType::file : EntryType::link, number % 5 ? 66305U : 7U,
+            number * 123456789 % 1000003};
 }
 
 TEST(PathList, GivesBackWhatWasPutInByWalkAndByNumber) {
@@ -49,9 +50,15 @@ TEST(PathList, TakesPathsAsTheyWillStandInTheArchive) {
         const char* directory;
         const char* path;
         const char* normal;  // null: refused
-    } cases[] = {{"/", "/var/log", "/var/log"},   {"/", "var//./log/", "/var/log"}, {"/srv", "x", "/srv/x"},
-                 {"/srv", "/x", "/x"},            {"/", "/", "/"},                  {"/", "", nullptr},
-                 {"/", "/var/../etc", nullptr},   {"/", "...", "/..."},             {"/", ".", "/"}};
+    } cases[] = {{"/", "/var/log", "/var/log"},
+                 {"/", "var//./log/", "/var/log"},
+                 {"/srv", "x", "/srv/x"},
+                 {"/srv", "/x", "/x"},
+                 {"/", "/", "/"},
+                 {"/", "", nullptr},
+                 {"/", "/var/../etc", nullptr},
+                 {"/", "...", "/..."},
+                 {"/", ".", "/"}};
     for (const auto& c : cases) {
         const auto normal = normalPath(c.directory, c.path);
         EXPECT_EQ(normal.has_value(), c.normal != nullptr) << c.path;

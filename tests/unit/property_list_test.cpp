@@ -20,9 +20,7 @@ using namespace std::literals;
 
 namespace {
 
-std::string plist(std::string_view inner) {
-    return "<plist version=\"1.0\">" + std::string(inner) + "</plist>";
-}
+std::string plist(std::string_view inner) { return "<plist version=\"1.0\">" + std::string(inner) + "</plist>"; }
 
 std::string repeated(std::string_view text, std::size_t count) {
     std::string out;
@@ -130,12 +128,14 @@ TEST(XmlPropertyList, ReadsScalarsInTheirWholeRangeAndNotBeyond) {
     ASSERT_TRUE(data);
     EXPECT_EQ(data->as<PropertyListData>()->size(), 7U);
     const std::pair<const char*, std::vector<const char*>> refused[] = {
-        {"integer", {"", "-", "+-1", "1x", "0x", "0x-1", "-0x1", "1 2", "1.0", "18446744073709551616",
-                     "-9223372036854775809", "0x10000000000000000", "\xd9\xa1"}},
+        {"integer",
+         {"", "-", "+-1", "1x", "0x", "0x-1", "-0x1", "1 2", "1.0", "18446744073709551616", "-9223372036854775809",
+          "0x10000000000000000", "\xd9\xa1"}},
         {"real", {"", "1,5", "1e", "0x1p3", "1.5 x", "+-1", "1e999"}},
-        {"date", {"", "2001-01-01", "2001-01-01T00:00:00", "2001-02-29T00:00:00Z", "2001-13-01T00:00:00Z",
-                  "2001-01-01T24:00:00Z", "2001-01-01T00:00:60Z", "0000-01-01T00:00:00Z", "2001-1-01T00:00:00Z",
-                  "+001-01-01T00:00:00Z", "2001-01-01T00:00:00ZZ"}},
+        {"date",
+         {"", "2001-01-01", "2001-01-01T00:00:00", "2001-02-29T00:00:00Z", "2001-13-01T00:00:00Z",
+          "2001-01-01T24:00:00Z", "2001-01-01T00:00:60Z", "0000-01-01T00:00:00Z", "2001-1-01T00:00:00Z",
+          "+001-01-01T00:00:00Z", "2001-01-01T00:00:00ZZ"}},
         {"data", {"Z", "Zg", "Zg=", "Z===", "====", "Zm8==", "Zg==Zg==", "Zm9v=", "Z-_=", "Z=g="}}};
     for (const auto& [kind, contents] : refused)
         for (const char* content : contents) EXPECT_FALSE(read(kind, content)) << kind << ' ' << content;
@@ -256,9 +256,7 @@ TEST(PropertyList, TextOutsideAsciiDoesNotFitTheBuffer) {
     EXPECT_EQ(textFromPlatformString(nullptr), "");
 }
 
-TEST(InfoDictionary, AProgramWithoutTheSectionHasNone) {
-    EXPECT_FALSE(lookupOwnInfoValue("CaptureSpec"));
-}
+TEST(InfoDictionary, AProgramWithoutTheSectionHasNone) { EXPECT_FALSE(lookupOwnInfoValue("CaptureSpec")); }
 
 class PropertyListFile : public testing::Test {
 protected:

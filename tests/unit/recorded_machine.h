@@ -121,8 +121,9 @@ private:
 
     void answer(const std::string& line) {
         static const std::map<std::string, Content> kinds{
-            {"nothing", Content::nothing},       {"unknown", Content::unknown},    {"swap", Content::swap},
-            {"crypto_LUKS", Content::encrypted}, {"LVM2_member", Content::member}, {"linux_raid_member", Content::member},
+            {"nothing", Content::nothing},    {"unknown", Content::unknown},
+            {"swap", Content::swap},          {"crypto_LUKS", Content::encrypted},
+            {"LVM2_member", Content::member}, {"linux_raid_member", Content::member},
         };
         std::istringstream words(line);
         std::string name, type;
@@ -130,8 +131,13 @@ private:
         auto known = values(words);
         const auto kind = kinds.find(type);
         const bool typeless = type == "nothing" || type == "unknown";
-        answers_[name] = {kind == kinds.end() ? Content::fileSystem : kind->second, typeless ? "" : type, known["uuid"],
-                          known["label"], known["part"], known["partuuid"], known["partname"]};
+        answers_[name] = {kind == kinds.end() ? Content::fileSystem : kind->second,
+                          typeless ? "" : type,
+                          known["uuid"],
+                          known["label"],
+                          known["part"],
+                          known["partuuid"],
+                          known["partname"]};
     }
 
     TemporaryFolder temporary_;

@@ -53,14 +53,11 @@ TEST(Mounts, RunningInACircleEnd) {
               Names{"root /"});
 }
 
-TEST(Mounts, ThatCannotBeReadThrow) {
-    EXPECT_THROW(readVisibleMounts("/nonexistent/mountinfo"), std::runtime_error);
-}
+TEST(Mounts, ThatCannotBeReadThrow) { EXPECT_THROW(readVisibleMounts("/nonexistent/mountinfo"), std::runtime_error); }
 
 TEST(Mounts, HoldPathsByWholeComponents) {
-    const std::vector<Mount> mounts{{"/", "/", "", "root", 1},
-                                    {"/bo", "/", "", "bo", 2},
-                                    {"/boot", "/", "", "boot", 3}};
+    const std::vector<Mount> mounts{
+        {"/", "/", "", "root", 1}, {"/bo", "/", "", "bo", 2}, {"/boot", "/", "", "boot", 3}};
     EXPECT_EQ(mountHolding(mounts, "/boot/efi")->type, "boot");
     EXPECT_EQ(mountHolding(mounts, "/bo")->type, "bo");
     EXPECT_EQ(mountHolding(mounts, "/book")->type, "root");

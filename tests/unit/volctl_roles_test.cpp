@@ -31,18 +31,22 @@ TEST(Roles, FollowTheMountPoint) {
 
 TEST(Roles, KeepTheDefaultsForSettingsOfAnotherType) {
     const PropertyListDictionary roles{{"a", {true}}, {"b", {std::string("Data")}}};
-    const auto settings = readVolumeSettings(
-        {{"Roles", {roles}}, {"PrebootDirectory", {true}}, {"IncludeRemovable", {std::int64_t{1}}}});
+    const auto settings =
+        readVolumeSettings({{"Roles", {roles}}, {"PrebootDirectory", {true}}, {"IncludeRemovable", {std::int64_t{1}}}});
     EXPECT_EQ(settings.roles, (std::map<std::string, std::string>{{"b", "Data"}}));
     EXPECT_EQ(settings.prebootDirectory, "/boot");
     EXPECT_FALSE(settings.includeRemovable);
 }
 
 TEST(VisibleText, LetsNoControlOrForeignByteThrough) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"\xc3\xa9\xf0\x9f\x92\xbe", "\xc3\xa9\xf0\x9f\x92\xbe"}, {"\x1b[2J\n\x7f", "\\x1b[2J\\x0a\\x7f"},
-        {"\xc2\x9b" "0m", "\\xc2\\x9b0m"}, {"\xc0\xaf \xed\xa0\x80", "\\xc0\\xaf \\xed\\xa0\\x80"},
-        {"\xe2\x82", "\\xe2\\x82"}, {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}};
+    const std::pair<const char*, const char*> cases[] = {{"\xc3\xa9\xf0\x9f\x92\xbe", "\xc3\xa9\xf0\x9f\x92\xbe"},
+                                                         {"\x1b[2J\n\x7f", "\\x1b[2J\\x0a\\x7f"},
+                                                         {"\xc2\x9b"
+                                                          "0m",
+                                                          "\\xc2\\x9b0m"},
+                                                         {"\xc0\xaf \xed\xa0\x80", "\\xc0\\xaf \\xed\\xa0\\x80"},
+                                                         {"\xe2\x82", "\\xe2\\x82"},
+                                                         {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}};
     for (const auto& [raw, visible] : cases) EXPECT_EQ(visibleText(raw), visible);
 }
 
@@ -58,11 +62,16 @@ TEST(Listing, PadsByCharactersAndSaysSizes) {
     Volume plain;
     plain.name = "abc";
     auto accented = plain;
-    accented.name = "\xc3\xa9" "bc";
+    accented.name =
+        "\xc3\xa9"
+        "bc";
     accented.leftOutBecause = "of a reason";
     const auto table = volumeTable({plain, accented});
     EXPECT_NE(table.find("abc   -"), std::string::npos) << table;
-    EXPECT_NE(table.find("\xc3\xa9" "bc   -"), std::string::npos) << table;
+    EXPECT_NE(table.find("\xc3\xa9"
+                         "bc   -"),
+              std::string::npos)
+        << table;
     EXPECT_NE(table.find("left out: of a reason\n"), std::string::npos) << table;
 }
 

@@ -24,21 +24,22 @@ protected:
 };
 
 TEST_F(Volumes, OnAnNvmeDiskAreItsFileSystems) {
-    recorded.devices("pci/nvme0/block/nvme0c0n1 hidden=1\n"
-                     "pci/nvme1/block/nvme0n1 dev=259:0\n"
-                     "pci/nvme1/block/nvme0n1/nvme0n1p1 dev=259:1\n"
-                     "pci/nvme1/block/nvme0n1/nvme0n1p2 dev=259:2\n"
-                     "pci/nvme1/block/nvme0n1/nvme0n1p3 dev=259:3\n"
-                     "pci/nvme1/block/nvme0n1/nvme0n1p10 dev=259:10\n"
-                     "pci/nvme1/block/nvme0n1/nvme0n1p4 dev=259:4\n"
-                     "virtual/block/ram0\nvirtual/block/zram0\nvirtual/block/loop0\npci/block/sr0 size=0\n")
+    recorded
+        .devices(
+            "pci/nvme0/block/nvme0c0n1 hidden=1\n"
+            "pci/nvme1/block/nvme0n1 dev=259:0\n"
+            "pci/nvme1/block/nvme0n1/nvme0n1p1 dev=259:1\n"
+            "pci/nvme1/block/nvme0n1/nvme0n1p2 dev=259:2\n"
+            "pci/nvme1/block/nvme0n1/nvme0n1p3 dev=259:3\n"
+            "pci/nvme1/block/nvme0n1/nvme0n1p10 dev=259:10\n"
+            "pci/nvme1/block/nvme0n1/nvme0n1p4 dev=259:4\n"
+            "virtual/block/ram0\nvirtual/block/zram0\nvirtual/block/loop0\npci/block/sr0 size=0\n")
         .content("nvme0n1p1 vfat label=EFI part=" + esp + "\nnvme0n1p2 ext4 part=" + bootLoader +
                  " partname=boot\nnvme0n1p3 ext4 label=root part=0x83\nnvme0n1p10 swap\n")
         .mounts("1 0 259:3 / / rw - ext4 /dev/nvme0n1p3 rw\n2 1 259:2 / /boot rw - ext4 /dev/nvme0n1p2 rw\n");
-    EXPECT_EQ(recorded.volumes(), (Lines{"nvme0n1/nvme0n1p1/nvme0n1p1 EFI System -",
-                                         "nvme0n1/nvme0n1p2/nvme0n1p2 boot Preboot /boot",
-                                         "nvme0n1/nvme0n1p3/nvme0n1p3 root Data /",
-                                         "nvme0n1/nvme0n1p10/nvme0n1p10 nvme0n1p10 Other -"}));
+    EXPECT_EQ(recorded.volumes(),
+              (Lines{"nvme0n1/nvme0n1p1/nvme0n1p1 EFI System -", "nvme0n1/nvme0n1p2/nvme0n1p2 boot Preboot /boot",
+                     "nvme0n1/nvme0n1p3/nvme0n1p3 root Data /", "nvme0n1/nvme0n1p10/nvme0n1p10 nvme0n1p10 Other -"}));
     EXPECT_EQ(recorded.lookUp("Preboot"), "nvme0n1p2 /boot");
     EXPECT_EQ(recorded.lookUp("/dev/nvme0n1p1"), "nvme0n1p1 ");
     EXPECT_EQ(recorded.lookUp("/boot/"), "nvme0n1p2 /boot");
@@ -50,8 +51,8 @@ TEST_F(Volumes, OnAnNvmeDiskAreItsFileSystems) {
 
 TEST_F(Volumes, OfAnEncryptedPartitionAreOneLockedOrOpen) {
     const std::string disk = "pci/block/sda\npci/block/sda/sda1 dev=8:1\npci/block/sda/sda2 dev=8:2\n";
-    const std::string content = "sda1 crypto_LUKS uuid=L1 part=" + generic +
-                                "\nsda2 crypto_LUKS uuid=L2 part=" + generic;
+    const std::string content =
+        "sda1 crypto_LUKS uuid=L1 part=" + generic + "\nsda2 crypto_LUKS uuid=L2 part=" + generic;
     recorded.devices(disk + "virtual/block/dm-0 dev=253:0 dm/name=home dm/uuid=CRYPT-LUKS2-" + luksName + " on=sda2\n")
         .content(content + "\ndm-0 ext4 label=people\n")
         .mounts("1 0 0:5 / / rw - overlay overlay rw\n2 1 253:0 / /mnt rw - ext4 /dev/mapper/home rw\n");
@@ -62,13 +63,26 @@ TEST_F(Volumes, OfAnEncryptedPartitionAreOneLockedOrOpen) {
 }
 
 TEST_F(Volumes, OfAVolumeGroupAreItsLogicalVolumesAndNoHiddenLayers) {
-    recorded.devices("pci/block/sda\npci/block/sda/sda3\n"
-                     "virtual/block/dm-0 dm/name=crypt dm/uuid=CRYPT-LUKS2-" + luksName + " on=sda3\n"
-                     "virtual/block/dm-1 dev=253:1 dm/name=my--vg-root dm/uuid=LVM-" + lvmIds + " on=dm-0\n"
-                     "virtual/block/dm-2 dm/name=my--vg-swap_1 dm/uuid=LVM-" + lvmIds + " on=dm-0\n"
-                     "virtual/block/dm-3 dm/name=my--vg-pool-tpool dm/uuid=LVM-" + lvmIds + "-tpool on=dm-0\n"
-                     "virtual/block/dm-5 dm/name=my--vg-safe dm/uuid=LVM-" + lvmIds + " on=dm-0\n"
-                     "virtual/block/dm-4 dm/name=secret dm/uuid=CRYPT-LUKS1-" + luksName + " on=dm-5\n")
+    recorded
+        .devices(
+            "pci/block/sda\npci/block/sda/sda3\n"
+            "virtual/block/dm-0 dm/name=crypt dm/uuid=CRYPT-LUKS2-" +
+            luksName +
+            " on=sda3\n"
+            "virtual/block/dm-1 dev=253:1 dm/name=my--vg-root dm/uuid=LVM-" +
+            lvmIds +
+            " on=dm-0\n"
+            "virtual/block/dm-2 dm/name=my--vg-swap_1 dm/uuid=LVM-" +
+            lvmIds +
+            " on=dm-0\n"
+            "virtual/block/dm-3 dm/name=my--vg-pool-tpool dm/uuid=LVM-" +
+            lvmIds +
+            "-tpool on=dm-0\n"
+            "virtual/block/dm-5 dm/name=my--vg-safe dm/uuid=LVM-" +
+            lvmIds +
+            " on=dm-0\n"
+            "virtual/block/dm-4 dm/name=secret dm/uuid=CRYPT-LUKS1-" +
+            luksName + " on=dm-5\n")
         .content("sda3 crypto_LUKS\ndm-0 LVM2_member\ndm-1 xfs\ndm-2 swap\ndm-3 unknown\ndm-4 ext4\ndm-5 crypto_LUKS\n")
         .mounts("1 0 253:1 / / rw - xfs /dev/mapper/my--vg-root rw\n");
     EXPECT_EQ(recorded.volumes(), (Lines{"my-vg/dm-1/dm-1 my--vg-root Data /", "my-vg/dm-2/dm-2 my--vg-swap_1 Other -",
@@ -76,26 +90,33 @@ TEST_F(Volumes, OfAVolumeGroupAreItsLogicalVolumesAndNoHiddenLayers) {
 }
 
 TEST_F(Volumes, UnderMultipathAndArraysAppearOnceByTheirTopHolder) {
-    recorded.devices("pci/block/sda\npci/block/sdb\npci/block/sdc\npci/block/sdc/sdc1\npci/block/sdd\n"
-                     "virtual/block/dm-0 dm/name=mpatha dm/uuid=mpath-3600 on=sda,sdb\n"
-                     "virtual/block/dm-1 dev=253:1 dm/name=mpatha-part1 dm/uuid=part1-mpath-3600 on=dm-0\n"
-                     "virtual/block/md0 on=sdc1,sdd\n"
-                     "virtual/block/md0/md0p1 dev=259:7\n")
-        .content("sda ext4\nsdb ext4\ndm-1 ext4 label=paths\n"
-                 "sdc1 linux_raid_member\nsdd linux_raid_member\nmd0p1 xfs\n")
+    recorded
+        .devices(
+            "pci/block/sda\npci/block/sdb\npci/block/sdc\npci/block/sdc/sdc1\npci/block/sdd\n"
+            "virtual/block/dm-0 dm/name=mpatha dm/uuid=mpath-3600 on=sda,sdb\n"
+            "virtual/block/dm-1 dev=253:1 dm/name=mpatha-part1 dm/uuid=part1-mpath-3600 on=dm-0\n"
+            "virtual/block/md0 on=sdc1,sdd\n"
+            "virtual/block/md0/md0p1 dev=259:7\n")
+        .content(
+            "sda ext4\nsdb ext4\ndm-1 ext4 label=paths\n"
+            "sdc1 linux_raid_member\nsdd linux_raid_member\nmd0p1 xfs\n")
         .mounts("1 0 253:1 / / rw - ext4 /dev/mapper/mpatha-part1 rw\n2 1 259:7 / /srv rw - xfs /dev/md0p1 rw\n");
     EXPECT_EQ(recorded.volumes(), (Lines{"dm-0/dm-1/dm-1 paths Data /", "md0/md0p1/md0p1 md0p1 Data /srv"}));
 }
 
 TEST_F(Volumes, OnDisksThatComeAndGoAreLeftOutUnread) {
-    recorded.devices("pci/usb1 bus=usb removable=unknown\npci/usb1/1-1 bus=usb removable=removable\n"
-                     "pci/usb1/1-1/block/sda\n"
-                     "pci/usb1/1-1/block/sda/sda1\n"
-                     "virtual/block/dm-0 dm/name=stick dm/uuid=CRYPT-LUKS2-" + luksName + " on=sda1\n"
-                     "pci/usb1/1-2 bus=usb removable=fixed\npci/usb1/1-2/block/sdb\n"
-                     "pci/mmc0 bus=mmc type=SD\npci/mmc0/block/mmcblk0\npci/mmc1 bus=mmc type=MMC\n"
-                     "pci/mmc1/block/mmcblk1\npci/block/sr0 removable=1\n"
-                     "pci/bridge bus=pci removable=removable\npci/bridge/nvme/block/nvme0n1\n")
+    recorded
+        .devices(
+            "pci/usb1 bus=usb removable=unknown\npci/usb1/1-1 bus=usb removable=removable\n"
+            "pci/usb1/1-1/block/sda\n"
+            "pci/usb1/1-1/block/sda/sda1\n"
+            "virtual/block/dm-0 dm/name=stick dm/uuid=CRYPT-LUKS2-" +
+            luksName +
+            " on=sda1\n"
+            "pci/usb1/1-2 bus=usb removable=fixed\npci/usb1/1-2/block/sdb\n"
+            "pci/mmc0 bus=mmc type=SD\npci/mmc0/block/mmcblk0\npci/mmc1 bus=mmc type=MMC\n"
+            "pci/mmc1/block/mmcblk1\npci/block/sr0 removable=1\n"
+            "pci/bridge bus=pci removable=removable\npci/bridge/nvme/block/nvme0n1\n")
         .content("dm-0 ext4\nsdb ext4\nmmcblk0 vfat\nmmcblk1 ext4\nsr0 iso9660\nnvme0n1 ext4\n")
         .mounts("");
     EXPECT_EQ(recorded.volumes(),
@@ -111,8 +132,9 @@ TEST_F(Volumes, OnDisksThatComeAndGoAreLeftOutUnread) {
 TEST_F(Volumes, OfOneBtrfsAreOneWithTheMountOfItsRootOrTheShortest) {
     recorded.devices("pci/block/sda\npci/block/sda/sda1\npci/block/sdb\n")
         .content("sda1 btrfs uuid=B label=pool\nsdb btrfs uuid=B label=pool\n");
-    const std::string subvolumes = "1 0 0:30 /@rootfs / rw - btrfs /dev/sdb rw\n"
-                                   "2 1 0:30 /@home /home rw - btrfs /dev/sdb rw\n";
+    const std::string subvolumes =
+        "1 0 0:30 /@rootfs / rw - btrfs /dev/sdb rw\n"
+        "2 1 0:30 /@home /home rw - btrfs /dev/sdb rw\n";
     recorded.mounts(subvolumes);
     EXPECT_EQ(recorded.volumes(), (Lines{"sda1/sda1/sda1 pool Data /"}));
     EXPECT_EQ(recorded.lookUp("sdb"), "sda1 /");
@@ -142,10 +164,12 @@ TEST_F(Volumes, WithoutAKnownDeviceCountOnlyAtTheRoot) {
 
 TEST_F(Volumes, SeenThroughALoopDeviceKeepTheirName) {
     const std::string view = " loop/offset=0 loop/sizelimit=0\n";
-    recorded.devices("pci/block/sda\npci/block/sda/sda2 dev=8:2\n"
-                     "virtual/block/loop0 dev=7:0 loop/backing_file=/dev/sda2" + view +
-                     "virtual/block/loop1 dev=7:1 loop/backing_file=/srv/image" + view +
-                     "virtual/block/loop2 dev=7:2 loop/backing_file=/dev/sda2 loop/offset=512 loop/sizelimit=0\n")
+    recorded
+        .devices(
+            "pci/block/sda\npci/block/sda/sda2 dev=8:2\n"
+            "virtual/block/loop0 dev=7:0 loop/backing_file=/dev/sda2" +
+            view + "virtual/block/loop1 dev=7:1 loop/backing_file=/srv/image" + view +
+            "virtual/block/loop2 dev=7:2 loop/backing_file=/dev/sda2 loop/offset=512 loop/sizelimit=0\n")
         .content("sda2 ext4\nloop0 ext4\nloop1 ext4\nloop2 ext4\n")
         .mounts("1 0 7:0 / /run/tarnwick/volumes/sda2 ro - ext4 /dev/loop0 ro\n");
     EXPECT_EQ(recorded.volumes(), (Lines{"loop1/loop1/loop1 loop1 Other -", "loop2/loop2/loop2 loop2 Other -",
@@ -155,8 +179,9 @@ TEST_F(Volumes, SeenThroughALoopDeviceKeepTheirName) {
 TEST_F(Volumes, WithNamesThatAShellWouldReadAreLeftOut) {
     recorded.devices("pci/block/sda dev=8:1\npci/block/sdb dev=8:2\npci/block/sdc dev=8:3\n")
         .content("sda ext4 label=$(reboot)\nsdb ext4\nsdc ext4 label=$(reboot)\n")
-        .mounts("1 0 8:1 / / rw - ext4 /dev/sda rw\n2 1 8:2 / /srv/$(reboot) rw - ext4 /dev/sdb rw\n"
-                "3 1 8:3 / /srv/a\\040b rw - ext4 /dev/sdc rw\n");
+        .mounts(
+            "1 0 8:1 / / rw - ext4 /dev/sda rw\n2 1 8:2 / /srv/$(reboot) rw - ext4 /dev/sdb rw\n"
+            "3 1 8:3 / /srv/a\\040b rw - ext4 /dev/sdc rw\n");
     EXPECT_EQ(recorded.volumes(), (Lines{"sda/sda/sda $(reboot) Data /", "sdb/sdb/sdb sdb Data /srv/$(reboot) left out",
                                          "sdc/sdc/sdc $(reboot) Data /srv/a b"}));
     EXPECT_EQ(recorded.lookUp("sdb"), "-");
@@ -166,9 +191,11 @@ TEST_F(Volumes, WithNamesThatAShellWouldReadAreLeftOut) {
 
 TEST_F(Volumes, TakeNoMountPointFromABoundFile) {
     recorded.files = {"/etc/hosts"};
-    recorded.devices("pci/block/sda dev=8:1\n").content("sda ext4\n").mounts(
-        "1 0 0:9 / / rw - overlay overlay rw\n2 1 8:1 /c/hosts /etc/hosts rw - ext4 /dev/sda rw\n"
-        "3 1 8:1 /c/data /srv/data rw - ext4 /dev/sda rw\n");
+    recorded.devices("pci/block/sda dev=8:1\n")
+        .content("sda ext4\n")
+        .mounts(
+            "1 0 0:9 / / rw - overlay overlay rw\n2 1 8:1 /c/hosts /etc/hosts rw - ext4 /dev/sda rw\n"
+            "3 1 8:1 /c/data /srv/data rw - ext4 /dev/sda rw\n");
     EXPECT_EQ(recorded.lookUp("sda"), "sda /srv/data");
 }
 
@@ -209,8 +236,10 @@ TEST_F(Volumes, AreFoundByALinkToTheirNode) {
 }
 
 TEST_F(Volumes, NestInTheListingWithoutThoseLeftOut) {
-    recorded.devices("pci/block/sda\npci/block/sda/sda1\npci/block/sda/sda2\n"
-                     "pci/block/sdb\npci/block/sdc removable=1\n")
+    recorded
+        .devices(
+            "pci/block/sda\npci/block/sda/sda1\npci/block/sda/sda2\n"
+            "pci/block/sdb\npci/block/sdc removable=1\n")
         .content("sda1 ext4 uuid=U1 label=\x1b[2J\nsda2 crypto_LUKS uuid=U2\nsdb xfs\n")
         .mounts("");
     const auto listing = groupListing(findVolumes(recorded.machine()));

@@ -102,8 +102,8 @@ private:
 
     std::string shown(std::string_view name, std::string_view value) {
         const auto secret = secretIn(name);
-        const std::string size = value.size() > variableLimit ? "more than " + std::to_string(variableLimit)
-                                                              : std::to_string(value.size());
+        const std::string size =
+            value.size() > variableLimit ? "more than " + std::to_string(variableLimit) : std::to_string(value.size());
         if (!secret.empty()) return "%[withheld: " + std::string(secret) + ", " + size + " bytes]";
         const auto part = value.substr(0, std::min(variableLimit, left_));
         left_ -= part.size();
@@ -115,7 +115,7 @@ private:
     std::optional<std::size_t> readFile(const std::string& file) {
         constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
         const FileDescriptor opened(::openat(folder_.get(), file.c_str(), flags));
-        struct stat status{};
+        struct stat status {};
         if (!opened || ::fstat(opened.get(), &status) != 0) return refuse(file, std::strerror(errno));
         if (!S_ISREG(status.st_mode)) return refuse(file, "not a regular file");
         ssize_t count = -1;

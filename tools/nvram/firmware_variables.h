@@ -10,8 +10,8 @@
 
 namespace tarnwick {
 
-inline constexpr std::size_t variableLimit = 64 * 1024;       // bytes of a value that are shown
-inline constexpr std::size_t totalLimit = 4 * 1024 * 1024;    // bytes of names and values that are shown in all
+inline constexpr std::size_t variableLimit = 64 * 1024;     // bytes of a value that are shown
+inline constexpr std::size_t totalLimit = 4 * 1024 * 1024;  // bytes of names and values that are shown in all
 
 // One read(2): fills `buffer` and returns the count, or -1 with errno.
 using ReadCall = std::function<ssize_t(int descriptor, void* buffer, std::size_t size)>;

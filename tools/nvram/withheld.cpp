@@ -54,12 +54,9 @@ constexpr std::array secretNames{
 
 bool matches(const std::string& name, const SecretName& secret) {
     switch (secret.match) {
-        case Match::anywhere:
-            return name.find(secret.text) != std::string::npos;
-        case Match::atEnd:
-            return name.ends_with(secret.text);
-        case Match::whole:
-            return name == secret.text;
+        case Match::anywhere: return name.find(secret.text) != std::string::npos;
+        case Match::atEnd: return name.ends_with(secret.text);
+        case Match::whole: return name == secret.text;
     }
     return true;
 }

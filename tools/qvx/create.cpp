@@ -57,8 +57,9 @@ public:
         if (!one) {
             struct stat status {};
             const bool missing = path.empty() || lstat(path.c_str(), &status) != 0;
-            say(escapedName(path) + ": " + (missing ? std::strerror(path.empty() ? ENOENT : errno)
-                                                     : "neither a regular file, a directory nor a symbolic link"));
+            say(escapedName(path) + ": " +
+                (missing ? std::strerror(path.empty() ? ENOENT : errno)
+                         : "neither a regular file, a directory nor a symbolic link"));
             return false;
         }
         if (mergePathLists(list_.get(), one.get()) == 0) return true;
@@ -110,8 +111,8 @@ bool readNames(const std::string& path, const Take& take) {
     const auto closeFile = [](std::FILE* file) {
         if (file != stdin) std::fclose(file);
     };
-    const std::unique_ptr<std::FILE, decltype(closeFile)> file(
-        path == "-" ? stdin : std::fopen(path.c_str(), "re"), closeFile);
+    const std::unique_ptr<std::FILE, decltype(closeFile)> file(path == "-" ? stdin : std::fopen(path.c_str(), "re"),
+                                                               closeFile);
     char* line = nullptr;
     std::size_t capacity = 0;
     ssize_t length = 0;

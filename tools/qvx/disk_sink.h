@@ -67,16 +67,16 @@ private:
     FileDescriptor openExtracted(std::string_view path);
 
     Destination destination_;
-    Destination sources_;     // the same, for looking elsewhere while parent_ stays open
+    Destination sources_;  // the same, for looking elsewhere while parent_ stays open
     bool keepIncomplete_;
     EntryHead head_;
-    std::string name_;        // the last component of the path
-    int parent_ = -1;         // the directory it stands in
+    std::string name_;  // the last component of the path
+    int parent_ = -1;   // the directory it stands in
     TemporaryFile temporary_;
     std::string linkTarget_;
     ExtractedPaths extracted_;
     std::map<std::string, Directory, std::less<>> directories_;
-    bool skipping_ = false;   // this entry has failed
+    bool skipping_ = false;  // this entry has failed
     bool failed_ = false;
 };
 

@@ -53,8 +53,9 @@ std::optional<std::string> askPassphrase(const std::string& path) {
 
 const char* describe(KeyFault fault) {
     switch (fault) {
-        case KeyFault::openSshForm: return "is a key in OpenSSH's own form; a copy converted with "
-                                           "`ssh-keygen -p -m PKCS8 -f COPY` can be read";
+        case KeyFault::openSshForm:
+            return "is a key in OpenSSH's own form; a copy converted with "
+                   "`ssh-keygen -p -m PKCS8 -f COPY` can be read";
         case KeyFault::notP256: return "is not a P-256 key";
         case KeyFault::noPassphrase: return "is encrypted, and there is no terminal to ask for the passphrase";
         case KeyFault::wrongPassphrase: return "does not open with this passphrase";

@@ -130,9 +130,7 @@ bool OutputSink::begin(const EntryHead& head) {
     return false;
 }
 
-bool OutputSink::data(Bytes bytes) {
-    return put({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-}
+bool OutputSink::data(Bytes bytes) { return put({reinterpret_cast<const char*>(bytes.data()), bytes.size()}); }
 
 bool OutputSink::hole(std::uint64_t length) {
     static constexpr std::array<std::uint8_t, 65536> zeros{};

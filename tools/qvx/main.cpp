@@ -263,9 +263,8 @@ void declareCommands(CLI::App& app, Options& options, Command& chosen) {
 int run(int argc, char** argv) {
     CLI::App app("Make, list, check and unpack sealed archives", "qvx");
     app.require_subcommand(1);
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return "qvx: " + escapedName(error.what()) + '\n';
-    });
+    app.failure_message(
+        [](const CLI::App*, const CLI::Error& error) { return "qvx: " + escapedName(error.what()) + '\n'; });
     Options options;
     Command chosen = nullptr;
     declareCommands(app, options, chosen);

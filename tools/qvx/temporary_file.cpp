@@ -80,8 +80,7 @@ void restoreExtras(const std::string& path, const std::string& name, EntryType t
 
     if (hasAttributes)
         for (const auto& [attribute, value] : *tail.attributes)
-            if (mayRestore(attribute) &&
-                setxattr(place.c_str(), attribute.c_str(), value.data(), value.size(), 0) != 0)
+            if (mayRestore(attribute) && setxattr(place.c_str(), attribute.c_str(), value.data(), value.size(), 0) != 0)
                 warn(path, "extended attribute " + escapedName(attribute) + ": " + std::strerror(errno));
     const auto setList = [&](const std::string& text, acl_type_t kind) {
         if (text.empty()) return;

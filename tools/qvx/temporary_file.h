@@ -51,8 +51,8 @@ private:
     bool refuseWithErrno();
 
     std::unique_ptr<archive, Free> disk_;
-    std::string path_;   // of the entry, for messages
-    std::string name_;   // empty: none
+    std::string path_;  // of the entry, for messages
+    std::string name_;  // empty: none
     std::string what_;
     EntryType type_ = EntryType::file;
     int directory_ = -1;

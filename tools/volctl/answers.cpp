@@ -8,9 +8,7 @@ namespace tarnwick {
 
 namespace {
 
-PropertyListValue text(const std::string& bytes) {
-    return {visibleText(bytes)};
-}
+PropertyListValue text(const std::string& bytes) { return {visibleText(bytes)}; }
 
 void setText(PropertyListDictionary& dictionary, const char* key, const std::string& bytes) {
     if (!bytes.empty()) dictionary[key] = text(bytes);
@@ -35,8 +33,7 @@ PropertyListDictionary& lastEntry(PropertyListDictionary& parent, const char* ke
     auto& entries = std::get<PropertyListArray>(parent[key].value);
     const auto* last = entries.empty() ? nullptr : entries.back().as<PropertyListDictionary>();
     const auto* known = last ? findValueAs<std::string>(*last, referenceKey) : nullptr;
-    if (!known || *known != reference)
-        entries.push_back({PropertyListDictionary{{referenceKey, {reference}}}});
+    if (!known || *known != reference) entries.push_back({PropertyListDictionary{{referenceKey, {reference}}}});
     return std::get<PropertyListDictionary>(entries.back().value);
 }
 

@@ -189,7 +189,7 @@ std::string devicePath(const BlockDevice& device) {
     candidates.push_back("/dev/block/" + std::to_string(major(device.number)) + ":" +
                          std::to_string(minor(device.number)));
     for (const auto& path : candidates) {
-        struct stat status{};
+        struct stat status {};
         if (::stat(path.c_str(), &status) == 0 && isNodeOf(status, device)) return path;
     }
     return {};
@@ -199,7 +199,7 @@ FileDescriptor openDevice(const BlockDevice& device) {
     const auto path = devicePath(device);
     // O_NONBLOCK: a drive without a medium must not be waited for.
     FileDescriptor opened(path.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status{};
+    struct stat status {};
     if (path.empty()) errno = ENXIO;
     if (!opened) return opened;
     if (::fstat(opened.get(), &status) == 0 && isNodeOf(status, device)) return opened;

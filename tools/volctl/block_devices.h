@@ -14,7 +14,7 @@
 namespace tarnwick {
 
 struct BlockDevice {
-    std::string name;       // below /dev: "sda2", "dm-0", "cciss/c0d0p1"
+    std::string name;  // below /dev: "sda2", "dm-0", "cciss/c0d0p1"
     dev_t number = 0;
     std::uint64_t size = 0;  // bytes
     std::string wholeDisk;   // of a partition: its disk; else empty

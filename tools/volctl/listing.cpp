@@ -11,9 +11,7 @@ namespace {
 
 using Row = std::array<std::string, 8>;
 
-std::string shown(const std::string& text) {
-    return text.empty() ? "-" : visibleText(text);
-}
+std::string shown(const std::string& text) { return text.empty() ? "-" : visibleText(text); }
 
 std::string stateOf(const Volume& volume) {
     if (!volume.leftOutBecause.empty()) return "left out: " + volume.leftOutBecause;
@@ -22,15 +20,14 @@ std::string stateOf(const Volume& volume) {
 }
 
 Row rowOf(const Volume& volume) {
-    return {shown(volume.container), shown(volume.group), shown(volume.deviceIdentifier), shown(volume.name),
-            shown(volume.role),      sizeText(volume.size), shown(volume.mountPoint),      stateOf(volume)};
+    return {shown(volume.container), shown(volume.group),   shown(volume.deviceIdentifier), shown(volume.name),
+            shown(volume.role),      sizeText(volume.size), shown(volume.mountPoint),       stateOf(volume)};
 }
 
 // Width on the terminal, as far as counting characters tells it.
 std::size_t width(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
-        return (static_cast<unsigned char>(byte) & 0xc0) != 0x80;
-    }));
+    return static_cast<std::size_t>(std::count_if(
+        text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));
 }
 
 }  // namespace

@@ -4,9 +4,9 @@
 #include <exception>
 #include <string>
 
-#include "platform/xml_property_list.h"
 #include "answers.h"
 #include "listing.h"
+#include "platform/xml_property_list.h"
 #include "unlock.h"
 #include "visible_text.h"
 
@@ -27,9 +27,7 @@ int print(const std::string& text) {
     return written ? 0 : complain("cannot write the answer");
 }
 
-int list() {
-    return print(volumeTable(findVolumes(thisMachine())));
-}
+int list() { return print(volumeTable(findVolumes(thisMachine()))); }
 
 int listGroups(bool asPropertyList) {
     if (!asPropertyList) return list();

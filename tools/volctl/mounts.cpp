@@ -21,9 +21,7 @@ struct Entry {
     Mount mount;
 };
 
-std::string text(const char* value) {
-    return value ? value : "";
-}
+std::string text(const char* value) { return value ? value : ""; }
 
 std::vector<Entry> readEntries(const std::filesystem::path& mountinfo) {
     const MountTable table(mnt_new_table_from_file(mountinfo.c_str()));
@@ -31,7 +29,8 @@ std::vector<Entry> readEntries(const std::filesystem::path& mountinfo) {
     if (!table || !iterator) throw std::runtime_error("cannot read " + mountinfo.native());
     std::vector<Entry> entries;
     for (libmnt_fs* fs = nullptr; mnt_table_next_fs(table.get(), iterator.get(), &fs) == 0;) {
-        entries.push_back({mnt_fs_get_id(fs), mnt_fs_get_parent_id(fs),
+        entries.push_back({mnt_fs_get_id(fs),
+                           mnt_fs_get_parent_id(fs),
                            {text(mnt_fs_get_target(fs)), text(mnt_fs_get_root(fs)), text(mnt_fs_get_source(fs)),
                             text(mnt_fs_get_fstype(fs)), mnt_fs_get_devno(fs)}});
     }

@@ -20,9 +20,7 @@ namespace {
 constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 volatile std::sig_atomic_t caughtSignal = 0;
 
-extern "C" void rememberSignal(int signal) {
-    caughtSignal = signal;
-}
+extern "C" void rememberSignal(int signal) { caughtSignal = signal; }
 
 // While it lives, the signals that would end the program end a wait instead; they are raised again at its end. They
 // stay blocked but during the wait, so that none falls between the look at the flag and the wait.
@@ -36,7 +34,7 @@ public:
         sigprocmask(SIG_BLOCK, &ending, &maskBefore_);
         maskWaiting_ = maskBefore_;
         for (const int signal : endingSignals) sigdelset(&maskWaiting_, signal);
-        struct sigaction remember{};
+        struct sigaction remember {};
         remember.sa_handler = rememberSignal;
         sigemptyset(&remember.sa_mask);
         for (std::size_t i = 0; i < endingSignals.size(); ++i) {
@@ -122,9 +120,7 @@ Passphrase::~Passphrase() {
     munlock(bytes_.data(), bytes_.size());
 }
 
-void Passphrase::append(char byte) {
-    bytes_[size_++] = byte;
-}
+void Passphrase::append(char byte) { bytes_[size_++] = byte; }
 
 void Passphrase::clear() {
     explicit_bzero(bytes_.data(), bytes_.size());

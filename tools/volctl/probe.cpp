@@ -42,8 +42,8 @@ void probeContent(ProbeAnswer& answer, int descriptor) {
     const auto probe = newProbe(descriptor);
     if (!probe) return;
     blkid_probe_enable_superblocks(probe.get(), 1);
-    blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID | BLKID_SUBLKS_TYPE |
-                                                       BLKID_SUBLKS_USAGE);
+    blkid_probe_set_superblocks_flags(probe.get(),
+                                      BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID | BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE);
     const int result = blkid_do_safeprobe(probe.get());
     if (result == 1) answer.content = Content::nothing;
     if (result != 0) return;  // an error, or the signatures of two systems

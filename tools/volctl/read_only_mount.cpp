@@ -33,9 +33,7 @@ constexpr std::array replayOptions{
     MountOption{"reiserfs", "nolog"},
 };
 
-std::string errorText(const std::string& what) {
-    return what + ": " + std::strerror(errno);
-}
+std::string errorText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 std::string optionsFor(const std::string& type) {
     const auto* found = std::find_if(replayOptions.begin(), replayOptions.end(),
@@ -56,7 +54,7 @@ FileDescriptor readOnlyView(const FileDescriptor& device, std::string& path) {
         if (number < 0) break;
         path = "/dev/loop" + std::to_string(number);
         FileDescriptor loop(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        struct loop_config settings{};
+        struct loop_config settings {};
         settings.fd = static_cast<__u32>(device.get());
         settings.info.lo_flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
         if (loop && ::ioctl(loop.get(), LOOP_CONFIGURE, &settings) == 0) return loop;
@@ -68,7 +66,7 @@ FileDescriptor readOnlyView(const FileDescriptor& device, std::string& path) {
 // A folder of root's own; the volume's permissions do not count for those who cannot get in.
 bool makeFolder(const std::string& path) {
     if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
-    struct stat status{};
+    struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return false;
     if (S_ISDIR(status.st_mode) && status.st_uid == ::geteuid()) return true;
     errno = ENOTDIR;

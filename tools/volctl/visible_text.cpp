@@ -6,9 +6,7 @@ namespace tarnwick {
 
 namespace {
 
-unsigned char byteAt(std::string_view bytes, std::size_t index) {
-    return static_cast<unsigned char>(bytes[index]);
-}
+unsigned char byteAt(std::string_view bytes, std::size_t index) { return static_cast<unsigned char>(bytes[index]); }
 
 // Length of the well-formed UTF-8 sequence at `start` that shows something, or 0 (RFC 3629, section 4). The C1
 // controls U+0080..U+009F count as nothing to show: terminals obey some of them.

@@ -23,9 +23,7 @@ const BlockDevice* find(const BlockDevices& devices, const std::string& name) {
     return found == devices.end() ? nullptr : &found->second;
 }
 
-bool isLogicalVolume(const BlockDevice& device) {
-    return device.mapUuid.starts_with(logicalVolumePrefix);
-}
+bool isLogicalVolume(const BlockDevice& device) { return device.mapUuid.starts_with(logicalVolumePrefix); }
 
 bool isHiddenLayer(const BlockDevice& device) {
     return isLogicalVolume(device) && device.mapUuid.size() > logicalVolumeUuidSize;
@@ -140,8 +138,8 @@ private:
     bool addContent(Volume& volume, const BlockDevice& top, const BlockDevice& group) {
         const auto answer = machine_.probe(top);
         const auto entry = &top == &group ? answer : machine_.probe(group);
-        evidence_[top.name] = {answer.uuid, entry.partitionUuid, volume.deviceNames, answer.label,
-                               entry.partitionType, {}};
+        evidence_[top.name] = {answer.uuid,  entry.partitionUuid, volume.deviceNames,
+                               answer.label, entry.partitionType, {}};
         volume.uuid = answer.uuid;
         volume.fileSystem = answer.type;
         volume.locked = answer.content == Content::encrypted;
@@ -179,9 +177,9 @@ private:
         for (const auto* mount : mounts) {
             if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;  // a single file, bound
             volume.mountPoints.push_back(mount->target);
-            const bool better = !best || (mount->root == "/" && best->root != "/") ||
-                                ((mount->root == "/") == (best->root == "/") &&
-                                 mount->target.size() < best->target.size());
+            const bool better =
+                !best || (mount->root == "/" && best->root != "/") ||
+                ((mount->root == "/") == (best->root == "/") && mount->target.size() < best->target.size());
             if (better) best = mount;
         }
         if (best) volume.mountPoint = best->target;
@@ -273,8 +271,8 @@ Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& v
 Lookup lookUpPreboot(const Machine& machine, const std::vector<Volume>& volumes) {
     const Volume* best = nullptr;
     for (const auto& volume : volumes) {
-        const bool answers = volume.role == "Preboot" && volume.leftOutBecause.empty() &&
-                             allowsColons(volume.fileSystem);
+        const bool answers =
+            volume.role == "Preboot" && volume.leftOutBecause.empty() && allowsColons(volume.fileSystem);
         if (answers && (!best || (best->mountPoint.empty() && !volume.mountPoint.empty()))) best = &volume;
     }
     return best ? found(*best) : prebootFromDirectory(machine, volumes);
@@ -312,19 +310,17 @@ Machine thisMachine() {
     machine.mounts = readVisibleMounts();
     machine.probe = probeDevice;
     machine.isDirectory = [](const std::string& path) {
-        struct stat status{};
+        struct stat status {};
         return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     };
     machine.nodeNumber = [](const std::string& path) -> dev_t {
-        struct stat status{};
+        struct stat status {};
         return ::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) ? status.st_rdev : 0;
     };
     return machine;
 }
 
-std::vector<Volume> findVolumes(const Machine& machine) {
-    return VolumeFinder(machine).find();
-}
+std::vector<Volume> findVolumes(const Machine& machine) { return VolumeFinder(machine).find(); }
 
 Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
     if (identifier == "Preboot") return lookUpPreboot(machine, volumes);

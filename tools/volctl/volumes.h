@@ -31,8 +31,8 @@ struct Volume {
     std::string deviceIdentifier;  // name of the topmost device that holds it
     std::string container;
     std::string group;
-    std::string name;   // label, else partition name, else name of the mapping, else device; bytes as on the disk
-    std::string uuid;   // empty: not known
+    std::string name;        // label, else partition name, else name of the mapping, else device; bytes as on the disk
+    std::string uuid;        // empty: not known
     std::string fileSystem;  // type; empty: not known
     std::string role;
     std::string mountPoint;                // empty: not mounted

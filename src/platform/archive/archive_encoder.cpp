@@ -91,8 +91,7 @@ int ArchiveEncoder::writeFile(Entry& entry) {
     }
     if (wants("SH2")) entry.tail.digest = digest;
     if (wants("SLC") && entry.holes > 0) entry.tail.sum = SparseSum{entry.size, entry.holes};
-    if (entry.size == found.status.stx_size)
-        stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
+    if (entry.size == found.status.stx_size) stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
     return 0;
 }
 
@@ -113,7 +112,8 @@ bool ArchiveEncoder::isOld(const struct statx& status) const {
     constexpr std::int64_t coarsest = 2;  // seconds: the step of file systems that know no fractions
     const auto& changed = status.stx_ctime;
     if (changed.tv_nsec == 0) return changed.tv_sec + coarsest < started_.tv_sec;
-    return changed.tv_sec < started_.tv_sec || (changed.tv_sec == started_.tv_sec && changed.tv_nsec < started_.tv_nsec);
+    return changed.tv_sec < started_.tv_sec ||
+           (changed.tv_sec == started_.tv_sec && changed.tv_nsec < started_.tv_nsec);
 }
 
 // Begins a new block when the room left in this one is not worth a part of so much content.

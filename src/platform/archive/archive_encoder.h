@@ -24,8 +24,8 @@ class ArchiveEncoder {
 public:
     ArchiveEncoder(BlockStream& stream, FieldMask fields);
 
-    // Reads every entry of `list` from the disk and completes the archive, whose first block stands at `filePosition` of
-    // the file.
+    // Reads every entry of `list` from the disk and completes the archive, whose first block stands at `filePosition`
+    // of the file.
     int write(const PathList& list, std::uint64_t filePosition);
 
 private:

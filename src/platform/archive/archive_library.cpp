@@ -74,8 +74,8 @@ std::optional<qvx::HpkeKeys> writeHeader(int file, const EncryptionContext& cont
     if (!recipient || !ephemeral) return std::nullopt;
     qvx::PlainHeader header{groupLength, qvx::sshFingerprint(*context.recipient), {}};
     const auto bound = qvx::encodePlainHeader(header);
-    const auto sender = qvx::hpkeSend(qvx::Aead::aes256Gcm, recipient.get(), ephemeral,
-                                      qvx::Bytes(bound).first(qvx::boundHeaderSize));
+    const auto sender =
+        qvx::hpkeSend(qvx::Aead::aes256Gcm, recipient.get(), ephemeral, qvx::Bytes(bound).first(qvx::boundHeaderSize));
     if (!sender) return std::nullopt;
     header.encapsulated = sender->encapsulated;
     if (writeAll(file, qvx::encodePlainHeader(header)) != 0) return std::nullopt;
@@ -84,9 +84,7 @@ std::optional<qvx::HpkeKeys> writeHeader(int file, const EncryptionContext& cont
 
 }  // namespace
 
-PathList* newPathList() {
-    return new (std::nothrow) PathList;
-}
+PathList* newPathList() { return new (std::nothrow) PathList; }
 
 PathList* pathListForPath(std::string_view directory, std::string_view path) {
     return guarded<PathList*>(nullptr, [&]() -> PathList* {
@@ -109,9 +107,7 @@ int mergePathLists(PathList* target, const PathList* source) {
     });
 }
 
-void destroyPathList(PathList* list) {
-    delete list;
-}
+void destroyPathList(PathList* list) { delete list; }
 
 FieldKeySet* fieldKeySetFromString(std::string_view keys) {
     qvx::FieldMask fields = 0;
@@ -127,9 +123,7 @@ FieldKeySet* fieldKeySetFromString(std::string_view keys) {
     return new (std::nothrow) FieldKeySet{fields};
 }
 
-void destroyFieldKeySet(FieldKeySet* keys) {
-    delete keys;
-}
+void destroyFieldKeySet(FieldKeySet* keys) { delete keys; }
 
 ByteStream* openFileByteStream(const char* path, int openFlags, mode_t mode) {
     FileDescriptor file(::open(path, openFlags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
@@ -149,7 +143,8 @@ int setContextFieldBlob(EncryptionContext* context, int field, int representatio
     qvx::Point point{};
     constexpr std::byte uncompressedForm{4};
     if (length != point.size() || bytes[0] != uncompressedForm) return -EINVAL;
-    std::transform(bytes, bytes + length, point.begin(), [](std::byte byte) { return std::to_integer<std::uint8_t>(byte); });
+    std::transform(bytes, bytes + length, point.begin(),
+                   [](std::byte byte) { return std::to_integer<std::uint8_t>(byte); });
     context->recipient = point;
     return 0;
 }
@@ -167,9 +162,7 @@ int setContextFieldUInt(EncryptionContext* context, int field, std::uint64_t val
     return -EINVAL;
 }
 
-void destroyEncryptionContext(EncryptionContext* context) {
-    delete context;
-}
+void destroyEncryptionContext(EncryptionContext* context) { delete context; }
 
 ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
                                        int workers) {

@@ -23,10 +23,10 @@ struct ArchiveStream;      // the encoder of entries
 using MessageCallback = int (*)(void* messageData, int message);  // the library never calls it
 
 // Numbers of context fields, and what they take.
-inline constexpr int contextFieldCompression = 3;      // unsigned: the compression identifier
-inline constexpr int contextFieldBlockSize = 4;        // unsigned: bytes
-inline constexpr int contextFieldRecipient = 10;       // blob: the recipient's public point
-inline constexpr int representationUncompressed = 1;   // of that blob: 0x04, X, Y (65 bytes)
+inline constexpr int contextFieldCompression = 3;     // unsigned: the compression identifier
+inline constexpr int contextFieldBlockSize = 4;       // unsigned: bytes
+inline constexpr int contextFieldRecipient = 10;      // blob: the recipient's public point
+inline constexpr int representationUncompressed = 1;  // of that blob: 0x04, X, Y (65 bytes)
 
 PathList* newPathList();
 
@@ -57,7 +57,8 @@ void destroyEncryptionContext(EncryptionContext* context);
 
 // The stream that cuts what is written into blocks, compresses and seals them, and writes them to `underlying` in
 // order. `underlying` stays the caller's, is used from another thread until the new stream is closed, and must outlive
-// it. At most as many of the `workers` run at once as there are cores. A point that is not on the curve is refused here.
+// it. At most as many of the `workers` run at once as there are cores. A point that is not on the curve is refused
+// here.
 ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
                                        int workers);
 

@@ -137,8 +137,7 @@ std::optional<std::vector<ChosenEntry>> chooseEntries(ArchiveIndex& index, std::
 
 }  // namespace
 
-std::unique_ptr<ArchiveReader> ArchiveReader::open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
-                                                   ReadFault& fault) {
+std::unique_ptr<ArchiveReader> ArchiveReader::open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key, ReadFault& fault) {
     const auto keys = hpkeReceive(Aead::aes256Gcm, key, file->header().encapsulated, file->boundHeader());
     if (keys) return std::unique_ptr<ArchiveReader>(new ArchiveReader(std::move(file), *keys));
     fault.what = "the encapsulated key in the header is damaged";
@@ -198,9 +197,9 @@ bool ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     const bool indexed = loadIndex(indexFault);
     if (!indexed) report(indexFault);
     const auto reportLoss = [&](std::uint64_t first, std::uint64_t end) {
-        const std::string range = end - first == 1 ? "entry " + std::to_string(first) + " is lost"
-                                                   : "entries " + std::to_string(first) + " to " +
-                                                         std::to_string(end - 1) + " are lost";
+        const std::string range =
+            end - first == 1 ? "entry " + std::to_string(first) + " is lost"
+                             : "entries " + std::to_string(first) + " to " + std::to_string(end - 1) + " are lost";
         report({range, {}, {}, {}});
         if (indexed) reportNames(first, end, report);
     };

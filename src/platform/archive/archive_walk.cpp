@@ -28,9 +28,7 @@ bool ArchiveWalk::takeRecord(const Record& record, const EntryPlace& place) {
     if (joiner_.joining()) return takeIndexRecord(record, place);
     switch (record.type) {
         case RecordType::index:
-        case RecordType::root:
-            joinedPlace_ = place;
-            return takeIndexRecord(record, place);
+        case RecordType::root: joinedPlace_ = place; return takeIndexRecord(record, place);
         case RecordType::trailer: {
             if (phase_ != Phase::trailer || place.offset != 0) return refuse("the trailer is not where it must be");
             phase_ = Phase::complete;

@@ -92,9 +92,7 @@ std::optional<BlockHeader> decodeBlockHeader(Bytes bytes) {
     return header;
 }
 
-Bytes dictionaryPart(Bytes leader) {
-    return leader.last(std::min(leader.size(), dictionarySize));
-}
+Bytes dictionaryPart(Bytes leader) { return leader.last(std::min(leader.size(), dictionarySize)); }
 
 BlockEncoder::BlockEncoder(const HpkeKeys& keys)
     : cipher_(keys, HpkeCipher::Direction::seal), region_(dictionarySize + blockSize), compressor_(ZSTD_createCCtx()) {
@@ -132,8 +130,7 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
         std::copy(plain.begin(), plain.end(), behind);
         plain = Bytes(behind, plain.size());
     }
-    const std::size_t length =
-        ZSTD_compress2(compressor_.get(), out, plain.size() - 1, plain.data(), plain.size());
+    const std::size_t length = ZSTD_compress2(compressor_.get(), out, plain.size() - 1, plain.data(), plain.size());
     return ZSTD_isError(length) ? 0 : length;
 }
 
@@ -148,8 +145,8 @@ bool BlockEncoder::learn(const GroupDictionary& dictionary) {
     std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
     auto parameters = ZSTD_getCParams(compressionLevel, blockSize, size);
     parameters.minMatch = 6;  // than 5, as the level has it: faster, and no larger where there is a dictionary
-    tables_.reset(ZSTD_createCDict_advanced(place, size, ZSTD_dlm_byRef, ZSTD_dct_rawContent, parameters,
-                                            ZSTD_defaultCMem));
+    tables_.reset(
+        ZSTD_createCDict_advanced(place, size, ZSTD_dlm_byRef, ZSTD_dct_rawContent, parameters, ZSTD_defaultCMem));
     if (tables_) learned_ = dictionary.leader;
     return tables_ != nullptr;
 }

@@ -52,8 +52,8 @@ void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
         file_.read(block.place.position + blockHeaderSize, sealed_, what);
     }
     if (what.empty())
-        what = describe(decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{},
-                                        block.plain));
+        what = describe(
+            decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain));
     if (!what.empty()) block.fault = blockFault(block.place, std::move(what));
 }
 

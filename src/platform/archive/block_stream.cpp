@@ -25,9 +25,7 @@ BlockStream::BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsign
     }
 }
 
-BlockStream::~BlockStream() {
-    close();
-}
+BlockStream::~BlockStream() { close(); }
 
 void BlockStream::close() {
     const std::lock_guard lock(mutex_);
@@ -35,9 +33,7 @@ void BlockStream::close() {
     changed_.notify_all();
 }
 
-MutableBytes BlockStream::room() {
-    return MutableBytes(filling_->plain).subspan(offset_);
-}
+MutableBytes BlockStream::room() { return MutableBytes(filling_->plain).subspan(offset_); }
 
 void BlockStream::commit(std::size_t length) {
     offset_ += length;

@@ -4,8 +4,8 @@
 // Memory: workers + 2 blocks in work, each with its sealed form beside it; half a block for each group that has one in
 // work; and about four blocks for the compressor of each worker.
 //
-// A sink that fails stops nothing: blocks go on through the queue and are dropped, so that no thread waits for ever; the
-// filling thread sees error() and gives up when it likes.
+// A sink that fails stops nothing: blocks go on through the queue and are dropped, so that no thread waits for ever;
+// the filling thread sees error() and gives up when it likes.
 #pragma once
 
 #include <condition_variable>
@@ -35,7 +35,8 @@ public:
     BlockStream(const BlockStream&) = delete;
     BlockStream& operator=(const BlockStream&) = delete;
 
-    // The block being filled, from the first free byte on. commit() what was put there; a full block goes off by itself.
+    // The block being filled, from the first free byte on. commit() what was put there; a full block goes off by
+    // itself.
     MutableBytes room();
     void commit(std::size_t length);
     void put(Bytes bytes);  // at most what there is room for

@@ -45,13 +45,9 @@ void Hasher::expect(int result) {
     if (result != 1) throw std::bad_alloc();
 }
 
-void Hasher::restart() {
-    expect(EVP_DigestInit_ex2(context_.get(), nullptr, nullptr));
-}
+void Hasher::restart() { expect(EVP_DigestInit_ex2(context_.get(), nullptr, nullptr)); }
 
-void Hasher::add(Bytes bytes) {
-    expect(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()));
-}
+void Hasher::add(Bytes bytes) { expect(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size())); }
 
 void Hasher::addZeros(std::uint64_t count) {
     static constexpr std::array<std::uint8_t, 65536> zeros{};
@@ -89,8 +85,7 @@ int DiskEntryReader::open(DiskEntry& entry) {
 }
 
 int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
-    const ssize_t length =
-        ::readlink(entry.listed.path.c_str(), reinterpret_cast<char*>(room.data()), room.size());
+    const ssize_t length = ::readlink(entry.listed.path.c_str(), reinterpret_cast<char*>(room.data()), room.size());
     if (length < 0) return -errno;
     entry.content = room.first(static_cast<std::size_t>(length));
     hasher_.restart();
@@ -105,7 +100,8 @@ int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
     // A file that says it is empty is asked for one byte: pseudo file systems say so of what is not.
     std::size_t length = 0;
     while (length < std::max<std::uint64_t>(size, 1)) {
-        const MutableBytes rest = room.subspan(length, static_cast<std::size_t>(std::max<std::uint64_t>(size, 1)) - length);
+        const MutableBytes rest =
+            room.subspan(length, static_cast<std::size_t>(std::max<std::uint64_t>(size, 1)) - length);
         const std::int64_t count = readAt(entry.file.get(), rest, length);
         if (count < 0) return static_cast<int>(count);
         if (count == 0) break;

@@ -39,8 +39,8 @@ struct DiskEntry {
 // Reads one entry after the other. One thread at a time.
 class DiskEntryReader {
 public:
-    // Fills all but `listed`. A content of at most `room.size()` bytes is read into `room`, unless it has holes or is of
-    // a file that says it is empty and is not. Throws std::bad_alloc.
+    // Fills all but `listed`. A content of at most `room.size()` bytes is read into `room`, unless it has holes or is
+    // of a file that says it is empty and is not. Throws std::bad_alloc.
     void read(DiskEntry& entry, MutableBytes room);
 
 private:

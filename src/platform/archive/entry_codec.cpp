@@ -98,8 +98,8 @@ std::optional<Record> RecordCursor::next() {
         const std::uint8_t type = header[0] & ~recordContinues & 0xff;
         const auto length = static_cast<std::size_t>(getLittleEndian<3>(header + 1));
         Record record{static_cast<RecordType>(type), (header[0] & recordContinues) != 0, {}};
-        const bool splits = record.type == RecordType::end || record.type == RecordType::index ||
-                            record.type == RecordType::root;
+        const bool splits =
+            record.type == RecordType::end || record.type == RecordType::index || record.type == RecordType::root;
         const std::size_t left = block_.size() - offset_ - recordHeaderSize;
         if (type > static_cast<std::uint8_t>(RecordType::trailer) || length > left ||
             (record.continues && (!splits || left - length >= recordHeaderSize)) ||

@@ -67,7 +67,7 @@ struct ExtendedAttribute {
 };
 
 struct AccessLists {
-    std::string access;      // long text form with numeric ids; empty for none
+    std::string access;  // long text form with numeric ids; empty for none
     std::string defaultList;
 };
 

@@ -63,9 +63,9 @@ void takeAccessLists(archive_entry* entry, EntryTail& tail) {
 
 int readStatus(int descriptor, const char* path, struct statx& status) {
     const bool open = descriptor >= 0;
-    const int result = ::statx(open ? descriptor : AT_FDCWD, open ? "" : path,
-                               open ? AT_EMPTY_PATH : AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
-                               STATX_BASIC_STATS | STATX_BTIME, &status);
+    const int result =
+        ::statx(open ? descriptor : AT_FDCWD, open ? "" : path,
+                open ? AT_EMPTY_PATH : AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &status);
     return result == 0 ? 0 : -errno;
 }
 

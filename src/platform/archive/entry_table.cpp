@@ -33,8 +33,7 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink)
         while (const auto record = cursor.next()) {
             const auto step = entry.take(*record);
             if (step == EntryReader::Step::more) continue;
-            return step == EntryReader::Step::whole && entry.head().number == place.number &&
-                   !entry.tail().contentOf;
+            return step == EntryReader::Step::whole && entry.head().number == place.number && !entry.tail().contentOf;
         }
         if (cursor.damaged()) return false;
     }
@@ -69,9 +68,8 @@ const EntryPlace* EntryTable::placeOf(std::uint64_t number) const {
 }
 
 const EntryTable::Known* EntryTable::find(std::uint64_t number) const {
-    const auto found =
-        std::lower_bound(files_.begin(), files_.end(), number,
-                         [](const Known& known, std::uint64_t key) { return known.place.number < key; });
+    const auto found = std::lower_bound(files_.begin(), files_.end(), number,
+                                        [](const Known& known, std::uint64_t key) { return known.place.number < key; });
     return found != files_.end() && found->place.number == number ? &*found : nullptr;
 }
 

@@ -57,8 +57,8 @@ private:
 
 OSSL_PARAM octets(const char* name, Bytes bytes) {
     static std::uint8_t nothing = 0;  // OpenSSL refuses an empty string that stands nowhere
-    return OSSL_PARAM_construct_octet_string(
-        name, bytes.empty() ? &nothing : const_cast<std::uint8_t*>(bytes.data()), bytes.size());
+    return OSSL_PARAM_construct_octet_string(name, bytes.empty() ? &nothing : const_cast<std::uint8_t*>(bytes.data()),
+                                             bytes.size());
 }
 
 bool hkdf(int mode, Bytes salt, Bytes key, Bytes info, MutableBytes out) {
@@ -66,12 +66,11 @@ bool hkdf(int mode, Bytes salt, Bytes key, Bytes info, MutableBytes out) {
     const KdfContext context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
     if (!context) return false;
     char digest[] = "SHA256";
-    const OSSL_PARAM params[] = {OSSL_PARAM_construct_int(OSSL_KDF_PARAM_MODE, &mode),
-                                 OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
-                                 octets(OSSL_KDF_PARAM_KEY, key),
-                                 mode == EVP_KDF_HKDF_MODE_EXTRACT_ONLY ? octets(OSSL_KDF_PARAM_SALT, salt)
-                                                                        : octets(OSSL_KDF_PARAM_INFO, info),
-                                 OSSL_PARAM_construct_end()};
+    const OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_int(OSSL_KDF_PARAM_MODE, &mode),
+        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0), octets(OSSL_KDF_PARAM_KEY, key),
+        mode == EVP_KDF_HKDF_MODE_EXTRACT_ONLY ? octets(OSSL_KDF_PARAM_SALT, salt) : octets(OSSL_KDF_PARAM_INFO, info),
+        OSSL_PARAM_construct_end()};
     return EVP_KDF_derive(context.get(), out.data(), out.size(), params) == 1;
 }
 
@@ -230,7 +229,13 @@ std::optional<Point> publicPointOf(EVP_PKEY* key) {
 }
 
 Digest sshFingerprint(const Point& point) {
-    constexpr std::string_view front("\0\0\0\x13" "ecdsa-sha2-nistp256" "\0\0\0\x08" "nistp256" "\0\0\0\x41", 39);
+    constexpr std::string_view front(
+        "\0\0\0\x13"
+        "ecdsa-sha2-nistp256"
+        "\0\0\0\x08"
+        "nistp256"
+        "\0\0\0\x41",
+        39);
     std::array<std::uint8_t, front.size() + Point{}.size()> blob{};
     std::copy(point.begin(), point.end(), std::copy(front.begin(), front.end(), blob.begin()));
     Digest digest{};
@@ -273,8 +278,8 @@ bool HpkeCipher::start(std::uint64_t sequence, Bytes additional) {
     for (std::size_t i = 0; i < 8; ++i) nonce[nonce.size() - 1 - i] ^= static_cast<std::uint8_t>(sequence >> (8 * i));
     int length = 0;
     return EVP_CipherInit_ex(cipher_.get(), nullptr, nullptr, nullptr, nonce.data(), -1) == 1 &&
-           EVP_CipherUpdate(cipher_.get(), nullptr, &length, additional.data(),
-                            static_cast<int>(additional.size())) == 1;
+           EVP_CipherUpdate(cipher_.get(), nullptr, &length, additional.data(), static_cast<int>(additional.size())) ==
+               1;
 }
 
 bool HpkeCipher::run(MutableBytes message) {
@@ -300,8 +305,7 @@ bool HpkeCipher::open(std::uint64_t sequence, Bytes additional, MutableBytes mes
     std::uint8_t unused = 0;
     int length = 0;
     return direction_ == Direction::open && start(sequence, additional) && run(message) &&
-           EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tagSize), expected.data()) ==
-               1 &&
+           EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tagSize), expected.data()) == 1 &&
            EVP_CipherFinal_ex(cipher_.get(), &unused, &length) == 1;
 }
 

@@ -68,7 +68,8 @@ public:
     bool seal(std::uint64_t sequence, Bytes additional, MutableBytes message, std::span<std::uint8_t, tagSize> tag);
 
     // Decrypts `message` in place. False when anything was changed; the bytes are then worthless.
-    bool open(std::uint64_t sequence, Bytes additional, MutableBytes message, std::span<const std::uint8_t, tagSize> tag);
+    bool open(std::uint64_t sequence, Bytes additional, MutableBytes message,
+              std::span<const std::uint8_t, tagSize> tag);
 
 private:
     bool start(std::uint64_t sequence, Bytes additional);

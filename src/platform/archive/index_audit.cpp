@@ -14,8 +14,7 @@ std::int64_t wholeSeconds(std::int64_t nanoseconds) {
 
 bool same(const IndexEntry& a, const IndexEntry& b) {
     return a.block == b.block && a.offset == b.offset && a.type == b.type && a.path == b.path && a.mode == b.mode &&
-           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size &&
-           a.modifiedSeconds == b.modifiedSeconds;
+           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size && a.modifiedSeconds == b.modifiedSeconds;
 }
 
 // Compared by value: another writer may share less of the paths.
@@ -69,8 +68,8 @@ const char* IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
 const char* IndexAudit::checkTrailer(Bytes payload) {
     const auto trailer = decodeTrailer(payload);
     const bool matches = trailer && trailer->rootSequence == rootBlock_ &&
-                         trailer->rootPosition == blocks_[rootBlock_].place.position &&
-                         trailer->entries == entries_ && trailer->blocks == blocks_.size();
+                         trailer->rootPosition == blocks_[rootBlock_].place.position && trailer->entries == entries_ &&
+                         trailer->blocks == blocks_.size();
     return matches ? nullptr : "the trailer does not match the archive";
 }
 

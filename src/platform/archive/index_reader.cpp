@@ -26,8 +26,7 @@ std::optional<Trailer> readTrailer(const ArchiveFile& file, const HpkeKeys& keys
         return std::nullopt;
     }
     const auto record = RecordCursor(block.plain).next();
-    const auto trailer =
-        record && record->type == RecordType::trailer ? decodeTrailer(record->payload) : std::nullopt;
+    const auto trailer = record && record->type == RecordType::trailer ? decodeTrailer(record->payload) : std::nullopt;
     if (!trailer || trailer->blocks - 1 != header->sequence || trailer->rootSequence >= header->sequence)
         return std::nullopt;
     return trailer;

@@ -14,8 +14,8 @@
 
 namespace tarnwick {
 
-// A list may hold a million paths. So they are held front-coded (each says how much of the path before it it shares), in
-// pieces that begin anew, and that are never moved when the list grows.
+// A list may hold a million paths. So they are held front-coded (each says how much of the path before it it shares),
+// in pieces that begin anew, and that are never moved when the list grows.
 struct PathList {
     struct Entry {
         std::string path;  // absolute, without empty components, "." or ".."

@@ -63,8 +63,7 @@ ParsedKey parsePrivateKey(std::string_view pem, const PassphraseSource& passphra
 
 std::string privateKeyPem(EVP_PKEY* key) {
     const Bio bio(BIO_new(BIO_s_secmem()));
-    if (!bio || PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1)
-        return {};
+    if (!bio || PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) return {};
     char* bytes = nullptr;
     const long length = BIO_get_mem_data(bio.get(), &bytes);
     return length > 0 ? std::string(bytes, static_cast<std::size_t>(length)) : std::string();

@@ -32,9 +32,7 @@ ReadAhead::ReadAhead(const PathList& list) : batches_(depth), walk_(list) {
     }
 }
 
-ReadAhead::~ReadAhead() {
-    stop(false);
-}
+ReadAhead::~ReadAhead() { stop(false); }
 
 void ReadAhead::stop(bool failed) {
     const std::lock_guard lock(mutex_);

@@ -29,7 +29,8 @@ public:
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
-    // The next entry in the order of the list, the caller's until the next call; null at the end. Throws std::bad_alloc.
+    // The next entry in the order of the list, the caller's until the next call; null at the end. Throws
+    // std::bad_alloc.
     DiskEntry* next();
 
 private:

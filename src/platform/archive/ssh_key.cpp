@@ -11,7 +11,13 @@ namespace {
 constexpr std::string_view keyType = "ecdsa-sha2-nistp256";
 
 // The blob in front of the point: two texts and the point's length, each length of 32 bits, big-endian.
-constexpr std::string_view blobFront("\0\0\0\x13" "ecdsa-sha2-nistp256" "\0\0\0\x08" "nistp256" "\0\0\0\x41", 39);
+constexpr std::string_view blobFront(
+    "\0\0\0\x13"
+    "ecdsa-sha2-nistp256"
+    "\0\0\0\x08"
+    "nistp256"
+    "\0\0\0\x41",
+    39);
 constexpr std::size_t blobSize = blobFront.size() + std::tuple_size_v<Point>;
 constexpr std::size_t base64Size = (blobSize + 2) / 3 * 4;
 

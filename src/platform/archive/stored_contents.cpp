@@ -19,8 +19,7 @@ bool isWide(dev_t device) { return device > std::numeric_limits<std::uint32_t>::
 
 }  // namespace
 
-StoredContents::StoredContents(const PathList& list)
-    : again_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
+StoredContents::StoredContents(const PathList& list) : again_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
     std::vector<bool> once(again_.size());
     PathList::Walk walk(list);
     while (const PathList::Entry* entry = walk.next()) {

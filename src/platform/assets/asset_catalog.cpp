@@ -73,9 +73,8 @@ bool readNumber(const PropertyListDictionary& dictionary, std::string_view key, 
 }
 
 bool isSha256Text(std::string_view text) {
-    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
-               return isOneOf(c, "0123456789abcdef");
-           });
+    return text.size() == 64 &&
+           std::all_of(text.begin(), text.end(), [](char c) { return isOneOf(c, "0123456789abcdef"); });
 }
 
 AssetResult parseFile(const PropertyListValue& value, AssetFile& file) {

@@ -13,7 +13,7 @@
 
 namespace tarnwick {
 
-inline constexpr std::size_t largestCatalog = 1 << 20;   // bytes
+inline constexpr std::size_t largestCatalog = 1 << 20;  // bytes
 inline constexpr std::size_t largestSignature = 1 << 10;
 
 // Content version first, mastered version among equals.
@@ -24,10 +24,10 @@ struct AssetVersion {
 };
 
 struct AssetFile {
-    std::string path;       // relative, below the asset's directory; see acceptableAssetPath
+    std::string path;        // relative, below the asset's directory; see acceptableAssetPath
     std::uint64_t size = 0;  // bytes
-    std::string sha256;     // 64 lower-case hexadecimal digits
-    std::string url;        // relative to the catalog's
+    std::string sha256;      // 64 lower-case hexadecimal digits
+    std::string url;         // relative to the catalog's
 };
 
 struct Asset {

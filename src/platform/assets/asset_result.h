@@ -14,12 +14,12 @@ enum class AssetResult : std::int64_t {
     stopped = 3,                // the process ended first
     storeFailed = 4,            // the store cannot be read or written
 
-    unreachable = 10,          // no connection
-    certificateRefused = 11,   // the server could not prove who it is
-    answerRefused = 12,        // the server has no such file, or answers with another error
-    redirectRefused = 13,      // sent to another scheme, to an address that is not allowed, or once too often
-    tooSlow = 14,              // below the minimum rate, or not done in the total time
-    transferFailed = 15,       // broken off
+    unreachable = 10,         // no connection
+    certificateRefused = 11,  // the server could not prove who it is
+    answerRefused = 12,       // the server has no such file, or answers with another error
+    redirectRefused = 13,     // sent to another scheme, to an address that is not allowed, or once too often
+    tooSlow = 14,             // below the minimum rate, or not done in the total time
+    transferFailed = 15,      // broken off
 
     catalogTooLarge = 20,
     signatureMissing = 21,
@@ -32,7 +32,7 @@ enum class AssetResult : std::int64_t {
     fileSizeWrong = 30,
     fileDigestWrong = 31,
     pathThroughLink = 32,
-    versionTooLow = 33,     // a higher version is installed
+    versionTooLow = 33,      // a higher version is installed
     nothingToDownload = 34,  // the asset is not in the catalog
 };
 

@@ -95,8 +95,7 @@ AssetCatalog usableCatalog(const AssetServicePlaces& places) {
     AssetConfiguration configuration;
     AssetCatalog catalog;
     const auto stored = AssetStore(places.store).storedCatalog();
-    const bool usable = stored &&
-                        readAssetConfiguration(places.configuration, configuration) == AssetResult::success &&
+    const bool usable = stored && readAssetConfiguration(places.configuration, configuration) == AssetResult::success &&
                         readCatalog(*stored, configuration.catalogKey, catalog) == AssetResult::success &&
                         !hasExpired(catalog);
     return usable ? catalog : AssetCatalog();

@@ -33,7 +33,7 @@ struct AssetQueryAnswer {
 
 enum class AssetVersionKind { content, mastered };
 
-inline constexpr int assetQueryKindAll = 2;           // installed or known to the catalog
+inline constexpr int assetQueryKindAll = 2;             // installed or known to the catalog
 inline constexpr std::int64_t assetStateInstalled = 2;  // installed and complete
 
 // Whether there is anything to ask for: a configured service, or an installed asset of the type.

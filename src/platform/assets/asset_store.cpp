@@ -249,8 +249,8 @@ StagedAsset::~StagedAsset() {
 
 AssetResult StagedAsset::addFile(const AssetFile& file, const std::function<AssetResult(const ByteSink&)>& transfer) {
     const auto content = folder_ / "content";
-    auto out = openBeneath(FileDescriptor(::open(content.c_str(), folderFlags)), file.path,
-                           O_WRONLY | O_CREAT | O_EXCL);
+    auto out =
+        openBeneath(FileDescriptor(::open(content.c_str(), folderFlags)), file.path, O_WRONLY | O_CREAT | O_EXCL);
     if (!out) return openFailure(errno);
     Sha256 digest;
     std::uint64_t size = 0;

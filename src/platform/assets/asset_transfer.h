@@ -14,11 +14,11 @@
 namespace tarnwick {
 
 struct TransferLimits {
-    std::uint64_t bytes = 0;                                 // the transfer is broken off at the first byte more,
-    AssetResult whenLarger = AssetResult::transferFailed;    // with this result
+    std::uint64_t bytes = 0;                               // the transfer is broken off at the first byte more,
+    AssetResult whenLarger = AssetResult::transferFailed;  // with this result
     std::chrono::milliseconds totalTime{};
-    long minimumRate = 100;                                  // bytes a second, on average over
-    std::chrono::seconds rateWindow{15};                     // this long
+    long minimumRate = 100;               // bytes a second, on average over
+    std::chrono::seconds rateWindow{15};  // this long
 };
 
 // Takes the next bytes of the body; anything but success ends the transfer with that result.
