@@ -138,6 +138,7 @@ EntryReader::Step EntryReader::finish(Bytes payload) {
     if (!tail) return damaged("the end of the entry is malformed");
     tail_ = std::move(*tail);
     if (const char* fault = faultOfTail()) return damaged(fault);
+    if (head_.type == EntryType::file && !tail_.contentOf) tail_.sum = SparseSum{size_, holes_};
     return Step::whole;
 }
 

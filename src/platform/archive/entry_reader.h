@@ -88,7 +88,7 @@ public:
 
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
-    [[nodiscard]] const EntryTail& tail() const { return tail_; }
+    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // with the sum of a file, told or counted
     [[nodiscard]] std::uint64_t size() const;  // of the content, also when an earlier entry holds it
     [[nodiscard]] const std::string& what() const { return what_; }
 

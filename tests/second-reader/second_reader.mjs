@@ -1,0 +1,253 @@
+// A second reader of qvx archives, written from docs/qvx-format.md alone, so that the page and the programs cannot err
+// together. `node second_reader.mjs KEY.pem ARCHIVE` goes through the archive once from front to back, prints one line
+// of JSON an entry (bytes that need not be text in base64), and holds index, root and trailer to what it saw. Status 1:
+// the archive breaks a rule; the lines printed so far are of whole entries, but nothing vouches for what is missing.
+import { Aes256Gcm, CipherSuite, DhkemP256HkdfSha256, HkdfSha256 } from "@hpke/core";
+import { spawnSync } from "node:child_process";
+import { createHash, createPrivateKey } from "node:crypto";
+import { mkdtempSync, openSync, readFileSync, readSync, rmSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+
+const PLAIN_HEADER = "89515658" + "0d0a1a0a" + "0100" + "0300" + "01080000" + "00000000000000c0" + "00001000";
+const BLOCK = 1 << 20, TAG = 16, RECORD_HEADER = 4, DICTIONARY_SIZE = 524288;
+const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, GOES_ON = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
+const PAD = 0, ENTRY = 1, DATA = 2, HOLE = 3, END = 4, INDEX = 5, ROOT = 6, TRAILER = 7;
+const SPLIT_LIMIT = { [END]: 2 << 20, [INDEX]: 1 << 20, [ROOT]: Infinity };
+const BAD_PATH = /\0|^(?=.)\.{0,2}(\/|$)|\/\.{0,2}(\/|$)/s;
+const ZEROS = Buffer.alloc(BLOCK);
+
+const demand = (condition, what) => { if (!condition) throw new Error(what); };
+const same = (one, other) => String(one) === String(other);
+const repeat = (length, make) => Array.from({ length }, make);
+const isZero = (bytes) => bytes.every((byte) => byte === 0);
+const sha256 = (bytes) => createHash("sha256").update(bytes);
+const zigzag = (value) => (value >> 1n) ^ -(value & 1n);
+const wholeSeconds = (time = 0n) => (time - (((time % 1000000000n) + 1000000000n) % 1000000000n)) / 1000000000n;
+
+// The fields of a payload, one after the other.
+class Fields {
+  constructor(bytes) { Object.assign(this, { bytes, at: 0 }); }
+
+  byte() { return this.take(1)[0]; }
+  text() { return this.take(this.count()); }
+
+  take(count) {
+    demand(count <= this.bytes.length - this.at, "a payload is too short");
+    return this.bytes.subarray(this.at, (this.at += count));
+  }
+
+  varint() {
+    let value = 0n, shift = 0n, byte;
+    do {
+      byte = this.byte();
+      value |= BigInt(byte & 0x7f) << shift;
+      shift += 7n;
+    } while (byte & 0x80 && shift < 70n);
+    demand(byte < 0x80 && value < 1n << 64n && (byte !== 0 || shift === 7n), "a varint is not in its one form");
+    return value;
+  }
+
+  count() {
+    const value = this.varint();
+    demand(value <= Number.MAX_SAFE_INTEGER, "a number is larger than this reader can count");
+    return Number(value);
+  }
+}
+
+function readFully(file, count) {
+  const bytes = Buffer.alloc(count);
+  let got = 0;
+  for (let more; got < count && (more = readSync(file, bytes, got, count - got, null)) > 0;) got += more;
+  demand(got === count, "the archive is cut off");
+  return bytes;
+}
+
+function sshKeyBlob(jwk) {
+  const point = Buffer.concat([Buffer.of(4), Buffer.from(jwk.x, "base64url"), Buffer.from(jwk.y, "base64url")]);
+  const fields = [Buffer.from("ecdsa-sha2-nistp256"), Buffer.from("nistp256"), point];
+  return Buffer.concat(fields.flatMap((bytes) => [Buffer.of(0, 0, 0, bytes.length), bytes]));
+}
+
+async function openHeader(header, pem) {
+  const groupLength = header.readUInt32LE(28);
+  demand(header.toString("hex", 0, 28) === PLAIN_HEADER && groupLength > 0, "the header is not one of version 1");
+  const jwk = createPrivateKey(pem).export({ format: "jwk" });
+  demand(header.subarray(32, 64).equals(sha256(sshKeyBlob(jwk)).digest()), "the archive is sealed to another key");
+  const suite = new CipherSuite({ kem: new DhkemP256HkdfSha256(), kdf: new HkdfSha256(), aead: new Aes256Gcm() });
+  const recipientKey = await suite.kem.importKey("jwk", jwk, false), info = header.subarray(0, 64);
+  return { groupLength, context: await suite.createRecipientContext({ recipientKey, enc: header.subarray(64), info }) };
+}
+
+function decompress(frame, dictionary) {
+  demand(frame.length > 4 && frame.readUInt32LE() === 0xfd2fb528 && frame[4] >> 5, "no frame that says its size");
+  const result = spawnSync("zstd", ["-qdc", ...dictionary], { input: frame, maxBuffer: BLOCK });
+  demand(result.status === 0, `a frame does not open: ${result.error ?? result.stderr}`);
+  return result.stdout;
+}
+
+async function* readBlocks(file, { groupLength, context }, leader) {
+  for (let number = 0, flags = 0, position = 129, length; flags !== LAST; number++, position += 16 + length) {
+    const header = readFully(file, 16);
+    [length, flags] = [header.readUIntLE(4, 3), header[7]];
+    demand(header.readUInt32BE() === 0x51565842 && length > TAG && length <= BLOCK + TAG, "no block header");
+    demand(header.readBigUInt64LE(8) === BigInt(number), "wrong sequence number of a block");
+    const leads = number % groupLength === 0, known = [0, LAST, COMPRESSED, COMPRESSED | DICTIONARY];
+    demand(known.includes(flags) && !(leads && flags & DICTIONARY), "impossible flags of a block");
+    const stored = await context.open(readFully(file, length), header).then(Buffer.from, () => null);
+    demand(stored, `block ${number} does not open`);
+    const plain = flags & COMPRESSED ? decompress(stored, flags & DICTIONARY ? ["-D", leader] : []) : stored;
+    demand(flags === LAST ? plain.length < BLOCK : plain.length === BLOCK, "wrong size of a block");
+    // The command takes a dictionary as a file. The zero in front keeps it from passing for one of the trained kind.
+    if (leads) writeFileSync(leader, Buffer.concat([Buffer.of(0), plain.subarray(-DICTIONARY_SIZE)]));
+    yield { number, position, length, flags, plain };
+  }
+  demand(readSync(file, Buffer.alloc(1)) === 0, "something follows the last block");
+}
+
+// The logical records of a block; one that goes on is kept in `state.open` until the next block.
+function* readRecords(block, state) {
+  const { plain } = block;
+  let at = 0;
+  while (plain.length - at >= RECORD_HEADER) {
+    const type = plain[at] & ~GOES_ON, goesOn = plain[at] & GOES_ON;
+    const begin = at + RECORD_HEADER, end = begin + plain.readUIntLE(at + 1, 3);
+    demand(end <= plain.length, "a record crosses the end of its block");
+    demand(!state.open || (at === 0 && type === state.open.type), "a split record does not go on");
+    demand(!goesOn || (type in SPLIT_LIMIT && plain.length - end < RECORD_HEADER), "a record is split wrongly");
+    const record = (state.open ??= { type, block, offset: at, payload: Buffer.alloc(0) });
+    record.payload = Buffer.concat([record.payload, plain.subarray(begin, end)]);
+    demand(record.payload.length <= (SPLIT_LIMIT[type] ?? BLOCK), "a record is too long");
+    at = end;
+    if (goesOn) break;
+    state.open = null;
+    if (type !== PAD) yield record;
+    else demand(at === plain.length && isZero(record.payload), "padding is not zero or not up to the end");
+  }
+  demand(isZero(plain.subarray(at)), "the rest of a block is not zero");
+}
+
+class Archive {
+  constructor() { Object.assign(this, { blocks: [], entries: [], parts: [], indexed: 0, state: {} }); }
+
+  block({ plain, ...block }) {
+    this.blocks.push(block);
+    for (const { type, payload, offset, block: { number } } of readRecords({ plain, ...block }, this.state)) {
+      demand(type in this && [DATA, HOLE, END].includes(type) === Boolean(this.open), "a record out of place");
+      demand(!this.root || type === TRAILER, "more than the trailer follows the root");
+      const fields = new Fields(payload);
+      this[type](fields, number, offset);
+      demand(fields.at === payload.length, "a payload is too long");
+    }
+  }
+
+  [ENTRY](fields, ...place) {
+    const entry = { number: fields.count(), type: fields.byte(), path: fields.text() };
+    demand(entry.number === this.entries.length && [FILE, DIRECTORY, LINK].includes(entry.type), "no such entry");
+    demand(entry.path.length <= 4095 && !BAD_PATH.test(entry.path.toString("latin1")), "a path that must not be");
+    const present = fields.byte();
+    ["uid", "gid", "mode", "flags"].forEach((key, bit) => { if (present & (1 << bit)) entry[key] = fields.count(); });
+    if (present & 0x10) entry.mtime_ns = fields.take(8).readBigInt64LE();
+    if (present & 0x20) entry.ctime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
+    if (present & 0x40) entry.btime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
+    demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777, "an entry has an unknown field or mode");
+    this.open = { entry, place, size: 0n, holes: 0, stored: false, digest: sha256(""), target: [] };
+  }
+
+  add(bytes) {
+    this.open.digest.update(bytes);
+    this.open.size += BigInt(bytes.length);
+    this.open.stored = true;
+    if (this.open.entry.type === LINK) this.open.target.push(bytes);
+  }
+
+  [DATA](fields) {
+    demand(this.open.entry.type !== DIRECTORY, "a directory has content");
+    this.add(fields.take(fields.bytes.length));
+  }
+
+  [HOLE](fields) {
+    demand(this.open.entry.type === FILE, "a hole in what is no file");
+    let rest = fields.varint();
+    demand(rest > 0n, "a hole of nothing");
+    for (; rest >= BLOCK; rest -= BigInt(BLOCK)) this.add(ZEROS);
+    this.add(ZEROS.subarray(0, Number(rest)));
+    this.open.holes++;
+  }
+
+  [END](fields) {
+    const { entry, place, size, holes, stored, digest, target } = this.open;
+    const present = fields.byte(), has = (bit) => Boolean(present & (1 << bit));
+    const isFile = entry.type === FILE;
+    demand(!has(6) && (has(1) ? isFile : holes === 0), "an end has the wrong fields");
+    demand(!has(0) || entry.type !== DIRECTORY, "a digest of no content");
+    const digestSaid = has(0) && fields.take(32).toString("hex"), sum = has(1) && [fields.varint(), fields.count()];
+    if (has(2)) entry.content_of = fields.count();
+    if (has(3)) entry.link_of = fields.count();
+    if (has(4)) entry.xattrs = repeat(fields.count(), () => [fields.text(), fields.text()]);
+    if (has(5)) [entry.acl, entry.default_acl] = [fields.text().toString(), fields.text().toString()];
+    if (has(7)) entry.xattrs_left_out = true;
+    const holder = has(2) ? this.entries[entry.content_of] : { type: FILE, size, holes, sha256: digest.digest("hex") };
+    demand(!has(2) || (isFile && !stored), "content besides a reference to content");
+    demand(holder?.type === FILE && holder.content_of === undefined, "a reference to no content");
+    demand(!has(3) || (has(2) && entry.link_of < entry.number), "a wrong link reference");
+    if (isFile) Object.assign(entry, { size: holder.size, holes: holder.holes });
+    if (isFile || has(0)) entry.sha256 = holder.sha256;
+    demand(!has(0) || digestSaid === entry.sha256, "the content's digest differs");
+    demand(!has(1) || same(sum, [entry.size, entry.holes]), "the content's sum differs");
+    if (entry.type === LINK) Object.assign(entry, { size, target: Buffer.concat(target) });
+    this.entries.push(Object.assign(entry, { place }));
+    this.open = null;
+    print(entry);
+  }
+
+  [INDEX](fields, ...place) {
+    const first = fields.count(), entries = this.entries.slice(first, first + fields.count());
+    demand(first === this.indexed, "an index part covers the wrong entries");
+    let block = 0, path = Buffer.alloc(0), seconds = 0n;
+    for (const entry of entries) {
+      const said = [(block += fields.count()), fields.count(), fields.byte()];
+      path = Buffer.concat([path.subarray(0, fields.count()), fields.text()]);
+      said.push(fields.count(), fields.count(), fields.count(), fields.varint(), (seconds += zigzag(fields.varint())));
+      const { mode = 0, uid = 0, gid = 0, size = 0n } = entry;
+      const meant = [...entry.place, entry.type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
+      demand(same(said, meant) && path.equals(entry.path), `the index tells otherwise of entry ${entry.number}`);
+    }
+    this.parts.push([first, ...place]);
+    this.indexed += entries.length;
+  }
+
+  [ROOT](fields, number, offset) {
+    const entries = fields.count(), before = this.blocks.slice(0, number).map((each) => each.length);
+    const parts = repeat(fields.count(), () => [fields.count(), fields.count(), fields.count()]);
+    const lengths = repeat(fields.count(), () => fields.count());
+    demand(offset === 0 && this.indexed === entries && entries === this.entries.length, "entries are not indexed");
+    demand(same(parts, this.parts) && same(lengths, before), "the root tells otherwise");
+    demand(this.blocks.slice(number).every((each) => !(each.flags & DICTIONARY)), "the root needs a dictionary");
+    this.root = this.blocks[number];
+  }
+
+  [TRAILER](fields, number, offset) {
+    const said = repeat(4, () => fields.take(8).readBigUInt64LE());
+    this.whole = same(said, [this.root?.position, this.root?.number, this.entries.length, number + 1]);
+    demand(this.whole && this.blocks[number].flags === LAST && offset === 0, "the trailer tells otherwise");
+  }
+}
+
+function print({ place, ...entry }) {
+  const base64 = (value) => (Buffer.isBuffer(value) ? value.toString("base64") : value?.map(base64));
+  const told = { ...entry, path: base64(entry.path), target: base64(entry.target), xattrs: base64(entry.xattrs) };
+  console.log(JSON.stringify(told, (_, value) => (typeof value === "bigint" ? String(value) : value)));
+}
+
+const folder = mkdtempSync(`${tmpdir()}/second-reader-`);
+try {
+  const [key, path] = process.argv.slice(2), file = openSync(path), archive = new Archive();
+  const sealing = await openHeader(readFully(file, 129), readFileSync(key));
+  for await (const block of readBlocks(file, sealing, `${folder}/leader`)) archive.block(block);
+  demand(archive.whole && !archive.state.open, "the archive has no trailer");
+} catch (error) {
+  console.error(`second-reader: ${error.message}`);
+  process.exitCode = 1;
+} finally {
+  rmSync(folder, { recursive: true });
+}
