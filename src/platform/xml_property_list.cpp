@@ -8,6 +8,7 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
+#include <map>
 
 #include "base/handle.h"
 
@@ -374,11 +375,14 @@ private:
     }
 
     void put(const PropertyListDictionary& entries) {
+        // Keys may become equal by what is left out of them; the last one holds, as it does for a reader.
+        std::map<std::string, const PropertyListValue*> written;
+        for (const auto& [key, value] : entries) written.insert_or_assign(escaped(key), &value);
         line("<dict>");
         ++depth_;
-        for (const auto& [key, value] : entries) {
-            element("key", escaped(key));
-            write(value);
+        for (const auto& [key, value] : written) {
+            element("key", key);
+            write(*value);
         }
         --depth_;
         line("</dict>");
