@@ -1,21 +1,38 @@
-// Runs a harness over every file of the folders named on the command line. A folder without files is an error.
-#include <cstddef>
-#include <cstdint>
+// Runs a harness over every file of the folders named on the command line, as it is, cut at every length, and with
+// every byte changed in three ways. A folder without files is an error.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "require.h"
+
+namespace {
+
+// Each input in memory of just its size, so that the address sanitizer sees a step too far.
+void run(std::vector<std::uint8_t> input) { LLVMFuzzerTestOneInput(input.data(), input.size()); }
+
+void runWithDamage(const std::vector<std::uint8_t>& input) {
+    run(input);
+    for (auto end = input.begin(); end != input.end(); ++end) run({input.begin(), end});
+    for (std::size_t at = 0; at < input.size(); ++at) {
+        for (const unsigned change : {0x01U, 0x80U, 0xffU}) {
+            auto damaged = input;
+            damaged[at] = static_cast<std::uint8_t>(damaged[at] ^ change);
+            run(damaged);
+        }
+    }
+}
+
+}  // namespace
 
 int main(int count, char** arguments) {
     std::size_t replayed = 0;
     for (int i = 1; i < count; ++i) {
         for (const auto& entry : std::filesystem::directory_iterator(arguments[i])) {
             std::ifstream file(entry.path(), std::ios::binary);
-            const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-            LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+            runWithDamage({std::istreambuf_iterator<char>(file), {}});
             ++replayed;
         }
     }

@@ -32,8 +32,11 @@ std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_
     std::array<std::uint8_t, blockHeaderSize> bytes{};
     if (!file.read(position, bytes, what)) return std::nullopt;
     const auto header = decodeBlockHeader(bytes);
-    if (!header) what = "the block header is damaged";
-    return header;
+    // A leader that needed a dictionary would be waiting for itself.
+    const bool leads = header && header->sequence % file.header().groupLength == 0;
+    if (header && !(leads && (header->flags & blockWithDictionary))) return header;
+    what = "the block header is damaged";
+    return std::nullopt;
 }
 
 void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
