@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
+
+#include "shell_output.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 using tarnwick::regexTypeOption;
+using tarnwick::test::outputOf;
 
 namespace {
 
@@ -39,40 +40,23 @@ const std::vector<std::string> names{
     "-",   "_",  "w",   "n",   ":",   ":a",   "[:alpha:]", "0",     "Z",   "\xff", "\xc3\xa9", "\xc3\xa9\xc3\xa9",
     "a b", " ",  "a'b", "a.b", ".",   ",2"};
 
-class FindDialect : public testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "dialect.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-        std::ofstream list(folder_ / "list", std::ios::binary);
-        fs::create_directory(folder_ / "files");
-        for (const auto& name : names) {
-            // A path that `find` is given comes out as it went in, so that an expression sees the bare name.
-            if (name == "." || name == "-") continue;
-            std::ofstream(folder_ / "files" / name);
-            list << name << '\0';
-        }
+TEST(FindDialect, NoOptionIsGivenWhereTheTwoDialectsDiffer) {
+    const tarnwick::TemporaryFolder folder;
+    std::ofstream list(folder.path / "list", std::ios::binary);
+    fs::create_directory(folder.path / "files");
+    for (const auto& name : names) {
+        // A path that `find` is given comes out as it went in, so that an expression sees the bare name.
+        if (name == "." || name == "-") continue;
+        std::ofstream(folder.path / "files" / name);
+        list << name << '\0';
     }
-    void TearDown() override { fs::remove_all(folder_); }
-
-    // The exit status and the matches.
-    std::string find(const std::string& regexType, const std::string& expression, const std::string& locale) const {
-        std::string quoted = expression;
-        for (auto at = quoted.find('\''); at != std::string::npos; at = quoted.find('\'', at + 4))
-            quoted.replace(at, 1, "'\\''");
-        const auto command = "cd '" + (folder_ / "files").string() + "' && LC_ALL=" + locale +
-                             " find -files0-from ../list " + regexType + "-regex '" + quoted + "' 2>/dev/null";
-        FILE* pipe = popen(command.c_str(), "r");
-        std::string output;
-        for (int byte = fgetc(pipe); byte != EOF; byte = fgetc(pipe)) output.push_back(static_cast<char>(byte));
-        return std::to_string(pclose(pipe)) + "\n" + output;
-    }
-
-    fs::path folder_;
-};
-
-TEST_F(FindDialect, NoOptionIsGivenWhereTheTwoDialectsDiffer) {
+    list.close();
+    const auto find = [&](const std::string& regexType, std::string expression, const std::string& locale) {
+        for (auto at = expression.find('\''); at != std::string::npos; at = expression.find('\'', at + 4))
+            expression.replace(at, 1, "'\\''");
+        return outputOf("cd '" + (folder.path / "files").string() + "' && LC_ALL=" + locale +
+                        " find -files0-from ../list " + regexType + "-regex '" + expression + "' 2>/dev/null");
+    };
     std::size_t differing = 0, plain = 0;
     for (const auto& expression : expressions) {
         const bool optionGiven = !regexTypeOption(expression).empty();
@@ -88,13 +72,10 @@ TEST_F(FindDialect, NoOptionIsGivenWhereTheTwoDialectsDiffer) {
     EXPECT_GT(plain, 60U);
 }
 
-TEST(RegexTypeOption, IsGivenForWhatOnlyOneDialectRepeatsOrGroups) {
+TEST(RegexTypeOption, IsGivenOnlyForWhatOneDialectRepeatsOrGroups) {
     for (const char* each :
          {"a+", "a?", "a\\+", "a\\?", "a\\{2\\}", "a\\|b", "a**", "[[:alpha:]]", "[z-a]", "x[ab]+", "a\\"})
         EXPECT_EQ(regexTypeOption(each), option) << each;
-}
-
-TEST(RegexTypeOption, LeavesTheCommandLineAloneOtherwise) {
     for (const char* each :
          {".*\\/system.log", ".*\\/hostdump_.*", ".*", ".*\\/panic-.*", ".*\\/*.crash.*", ".*\\/wifi.*",
           ".*\\/panic.*.panic", "[0-9]*", "[+?]", "[]+]", "[^]?]x", "\\(a\\)\\1", "a|b{2}"})

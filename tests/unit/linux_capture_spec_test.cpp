@@ -2,33 +2,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "config/capture_spec.h"
 #include "platform/find_dialect.h"
+#include "shell_output.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 using namespace tarnwick;
+using tarnwick::test::outputOf;
 
 namespace {
-
-std::vector<std::string> linesOf(const std::string& command) {
-    FILE* pipe = popen(command.c_str(), "r");
-    std::vector<std::string> lines(1);
-    for (int byte = fgetc(pipe); byte != EOF; byte = fgetc(pipe)) {
-        if (byte == '\n') {
-            lines.emplace_back();
-        } else {
-            lines.back().push_back(static_cast<char>(byte));
-        }
-    }
-    lines.pop_back();
-    EXPECT_EQ(pclose(pipe), 0) << command;
-    return lines;
-}
 
 TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
     const std::vector<std::string> wanted{"/run/log/journal/0123/system.journal",
@@ -52,8 +38,8 @@ TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
                                           "/var/log/unattended-upgrades/unattended-upgrades.log"};
     const std::vector<std::string> unwanted{"/var/log/auth.log", "/var/log/wtmp", "/var/log/nginx/access.log",
                                             "/var/lib/systemd/random-seed", "/var/log/app/syslog.d/secret"};
-    std::string root = testing::TempDir() + "linux.XXXXXX";
-    ASSERT_NE(mkdtemp(root.data()), nullptr);
+    const TemporaryFolder folder;
+    const auto root = folder.path.string();
     for (const auto& list : {wanted, unwanted}) {
         for (const auto& path : list) {
             fs::create_directories(fs::path(root + path).parent_path());
@@ -62,18 +48,16 @@ TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
     }
 
     std::vector<std::string> found;
-    const auto directives = loadCaptureSpec(LINUX_CAPTURE_SPEC);
-    EXPECT_FALSE(directives.empty());
-    for (const auto& directive : directives) {
+    for (const auto& directive : loadCaptureSpec(LINUX_CAPTURE_SPEC)) {
         EXPECT_TRUE(directive.BasePath.starts_with('/') && !directive.DocString.empty()) << directive.DocString;
-        const auto lines = linesOf("find \"" + root + directive.BasePath + "\" -type f " +
-                                   regexTypeOption(directive.Expression) + "-regex '" + directive.Expression + "'");
-        EXPECT_FALSE(lines.empty()) << directive.DocString;
-        for (const auto& line : lines) found.push_back(line.substr(root.size()));
+        std::istringstream lines(outputOf("find \"" + root + directive.BasePath + "\" -type f " +
+                                          regexTypeOption(directive.Expression) + "-regex '" + directive.Expression +
+                                          "'"));
+        EXPECT_NE(lines.peek(), EOF) << directive.DocString;
+        for (std::string line; std::getline(lines, line);) found.push_back(line.substr(root.size()));
     }
     std::sort(found.begin(), found.end());
     EXPECT_EQ(found, wanted);
-    fs::remove_all(root);
 }
 
 }  // namespace
