@@ -10,6 +10,21 @@ if(TARNWICK_SANITIZE)
   target_link_options(tarnwick_settings INTERFACE -fsanitize=${TARNWICK_SANITIZE})
 endif()
 
+# An optimised build is what people run as root: hardened, and the same bytes in whatever folder it is made. The
+# sanitizers bring checks of their own, which some of these switch off.
+include(CheckPIESupported)
+check_pie_supported()
+if(CMAKE_BUILD_TYPE MATCHES "Rel" AND NOT TARNWICK_SANITIZE)
+  set(TARNWICK_HARDENED ON)
+  add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+  target_compile_options(tarnwick_settings INTERFACE -fstack-protector-strong -fstack-clash-protection
+                                                     -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|i.86")
+    target_compile_options(tarnwick_settings INTERFACE -fcf-protection=full)
+  endif()
+  target_link_options(tarnwick_settings INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack,-z,separate-code)
+endif()
+
 add_library(tarnwick_warnings INTERFACE)
 target_compile_options(tarnwick_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
                                                    -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual)
