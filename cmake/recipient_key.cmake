@@ -52,9 +52,9 @@ if(recipient STREQUAL "")
                   "half lies in the build folder. Such a build is not for use outside.")
   list(APPEND info_arguments -DPAIR=${PROJECT_BINARY_DIR}/dev-recipient -DQVX=$<TARGET_FILE:qvx>)
   if(NOT TARNWICK_ALLOW_DEVELOPMENT_KEY)
-    install(CODE "message(FATAL_ERROR \"This build seals archives to a development key. Set \
-TARNWICK_ARCHIVE_PUBLIC_KEY to the recipient's key, or TARNWICK_ALLOW_DEVELOPMENT_KEY to install it all the same.\")"
-            ALL_COMPONENTS)
+    set(TARNWICK_REFUSAL "This build seals archives to a development key. Set TARNWICK_ARCHIVE_PUBLIC_KEY to the \
+recipient's key, or TARNWICK_ALLOW_DEVELOPMENT_KEY to install or package it all the same.")
+    install(CODE "message(FATAL_ERROR \"${TARNWICK_REFUSAL}\")" ALL_COMPONENTS)
   endif()
 else()
   list(APPEND info_arguments "-DRECIPIENT=${recipient}")

@@ -33,6 +33,7 @@ int printVariables() {
 
 int run(int count, char** values) {
     CLI::App app("Show the variables of the firmware", "nvram");
+    app.set_version_flag("--version", "nvram " TARNWICK_VERSION, "print the version and end");
     bool print = false;
     app.add_flag("-p", print, "print all variables, one a line")->required();
     try {

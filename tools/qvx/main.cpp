@@ -262,6 +262,7 @@ void declareCommands(CLI::App& app, Options& options, Command& chosen) {
 
 int run(int argc, char** argv) {
     CLI::App app("Make, list, check and unpack sealed archives", "qvx");
+    app.set_version_flag("--version", "qvx " TARNWICK_VERSION, "print the version and end");
     app.require_subcommand(1);
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error) { return "qvx: " + escapedName(error.what()) + '\n'; });

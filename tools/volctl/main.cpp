@@ -75,6 +75,7 @@ std::vector<std::string> reversedArguments(int count, char** values) {
 
 int run(int count, char** values) {
     CLI::App app("Show the volumes of this machine and unlock them", "volctl");
+    app.set_version_flag("--version", "volctl " TARNWICK_VERSION, "print the version and end");
     app.require_subcommand(1);
     int status = 0;
     bool asPropertyList = false;
