@@ -3,12 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <thread>
 
 #include "config/config_file.h"
 #include "config/download_deadline.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -17,15 +17,13 @@ namespace {
 constexpr std::int64_t never = -99;
 
 struct FakeService {
-    bool concerns = true;
     std::int64_t catalogCode = 0, assetCode = 0, queryCode = 0;
-    std::vector<tarnwick::Asset> assets;
+    std::vector<tarnwick::Asset> assets{{.type = "t", .version = {1, 0}, .files = {}}};
     std::int64_t state = tarnwick::assetStateInstalled;
     std::optional<fs::path> place;
     std::vector<std::string> calls;
-    std::vector<std::chrono::seconds> deadlines;
     tarnwick::CompletionCallback late;  // of a request that is never answered in time
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
 };
 FakeService fake;
 
@@ -43,11 +41,11 @@ namespace tarnwick {
 
 // Far away, so that a lost wake-up would hang; at once where no answer will come.
 DownloadClock::time_point downloadDeadline(std::chrono::seconds fromNow) {
-    fake.deadlines.push_back(fromNow);
+    fake.calls.push_back(std::to_string(fromNow.count()) + " s");
     return DownloadClock::now() + (fake.late ? std::chrono::hours(0) : std::chrono::hours(1));
 }
 
-bool assetServiceConcerns(const std::string&) { return fake.concerns; }
+bool assetServiceConcerns(const std::string&) { return !fake.assets.empty(); }
 
 void requestCatalogRefresh(const std::string& type, const DownloadOptions& options, CompletionCallback done) {
     fake.calls.push_back("refresh " + type);
@@ -78,86 +76,62 @@ using namespace tarnwick;
 
 namespace {
 
-const std::string catalogLine = "attempting to download catalog, this may take a moment...\n";
-const std::string assetLines = "Start downloading asset...\nattempting to download asset, this may take a moment...\n";
-const std::string goingOn =
-    "WARNING: catalog update failed, will continue to look for assets using existing catalog...\n";
-
 class ConfigAsset : public testing::Test {
 protected:
     void SetUp() override {
-        std::string pattern = testing::TempDir() + "config.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        place_ = pattern;
         fake = FakeService();
-        fake.place = place_;
-        fake.assets = {{.type = "t", .version = {1, 0}, .files = {}}};
+        fake.place = folder_.path;
     }
-    void TearDown() override {
-        for (auto& thread : fake.threads) thread.join();
-        fs::remove_all(place_);
-    }
-
-    // What is logged, then the result in brackets.
-    static std::string fetch() {
+    // The warnings, then the result in brackets.
+    std::string fetch() const {
         testing::internal::CaptureStdout();
         const auto result = fetchConfigAsset();
-        return testing::internal::GetCapturedStdout() + '[' + result + ']';
+        std::istringstream lines(testing::internal::GetCapturedStdout());
+        std::string said;
+        for (std::string line; std::getline(lines, line);)
+            if (line.starts_with("WARNING: ")) said += line.substr(9) + '\n';
+        return said + '[' + (result == folder_.path ? "found" : result) + ']';
     }
 
-    [[nodiscard]] std::string found() const { return '[' + place_.native() + ']'; }
-
-    void file(const fs::path& name) const {
-        fs::create_directories((place_ / name).parent_path());
-        std::ofstream(place_ / name) << "x";
-    }
-
-    fs::path place_;
+    TemporaryFolder folder_;
 };
 
-TEST_F(ConfigAsset, UsesAnInstalledAssetWithoutADownload) {
-    EXPECT_EQ(fetch(), catalogLine + found());
-    EXPECT_EQ(fake.calls, (std::vector<std::string>{"refresh com.vexlor.Provisor.tarnwick.config", "query 2"}));
-    EXPECT_EQ(fake.deadlines, std::vector{std::chrono::seconds(30)});
-}
-
-TEST_F(ConfigAsset, DownloadsWhatIsNotInstalled) {
+TEST_F(ConfigAsset, IsDownloadedUnlessItIsInstalled) {
+    EXPECT_EQ(fetch(), "[found]");
+    std::vector<std::string> calls{"refresh com.vexlor.Provisor.tarnwick.config", "30 s", "query 2"};
+    EXPECT_EQ(fake.calls, calls);
+    fake.calls.clear();
     fake.state = 0;
-    EXPECT_EQ(fetch(), catalogLine + assetLines + found());
-    EXPECT_EQ(fake.deadlines.at(1), std::chrono::seconds(1800));
+    EXPECT_EQ(fetch(), "[found]");
+    calls.insert(calls.end(), {"download", "1800 s"});
+    EXPECT_EQ(fake.calls, calls);
     fake.assetCode = -7;
-    EXPECT_EQ(fetch(), catalogLine + assetLines + "WARNING: asset download failed: -7\n[]");
+    EXPECT_EQ(fetch(), "asset download failed: -7\n[]");
     fake.assetCode = never;
-    EXPECT_EQ(fetch(), catalogLine + assetLines + "WARNING: asset download failed: (no progress indicated)\n[]");
+    EXPECT_EQ(fetch(), "asset download failed: (no progress indicated)\n[]");
     fake.late(0);
-}
-
-TEST_F(ConfigAsset, GoesOnWithTheOldCatalog) {
-    fake.catalogCode = 7;
-    EXPECT_EQ(fetch(), catalogLine + "WARNING: catalog download failed: 7\n" + goingOn + found());
 }
 
 TEST_F(ConfigAsset, AnAnswerAfterTheDeadlineTouchesNothingThatHasGone) {
     fake.catalogCode = never;
-    EXPECT_EQ(fetch(), catalogLine + "WARNING: catalog download failed: (no progress indicated)\n" + goingOn + found());
-    std::thread([late = std::move(fake.late)] { late(0); }).join();
+    EXPECT_EQ(fetch(),
+              "catalog download failed: (no progress indicated)\n"
+              "catalog update failed, will continue to look for assets using existing catalog...\n[found]");
+    std::jthread([late = std::move(fake.late)] { late(0); });
 }
 
 TEST_F(ConfigAsset, IsEmptyWhereThereIsNothing) {
-    fake.concerns = false;
-    EXPECT_EQ(fetch(), "[]");
-    EXPECT_TRUE(fake.calls.empty());
-    fake.concerns = true;
-    fake.queryCode = 4;
-    EXPECT_EQ(fetch(), catalogLine + "WARNING: Unable to query local assets\n[]");
-    fake.queryCode = 0;
     fake.place.reset();
-    EXPECT_EQ(fetch(), catalogLine + "[]");
+    EXPECT_EQ(fetch(), "[]");
+    fake.queryCode = 4;
+    EXPECT_EQ(fetch(), "Unable to query local assets\n[]");
+    fake = FakeService();
     fake.assets.clear();
-    EXPECT_EQ(fetch(), catalogLine + "[]");
+    EXPECT_EQ(fetch() + resolveConfigFile(configurationFile), "[]");
+    EXPECT_TRUE(fake.calls.empty());
 }
 
-TEST_F(ConfigAsset, PicksTheGreatestContentVersionThenTheGreatestMasteredOne) {
+TEST_F(ConfigAsset, IsTheGreatestByContentVersionThenByMasteredOne) {
     const auto newest = [](std::vector<AssetVersion> versions) {
         std::vector<Asset> assets;
         for (const auto& version : versions) assets.push_back({.type = "t", .version = version, .files = {}});
@@ -168,19 +142,16 @@ TEST_F(ConfigAsset, PicksTheGreatestContentVersionThenTheGreatestMasteredOne) {
     EXPECT_FALSE(pickNewestAsset({}));
 }
 
-TEST_F(ConfigAsset, ResolvesTheFileOfThatExactNameAtAnyDepth) {
-    file("Tarnwick.config.plist");
-    fs::create_directory(place_ / "tarnwick.config.plist");
+TEST_F(ConfigAsset, HoldsTheFileOfThatExactNameAtAnyDepth) {
+    const auto file = folder_.path / "deep/er/tarnwick.config.plist";
+    fs::create_directory(folder_.path / "tarnwick.config.plist");
+    std::ofstream(folder_.path / "Tarnwick.config.plist") << "x";
     EXPECT_EQ(resolveConfigFile(configurationFile), "");
-    file("deep/er/tarnwick.config.plist");
-    EXPECT_EQ(resolveConfigFile(configurationFile), place_ / "deep/er/tarnwick.config.plist");
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << "x";
+    EXPECT_EQ(resolveConfigFile(configurationFile), file);
     EXPECT_EQ(listConfigAssetFiles().size(), 2U);
-
-    fake.calls.clear();
     EXPECT_EQ(resolveConfigFile(1), "");
-    EXPECT_TRUE(fake.calls.empty());
-    fake.place.reset();
-    EXPECT_EQ(resolveConfigFile(configurationFile), "");
 }
 
 }  // namespace
