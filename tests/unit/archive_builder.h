@@ -1,6 +1,7 @@
-// A writer of archives that does as it is told, also what no honest writer would do.
+// A writer of small archives that does as it is told, also what no honest writer would do.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <openssl/sha.h>
 #include <sys/mman.h>
 
@@ -14,6 +15,7 @@ namespace tarnwick::test {
 
 using namespace tarnwick::qvx;
 using ByteVector = std::vector<std::uint8_t>;
+using Seen = std::vector<std::string>;
 
 inline Bytes bytesOf(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
@@ -25,24 +27,28 @@ inline Digest sha256(std::string_view text) {
     return digest;
 }
 
-inline EntryTail tailOf(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum = std::nullopt) {
+inline EntryTail tailOf(const Digest& digest, const std::optional<SparseSum>& sum = std::nullopt) {
     EntryTail tail;
     tail.digest = digest;
     tail.sum = sum;
     return tail;
 }
 
+// The key that all archives are sealed to.
+inline EVP_PKEY* recipient() {
+    static const KeyHandle key = generatePrivateKey();
+    return key.get();
+}
+
 class ArchiveBuilder {
 public:
-    explicit ArchiveBuilder(EVP_PKEY* recipient, std::uint32_t groupLength = 2) : groupLength_(groupLength) {
+    explicit ArchiveBuilder(std::uint32_t groupLength = 2) : groupLength_(groupLength) {
         const KeyHandle ephemeral = generatePrivateKey();
-        const auto point = publicPointOf(recipient);
-        PlainHeader header{groupLength, sshFingerprint(*point), *publicPointOf(ephemeral.get())};
+        const PlainHeader header{groupLength, sshFingerprint(*publicPointOf(recipient())),
+                                 *publicPointOf(ephemeral.get())};
         const auto bound = encodePlainHeader(header);
-        const auto sender = hpkeSend(Aead::aes256Gcm, recipient, ephemeral.get(), Bytes(bound).first(boundHeaderSize));
-        keys_ = sender->keys;
+        keys_ = hpkeSend(Aead::aes256Gcm, recipient(), ephemeral.get(), Bytes(bound).first(boundHeaderSize))->keys;
         file_.assign(bound.begin(), bound.end());
-        block_.reserve(blockSize);
     }
 
     // What is put into index, root and trailer can be turned into a lie first.
@@ -50,21 +56,14 @@ public:
     std::function<void(ArchiveRoot&)> bendRoot = [](ArchiveRoot&) {};
     std::function<void(Trailer&)> bendTrailer = [](Trailer&) {};
 
-    // Puts a record where it fits whole, DATA also in pieces.
-    void record(RecordType type, Bytes payload) {
-        do {
-            if (left() < recordHeaderSize + (type == RecordType::data ? 1 : payload.size())) endBlock();
-            const std::size_t length = std::min(payload.size(), left() - recordHeaderSize);
-            rawRecord(type, false, payload.first(length));
-            payload = payload.subspan(length);
-        } while (!payload.empty());
-    }
-    void rawRecord(RecordType type, bool continues, Bytes payload) {
+    ArchiveBuilder& record(RecordType type, Bytes payload, bool continues = false) {
         std::array<std::uint8_t, recordHeaderSize> header{};
         encodeRecordHeader({type, continues, static_cast<std::uint32_t>(payload.size())}, header.data());
         block_.insert(block_.end(), header.begin(), header.end());
         block_.insert(block_.end(), payload.begin(), payload.end());
+        return *this;
     }
+    ArchiveBuilder& data(std::string_view content) { return record(RecordType::data, bytesOf(content)); }
 
     EntryHead head(std::string path, EntryType type = EntryType::file) const {
         EntryHead head;
@@ -75,69 +74,55 @@ public:
         head.modified = 1700000000123456789;
         return head;
     }
-    void begin(const EntryHead& head) {
+    ArchiveBuilder& begin(const EntryHead& head) {
         ByteVector payload;
         encodeEntryHead(head, payload);
-        if (left() < recordHeaderSize + payload.size()) endBlock();
-        index_ = {plain_.size(),
-                  block_.size(),
-                  head.type,
-                  head.path,
-                  head.mode.value_or(0),
-                  head.userId.value_or(0),
-                  head.groupId.value_or(0),
-                  0,
-                  1700000000};
-        record(RecordType::entry, payload);
+        index_ = {plain_.size(), block_.size(), head.type, head.path, *head.mode, 0, 0, 0, 1700000000};
         ++entries_;
+        return record(RecordType::entry, payload);
     }
-    void end(const EntryTail& tail, std::uint64_t size) {
+    ArchiveBuilder& end(const EntryTail& tail, std::uint64_t size) {
         ByteVector payload;
         encodeEntryTail(tail, payload);
-        record(RecordType::end, payload);
         index_.size = size;
         bendIndex(index_);
         part_.add(index_);
+        return record(RecordType::end, payload);
     }
-    // Pads the block that was begun.
-    void endBlock() {
-        if (block_.empty()) return;
-        if (left() >= recordHeaderSize) rawRecord(RecordType::pad, false, ByteVector(left() - recordHeaderSize));
-        block_.resize(blockSize);
-        plain_.push_back(std::move(block_));
-        block_.clear();
+    // Pads the block that was begun. All that is put into one block must fit.
+    ArchiveBuilder& endBlock() {
+        if (block_.empty()) return *this;
+        record(RecordType::pad, ByteVector(blockSize - block_.size() - recordHeaderSize));
+        plain_.push_back(std::exchange(block_, {}));
+        return *this;
     }
 
-    void file(const std::string& path, std::string_view content) {
-        begin(head(path));
-        if (!content.empty()) record(RecordType::data, bytesOf(content));
-        end(tailOf(sha256(content), SparseSum{content.size(), 0}), content.size());
+    ArchiveBuilder& entry(const EntryHead& head, std::string_view content, const EntryTail& tail) {
+        begin(head);
+        if (!content.empty()) data(content);
+        return end(tail, content.size());
     }
-    void link(const std::string& path, std::string_view target) {
-        begin(head(path, EntryType::link));
-        record(RecordType::data, bytesOf(target));
-        end(tailOf(sha256(target)), target.size());
+    ArchiveBuilder& file(const std::string& path, std::string_view content) {
+        return entry(head(path), content, tailOf(sha256(content), SparseSum{content.size(), 0}));
     }
-    void directory(const std::string& path) {
-        begin(head(path, EntryType::directory));
-        end({}, 0);
+    ArchiveBuilder& link(const std::string& path, std::string_view target) {
+        return entry(head(path, EntryType::link), target, tailOf(sha256(target)));
     }
-    void reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
-                   std::uint64_t size) {
-        begin(head(path));
+    ArchiveBuilder& directory(const std::string& path) { return entry(head(path, EntryType::directory), "", {}); }
+    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
+                              std::uint64_t size) {
         EntryTail tail;
         tail.contentOf = content;
         tail.linkOf = link;
-        end(tail, size);
+        return begin(head(path)).end(tail, size);
     }
 
-    void endIndexPart() {
+    ArchiveBuilder& endIndexPart() {
         ByteVector payload;
         const std::uint64_t first = entries_ - part_.count();
         part_.finish(payload);
-        if (left() < recordHeaderSize + payload.size()) endBlock();
         root_.parts.push_back({first, plain_.size(), block_.size()});
-        record(RecordType::index, payload);
+        return record(RecordType::index, payload);
     }
 
     // Completes the archive and gives the bytes of the file.
@@ -152,33 +137,29 @@ public:
         bendRoot(root_);
         ByteVector payload;
         encodeRoot(root_, payload);
-        record(RecordType::root, payload);
-        endBlock();
+        record(RecordType::root, payload).endBlock();
         seal(plain_.back(), false, false);
         bendTrailer(trailer);
-        rawRecord(RecordType::trailer, false, encodeTrailer(trailer));
+        record(RecordType::trailer, encodeTrailer(trailer));
         seal(block_, false, true);
         return file_;
     }
 
     // Where the blocks begin in the file, and where it ends.
-    [[nodiscard]] const std::vector<std::size_t>& positions() const { return positions_; }
+    std::vector<std::size_t> positions{plainHeaderSize};
 
 private:
-    [[nodiscard]] std::size_t left() const { return blockSize - block_.size(); }
-
     void seal(const ByteVector& plain, bool inGroup, bool last) {
         const std::uint64_t sequence = sealedLengths_.size();
-        if (positions_.empty()) positions_.push_back(file_.size());
-        ByteVector out(BlockEncoder::capacity);
         const Bytes part = dictionaryPart(plain);
         if (sequence % groupLength_ == 0) dictionary_ = {sequence, {part.begin(), part.end()}};
         const bool follows = inGroup && sequence % groupLength_ != 0;
-        BlockEncoder encoder(keys_);
-        const std::size_t length = encoder.encode(sequence, last, plain, follows ? &dictionary_ : nullptr, out.data());
-        file_.insert(file_.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length));
+        file_.resize(positions.back() + BlockEncoder::capacity);
+        const std::size_t length = BlockEncoder(keys_).encode(sequence, last, plain, follows ? &dictionary_ : nullptr,
+                                                              file_.data() + positions.back());
+        positions.push_back(positions.back() + length);
+        file_.resize(positions.back());
         sealedLengths_.push_back(static_cast<std::uint32_t>(length - blockHeaderSize));
-        positions_.push_back(file_.size());
     }
 
     std::uint32_t groupLength_;
@@ -188,26 +169,17 @@ private:
     std::vector<ByteVector> plain_;
     GroupDictionary dictionary_;
     std::vector<std::uint32_t> sealedLengths_;
-    std::vector<std::size_t> positions_;
     IndexPartEncoder part_;
     IndexEntry index_;
     ArchiveRoot root_;
     std::uint64_t entries_ = 0;
 };
 
-// The bytes as an open file.
-inline FileDescriptor fileOf(const ByteVector& bytes) {
-    FileDescriptor file(memfd_create("archive", MFD_CLOEXEC));
-    for (std::size_t at = 0; at < bytes.size();) {
-        const ssize_t wrote = pwrite(file.get(), bytes.data() + at, bytes.size() - at, static_cast<off_t>(at));
-        if (wrote <= 0) return {};
-        at += static_cast<std::size_t>(wrote);
-    }
-    return file;
-}
-
-inline std::unique_ptr<ArchiveReader> openArchive(const ByteVector& bytes, EVP_PKEY* key, ReadFault& fault) {
-    auto file = ArchiveFile::open(fileOf(bytes), fault);
+inline std::unique_ptr<ArchiveReader> openArchive(const ByteVector& bytes, ReadFault& fault,
+                                                  EVP_PKEY* key = recipient()) {
+    FileDescriptor memory(memfd_create("archive", MFD_CLOEXEC));
+    EXPECT_EQ(pwrite(memory.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    auto file = ArchiveFile::open(std::move(memory), fault);
     return file ? ArchiveReader::open(std::move(file), key, fault) : nullptr;
 }
 
@@ -234,7 +206,7 @@ public:
     }
     void abandon() override { seen.push_back(path_ + '!'); }
 
-    std::vector<std::string> seen;
+    Seen seen;
 
 private:
     std::string path_;
