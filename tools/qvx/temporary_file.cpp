@@ -70,27 +70,29 @@ bool mayRestore(const std::string& attribute) { return geteuid() == 0 || attribu
 // These come last in an archive, behind the content, when the disk writer has long wanted them; so they are set here.
 // The descriptor is one of O_PATH, whose entry in /proc leads to the file itself whatever has happened to its name.
 void restoreExtras(const std::string& path, const std::string& name, EntryType type, const EntryTail& tail) {
-    const bool hasLists =
-        tail.accessLists && !(tail.accessLists->access.empty() && tail.accessLists->defaultList.empty());
-    const bool hasAttributes = tail.attributes && !tail.attributes->empty();
-    if (!hasLists && !hasAttributes) return;
     const FileDescriptor file(open(name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const std::string place = "/proc/self/fd/" + std::to_string(file.get());
     if (!file) return warn(path, std::strerror(errno));
 
-    if (hasAttributes)
+    if (tail.attributes)
         for (const auto& [attribute, value] : *tail.attributes)
             if (mayRestore(attribute) && setxattr(place.c_str(), attribute.c_str(), value.data(), value.size(), 0) != 0)
                 warn(path, "extended attribute " + escapedName(attribute) + ": " + std::strerror(errno));
     const auto setList = [&](const std::string& text, acl_type_t kind) {
-        if (text.empty()) return;
         const Acl list(acl_from_text(text.c_str()));
         if (!list || acl_set_file(place.c_str(), kind, list.get()) != 0)
             warn(path, std::string("access control list: ") + std::strerror(errno));
     };
-    if (!hasLists || type == EntryType::link) return;
-    setList(tail.accessLists->access, ACL_TYPE_ACCESS);
-    if (type == EntryType::directory) setList(tail.accessLists->defaultList, ACL_TYPE_DEFAULT);
+    // A list that is not in the archive was inherited from the directory, and might let in whom the mode does not.
+    const auto restoreList = [&](const std::string& text, acl_type_t kind, const char* attribute) {
+        if (!text.empty()) return setList(text, kind);
+        if (removexattr(place.c_str(), attribute) != 0 && errno != ENODATA && errno != ENOTSUP)
+            warn(path, std::string("inherited access control list: ") + std::strerror(errno));
+    };
+    if (type == EntryType::link) return;
+    const auto lists = tail.accessLists.value_or(AccessLists{});
+    restoreList(lists.access, ACL_TYPE_ACCESS, "system.posix_acl_access");
+    if (type == EntryType::directory) restoreList(lists.defaultList, ACL_TYPE_DEFAULT, "system.posix_acl_default");
 }
 
 }  // namespace
