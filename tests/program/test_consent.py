@@ -1,128 +1,80 @@
-"""The stored choice of a volume's owner, and the question asked once."""
+"""The stored choice of each volume's owner, and the question asked once."""
 import os
+import pty
 
 import world
-from world import BANNER, QUESTION, Scenario, Story, write
+from world import CONSENT, NO, YES, CaptureScenario, write
 
-YES, NO = {"AutoSubmit": True}, {"AutoSubmit": False}
 DENIED, OPEN = "EXPLICITLY DENIED", "INDETERMINATE"
+SEED = {"SeedAutoSubmit": False, "AutoSubmit": True}
 
-
-class Decision(Scenario):
-    def check_run(self, content, verdict, granted, *arguments, answers="", noninteractive=False, **told):
-        self.world.specification()
-        volume = self.world.volume("one", content)
-        result = self.world.capture(*arguments, answers=answers)
-        story = Story(self.world)
-        story.until_volumes(volume, noninteractive=noninteractive)
-        story.processing(volume)
-        story.consent(volume, verdict, **told)
-        story.finished(volume) if granted else story.denied(volume)
-        story.ending()
-        self.check(result, story)
-
-    def asked(self, content, verdict, granted, answers, questions, **told):
-        self.check_run(content, verdict, granted, answers=answers, prompt=BANNER + QUESTION * questions,
-                       agreed=granted, **told)
-
-
-class Asked(Decision):
-    pass
-
-
-# Name, the file, its verdict, whose choice it is called, what the user types, how often the question comes, granted.
-CASES = [
-    ("yes", NO, DENIED, "", "yes\n", 1, True),
-    ("no", NO, DENIED, "", "no\n", 1, False),
-    ("yes_in_capitals", {}, OPEN, "", "YES\n", 1, True),
-    ("junk_then_yes", {}, OPEN, "", "y\nja\n\nyes please\nYes\n", 5, True),
-    ("blanks_are_not_trimmed", NO, DENIED, "", "yes \n yes\nno\n", 3, False),
-    ("carriage_return_is_not_trimmed", NO, DENIED, "", "yes\r\n", 2, False),
-    ("end_of_input", NO, DENIED, "", "", 1, False),
-    ("last_line_without_end", NO, DENIED, "", "Yes", 1, True),
-    ("junk_then_end", NO, DENIED, "", "maybe", 2, False),
-    ("zero_byte", NO, DENIED, "", "yes\0\nno\n", 2, False),
-    ("seed_goes_first", {"SeedAutoSubmit": False, "AutoSubmit": True}, DENIED, "seed ", "no\n", 1, False),
-    ("integer_is_no_boolean", {"AutoSubmit": 1}, OPEN, "", "no\n", 1, False),
+# The file, its verdict, what the user types, and what that comes to.
+ASKED = [
+    (NO, DENIED, "yes\n", dict(questions=1, granted=True)),
+    (NO, DENIED, "no\n", dict(questions=1)),
+    ({}, OPEN, "YES\n", dict(questions=1, granted=True)),
+    ({}, OPEN, "y\nja\n\nyes please\nYes\n", dict(questions=5, granted=True)),
+    (NO, DENIED, "yes \n yes\nno\n", dict(questions=3)),
+    (NO, DENIED, "yes\r\nyes\0\nno\n", dict(questions=3)),
+    (SEED, DENIED, "no\n", dict(questions=1, seed="seed ")),
+    ({"AutoSubmit": 1}, OPEN, "no\n", dict(questions=1)),
+    ({"SeedAutoSubmit": True, "AutoSubmit": False}, "GRANTED", "", dict(seed="seed ")),
+    ({"SeedAutoSubmit": "true", "AutoSubmit": True}, "GRANTED", "", {}),
 ]
 
 
-def asked_case(content, verdict, seed, answers, questions, granted):
-    return lambda self: self.asked(content, verdict, granted, answers, questions, seed=seed)
+class Consent(CaptureScenario):
+    def ask(self, cases):
+        """One volume a case, in the order of the walk."""
+        volumes = [self.world.volume(f"v{len(cases) - number}", case[0]) for number, case in enumerate(reversed(cases))]
+        volumes.reverse()
+        story = self.story(*volumes)
+        for volume, (_, verdict, _, outcome) in zip(volumes, cases):
+            story.volume(volume, verdict=verdict, **outcome)
+        self.captured(story, answers="".join(case[2] for case in cases))
 
+    def test_answers_and_the_end_of_input(self):
+        self.ask(ASKED + [(NO, DENIED, "maybe", dict(questions=2)), (NO, DENIED, "", dict(questions=1))])
 
-for name, *case in CASES:
-    setattr(Asked, f"test_{name}", asked_case(*case))
+    def test_last_line_without_an_end(self):
+        self.ask([(NO, DENIED, "Yes", dict(questions=1, granted=True))])
 
+    def test_question_is_out_on_a_terminal_before_the_answer_is_read(self):
+        self.world.volume("one", {})
+        master, slave = pty.openpty()
+        process = self.world.start_capture(stdin=slave, stdout=slave)
+        os.close(slave)
+        terminal = os.fdopen(master, "r+b", 0)
+        while terminal.readline() != world.QUESTION.replace("\n", "\r\n").encode():
+            self.assertIsNone(process.poll())
+        terminal.write(b"yes\n")
+        while b"Finished processing volume 'one'" not in terminal.readline():
+            self.assertIsNone(process.poll())
+        process.communicate()
+        terminal.close()
 
-class NotAsked(Decision):
-    def test_seed_grants(self):
-        self.check_run({"SeedAutoSubmit": True, "AutoSubmit": False}, "GRANTED", True, seed="seed ")
+    def test_unreadable_files_ask_nobody(self):
+        """A warning and no blank lines, whoever sits at the terminal."""
+        missing, fifo, no_folder, unparsable, array = (
+            self.world.volume(name, consent) for name, consent in
+            (("missing", None), ("fifo", YES), ("file", None), ("unparsable", "<plist><dict>"), ("array", [True])))
+        os.remove(f"{fifo.mount_point}/{CONSENT}")
+        os.mkfifo(f"{fifo.mount_point}/{CONSENT}")
+        write(no_folder.mount_point + "/Library")
+        story = self.story(array, unparsable, no_folder, fifo, missing)
+        for volume in (array, unparsable):
+            story.unread(volume, "unable to parse file")
+        for volume in (no_folder, fifo, missing):
+            story.unread(volume, "missing file")
+        self.captured(story, answers="yes\n")
 
-    def test_seed_of_another_type_is_absent(self):
-        self.check_run({"SeedAutoSubmit": "true", "AutoSubmit": True}, "GRANTED", True)
-
-    def test_noninteractive(self):
-        self.check_run({}, OPEN, False, "--noninteractive", "--noninteractive", "word", answers="yes\n",
-                       noninteractive=True)
-
-    def test_force_without_internal_policies_is_ignored(self):
-        self.world.specification()
+    def test_force_reads_no_file_but_is_for_internal_builds_only(self):
+        volume = self.world.volume("one")
+        story = self.story(volume)
+        story.volume(volume, verdict=None)
+        self.captured(story, "--force")
         os.remove("/etc/tarnwick/internal-policies.plist")
-        volume = self.world.volume("one", NO)
-        result = self.world.run("--force", "--noninteractive")
-        self.assertIn(f"explicit denial of consent on '{volume.name}', skipping...\n", result.console)
-        self.assertEqual(result.status, 0)
-
-    def test_force_reads_no_file(self):
-        self.world.specification()
-        volume = self.world.volume("one")
-        result = self.world.capture("--force")
-        story = Story(self.world)
-        story.until_volumes(volume)
-        story.processing(volume)
-        story.finished(volume)
-        story.ending()
-        self.check(result, story)
-
-
-class Unreadable(Scenario):
-    """A warning, no question and no blank lines, whoever sits at the terminal."""
-
-    def check_warning(self, volume, warning):
-        result = self.world.capture(answers="yes\n")
-        story = Story(self.world)
-        story.until_volumes(volume)
-        story.processing(volume)
-        story.trace(f"checking consent for {volume.mount_point}")
-        story.warning(f"consent check failed: {warning} - {volume.mount_point}/{world.CONSENT}")
-        story.warning(f"failed to check consent on '{volume.name}', skipping...")
-        story.ending()
-        self.check(result, story)
-
-    def setUp(self):
-        super().setUp()
-        self.world.specification()
-
-    def test_missing(self):
-        self.check_warning(self.world.volume("one"), "missing file")
-
-    def test_fifo_does_not_hold_the_run(self):
-        volume = self.world.volume("one", YES)
-        os.remove(f"{volume.mount_point}/{world.CONSENT}")
-        os.mkfifo(f"{volume.mount_point}/{world.CONSENT}")
-        self.check_warning(volume, "missing file")
-
-    def test_folder_that_is_a_file(self):
-        volume = self.world.volume("one")
-        write(volume.mount_point + "/Library")
-        self.check_warning(volume, "missing file")
-
-    def test_unparsable(self):
-        self.check_warning(self.world.volume("one", "<plist><dict>"), "unable to parse file")
-
-    def test_root_is_no_dictionary(self):
-        self.check_warning(self.world.volume("one", [True]), "unable to parse file")
+        self.assertIn("failed to check consent on 'one', skipping...\n", self.world.run("--force").console)
 
 
 if __name__ == "__main__":

@@ -1,191 +1,99 @@
 """Which volumes are searched, in which order, and what is said of those that cannot be."""
 import world
-from world import Answer, Scenario, Story, property_list
-
-YES = {"AutoSubmit": True}
+from world import NO, YES, Answer, CaptureScenario, property_list
 
 
-class Structure(Scenario):
-    """Answers of the disk utility that cannot be walked end the run, after what came before them in the walk."""
-
-    def check_fatal(self, groups, message):
-        self.world.specification()
-        self.world.list_groups(groups)
-        result = self.world.capture()
-        story = Story(self.world)
-        story.opening()
-        story.destination()
-        story.folder()
-        story.listing()
-        story.fatal(message)
-        self.check(result, story, 1)
-
+class Structure(CaptureScenario):
     def test_faults(self):
-        containers, groups, volumes, item = (
-            f"implausible output from volctl ({what})"
-            for what in ("no Containers", "no VolumeGroups array", "no Volumes array", "no volume dict"))
+        """Answers that cannot be walked end the run, after what came before them in the walk."""
+        containers, item, groups, volumes, volume = (
+            f"implausible output from volctl ({what})" for what in
+            ("no Containers", "no item dict", "no VolumeGroups array", "no Volumes array", "no volume dict"))
+        one = self.world.volume("one", YES)
+        good = {"VolumeGroups": [{"Volumes": [one.record()]}]}
         for value, message in (
                 ("no list", "unable to list container groups"),
                 ([], "unable to list container groups"),
-                ({}, containers),
                 ({"Containers": {}}, containers),
-                ({"Containers": ["text"]}, "implausible output from volctl (no item dict)"),
-                ({"Containers": [{"VolumeGroups": []}, {}]}, groups),
-                ({"Containers": [{}, {"VolumeGroups": []}]}, groups),
-                ({"Containers": [{"VolumeGroups": "text"}]}, groups),
-                ({"Containers": [{"VolumeGroups": [{}]}]}, volumes),
-                ({"Containers": [{"VolumeGroups": [7]}]}, volumes),
-                ({"Containers": [{"VolumeGroups": [{"Volumes": {}}]}]}, volumes),
-                ({"Containers": [{"VolumeGroups": [{"Volumes": [True]}]}]}, item)):
+                ({"Containers": ["text", good]}, item),
+                ({"Containers": [{}, good]}, groups),
+                ({"Containers": [{"VolumeGroups": "text"}, good]}, groups),
+                ({"Containers": [{"VolumeGroups": [{}]}, good]}, volumes),
+                ({"Containers": [{"VolumeGroups": [7, {"Volumes": [one.record()]}]}]}, volumes),
+                ({"Containers": [{"VolumeGroups": [{"Volumes": [True, one.record()]}]}]}, volume)):
             with self.subTest(str(value)):
-                self.check_fatal(value, message)
-
-    def test_fault_found_after_a_volume_was_asked_for(self):
-        self.world.specification()
-        volume = self.world.volume("one", YES)
-        self.world.list_groups({"Containers": [{}, {"VolumeGroups": [{"Volumes": [volume.record()]}]}]})
-        result = self.world.capture()
-        story = Story(self.world)
-        story.until_volumes(volume)
-        story.fatal("implausible output from volctl (no VolumeGroups array)")
-        self.check(result, story, 1)
+                self.world.list_groups(value)
+                story = self.story(*[one] * ("disk1" in str(value)))
+                self.fails(story, message)
+                world.clear("/tmp")
 
 
-class Plan(Scenario):
-    def setUp(self):
-        super().setUp()
-        self.world.specification()
-
-    def finish(self, story, *arguments, **more):
-        story.ending()
-        self.check(self.world.capture(*arguments, **more), story)
-
-    def test_walk_is_backwards_at_every_level(self):
+class Plan(CaptureScenario):
+    def test_is_made_backwards_at_every_level(self):
         a, b, c, d = (self.world.volume(name, YES) for name in "abcd")
         self.world.list_groups({"Containers": [
             {"VolumeGroups": [{"Volumes": [a.record(), b.record()]}, {"Volumes": [c.record()]}]},
             {"VolumeGroups": [{"Volumes": [d.record()]}, {"Volumes": []}]}]})
-        story = Story(self.world)
-        story.until_volumes(d, c, b, a)
+        story = self.story(d, c, b, a)
         for volume in (d, c, b, a):
-            story.granted(volume)
-        self.finish(story)
+            story.volume(volume)
+        self.captured(story)
 
-    def test_other_roles_are_skipped_silently(self):
+    def test_leaves_out_what_cannot_be_searched(self):
+        """Other roles and what cannot be asked for silently, the others with a word. Told in the order of the walk."""
         for number, role in enumerate(("data", "Data ", "Preboot", "", "D\u00e4ta")):
             self.world.volume(f"v{number}", YES, role=role)
-        records = [volume.record() for volume in self.world.volumes]
-        del records[0]["Role"]
-        self.world.list_groups({"Containers": [{"VolumeGroups": [{"Volumes": records}]}]})
-        story = Story(self.world)
-        story.until_volumes()
-        self.finish(story)
+        tmp, lost, stays, refused, opened, failing, unparsable = (
+            self.world.volume(name, NO, mounted=name not in ("stays", "refused", "opened")) for name in
+            ("tmp", "lost", "stays", "refused", "opened", "failing", "unparsable"))
+        tmp.device = "/tmp"  # where captures of internal builds go: that shortcut has no device identifier
+        self.world.list_volumes()
+        mounted = opened.info.replace("<string></string>", f"<string>{opened.mount_point}</string>")
+        for volume, *answers in ((unparsable, "no list"), (failing, Answer("", 1)), (opened, opened.info, mounted),
+                                 (lost, lost.info, Answer("", 1))):
+            self.world.answer(f"volctl info -plist {volume.device}", *answers)
+        for volume, answer in (opened, "asked\n"), (refused, Answer("asked\n", 1)), (stays, ""):
+            self.world.answer(f"volctl zkfs unlockVolume {volume.device}", answer)
 
-    def test_volume_that_cannot_be_queried_is_skipped_silently(self):
-        failing, unparsable = self.world.volume("failing", YES), self.world.volume("unparsable", YES)
-        self.world.answer("volctl info -plist disk1", Answer("", 1))
-        self.world.answer("volctl info -plist disk2", "no list")
-        story = Story(self.world)
-        story.until_volumes()
+        story = self.story()
         story.query(unparsable, "no list")
-        story.command('volctl info -plist "disk1"', "", 1)
-        self.assertEqual(failing.device, "disk1")
-        self.finish(story)
+        story.query(failing, "", 1)
+        story.unlock(opened, "asked\n")
+        opened.info = mounted
+        story.planned(opened, asked=1)
+        story.unlock(refused, "asked\n", 1)
+        story.query(refused)
+        story.not_planned()
+        story.unlock(stays)
+        story.query(stays)
+        story.not_planned()
+        story.query(lost)
+        story.query(lost, "", 1)
+        story.not_planned()
+        story.volume(opened, verdict="EXPLICITLY DENIED", questions=1)
+        self.captured(story)
 
-    def unlocking(self, story, volume, status):
-        story.until_volumes()
-        story.query(volume)
-        story.info("Volume 'locked' (disk1) is not mounted, will attempt to mount it.  You may be prompted for an "
-                   "administrator passphrase...")
-        story.command("volctl zkfs unlockVolume disk1", "asked\n", status)
-        if status:
-            story.warning("volctl returned an error when unlocking volume disk1")
-
-    def test_unlocked_volume_is_searched(self):
-        volume = self.world.volume("locked", YES, mounted=False)
-        mounted = property_list({"DeviceIdentifier": "disk1", "VolumeName": "locked",
-                                 "MountPoint": volume.mount_point})
-        self.world.answer("volctl info -plist disk1", volume.info, mounted)
-        self.world.answer("volctl zkfs unlockVolume disk1", "asked\n")
-        story = Story(self.world)
-        self.unlocking(story, volume, 0)
-        story.query(volume, mounted)
-        story.trace("adding volume 'disk1' (UUID-1) to capture plan")
-        story.granted(volume)
-        self.finish(story)
-
-    def test_volume_that_stays_locked(self):
-        volume = self.world.volume("locked", YES, mounted=False)
-        for status in (0, 1):
-            with self.subTest(status):
-                self.world.answer("volctl zkfs unlockVolume disk1", Answer("asked\n", status))
-                story = Story(self.world)
-                self.unlocking(story, volume, status)
-                story.query(volume)
-                story.warning("unable to unlock and mount volume, skipping...")
-                self.finish(story)
-
-    def test_unlocking_names_the_records_device_and_asks_for_the_listed_one(self):
-        volume = self.world.volume("one", YES)
-        record = {"DeviceIdentifier": "disk7s1", "VolumeName": "one", "MountPoint": ""}
-        self.world.answer("volctl info -plist disk1", property_list(record))
+    def test_odd_answers(self):
+        """The device that is named may differ from the one that was listed; a name outside ASCII counts as empty; of a
+        piece of 127 bytes counts what is before its first zero byte, and the pieces behind it are whole."""
+        volume = self.world.volume("one", YES, mounted=False)
+        other = {"DeviceIdentifier": "disk7s1", "VolumeName": "Donn\u00e9es", "MountPoint": ""}
+        mounted = property_list({**other, "MountPoint": volume.mount_point})
+        mounted = mounted.replace("<dict>", "\0" + 126 * "x" + "<dict>")  # which begins a line
+        self.world.answer("volctl info -plist disk1", property_list(other), mounted)
         self.world.answer("volctl zkfs unlockVolume disk7s1", "")
-        result = self.world.capture("--noninteractive")
-        self.assertIn("Volume 'one' (disk7s1) is not mounted, will attempt", result.console)
-        self.assertEqual(self.world.calls()[2:5], [f"volctl info -plist {volume.device}",
-                                                   "volctl zkfs unlockVolume disk7s1",
-                                                   f"volctl info -plist {volume.device}"])
-
-    def test_volume_lost_between_the_two_queries(self):
-        volume = self.world.volume("one", YES)
-        self.world.answer("volctl info -plist disk1", volume.info, Answer("", 1))
-        story = Story(self.world)
-        story.until_volumes()
-        story.query(volume)
-        story.command('volctl info -plist "disk1"', "", 1)
-        story.warning("unable to unlock and mount volume, skipping...")
-        self.finish(story)
-
-    def test_name_outside_ascii_counts_as_empty(self):
-        volume = self.world.volume("one", YES)
-        volume.name, volume.label = "", f"'' (disk1 -> {volume.mount_point})"
-        volume.info = property_list({"DeviceIdentifier": "disk1", "VolumeName": "Donn\u00e9es",
-                                     "MountPoint": volume.mount_point})
-        self.world.answer("volctl info -plist disk1", volume.info)
-        story = Story(self.world)
-        story.until_volumes(volume)
-        story.granted(volume)
-        self.finish(story)
-
-    def test_tmp_as_a_listed_volume_is_never_asked_for(self):
-        volume = self.world.volume("one", YES)
-        self.world.list_groups({"Containers": [{"VolumeGroups": [{"Volumes": [
-            {**volume.record(), "DeviceIdentifier": "/tmp"}]}]}]})
-        story = Story(self.world)  # the shortcut knows no device identifier, so the volume is skipped
-        story.until_volumes()
-        self.finish(story)
-
-    def test_answer_cut_at_a_zero_byte_within_a_piece(self):
-        """A piece of 127 bytes is kept up to its first zero byte; the pieces behind it are whole."""
-        volume = self.world.volume("one", YES)
-        start, end = volume.info[:40], volume.info[40:]
-        padded = "\0" + "x" * (126 - len(start.split("\n", 1)[1]))
-        self.world.answer("volctl info -plist disk1", start + padded + end)
-        story = Story(self.world)
-        story.until_volumes(volume)
-        story.granted(volume)
-        self.finish(story)
+        result = self.world.capture()
+        self.assertIn("Volume '' (disk7s1) is not mounted, will attempt", result.console)
+        self.assertIn("\nNow processing volume '' (disk7s1 -> /media/one)\n", result.console)
+        self.assertEqual(self.world.calls()[2:5], ["volctl info -plist disk1", "volctl zkfs unlockVolume disk7s1",
+                                                   "volctl info -plist disk1"])
 
     def test_destination_that_does_not_parse_has_an_empty_mount_point(self):
-        self.world.list_groups({"Containers": []})
         self.world.preboot = "no list"
-        self.world.answer("volctl info -plist Preboot", "no list")
-        story = Story(self.world)
-        story.until_volumes()
-        story.firmware()
+        self.world.answer(world.PREBOOT, "no list")
+        story = self.story()
         story.archived()
-        story.stored()
-        story.console = story.console.replace('"/media/preboot/tarnwick/', '"tarnwick/')
+        story.stored(store="tarnwick")
         self.check(self.world.capture(), story)
         self.assertEqual(len(self.world.stored("/media/cwd/tarnwick")), 1)
 

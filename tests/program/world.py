@@ -9,19 +9,26 @@ A World is a mount namespace of its own with fresh /tmp, /etc/tarnwick, /var/lib
 
 A Story is told event by event; the whole console and the whole log follow from it and are compared exactly.
 """
+import collections
+import contextlib
 import ctypes
 import os
+import plistlib
+import pty
 import re
 import shutil
 import signal
 import subprocess
 import sys
+import termios
+import time
 import unittest
-from xml.sax.saxutils import escape
 
 BIN = os.path.abspath(os.environ.get("TARNWICK_BIN", "build/release/bin"))
 STAMP = re.compile(r"\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d")
+LOG = "/tmp/tarnwick-STAMP.log"
 FOLDER = "/tmp/tarnwick.TEMP/tarnwick-STAMP"
+STORE = "/media/preboot/tarnwick"
 LIMIT = 1 << 30
 PATIENCE = 120  # seconds after which a run counts as hung
 MS_RDONLY, MS_REMOUNT, MS_BIND, MS_REC, MS_PRIVATE = 1, 32, 4096, 16384, 1 << 18
@@ -55,43 +62,61 @@ BANNER = f"""
 
 """
 QUESTION = "Do you agree? (yes/no)\n"
+PREBOOT = "volctl info -plist Preboot"
 PRUNING = "total captured data size exceeds limit, pruning old data..."
+CONSENT = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist"
+YES, NO = {"AutoSubmit": True}, {"AutoSubmit": False}
 NVRAM = "boot-args\t-v\n"
 
 libc = ctypes.CDLL(None, use_errno=True)
+# Held open, as a world covers these folders.
+OUTSIDE = [os.open(path, os.O_RDONLY | os.O_DIRECTORY) for path in ("/tmp", "/etc", "/var/lib")]
 
 
 def system_call(function, *arguments):
     if function(*arguments) != 0:
-        error = ctypes.get_errno()
-        raise OSError(error, os.strerror(error), str(arguments))
+        raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()), str(arguments))
 
 
 def mount(source, target, kind=None, flags=0, data=None):
     text = [value and value.encode() for value in (source, target, kind, data)]
-    system_call(libc.mount, text[0], text[1], text[2], ctypes.c_ulong(flags), text[3])
+    system_call(libc.mount, *text[:3], ctypes.c_ulong(flags), text[3])
 
 
-def unmount(target):
-    system_call(libc.umount2, target.encode(), MNT_DETACH)
+def call(*command, **options):
+    return subprocess.run(command, check=True, capture_output=True, **options).stdout.decode()
+
+
+def on_terminal(words, prompt, *lines, kill=None):
+    """Answers each prompt on a new terminal once that shows no more what is typed. What was shown in all, the exit
+    status, and whether it shows again what is typed."""
+    def echoes():
+        return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
+
+    child, terminal = pty.fork()
+    if child == 0:
+        os.execv(words[0], words)
+    shown = b""
+    with contextlib.suppress(OSError):  # the other end is closed
+        for number, line in enumerate(lines, 1):
+            while shown.count(prompt) < number:
+                shown += os.read(terminal, 1024)
+            deadline = time.monotonic() + PATIENCE
+            while echoes() and time.monotonic() < deadline:
+                pass
+            os.write(terminal, line)
+        if kill:
+            os.kill(child, kill)
+        while piece := os.read(terminal, 1024):
+            shown += piece
+    status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+    end = shown, status, echoes()
+    os.close(terminal)
+    return end
 
 
 def property_list(value):
-    """The XML form of a value; without a document type line, which no reader needs."""
-
-    def element(value):
-        if isinstance(value, bool):
-            return "<true/>" if value else "<false/>"
-        if isinstance(value, int):
-            return f"<integer>{value}</integer>"
-        if isinstance(value, str):
-            return f"<string>{escape(value)}</string>"
-        if isinstance(value, dict):
-            pairs = (f"<key>{escape(key)}</key>{element(item)}" for key, item in value.items())
-            return "<dict>" + "".join(pairs) + "</dict>"
-        return "<array>" + "".join(map(element, value)) + "</array>"
-
-    return f'<?xml version="1.0" encoding="UTF-8"?>\n<plist version="1.0">{element(value)}</plist>\n'
+    return plistlib.dumps(value).decode()
 
 
 def write(path, content="", mode=0o644):
@@ -102,33 +127,30 @@ def write(path, content="", mode=0o644):
     return path
 
 
-def read(path):
-    with open(path, encoding="utf-8") as file:
+def content(path):
+    with open(path, "rb") as file:
         return file.read()
 
 
-class Machine:
-    """What the scenarios must not change, seen through folders opened before the namespace was made."""
+def read(path):
+    return os.fsdecode(content(path))
 
-    def __init__(self):
-        self.folders = {path: os.open(path, os.O_RDONLY | os.O_DIRECTORY) for path in ("/tmp", "/etc", "/var/lib")}
-        self.before = self.look()
 
-    def look(self):
-        ours = re.compile(r"tarnwick(\.\w{6}|-[\d:-]*\.log)?")
-        return {path: {name for name in os.listdir(folder) if ours.fullmatch(name)}
-                for path, folder in self.folders.items()}
+def clear(folder):
+    call("find", folder, "-mindepth", "1", "-delete")
+
+
+def traces():
+    """What runs could leave on the machine itself."""
+    ours = re.compile(r"tarnwick(\.\w{6}|-[\d:-]*\.log)?")
+    return sorted(name for folder in OUTSIDE for name in os.listdir(folder) if ours.fullmatch(name))
 
 
 def enter_namespace():
-    if os.geteuid() != 0:
-        print("these tests need root for a mount namespace of their own")
-        sys.exit(77)
-    machine = Machine()
     system_call(libc.unshare, CLONE_NEWNS)
     mount("none", "/", flags=MS_REC | MS_PRIVATE)
     # Held open, as the build may lie below a folder that a world covers.
-    return machine, os.open(BIN, os.O_PATH | os.O_DIRECTORY)
+    return traces(), os.open(BIN, os.O_PATH | os.O_DIRECTORY)
 
 
 STAND_IN = """#!/bin/sh
@@ -146,27 +168,22 @@ cat "$table/$turn/out"
 exit $(cat "$table/$turn/status")
 """
 
-
-class Answer:
-    """What a stand-in answers once. `do` is shell text that it runs first; $folder is the run's capture folder."""
-
-    def __init__(self, out="", status=0, do=":"):
-        self.out, self.status, self.do = out, status, do
+# What a stand-in answers once. `do` is shell text that it runs first; $folder is the run's capture folder.
+Answer = collections.namedtuple("Answer", "out status do", defaults=("", 0, ":"))
+# One of a capture specification, with the option that its search needs.
+Directive = collections.namedtuple("Directive", "base expression description option", defaults=("",))
 
 
 class Volume:
-    def __init__(self, name, device, role, uuid, mounted):
-        self.name, self.device, self.role, self.uuid = name, device, role, uuid
+    def __init__(self, name, number, role="Data", mounted=True):
+        self.name, self.device, self.role, self.uuid = name, f"disk{number}", role, f"UUID-{number}"
         self.mount_point = f"/media/{name}"
-        self.label = f"'{name}' ({device} -> {self.mount_point})"
-        self.info = property_list({"DeviceIdentifier": device, "VolumeName": name, "ZKFSContainerReference": "disk9",
+        self.label = f"'{name}' ({self.device} -> {self.mount_point})"
+        self.info = property_list({"DeviceIdentifier": self.device, "VolumeName": name,
                                    "MountPoint": self.mount_point if mounted else ""})
 
     def record(self):
         return {"DeviceIdentifier": self.device, "DiskUUID": self.uuid, "Role": self.role}
-
-
-CONSENT = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist"
 
 
 class World:
@@ -174,40 +191,38 @@ class World:
 
     def __init__(self):
         World.entered = World.entered or enter_namespace()
-        self.mounts, self.volumes, self.groups = [], [], None
+        self.mounts, self.volumes, self.directives = [], [], []
         self.lay("/tmp", "mode=1777")
         self.lay("/media", "mode=755")
         for folder in ("bin", "answers", "preboot", "programs", "cwd"):
             os.mkdir(f"/media/{folder}")
-        self.mount(f"/proc/self/fd/{World.entered[1]}", "/media/programs", flags=MS_BIND)
+        mount(f"/proc/self/fd/{World.entered[1]}", "/media/programs", flags=MS_BIND)
         for path in ("/etc", "/usr/lib", "/var/lib"):
             self.hide_installed(path)
         for command in ("volctl", "nvram", "man"):
             self.stand_in(command)
-        self.preboot = property_list({"MountPoint": "/media/preboot", "VolumeName": "Preboot",
-                                      "DeviceIdentifier": "disk0s2", "ZKFSContainerReference": "disk0"})
-        self.answer("volctl info -plist Preboot", self.preboot)
+        self.preboot = property_list({"MountPoint": "/media/preboot", "VolumeName": "Preboot"})
+        self.answer(PREBOOT, self.preboot)
         self.answer("nvram -p", NVRAM)
+        self.list_volumes()
 
-    def mount(self, source, target, *rest, **more):
-        mount(source, target, *rest, **more)
+    def lay(self, target, options, kind="tmpfs"):
+        mount("world", target, kind, data=options)
         self.mounts.append(target)
-
-    def lay(self, target, options):
-        self.mount("world", target, "tmpfs", data=options)
 
     def hide_installed(self, path):
         """An own layer above `path`, in which `path`/tarnwick is empty, also where the product is installed."""
         layer = "/media/layers" + path
         os.makedirs(layer + "/upper")
         os.makedirs(layer + "/work")
-        self.mount("world", path, "overlay", data=f"lowerdir={path},upperdir={layer}/upper,workdir={layer}/work")
+        self.lay(path, f"lowerdir={path},upperdir={layer}/upper,workdir={layer}/work", "overlay")
         os.makedirs(path + "/tarnwick", exist_ok=True)
         self.lay(path + "/tarnwick", "mode=755")
 
     def close(self):
+        """Whatever else is mounted lies below these and goes with them."""
         for target in reversed(self.mounts):
-            unmount(target)
+            system_call(libc.umount2, target.encode(), MNT_DETACH)
 
     def stand_in(self, command):
         write(f"/media/bin/{command}", STAND_IN, 0o755)
@@ -229,20 +244,22 @@ class World:
     def allow_internal(self):
         write("/etc/tarnwick/internal-policies.plist", property_list({"com.vexlor.tarnwick": True}))
 
-    def volume(self, name, consent=None, files=(), role="Data", mounted=True):
+    def volume(self, name, consent=None, files=(), **more):
         """A source volume with its consent file, where `consent` is given, and the named files."""
-        number = len(self.volumes) + 1
-        volume = Volume(name, f"disk{number}", role, f"UUID-{number}", mounted)
+        volume = Volume(name, len(self.volumes) + 1, **more)
         os.mkdir(volume.mount_point)
         if consent is not None:
-            content = consent if isinstance(consent, (str, bytes)) else property_list(consent)
+            content = consent if isinstance(consent, str) else property_list(consent)
             write(f"{volume.mount_point}/{CONSENT}", content)
         for file in files:
             write(volume.mount_point + file, f"content of {file} on {name}\n")
         self.volumes.append(volume)
         self.answer(f"volctl info -plist {volume.device}", volume.info)
-        self.list_groups({"Containers": [{"VolumeGroups": [{"Volumes": [v.record() for v in self.volumes]}]}]})
+        self.list_volumes()
         return volume
+
+    def list_volumes(self):
+        self.list_groups({"Containers": [{"VolumeGroups": [{"Volumes": [each.record() for each in self.volumes]}]}]})
 
     def list_groups(self, value):
         self.groups = value if isinstance(value, str) else property_list(value)
@@ -250,29 +267,31 @@ class World:
 
     def key_pair(self):
         if not os.path.exists("/media/key.pem"):
-            subprocess.run(["/media/programs/qvx", "keygen", "-o", "/media/key"], check=True, capture_output=True)
+            self.qvx("keygen", "-o", "/media/key")
         return read("/media/key.pub").strip()
 
-    def specification(self, *directives, key=None, **more):
-        """A capture specification of (base path, expression) or (base path, expression, description) tuples."""
+    def specification(self, *directives, **more):
+        """A capture specification of (base path, expression) tuples; behind them may stand the option of the search."""
         self.allow_internal()
-        self.directives = [(each + (f"what lies in {each[0]}",))[:3] for each in directives]
+        self.directives = [Directive(base, expression, f"what lies in {base}", *option)
+                           for base, expression, *option in directives]
         entries = [dict(zip(("BasePath", "Expression", "DocString"), each)) for each in self.directives]
-        content = {"CaptureSpec": entries, "archive_public_key": self.key_pair() if key is None else key}
-        content.update(more)
+        content = {"CaptureSpec": entries, "archive_public_key": self.key_pair(), **more}
         return write("/media/spec.plist", property_list({k: v for k, v in content.items() if v is not None}))
 
-    def environment(self, more=()):
-        return {"PATH": "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin", "TZ": "UTC", "HOME": "/root", **dict(more)}
-
     def start(self, *arguments, program="tarnwick", argv0=None, environment=(), limits=None, **more):
+        everywhere = {"PATH": "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin", "TZ": "UTC", "HOME": "/root"}
+        options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more}
         return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
-                                env=self.environment(environment), cwd="/media/cwd", preexec_fn=limits,
-                                start_new_session=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **more)
+                                env={**everywhere, **dict(environment)}, cwd="/media/cwd", preexec_fn=limits,
+                                start_new_session=True, **options)
+
+    def start_capture(self, *arguments, **more):
+        return self.start("--capturespec", "/media/spec.plist", *arguments, **more)
 
     def run(self, *arguments, answers="", **more):
         """Runs to the end. `answers` is what standard input holds."""
-        process = self.start(*arguments, stdin=subprocess.PIPE, **more)
+        process = self.start(*arguments, **more)
         try:
             out, errors = process.communicate(answers.encode(), timeout=PATIENCE)
         except subprocess.TimeoutExpired:
@@ -290,7 +309,7 @@ class World:
             raise AssertionError(f"qvx {arguments}: status {done.returncode}: {done.stderr.decode()}")
         return done.stdout.decode()
 
-    def stored(self, folder="/media/preboot/tarnwick"):
+    def stored(self, folder=STORE):
         return sorted(os.listdir(folder)) if os.path.isdir(folder) else []
 
     def entries(self, archive, key="/media/key.pem"):
@@ -304,23 +323,19 @@ class World:
 
     def sparse(self, name, size):
         """A stored capture, or a file beside one, that takes no room."""
-        path = write(f"/media/preboot/tarnwick/{name}")
+        path = write(f"{STORE}/{name}")
         os.truncate(path, size)
         return path
 
     def dated_store(self, *captures):
         """A destination volume on a file system of its own, with captures as (name, size, year of the last change)."""
-        write("/media/disk")
-        os.truncate("/media/disk", 4 << 30)
         for name, size, _ in captures:
             self.sparse(name, size)
-        subprocess.run(["mkfs.ext4", "-q", "-d", "/media/preboot", "/media/disk"], check=True, capture_output=True)
+        call("mkfs.ext4", "-q", "-d", "/media/preboot", "/media/disk", "4G")
         changes = "".join(f"set_inode_field /tarnwick/{name} ctime {year}0101000000\n" for name, _, year in captures)
-        subprocess.run(["debugfs", "-w", "-f", "-", "/media/disk"], input=changes.encode(), check=True,
-                       capture_output=True)
-        shutil.rmtree("/media/preboot/tarnwick")
-        subprocess.run(["mount", "-o", "loop", "/media/disk", "/media/preboot"], check=True)
-        self.mounts.append("/media/preboot")
+        call("debugfs", "-w", "-f", "-", "/media/disk", input=changes.encode())
+        clear("/media/preboot")
+        call("mount", "-o", "loop", "/media/disk", "/media/preboot")
 
 
 def normal(text):
@@ -329,13 +344,13 @@ def normal(text):
 
 class Result:
     def __init__(self, status, out, errors):
-        self.status, self.raw, self.errors = status, out.decode(), errors.decode()
+        self.status, self.raw, self.errors = status, out.decode(errors="surrogateescape"), errors.decode()
         self.console = normal(self.raw)
         stamp = STAMP.search(self.raw)
         self.stamp = stamp and stamp.group()
         log = f"/tmp/tarnwick-{self.stamp}.log"
-        self.log = normal(read(log)) if os.path.isfile(log) and not os.path.islink(log) else None
-        self.archive = f"/media/preboot/tarnwick/tarnwick-{self.stamp}.qvx"
+        self.log = normal(read(log)) if os.path.isfile(log) and not os.path.islink(log) else ""
+        self.archive = f"{STORE}/tarnwick-{self.stamp}.qvx"
 
     def temporary(self):
         """The archive as it was written, before its copy into the store."""
@@ -347,26 +362,23 @@ class Story:
 
     def __init__(self, world, verbose=False):
         self.world, self.verbose = world, verbose
-        self.console, self.log, self.logging = "", "", False
-        self.files = []
+        self.console, self.log, self.logging, self.files = "", "", False, []
 
     # Single lines.
-    def say(self, text):
-        self.console += text
-
-    def line(self, prefix, text, shown):
+    def line(self, kind, text):
         if self.logging:
-            self.log += f"{prefix}{text}\n"
-        self.console += shown
+            self.log += f"{kind}: {text}\n"
+        if kind != "TRACE" or self.verbose:
+            self.console += f"{text}\n" if kind == "INFO" else f"{kind}: {text}\n"
 
     def info(self, text):
-        self.line("INFO: ", text, text + "\n")
+        self.line("INFO", text)
 
     def warning(self, text):
-        self.line("WARNING: ", text, f"WARNING: {text}\n")
+        self.line("WARNING", text)
 
     def trace(self, text):
-        self.line("TRACE: ", text, f"TRACE: {text}\n" if self.verbose else "")
+        self.line("TRACE", text)
 
     def command(self, line, out="", status=0):
         self.trace(f"Running command: '{line}'")
@@ -374,15 +386,17 @@ class Story:
         self.trace(f"stdout: {out}")
 
     def fatal(self, message):
-        self.say(f"{message}\nFATAL ERROR: {message}\n\n")
+        self.console += f"{message}\nFATAL ERROR: {message}\n\n"
 
     # The steps of a capture.
-    def opening(self, config="/media/spec.plist", noninteractive=False, log='"/tmp/tarnwick-STAMP.log"'):
+    def opening(self, config="/media/spec.plist", noninteractive=False, log_error=None):
         if noninteractive:
-            self.say("Non-Interactive mode: encrypted and/or unconsented volumes will be skipped\n")
-        self.say(f'using external config: "{config}"\n' if config else "using internal config\n")
-        self.say(f"{INTRODUCTION}Logging to {log}\n")
-        self.logging = log != '""'
+            self.console += "Non-Interactive mode: encrypted and/or unconsented volumes will be skipped\n"
+        self.console += (f'using external config: "{config}"\n' if config else "using internal config\n") + INTRODUCTION
+        if log_error:
+            self.console += f"WARNING: unable to open logfile at '\"{LOG}\"'' errno={log_error}\n"
+        self.console += f'Logging to "{"" if log_error else LOG}"\n'
+        self.logging = not log_error
 
     def destination(self):
         self.command('volctl info -plist "Preboot"', self.world.preboot)
@@ -393,72 +407,92 @@ class Story:
     def listing(self):
         self.command("volctl zkfs listGroups -plist", self.world.groups)
 
-    def query(self, volume, out=None):
-        self.command(f'volctl info -plist "{volume.device}"', volume.info if out is None else out)
-
-    def planned(self, *volumes):
-        self.listing()
-        for volume in volumes:
-            self.query(volume)
-            self.query(volume)
-            self.trace(f"adding volume '{volume.device}' ({volume.uuid}) to capture plan")
-
-    def until_volumes(self, *volumes, **opening):
+    def until_listing(self, **opening):
         self.opening(**opening)
         self.destination()
         self.folder()
-        self.planned(*volumes)
+        self.listing()
+
+    def query(self, volume, out=None, status=0):
+        self.command(f'volctl info -plist "{volume.device}"', volume.info if out is None else out, status)
+
+    def unlocking(self, volume):
+        self.query(volume)
+        self.info(f"Volume '{volume.name}' ({volume.device}) is not mounted, will attempt to mount it.  You may be "
+                  "prompted for an administrator passphrase...")
+        self.trace(f"Running command: 'volctl zkfs unlockVolume {volume.device}'")
+
+    def unlock(self, volume, out="", status=0):
+        self.unlocking(volume)
+        self.trace(f"result: {status << 8}")
+        self.trace(f"stdout: {out}")
+        if status:
+            self.warning(f"volctl returned an error when unlocking volume {volume.device}")
+
+    def not_planned(self):
+        self.warning("unable to unlock and mount volume, skipping...")
+
+    def planned(self, *volumes, asked=2):
+        for volume in volumes:
+            for _ in range(asked):
+                self.query(volume)
+            self.trace(f"adding volume '{volume.device}' ({volume.uuid}) to capture plan")
 
     def processing(self, volume):
         self.info(f"\nNow processing volume {volume.label}")
         self.trace("Checking user consent...")
 
-    def consent(self, volume, verdict="GRANTED", seed="", prompt="", agreed=None):
-        """`prompt` is all that the dialogue writes; `agreed` what came of it, None where nobody was asked."""
+    def unread(self, volume, warning):
+        """A consent file that cannot be read: nobody is asked."""
+        self.processing(volume)
+        self.trace(f"checking consent for {volume.mount_point}")
+        self.warning(f"consent check failed: {warning} - {volume.mount_point}/{CONSENT}")
+        self.warning(f"failed to check consent on '{volume.name}', skipping...")
+
+    def consent(self, volume, verdict, seed="", questions=0, granted=None):
+        """How often the question comes, and what comes of it, where that is not what the file says."""
+        granted = verdict == "GRANTED" if granted is None else granted
         self.trace(f"checking consent for {volume.mount_point}")
         self.trace(f"filesystem {seed}consent for {volume.mount_point} is {verdict}")
-        self.say(prompt)
-        if agreed is not None:
-            self.trace(f"ad-hoc consent for {volume.mount_point} is " + ("GRANTED" if agreed else "EXPLICITLY DENIED"))
+        if questions:
+            self.console += BANNER + QUESTION * questions
+            self.trace(f"ad-hoc consent for {volume.mount_point} is {'GRANTED' if granted else 'EXPLICITLY DENIED'}")
         self.info("\n")
+        if not granted:
+            self.info(f"explicit denial of consent on '{volume.name}', skipping...")
+        return granted
 
-    def denied(self, volume):
-        self.info(f"explicit denial of consent on '{volume.name}', skipping...")
+    def volume(self, volume, *found, verdict="GRANTED", **asked):
+        """`found` tells of the directives, the last one first; without a verdict, nobody cares for consent."""
+        self.processing(volume)
+        if verdict and not self.consent(volume, verdict, **asked):
+            return
+        self.files = []
+        for directive, paths in zip(reversed(self.world.directives), found):
+            self.search(volume, directive, paths)
+        self.info(f"Finished processing volume {volume.label}")
 
-    def search(self, base, directive, *found, out=None, status=0, dialect=""):
-        """One directive whose base directory exists, and what is found there; `out` where that is not what comes."""
-        self.heading(directive)
-        command = f"find \"{base}\" -type f {dialect}-regex '{directive[1]}'"
+    def search(self, volume, directive, found):
+        """`found`: the paths, None where there is no base folder, or what the stand-in for `find` answers."""
+        self.info(f"Capturing: {directive.description}")
+        self.trace("#" * 32)
+        for name, text in zip(("DocString", "BasePath", "Expression"),
+                              (directive.description, directive.base, directive.expression)):
+            self.trace(f"{name}: {text}")
+        if found is None:
+            self.trace("BasePath does not exist on the target volume, skipping...")
+            return
+        out, status, _ = found if isinstance(found, Answer) else Answer("".join(path + "\n" for path in found))
+        base = os.path.join(volume.mount_point, directive.base.removeprefix("/"))
+        command = f"find \"{base}\" -type f {directive.option}-regex '{directive.expression}'"
         self.trace(f"search command: {command}")
-        self.command(command, "".join(path + "\n" for path in found) if out is None else out, status)
+        self.command(command, out, status)
         if status:
             self.warning("search command returned an error, skipping this capture directive")
             return
-        for path in found:
+        for path in out.splitlines():
             self.trace(f"capturing: {path}")
-        self.files += found
-
-    def heading(self, directive):
-        base, expression, description = directive
-        self.info(f"Capturing: {description}")
-        for text in ("#" * 32, f"DocString: {description}", f"BasePath: {base}", f"Expression: {expression}"):
-            self.trace(text)
-
-    def absent(self, directive):
-        self.heading(directive)
-        self.trace("BasePath does not exist on the target volume, skipping...")
-
-    def finished(self, volume):
-        self.info(f"Finished processing volume {volume.label}")
-
-    def granted(self, volume, *searches):
-        """A volume whose file grants consent; `searches` tell its directives as (directive, found paths...)."""
-        self.processing(volume)
-        self.consent(volume)
-        self.files = []
-        for directive, *found in searches:
-            self.search(volume.mount_point + directive[0], directive, *found)
-        self.finished(volume)
+            self.files.append(path)
 
     def firmware(self, status=0):
         self.info("\nFinished with all volumes.")
@@ -473,26 +507,17 @@ class Story:
             self.info(path)
         self.logging = False
 
-    def archived(self):
+    def archived(self, status=0):
+        self.firmware(status)
         self.info(f'Captured data to "{FOLDER}/tarnwick-STAMP.qvx"')
 
-    def stored(self, *pruned):
+    def stored(self, *pruned, store=STORE):
         self.destination()
-        if pruned:
-            self.warning(PRUNING)
-        for path in pruned:
-            self.warning(f"pruning {path}")
+        for text in (PRUNING, *(f"pruning {path}" for path in pruned)) if pruned else ():
+            self.warning(text)
         self.destination()
-        self.info('final archive copied to "/media/preboot/tarnwick/tarnwick-STAMP.qvx"')
-        self.say(COMPLETION)
-
-    def ending(self, *pruned):
-        self.firmware()
-        self.archived()
-        self.stored(*pruned)
-
-    def archive_entries(self):
-        return self.files + [f"{FOLDER}/tarnwick-STAMP.log"]
+        self.info(f'final archive copied to "{store}/tarnwick-STAMP.qvx"')
+        self.console += COMPLETION
 
 
 class Scenario(unittest.TestCase):
@@ -500,22 +525,59 @@ class Scenario(unittest.TestCase):
 
     def setUp(self):
         self.world = World()
-        self.addCleanup(self.machine_is_untouched)
+        self.addCleanup(lambda: self.assertEqual(traces(), World.entered[0]))
         self.addCleanup(self.world.close)
-
-    def machine_is_untouched(self):
-        machine = World.entered[0]
-        self.assertEqual(machine.look(), machine.before)
 
     def check(self, result, story, status=0, errors=""):
         self.assertEqual(result.errors, errors)
         self.assertEqual(result.console, story.console)
-        self.assertEqual(result.log, story.log if story.log else None)
+        self.assertEqual(result.log, story.log)
         self.assertEqual(result.status, status)
 
     def check_archive(self, result, story):
-        self.assertEqual(self.world.entries(result.archive), story.archive_entries())
+        self.assertEqual(self.world.entries(result.archive), story.files + [f"{FOLDER}/tarnwick-STAMP.log"])
+
+
+class CaptureScenario(Scenario):
+    """With a capture specification, and a destination that holds nothing yet."""
+
+    def setUp(self):
+        super().setUp()
+        self.world.specification()
+
+    def story(self, *planned, verbose=False, **opening):
+        story = Story(self.world, verbose)
+        story.until_listing(**opening)
+        story.planned(*planned)
+        return story
+
+    def captured(self, story, *arguments, nvram=0, pruned=(), errors="", **more):
+        """The story ends well: with the archive in the store."""
+        story.archived(nvram)
+        story.stored(*pruned)
+        result = self.world.capture(*arguments, **more)
+        self.check(result, story, errors=errors)
+        self.check_archive(result, story)
+        return result
+
+    def fails(self, story, message, *arguments, **more):
+        """The story ends with the message, and with nothing in the store."""
+        story.fatal(message)
+        result = self.world.capture(*arguments, **more)
+        self.check(result, story, 1)
+        self.assertEqual(self.world.stored(), [])
+        return result
+
+    def library_error(self, story, message, **more):
+        """The message is the library's own, and comes once only."""
+        result = self.world.capture(**more)
+        head, end = result.console[:len(story.console)], result.console[len(story.console):]
+        self.assertEqual((head, result.status, result.errors), (story.console, 1, ""))
+        self.assertRegex(end, rf"\AFATAL ERROR: [^\n]*{message}[^\n]*\n\n\Z")
 
 
 def main():
+    if os.geteuid() != 0:
+        print("these tests need root for a mount namespace of their own")
+        sys.exit(77)
     unittest.main(verbosity=2)
