@@ -1,9 +1,8 @@
 // The catalog of the asset service: its parser, its path rule, and its signature.
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 
 #include "platform/assets/asset_catalog.h"
+#include "require.h"
 
 using namespace tarnwick;
 
@@ -15,10 +14,6 @@ const std::string publicKey =
     "MCowBQYDK2VwAyEASu6Ghp2Ta4w+ZZMnOZbDsSFwNXQsSsqlz3VDRQSoPck=\n"
     "-----END PUBLIC KEY-----\n";
 
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
 // Decided apart from the rule under test: by where the standard library says that the path leads.
 void requireInside(const std::string& path) {
     const auto joined = std::filesystem::path("/store") / path;
@@ -28,10 +23,8 @@ void requireInside(const std::string& path) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string input(reinterpret_cast<const char*>(data), size);
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string input(textOf(data, size));
     AssetCatalog catalog;
     if (size <= 80)  // a verification costs as much as a thousand parses
         require(readCatalog({"<plist/>", input}, publicKey, catalog) == AssetResult::signatureWrong);

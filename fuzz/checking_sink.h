@@ -18,27 +18,25 @@ public:
     }
     bool data(Bytes bytes) override {
         require(open_);
-        content_.insert(content_.end(), bytes.begin(), bytes.end());
+        content_.append(bytes.begin(), bytes.end());
         return content_.size() <= longest;
     }
     // Zeros are only counted and hashed, and nobody waits for exabytes of them here.
     bool hole(std::uint64_t length) override {
         require(open_);
         if (length > longest - std::min(longest, content_.size())) return false;
-        content_.resize(content_.size() + static_cast<std::size_t>(length));
+        content_.append(static_cast<std::size_t>(length), '\0');
         return true;
     }
     bool finish(const EntryTail& tail, const ContentReader& content) override {
-        require(open_);
-        if (tail.contentOf) {
-            require(content_.empty());
-            if (!content(*this)) content_.clear();
-        } else if (tail.digest) {
+        require(open_ && (!tail.contentOf || content_.empty()));
+        if (tail.contentOf && !content(*this)) content_.clear();
+        if (tail.digest && !tail.contentOf) {
             Digest digest{};
-            SHA256(content_.data(), content_.size(), digest.data());
+            SHA256(reinterpret_cast<const unsigned char*>(content_.data()), content_.size(), digest.data());
             require(digest == *tail.digest);
         }
-        if (tail.sum && !tail.contentOf) require(tail.sum->size == content_.size());
+        require(!tail.sum || tail.contentOf || tail.sum->size == content_.size());
         open_ = false;
         return true;
     }
@@ -47,11 +45,12 @@ public:
         open_ = false;
     }
     [[nodiscard]] bool open() const { return open_; }
+    [[nodiscard]] const std::string& content() const { return content_; }
 
 private:
     static constexpr std::size_t longest = 1U << 22;
 
-    std::vector<std::uint8_t> content_;
+    std::string content_;
     bool open_ = false;
 };
 

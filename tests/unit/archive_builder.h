@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/checking_sink.h"
 #include "platform/archive/archive_reader.h"
 
 namespace tarnwick::test {
@@ -184,33 +185,26 @@ inline std::unique_ptr<ArchiveReader> openArchive(const ByteVector& bytes, ReadF
 }
 
 // Keeps what it is given: "path=content" for each entry that came to a good end, "path!" for each that was abandoned.
-class Recorder : public EntrySink {
+class Recorder : public CheckingSink {
 public:
     bool begin(const EntryHead& head) override {
         path_ = head.path;
-        content_.clear();
-        return true;
-    }
-    bool data(Bytes bytes) override {
-        content_.append(bytes.begin(), bytes.end());
-        return true;
-    }
-    bool hole(std::uint64_t length) override {
-        content_.append(length, '\0');
-        return true;
+        return CheckingSink::begin(head);
     }
     bool finish(const EntryTail& tail, const ContentReader& content) override {
-        if (tail.contentOf && !content(*this)) content_ = "?";
-        seen.push_back(path_ + '=' + content_);
-        return true;
+        const bool goOn = CheckingSink::finish(tail, content);
+        seen.push_back(path_ + '=' + this->content());
+        return goOn;
     }
-    void abandon() override { seen.push_back(path_ + '!'); }
+    void abandon() override {
+        seen.push_back(path_ + '!');
+        CheckingSink::abandon();
+    }
 
     Seen seen;
 
 private:
     std::string path_;
-    std::string content_;
 };
 
 }  // namespace tarnwick::test

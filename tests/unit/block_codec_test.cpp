@@ -1,4 +1,4 @@
-// Blocks and headers that no honest writer makes; the honest ones go through the reader's and the library's tests.
+// Blocks that no honest writer makes; the honest ones go through the reader's and the library's tests.
 #include "platform/archive/block_codec.h"
 
 #include <gtest/gtest.h>
@@ -39,28 +39,6 @@ TEST(BlockCodec, RefusesWellSealedContentThatIsNoBlock) {
         EXPECT_EQ(BlockDecoder({}).decode(header, sealed, {}, plain), BlockFault::content) << stored.size();
         EXPECT_LE(plain.size(), blockSize);
     }
-}
-
-TEST(BlockCodec, RefusesHeadersThatAreNone) {
-    EXPECT_TRUE(decodeBlockHeader(encodeBlockHeader({100, blockCompressed, 7})));
-    for (const auto& bad : {BlockHeader{tagSize, 0, 0}, BlockHeader{blockSize + tagSize + 1, 0, 0},
-                            BlockHeader{100, blockWithDictionary, 0}, BlockHeader{100, blockLast | blockCompressed, 0},
-                            BlockHeader{100, 8, 0}})
-        EXPECT_FALSE(decodeBlockHeader(encodeBlockHeader(bad))) << bad.sealedLength << ' ' << int(bad.flags);
-
-    const auto fault = [](std::size_t offset, std::uint8_t value, std::size_t length = plainHeaderSize) {
-        auto bytes = encodePlainHeader({16, {}, {}});
-        bytes[offset] = value;
-        HeaderFault found{};
-        EXPECT_FALSE(decodePlainHeader(Bytes(bytes).first(length), found)) << offset;
-        return found;
-    };
-    EXPECT_EQ(fault(1, 'x'), HeaderFault::notAnArchive);
-    EXPECT_EQ(fault(0, fileMagic[0], 7), HeaderFault::notAnArchive);
-    EXPECT_EQ(fault(0, fileMagic[0], plainHeaderSize - 1), HeaderFault::cut);
-    for (const std::size_t offset : {8U, 10U, 12U, 16U, 24U})
-        EXPECT_EQ(fault(offset, 0xfe), HeaderFault::unsupported) << offset;
-    EXPECT_EQ(fault(28, 0), HeaderFault::unsupported) << "no group length";
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/find_dialect.h"
 #include "platform/internal_policies.h"
 
 namespace fs = std::filesystem;
@@ -17,18 +16,33 @@ using namespace tarnwick;
 
 namespace {
 
-// The directives themselves are told by the program test that walks them.
-TEST(OwnInfoDictionary, HoldsDirectivesARecipientKeyAndNothingUnderOtherNames) {
+TEST(OwnInfoDictionary, HoldsTheDefaultDirectivesInOrderAndARecipientKey) {
+    const std::string expected = R"(
+/private/var/log | .*\/system.log | system log (single file)
+/private/var/log | .*\/install.log | installer log (single file)
+/private/var/tmp | .*\/hostdump_.* | any hostdump (files starting with "hostdump_" in /var/tmp)
+/private/var/tmp/kernel_panics | .* | all files under /var/tmp/kernel_panics
+/Library/Logs/DiagnosticReports | .*\/panic-.* | all panic logs (files that start with "panic-")
+/Library/Logs/DiagnosticReports | .*\/*.crash.* | all crash logs (files that end up with "crash")
+/Library/Logs/DiagnosticReports | .*\/*.ips.* | all IPS logs (files that end up with "ips")
+/Library/Logs/DiagnosticReports | .*\/*.diag.* | all DIAG logs (files that end up with "diag")
+/Library/Logs/DiagnosticReports | .*\/*.spin.* | all spin logs (files that end up with "spin")
+/Library/Logs/DiagnosticReports | .*\/panic.*.panic | all panic logs (for panic debug)
+/Library/Logs/FaultKeeper | .* | all files under FaultKeeper
+/private/var/log | .*\/wifi.* | all files in /var/log starting with "wifi")";
     const auto spec = lookupOwnInfoValue("CaptureSpec");
     ASSERT_TRUE(spec && spec->as<PropertyListArray>());
+    std::string embedded;
     for (const auto& each : *spec->as<PropertyListArray>()) {
-        const auto expression = textFromPlatformString(findValue(*each.as<PropertyListDictionary>(), "Expression"));
-        EXPECT_EQ(regexTypeOption(expression), "") << "the search command stays as it is";
+        const auto field = [&](const char* key) {
+            return textFromPlatformString(findValue(*each.as<PropertyListDictionary>(), key));
+        };
+        embedded += "\n" + field("BasePath") + " | " + field("Expression") + " | " + field("DocString");
     }
+    EXPECT_EQ(embedded, expected);
     const auto key = lookupOwnInfoValue("archive_public_key");
     const auto line = textFromPlatformString(key ? &*key : nullptr);
     EXPECT_TRUE(line.size() == 160 && line.starts_with("ecdsa-sha2-nistp256 AAAA")) << line;
-    EXPECT_FALSE(lookupOwnInfoValue("archive_public_ke"));
 }
 
 // Stands in a mount namespace of its own, with empty folders in place of the system's: nothing reaches the machine.

@@ -198,14 +198,6 @@ TEST(BinaryPropertyList, RefusesCyclesDepthAndGrowthQuickly) {
     EXPECT_EQ(read(Binary{{list, large}}.bytes()), "refused");
 }
 
-TEST(PropertyList, TextOutsideAsciiDoesNotFitTheBuffer) {
-    const auto converted = [](PropertyListValue value) { return textFromPlatformString(&value); };
-    EXPECT_EQ(converted({"plain \0text"s}), "plain \0text"s);
-    EXPECT_EQ(converted({"abc\xc3\xa9"s}), "");
-    EXPECT_EQ(converted({true}), "");
-    EXPECT_EQ(textFromPlatformString(nullptr), "");
-}
-
 TEST(PropertyListFile, IsAFileOfSixteenMegabytesAtMost) {
     const TemporaryFolder folder;
     const auto file = folder.path / "file", link = folder.path / "link", fifo = folder.path / "fifo";

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "volctl/listing.h"
 #include "volctl/visible_text.h"
 
 using namespace tarnwick;
@@ -48,16 +47,6 @@ TEST(VisibleText, LetsNoControlOrForeignByteThrough) {
     EXPECT_TRUE(isPlainName("/mnt/A b_1.x-y:@+,=~"));
     for (const auto* name : {"$(x)", "a\"b", "a'b", "a\\b", "a;b", "a\nb", "a\tb", "\xc3\xa9", "a*", "a%b", "a!b"})
         EXPECT_FALSE(isPlainName(name)) << name;
-}
-
-TEST(Listing, PadsByCharactersAndSaysSizes) {
-    EXPECT_EQ(sizeText(0) + sizeText(1023) + sizeText(1536) + sizeText(UINT64_MAX), "-1023 B1.5 KiB15.9 EiB");
-    Volume plain, accented;
-    plain.name = "abcd";
-    accented.name = "\xc3\xa9[cd";
-    const auto table = volumeTable({plain, accented});
-    EXPECT_NE(table.find("abcd  -"), std::string::npos) << table;
-    EXPECT_NE(table.find("\xc3\xa9[cd  -"), std::string::npos) << table;
 }
 
 }  // namespace
