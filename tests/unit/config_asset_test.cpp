@@ -1,5 +1,5 @@
-// Fetching the configuration asset against a service and a clock of the test's own, linked in place of the real ones.
-// What it does with the real service is for the program test to say.
+// Waiting for the asset service, against a service and a clock of the test's own, linked in place of the real ones.
+// What comes of it with the real service is for the program test to say.
 #include "config/config_asset.h"
 
 #include <gtest/gtest.h>
@@ -18,21 +18,20 @@ namespace {
 constexpr std::int64_t never = -99;
 
 struct FakeService {
-    std::int64_t catalogCode = 0, assetCode = 0;
-    std::int64_t state = tarnwick::assetStateInstalled;
-    std::optional<fs::path> place;
-    std::vector<std::string> calls;
+    std::int64_t code = 0;  // that every request is answered with
+    fs::path place;
+    std::chrono::seconds timeAllowed{};
     tarnwick::CompletionCallback late;  // of a request that is never answered in time
-    std::vector<std::jthread> threads;
+    std::jthread thread;
 };
 FakeService fake;
 
-void answer(const tarnwick::DownloadOptions& options, std::int64_t code, tarnwick::CompletionCallback done) {
+void answer(const tarnwick::DownloadOptions& options, tarnwick::CompletionCallback done) {
     EXPECT_FALSE(options.discretionary || options.requiresExternalPower);
-    if (code == never)
+    if (fake.code == never)
         fake.late = std::move(done);
     else
-        fake.threads.emplace_back([code, done = std::move(done)] { done(code); });
+        fake.thread = std::jthread([code = fake.code, done = std::move(done)] { done(code); });
 }
 
 }  // namespace
@@ -41,31 +40,20 @@ namespace tarnwick {
 
 // Far away, so that a lost wake-up would hang; at once where no answer will come.
 DownloadClock::time_point downloadDeadline(std::chrono::seconds fromNow) {
-    fake.calls.push_back(std::to_string(fromNow.count()) + " s");
+    fake.timeAllowed = fromNow;
     return DownloadClock::now() + (fake.late ? std::chrono::hours(0) : std::chrono::hours(1));
 }
 
-bool assetServiceConcerns(const std::string&) { return true; }
-
-void requestCatalogRefresh(const std::string& type, const DownloadOptions& options, CompletionCallback done) {
-    fake.calls.push_back("refresh " + type);
-    answer(options, fake.catalogCode, std::move(done));
+void requestCatalogRefresh(const std::string&, const DownloadOptions& options, CompletionCallback done) {
+    answer(options, std::move(done));
 }
-
 void requestAssetDownload(const Asset&, const DownloadOptions& options, CompletionCallback done) {
-    fake.calls.emplace_back("download");
-    answer(options, fake.assetCode, std::move(done));
+    answer(options, std::move(done));
 }
-
-AssetQueryAnswer queryAssetsNow(const std::string&, int kind) {
-    fake.calls.push_back("query " + std::to_string(kind));
-    return {0, {{.type = "t", .version = {1, 0}, .files = {}}}};
-}
-
-std::int64_t assetInstallState(const Asset&) { return fake.state; }
-
+bool assetServiceConcerns(const std::string&) { return true; }
+AssetQueryAnswer queryAssetsNow(const std::string&, int) { return {0, {Asset()}}; }
+std::int64_t assetInstallState(const Asset&) { return assetStateInstalled; }
 std::int64_t assetVersionAttribute(const Asset&, AssetVersionKind) { return 0; }
-
 std::optional<fs::path> assetLocalDirectory(const Asset&) { return fake.place; }
 
 }  // namespace tarnwick
@@ -74,54 +62,25 @@ using namespace tarnwick;
 
 namespace {
 
-class ConfigAsset : public testing::Test {
-protected:
-    void SetUp() override {
-        fake = FakeService();
-        fake.place = folder_.path;
-    }
-    // The warnings, then the result in brackets.
-    std::string fetch() const {
-        testing::internal::CaptureStdout();
-        const auto result = fetchConfigAsset();
-        std::istringstream lines(testing::internal::GetCapturedStdout());
-        std::string said;
-        for (std::string line; std::getline(lines, line);)
-            if (line.starts_with("WARNING: ")) said += line.substr(9) + '\n';
-        return said + '[' + (result == folder_.path ? "found" : result) + ']';
-    }
-
-    TemporaryFolder folder_;
-};
-
-TEST_F(ConfigAsset, IsDownloadedUnlessItIsInstalled) {
-    EXPECT_EQ(fetch(), "[found]");
-    std::vector<std::string> calls{"refresh com.vexlor.Provisor.tarnwick.config", "30 s", "query 2"};
-    EXPECT_EQ(fake.calls, calls);
-    fake.calls.clear();
-    fake.state = 0;
-    EXPECT_EQ(fetch(), "[found]");
-    calls.insert(calls.end(), {"download", "1800 s"});
-    EXPECT_EQ(fake.calls, calls);
-    fake.assetCode = -7;
-    EXPECT_EQ(fetch(), "asset download failed: -7\n[]");
-    fake.assetCode = never;
-    EXPECT_EQ(fetch(), "asset download failed: (no progress indicated)\n[]");
-    fake.late(0);
-}
-
-TEST_F(ConfigAsset, AnAnswerAfterTheDeadlineTouchesNothingThatHasGone) {
-    fake.catalogCode = never;
-    EXPECT_EQ(fetch(),
-              "catalog download failed: (no progress indicated)\n"
-              "catalog update failed, will continue to look for assets using existing catalog...\n[found]");
+TEST(ConfigAsset, AnAnswerAfterTheDeadlineTouchesNothingThatHasGone) {
+    EXPECT_TRUE(downloadCatalog("t"));
+    EXPECT_EQ(fake.timeAllowed, std::chrono::seconds(30));
+    EXPECT_TRUE(downloadAsset({}));
+    EXPECT_EQ(fake.timeAllowed, std::chrono::seconds(1800));
+    fake.code = 7;
+    EXPECT_FALSE(downloadAsset({}));
+    fake.code = never;
+    EXPECT_FALSE(downloadCatalog("t"));
     std::jthread([late = std::move(fake.late)] { late(0); });
 }
 
-TEST_F(ConfigAsset, HoldsTheFileOfThatExactNameAtAnyDepth) {
-    const auto file = folder_.path / "deep/er/tarnwick.config.plist";
-    fs::create_directory(folder_.path / "tarnwick.config.plist");
-    std::ofstream(folder_.path / "Tarnwick.config.plist") << "x";
+TEST(ConfigFile, IsTheOneOfThatExactNameAtAnyDepth) {
+    const TemporaryFolder folder;
+    fake.code = 0;
+    fake.place = folder.path;
+    const auto file = folder.path / "deep/er/tarnwick.config.plist";
+    fs::create_directory(folder.path / "tarnwick.config.plist");
+    std::ofstream(folder.path / "Tarnwick.config.plist") << "x";
     EXPECT_EQ(resolveConfigFile(configurationFile), "");
     fs::create_directories(file.parent_path());
     std::ofstream(file) << "x";
