@@ -10,7 +10,7 @@ import threading
 import world
 from world import YES, Scenario, call, content, property_list, write
 
-PROJECT = os.path.dirname(os.path.abspath(__file__)) + "/../.."
+PROJECT = world.HERE + "/../.."
 PUBLISH = f"{PROJECT}/tools/asset-publish/asset-publish"
 TYPE = "com.vexlor.Provisor.tarnwick.config"
 STORE = f"/var/lib/tarnwick/assets/{TYPE}"

@@ -5,7 +5,8 @@ import signal
 import subprocess
 
 import world
-from world import FOLDER, NO, YES, Answer, CaptureScenario, normal, property_list, read, write
+from story import INTRODUCTION, CaptureScenario
+from world import FOLDER, NO, YES, Answer, normal, property_list, read, write
 
 LOGS = ("/logs", ".*/[a-z]*.log")
 
@@ -47,7 +48,7 @@ class Capture(CaptureScenario):
         names = ["/private/var/log/wifi-1", "/private/var/tmp/hostdump_1", "/Library/Logs/DiagnosticReports/a.crash"]
         self.world.volume("one", YES, names)
         result = self.world.run()
-        self.assertTrue(result.console.startswith("using internal config\n" + world.INTRODUCTION), result.console)
+        self.assertTrue(result.console.startswith("using internal config\n" + INTRODUCTION), result.console)
         self.assertEqual(result.log.count("TRACE: DocString: "), 12)
         for name in names:
             self.assertIn(f"\n/media/one{name}\n", result.console)

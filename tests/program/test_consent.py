@@ -1,9 +1,9 @@
 """The stored choice of each volume's owner, and the question asked once."""
 import os
-import pty
 
 import world
-from world import CONSENT, NO, YES, CaptureScenario, write
+from story import CaptureScenario
+from world import CONSENT, NO, YES, write
 
 DENIED, OPEN = "EXPLICITLY DENIED", "INDETERMINATE"
 SEED = {"SeedAutoSubmit": False, "AutoSubmit": True}
@@ -38,20 +38,6 @@ class Consent(CaptureScenario):
 
     def test_last_line_without_an_end(self):
         self.ask([(NO, DENIED, "Yes", dict(questions=1, granted=True))])
-
-    def test_question_is_out_on_a_terminal_before_the_answer_is_read(self):
-        self.world.volume("one", {})
-        master, slave = pty.openpty()
-        process = self.world.start_capture(stdin=slave, stdout=slave)
-        os.close(slave)
-        terminal = os.fdopen(master, "r+b", 0)
-        while terminal.readline() != world.QUESTION.replace("\n", "\r\n").encode():
-            self.assertIsNone(process.poll())
-        terminal.write(b"yes\n")
-        while b"Finished processing volume 'one'" not in terminal.readline():
-            self.assertIsNone(process.poll())
-        process.communicate()
-        terminal.close()
 
     def test_unreadable_files_ask_nobody(self):
         """A warning and no blank lines, whoever sits at the terminal."""

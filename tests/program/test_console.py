@@ -4,7 +4,8 @@ import os
 import time
 
 import world
-from world import YES, Answer, CaptureScenario, read, write
+from story import CaptureScenario
+from world import YES, Answer, read, write
 
 
 def only_log():

@@ -3,7 +3,8 @@ import os
 import shutil
 
 import world
-from world import Answer, CaptureScenario, Scenario, write
+from story import CaptureScenario
+from world import Answer, Scenario, write
 
 NOT_ROOT = "This utility must run with sudo, e.g. 'sudo tarnwick'\n"
 MISSING = "missing parameter to --capturespec <path>\n"

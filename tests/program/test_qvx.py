@@ -6,10 +6,10 @@ import subprocess
 import tempfile
 import unittest
 
-from world import BIN, call, content, on_terminal
+from world import BIN, HERE, call, content, on_terminal
 
 QVX = BIN + "/qvx"
-SAMPLES = os.path.dirname(os.path.abspath(__file__)) + "/../data/archives/"
+SAMPLES = HERE + "/../data/archives/"
 GOOD = ("kinds", "blocks", "nothing")
 
 # One fault each, with what must be said of it.

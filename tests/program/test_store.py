@@ -5,7 +5,8 @@ import shutil
 import signal
 
 import world
-from world import LIMIT, PREBOOT, PRUNING, STORE, YES, Answer, CaptureScenario, Scenario, mount, write
+from story import CaptureScenario
+from world import LIMIT, PREBOOT, STORE, YES, Answer, Scenario, mount, write
 
 MIB = 1 << 20
 NAME = f'{STORE}/"${{folder##*/}}.qvx"'  # of the capture, for a stand-in
@@ -64,8 +65,7 @@ class Store(CaptureScenario):
         self.then(f"truncate -s {LIMIT} {old}", f"truncate -s {LIMIT} {STORE}/tarnwick-new.qvx")
         story = self.archived()
         story.destination()
-        story.warning(PRUNING)
-        story.warning(f"pruning {old}")
+        story.pruning(old)
         story.destination()
         story.fatal("insufficient space on output volume for captured data")
         self.check(self.world.capture(), story, 1)
@@ -99,8 +99,7 @@ class Store(CaptureScenario):
         mount("/media/preboot", "/media/preboot", flags=world.MS_BIND)
         mount("none", "/media/preboot", flags=world.MS_REMOUNT | world.MS_BIND | world.MS_RDONLY)
         story = self.archived()
-        story.warning(PRUNING)
-        story.warning(f"pruning {old}")
+        story.pruning(old)
         self.library_error(story, "Read-only file system")
         result = self.world.run("--cleanup")
         self.assertEqual((result.console, result.status), (f"removing {old}\n", -signal.SIGABRT))

@@ -8,7 +8,7 @@ import subprocess
 import uuid
 
 import world
-from world import FOLDER, YES, Scenario, call, on_terminal, property_list, write
+from world import FOLDER, Scenario, call, on_terminal, property_list, write
 
 VOLCTL = "/media/programs/volctl"
 # What a volume may be mounted as, its size in MiB (xfs wants 300; the images are sparse) and the tool that makes one.
@@ -159,12 +159,9 @@ class PlainFileSystems(VolctlTest):
         self.volctl("info", status=2)
 
     def test_answer_for_preboot(self):
-        path, identity = self.formatted()
         os.symlink("/media/cwd", "/media/link")
-        self.settings(PrebootDirectory="/media/link", Roles={identity: "Preboot"})
+        self.settings(PrebootDirectory="/media/link")
         self.assertEqual(self.info("Preboot")["MountPoint"], "/media/cwd")
-        self.mount("/dev/" + self.attach(path), "/media/other")
-        self.assertEqual(self.info("Preboot")["MountPoint"], "/media/other")
         os.chmod("/etc/tarnwick/volumes.plist", 0o666)  # now anybody might have written it
         if os.path.isdir("/boot"):
             self.assertEqual(self.info("Preboot")["MountPoint"], "/boot")
@@ -220,7 +217,7 @@ class LockedVolumes(VolctlTest):
 
 
 class Capture(VolctlTest):
-    def test_with_nothing_standing_in(self):
+    def test_with_nothing_standing_in_and_consent_given_on_a_terminal(self):
         for command in ("volctl", "nvram"):
             os.remove(f"/media/bin/{command}")
             os.symlink(f"/media/programs/{command}", f"/media/bin/{command}")
@@ -231,19 +228,20 @@ class Capture(VolctlTest):
             call("mount", path, folder)
             roles[identity] = role
         self.settings(Roles=roles)
-        write(f"/media/data/{world.CONSENT}", property_list(YES))
-        write("/media/data/logs/a.log", "line\n")
+        write(f"/media/data/{world.CONSENT}", property_list({}))
+        log = write("/media/data/logs/a.log", "line\n")
         os.makedirs("/media/data/logs/empty")
-        self.world.specification(("/logs", ".*"))
-        result = self.world.capture("--noninteractive")
-        self.assertEqual(result.status, 0, result.console + result.errors)
+        words = "/media/programs/tarnwick", "--capturespec", self.world.specification(("/logs", ".*"))
+        out, *end = on_terminal(["/usr/bin/env", "PATH=" + world.PATH, *words], b"(yes/no)", b"yes\n", secret=False)
+        result = world.Result(end[0], out.replace(b"\r\n", b"\n"), b"")
+        self.assertEqual(end, [0, True], result.console)
         device = os.path.basename(call("findmnt", "-n", "-o", "SOURCE", "/media/data").strip())
         self.assertRegex(result.console, rf"\nNow processing volume '.*' \((/dev/)?{device} -> /media/data\)\n")
         firmware = os.path.isdir("/sys/firmware/efi/efivars") and os.listdir("/sys/firmware/efi/efivars")
         self.assertEqual("WARNING: nvram command returned an error" in result.console, not firmware)
         self.assertEqual(self.world.entries(result.archive),
-                         ["/media/data/logs/a.log", *[f"{FOLDER}/nvram.txt"] * bool(firmware),
-                          f"{FOLDER}/tarnwick-STAMP.log"])
+                         [log, *[f"{FOLDER}/nvram.txt"] * bool(firmware), f"{FOLDER}/tarnwick-STAMP.log"])
+        self.assertEqual(self.world.content(result.archive, log), "line\n")
         self.assertIn("contains 1 capture:", self.world.run("--summarize").console)
 
 

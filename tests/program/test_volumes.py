@@ -1,6 +1,7 @@
 """Which volumes are searched, in which order, and what is said of those that cannot be."""
 import world
-from world import NO, YES, Answer, CaptureScenario, property_list
+from story import CaptureScenario
+from world import NO, YES, Answer, property_list
 
 
 class Structure(CaptureScenario):

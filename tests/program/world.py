@@ -1,4 +1,4 @@
-"""A private world for the programs under test, and a small language to tell what a run in it should say.
+"""A private world for the programs under test.
 
 A World is a mount namespace of its own with fresh /tmp, /etc/tarnwick, /var/lib/tarnwick, /usr/lib/tarnwick and
 /media; the machine outside sees none of it. Everything a scenario makes lives below /media:
@@ -6,8 +6,6 @@ A World is a mount namespace of its own with fresh /tmp, /etc/tarnwick, /var/lib
     /media/bin        the stand-in commands, first on PATH      /media/calls     one line for each call of one
     /media/programs   the programs under test                   /media/preboot   the destination volume
     /media/NAME       the source volume NAME
-
-A Story is told event by event; the whole console and the whole log follow from it and are compared exactly.
 """
 import collections
 import contextlib
@@ -24,46 +22,18 @@ import termios
 import time
 import unittest
 
+HERE = os.path.dirname(os.path.abspath(__file__))
 BIN = os.path.abspath(os.environ.get("TARNWICK_BIN", "build/release/bin"))
 STAMP = re.compile(r"\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d")
-LOG = "/tmp/tarnwick-STAMP.log"
 FOLDER = "/tmp/tarnwick.TEMP/tarnwick-STAMP"
 STORE = "/media/preboot/tarnwick"
+PATH = "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 LIMIT = 1 << 30
 PATIENCE = 120  # seconds after which a run counts as hung
 MS_RDONLY, MS_REMOUNT, MS_BIND, MS_REC, MS_PRIVATE = 1, 32, 4096, 16384, 1 << 18
 MNT_DETACH, CLONE_NEWNS = 2, 0x20000
 
-INTRODUCTION = """
-This utility is used to enable troubleshooting of returned Vexlor hardware by preserving diagnostic data that is \
-potentially useful to Vexlor.
-
-Please note the following:
- - The captured data is copied to a special disk location where it can be accessed by Vexlor engineers after this \
-system is returned.
- - The captured data is stored in an encrypted archive.
- - Vexlor attempts to minimize exposure to personal information both at the time of capture and when utilized later by \
-Vexlor.
- - The captured data as well as a detailed log can be reviewed by the user by examining the execution log.
-
-"""
-COMPLETION = """
-Capture execution is complete! You may view a detailed log of the capture process at the path shown above.
-
-If you wish to remove all captured data from this system you may issue the command 'tarnwick --cleanup'
-
-"""
-RULE = "#" * 86
-BANNER = f"""
-{RULE}
-# \n# This source volume does not allow collection of Diagnostics & Utilization data. \n\
-# Please indicate if you give one-time consent to collection of Diagnostics & Utilization data for this volume.
-# \n{RULE}
-
-"""
-QUESTION = "Do you agree? (yes/no)\n"
 PREBOOT = "volctl info -plist Preboot"
-PRUNING = "total captured data size exceeds limit, pruning old data..."
 CONSENT = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist"
 YES, NO = {"AutoSubmit": True}, {"AutoSubmit": False}
 NVRAM = "boot-args\t-v\n"
@@ -87,9 +57,9 @@ def call(*command, **options):
     return subprocess.run(command, check=True, capture_output=True, **options).stdout.decode()
 
 
-def on_terminal(words, prompt, *lines, kill=None):
-    """Answers each prompt on a new terminal once that shows no more what is typed. What was shown in all, the exit
-    status, and whether it shows again what is typed."""
+def on_terminal(words, prompt, *lines, secret=True, kill=None):
+    """Answers each prompt on a new terminal, what is secret once that shows no more what is typed. What was shown in
+    all, the exit status, and whether it shows again what is typed."""
     def echoes():
         return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
 
@@ -102,7 +72,7 @@ def on_terminal(words, prompt, *lines, kill=None):
             while shown.count(prompt) < number:
                 shown += os.read(terminal, 1024)
             deadline = time.monotonic() + PATIENCE
-            while echoes() and time.monotonic() < deadline:
+            while secret and echoes() and time.monotonic() < deadline:
                 pass
             os.write(terminal, line)
         if kill:
@@ -119,11 +89,11 @@ def property_list(value):
     return plistlib.dumps(value).decode()
 
 
-def write(path, content="", mode=0o644):
+def write(path, content=""):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "wb") as file:
         file.write(content if isinstance(content, bytes) else content.encode())
-    os.chmod(path, mode)
+    os.chmod(path, 0o644)
     return path
 
 
@@ -152,21 +122,6 @@ def enter_namespace():
     # Held open, as the build may lie below a folder that a world covers.
     return traces(), os.open(BIN, os.O_PATH | os.O_DIRECTORY)
 
-
-STAND_IN = """#!/bin/sh
-name=${0##*/}
-line="$name${*:+ $*}"
-printf '%s\\n' "$line" >>/media/calls
-table=/media/answers/$(printf %s "$line" | tr / %)
-[ -d "$table" ] || { printf 'no answer for: %s\\n' "$line" >&2; exit 64; }
-turn=$(($(cat "$table/turn") + 1))
-[ -d "$table/$turn" ] || turn=$((turn - 1))
-echo $turn >"$table/turn"
-folder=$(echo /tmp/tarnwick.*/tarnwick-*)
-. "$table/$turn/do"
-cat "$table/$turn/out"
-exit $(cat "$table/$turn/status")
-"""
 
 # What a stand-in answers once. `do` is shell text that it runs first; $folder is the run's capture folder.
 Answer = collections.namedtuple("Answer", "out status do", defaults=("", 0, ":"))
@@ -225,7 +180,7 @@ class World:
             system_call(libc.umount2, target.encode(), MNT_DETACH)
 
     def stand_in(self, command):
-        write(f"/media/bin/{command}", STAND_IN, 0o755)
+        shutil.copy(f"{HERE}/stand-in", f"/media/bin/{command}")
 
     def answer(self, line, *answers):
         """Answers to `line`, in turn; the last one again and again. A text stands for that text and status 0."""
@@ -280,7 +235,7 @@ class World:
         return write("/media/spec.plist", property_list({k: v for k, v in content.items() if v is not None}))
 
     def start(self, *arguments, program="tarnwick", argv0=None, environment=(), limits=None, **more):
-        everywhere = {"PATH": "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin", "TZ": "UTC", "HOME": "/root"}
+        everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root"}
         options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more}
         return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
                                 env={**everywhere, **dict(environment)}, cwd="/media/cwd", preexec_fn=limits,
@@ -357,169 +312,6 @@ class Result:
         return re.search('^Captured data to "(.*)"$', self.raw, re.MULTILINE).group(1)
 
 
-class Story:
-    """What a run says. The tellers stand in the order of a capture; each scenario strings them together."""
-
-    def __init__(self, world, verbose=False):
-        self.world, self.verbose = world, verbose
-        self.console, self.log, self.logging, self.files = "", "", False, []
-
-    # Single lines.
-    def line(self, kind, text):
-        if self.logging:
-            self.log += f"{kind}: {text}\n"
-        if kind != "TRACE" or self.verbose:
-            self.console += f"{text}\n" if kind == "INFO" else f"{kind}: {text}\n"
-
-    def info(self, text):
-        self.line("INFO", text)
-
-    def warning(self, text):
-        self.line("WARNING", text)
-
-    def trace(self, text):
-        self.line("TRACE", text)
-
-    def command(self, line, out="", status=0):
-        self.trace(f"Running command: '{line}'")
-        self.trace(f"result: {status << 8}")
-        self.trace(f"stdout: {out}")
-
-    def fatal(self, message):
-        self.console += f"{message}\nFATAL ERROR: {message}\n\n"
-
-    # The steps of a capture.
-    def opening(self, config="/media/spec.plist", noninteractive=False, log_error=None):
-        if noninteractive:
-            self.console += "Non-Interactive mode: encrypted and/or unconsented volumes will be skipped\n"
-        self.console += (f'using external config: "{config}"\n' if config else "using internal config\n") + INTRODUCTION
-        if log_error:
-            self.console += f"WARNING: unable to open logfile at '\"{LOG}\"'' errno={log_error}\n"
-        self.console += f'Logging to "{"" if log_error else LOG}"\n'
-        self.logging = not log_error
-
-    def destination(self):
-        self.command('volctl info -plist "Preboot"', self.world.preboot)
-
-    def folder(self):
-        self.info(f'Capturing to temp folder: "{FOLDER}"')
-
-    def listing(self):
-        self.command("volctl zkfs listGroups -plist", self.world.groups)
-
-    def until_listing(self, **opening):
-        self.opening(**opening)
-        self.destination()
-        self.folder()
-        self.listing()
-
-    def query(self, volume, out=None, status=0):
-        self.command(f'volctl info -plist "{volume.device}"', volume.info if out is None else out, status)
-
-    def unlocking(self, volume):
-        self.query(volume)
-        self.info(f"Volume '{volume.name}' ({volume.device}) is not mounted, will attempt to mount it.  You may be "
-                  "prompted for an administrator passphrase...")
-        self.trace(f"Running command: 'volctl zkfs unlockVolume {volume.device}'")
-
-    def unlock(self, volume, out="", status=0):
-        self.unlocking(volume)
-        self.trace(f"result: {status << 8}")
-        self.trace(f"stdout: {out}")
-        if status:
-            self.warning(f"volctl returned an error when unlocking volume {volume.device}")
-
-    def not_planned(self):
-        self.warning("unable to unlock and mount volume, skipping...")
-
-    def planned(self, *volumes, asked=2):
-        for volume in volumes:
-            for _ in range(asked):
-                self.query(volume)
-            self.trace(f"adding volume '{volume.device}' ({volume.uuid}) to capture plan")
-
-    def processing(self, volume):
-        self.info(f"\nNow processing volume {volume.label}")
-        self.trace("Checking user consent...")
-
-    def unread(self, volume, warning):
-        """A consent file that cannot be read: nobody is asked."""
-        self.processing(volume)
-        self.trace(f"checking consent for {volume.mount_point}")
-        self.warning(f"consent check failed: {warning} - {volume.mount_point}/{CONSENT}")
-        self.warning(f"failed to check consent on '{volume.name}', skipping...")
-
-    def consent(self, volume, verdict, seed="", questions=0, granted=None):
-        """How often the question comes, and what comes of it, where that is not what the file says."""
-        granted = verdict == "GRANTED" if granted is None else granted
-        self.trace(f"checking consent for {volume.mount_point}")
-        self.trace(f"filesystem {seed}consent for {volume.mount_point} is {verdict}")
-        if questions:
-            self.console += BANNER + QUESTION * questions
-            self.trace(f"ad-hoc consent for {volume.mount_point} is {'GRANTED' if granted else 'EXPLICITLY DENIED'}")
-        self.info("\n")
-        if not granted:
-            self.info(f"explicit denial of consent on '{volume.name}', skipping...")
-        return granted
-
-    def volume(self, volume, *found, verdict="GRANTED", **asked):
-        """`found` tells of the directives, the last one first; without a verdict, nobody cares for consent."""
-        self.processing(volume)
-        if verdict and not self.consent(volume, verdict, **asked):
-            return
-        self.files = []
-        for directive, paths in zip(reversed(self.world.directives), found):
-            self.search(volume, directive, paths)
-        self.info(f"Finished processing volume {volume.label}")
-
-    def search(self, volume, directive, found):
-        """`found`: the paths, None where there is no base folder, or what the stand-in for `find` answers."""
-        self.info(f"Capturing: {directive.description}")
-        self.trace("#" * 32)
-        for name, text in zip(("DocString", "BasePath", "Expression"),
-                              (directive.description, directive.base, directive.expression)):
-            self.trace(f"{name}: {text}")
-        if found is None:
-            self.trace("BasePath does not exist on the target volume, skipping...")
-            return
-        out, status, _ = found if isinstance(found, Answer) else Answer("".join(path + "\n" for path in found))
-        base = os.path.join(volume.mount_point, directive.base.removeprefix("/"))
-        command = f"find \"{base}\" -type f {directive.option}-regex '{directive.expression}'"
-        self.trace(f"search command: {command}")
-        self.command(command, out, status)
-        if status:
-            self.warning("search command returned an error, skipping this capture directive")
-            return
-        for path in out.splitlines():
-            self.trace(f"capturing: {path}")
-            self.files.append(path)
-
-    def firmware(self, status=0):
-        self.info("\nFinished with all volumes.")
-        self.trace(f"nvram command: nvram -p >> {FOLDER}/nvram.txt")
-        self.command(f"nvram -p >> {FOLDER}/nvram.txt", "", status)
-        if status:
-            self.warning("nvram command returned an error, skipping this capture directive")
-        else:
-            self.files.append(f"{FOLDER}/nvram.txt")
-        self.info("Files to capture:")
-        for path in self.files:
-            self.info(path)
-        self.logging = False
-
-    def archived(self, status=0):
-        self.firmware(status)
-        self.info(f'Captured data to "{FOLDER}/tarnwick-STAMP.qvx"')
-
-    def stored(self, *pruned, store=STORE):
-        self.destination()
-        for text in (PRUNING, *(f"pruning {path}" for path in pruned)) if pruned else ():
-            self.warning(text)
-        self.destination()
-        self.info(f'final archive copied to "{store}/tarnwick-STAMP.qvx"')
-        self.console += COMPLETION
-
-
 class Scenario(unittest.TestCase):
     maxDiff = None
 
@@ -536,44 +328,6 @@ class Scenario(unittest.TestCase):
 
     def check_archive(self, result, story):
         self.assertEqual(self.world.entries(result.archive), story.files + [f"{FOLDER}/tarnwick-STAMP.log"])
-
-
-class CaptureScenario(Scenario):
-    """With a capture specification, and a destination that holds nothing yet."""
-
-    def setUp(self):
-        super().setUp()
-        self.world.specification()
-
-    def story(self, *planned, verbose=False, **opening):
-        story = Story(self.world, verbose)
-        story.until_listing(**opening)
-        story.planned(*planned)
-        return story
-
-    def captured(self, story, *arguments, nvram=0, pruned=(), errors="", **more):
-        """The story ends well: with the archive in the store."""
-        story.archived(nvram)
-        story.stored(*pruned)
-        result = self.world.capture(*arguments, **more)
-        self.check(result, story, errors=errors)
-        self.check_archive(result, story)
-        return result
-
-    def fails(self, story, message, *arguments, **more):
-        """The story ends with the message, and with nothing in the store."""
-        story.fatal(message)
-        result = self.world.capture(*arguments, **more)
-        self.check(result, story, 1)
-        self.assertEqual(self.world.stored(), [])
-        return result
-
-    def library_error(self, story, message, **more):
-        """The message is the library's own, and comes once only."""
-        result = self.world.capture(**more)
-        head, end = result.console[:len(story.console)], result.console[len(story.console):]
-        self.assertEqual((head, result.status, result.errors), (story.console, 1, ""))
-        self.assertRegex(end, rf"\AFATAL ERROR: [^\n]*{message}[^\n]*\n\n\Z")
 
 
 def main():
