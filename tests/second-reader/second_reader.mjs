@@ -9,7 +9,7 @@ import { mkdtempSync, openSync, readFileSync, readSync, rmSync, writeFileSync } 
 import { tmpdir } from "node:os";
 
 const PLAIN_HEADER = "89515658" + "0d0a1a0a" + "0100" + "0300" + "01080000" + "00000000000000c0" + "00001000";
-const BLOCK = 1 << 20, TAG = 16, RECORD_HEADER = 4, DICTIONARY_SIZE = 524288;
+const BLOCK = 1 << 20, TAG = 16, RECORD_HEADER = 4;
 const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, GOES_ON = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
 const PAD = 0, ENTRY = 1, DATA = 2, HOLE = 3, END = 4, INDEX = 5, ROOT = 6, TRAILER = 7;
 const SPLIT_LIMIT = { [END]: 2 << 20, [INDEX]: 1 << 20, [ROOT]: Infinity };
@@ -98,7 +98,7 @@ async function* readBlocks(file, { groupLength, context }, leader) {
     const plain = flags & COMPRESSED ? decompress(stored, flags & DICTIONARY ? ["-D", leader] : []) : stored;
     demand(flags === LAST ? plain.length < BLOCK : plain.length === BLOCK, "wrong size of a block");
     // The command takes a dictionary as a file. The zero in front keeps it from passing for one of the trained kind.
-    if (leads) writeFileSync(leader, Buffer.concat([Buffer.of(0), plain.subarray(-DICTIONARY_SIZE)]));
+    if (leads) writeFileSync(leader, Buffer.concat([Buffer.of(0), plain]));
     yield { number, position, length, flags, plain };
   }
   demand(readSync(file, Buffer.alloc(1)) === 0, "something follows the last block");

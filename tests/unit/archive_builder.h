@@ -152,8 +152,7 @@ public:
 private:
     void seal(const ByteVector& plain, bool inGroup, bool last) {
         const std::uint64_t sequence = sealedLengths_.size();
-        const Bytes part = dictionaryPart(plain);
-        if (sequence % groupLength_ == 0) dictionary_ = {sequence, {part.begin(), part.end()}};
+        if (sequence % groupLength_ == 0) dictionary_ = {sequence, plain};
         const bool follows = inGroup && sequence % groupLength_ != 0;
         file_.resize(positions.back() + BlockEncoder::capacity);
         const std::size_t length = BlockEncoder(keys_).encode(sequence, last, plain, follows ? &dictionary_ : nullptr,

@@ -41,4 +41,19 @@ TEST(BlockCodec, RefusesWellSealedContentThatIsNoBlock) {
     }
 }
 
+// What only the beginning of the leader holds is referred to as well.
+TEST(BlockCodec, LearnsFromTheWholeLeader) {
+    GroupDictionary leader{0, Buffer(blockSize)};
+    std::uint32_t state = 1;
+    for (auto& byte : leader.bytes) byte = static_cast<std::uint8_t>((state = state * 1664525 + 1013904223) >> 24);
+    Buffer plain(leader.bytes.begin(), leader.bytes.begin() + blockSize / 2);
+    plain.resize(blockSize, 'b');
+    Buffer block(BlockEncoder::capacity);
+    block.resize(BlockEncoder({}).encode(1, false, plain, &leader, block.data()));
+    EXPECT_LT(block.size(), 65536U);
+    Buffer given;
+    const MutableBytes sealed = MutableBytes(block).subspan(blockHeaderSize);
+    EXPECT_EQ(BlockDecoder({}).decode(*decodeBlockHeader(block), sealed, leader.bytes, given), BlockFault::none);
+    EXPECT_TRUE(given == plain);
+}
 }  // namespace

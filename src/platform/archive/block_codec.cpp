@@ -92,10 +92,8 @@ std::optional<BlockHeader> decodeBlockHeader(Bytes bytes) {
     return header;
 }
 
-Bytes dictionaryPart(Bytes leader) { return leader.last(std::min(leader.size(), dictionarySize)); }
-
 BlockEncoder::BlockEncoder(const HpkeKeys& keys)
-    : cipher_(keys, HpkeCipher::Direction::seal), region_(dictionarySize + blockSize), compressor_(ZSTD_createCCtx()) {
+    : cipher_(keys, HpkeCipher::Direction::seal), region_(2 * blockSize), compressor_(ZSTD_createCCtx()) {
     if (!compressor_) throw std::bad_alloc();
     ZSTD_CCtx_setParameter(compressor_.get(), ZSTD_c_compressionLevel, compressionLevel);
 }
@@ -126,7 +124,7 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
     if (dictionary) {
         if (!learn(*dictionary)) return 0;
         ZSTD_CCtx_refCDict(compressor_.get(), tables_.get());
-        const auto behind = region_.begin() + static_cast<std::ptrdiff_t>(dictionarySize);
+        const auto behind = region_.begin() + std::ptrdiff_t{blockSize};
         std::copy(plain.begin(), plain.end(), behind);
         plain = Bytes(behind, plain.size());
     }
@@ -141,7 +139,7 @@ bool BlockEncoder::learn(const GroupDictionary& dictionary) {
     learned_.reset();
     tables_.reset();
     const std::size_t size = dictionary.bytes.size();
-    std::uint8_t* place = region_.data() + dictionarySize - size;
+    std::uint8_t* place = region_.data() + blockSize - size;
     std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
     auto parameters = ZSTD_getCParams(compressionLevel, blockSize, size);
     parameters.minMatch = 6;  // than 5, as the level has it: faster, and no larger where there is a dictionary
@@ -180,7 +178,7 @@ bool BlockDecoder::decompress(const BlockHeader& header, Bytes frame, Bytes lead
         ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size())
         return false;
     plain.resize(blockSize);
-    const Bytes dictionary = header.flags & blockWithDictionary ? dictionaryPart(leader) : Bytes{};
+    const Bytes dictionary = header.flags & blockWithDictionary ? leader : Bytes{};
     ZSTD_DCtx_reset(decompressor_.get(), ZSTD_reset_session_and_parameters);
     if (ZSTD_isError(ZSTD_DCtx_refPrefix(decompressor_.get(), dictionary.data(), dictionary.size()))) return false;
     return ZSTD_decompressDCtx(decompressor_.get(), plain.data(), plain.size(), frame.data(), frame.size()) ==

@@ -40,14 +40,11 @@ std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& h
 // None when these are not 16 bytes of a block header: magic, length, or flags that do not go together.
 std::optional<BlockHeader> decodeBlockHeader(Bytes bytes);
 
-// What a block of a group may refer to: the end of the plain bytes of the block that leads the group.
+// What a block of a group may refer to: the plain bytes of the block that leads the group.
 struct GroupDictionary {
     std::uint64_t leader = 0;  // its sequence number, by which an encoder knows the dictionary again
     std::vector<std::uint8_t> bytes;
 };
-
-// The part of a leader that is its group's dictionary.
-Bytes dictionaryPart(Bytes leader);
 
 // Compresses and seals. One thread at a time.
 class BlockEncoder {

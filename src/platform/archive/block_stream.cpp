@@ -78,8 +78,8 @@ void BlockStream::send(bool last) {
     job->last = last;
     job->length = offset_;
     if (block_ % groupLength_ == 0) {
-        const Bytes part = dictionaryPart(Bytes(job->plain).first(offset_));
-        dictionary_ = std::make_shared<GroupDictionary>(GroupDictionary{block_, {part.begin(), part.end()}});
+        const Bytes plain = Bytes(job->plain).first(offset_);
+        dictionary_ = std::make_shared<GroupDictionary>(GroupDictionary{block_, {plain.begin(), plain.end()}});
         job->dictionary = nullptr;
     } else {
         job->dictionary = standingAlone_ ? nullptr : dictionary_;

@@ -1,7 +1,7 @@
 // The way from the archive stream to the file: blocks are filled by one thread, compressed and sealed by workers, and
 // written in order by whichever worker completes the next one.
 //
-// Memory: workers + 2 blocks in work, each with its sealed form beside it; half a block for each group that has one in
+// Memory: workers + 2 blocks in work, each with its sealed form beside it; another for each group that has one in
 // work; and about four blocks for the compressor of each worker.
 //
 // A sink that fails stops nothing: blocks go on through the queue and are dropped, so that no thread waits for ever;

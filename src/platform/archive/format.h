@@ -19,7 +19,6 @@ inline constexpr std::uint16_t profileHpke = 3;
 inline constexpr std::uint32_t compressionZstd = 2049;
 inline constexpr std::uint64_t streamFlags = 0xC000000000000000;  // sealed to a recipient, indexed
 inline constexpr std::uint32_t blockSize = 1048576;
-inline constexpr std::size_t dictionarySize = 524288;  // of the end of a group's leader
 inline constexpr std::size_t plainHeaderSize = 129;
 inline constexpr std::size_t boundHeaderSize = 64;  // the part of the plain header that HPKE binds as `info`
 
