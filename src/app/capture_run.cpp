@@ -38,7 +38,10 @@ std::string loadRecipientKey(const fs::path& configuration) {
     std::error_code error;
     if (!configuration.empty() && !fs::is_regular_file(configuration, error)) raiseFatal("invalid config file");
     const std::string key = loadArchivePublicKey(configuration);
-    if (key.empty()) raiseFatal("unable to parse key from config file");
+    if (key.empty()) {
+        logWarning("no recipient key in the configuration; see \"The key\" in \"man tarnwick\"");
+        raiseFatal("unable to parse key from config file");
+    }
     return key;
 }
 

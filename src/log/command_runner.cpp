@@ -10,6 +10,9 @@ namespace tarnwick {
 
 namespace {
 
+// The shell's answer for a command that it does not find. What it says of it goes to the terminal, not into the log.
+constexpr std::int64_t commandNotFound = 127 << 8;
+
 std::string readAll(std::FILE* pipe) {
     std::string text;
     std::array<char, 128> piece{};
@@ -36,6 +39,7 @@ std::int64_t runCommand(const std::string& commandLine, std::string& output, boo
     // Unsigned, as the tools that read these logs know it: -1 shows as 18446744073709551615.
     logTrace("result: " + std::to_string(static_cast<std::uint64_t>(status)));
     logTrace("stdout: " + output);
+    if (status == commandNotFound) logTrace("command not found: " + commandLine.substr(0, commandLine.find(' ')));
     if (status != 0 && dieOnNonzero) raiseFatal("command returned nonzero, time to die.");
     return status;
 }

@@ -38,7 +38,9 @@ class BeforeVolumes(CaptureScenario):
         for content in (*keys, property_list({}), property_list(["array"]), "no list"):
             with self.subTest(content):
                 write("/media/spec.plist", content)
-                self.fails(self.told(Story.destination), "unable to parse key from config file")
+                story = self.told(Story.destination)
+                story.warning('no recipient key in the configuration; see "The key" in "man tarnwick"')
+                self.fails(story, "unable to parse key from config file")
 
     def test_no_room(self):
         """Read-only; then no room for the capture folder: the file system, the log and the temporary folder count."""
@@ -46,6 +48,15 @@ class BeforeVolumes(CaptureScenario):
         self.library_error(self.told(Story.destination), "No space left on device")
         mount("none", "/tmp", flags=world.MS_REMOUNT | world.MS_RDONLY)
         self.fails(self.told(Story.destination, log_error="Read-only file system"), "could not create tmp dir")
+
+    def test_missing_find(self):
+        self.world.volume("data", YES, ["/logs/a.log"])
+        self.world.specification(("/logs", ".*"))
+        for command in ("cat", "tr"):  # all that the stand-ins need
+            os.symlink(f"/bin/{command}", f"/media/bin/{command}")
+        result = self.world.capture(environment={"PATH": "/media/bin"})
+        self.assertEqual(result.status, 0)
+        self.assertIn("TRACE: command not found: find\nWARNING: search command returned an error", result.log)
 
     def test_no_descriptors_for_a_command(self):
         """Three streams and the log are open: the pipe to the command would be the fifth and the sixth."""
