@@ -9,17 +9,18 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "preserve diagnostic data of a computer that goes back for service
- tarnwick goes through the data volumes of a computer, checks on each whether
- its owner consented, collects logs and reports that help to find a fault of
- the hardware, packs them into one compressed archive that only the holder of a
- private key can open, and keeps it on the service partition.
- .
- With it come volctl, which shows and unlocks volumes, nvram, which prints the
- variables of the firmware, qvx, which makes and opens such archives, and
- asset-publish, which signs the configurations that a site hands out.")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "preserve diagnostic data of a computer that goes back for service")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "\
+tarnwick goes through the data volumes of a computer, checks on each whether
+its owner consented, collects logs and reports that help to find a fault of
+the hardware, packs them into one compressed archive that only the holder of a
+private key can open, and keeps it on the service partition.
+.
+With it come volctl, which shows and unlocks volumes, nvram, which prints the
+variables of the firmware, qvx, which makes and opens such archives, and
+asset-publish, which signs the configurations that a site hands out.")
 
-# Libraries are found in the programs; findutils is essential, but has known the option that is used for so long only.
+# Libraries are found in the programs. Every system has findutils, but not always one that knows -regextype.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "findutils (>= 4.2.24), man-db, openssl, python3")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ca-certificates")
@@ -28,8 +29,8 @@ set(CPACK_DEBIAN_PACKAGE_SUGGESTS "bash-completion, sudo")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_SET_DESTDIR ON)  # for what goes to /etc
 set(CPACK_INSTALL_PREFIX /usr)
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
-                                                WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/settle_modes.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CPACK_PRE_BUILD_SCRIPTS})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/conffiles ${PROJECT_SOURCE_DIR}/packaging/postrm)
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/before_packaging.cmake)
@@ -41,6 +42,8 @@ set(CPACK_INSTALL_CMAKE_PROJECTS "${PROJECT_BINARY_DIR};tarnwick;ALL;/;${PROJECT
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/config/etc/ DESTINATION /etc/tarnwick COMPONENT package EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright DESTINATION share/doc/tarnwick COMPONENT package
         EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME tarnwick
+        COMPONENT package EXCLUDE_FROM_ALL)
 install(CODE "set(version \"${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}\")
               set(maintainer \"${maintainer}\")
               set(changes \"${PROJECT_SOURCE_DIR}/CHANGELOG.md\")" COMPONENT package EXCLUDE_FROM_ALL)

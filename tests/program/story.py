@@ -44,6 +44,8 @@ class Story:
         self.trace(f"Running command: '{line}'")
         self.trace(f"result: {status << 8}")
         self.trace(f"stdout: {out}")
+        if status == 127:
+            self.trace(f"command not found: {line.split()[0]}")
 
     def fatal(self, message):
         self.console += f"{message}\nFATAL ERROR: {message}\n\n"
