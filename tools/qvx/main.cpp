@@ -264,8 +264,9 @@ int run(int argc, char** argv) {
     CLI::App app("Make, list, check and unpack sealed archives", "qvx");
     app.set_version_flag("--version", "qvx " TARNWICK_VERSION, "print the version and end");
     app.require_subcommand(1);
-    app.failure_message(
-        [](const CLI::App*, const CLI::Error& error) { return "qvx: " + escapedName(error.what()) + '\n'; });
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return "qvx: " + escapedName(error.what()) + "; see qvx --help\n";
+    });
     Options options;
     Command chosen = nullptr;
     declareCommands(app, options, chosen);
