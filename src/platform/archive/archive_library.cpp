@@ -134,7 +134,8 @@ ByteStream* openFileByteStream(const char* path, int openFlags, mode_t mode) {
 }
 
 EncryptionContext* createEncryptionContext(int profile) {
-    return profile == qvx::profileHpke ? new (std::nothrow) EncryptionContext : nullptr;
+    const bool usable = profile == qvx::profileHpke && qvx::startCipherLibrary();
+    return usable ? new (std::nothrow) EncryptionContext : nullptr;
 }
 
 int setContextFieldBlob(EncryptionContext* context, int field, int representation, const std::byte* bytes,

@@ -123,7 +123,7 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
     ZSTD_CCtx_refCDict(compressor_.get(), nullptr);
     if (dictionary) {
         if (!learn(*dictionary)) return 0;
-        ZSTD_CCtx_refCDict(compressor_.get(), tables_.get());
+        ZSTD_CCtx_refCDict(compressor_.get(), tables_);
         const auto behind = region_.begin() + std::ptrdiff_t{blockSize};
         std::copy(plain.begin(), plain.end(), behind);
         plain = Bytes(behind, plain.size());
@@ -137,14 +137,15 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
 bool BlockEncoder::learn(const GroupDictionary& dictionary) {
     if (learned_ == dictionary.leader) return true;
     learned_.reset();
-    tables_.reset();
     const std::size_t size = dictionary.bytes.size();
     std::uint8_t* place = region_.data() + blockSize - size;
     std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
     auto parameters = ZSTD_getCParams(compressionLevel, blockSize, size);
     parameters.minMatch = 6;  // than 5, as the level has it: faster, and no larger where there is a dictionary
-    tables_.reset(
-        ZSTD_createCDict_advanced(place, size, ZSTD_dlm_byRef, ZSTD_dct_rawContent, parameters, ZSTD_defaultCMem));
+    constexpr std::size_t unit = sizeof(tableSpace_[0]);
+    tableSpace_.resize((ZSTD_estimateCDictSize_advanced(size, parameters, ZSTD_dlm_byRef) + unit - 1) / unit);
+    tables_ = ZSTD_initStaticCDict(tableSpace_.data(), tableSpace_.size() * unit, place, size, ZSTD_dlm_byRef,
+                                   ZSTD_dct_rawContent, parameters);
     if (tables_) learned_ = dictionary.leader;
     return tables_ != nullptr;
 }

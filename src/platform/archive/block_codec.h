@@ -68,7 +68,8 @@ private:
     HpkeCipher cipher_;
     std::vector<std::uint8_t> region_;  // the dictionary and, right behind it, the block
     std::optional<std::uint64_t> learned_;
-    std::unique_ptr<ZSTD_CDict, FreeWith<ZSTD_freeCDict>> tables_;
+    std::vector<std::uint64_t> tableSpace_;
+    const ZSTD_CDict* tables_ = nullptr;  // in that space: zstd crashes when it cannot have its own
     std::unique_ptr<ZSTD_CCtx, FreeWith<ZSTD_freeCCtx>> compressor_;  // goes first: it refers to the tables
 };
 

@@ -10,7 +10,9 @@ namespace tarnwick::qvx {
 
 BlockStream::BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsigned workers, Sink sink)
     : keys_(keys), groupLength_(groupLength), sink_(std::move(sink)) {
-    for (unsigned i = 0; i < workers + 2; ++i) {
+    free_.reserve(workers + 2);
+    done_.reserve(workers + 2);
+    while (free_.size() < workers + 2) {
         auto job = std::make_unique<Job>();
         job->plain.resize(blockSize);
         job->sealed.resize(BlockEncoder::capacity);
@@ -86,6 +88,7 @@ void BlockStream::send(bool last) {
     }
     {
         const std::lock_guard lock(mutex_);
+        if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
         waiting_.push_back(std::move(job));
         ++block_;
         changed_.notify_all();
@@ -97,8 +100,8 @@ void BlockStream::send(bool last) {
 BlockStream::JobPointer BlockStream::takeFree() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [&] { return !free_.empty(); });
-    JobPointer job = std::move(free_.front());
-    free_.pop_front();
+    JobPointer job = std::move(free_.back());
+    free_.pop_back();
     return job;
 }
 

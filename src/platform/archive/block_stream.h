@@ -93,14 +93,15 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<JobPointer> free_;
     std::deque<JobPointer> waiting_;
+    // The workers put into these, and must not run out of memory there; so room is made before they are given work.
+    std::vector<JobPointer> free_;
     std::vector<JobPointer> done_;  // sealed, not yet written
-    std::uint64_t next_ = 0;        // to be written
-    bool writing_ = false;          // somebody is at the sink
+    std::vector<std::uint32_t> sealedLengths_;
+    std::uint64_t next_ = 0;  // to be written
+    bool writing_ = false;    // somebody is at the sink
     bool closing_ = false;
     int error_ = 0;
-    std::vector<std::uint32_t> sealedLengths_;
 
     std::vector<std::jthread> workers_;  // last: they use all of the above
 };

@@ -183,6 +183,8 @@ KeyHandle keyFromParts(Bytes point, const BIGNUM* scalar) {
 
 }  // namespace
 
+bool startCipherLibrary() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
+
 KeyHandle publicKeyFromPoint(Bytes point) {
     if (point.size() != Point{}.size() || point[0] != 0x04) return nullptr;
     KeyHandle key = keyFromParts(point, nullptr);

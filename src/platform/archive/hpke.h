@@ -14,6 +14,10 @@
 
 namespace tarnwick::qvx {
 
+// Sets up the cipher library, unless that is done. When it fails, the library must not be used: its functions take for
+// granted what is then missing, and crash.
+bool startCipherLibrary();
+
 using KeyHandle = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 using Scalar = std::array<std::uint8_t, 32>;
 
