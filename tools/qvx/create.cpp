@@ -72,7 +72,11 @@ public:
     bool addTree(const std::string& path) {
         if (!add(path)) return false;
         struct stat status {};
-        if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return true;
+        if (lstat(path.c_str(), &status) != 0) {
+            sayError(escapedName(path), errno);
+            return false;
+        }
+        if (!S_ISDIR(status.st_mode)) return true;
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(path)) names.push_back(entry.path().filename().string());
         std::sort(names.begin(), names.end());
