@@ -29,7 +29,7 @@ def faults(path):
         "stack protector": "__stack_chk_fail" in symbols,
         "checked library calls": any(name.endswith("_chk") for name in symbols),
     }
-    units = re.findall(r"DW_AT_producer.*(GNU C\+\+.*)", readelf(path, "--debug-dump=info"))
+    units = re.findall(r"DW_AT_producer.*(GNU C\+\+.*)", readelf(path, "--debug-dump=info", "--dwarf-depth=1"))
     checks["a record of the compiler's options"] = units
     for option in OPTIONS:
         if option != OPTIONS[2] or "X86-64" in header:

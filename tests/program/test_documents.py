@@ -14,7 +14,7 @@ TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "
 DOCUMENTS = ["README.md", "CONTRIBUTING.md", "CHANGELOG.md", "docs/architecture.md", "docs/threat-model.md"]
 ROOTS = [".ci/run", "scripts/test-package", "scripts/test-vm"]
 FENCE = re.compile(r"^```(.*)\n((?:(?!```).*\n)*)```$", re.MULTILINE)
-SCRIPT = re.compile(r"(?:\.\./|\b)(scripts/[\w-]+)|(\.ci/run)")
+SCRIPT = re.compile(r"(?:\.\./|\b)((?:scripts|bench)/[\w-]+)|(\.ci/run)")
 PRESET = re.compile(r"--preset \"?(\w+)|\bbuild \"?(\w+)\b|for preset in ([\w ]+)")
 SUDO = 'sudo() { "$@"; }\n'
 
