@@ -16,9 +16,10 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 MIB = 1 << 20
+EXCHANGE = "96M"  # the size of the disks that files are given and taken by
 
-PACKAGES = """linux-image-amd64 systemd-sysv udev systemd-boot-efi initramfs-tools lvm2 cryptsetup-bin btrfs-progs
-    xfsprogs fdisk attr libblkid1 libmount1 libcryptsetup12 libarchive13 libzstd1 libssl3 libexpat1 libcurl4""".split()
+PACKAGES = """linux-image-amd64 systemd-sysv udev initramfs-tools lvm2 cryptsetup-bin btrfs-progs xfsprogs dosfstools
+    fdisk attr libblkid1 libmount1 libcryptsetup12 libarchive13 libzstd1 libssl3 libexpat1 libcurl4""".split()
 LEFT_OUT = ["/usr/share/doc/*", "/usr/share/locale/*"] + [
     f"/lib/modules/*/kernel/{folder}/*" for folder in ("sound", "drivers/net", "drivers/gpu", "drivers/media")]
 
@@ -53,8 +54,7 @@ TTYPath=/dev/%i
 WantedBy=multi-user.target
 """,
 }
-LOADER_ENTRY = ("title Debian\nlinux /vmlinuz\ninitrd /initrd.img\n"
-                "options root=/dev/vda3 rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off\n")
+KERNEL_LINE = "root=/dev/vda3 rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off"
 
 
 class Failure(Exception):
@@ -117,37 +117,34 @@ class Console:
 
 
 class Machine:
-    """A running machine. `folder` holds its disks; with `state` it goes on where it was saved. At the end of the
-    `with` the power is taken away; should this process be killed, too."""
+    """A running machine. `folder` holds its disks. At the end of the `with` the power is taken away; should this
+    process be killed, too."""
 
-    def __init__(self, folder, form, state=None):
-        self.folder, self.state = folder, state
-        for name, size in ("tools", 96), ("out", 64):
-            with open(folder / name, "ab") as disk:
-                disk.truncate(size * MIB)
+    def __init__(self, folder, form, kernel):
+        self.folder = folder
+        for name in "tools", "out":
+            command("truncate", "-s", EXCHANGE, folder / name)
         lines = []
         for number, (name, kind) in enumerate((("tools", "raw"), ("out", "raw"), ("system", form), ("stick", form))):
             lines += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
             if name != "stick":
-                first = ",bootindex=0" if name == "system" else ""
-                lines += ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={16 - number}{first}"]
+                lines += ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={16 - number}"]
+        for name in "operator", "control":
+            lines += ["-serial", f"unix:{folder / name}.socket,server=on,wait=off"]
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-accel", "tcg,thread=multi", "-machine", "q35",
              "-cpu", "max", "-smp", "2", "-m", "1024", "-nic", "none", "-display", "none", "-no-reboot",
              "-drive", "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
-             "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe", *lines,
-             "-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on",
-             *(word for name in ("operator", "control") for word in
-               ("-serial", f"unix:{folder / name}.socket,server=on,wait=off")),
-             "-monitor", f"unix:{folder / 'monitor'}.socket,server=on,wait=off",
-             *(("-incoming", f"exec:cat {state}") if state else ())],
+             "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe",
+             "-kernel", kernel / "vmlinuz", "-initrd", kernel / "initrd.img", "-append", KERNEL_LINE, *lines,
+             "-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"],
             stdin=subprocess.DEVNULL)
 
     def __enter__(self):
         try:
-            self.operator, self.control, self.monitor = (
-                Console(self.folder / f"{name}.socket") for name in ("operator", "control", "monitor"))
-            self.waitUntilReady()
+            self.operator, self.control = (Console(self.folder / f"{name}.socket") for name in ("operator", "control"))
+            for console in self.operator, self.control:
+                console.expect("@shell@\n", 400)
         except BaseException:
             self.__exit__()
             raise
@@ -157,33 +154,18 @@ class Machine:
         self.process.kill()
         self.process.wait()
 
-    def waitUntilReady(self):
-        answer = ""
-        while self.state and answer != "running":
-            self.monitor.send("info status\n")
-            answer = self.monitor.expect(r"VM status: (\w+).*\n", 60)[0][1]
-        if not self.state:
-            self.operator.expect("@shell@\n", 400)
-            self.control.expect("@shell@\n", 400)
-
     def give(self, files):
         """Unpacks files (name in the guest -> path here) below / in the guest."""
         with tarfile.open(self.folder / "tools", "w") as tar:
             for name, path in files.items():
                 tar.add(path, name)
-        with open(self.folder / "tools", "ab") as disk:
-            disk.truncate(96 * MIB)
+        command("truncate", "-s", EXCHANGE, self.folder / "tools")
         self.control.run("blockdev --flushbufs /dev/disk/by-id/virtio-tools; tar xf /dev/disk/by-id/virtio-tools -C /")
 
     def take(self, names, target):
         """Brings files of the guest into the folder `target`."""
         self.control.run(f"tar cf /dev/disk/by-id/virtio-out --format=posix -C / {names} && sync")
         command("tar", "xpf", self.folder / "out", "-C", target)
-
-    def save(self, state):
-        self.monitor.expect(r"\(qemu\) ")
-        self.monitor.send(f"migrate_set_parameter max-bandwidth 8G\nmigrate \"exec:cat > {state}\"\ninfo migrate\n")
-        self.monitor.expect("Migration status: completed")
 
 
 def makeDisks(folder):
@@ -201,57 +183,36 @@ def makeDisks(folder):
     command("systemctl", "--root", root, "mask", "serial-getty@ttyS0.service", "systemd-networkd.service")
     command("systemctl", "--root", root, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
 
-    start, table = 1, "label: gpt\n"
-    offsets = {}
+    start, offset, table = 1, 0, "label: gpt\n"
     for number, size, kind, name in PARTITIONS:
-        offsets[number] = start * MIB
         table += f'{number}: start={start}MiB, size={size}MiB, type={kind}, name="{name}"\n'
+        offset = start * MIB if name == "root" else offset
         start += size
-    with open(system, "wb") as disk, open(folder / "stick", "wb") as stick:
-        disk.truncate((start + 1) * MIB)
-        stick.truncate(32 * MIB)
+    command("truncate", "-s", f"{start + 1}M", system)
+    command("truncate", "-s", "32M", folder / "stick")
     command("sfdisk", "--no-reread", "--no-tell-kernel", system, input=table)
-    command("mkfs.ext4", "-q", "-d", root, "-E", f"offset={offsets[3]}", system, "1024M")
-
-    esp = f"{system}@@{offsets[1]}"
-    (folder / "entry.conf").write_text(LOADER_ENTRY)
-    command("mformat", "-i", esp, "-F", "-T", 64 * MIB // 512, "-h", 64, "-s", 32, "::")
-    command("mmd", "-i", esp, "::/EFI", "::/EFI/BOOT", "::/loader", "::/loader/entries")
-    for source, target in ((root / "usr/lib/systemd/boot/efi/systemd-bootx64.efi", "EFI/BOOT/BOOTX64.EFI"),
-                           (folder / "entry.conf", "loader/entries/debian.conf"),
-                           (next(root.glob("boot/vmlinuz-*")), "vmlinuz"),
-                           (next(root.glob("boot/initrd.img-*")), "initrd.img")):
-        command("mcopy", "-i", esp, source, f"::/{target}")
+    command("mkfs.ext4", "-q", "-d", root, "-E", f"offset={offset}", system, "1024M")
+    for name in "vmlinuz", "initrd.img":
+        shutil.copy(next(root.glob(f"boot/{name}-*")), folder / name)
     shutil.copy("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "variables")
     shutil.rmtree(root)
 
 
 def makeImage(image, folder, passphrase):
-    """Disks with everything planted on them, and the state of the machine waiting for work."""
-    began = time.monotonic()
-
-    def progress(text):
-        say(f"image: {text} after {time.monotonic() - began:.0f} s")
-
+    """Disks with everything planted on them, as they are when the power was cut."""
     makeDisks(folder)
-    progress("packages and disks")
-    with Machine(folder, "raw") as machine:
-        progress("first boot")
+    say("packages and disks are made")
+    with Machine(folder, "raw", folder) as machine:
         machine.give({"root/plant": HERE / "plant"})
         machine.control.run(f"bash /root/plant {shlex.quote(passphrase)}", seconds=600)
-    progress("everything planted and the power cut")
-    with Machine(folder, "raw") as machine:
-        machine.control.run("udevadm settle; mount -o nosuid,nodev /dev/disk/by-id/usb-*-part1 '/media/$(reboot)'")
-        machine.control.run("systemctl is-system-running --wait; sync", None)
-        machine.save(folder / "state")
-    progress("second boot, saved,")
+    say("everything is planted and the power cut")
     folder.rename(image)
 
 
 @contextlib.contextmanager
-def savedMachine(cache, passphrase):
-    """The machine as it waits for work and a folder for the run's files; what the run changes on its disks is not
-    kept. Makes the image if there is none of this recipe. One run at a time; others wait."""
+def plantedMachine(cache, passphrase):
+    """The machine, running; what the run changes on its disks is not kept. Makes the image if there is none of this
+    recipe. One run at a time; others wait."""
     recipe = hashlib.sha256((HERE / "machine.py").read_bytes() + (HERE / "plant").read_bytes() + passphrase.encode())
     image, lock = cache / f"image-{recipe.hexdigest()[:16]}", cache / "lock"
     cache.mkdir(parents=True, exist_ok=True)
@@ -265,5 +226,8 @@ def savedMachine(cache, passphrase):
         with tempfile.TemporaryDirectory(dir=cache) as name:
             for disk in "system", "stick", "variables":
                 command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
-            with Machine(Path(name), "qcow2", image / "state") as machine:
+            with Machine(Path(name), "qcow2", image) as machine:
+                machine.control.run("udevadm settle; "
+                                    "mount -o nosuid,nodev /dev/disk/by-id/usb-*-part1 '/media/$(reboot)'")
+                machine.control.run("systemctl is-system-running --wait; sync", None)
                 yield machine
