@@ -72,8 +72,9 @@ def on_terminal(words, prompt, *lines, secret=True, kill=None):
             while shown.count(prompt) < number:
                 shown += os.read(terminal, 1024)
             deadline = time.monotonic() + PATIENCE
-            while secret and echoes() and time.monotonic() < deadline:
-                pass
+            while secret and echoes():
+                if time.monotonic() > deadline:
+                    raise AssertionError("the terminal still shows what is typed")
             os.write(terminal, line)
         if kill:
             os.kill(child, kill)
