@@ -58,10 +58,14 @@ class BeforeVolumes(CaptureScenario):
         self.assertEqual(result.status, 0)
         self.assertIn("TRACE: command not found: find\nWARNING: search command returned an error", result.log)
 
-    def test_no_descriptors_for_a_command(self):
-        """Three streams and the log are open: the pipe to the command would be the fifth and the sixth."""
-        self.library_error(self.told(), r"popen\(\) failed!",
-                           limits=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (5, 5)))
+    def test_no_process_for_a_command(self):
+        """A user with one process, who is nobody else's and has no second one for the leak check either."""
+        def as_lonely_user():
+            resource.setrlimit(resource.RLIMIT_NPROC, (1, 1))
+            os.setresuid(*[200000 + os.getpid()] * 3)
+
+        self.library_error(self.told(), r"popen\(\) failed!", environment={"ASAN_OPTIONS": "detect_leaks=0"},
+                           limits=as_lonely_user)
 
 
 class AtTheArchive(CaptureScenario):

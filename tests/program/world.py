@@ -87,7 +87,8 @@ def on_terminal(words, prompt, *lines, secret=True, kill=None):
 
 
 def property_list(value):
-    return plistlib.dumps(value).decode()
+    """Without the document type line, which no reader needs."""
+    return re.sub("<!DOCTYPE.*\n", "", plistlib.dumps(value).decode())
 
 
 def write(path, content=""):
