@@ -141,7 +141,7 @@ TEST(ArchiveDamage, IsNamedWithItsPlaceAndALeaderNeverNeedsADictionary) {
     EXPECT_EQ(reading.seen, Seen{"one=first content"});
 
     damaged = archive.bytes;
-    damaged[archive.builder.positions[0] + 7] |= blockCompressed | blockWithDictionary;
+    damaged[archive.builder.positions[2] + 7] |= blockCompressed | blockWithDictionary;
     expectRefused(archive, damaged, "flags");
     damaged = archive.bytes;
     damaged[28] = 0;

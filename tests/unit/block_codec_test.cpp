@@ -56,4 +56,20 @@ TEST(BlockCodec, LearnsFromTheWholeLeader) {
     EXPECT_EQ(BlockDecoder({}).decode(*decodeBlockHeader(block), sealed, leader.bytes, given), BlockFault::none);
     EXPECT_TRUE(given == plain);
 }
+
+TEST(PlainHeader, IsToldFromNoArchiveACutOneAndALaterOne) {
+    const auto fault = [](std::size_t offset, std::uint8_t value, std::size_t length = plainHeaderSize) {
+        auto bytes = encodePlainHeader({16, {}, {}});
+        bytes[offset] = value;
+        HeaderFault found{};
+        EXPECT_FALSE(decodePlainHeader(Bytes(bytes).first(length), found)) << offset;
+        return found;
+    };
+    EXPECT_EQ(fault(1, 'x'), HeaderFault::notAnArchive);
+    EXPECT_EQ(fault(0, fileMagic[0], 7), HeaderFault::notAnArchive);
+    EXPECT_EQ(fault(0, fileMagic[0], plainHeaderSize - 1), HeaderFault::cut);
+    for (const std::size_t offset : {8U, 10U, 12U, 16U, 24U})
+        EXPECT_EQ(fault(offset, 0xfe), HeaderFault::unsupported) << offset;
+}
+
 }  // namespace

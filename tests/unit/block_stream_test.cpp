@@ -14,15 +14,24 @@ using Buffer = std::vector<std::uint8_t>;
 
 constexpr std::size_t blocks = 8;
 
-// The block before the third leader is tried and does not shrink: noise that begins a little less evenly.
-void fill(BlockStream& stream) {
-    Buffer text(blockSize, 't'), noise(blockSize);
-    std::generate(noise.begin(), noise.end(), [dice = std::mt19937(7)]() mutable { return std::uint8_t(dice()); });
-    std::for_each(noise.begin(), noise.begin() + 4096, [](auto& byte) { byte &= 0x7f; });
-    for (std::size_t block = 0; block + 1 < blocks; ++block) stream.put(block == 5 ? noise : text);
-}
+// Letters, and noise that begins a little less evenly: it is tried, and does not shrink.
+struct Content {
+    Content() {
+        std::mt19937 dice(7);
+        for (auto& byte : text) byte = static_cast<std::uint8_t>('a' + dice() % 5);
+        for (auto& byte : noise) byte = static_cast<std::uint8_t>(dice());
+        for (std::size_t i = 0; i < 4096; ++i) noise[i] &= 0x7f;
+    }
+    // The noise comes before the third group begins.
+    void fill(BlockStream& stream) const {
+        for (std::size_t block = 0; block + 1 < blocks; ++block) stream.put(block == 5 ? noise : text);
+    }
+
+    Buffer text = Buffer(blockSize), noise = text;
+};
 
 TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
+    const Content content;
     Buffer first;
     for (const unsigned workers : {1U, 2U, 8U}) {
         Buffer file;
@@ -34,14 +43,14 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
                 file.insert(file.end(), bytes.begin(), bytes.end());
                 return calls++ == failing ? -ENOSPC : 0;
             });
-            fill(stream);
+            content.fill(stream);
             EXPECT_EQ(stream.finish(Buffer(36)), failing < blocks ? -ENOSPC : 0);
             EXPECT_EQ(calls, std::min(failing + 1, blocks)) << "nothing is written behind a gap";
         }
         if (first.empty()) first = file;
         EXPECT_TRUE(file == first) << workers;
         BlockStream unfinished(HpkeKeys(), 3, workers, [](Bytes) { return 0; });
-        fill(unfinished);
+        content.fill(unfinished);
     }
 }
 
