@@ -1,8 +1,8 @@
 #include "app/capture_run.h"
 
-#include <stdlib.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -37,7 +37,7 @@ VolumeInfo findDestination(const RunOptions& options) {
 std::string loadRecipientKey(const fs::path& configuration) {
     std::error_code error;
     if (!configuration.empty() && !fs::is_regular_file(configuration, error)) raiseFatal("invalid config file");
-    const std::string key = loadArchivePublicKey(configuration);
+    std::string key = loadArchivePublicKey(configuration);
     if (key.empty()) {
         logWarning("no recipient key in the configuration; see \"The key\" in \"man tarnwick\"");
         raiseFatal("unable to parse key from config file");
@@ -52,7 +52,7 @@ fs::path makeTempFolder() {
 }
 
 fs::path makeCaptureFolder(const std::string& stamp) {
-    const fs::path folder = makeTempFolder() / ("tarnwick-" + stamp);
+    fs::path folder = makeTempFolder() / ("tarnwick-" + stamp);
     fs::create_directories(folder);
     logInfo("Capturing to temp folder: " + quotedPath(folder));
     return folder;

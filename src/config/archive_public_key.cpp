@@ -18,7 +18,7 @@ std::optional<std::uint32_t> base64Value(char character) {
     constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     if (character == '=') return 0;
     const auto position = alphabet.find(character);
-    return position == alphabet.npos ? std::nullopt : std::optional(static_cast<std::uint32_t>(position));
+    return position == std::string_view::npos ? std::nullopt : std::optional(static_cast<std::uint32_t>(position));
 }
 
 // Reads the fields of a blob one after the other, never past the blob's capacity.
@@ -46,7 +46,7 @@ private:
 }  // namespace
 
 bool parseArchivePublicKey(const std::string& keyText, std::byte* point, std::uint64_t& pointLength) {
-    if (keyText.size() < keyType.size() || keyText.find(keyType) != 0) return false;
+    if (!keyText.starts_with(keyType)) return false;
     if (keyText.at(keyType.size()) != ' ') return false;
     const std::string_view encoded = std::string_view(keyText).substr(keyType.size() + 1);
     std::array<std::byte, blobBufferSize> blob{};

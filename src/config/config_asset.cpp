@@ -13,7 +13,7 @@ namespace tarnwick {
 
 namespace {
 
-const std::string configAssetType = "com.vexlor.Provisor.tarnwick.config";
+constexpr const char* configAssetType = "com.vexlor.Provisor.tarnwick.config";
 constexpr std::int64_t noResultYet = -1;
 
 // The one thing that the service's thread and the waiting thread share. Both hold a share of it, so that a result which

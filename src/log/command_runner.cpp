@@ -32,6 +32,7 @@ std::string readAll(std::FILE* pipe) {
 std::int64_t runCommand(const std::string& commandLine, std::string& output, bool dieOnNonzero) {
     logTrace("Running command: '" + commandLine + "'");
     output.clear();
+    // NOLINTNEXTLINE(cert-env33-c): command lines of our own, and of the configuration, are meant for the shell
     std::FILE* pipe = ::popen(commandLine.c_str(), "re");
     if (!pipe) throw FatalError("popen() failed!");
     output = readAll(pipe);

@@ -231,6 +231,7 @@ void onStart(void* userData, const XML_Char* name, const XML_Char**) noexcept {
     if (auto* builder = live(userData)) builder->start(name);
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): on purpose, see above
 void onEnd(void* userData, const XML_Char*) noexcept {
     if (auto* builder = live(userData)) builder->end();
 }
@@ -324,7 +325,7 @@ std::string base64(const PropertyListData& data) {
 }
 
 std::string decimal(auto number) {
-    std::array<char, 64> digits;
+    std::array<char, 64> digits{};
     return {digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr};
 }
 

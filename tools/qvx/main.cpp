@@ -7,10 +7,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <new>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "create.h"
@@ -287,7 +287,7 @@ int main(int argc, char** argv) {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
         say("out of memory");
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         say(escapedName(error.what()));
     }
     return exitFailed;

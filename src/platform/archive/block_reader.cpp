@@ -152,7 +152,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
         changed_.notify_all();
         return nullptr;
     }
-    const auto slot = std::make_shared<Slot>();
+    auto slot = std::make_shared<Slot>();
     slot->block.place = task->place;
     slot->block.fault = std::move(task->fault);
     slot->wanted = task->wanted;

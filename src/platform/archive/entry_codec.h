@@ -82,8 +82,8 @@ struct EntryTail {
 };
 
 // Each appends the payload to `out`.
-void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& out);
-void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& out);
+void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes);
+void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes);
 
 std::optional<EntryHead> decodeEntryHead(Bytes payload);
 std::optional<EntryTail> decodeEntryTail(Bytes payload);
@@ -112,7 +112,7 @@ public:
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
     // Appends the payload of the part to `out` and begins the next one.
-    void finish(std::vector<std::uint8_t>& out);
+    void finish(std::vector<std::uint8_t>& bytes);
 
 private:
     std::vector<std::uint8_t> body_;
@@ -153,7 +153,7 @@ struct ArchiveRoot {
     std::vector<std::uint32_t> sealedLengths;  // of all blocks before the root's
 };
 
-void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& out);
+void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes);
 std::optional<ArchiveRoot> decodeRoot(Bytes payload);
 
 struct Trailer {

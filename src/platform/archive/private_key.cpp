@@ -6,7 +6,6 @@
 #include <openssl/pem.h>
 
 #include <climits>
-#include <cstring>
 
 namespace tarnwick::qvx {
 
@@ -28,7 +27,7 @@ int providePassphrase(char* buffer, int size, int /*forWriting*/, void* data) {
     if (!passphrase) return -1;
     request.answered = true;
     const int length = passphrase->size() <= static_cast<std::size_t>(size) ? static_cast<int>(passphrase->size()) : -1;
-    if (length > 0) std::memcpy(buffer, passphrase->data(), passphrase->size());
+    if (length > 0) passphrase->copy(buffer, passphrase->size());
     OPENSSL_cleanse(passphrase->data(), passphrase->size());
     return length;
 }
