@@ -7,7 +7,12 @@ target_link_libraries(tarnwick_settings INTERFACE Threads::Threads)
 if(TARNWICK_SANITIZE)
   target_compile_options(tarnwick_settings INTERFACE -fsanitize=${TARNWICK_SANITIZE} -fno-omit-frame-pointer
                                                     -fno-sanitize-recover=all)
+  target_compile_definitions(tarnwick_settings INTERFACE _GLIBCXX_ASSERTIONS)
   target_link_options(tarnwick_settings INTERFACE -fsanitize=${TARNWICK_SANITIZE})
+endif()
+if(TARNWICK_COVERAGE)
+  target_compile_options(tarnwick_settings INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(tarnwick_settings INTERFACE --coverage)
 endif()
 
 # An optimised build is what people run as root: hardened, and the same bytes in whatever folder it is made. The
