@@ -1,8 +1,16 @@
-# What scripts/test and scripts/demo share. Sourced, not run.
+# shellcheck shell=bash
+# What the scripts beside it share. Sourced, not run.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-top=$PWD
 jobs=$(nproc)
+
+# The outermost script shows the times of all steps, those of the scripts that it calls included.
+if [ -z "${STEP_TIMES:-}" ]; then
+    mkdir -p build
+    export STEP_TIMES=$PWD/build/step-times
+    : >"$STEP_TIMES"
+    trap 'cat "$STEP_TIMES"' EXIT
+fi
 
 needRoot() {
     [ "$(id -u)" = 0 ] && return
@@ -11,13 +19,12 @@ needRoot() {
 }
 
 # step NAME COMMAND...: runs one step and tells how long it took.
-steps=()
 step() {
     local name=$1 start=$SECONDS
     shift
     echo "== $name"
     "$@"
-    steps+=("$(printf '%5d s  %s' $((SECONDS - start)) "$name")")
+    printf '%5d s  %s\n' $((SECONDS - start)) "$name" >>"$STEP_TIMES"
 }
 
 setUp() {
@@ -27,11 +34,16 @@ setUp() {
     fi
 }
 
+# quietly NAME COMMAND...: shows what the command says only when it fails.
+quietly() {
+    local output=build/$1.out
+    shift
+    "$@" >"$output" 2>&1 || { cat "$output"; return 1; }
+    rm -f "$output"
+}
+
 # build PRESET [CMAKE OPTIONS...]
 build() {
-    local preset=$1
-    shift
-    cmake --preset "$preset" "$@" >"build-$preset.out" 2>&1 || { cat "build-$preset.out"; return 1; }
-    rm -f "build-$preset.out"
-    cmake --build --preset "$preset" -j "$jobs"
+    quietly "$1" cmake --preset "$@"
+    cmake --build --preset "$1" -j "$jobs"
 }
