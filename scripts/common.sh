@@ -1,13 +1,14 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034  # the names set here are for the others
 # What the scripts beside it share. Sourced, not run.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+top=$PWD
 jobs=$(nproc)
 
 # The outermost script shows the times of all steps, those of the scripts that it calls included.
 if [ -z "${STEP_TIMES:-}" ]; then
     mkdir -p build
-    export STEP_TIMES=$PWD/build/step-times
+    export STEP_TIMES=$top/build/step-times
     : >"$STEP_TIMES"
     trap 'cat "$STEP_TIMES"' EXIT
 fi

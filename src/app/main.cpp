@@ -1,9 +1,9 @@
 #include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -46,7 +46,7 @@ constexpr auto completion =
 // archive, what is meant for the console would be written into it.
 void fillStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-        if (::fcntl(stream, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+        if (::fcntl(stream, F_GETFD) < 0) static_cast<void>(::open("/dev/null", O_RDWR));
 }
 
 // What the commands print and match must not depend on who calls: in a locale of UTF-8 the dot of a regular expression
