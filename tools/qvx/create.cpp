@@ -67,8 +67,7 @@ public:
         return false;
     }
 
-    // The path itself and, if it is a directory, everything below it in order of names. What no archive can hold is
-    // left out below, after saying so.
+    // The path itself and, if it is a directory, everything below it in order of names.
     bool addTree(const std::string& path) {
         if (!add(path)) return false;
         struct stat status {};
@@ -76,14 +75,7 @@ public:
             sayError(escapedName(path), errno);
             return false;
         }
-        if (!S_ISDIR(status.st_mode)) return true;
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(path)) names.push_back(entry.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
-            const std::string below = path.ends_with('/') ? path + name : path + '/' + name;
-            return leftOut(below) || addTree(below);
-        });
+        return !S_ISDIR(status.st_mode) || addBelow(path);
     }
 
     [[nodiscard]] const PathList* list() const { return list_.get(); }
@@ -94,14 +86,43 @@ private:
         return working_ == "/" ? '/' + path : working_ + '/' + path;
     }
 
-    bool leftOut(const std::string& path) const {
-        struct stat status {};
-        if (lstat(path.c_str(), &status) != 0) return false;
-        const bool special = !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
-        const bool output = output_ && status.st_dev == output_->device && status.st_ino == output_->inode;
+    enum class Kind { directory, file, link, special };
+    struct Found {
+        std::string name;
+        Kind kind;
+    };
+
+    // As the directory itself says, mostly, without a look at the file.
+    static Kind kindOf(const fs::directory_entry& entry) {
+        if (entry.is_symlink()) return Kind::link;
+        if (entry.is_directory()) return Kind::directory;
+        return entry.is_regular_file() ? Kind::file : Kind::special;
+    }
+
+    bool addBelow(const std::string& directory) {
+        std::vector<Found> below;
+        for (const auto& entry : fs::directory_iterator(directory))
+            below.push_back({entry.path().filename().string(), kindOf(entry)});
+        std::sort(below.begin(), below.end(), [](const Found& a, const Found& b) { return a.name < b.name; });
+        return std::all_of(below.begin(), below.end(), [&](const Found& found) {
+            const std::string path = directory.ends_with('/') ? directory + found.name : directory + '/' + found.name;
+            return leftOut(path, found.kind) || (add(path) && (found.kind != Kind::directory || addBelow(path)));
+        });
+    }
+
+    // What no archive can hold is left out below a directory, after saying so; and the archive itself.
+    [[nodiscard]] bool leftOut(const std::string& path, Kind kind) const {
+        const bool special = kind == Kind::special;
+        const bool output = kind == Kind::file && isOutput(path);
         if (special) say(escapedName(path) + ": left out, neither a file, a directory nor a symbolic link");
         if (output) say(escapedName(path) + ": left out, it is the archive");
         return special || output;
+    }
+
+    [[nodiscard]] bool isOutput(const std::string& path) const {
+        struct stat status {};
+        return output_ && lstat(path.c_str(), &status) == 0 && status.st_dev == output_->device &&
+               status.st_ino == output_->inode;
     }
 
     PathListHandle list_;
