@@ -159,9 +159,11 @@ class QvxTest(unittest.TestCase):
 
     def test_refuses_and_leaves_nothing_when_it_cannot_create(self):
         self.write("file")
-        for done in (self.create(self.at("missing")), self.create(self.source, ""), self.create("/dev/null"),
-                     run("create", "-r", "ecdsa-sha2-nistp256 AAAA", "-o", self.archive, self.source)):
-            self.assertEqual((done.returncode, os.path.exists(self.archive)), (1, False), done.args)
+        key, unreadable = self.at("key.pub"), "/proc/sys/vm/compact_memory"  # noticed once the archive has begun
+        for recipient, *paths in ((key, self.at("missing")), (key, self.source, ""), (key, "/dev/null"),
+                                  (key, self.source, unreadable), ("ecdsa-sha2-nistp256 AAAA", self.source)):
+            done = run("create", "-r", recipient, "-o", self.archive, *paths)
+            self.assertEqual((done.returncode, os.path.exists(self.archive)), (1, False), paths)
         self.fine(self.create(cwd="/"))
         self.assertEqual(run("keygen", "-o", self.at("key")).returncode, 1)
 
