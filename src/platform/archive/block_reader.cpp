@@ -96,9 +96,9 @@ BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supp
     for (unsigned i = 0; i < workers; ++i) {
         try {
             threads_.emplace_back([this] { work(); });
-        } catch (const std::system_error&) {
+        } catch (...) {
             if (threads_.empty()) throw;
-            break;
+            break;  // fewer do as well
         }
     }
 }
@@ -129,6 +129,7 @@ void BlockPipeline::work() {
         while ((slot = claim())) {
             if (!slot->block.fault) opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
             finish(*slot);
+            slot.reset();  // it is the consumer's from here on
         }
     } catch (const std::bad_alloc&) {
         if (slot) {
@@ -158,12 +159,10 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     slot->wanted = task->wanted;
     const std::uint64_t groupLength = file_.header().groupLength;
     const std::uint64_t group = task->place.sequence / groupLength;
-    if (task->place.sequence % groupLength == 0) {
-        leader_ = slot;
-    } else if (leader_ && leader_->block.place.sequence / groupLength == group) {
-        slot->leader = leader_;
-    }
+    const bool leads = task->place.sequence % groupLength == 0;
+    if (!leads && leader_ && leader_->block.place.sequence / groupLength == group) slot->leader = leader_;
     queue_.push_back(slot);
+    if (leads) leader_ = slot;  // and not before somebody is sure to open it
     return slot;
 }
 
