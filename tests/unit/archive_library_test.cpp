@@ -168,6 +168,22 @@ TEST_F(ArchiveLibrary, StoresAFileThatChangesWhileItIsReadAsItWasRead) {
     }
 }
 
+TEST_F(ArchiveLibrary, ComesToAnEndWithAHoleOfTebibytes) {
+    struct : Recorder {
+        bool hole(std::uint64_t length) override { return length <= (std::uint64_t{1} << 41); }
+        bool finish(const EntryTail& tail, const ContentReader&) override {
+            seen.push_back(std::to_string(tail.sum->size) + (tail.digest ? " with a digest" : ""));
+            return true;
+        }
+    } sizes;
+    const auto path = file("huge", "");
+    fs::resize_file(path, std::uintmax_t{1} << 41);
+    ASSERT_EQ(write(Seen{path}), 0);
+    ReadFault fault;
+    EXPECT_TRUE(openArchive(bytes(), fault)->readAll(sizes, fault)) << fault.what;
+    EXPECT_EQ(sizes.seen, Seen{"2199023255552"});
+}
+
 TEST_F(ArchiveLibrary, OpensRegularFilesOnlyAndSetsTheirMode) {
     ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
     fs::create_symlink(at("target"), at("link"));

@@ -224,6 +224,19 @@ TEST(ArchiveLies, OfEntriesAreFound) {
     }
 }
 
+TEST(ArchiveLies, OfEntriesAreFoundByTheIndexToo) {
+    ArchiveBuilder builder;
+    EntryTail tail = tailOf(sha256("abd"));
+    tail.contentOf = 0;
+    ByteVector end;
+    encodeEntryTail(tailOf(sha256("abc")), end);
+    builder.file("a", "abc").entry(builder.head("b"), "", tail);
+    builder.begin(builder.head("c")).data("abc").record(RecordType::index, end);
+    const auto bytes = builder.end({}, 3).finish();
+    EXPECT_EQ(readChosen(bytes, "b").seen, Seen{"b="});
+    EXPECT_EQ(readChosen(bytes, "c").seen, Seen{"c!"});
+}
+
 TEST(ArchiveSalvage, SavesWhateverIsWholeWhateverByteIsFlipped) {
     const SmallArchive archive;
     const auto& positions = archive.builder.positions;
@@ -271,6 +284,8 @@ TEST(ArchiveSalvage, IsNotKeptBusyByHeadersWithoutBlocks) {
     const auto header = encodeBlockHeader({blockSize / 2, blockCompressed, 1});
     std::vector<ByteVector> headers(20000, ByteVector(header.begin(), header.end()));
     headers.emplace_back(blockSize);
+    EXPECT_TRUE(salvage(archive.with(headers)).seen.empty());
+    headers.assign(1000000, ByteVector(blockMagic.begin(), blockMagic.end()));
     EXPECT_TRUE(salvage(archive.with(headers)).seen.empty());
 }
 

@@ -41,7 +41,8 @@ TEST(RecordCursor, StopsAtWhatIsNoRecord) {
         std::size_t records;
         bool damaged;
     } cases[] = {
-        {"0201000061020000", 1, false},        // too few bytes left for a record
+        {"0201000061000000", 1, false},        // too few bytes left for a record
+        {"0201000061020000", 1, true},         // and they are something
         {"020100006100000000", 1, false},      // padding of no bytes
         {"0201000061000200000000", 1, false},  // padding up to the end
         {"0201000061000100000000", 1, true},   // padding that ends before the block does
@@ -49,7 +50,8 @@ TEST(RecordCursor, StopsAtWhatIsNoRecord) {
         {"08000000", 0, true},                 // no such type
         {"8201000061", 0, true},               // only some types may go on in the next block
         {"8402000061620000", 1, false},
-        {"84020000616200000000", 0, true},  // goes on although there is room for another record
+        {"0201000061000200000001", 1, true},  // padding that is something
+        {"84020000616200000000", 0, true},    // goes on although there is room for another record
     };
     for (const auto& [block, expected, damaged] : cases) {
         const auto bytes = fromHex(block);

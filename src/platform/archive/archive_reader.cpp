@@ -89,7 +89,7 @@ private:
         table_.add(place, entry_);
         return entry_.deliver([&](EntrySink& sink) {
             const auto source = locate(*entry_.tail().contentOf, fault);
-            return source && readContent(index_.blocks(), *source, sink);
+            return source && readContent(index_.blocks(), *source, entry_.tail(), sink);
         });
     }
 

@@ -14,6 +14,10 @@ bool ArchiveWalk::take(const OpenedBlock& block) {
     map_.add(block.place);
     audit_.addBlock(block);
     if (block.last() != (phase_ == Phase::trailer)) return refuse("the last block is not where it must be");
+    // Whoever begins at the end looks there for a block of this length.
+    if (block.last() && block.header.sealedLength != lastBlockSize - blockHeaderSize)
+        return refuse("the last block is of a wrong length");
+    needsLeader_ = block.header.flags & blockWithDictionary;
     RecordCursor cursor(block.plain);
     std::size_t offset = 0;
     while (const auto record = cursor.next()) {
@@ -59,7 +63,7 @@ bool ArchiveWalk::deliver() {
     ++count_;
     stopped_ = !entry_.deliver([this](EntrySink& sink) {
         const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
-        return place && readContent(random_, *place, sink);
+        return place && readContent(random_, *place, entry_.tail(), sink);
     });
     return !stopped_;
 }
@@ -68,6 +72,7 @@ bool ArchiveWalk::takeIndexRecord(const Record& record, const EntryPlace& place)
     if (entry_.inEntry()) return refuseEntry("the entry has no end");
     if (phase_ != Phase::entries) return refuse("something stands behind the root");
     const bool root = record.type == RecordType::root;
+    if (root && needsLeader_) return refuse("a block of the root is not to be read without another");
     if (root && place.offset != 0) return refuse("the root does not begin its block");
     const std::uint64_t limit = root ? file_.size() : maxIndexLength;
     switch (joiner_.take(record, static_cast<std::size_t>(limit))) {

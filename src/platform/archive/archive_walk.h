@@ -41,6 +41,7 @@ private:
     BlockPlace block_;
     ReadFault fault_;
     std::uint64_t count_ = 0;
+    bool needsLeader_ = false;  // the block at hand
     bool stopped_ = false;
 };
 

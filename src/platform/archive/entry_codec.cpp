@@ -65,6 +65,10 @@ std::size_t sharedLength(std::string_view a, std::string_view b) {
     return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
 }
 
+bool isZero(Bytes bytes) {
+    return bytes.empty() || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
+}
+
 // Turns `entry` from the entry before into the next one.
 void takeIndexEntry(WireReader& in, IndexEntry& entry) {
     const std::uint64_t step = in.varint();
@@ -110,7 +114,9 @@ std::optional<Record> RecordCursor::next() {
         record.payload = block_.subspan(offset_ + recordHeaderSize, length);
         offset_ += recordHeaderSize + length;
         if (record.type != RecordType::pad) return record;
+        damaged_ = !isZero(record.payload);
     }
+    damaged_ = damaged_ || !isZero(block_.subspan(offset_));
     return std::nullopt;
 }
 

@@ -12,7 +12,8 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::uint64_t largestContent = std::numeric_limits<std::int64_t>::max();
-constexpr std::size_t worthAThread = 262144;  // bytes
+constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
+constexpr std::size_t worthAThread = 262144;      // bytes
 
 }  // namespace
 
@@ -62,7 +63,8 @@ EntryReader::Step EntryReader::take(const Record& record) {
     switch (record.type) {
         case RecordType::data: return addData(record.payload);
         case RecordType::hole: return addHole(record.payload);
-        default: break;
+        case RecordType::end: break;
+        default: return damaged("the entry has no end");
     }
     switch (joiner_.take(record, maxEndLength)) {
         case RecordJoiner::State::partial: return Step::more;
@@ -98,6 +100,7 @@ EntryReader::Step EntryReader::begin(Bytes payload) {
     digest_.restart();
     size_ = 0;
     holes_ = 0;
+    zeros_ = 0;
     inEntry_ = sink_.begin(head_);
     return inEntry_ ? Step::more : Step::stopped;
 }
@@ -127,9 +130,15 @@ EntryReader::Step EntryReader::addHole(Bytes payload) {
     if (!length || head_.type != EntryType::file || *length > largestContent - size_)
         return damaged("a hole is malformed");
     size_ += *length;
+    zeros_ += *length;
     ++holes_;
-    if (!sink_.hole(*length)) return Step::stopped;
-    digest_.addZeros(*length);
+    if (zeros_ > maxDigestedHoles) return sink_.hole(*length) ? Step::more : Step::stopped;
+    // In pieces, so that the sink may stop in between.
+    for (std::uint64_t left = *length, piece = 0; left > 0; left -= piece) {
+        piece = std::min(left, zerosAtOnce);
+        if (!sink_.hole(piece)) return Step::stopped;
+        digest_.addZeros(piece);
+    }
     return Step::more;
 }
 
@@ -151,6 +160,7 @@ const char* EntryReader::faultOfTail() {
     }
     if (tail_.linkOf || (tail_.sum && !file) || (tail_.digest && head_.type == EntryType::directory))
         return "the entry has fields that do not go together";
+    if (tail_.digest && zeros_ > maxDigestedHoles) return "the entry has a digest of more zeros than it may";
     if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
     if (tail_.digest && *tail_.digest != digest_.finish()) return "the digest does not match";
     if (head_.type == EntryType::link && size_ == 0) return "the link has no target";

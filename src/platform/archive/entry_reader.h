@@ -111,6 +111,7 @@ private:
     ContentDigest digest_;
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
+    std::uint64_t zeros_ = 0;  // in the holes
     std::string what_;
     bool inEntry_ = false;
 };

@@ -22,7 +22,7 @@ private:
 
 }  // namespace
 
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink) {
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& wanted, EntrySink& sink) {
     ContentForwarder forwarder(sink);
     EntryReader entry(forwarder);
     std::size_t offset = place.offset;
@@ -33,7 +33,9 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink)
         while (const auto record = cursor.next()) {
             const auto step = entry.take(*record);
             if (step == EntryReader::Step::more) continue;
-            return step == EntryReader::Step::whole && entry.head().number == place.number && !entry.tail().contentOf;
+            return step == EntryReader::Step::whole && entry.head().number == place.number && !entry.tail().contentOf &&
+                   (!wanted.digest || wanted.digest == entry.tail().digest) &&
+                   (!wanted.sum || wanted.sum->size == entry.size());
         }
         if (cursor.damaged()) return false;
     }

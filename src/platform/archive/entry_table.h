@@ -12,8 +12,9 @@ struct EntryPlace {
     std::size_t offset = 0;
 };
 
-// Reads the content of the entry at `place`, which must hold it itself. False when it cannot be read.
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, EntrySink& sink);
+// Reads the content of the entry at `place`, which must hold it itself. False when it cannot be read, and when it is
+// not what the tail of the entry that wants it says.
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& wanted, EntrySink& sink);
 
 // The regular files gone by, to which others may refer: about 100 bytes each.
 class EntryTable {

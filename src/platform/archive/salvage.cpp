@@ -1,6 +1,7 @@
 #include "platform/archive/salvage.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tarnwick::qvx {
 
@@ -47,11 +48,15 @@ private:
     // Where the next block magic stands, or the end of the file.
     std::uint64_t findMagic(std::uint64_t position) {
         while (position < file_.size()) {
-            window_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(blockSize, file_.size() - position)));
-            std::string what;
-            if (!file_.read(position, window_, what)) return position + window_.size();
-            const auto found = std::search(window_.begin(), window_.end(), blockMagic.begin(), blockMagic.end());
-            position += static_cast<std::uint64_t>(found - window_.begin());
+            if (position < windowAt_ || position + blockMagic.size() > windowAt_ + window_.size()) {
+                window_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(blockSize, file_.size() - position)));
+                windowAt_ = position;
+                std::string what;
+                if (!file_.read(position, window_, what)) return position + std::exchange(window_, {}).size();
+            }
+            const auto begin = window_.begin() + static_cast<std::ptrdiff_t>(position - windowAt_);
+            const auto found = std::search(begin, window_.end(), blockMagic.begin(), blockMagic.end());
+            position += static_cast<std::uint64_t>(found - begin);
             if (found != window_.end()) return position;
             if (position < file_.size()) position -= blockMagic.size() - 1;  // one may stand across the windows
         }
@@ -61,7 +66,8 @@ private:
     const ArchiveFile& file_;
     HpkeCipher cipher_;
     std::vector<std::uint8_t> sealed_;
-    std::vector<std::uint8_t> window_;
+    std::vector<std::uint8_t> window_;  // of the file, for looking on where it was left
+    std::uint64_t windowAt_ = 0;
     std::vector<BlockPlace> found_;
     std::uint64_t futile_ = 0;
 };
@@ -145,7 +151,7 @@ bool SalvageWalk::deliver() {
     table_.add(entryPlace_, entry_);
     return entry_.deliver([this](EntrySink& sink) {
         const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
-        return place && readContent(random_, *place, sink);
+        return place && readContent(random_, *place, entry_.tail(), sink);
     });
 }
 
