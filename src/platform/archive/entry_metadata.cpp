@@ -7,15 +7,21 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 namespace tarnwick::qvx {
 
 namespace {
 
+// The nearest there is: a file may claim to be of the year 2400, which nanoseconds do not reach.
 std::int64_t nanoseconds(const struct statx_timestamp& time) {
-    return wrappingAdd(static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000U),
-                       time.tv_nsec);
+    using Limits = std::numeric_limits<std::int64_t>;
+    std::int64_t result = 0;
+    if (!__builtin_mul_overflow(time.tv_sec, 1'000'000'000, &result) &&
+        !__builtin_add_overflow(result, time.tv_nsec, &result))
+        return result;
+    return time.tv_sec < 0 ? Limits::min() : Limits::max();
 }
 
 std::optional<std::uint32_t> inodeFlags(int descriptor) {
