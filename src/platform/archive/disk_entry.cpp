@@ -87,6 +87,7 @@ int DiskEntryReader::open(DiskEntry& entry) {
 int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
     const ssize_t length = ::readlink(entry.listed.path.c_str(), reinterpret_cast<char*>(room.data()), room.size());
     if (length < 0) return -errno;
+    if (length == 0) return -EIO;  // only a broken file system has such a link, and no reader would take it
     entry.content = room.first(static_cast<std::size_t>(length));
     hasher_.restart();
     hasher_.add(entry.content);

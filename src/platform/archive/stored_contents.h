@@ -1,6 +1,6 @@
 // Which files stand in the archive already, so that a file listed twice, and a hard link, is stored once.
 //
-// Memory: 2 bits for each entry of the list (4 while it is looked through), and 16 to 32 bytes for each file that may
+// Memory: 2 bytes for each entry of the list (4 while it is looked through), and 16 to 32 bytes for each file that may
 // come up again: one whose inode is listed twice, and a few that look so.
 #pragma once
 
