@@ -142,7 +142,9 @@ bool OutputSink::hole(std::uint64_t length) {
 }
 
 bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
-    return !tail.contentOf || content(*this);
+    if (!tail.contentOf || content(*this)) return true;
+    if (!std::ferror(stdout)) say("the content, which an earlier entry holds, cannot be read");
+    return false;
 }
 
 }  // namespace tarnwick::qvx

@@ -1,6 +1,7 @@
 // qvx: makes, lists, checks and unpacks archives sealed to the holder of a P-256 key.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -278,11 +279,18 @@ int run(int argc, char** argv) {
     return chosen(options);
 }
 
+// A standard stream that was closed would be the next file opened, and what is said would be written into that one.
+void occupyStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(stream, F_GETFD) < 0) open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // A reader of our output that goes away is a failed write, not a death without a word.
     std::signal(SIGPIPE, SIG_IGN);
+    occupyStandardStreams();
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
