@@ -94,6 +94,15 @@ TEST(ArchiveReader, ReadsAllAndTakesOut) {
     EXPECT_EQ(readChosen(archive.bytes, "five").seen, Seen{});
     const auto empty = ArchiveBuilder().finish();
     EXPECT_TRUE(readAll(empty).good && readChosen(empty).good && readChosen(empty).seen.empty());
+
+    struct : Recorder {
+        bool data(Bytes) override { return false; }
+    } stopping;
+    ReadFault fault;
+    std::uint64_t taken = 0;
+    const auto all = [](std::uint64_t, std::string_view) { return true; };
+    EXPECT_FALSE(openArchive(archive.bytes, fault)->readChosen(all, stopping, taken, fault));
+    EXPECT_EQ(fault.what, "");
 }
 
 TEST(ArchiveDamage, EveryByteFlippedAndACutAtEveryLengthAreRefused) {

@@ -61,8 +61,8 @@ public:
                 const auto step = entry_.take(*record);
                 const bool expected = entry_.head().number == place.number && chosen_(place.number, entry_.head().path);
                 if (step == EntryReader::Step::more && expected) continue;
-                if (step == EntryReader::Step::whole) return deliver(place, fault);
-                if (step == EntryReader::Step::stopped) return false;
+                if (step == EntryReader::Step::whole) return deliver(place, fault) || stopped(fault);
+                if (step == EntryReader::Step::stopped) return stopped(fault);
                 return refuse(step == EntryReader::Step::more ? "the index does not match the entry" : entry_.what(),
                               fault);
             }
@@ -80,6 +80,12 @@ private:
         if (block_->place.sequence != sequence) return refuse("the index does not match the entry", fault);
         if (!block_->fault) return true;
         refuse(block_->fault->what, fault);
+        return false;
+    }
+
+    // What was put there on the way is not a fault of the archive.
+    static bool stopped(ReadFault& fault) {
+        fault = {};
         return false;
     }
 

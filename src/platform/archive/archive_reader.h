@@ -28,7 +28,7 @@ public:
     bool list(const ArchiveIndex::Visitor& visit, ReadFault& fault);
 
     // Reads the entries that are chosen, in archive order, and only the blocks that hold them. `taken` is their
-    // number. False at the first damage met, and when the sink stops.
+    // number. False at the first damage met, and when the sink stops (then the fault says nothing).
     bool readChosen(const Choice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault);
 
     // Goes through the whole archive and checks everything: each block and its place, each record, sum and digest, each
