@@ -14,6 +14,7 @@ const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, GOES_ON = 0x80, FILE = 1, DIRECT
 const PAD = 0, ENTRY = 1, DATA = 2, HOLE = 3, END = 4, INDEX = 5, ROOT = 6, TRAILER = 7;
 const SPLIT_LIMIT = { [END]: 2 << 20, [INDEX]: 1 << 20, [ROOT]: Infinity };
 const BAD_PATH = /\0|^(?=.)\.{0,2}(\/|$)|\/\.{0,2}(\/|$)/s;
+const TYPES = [, "file", "directory", "link"];
 const ZEROS = Buffer.alloc(BLOCK);
 
 const demand = (condition, what) => { if (!condition) throw new Error(what); };
@@ -185,7 +186,7 @@ class Archive {
     if (has(3)) entry.link_of = fields.count();
     if (has(4)) entry.xattrs = repeat(fields.count(), () => [fields.text(), fields.text()]);
     if (has(5)) [entry.acl, entry.default_acl] = [fields.text().toString(), fields.text().toString()];
-    if (has(7)) entry.xattrs_left_out = true;
+    if (has(7)) entry.xattrs_omitted = true;
     const holder = has(2) ? this.entries[entry.content_of] : { type: FILE, size, holes, sha256: digest.digest("hex") };
     demand(!has(2) || (isFile && !stored), "content besides a reference to content");
     demand(holder?.type === FILE && holder.content_of === undefined, "a reference to no content");
@@ -233,10 +234,13 @@ class Archive {
   }
 }
 
-function print({ place, ...entry }) {
+function print({ place, size, ...entry }) {
   const base64 = (value) => (Buffer.isBuffer(value) ? value.toString("base64") : value?.map(base64));
-  const told = { ...entry, path: base64(entry.path), target: base64(entry.target), xattrs: base64(entry.xattrs) };
-  console.log(JSON.stringify(told, (_, value) => (typeof value === "bigint" ? String(value) : value)));
+  const told = { ...entry, type: TYPES[entry.type], mode: entry.mode?.toString(8).padStart(4, "0") };
+  for (const key of ["path", "target", "xattrs"]) told[key] = base64(entry[key]);
+  if (entry.type === FILE) told.size = size;
+  const mark = (_, value) => (typeof value === "bigint" ? `#${value}` : value);
+  console.log(JSON.stringify(told, mark).replace(/"#(-?\d+)"/g, "$1"));
 }
 
 const folder = mkdtempSync(`${tmpdir()}/second-reader-`);
