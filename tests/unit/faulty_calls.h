@@ -10,19 +10,15 @@ namespace tarnwick::test {
 inline constexpr int halved = -1;  // in place of an errno value: a read or write of half as much as was asked for
 
 struct Fault {
-    std::string_view call;         // as faulty_calls.cpp names it
-    unsigned first = 0;            // of the calls of this name, from arming on
+    std::string_view call;         // a group of calls, as faulty_calls.cpp names it
+    unsigned first = 0;            // of the calls of the group, from arming on
     unsigned times = 1;            // how many of them
     int error = 0;                 // errno
     std::function<void()> before;  // done before the call, which then goes on unless there is an error as well
 };
 
 void arm(Fault fault);
-
-// The number of calls seen of the fault's name.
-unsigned disarm();
-
-// Threads that were started and not joined.
-int runningThreads();
+unsigned disarm();     // the number of calls seen
+int runningThreads();  // started and not joined
 
 }  // namespace tarnwick::test
