@@ -1,5 +1,6 @@
 #include "create.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,17 +93,36 @@ private:
         Kind kind;
     };
 
-    // As the directory itself says, mostly, without a look at the file.
-    static Kind kindOf(const fs::directory_entry& entry) {
-        if (entry.is_symlink()) return Kind::link;
-        if (entry.is_directory()) return Kind::directory;
-        return entry.is_regular_file() ? Kind::file : Kind::special;
+    static Kind kindOf(mode_t type) {
+        if (S_ISLNK(type)) return Kind::link;
+        if (S_ISDIR(type)) return Kind::directory;
+        return S_ISREG(type) ? Kind::file : Kind::special;
+    }
+
+    // Kinds are as the directory itself says, mostly, without a look at the file. The standard library's iterator would
+    // end the process where memory runs out. False with errno set.
+    static bool readBelow(const std::string& directory, std::vector<Found>& below) {
+        const std::unique_ptr<DIR, FreeWith<closedir>> opened(opendir(directory.c_str()));
+        if (!opened) return false;
+        for (errno = 0; const dirent* entry = readdir(opened.get()); errno = 0) {
+            const std::string_view name = entry->d_name;
+            if (name == "." || name == "..") continue;
+            struct stat status {};
+            status.st_mode = DTTOIF(entry->d_type);
+            if (entry->d_type == DT_UNKNOWN &&
+                fstatat(dirfd(opened.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+                return false;
+            below.push_back({std::string(name), kindOf(status.st_mode)});
+        }
+        return errno == 0;
     }
 
     bool addBelow(const std::string& directory) {
         std::vector<Found> below;
-        for (const auto& entry : fs::directory_iterator(directory))
-            below.push_back({entry.path().filename().string(), kindOf(entry)});
+        if (!readBelow(directory, below)) {
+            sayError(escapedName(directory), errno);
+            return false;
+        }
         std::sort(below.begin(), below.end(), [](const Found& a, const Found& b) { return a.name < b.name; });
         return std::all_of(below.begin(), below.end(), [&](const Found& found) {
             const std::string path = directory.ends_with('/') ? directory + found.name : directory + '/' + found.name;
