@@ -69,11 +69,8 @@ bool mayRestore(const std::string& attribute) { return geteuid() == 0 || attribu
 
 // These come last in an archive, behind the content, when the disk writer has long wanted them; so they are set here.
 // The descriptor is one of O_PATH, whose entry in /proc leads to the file itself whatever has happened to its name.
-void restoreExtras(const std::string& path, const std::string& name, EntryType type, const EntryTail& tail) {
-    const FileDescriptor file(open(name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+void restoreExtras(const std::string& path, const FileDescriptor& file, EntryType type, const EntryTail& tail) {
     const std::string place = "/proc/self/fd/" + std::to_string(file.get());
-    if (!file) return warn(path, std::strerror(errno));
-
     if (tail.attributes)
         for (const auto& [attribute, value] : *tail.attributes)
             if (mayRestore(attribute) && setxattr(place.c_str(), attribute.c_str(), value.data(), value.size(), 0) != 0)
@@ -98,7 +95,9 @@ void restoreExtras(const std::string& path, const std::string& name, EntryType t
 }  // namespace
 
 void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail) {
-    restoreExtras(head.path, name, EntryType::directory, tail);
+    const FileDescriptor file(open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) return warn(head.path, std::strerror(errno));
+    restoreExtras(head.path, file, EntryType::directory, tail);
     // The disk writer gives directories their times when it is closed, so that each has one of its own.
     const std::unique_ptr<archive, FreeWith<archive_write_free>> disk(archive_write_disk_new());
     if (!disk) throw std::bad_alloc();
@@ -133,7 +132,16 @@ bool TemporaryFile::create(int directory, const EntryHead& head, const std::stri
         return refuse();
     }
     open_ = true;
+    hold();
     return true;
+}
+
+// Others may write in the directory and put a file of theirs under our name, which must get nothing that root alone
+// may give.
+void TemporaryFile::hold() {
+    struct stat status {};
+    file_ = FileDescriptor(open(name_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (file_ && (fstat(file_.get(), &status) != 0 || status.st_uid != geteuid() || status.st_nlink != 1)) file_ = {};
 }
 
 bool TemporaryFile::data(Bytes bytes) {
@@ -161,7 +169,11 @@ bool TemporaryFile::finish(const EntryTail& tail) {
     const int result = archive_write_finish_entry(disk_.get());
     if (result < ARCHIVE_WARN) return refuse();
     if (result < ARCHIVE_OK) warn(path_, archive_error_string(disk_.get()));
-    restoreExtras(path_, name_, type_, tail);
+    if (file_) {
+        restoreExtras(path_, file_, type_, tail);
+    } else {
+        warn(path_, "attributes and access control lists are not restored: the file has another owner");
+    }
     return true;
 }
 
@@ -192,6 +204,7 @@ void TemporaryFile::drop() {
     open_ = false;
     if (exists()) unlinkat(directory_, name_.c_str(), 0);
     name_.clear();
+    file_ = {};
 }
 
 bool TemporaryFile::refuse() {

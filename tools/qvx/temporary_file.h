@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "base/handle.h"
 #include "platform/archive/entry_codec.h"
 
 struct archive;
@@ -47,6 +48,7 @@ private:
         void operator()(archive* disk) const noexcept;
     };
 
+    void hold();
     bool refuse();
     bool refuseWithErrno();
 
@@ -54,6 +56,7 @@ private:
     std::string path_;  // of the entry, for messages
     std::string name_;  // empty: none
     std::string what_;
+    FileDescriptor file_;  // O_PATH, of what was made; none where that could not be told
     EntryType type_ = EntryType::file;
     int directory_ = -1;
     std::uint64_t offset_ = 0;
