@@ -23,7 +23,9 @@ int complain(const std::string& problem) {
 
 int printVariables() {
     const char* forTests = std::getenv("TARNWICK_EFIVARS_DIR");
-    const auto write = [](const std::string& line) { std::fwrite(line.data(), 1, line.size(), stdout); };
+    const auto write = [](const std::string& line) {
+        static_cast<void>(std::fwrite(line.data(), 1, line.size(), stdout));  // see ferror below
+    };
     const auto dump = dumpVariables(forTests ? forTests : variablesFolder, write, ::read);
     for (const auto& problem : dump.problems) complain(problem);
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) return complain("cannot write the variables");

@@ -282,7 +282,8 @@ int run(int argc, char** argv) {
 // A standard stream that was closed would be the next file opened, and what is said would be written into that one.
 void occupyStandardStreams() {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        if (fcntl(stream, F_GETFD) < 0) open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        if (fcntl(stream, F_GETFD) < 0)
+            static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
 }
 
 }  // namespace
