@@ -10,7 +10,6 @@ KeyHandle publicKeyFromPoint(Bytes) { return nullptr; }
 KeyHandle privateKeyFromScalar(const Scalar&) { return nullptr; }
 KeyHandle generatePrivateKey() { return nullptr; }
 std::optional<Point> publicPointOf(EVP_PKEY*) { return Point{}; }
-Digest sshFingerprint(const Point&) { return {}; }
 HpkeKeys::~HpkeKeys() = default;
 std::optional<HpkeSender> hpkeSend(Aead, EVP_PKEY*, EVP_PKEY*, Bytes) { return HpkeSender{}; }
 std::optional<HpkeKeys> hpkeReceive(Aead, EVP_PKEY*, Bytes, Bytes) { return HpkeKeys{}; }

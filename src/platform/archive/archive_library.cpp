@@ -16,6 +16,7 @@
 #include "platform/archive/block_stream.h"
 #include "platform/archive/encryption_context.h"
 #include "platform/archive/path_list.h"
+#include "platform/archive/ssh_key.h"
 
 namespace tarnwick {
 

@@ -7,7 +7,6 @@
 #include <openssl/kdf.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
-#include <openssl/sha.h>
 
 #include <algorithm>
 #include <new>
@@ -228,21 +227,6 @@ std::optional<Point> publicPointOf(EVP_PKEY* key) {
     if (!x || !y || BN_bn2binpad(x, point.data() + 1, 32) != 32 || BN_bn2binpad(y, point.data() + 33, 32) != 32)
         return std::nullopt;
     return point;
-}
-
-Digest sshFingerprint(const Point& point) {
-    constexpr std::string_view front(
-        "\0\0\0\x13"
-        "ecdsa-sha2-nistp256"
-        "\0\0\0\x08"
-        "nistp256"
-        "\0\0\0\x41",
-        39);
-    std::array<std::uint8_t, front.size() + Point{}.size()> blob{};
-    std::copy(point.begin(), point.end(), std::copy(front.begin(), front.end(), blob.begin()));
-    Digest digest{};
-    SHA256(blob.data(), blob.size(), digest.data());
-    return digest;
 }
 
 HpkeKeys::~HpkeKeys() { OPENSSL_cleanse(key.data(), key.size()); }

@@ -31,9 +31,6 @@ KeyHandle generatePrivateKey();
 // None for a key of another curve or kind.
 std::optional<Point> publicPointOf(EVP_PKEY* key);
 
-// SHA-256 of the SSH wire form of a P-256 public key: the fingerprint that `ssh-keygen -l` prints.
-Digest sshFingerprint(const Point& point);
-
 enum class Aead : std::uint16_t { aes128Gcm = 1, aes256Gcm = 2 };
 
 // What both sides share after the agreement. Wiped when it goes.

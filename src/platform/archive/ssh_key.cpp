@@ -1,6 +1,7 @@
 #include "platform/archive/ssh_key.h"
 
 #include <openssl/evp.h>
+#include <openssl/sha.h>
 
 #include <algorithm>
 
@@ -21,6 +22,12 @@ constexpr std::string_view blobFront(
 constexpr std::size_t blobSize = blobFront.size() + std::tuple_size_v<Point>;
 constexpr std::size_t base64Size = (blobSize + 2) / 3 * 4;
 
+std::array<std::uint8_t, blobSize> blobOf(const Point& point) {
+    std::array<std::uint8_t, blobSize> blob{};
+    std::copy(point.begin(), point.end(), std::copy(blobFront.begin(), blobFront.end(), blob.begin()));
+    return blob;
+}
+
 std::string encodeBase64(Bytes bytes) {
     std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // the encoder adds a zero byte
     EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(), static_cast<int>(bytes.size()));
@@ -35,17 +42,20 @@ bool isBase64Character(char c) {
 
 }  // namespace
 
+Digest sshFingerprint(const Point& point) {
+    const auto blob = blobOf(point);
+    Digest digest{};
+    SHA256(blob.data(), blob.size(), digest.data());
+    return digest;
+}
+
 std::string fingerprintText(const Digest& fingerprint) {
     auto text = encodeBase64(fingerprint);
     text.erase(text.find('='));
     return "SHA256:" + text;
 }
 
-std::string sshKeyLine(const Point& point) {
-    std::array<std::uint8_t, blobSize> blob{};
-    std::copy(point.begin(), point.end(), std::copy(blobFront.begin(), blobFront.end(), blob.begin()));
-    return std::string(keyType) + ' ' + encodeBase64(blob);
-}
+std::string sshKeyLine(const Point& point) { return std::string(keyType) + ' ' + encodeBase64(blobOf(point)); }
 
 std::optional<Point> parseSshKeyLine(std::string_view line) {
     if (!line.starts_with(keyType) || line.substr(keyType.size(), 1) != " ") return std::nullopt;

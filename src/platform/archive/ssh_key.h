@@ -9,7 +9,10 @@
 
 namespace tarnwick::qvx {
 
-// "SHA256:" and base64 without padding, as `ssh-keygen -l` prints it.
+// SHA-256 of the key's wire form: the fingerprint that `ssh-keygen -l` prints.
+Digest sshFingerprint(const Point& point);
+
+// "SHA256:" and base64 without padding, as it is printed.
 std::string fingerprintText(const Digest& fingerprint);
 
 // The line of a key, without comment and without line end.
