@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "base/handle.h"
+#include "base/utf8.h"
 #include "platform/binary_property_list.h"
 #include "platform/xml_property_list.h"
 
@@ -76,7 +77,7 @@ std::optional<PropertyListDictionary> parsePropertyListText(std::string_view tex
 
 std::optional<PropertyListDictionary> readPropertyListFile(const std::filesystem::path& path) {
     struct stat status {};
-    const auto file = openRegularFile(path, 0, status);
+    const auto file = isUtf8(path.native()) ? openRegularFile(path, 0, status) : FileDescriptor();
     return file ? parseFile(file) : std::nullopt;
 }
 

@@ -11,6 +11,7 @@
 #include <map>
 
 #include "base/handle.h"
+#include "base/utf8.h"
 
 namespace tarnwick {
 
@@ -272,22 +273,11 @@ bool feed(XML_Parser parser, std::string_view bytes, bool last) {
     return XML_Parse(parser, bytes.data(), static_cast<int>(bytes.size()), last) == XML_STATUS_OK;
 }
 
-// The length of the well-formed UTF-8 sequence at the start of `text` that XML can hold as a character, or 0.
+// The length of the character at the start of `text`, or 0 when XML cannot hold it.
 std::size_t xmlCharacterLength(std::string_view text) {
-    const auto byte = [&](std::size_t at) -> std::uint32_t { return static_cast<unsigned char>(text[at]); };
-    const auto lead = byte(0);
-    if (lead < 0x80) return lead >= 0x20 || blanks.find(text[0]) != std::string_view::npos ? 1 : 0;
-    const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc2 || lead > 0xf4 || length > text.size()) return 0;
-    std::uint32_t point = lead & (0xffU >> (length + 1));
-    for (std::size_t at = 1; at < length; ++at) {
-        if ((byte(at) & 0xc0) != 0x80) return 0;
-        point = point << 6 | (byte(at) & 0x3f);
-    }
-    const bool overlong = point < (length == 3 ? 0x800U : length == 4 ? 0x10000U : 0x80U);
-    const bool forbidden =
-        (point >= 0xd800 && point < 0xe000) || point == 0xfffe || point == 0xffff || point > 0x10ffff;
-    return overlong || forbidden ? 0 : length;
+    const auto character = firstCharacter(text);
+    const bool control = character.point < 0x20 && blanks.find(text[0]) == std::string_view::npos;
+    return control || character.point == 0xfffe || character.point == 0xffff ? 0 : character.length;
 }
 
 void appendCharacter(std::string& out, std::string_view character) {

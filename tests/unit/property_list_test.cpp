@@ -210,6 +210,8 @@ TEST(PropertyListFile, IsAFileOfSixteenMegabytesAtMost) {
     EXPECT_TRUE(readable(plist("<dict/>"), 16 << 20));
     EXPECT_FALSE(readable(plist("<dict/>"), (16 << 20) + 1));
     EXPECT_FALSE(readable(plist("<array/>"), 100));
+    std::ofstream(folder.path / "\xff") << plist("<dict/>");
+    EXPECT_FALSE(readPropertyListFile(folder.path / "\xff"));
     fs::resize_file(file, std::uintmax_t{1} << 40);
     for (const auto& other : {file, fifo, folder.path / "absent", folder.path, fs::path("/dev/zero"), fs::path()})
         EXPECT_FALSE(readPropertyListFile(other)) << other;
