@@ -106,11 +106,14 @@ TEST_F(ArchiveLibrary, BringsBackEntriesInTheOrderOfTheListAndWhatIsListedTwiceO
     const auto small = file("small", "s"), path = file("noise", noise);
     fs::create_hard_link(path, at("linked"));
     fs::create_symlink("nowhere", at("link"));
+    fs::create_symlink("/proc/self", at("around"));
     std::ofstream(at("sparse")).seekp(2500000) << "x";
     waitForTick();
     std::string version;
     std::getline(std::ifstream("/proc/version"), version);  // a file that says it is empty, and is not
-    ASSERT_EQ(write({small, at("link"), path, at("linked"), at("sparse"), path, "/proc/version", "/proc/version"}), 0);
+    ASSERT_EQ(
+        write({small, at("link"), path, at("linked"), at("sparse"), path, "/proc/version", at("around/../version")}),
+        0);
     EXPECT_EQ(read(), (Seen{"small=s", "link=nowhere", "noise=" + noise, "linked=" + noise,
                             "sparse=" + std::string(2500000, '\0') + "x", "noise=" + noise,
                             "proc/version=" + version + "\n", "proc/version=" + version + "\n"}));

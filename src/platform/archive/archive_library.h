@@ -32,7 +32,7 @@ PathList* newPathList();
 
 // A list of one entry: `path`, taken relative to `directory` when it does not begin with "/". None for an empty path,
 // a path that does not exist, and one that is neither a regular file, a directory nor a symbolic link (the last
-// component is not followed).
+// component is not followed). A path with ".." is listed as the real one.
 PathList* pathListForPath(std::string_view directory, std::string_view path);
 
 // Adds the entries of `source` behind those of `target`; `source` keeps its own.
