@@ -165,6 +165,11 @@ class QvxTest(unittest.TestCase):
             done = run("create", "-r", recipient, "-o", self.archive, *paths)
             self.assertEqual((done.returncode, os.path.exists(self.archive)), (1, False), paths)
         self.fine(self.create(cwd="/"))
+        with open(key, encoding="ascii") as file:
+            kind, point = file.read().split()
+        beside_the_curve = f"{kind} {point[:-3]}{'B' if point[-3] == 'A' else 'A'}{point[-2:]}"
+        self.assertEqual(run("create", "-r", beside_the_curve, "-o", self.archive, self.source).returncode, 1)
+        self.fine(self.use("verify", self.archive))  # the one made before
         self.assertEqual(run("keygen", "-o", self.at("key")).returncode, 1)
 
     def test_reads_every_form_of_key(self):

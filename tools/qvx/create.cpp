@@ -195,16 +195,18 @@ bool setUp(EncryptionContext* context, const Point& recipient) {
            setContextFieldUInt(context, contextFieldBlockSize, compressionBlockSize) >= 0;
 }
 
-bool writeArchive(const PathList* list, const Point& recipient, const std::string& output) {
+// `begun` tells whether the output was opened, and so is not what it was before.
+bool writeArchive(const PathList* list, const Point& recipient, const std::string& output, bool& begun) {
     const ContextHandle context(createEncryptionContext(3));
     if (!context || !setUp(context.get(), recipient)) return refuse("the recipient's key is not usable");
     const KeySetHandle keys(fieldKeySetFromString(allFields));
     if (!keys) return refuse("the set of fields cannot be made");
     // Declared from the file inwards, so that the streams close from the encoder outwards.
     const ByteStreamHandle file(openFileByteStream(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-    if (!file) return refuse((escapedName(output) + ": cannot be written").c_str());
+    begun = file != nullptr;
+    if (!begun) return refuse((escapedName(output) + ": cannot be written").c_str());
     const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), encryptionFlags, workers));
-    if (!encryption) return refuse("the recipient's key is not usable");
+    if (!encryption) return refuse("the archive cannot be begun");
     const ArchiveStreamHandle encoder(openArchiveEncoderStream(encryption.get(), nullptr, nullptr, 0, workers));
     if (!encoder) return refuse("the archive cannot be begun");
     const int status = writePathList(encoder.get(), list, keys.get(), "/", nullptr, nullptr, 0, workers);
@@ -223,10 +225,13 @@ void removeOutput(const std::string& output) {
 bool createArchive(const CreateOptions& options) {
     const auto recipient = loadRecipient(options.recipient);
     if (!recipient) return false;
-    Collection collection(identify(options.output));
+    if (!startCipherLibrary() || !publicKeyFromPoint(*recipient)) return refuse("the recipient's key is not usable");
+    const auto before = identify(options.output);
+    Collection collection(before);
     if (!collect(collection, options)) return false;
-    if (writeArchive(collection.list(), *recipient, options.output)) return true;
-    removeOutput(options.output);
+    bool begun = false;
+    if (writeArchive(collection.list(), *recipient, options.output, begun)) return true;
+    if (begun || !before) removeOutput(options.output);
     return false;
 }
 

@@ -14,7 +14,7 @@ struct CreateOptions {
 };
 
 // Directories among the paths are taken with all that stands in them; names from a file are taken as they are. False
-// after saying why, and then no archive is left.
+// after saying why; then nothing is left of the archive, and a file that stood there is gone only if it was written to.
 bool createArchive(const CreateOptions& options);
 
 }  // namespace tarnwick::qvx
