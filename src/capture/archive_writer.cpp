@@ -63,7 +63,7 @@ bool setUpContext(EncryptionContext* context, const RecipientPoint& recipient) {
 // Returns the message of the first step that failed, empty when the archive was written.
 std::string writeArchive(const FilesList& files, const std::string& publicKeyText, const fs::path& archivePath) {
     ArchiveInProgress archive;
-    if (auto error = listPaths(archive, files); !error.empty()) return error;
+    if (auto errorMessage = listPaths(archive, files); !errorMessage.empty()) return errorMessage;
 
     RecipientPoint recipient;
     if (!parseArchivePublicKey(publicKeyText, recipient.bytes.data(), recipient.length)) return "failed to parse key";
@@ -94,11 +94,11 @@ std::string writeArchive(const FilesList& files, const std::string& publicKeyTex
 }  // namespace
 
 void encryptFile(const FilesList& files, const std::string& publicKeyText, const fs::path& archivePath) {
-    const std::string error = writeArchive(files, publicKeyText, archivePath);
-    if (error.empty()) return;
+    const std::string errorMessage = writeArchive(files, publicKeyText, archivePath);
+    if (errorMessage.empty()) return;
     if (fs::is_regular_file(archivePath) && !fs::remove(archivePath))
         logWarning("error when cleaning up " + quotedPath(archivePath));
-    raiseFatal(error);
+    raiseFatal(errorMessage);
 }
 
 }  // namespace tarnwick

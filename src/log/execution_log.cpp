@@ -29,14 +29,14 @@ namespace {
 // buffer of the library is laid over its descriptor.
 using LogBuffer = __gnu_cxx::stdio_filebuf<char>;
 
-struct LogState {
+struct ExecutionLog {
     std::unique_ptr<LogBuffer> buffer;  // null: not open
-    fs::path path;
+    fs::path logFilePath;
     bool verboseConsole = false;
 };
 
-LogState& state() {
-    static LogState instance;
+ExecutionLog& state() {
+    static ExecutionLog instance;
     return instance;
 }
 
@@ -96,26 +96,26 @@ std::string makeTimeStamp() {
 
 std::string openExecutionLog(const std::string& stamp) {
     auto& log = state();
-    log.path = fs::path("/tmp") / ("tarnwick-" + stamp + ".log");
-    FileDescriptor file = openLogFile(log.path);
+    log.logFilePath = fs::path("/tmp") / ("tarnwick-" + stamp + ".log");
+    FileDescriptor file = openLogFile(log.logFilePath);
     if (!file) {
         const int error = errno;
         // The doubled quote before " errno=" is what readers of these logs search for.
         writeLine(std::cout, "WARNING: ",
-                  "unable to open logfile at '" + quotedPath(log.path) + "'' errno=" + std::strerror(error));
+                  "unable to open logfile at '" + quotedPath(log.logFilePath) + "'' errno=" + std::strerror(error));
         return {};
     }
     log.buffer = std::make_unique<LogBuffer>(file.release(), std::ios::out);
-    return log.path;
+    return log.logFilePath;
 }
 
 std::string copyExecutionLog(const fs::path& folder) {
     auto& log = state();
     if (!log.buffer) return {};
     log.buffer.reset();
-    const fs::path target = folder / log.path.filename();
+    const fs::path target = folder / log.logFilePath.filename();
     std::error_code error;
-    fs::copy_file(log.path, target, fs::copy_options::none, error);
+    fs::copy_file(log.logFilePath, target, fs::copy_options::none, error);
     if (error) {
         logWarning("error " + std::to_string(error.value()) + " when copying execution summary to destination volume.");
         return {};
