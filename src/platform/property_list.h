@@ -64,8 +64,7 @@ std::optional<PropertyListDictionary> parsePropertyListText(std::string_view tex
 // a regular file is not waited for, and a file past 16 MiB is refused.
 std::optional<PropertyListDictionary> readPropertyListFile(const std::filesystem::path& path);
 
-// As readPropertyListFile, for a file that decides what root does: it counts only if it is a regular file, itself not
-// a link, owned by root and not writable by group or others.
+// As readPropertyListFile, for a file that decides what root does (openTrustedFile).
 std::optional<PropertyListDictionary> readTrustedPropertyListFile(const std::filesystem::path& path);
 
 // The text of a string value; empty when there is no value, when it is not a string, and when the string holds

@@ -2,12 +2,8 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 
-#include <cerrno>
-
-#include "base/handle.h"
+#include "base/file_reading.h"
 #include "platform/property_list.h"
 
 namespace tarnwick {
@@ -17,31 +13,12 @@ namespace {
 using Url = std::unique_ptr<CURLU, FreeWith<curl_url_cleanup>>;
 using CurlText = std::unique_ptr<char, FreeWith<curl_free>>;
 
-constexpr std::size_t largestFile = 1 << 16;  // both files are a few lines
-
-FileDescriptor openTrustedFile(const std::filesystem::path& path) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != 0 ||
-        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return {};
-    return file;
-}
+constexpr std::size_t largestKeyFile = 1 << 16;  // bytes
 
 // Empty when the file cannot be trusted or read, or is larger than it has reason to be.
 std::string readTrustedFile(const std::filesystem::path& path) {
     const auto file = openTrustedFile(path);
-    std::string bytes(largestFile + 1, '\0');
-    std::size_t filled = 0;
-    while (file && filled < bytes.size()) {
-        const auto count = ::read(file.get(), bytes.data() + filled, bytes.size() - filled);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return {};
-        if (count == 0) break;
-        filled += static_cast<std::size_t>(count);
-    }
-    bytes.resize(filled <= largestFile ? filled : 0);
-    return bytes;
+    return file ? readToEnd(file, largestKeyFile).value_or("") : "";
 }
 
 std::string partOf(const Url& url, CURLUPart part) {
@@ -72,7 +49,7 @@ bool acceptable(const Url& url) {
 bool assetServiceConfigured(const std::filesystem::path& file) { return static_cast<bool>(openTrustedFile(file)); }
 
 AssetResult readAssetConfiguration(const std::filesystem::path& file, AssetConfiguration& configuration) {
-    const auto dictionary = parsePropertyListText(readTrustedFile(file));
+    const auto dictionary = readTrustedPropertyListFile(file);
     const auto* url = dictionary ? findValueAs<std::string>(*dictionary, "CatalogURL") : nullptr;
     const auto* key = dictionary ? findValueAs<std::string>(*dictionary, "CatalogKey") : nullptr;
     if (!url || !key || !acceptableUrl(*url)) return AssetResult::configurationUnusable;

@@ -11,6 +11,8 @@
 #include <charconv>
 #include <cstdlib>
 
+#include "base/file_reading.h"
+
 namespace tarnwick {
 
 namespace fs = std::filesystem;
@@ -79,21 +81,8 @@ bool syncFolders(const fs::path& folder) {
 
 // Up to `limit` bytes of a regular file; nothing when there is none, or more.
 std::optional<std::string> readFile(const fs::path& path, std::size_t limit) {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-    std::string bytes(limit + 1, '\0');
-    std::size_t filled = 0;
-    while (filled <= limit) {
-        const auto count = ::read(file.get(), bytes.data() + filled, bytes.size() - filled);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return std::nullopt;
-        if (count == 0) break;
-        filled += static_cast<std::size_t>(count);
-    }
-    if (filled > limit) return std::nullopt;
-    bytes.resize(filled);
-    return bytes;
+    const auto file = openRegularFile(path, O_NOFOLLOW);
+    return file ? readToEnd(file, limit) : std::nullopt;
 }
 
 // The lock must be held: the temporary name is the same for everybody.

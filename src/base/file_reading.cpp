@@ -1,0 +1,50 @@
+#include "base/file_reading.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace tarnwick {
+
+namespace {
+
+constexpr std::size_t firstRoom = 1 << 16;
+
+}  // namespace
+
+FileDescriptor openRegularFile(const std::filesystem::path& path, int flags) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | flags));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    return file;
+}
+
+FileDescriptor openTrustedFile(const std::filesystem::path& path) {
+    auto file = openRegularFile(path, O_NOFOLLOW);
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        return {};
+    return file;
+}
+
+// The size is not asked for beforehand: the file may be growing while it is read.
+std::optional<std::string> readToEnd(const FileDescriptor& file, std::size_t limit) {
+    std::string bytes;
+    std::size_t filled = 0;
+    while (filled <= limit) {
+        if (filled == bytes.size()) bytes.resize(filled + std::max(filled, firstRoom));
+        const auto count = ::read(file.get(), bytes.data() + filled, bytes.size() - filled);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return std::nullopt;
+        if (count == 0) {
+            bytes.resize(filled);
+            return bytes;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    return std::nullopt;
+}
+
+}  // namespace tarnwick
