@@ -22,6 +22,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::size_t blockSize = 1048576;
+constexpr std::size_t writePiece = 32768;  // larger ones take the kernel longer
 
 struct Piece {
     std::size_t data = 0;  // bytes, and then a hole
@@ -112,8 +113,8 @@ void seal(std::vector<std::uint8_t>& packed, std::size_t length) {
 
 void write(const char* path, const std::vector<std::uint8_t>& packed, std::size_t length) {
     const int file = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    for (std::size_t at = 0; at < length; at += blockSize)
-        if (::write(file, packed.data() + at, std::min(blockSize, length - at)) < 0) die(path);
+    for (std::size_t at = 0; at < length; at += writePiece)
+        if (::write(file, packed.data() + at, std::min(writePiece, length - at)) < 0) die(path);
     ::close(file);
 }
 

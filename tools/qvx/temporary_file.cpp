@@ -9,10 +9,12 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "base/handle.h"
+#include "base/write_piece.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
@@ -145,11 +147,14 @@ void TemporaryFile::hold() {
 }
 
 bool TemporaryFile::data(Bytes bytes) {
-    if (bytes.empty()) return true;
-    const auto position = static_cast<la_int64_t>(offset_);
-    if (archive_write_data_block(disk_.get(), bytes.data(), bytes.size(), position) < ARCHIVE_OK) return refuse();
-    offset_ += bytes.size();
-    written_ = offset_;
+    while (!bytes.empty()) {
+        const Bytes piece = bytes.first(std::min(bytes.size(), writePiece));
+        const auto position = static_cast<la_int64_t>(offset_);
+        if (archive_write_data_block(disk_.get(), piece.data(), piece.size(), position) < ARCHIVE_OK) return refuse();
+        offset_ += piece.size();
+        written_ = offset_;
+        bytes = bytes.subspan(piece.size());
+    }
     return true;
 }
 

@@ -1,3 +1,4 @@
+#include "base/write_piece.h"
 #include "platform/archive/archive_library.h"
 
 #include <fcntl.h>
@@ -54,7 +55,7 @@ Result guarded(Result onFailure, Operation operation) noexcept {
 
 int writeAll(int file, qvx::Bytes bytes) {
     while (!bytes.empty()) {
-        const ssize_t count = ::write(file, bytes.data(), bytes.size());
+        const ssize_t count = ::write(file, bytes.data(), std::min(bytes.size(), writePiece));
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return count < 0 ? -errno : -EIO;
         bytes = bytes.subspan(static_cast<std::size_t>(count));

@@ -3,9 +3,9 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <future>
 #include <limits>
 #include <new>
+#include <system_error>
 
 namespace tarnwick::qvx {
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::uint64_t largestContent = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
-constexpr std::size_t worthAThread = 262144;      // bytes
+constexpr std::size_t worthAThread = 65536;       // bytes
 
 }  // namespace
 
@@ -54,6 +54,57 @@ Digest ContentDigest::finish() {
     Digest digest;
     if (EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) != 1) throw std::bad_alloc();
     return digest;
+}
+
+ParallelDigest::~ParallelDigest() {
+    state_ = State::closing;
+    state_.notify_one();
+}
+
+bool ParallelDigest::add(ContentDigest& digest, Bytes bytes, const std::function<bool()>& beside) {
+    if (!thread_.joinable() && !start()) {
+        digest.add(bytes);
+        return beside();
+    }
+    digest_ = &digest;
+    bytes_ = bytes;
+    state_ = State::busy;
+    state_.notify_one();
+    struct Waiting {
+        const std::atomic<State>& state;
+        ~Waiting() { state.wait(State::busy); }
+    };
+    const bool answer = [&] {
+        const Waiting waiting{state_};
+        return beside();
+    }();
+    if (state_ == State::failed) throw std::bad_alloc();
+    return answer;
+}
+
+bool ParallelDigest::start() {
+    try {
+        thread_ = std::jthread([this] { work(); });
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+void ParallelDigest::work() {
+    for (State state = state_; state != State::closing; state = state_) {
+        if (state != State::busy) {
+            state_.wait(state);
+            continue;
+        }
+        try {
+            digest_->add(bytes_);
+            state_ = State::idle;
+        } catch (const std::bad_alloc&) {
+            state_ = State::failed;
+        }
+        state_.notify_one();
+    }
 }
 
 EntryReader::Step EntryReader::take(const Record& record) {
@@ -119,10 +170,7 @@ bool EntryReader::digestAndGive(Bytes bytes) {
         digest_.add(bytes);
         return sink_.data(bytes);
     }
-    auto digesting = std::async(std::launch::async | std::launch::deferred, [&] { digest_.add(bytes); });
-    const bool goOn = sink_.data(bytes);
-    digesting.get();
-    return goOn;
+    return parallel_.add(digest_, bytes, [&] { return sink_.data(bytes); });
 }
 
 EntryReader::Step EntryReader::addHole(Bytes payload) {

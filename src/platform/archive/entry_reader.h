@@ -1,8 +1,10 @@
 // From records to entries: puts one entry together and holds it to its sums and its digest.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "platform/archive/archive_file.h"
 #include "platform/archive/entry_codec.h"
@@ -66,6 +68,29 @@ private:
     std::unique_ptr<evp_md_ctx_st, Free> context_;
 };
 
+// Digests long pieces in a thread, which starts with the first one, while the caller does something else with them.
+class ParallelDigest {
+public:
+    ParallelDigest() = default;
+    ~ParallelDigest();
+    ParallelDigest(const ParallelDigest&) = delete;
+    ParallelDigest& operator=(const ParallelDigest&) = delete;
+
+    // The answer of `beside`, after both are done. Throws std::bad_alloc, and what `beside` throws.
+    bool add(ContentDigest& digest, Bytes bytes, const std::function<bool()>& beside);
+
+private:
+    enum class State { idle, busy, failed, closing };
+
+    bool start();
+    void work();
+
+    ContentDigest* digest_ = nullptr;
+    Bytes bytes_;
+    std::atomic<State> state_ = State::idle;
+    std::jthread thread_;
+};
+
 class EntryReader {
 public:
     enum class Step {
@@ -109,6 +134,7 @@ private:
     EntryTail tail_;
     RecordJoiner joiner_;
     ContentDigest digest_;
+    ParallelDigest parallel_;
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // in the holes
