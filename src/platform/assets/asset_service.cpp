@@ -7,6 +7,7 @@
 #include <csignal>
 #include <deque>
 #include <mutex>
+#include <system_error>
 
 #include "platform/assets/asset_configuration.h"
 #include "platform/assets/asset_store.h"
@@ -180,7 +181,12 @@ void AssetService::submit(Job job, CompletionCallback done) {
         work_->items.push_back({std::move(job), std::move(done)});
         work_->changed.notify_all();
     }
-    if (!thread_.joinable()) thread_ = std::thread([work = work_] { work->run(); });
+    if (thread_.joinable()) return;
+    try {
+        thread_ = std::thread([work = work_] { work->run(); });
+    } catch (const std::system_error&) {  // no thread is to be had
+        work_->next()->done(static_cast<std::int64_t>(AssetResult::transferFailed));
+    }
 }
 
 bool AssetService::concerns(const std::string& type) const {

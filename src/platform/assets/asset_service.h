@@ -1,8 +1,8 @@
 // The asset-download service: refreshing the catalog, asking which assets there are, downloading one.
 //
 // Requests are answered on a thread of the service's own, one after the other: the callback is called exactly once,
-// on that thread, unless the process ends while the operating system holds the thread in a call that does not return.
-// Nothing here prints.
+// on that thread (at once, with a failure, when no thread can be started), unless the process ends while the operating
+// system holds the thread in a call that does not return. Nothing here prints.
 #pragma once
 
 #include <cstdint>
