@@ -3,9 +3,6 @@
 #include "platform/archive/archive_walk.h"
 #include "platform/archive/salvage.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 using namespace tarnwick;
 using namespace tarnwick::qvx;
 
@@ -14,13 +11,13 @@ namespace {
 std::vector<OpenedBlock> blocksOf(Bytes input) {
     std::vector<OpenedBlock> blocks;
     while (input.size() >= 2) {
-        const std::size_t length = std::min<std::size_t>(input[0] + 256U * input[1], input.size() - 2);
+        const Bytes plain = input.subspan(2, std::min<std::size_t>(input[0] + 256U * input[1], input.size() - 2));
         OpenedBlock block;
         block.place = {blocks.size(), plainHeaderSize + 100 * blocks.size()};
         block.header = {84, 0, blocks.size()};
-        block.plain.assign(input.begin() + 2, input.begin() + 2 + static_cast<std::ptrdiff_t>(length));
+        block.plain.assign(plain.begin(), plain.end());
         blocks.push_back(std::move(block));
-        input = input.subspan(2 + length);
+        input = input.subspan(2 + plain.size());
     }
     if (!blocks.empty()) blocks.back().header.flags = blockLast;
     return blocks;
@@ -28,12 +25,11 @@ std::vector<OpenedBlock> blocksOf(Bytes input) {
 
 // A file that has nothing but a header: content is not read again from here.
 std::unique_ptr<ArchiveFile> emptyFile() {
-    FileDescriptor descriptor(memfd_create("archive", MFD_CLOEXEC));
     const auto header = encodePlainHeader({2, {}, {}});
-    require(pwrite(descriptor.get(), header.data(), header.size(), 0) == static_cast<ssize_t>(header.size()));
-    require(ftruncate(descriptor.get(), 1 << 20) == 0);
+    ByteVector bytes(header.begin(), header.end());
+    bytes.resize(1 << 20);
     ReadFault fault;
-    return ArchiveFile::open(std::move(descriptor), fault);
+    return archiveFile(bytes, fault);
 }
 
 }  // namespace
@@ -43,10 +39,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::vector<OpenedBlock> blocks = blocksOf({data, size});
     CheckingSink strict;
     ArchiveWalk walk(*file, HpkeKeys(), strict);
-    bool goOn = true;
-    for (std::size_t i = 0; goOn && i < blocks.size(); ++i) goOn = walk.take(blocks[i]);
-    if (!goOn) require(walk.stopped() || !walk.fault().what.empty());
-    if (goOn && walk.complete()) require(!strict.open());
+    const bool goOn = std::ranges::all_of(blocks, [&](const auto& block) { return walk.take(block); });
+    require(goOn || walk.stopped() || !walk.fault().what.empty());
+    require(!goOn || !walk.complete() || !strict.open());
 
     // Leniently, and with every third block lost.
     CheckingSink lenient;

@@ -1,56 +1,72 @@
-// A sink that holds a reader to its promises.
+// A sink that holds a reader to its promises and keeps what it is given.
 #pragma once
 
 #include <openssl/sha.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "platform/archive/entry_reader.h"
 #include "require.h"
 
 namespace tarnwick::qvx {
 
+using ByteVector = std::vector<std::uint8_t>;
+
+inline Digest sha256(std::string_view text) {
+    Digest digest;
+    SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
+    return digest;
+}
+
+// An archive that stands in no folder.
+inline std::unique_ptr<ArchiveFile> archiveFile(const ByteVector& bytes, ReadFault& fault) {
+    FileDescriptor memory(memfd_create("archive", MFD_CLOEXEC));
+    require(pwrite(memory.get(), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
+    return ArchiveFile::open(std::move(memory), fault);
+}
+
 class CheckingSink : public EntrySink {
 public:
     bool begin(const EntryHead& head) override {
         require(!open_ && isEntryPath(head.path));
         open_ = true;
+        path_ = head.path;
         content_.clear();
         return true;
     }
     bool data(Bytes bytes) override {
         require(open_);
         content_.append(bytes.begin(), bytes.end());
-        return content_.size() <= longest;
+        return kept_ + content_.size() <= longest;
     }
     // Zeros are only counted and hashed, and nobody waits for exabytes of them here.
-    bool hole(std::uint64_t length) override {
-        require(open_);
-        if (length > longest - std::min(longest, content_.size())) return false;
-        content_.append(static_cast<std::size_t>(length), '\0');
-        return true;
-    }
+    bool hole(std::uint64_t length) override { return length <= longest && data(ByteVector(length)); }
     bool finish(const EntryTail& tail, const ContentReader& content) override {
         require(open_ && (!tail.contentOf || content_.empty()));
         if (tail.contentOf && !content(*this)) content_.clear();
-        if (tail.digest && !tail.contentOf) {
-            Digest digest{};
-            SHA256(reinterpret_cast<const unsigned char*>(content_.data()), content_.size(), digest.data());
-            require(digest == *tail.digest);
-        }
+        require(!tail.digest || tail.contentOf || sha256(content_) == *tail.digest);
         require(!tail.sum || tail.contentOf || tail.sum->size == content_.size());
         open_ = false;
+        kept_ += content_.size();
+        seen.push_back(path_ + '=' + content_);
         return true;
     }
     void abandon() override {
         require(open_);
         open_ = false;
+        seen.push_back(path_ + '!');
     }
     [[nodiscard]] bool open() const { return open_; }
-    [[nodiscard]] const std::string& content() const { return content_; }
+
+    // "path=content" for each entry that came to a good end, "path!" for each that was abandoned.
+    std::vector<std::string> seen;
 
 private:
-    static constexpr std::size_t longest = 1U << 22;
+    static constexpr std::size_t longest = 1U << 23;
 
+    std::string path_;
     std::string content_;
+    std::size_t kept_ = 0;
     bool open_ = false;
 };
 

@@ -11,31 +11,24 @@ using ByteVector = std::vector<std::uint8_t>;
 
 template <typename Value>
 void requireSame(Bytes payload, const std::optional<Value>& value, void (*encode)(const Value&, ByteVector&)) {
-    if (!value) return;
     ByteVector encoded;
-    encode(*value, encoded);
-    require(std::equal(encoded.begin(), encoded.end(), payload.begin(), payload.end()));
+    if (value) encode(*value, encoded);
+    require(!value || std::ranges::equal(encoded, payload));
 }
 
-struct Part {
-    std::uint64_t count = 0;
-    bool damaged = false;
-    ByteVector encoded;
-};
-
-Part recode(Bytes payload) {
-    Part part;
+// The entries of a part, in a part of their own; none when it is damaged.
+std::optional<ByteVector> recode(Bytes payload) {
     IndexPartDecoder decoder(payload);
     IndexPartEncoder encoder;
     while (const IndexEntry* entry = decoder.next()) {
         require(isEntryPath(entry->path) && entry->offset < blockSize && entry->mode <= 07777);
         encoder.add(*entry);
-        ++part.count;
     }
-    part.damaged = decoder.damaged();
-    require(part.damaged || part.count == decoder.count());
-    encoder.finish(part.encoded);
-    return part;
+    if (decoder.damaged()) return std::nullopt;
+    require(encoder.count() == decoder.count());
+    ByteVector encoded;
+    encoder.finish(encoded);
+    return encoded;
 }
 
 void checkRecords(Bytes block) {
@@ -61,13 +54,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             if (const auto trailer = decodeTrailer(payload))
                 require(std::ranges::equal(encodeTrailer(*trailer), payload));
             break;
-        case 4: {
-            const Part part = recode(payload);
-            if (part.damaged) break;
-            const Part again = recode(part.encoded);
-            require(!again.damaged && again.count == part.count);
+        case 4:
+            // Another writer may share less of the paths, so only what we wrote comes out the same.
+            if (const auto part = recode(payload)) require(recode(*part) == part);
             break;
-        }
         case 5:
             if (const auto header = decodeBlockHeader(payload))
                 require(std::ranges::equal(encodeBlockHeader(*header), payload.first(blockHeaderSize)));

