@@ -2,12 +2,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <fstream>
 
 #include "platform/archive/encryption_context.h"
+#include "platform/archive/path_list.h"
+#include "platform/archive/private_key.h"
 #include "unit/archive_builder.h"
+#include "unit/hex.h"
 #include "unit/temporary_folder.h"
 
 namespace fs = std::filesystem;
@@ -16,93 +22,69 @@ using namespace tarnwick::test;
 
 namespace {
 
-using PathListHandle = std::unique_ptr<PathList, FreeWith<destroyPathList>>;
-using KeySetHandle = std::unique_ptr<FieldKeySet, FreeWith<destroyFieldKeySet>>;
-using ContextHandle = std::unique_ptr<EncryptionContext, FreeWith<destroyEncryptionContext>>;
 using StreamHandle = std::unique_ptr<ByteStream, FreeWith<closeByteStream>>;
-using ArchiveHandle = std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>>;
-
-ContextHandle newContext() {
-    ContextHandle context(createEncryptionContext(3));
-    const auto point = *publicPointOf(recipient());
-    EXPECT_EQ(setContextFieldBlob(context.get(), 10, 1, reinterpret_cast<const std::byte*>(point.data()), 65), 0);
-    EXPECT_EQ(setContextFieldUInt(context.get(), 3, 2049), 0);
-    EXPECT_EQ(setContextFieldUInt(context.get(), 4, 1048576), 0);
-    return context;
-}
 
 StreamHandle newFile(const fs::path& path) {
     return StreamHandle(openFileByteStream(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
 }
 
-std::string noiseOf(std::size_t size) {
-    std::string noise(size, '\0');
-    for (std::uint32_t state = 1; auto& byte : noise) {
-        state = state * 1664525 + 1013904223;
-        byte = static_cast<char>(state >> 24);
-    }
-    return noise;
+PathList listOf(const Seen& paths) {
+    PathList list;
+    for (const auto& path : paths)
+        list.append(*std::unique_ptr<PathList, FreeWith<destroyPathList>>(pathListForPath("/", path)));
+    return list;
+}
+
+// The whole way of an archive; its bytes, or none.
+ByteVector write(const PathList& list, const fs::path& archive, const EncryptionContext& context,
+                 const char* fields = "UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL") {
+    const std::unique_ptr<FieldKeySet, FreeWith<destroyFieldKeySet>> keys(fieldKeySetFromString(fields));
+    const auto output = newFile(archive);
+    const StreamHandle sealed(openEncryptionOutputStream(output.get(), &context, streamFlags, 4));
+    const std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>> encoder(
+        openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, 4));
+    if (writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4) != 0) return {};
+    std::ifstream stream(archive, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// A file that changes in the tick of the clock in which writing begins is not stored by reference.
+void waitForTick() {
+    const auto tick = [](struct timespec now = {}) {
+        ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+        return now.tv_nsec;
+    };
+    for (const auto begin = tick(); tick() == begin;) continue;
 }
 
 class ArchiveLibrary : public testing::Test {
 protected:
-    fs::path at(const std::string& name) const { return folder_.path / name; }
-
-    std::string file(const std::string& name, std::string_view content) const {
+    [[nodiscard]] fs::path at(const std::string& name) const { return folder_.path / name; }
+    [[nodiscard]] std::string file(const std::string& name, std::string_view content) const {
         std::ofstream(at(name), std::ios::binary) << content;
         return at(name);
     }
-    // Files are made old: one that changes while the archive is written is not stored by reference.
-    static void waitForTick() {
-        struct timespec begin {
-        }, now{};
-        clock_gettime(CLOCK_REALTIME_COARSE, &begin);
-        do clock_gettime(CLOCK_REALTIME_COARSE, &now);
-        while (now.tv_sec == begin.tv_sec && now.tv_nsec == begin.tv_nsec);
-    }
 
-    static PathListHandle listOf(const Seen& paths) {
-        PathListHandle list(newPathList());
-        for (const auto& path : paths) {
-            const PathListHandle one(pathListForPath("/", path));
-            EXPECT_TRUE(one) << path;
-            EXPECT_EQ(mergePathLists(list.get(), one.get()), 0);
-        }
-        return list;
-    }
-
-    // The whole way of an archive; the status of writePathList.
-    int write(const PathListHandle& list, int workers = 4, const ContextHandle& context = newContext()) const {
-        const KeySetHandle keys(fieldKeySetFromString("UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL"));
-        const auto output = newFile(archive());
-        const StreamHandle sealed(openEncryptionOutputStream(output.get(), context.get(), streamFlags, workers));
-        const ArchiveHandle encoder(openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, workers));
-        return writePathList(encoder.get(), list.get(), keys.get(), "/", nullptr, nullptr, 0, workers);
-    }
-    int write(const Seen& paths) const { return write(listOf(paths)); }
-    fs::path archive() const { return at("archive.qvx"); }
-    ByteVector bytes() const {
-        std::ifstream stream(archive(), std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
-
-    // What a complete and careful reading gives, the folder's own name left out.
-    Seen read() const {
+    // What a complete and careful reading of an archive of these gives, the folder's own name left out.
+    Seen roundTrip(const Seen& paths, CheckingSink&& sink = {}) {
+        bytes_ = write(listOf(paths), at("archive.qvx"), {publicPointOf(recipient()), true, true, nullptr});
         ReadFault fault;
-        Recorder recorder;
-        const auto reader = openArchive(bytes(), fault);
-        EXPECT_TRUE(reader && reader->readAll(recorder, fault)) << fault.what;
+        const auto reader = openArchive(bytes_, fault);
+        EXPECT_TRUE(reader && reader->readAll(sink, fault)) << fault.what;
         const auto own = folder_.path.string().substr(1) + '/';
-        for (auto& entry : recorder.seen)
+        for (auto& entry : sink.seen)
             if (entry.starts_with(own)) entry.erase(0, own.size());
-        return recorder.seen;
+        return sink.seen;
     }
 
     TemporaryFolder folder_;
+    ByteVector bytes_;
 };
 
-TEST_F(ArchiveLibrary, BringsBackEntriesInTheOrderOfTheListAndWhatIsListedTwiceOnce) {
-    const auto noise = noiseOf(400000);
+TEST_F(ArchiveLibrary, BringsBackEntriesInTheOrderOfTheListAndStoresWhatIsListedTwiceOnce) {
+    std::string noise(400000, '\0');
+    for (std::uint32_t state = 1; auto& byte : noise)
+        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
     const auto small = file("small", "s"), path = file("noise", noise);
     fs::create_hard_link(path, at("linked"));
     fs::create_symlink("nowhere", at("link"));
@@ -111,80 +93,33 @@ TEST_F(ArchiveLibrary, BringsBackEntriesInTheOrderOfTheListAndWhatIsListedTwiceO
     waitForTick();
     std::string version;
     std::getline(std::ifstream("/proc/version"), version);  // a file that says it is empty, and is not
-    ASSERT_EQ(
-        write({small, at("link"), path, at("linked"), at("sparse"), path, "/proc/version", at("around/../version")}),
-        0);
-    EXPECT_EQ(read(), (Seen{"small=s", "link=nowhere", "noise=" + noise, "linked=" + noise,
-                            "sparse=" + std::string(2500000, '\0') + "x", "noise=" + noise,
-                            "proc/version=" + version + "\n", "proc/version=" + version + "\n"}));
-    EXPECT_LT(bytes().size(), 500000U);
-    ASSERT_EQ(write(Seen{}), 0);
-    EXPECT_EQ(read(), Seen{});
-}
-
-TEST_F(ArchiveLibrary, GivesTheSameBytesWithAnyNumberOfWorkers) {
-    const auto list = listOf({file("a", std::string(5000000, 'a')), file("b", "b"), at("a")});
-    waitForTick();
-    const auto context = newContext();
-    Scalar scalar{};
-    scalar.fill(0x22);
-    context->ephemeral = privateKeyFromScalar(scalar);
-    ByteVector first;
-    for (const int workers : {1, 2, 8}) {
-        ASSERT_EQ(write(list, workers, context), 0);
-        if (first.empty()) first = bytes();
-        EXPECT_TRUE(bytes() == first) << workers;
-    }
+    EXPECT_EQ(roundTrip({small, at("link"), path, at("linked"), at("sparse"), path, "/proc/version"}),
+              (Seen{"small=s", "link=nowhere", "noise=" + noise, "linked=" + noise,
+                    "sparse=" + std::string(2500000, '\0') + "x", "noise=" + noise, "proc/version=" + version + "\n"}));
+    EXPECT_LT(bytes_.size(), 500000U);
+    EXPECT_EQ(roundTrip({}), Seen{});
 }
 
 TEST_F(ArchiveLibrary, KeepsAnIndexOfManyParts) {
     const auto folder = std::string(200, 'd');
     fs::create_directory(at(folder));
-    const auto pair = listOf({file("f", "f"), file(folder + "/" + std::string(200, 'g'), "g")});
-    const auto list = listOf({});
-    for (int i = 0; i < 1500; ++i) ASSERT_EQ(mergePathLists(list.get(), pair.get()), 0);
-    ASSERT_EQ(write(list), 0);
-    EXPECT_EQ(read().size(), 3000U);
-}
-
-TEST_F(ArchiveLibrary, StoresAFileThatWasRotatedSinceItWasListed) {
-    const auto list = listOf({file("before", "1"), file("victim", "2"), file("after", "3")});
-    fs::rename(at("victim"), at("victim.1"));
-    file("victim", "rotated");
-    EXPECT_EQ(write(list), 0);
-    EXPECT_EQ(read(), (Seen{"before=1", "victim=rotated", "after=3"}));
-}
-
-TEST_F(ArchiveLibrary, StoresAFileThatChangesWhileItIsReadAsItWasRead) {
-    // The fields of a file are taken some time before its content, so these two may meet anywhere.
-    const auto path = file("growing", std::string(200000, 'g')), after = file("after", "3");
-    std::jthread writer([&](const std::stop_token& stop) {
-        while (!stop.stop_requested()) {
-            std::ofstream(path, std::ios::app) << std::string(100000, 'g');
-            fs::resize_file(path, 100000);
-        }
-    });
-    for (int round = 0; round < 20; ++round) {
-        ASSERT_EQ(write({path, after, path}), 0);
-        const auto seen = read();
-        EXPECT_TRUE(seen.size() == 3 && seen[1] == "after=3") << seen.size();
-    }
+    Seen paths;
+    for (int i = 0; i < 1500; ++i)
+        paths.insert(paths.end(), {file("f", "f"), file(folder + "/" + std::string(200, 'g'), "g")});
+    EXPECT_EQ(roundTrip(paths).size(), 3000U);
 }
 
 TEST_F(ArchiveLibrary, ComesToAnEndWithAHoleOfTebibytes) {
-    struct : Recorder {
+    struct Sizes : CheckingSink {
         bool hole(std::uint64_t length) override { return length <= (std::uint64_t{1} << 41); }
         bool finish(const EntryTail& tail, const ContentReader&) override {
             seen.push_back(std::to_string(tail.sum->size) + (tail.digest ? " with a digest" : ""));
             return true;
         }
-    } sizes;
+    };
     const auto path = file("huge", "");
     fs::resize_file(path, std::uintmax_t{1} << 41);
-    ASSERT_EQ(write(Seen{path}), 0);
-    ReadFault fault;
-    EXPECT_TRUE(openArchive(bytes(), fault)->readAll(sizes, fault)) << fault.what;
-    EXPECT_EQ(sizes.seen, Seen{"2199023255552"});
+    EXPECT_EQ(roundTrip({path}, Sizes()), Seen{"2199023255552"});
 }
 
 TEST_F(ArchiveLibrary, OpensRegularFilesOnlyAndSetsTheirMode) {
@@ -196,6 +131,78 @@ TEST_F(ArchiveLibrary, OpensRegularFilesOnlyAndSetsTheirMode) {
     EXPECT_TRUE(newFile(at("new")));
     umask(mask);
     EXPECT_EQ(fs::status(at("new")).permissions(), fs::perms(0644));
+}
+
+// The lines of the block of text that comes behind `heading` in docs/qvx-format.md.
+std::string blockBehind(const std::string& heading) {
+    std::ifstream page(TEST_DATA "/../../docs/qvx-format.md");
+    std::string block, line;
+    while (std::getline(page, line) && line.find(heading) == line.npos) continue;
+    while (std::getline(page, line) && (block.empty() || !line.empty()))
+        if (line.starts_with("    ")) block += line.substr(4) + '\n';
+    return block;
+}
+
+// A listing: in every line an offset, bytes, and perhaps a remark.
+ByteVector listing(const std::string& heading) {
+    ByteVector bytes;
+    std::istringstream block(blockBehind(heading));
+    for (std::string line; std::getline(block, line);)
+        for (std::size_t at = 6; at < line.size() && std::isxdigit(line[at]); at += 3)
+            bytes.push_back(fromHex(line.substr(at, 2)).at(0));
+    return bytes;
+}
+
+KeyHandle keyBehind(const std::string& heading) { return parsePrivateKey(blockBehind(heading), nullptr).key; }
+
+// The files of the page's example, in an archive. For a process of its own, whose /mnt is nobody else's.
+ByteVector writeExample(const fs::path& archive) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("example", "/mnt", "tmpfs", 0, "mode=755") != 0)
+        return {};
+    std::ofstream("/mnt/hello") << "hello, world\n";
+    std::ofstream("/mnt/sparse").seekp(8192) << "end";
+    fs::permissions("/mnt/hello", fs::perms(0644));
+    fs::permissions("/mnt/sparse", fs::perms(0600));
+    fs::create_hard_link("/mnt/hello", "/mnt/again");
+    fs::create_symlink("hello", "/mnt/link");
+    waitForTick();
+    const Seen paths{"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"};
+    const struct timespec time { 1767323045, 500000000 }, times[] = {time, time};
+    for (const auto& path : paths) ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    return write(
+        listOf(paths), archive,
+        {publicPointOf(keyBehind("The recipient's key").get()), true, true, keyBehind("The sender's ephemeral key")},
+        "UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC");
+}
+
+TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
+    auto file = listing("The file, 715 bytes");
+    const TemporaryFolder folder;
+    const pid_t child = fork();
+    if (child == 0) ::_exit(writeExample(folder.path / "example.qvx") == file ? 0 : 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+
+    const auto key = keyBehind("The recipient's key");
+    const Bytes header = Bytes(file).first(plainHeaderSize);
+    const auto keys =
+        hpkeReceive(Aead::aes256Gcm, key.get(), header.subspan(boundHeaderSize), header.first(boundHeaderSize));
+    ByteVector schedule(keys->key.begin(), keys->key.end());
+    schedule.insert(schedule.end(), keys->baseNonce.begin(), keys->baseNonce.end());
+    EXPECT_EQ(schedule, listing("HPKE's key schedule"));
+    std::size_t at = plainHeaderSize;
+    for (const char* heading : {"The plain bytes of block 0", "Of block 1", "Of block 2"}) {
+        const auto block = decodeBlockHeader(Bytes(file).subspan(at));
+        const auto sealed = MutableBytes(file).subspan(at + blockHeaderSize);
+        ByteVector plain, shown = listing(heading);
+        ASSERT_EQ(BlockDecoder(*keys).decode(*block, sealed, {}, plain), BlockFault::none) << heading;
+        shown.resize(plain.size());
+        EXPECT_TRUE(shown == plain) << heading;
+        at += blockHeaderSize + block->sealedLength;
+    }
 }
 
 }  // namespace

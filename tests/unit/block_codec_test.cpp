@@ -21,10 +21,8 @@ TEST(BlockCodec, RefusesWellSealedContentThatIsNoBlock) {
     cut.pop_back();
     const std::pair<std::uint8_t, Buffer> cases[] = {{blockCompressed, frame(blockSize - 1)},
                                                      {blockCompressed, frame(blockSize + 1)},
-                                                     {blockCompressed, frame(100U << 20)},
                                                      {blockCompressed, two},
                                                      {blockCompressed, cut},
-                                                     {blockCompressed, Buffer(100, 'x')},
                                                      {0, Buffer(blockSize - 1)},
                                                      {blockLast, Buffer(blockSize)}};
     for (const auto& [flags, stored] : cases) {
@@ -39,37 +37,6 @@ TEST(BlockCodec, RefusesWellSealedContentThatIsNoBlock) {
         EXPECT_EQ(BlockDecoder({}).decode(header, sealed, {}, plain), BlockFault::content) << stored.size();
         EXPECT_LE(plain.size(), blockSize);
     }
-}
-
-// What only the beginning of the leader holds is referred to as well.
-TEST(BlockCodec, LearnsFromTheWholeLeader) {
-    GroupDictionary leader{0, Buffer(blockSize)};
-    std::uint32_t state = 1;
-    for (auto& byte : leader.bytes) byte = static_cast<std::uint8_t>((state = state * 1664525 + 1013904223) >> 24);
-    Buffer plain(leader.bytes.begin(), leader.bytes.begin() + blockSize / 2);
-    plain.resize(blockSize, 'b');
-    Buffer block(BlockEncoder::capacity);
-    block.resize(BlockEncoder({}).encode(1, false, plain, &leader, block.data()));
-    EXPECT_LT(block.size(), 65536U);
-    Buffer given;
-    const MutableBytes sealed = MutableBytes(block).subspan(blockHeaderSize);
-    EXPECT_EQ(BlockDecoder({}).decode(*decodeBlockHeader(block), sealed, leader.bytes, given), BlockFault::none);
-    EXPECT_TRUE(given == plain);
-}
-
-TEST(PlainHeader, IsToldFromNoArchiveACutOneAndALaterOne) {
-    const auto fault = [](std::size_t offset, std::uint8_t value, std::size_t length = plainHeaderSize) {
-        auto bytes = encodePlainHeader({16, {}, {}});
-        bytes[offset] = value;
-        HeaderFault found{};
-        EXPECT_FALSE(decodePlainHeader(Bytes(bytes).first(length), found)) << offset;
-        return found;
-    };
-    EXPECT_EQ(fault(1, 'x'), HeaderFault::notAnArchive);
-    EXPECT_EQ(fault(0, fileMagic[0], 7), HeaderFault::notAnArchive);
-    EXPECT_EQ(fault(0, fileMagic[0], plainHeaderSize - 1), HeaderFault::cut);
-    for (const std::size_t offset : {8U, 10U, 12U, 16U, 24U})
-        EXPECT_EQ(fault(offset, 0xfe), HeaderFault::unsupported) << offset;
 }
 
 }  // namespace
