@@ -12,7 +12,6 @@ namespace {
 Fault fault;
 std::atomic<bool> armed = false;
 std::atomic<unsigned> seen = 0;
-std::atomic<int> threads = 0;
 thread_local bool inFault = false;
 
 bool fails(std::string_view call) {
@@ -50,56 +49,42 @@ unsigned tarnwick::test::disarm() {
     return seen;
 }
 
-int tarnwick::test::runningThreads() { return threads; }
-
 // Declared here with plain types, and nowhere else: the library's own declarations promise more than these keep.
-#define FAULTY(Result, name, parameters, arguments, ...)          \
+#define FAULTY(Result, name, parameters, arguments, failure, ...) \
     extern "C" Result name parameters {                           \
         static auto* const real = next<Result parameters>(#name); \
-        return fails(__VA_ARGS__) ? Result(-1) : real arguments;  \
+        return fails(__VA_ARGS__) ? failure : real arguments;     \
     }
 
-FAULTY(int, open, (const char* path, int flags, int mode), (path, flags, mode), "open")
-FAULTY(int, open64, (const char* path, int flags, int mode), (path, flags, mode), "open")
-FAULTY(int, openat, (int folder, const char* path, int flags, int mode), (folder, path, flags, mode), "open")
-FAULTY(int, stat64, (const char* path, void* status), (path, status), "stat")
-FAULTY(int, lstat64, (const char* path, void* status), (path, status), "stat")
-FAULTY(int, fstat64, (int file, void* status), (file, status), "stat")
-FAULTY(int, statx, (int folder, const char* path, int flags, unsigned mask, void* status),
-       (folder, path, flags, mask, status), "stat")
-FAULTY(int, fchmod, (int file, unsigned mode), (file, mode), "mode")
-FAULTY(int, ioctl, (int file, unsigned long request, void* argument), (file, request, argument), "flags")
-FAULTY(long, lseek64, (int file, long offset, int whence), (file, offset, whence), "seek")
-FAULTY(long, flistxattr, (int file, char* list, std::size_t size), (file, list, size), "xattr")
-FAULTY(long, llistxattr, (const char* path, char* list, std::size_t size), (path, list, size), "xattr")
-FAULTY(long, fgetxattr, (int file, const char* name, void* value, std::size_t size), (file, name, value, size), "xattr")
-FAULTY(long, readlink, (const char* path, char* target, std::size_t size), (path, target, size), "link")
-FAULTY(long, read, (int file, void* bytes, std::size_t size), (file, bytes, size), "read", size)
-FAULTY(long, pread64, (int file, void* bytes, std::size_t size, long at), (file, bytes, size, at), "read", size)
-FAULTY(long, write, (int file, const void* bytes, std::size_t size), (file, bytes, size), "write", size)
+// clang-format off
+FAULTY(int, open, (const char* path, int flags, int mode), (path, flags, mode), -1, "open")
+FAULTY(int, open64, (const char* path, int flags, int mode), (path, flags, mode), -1, "open")
+FAULTY(int, openat, (int folder, const char* path, int flags, int mode), (folder, path, flags, mode), -1, "open")
+FAULTY(int, stat64, (const char* path, void* status), (path, status), -1, "stat")
+FAULTY(int, lstat64, (const char* path, void* status), (path, status), -1, "stat")
+FAULTY(int, fstat64, (int file, void* status), (file, status), -1, "stat")
+FAULTY(int, statx, (int at, const char* path, int flags, int mask, void* status), (at, path, flags, mask, status), -1,
+       "stat")
+FAULTY(int, fchmod, (int file, int mode), (file, mode), -1, "mode")
+FAULTY(int, ioctl, (int file, unsigned long request, void* argument), (file, request, argument), -1, "flags")
+FAULTY(long, lseek64, (int file, long offset, int whence), (file, offset, whence), -1, "seek")
+FAULTY(long, flistxattr, (int file, char* list, std::size_t size), (file, list, size), -1, "xattr")
+FAULTY(long, llistxattr, (const char* path, char* list, std::size_t size), (path, list, size), -1, "xattr")
+FAULTY(long, fgetxattr, (int file, const char* name, void* value, std::size_t size), (file, name, value, size), -1,
+       "xattr")
+FAULTY(long, readlink, (const char* path, char* target, std::size_t size), (path, target, size), -1, "link")
+FAULTY(long, read, (int file, void* bytes, std::size_t size), (file, bytes, size), -1, "read", size)
+FAULTY(long, pread64, (int file, void* bytes, std::size_t size, long at), (file, bytes, size, at), -1, "read", size)
+FAULTY(long, write, (int file, const void* bytes, std::size_t size), (file, bytes, size), -1, "write", size)
+FAULTY(void*, readdir64, (void* folder), (folder), nullptr, "readdir")
+FAULTY(int, pthread_create, (pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* with),
+       (thread, attributes, start, with), errno, "thread")
+// clang-format on
 
 extern "C" int close(int file) {
     static auto* const real = next<int(int)>("close");
     const bool failed = fails("close");
     return real(file) == 0 && !failed ? 0 : -1;
-}
-
-extern "C" void* readdir64(void* folder) {
-    static auto* const real = next<void*(void*)>("readdir64");
-    return fails("readdir") ? nullptr : real(folder);
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* with) {
-    static auto* const real = next<decltype(pthread_create)>("pthread_create");
-    const int result = fails("thread") ? errno : real(thread, attributes, start, with);
-    threads += result == 0;
-    return result;
-}
-
-extern "C" int pthread_join(pthread_t thread, void** result) {
-    static auto* const real = next<decltype(pthread_join)>("pthread_join");
-    --threads;
-    return real(thread, result);
 }
 
 // A sanitizer has an allocation of its own.

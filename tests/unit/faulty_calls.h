@@ -18,7 +18,6 @@ struct Fault {
 };
 
 void arm(Fault fault);
-unsigned disarm();     // the number of calls seen
-int runningThreads();  // started and not joined
+unsigned disarm();  // the number of calls seen
 
 }  // namespace tarnwick::test
