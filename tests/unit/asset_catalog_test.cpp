@@ -17,22 +17,11 @@ std::string file(const std::string& path) {
            "</string><key>URL</key><string>u</string></dict>";
 }
 
-std::string asset(const std::string& files, const std::string& type = "t") {
-    return "<dict><key>Type</key><string>" + type + "</string><key>ContentVersion</key><integer>5</integer>" +
-           "<key>Files</key><array>" + files + "</array></dict>";
-}
-
-std::string catalog(const std::string& assets) {
+std::string catalog(const std::string& files, const std::string& more = "") {
     return "<plist version=\"1.0\"><dict><key>Serial</key><integer>7</integer><key>Expiry</key>"
-           "<date>2001-01-02T00:00:00Z</date><key>Assets</key><array>" +
-           assets + "</array></dict></plist>";
-}
-
-const std::string good = catalog(asset(file("sub/a") + file("b")));
-
-std::string with(const std::string& from, const std::string& to) {
-    auto text = good;
-    return text.replace(text.find(from), from.size(), to);
+           "<date>2001-01-02T00:00:00Z</date><key>Assets</key><array><dict><key>Type</key><string>t</string>"
+           "<key>ContentVersion</key><integer>5</integer><key>Files</key><array>" +
+           files + "</array></dict>" + more + "</array></dict></plist>";
 }
 
 AssetResult parse(const std::string& text) {
@@ -41,41 +30,42 @@ AssetResult parse(const std::string& text) {
 }
 
 TEST(AssetCatalog, RefusesWhatIsMalformedAndKeysOfAnotherKind) {
+    const auto good = catalog(file("sub/a") + file("b"));
     ASSERT_EQ(parse(good), AssetResult::success);
-    for (const auto& text :
-         {std::string(), good.substr(0, good.size() - 1), std::string("bplist00"), catalog("<string>a</string>"),
-          catalog(asset("")), catalog(asset(file("a") + file("a"))), catalog(asset(file("a/b") + file("a"))),
-          catalog(asset(file("a")) + asset(file("b"))), catalog(asset(file("a"), ".t")),
-          catalog(asset(file("a"), "../t")), with("<integer>7<", "<integer>-7<"), with("<integer>5<", "<integer>-5<"),
-          with("<integer>3<", "<integer>18446744073709551615<"), with(digestText, digestText + "a"),
-          with(digestText, "G" + digestText.substr(1)), with("<string>u<", "<string><"),
-          with("2001-01-02T00:00:00Z", "never"), with("Serial", "Cereal")})
+    const auto with = [&](const std::string& from, const std::string& to) {
+        auto text = good;
+        return text.replace(text.find(from), from.size(), to);
+    };
+    for (const auto& text : {std::string(), catalog(""), catalog(file("a") + file("a")),
+                             catalog(file("a/b") + file("a")), catalog(file("a"), "<string>a</string>"),
+                             with("<integer>7<", "<integer>-7<"), with("<integer>5<", "<integer>-5<"),
+                             with("<integer>3<", "<integer>18446744073709551615<"), with("aaaa", "aaaaa"),
+                             with("aaaa", "Gaaa"), with("<string>u<", "<string><"), with("<string>t<", "<string>.t<"),
+                             with("<string>t<", "<string>a/t<"), with("2001-01-02", "never"), with("Serial", "Cereal")})
         EXPECT_EQ(parse(text), AssetResult::catalogMalformed) << text;
     for (const auto* path : {"/a", "../a", "a/../b", "a//b", "a/", "", ".", "a/./b", "a&#10;b"})
-        EXPECT_EQ(parse(catalog(asset(file(path)))), AssetResult::pathRefused) << path;
-    EXPECT_FALSE(acceptableAssetPath(std::string_view("a\0b", 3)));
-    EXPECT_FALSE(acceptableAssetPath(std::string(256, 'x')));
+        EXPECT_EQ(parse(catalog(file(path))), AssetResult::pathRefused) << path;
+    EXPECT_FALSE(acceptableAssetPath(std::string_view("a\0b", 3)) || acceptableAssetPath(std::string(256, 'x')));
 
-    AssetCatalog read;
     const std::string p384 =
         "-----BEGIN PUBLIC KEY-----\n"
         "MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAEHLUAWoIlOJmKGTSLHwRzufw91yb7Wi+i\n"
         "OQcHVfO7HmH+U1faf4YF8lhvwFqssz86e/fgYw3PtWiLSA+94CQQn2xKmlMRlBev\n"
         "dbIzRaWFLzu/T3DLYUiqr2wRmhbFazTF\n"
         "-----END PUBLIC KEY-----\n";
+    AssetCatalog read;
     for (const auto& key : {p384, std::string("no key")})
         EXPECT_EQ(readCatalog({good, "x"}, key, read), AssetResult::keyUnusable) << key;
 }
 
 TEST(AssetUrls, StayWithTheCatalogsSchemeAndPlainHttpOnThisMachine) {
     for (const auto* url :
-         {"https://host/c", "file:///srv/c", "http://127.0.0.1:8/c", "http://[::1]/", "HTTP://localhost/c"})
+         {"https://host/c", "file:///srv/c", "http://127.0.0.1:8/c", "http://[::1]/", "HTTP://localhost/"})
         EXPECT_TRUE(acceptableUrl(url)) << url;
     for (const auto* url : {"http://host/c", "http://127.0.0.1.host/", "http://127.0.0.1@host/", "ftp://127.0.0.1/",
-                            "http://localhost.host/", "host/c", "", "http://128.0.0.1/", "http://0.0.0.0/"})
+                            "http://localhost.host/", "host/c", "", "http://128.0.0.1/"})
         EXPECT_FALSE(acceptableUrl(url)) << url;
     EXPECT_EQ(resolveUrl("https://host/a/c.plist?x", "b/f%20g"), "https://host/a/b/f%20g");
-    EXPECT_EQ(resolveUrl("file:///srv/a/c.plist", "b/f"), "file:///srv/a/b/f");
     EXPECT_FALSE(resolveUrl("https://host/c", "file:///etc/passwd"));
     EXPECT_FALSE(resolveUrl("https://host/c", "http://127.0.0.1/"));
     EXPECT_FALSE(resolveUrl("http://127.0.0.1/c", "//host/f"));

@@ -1,10 +1,10 @@
+// What the program test, with several processes and a kill, cannot show.
 #include "platform/assets/asset_store.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>
-#include <set>
 
 #include "temporary_folder.h"
 
@@ -12,8 +12,6 @@ namespace fs = std::filesystem;
 using namespace tarnwick;
 
 namespace {
-
-using Names = std::set<std::string>;
 
 class Store : public testing::Test {
 protected:
@@ -24,10 +22,9 @@ protected:
     // Byte by byte, as a slow server would.
     static AssetResult add(StagedAsset& staged, const AssetFile& file) {
         return staged.addFile(file, [&](const ByteSink& sink) {
-            auto result = AssetResult::success;
-            for (const auto* byte : {"a", "b", "c"})
-                if (result == AssetResult::success) result = sink(byte);
-            return result;
+            for (const auto* byte : {"a", "b"})
+                if (const auto result = sink(byte); result != AssetResult::success) return result;
+            return sink("c");
         });
     }
     AssetResult install(const Asset& wanted) {
@@ -36,11 +33,6 @@ protected:
         if (result == AssetResult::success) result = add(*staged, wanted.files[0]);
         return result == AssetResult::success ? store_.install(wanted, *staged) : result;
     }
-    [[nodiscard]] Names names() const {
-        Names found;
-        for (const auto& entry : fs::directory_iterator(root_ / "t")) found.insert(entry.path().filename());
-        return found;
-    }
     void write(const fs::path& name, const std::string& text) const { std::ofstream(root_ / name) << text; }
 
     TemporaryFolder folder_;
@@ -48,28 +40,21 @@ protected:
     const AssetStore store_{root_};
 };
 
-TEST_F(Store, InstallsKeepsTheNewestTwoAndNeverGoesBack) {
+TEST_F(Store, NeverGoesBackAndClearsTheLeftoversOfTheDeadOnly) {
     std::optional<StagedAsset> living;
     ASSERT_EQ(store_.stage("t", living), AssetResult::success);
-    auto expected = names();
     fs::create_directories(root_ / "t/.staging.killed/content");
-    for (const int version : {1, 2, 10}) EXPECT_EQ(install(asset(version)), AssetResult::success);
-    expected.insert({"10.0", "2.0"});
-    EXPECT_EQ(names(), expected) << "a killed process's leftovers are cleared, a living one's are not";
-    EXPECT_EQ(install(asset(10)), AssetResult::success) << "another run was quicker";
+    for (const int version : {1, 2, 10, 10}) EXPECT_EQ(install(asset(version)), AssetResult::success);
     EXPECT_EQ(install(asset(9, 99)), AssetResult::versionTooLow);
-    EXPECT_EQ(names(), expected);
+    EXPECT_TRUE(fs::exists(root_ / "t/2.0") && !fs::exists(root_ / "t/.staging.killed"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "t"), fs::directory_iterator()), 3);
 }
 
 TEST_F(Store, PassesNoLink) {
     std::optional<StagedAsset> staged;
     ASSERT_EQ(store_.stage("t", staged), AssetResult::success);
-    fs::create_directory_symlink("/tmp", root_ / "t" / *names().begin() / "content/sub");
+    fs::create_directory_symlink("/tmp", fs::directory_iterator(root_ / "t")->path() / "content/sub");
     EXPECT_EQ(add(*staged, asset(1).files[0]), AssetResult::pathThroughLink);
-    staged.reset();
-    fs::remove_all(root_ / "t");
-    fs::create_directory_symlink("/tmp", root_ / "t");
-    EXPECT_EQ(install(asset(1)), AssetResult::pathThroughLink);
 }
 
 TEST_F(Store, InstalledMeansCompleteAndNobodyElses) {
@@ -82,11 +67,11 @@ TEST_F(Store, InstalledMeansCompleteAndNobodyElses) {
     fs::create_symlink(root_ / "aside", root_ / "t/1.0/sub/f");
     EXPECT_FALSE(store_.holdsComplete(asset(1)));
 
-    // Put there by hand: good, empty, of another name, a link, writable by everybody.
-    for (const auto* name : {"2.0", "3.0", "04.0", "4", "5.0"}) fs::create_directories(root_ / "t" / name);
-    for (const auto* name : {"2.0", "04.0", "4", "5.0"}) write(std::string("t/") + name + "/f", "x");
-    fs::create_directory_symlink("2.0", root_ / "t/6.0");
+    // Put there by hand: good, empty, of another name, writable by everybody, a link.
+    for (const auto* name : {"2.0", "3.0", "04.0", "5.0"}) fs::create_directories(root_ / "t" / name);
+    for (const auto* name : {"t/2.0/f", "t/04.0/f", "t/5.0/f"}) write(name, "x");
     chmod((root_ / "t/5.0").c_str(), 0777);
+    fs::create_directory_symlink("2.0", root_ / "t/6.0");
     std::vector<AssetVersion> found;
     EXPECT_EQ(store_.listInstalled("t", found), AssetResult::success);
     EXPECT_EQ(found, (std::vector<AssetVersion>{{2, 0}}));
@@ -94,9 +79,8 @@ TEST_F(Store, InstalledMeansCompleteAndNobodyElses) {
 
 TEST_F(Store, TheSerialOnlyRises) {
     const SignedCatalog catalog{"bytes", std::string("s\0\n", 3)};
-    EXPECT_EQ(store_.keepCatalog(catalog, 7), AssetResult::success);
+    for (int round = 0; round < 2; ++round) EXPECT_EQ(store_.keepCatalog(catalog, 7), AssetResult::success);
     EXPECT_EQ(store_.storedCatalog()->signature, catalog.signature);
-    EXPECT_EQ(store_.keepCatalog(catalog, 7), AssetResult::success);
     fs::remove(root_ / ".catalog");
     EXPECT_EQ(store_.keepCatalog(catalog, 6), AssetResult::serialTooLow);
     write(".serial", "7");  // cut short: must not be taken for none
