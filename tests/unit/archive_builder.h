@@ -8,6 +8,7 @@
 #include "fuzz/checking_sink.h"
 #include "platform/archive/archive_reader.h"
 #include "platform/archive/block_stream.h"
+#include "platform/archive/ssh_key.h"
 
 namespace tarnwick::test {
 

@@ -34,7 +34,8 @@ TEST(PropertyListFile, IsAFileOfSixteenMegabytesAtMost) {
     EXPECT_TRUE(readable("<plist><dict/></plist>", 16 << 20));
     EXPECT_FALSE(readable("<plist><dict/></plist>", (16 << 20) + 1));
     EXPECT_FALSE(readable("<plist><array/></plist>", 100));
-    for (const auto& other : {fifo, folder.path / "absent", folder.path, fs::path("/dev/zero")})
+    std::ofstream(folder.path / "\xff") << "<plist><dict/></plist>";
+    for (const auto& other : {folder.path / "\xff", fifo, folder.path / "absent", folder.path, fs::path("/dev/zero")})
         EXPECT_FALSE(readPropertyListFile(other)) << other;
 }
 

@@ -141,7 +141,7 @@ TEST(Volumes, AreThoseThatTheMachineHas) {
 TEST(VisibleText, LetsNoControlOrForeignByteThrough) {
     const std::pair<const char*, const char*> cases[] = {{"\xc3\xa9\xf0\x9f\x92\xbe", "\xc3\xa9\xf0\x9f\x92\xbe"},
                                                          {"\x1b[2J\n\x7f", "\\x1b[2J\\x0a\\x7f"},
-                                                         {"\xc2\x9b[0m", "\\xc2\\x9b[0m"},
+                                                         {"\xc2\x9b[0m\xe2\x80\xae", "\\xc2\\x9b[0m\\xe2\\x80\\xae"},
                                                          {"\xc0\xaf \xed\xa0\x80", "\\xc0\\xaf \\xed\\xa0\\x80"},
                                                          {"\xe2\x82", "\\xe2\\x82"},
                                                          {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}};
