@@ -84,9 +84,9 @@ int ArchiveEncoder::writeFile(Entry& entry) {
     if (reuseContent(entry) || !wants("DAT")) return 0;
     Digest digest = found.digest;
     if (found.file) {
-        hasher_.restart();
+        digest_.restart();
         if (const int status = writeExtents(entry)) return status;
-        digest = hasher_.finish();
+        digest = digest_.finish();
     } else {
         writeContent(entry, found.content);
     }
@@ -165,7 +165,7 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
     entry.zeros += length;
     ++entry.holes;
     // Anybody can make a file that is one hole of exabytes; nobody would see the end of its digest.
-    if (entry.zeros <= maxDigestedHoles) hasher_.addZeros(length);
+    if (entry.zeros <= maxDigestedHoles) digest_.addZeros(length);
 }
 
 // Reads straight into the block. What the file no longer holds is left out; what it has gained is not looked at.
@@ -179,7 +179,7 @@ int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t position, std::uint6
         entry.ended = count == 0;
         if (entry.ended) return 0;
         const auto taken = static_cast<std::size_t>(count);
-        hasher_.add(part.first(taken));
+        digest_.add(part.first(taken));
         encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(taken)}, stream_.room().data());
         stream_.commit(recordHeaderSize + taken);
         entry.size += taken;

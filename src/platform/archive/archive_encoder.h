@@ -51,7 +51,7 @@ private:
     const FieldMask fields_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;
-    Hasher hasher_;
+    ContentDigest digest_;
     std::vector<std::uint8_t> payload_;
     struct timespec started_ {};
     IndexPartEncoder part_;

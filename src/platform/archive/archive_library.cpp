@@ -1,4 +1,3 @@
-#include "base/write_piece.h"
 #include "platform/archive/archive_library.h"
 
 #include <fcntl.h>
@@ -14,6 +13,7 @@
 #include <system_error>
 
 #include "base/handle.h"
+#include "base/write_piece.h"
 #include "platform/archive/archive_encoder.h"
 #include "platform/archive/block_stream.h"
 #include "platform/archive/encryption_context.h"

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 
 namespace tarnwick::qvx {
 
@@ -37,30 +36,6 @@ std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
     }
 }
 
-Hasher::Hasher() : context_(EVP_MD_CTX_new()) {
-    expect(context_ ? EVP_DigestInit_ex2(context_.get(), EVP_sha256(), nullptr) : 0);
-}
-
-void Hasher::expect(int result) {
-    if (result != 1) throw std::bad_alloc();
-}
-
-void Hasher::restart() { expect(EVP_DigestInit_ex2(context_.get(), nullptr, nullptr)); }
-
-void Hasher::add(Bytes bytes) { expect(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size())); }
-
-void Hasher::addZeros(std::uint64_t count) {
-    static constexpr std::array<std::uint8_t, 65536> zeros{};
-    for (; count > zeros.size(); count -= zeros.size()) add(zeros);
-    add(Bytes(zeros).first(static_cast<std::size_t>(count)));
-}
-
-Digest Hasher::finish() {
-    Digest digest{};
-    expect(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr));
-    return digest;
-}
-
 void DiskEntryReader::read(DiskEntry& entry, MutableBytes room) {
     entry.error = open(entry);
     if (entry.error != 0) return;
@@ -89,9 +64,9 @@ int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
     if (length < 0) return -errno;
     if (length == 0) return -EIO;  // only a broken file system has such a link, and no reader would take it
     entry.content = room.first(static_cast<std::size_t>(length));
-    hasher_.restart();
-    hasher_.add(entry.content);
-    entry.digest = hasher_.finish();
+    digest_.restart();
+    digest_.add(entry.content);
+    entry.digest = digest_.finish();
     return 0;
 }
 
@@ -111,9 +86,9 @@ int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
     if (size == 0 && length > 0) return 0;
     entry.content = room.first(length);
     entry.file = FileDescriptor();
-    hasher_.restart();
-    hasher_.add(entry.content);
-    entry.digest = hasher_.finish();
+    digest_.restart();
+    digest_.add(entry.content);
+    entry.digest = digest_.finish();
     return 0;
 }
 

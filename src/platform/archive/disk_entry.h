@@ -1,29 +1,11 @@
 // One entry of a path list as it stands on the disk: opened, looked at and, when it is small, read.
 #pragma once
 
-#include <openssl/evp.h>
-
-#include <memory>
-
+#include "platform/archive/content_digest.h"
 #include "platform/archive/entry_metadata.h"
 #include "platform/archive/path_list.h"
 
 namespace tarnwick::qvx {
-
-// A running SHA-256. Throws std::bad_alloc when the library fails.
-class Hasher {
-public:
-    Hasher();
-    void restart();
-    void add(Bytes bytes);
-    void addZeros(std::uint64_t count);
-    Digest finish();
-
-private:
-    void expect(int result);
-
-    std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>> context_;
-};
 
 struct DiskEntry {
     PathList::Entry listed;
@@ -49,7 +31,7 @@ private:
     int readSmall(DiskEntry& entry, MutableBytes room);
 
     MetadataReader metadata_;
-    Hasher hasher_;
+    ContentDigest digest_;
 };
 
 // As pread(), but tried again when a signal came in between; a negative errno value on failure.

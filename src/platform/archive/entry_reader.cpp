@@ -1,7 +1,5 @@
 #include "platform/archive/entry_reader.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <limits>
 #include <new>
@@ -30,30 +28,6 @@ RecordJoiner::State RecordJoiner::take(const Record& record, std::size_t limit) 
     joining_ = record.continues;
     payload_ = joined_;
     return joining_ ? State::partial : State::whole;
-}
-
-void ContentDigest::Free::operator()(evp_md_ctx_st* context) const noexcept { EVP_MD_CTX_free(context); }
-
-ContentDigest::ContentDigest() : context_(EVP_MD_CTX_new()) { restart(); }
-
-void ContentDigest::restart() {
-    if (!context_ || EVP_DigestInit_ex2(context_.get(), EVP_sha256(), nullptr) != 1) throw std::bad_alloc();
-}
-
-void ContentDigest::add(Bytes bytes) {
-    if (EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) != 1) throw std::bad_alloc();
-}
-
-void ContentDigest::addZeros(std::uint64_t count) {
-    static constexpr std::array<std::uint8_t, 65536> zeros{};
-    for (; count > 0; count -= std::min<std::uint64_t>(count, zeros.size()))
-        add(Bytes(zeros).first(static_cast<std::size_t>(std::min<std::uint64_t>(count, zeros.size()))));
-}
-
-Digest ContentDigest::finish() {
-    Digest digest;
-    if (EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) != 1) throw std::bad_alloc();
-    return digest;
 }
 
 ParallelDigest::~ParallelDigest() {

@@ -7,9 +7,8 @@
 #include <thread>
 
 #include "platform/archive/archive_file.h"
+#include "platform/archive/content_digest.h"
 #include "platform/archive/entry_codec.h"
-
-struct evp_md_ctx_st;
 
 namespace tarnwick::qvx {
 
@@ -50,22 +49,6 @@ private:
     Bytes payload_;
     RecordType type_ = RecordType::pad;
     bool joining_ = false;
-};
-
-// A running SHA-256. Throws std::bad_alloc when the library fails.
-class ContentDigest {
-public:
-    ContentDigest();
-    void restart();
-    void add(Bytes bytes);
-    void addZeros(std::uint64_t count);
-    Digest finish();
-
-private:
-    struct Free {
-        void operator()(evp_md_ctx_st* context) const noexcept;
-    };
-    std::unique_ptr<evp_md_ctx_st, Free> context_;
 };
 
 // Digests long pieces in a thread, which starts with the first one, while the caller does something else with them.
