@@ -145,6 +145,7 @@ bool extractChosen(const Options& options, ArchiveReader& reader, DiskSink& sink
     };
     std::uint64_t taken = 0;
     if (!reader.readChosen(chosen, sink, taken, fault)) return false;
+    fault = {};  // nothing is wrong with the archive when it lacks what was asked for
     bool all = true;
     for (std::size_t i = 0; i < tops.size(); ++i) {
         if (met[i]) continue;
