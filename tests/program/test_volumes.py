@@ -1,102 +1,84 @@
-"""Which volumes are searched, in which order, and what is said of those that cannot be."""
+"""Which volumes are searched, in which order and with whose consent, and what is said of the others."""
+import os
+
 import world
-from story import CaptureScenario
-from world import NO, YES, Answer, property_list
+from world import CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, property_list, volume_info, write
+
+# The consent file of a volume and what is typed for it.
+ASKED = [(NO, "yes\n"), ({}, "y\nja\n\nyes please\nYES\n"), (NO, "yes \n yes\nyes\r\nyes\0\nno\n"),
+         ({"SeedAutoSubmit": False, "AutoSubmit": True}, "no\n"), ({"AutoSubmit": 1}, "No\n"),
+         ({"SeedAutoSubmit": True, "AutoSubmit": False}, ""), ({"SeedAutoSubmit": "true", "AutoSubmit": True}, "")]
 
 
-class Structure(CaptureScenario):
-    def test_faults(self):
+class Volumes(Scenario):
+    def setUp(self):
+        super().setUp()
+        self.specification()
+
+    def test_faults_of_the_listing(self):
         """Answers that cannot be walked end the run, after what came before them in the walk."""
-        containers, item, groups, volumes, volume = (
-            f"implausible output from volctl ({what})" for what in
-            ("no Containers", "no item dict", "no VolumeGroups array", "no Volumes array", "no volume dict"))
-        one = self.world.volume("one", YES)
-        good = {"VolumeGroups": [{"Volumes": [one.record()]}]}
-        for value, message in (
-                ("no list", "unable to list container groups"),
-                ([], "unable to list container groups"),
-                ({"Containers": {}}, containers),
-                ({"Containers": ["text", good]}, item),
-                ({"Containers": [{}, good]}, groups),
-                ({"Containers": [{"VolumeGroups": "text"}, good]}, groups),
-                ({"Containers": [{"VolumeGroups": [{}]}, good]}, volumes),
-                ({"Containers": [{"VolumeGroups": [7, {"Volumes": [one.record()]}]}]}, volumes),
-                ({"Containers": [{"VolumeGroups": [{"Volumes": [True, one.record()]}]}]}, volume)):
-            with self.subTest(str(value)):
-                self.world.list_groups(value)
-                story = self.story(*[one] * ("disk1" in str(value)))
-                self.fails(story, message)
-                world.clear("/tmp")
+        self.volume("one", YES)
+        good = {"VolumeGroups": [{"Volumes": self.volumes}]}
+        for value in ([], {"Containers": {}}, {"Containers": ["text", good]}, {"Containers": [{}, good]},
+                      {"Containers": [{"VolumeGroups": "text"}]}, {"Containers": [{"VolumeGroups": [7, good]}]},
+                      {"Containers": [{"VolumeGroups": [{}, {"Volumes": self.volumes}]}]},
+                      {"Containers": [{"VolumeGroups": [{"Volumes": [True, *self.volumes]}]}]}):
+            self.answer(GROUPS, property_list(value))
+            self.capture()
+        for answer in "no list", Answer("oh\n", 1), Answer("", 127):
+            self.answer(GROUPS, answer)
+            self.capture()
 
+    def test_plan(self):
+        """Backwards at every level; other roles and what cannot be asked for silently, the rest with a word."""
+        for number, role in enumerate(("data", "Data ", "Preboot", "D\u00e4ta")):
+            self.volume(f"v{number}", YES, role=role)
+        for name in "lost", "stays", "refused", "opened", "failing", "unparsable":
+            self.volume(name, YES, mounted=name not in ("stays", "refused", "opened"), device=name)
+        self.volume("tmp", YES, device="/tmp")  # where captures of internal builds go: that has no device identifier
+        for device, *answers in (("unparsable", "no list"), ("failing", Answer("", 1)),
+                                 ("opened", volume_info("Donn\u00e9es", "disk7s1", ""),
+                                  volume_info("opened", "disk7s1", "/media/opened")),
+                                 ("lost", volume_info("lost", "lost", "/media/lost"), Answer("", 1))):
+            self.answer(f"volctl info -plist {device}", *answers)
+        for device, answer in ("disk7s1", "asked\n"), ("refused", Answer("asked\n", 1)), ("stays", ""):
+            self.answer(f"volctl zkfs unlockVolume {device}", answer)
+        left_out, self.volumes = self.volumes, []
+        a, b, c = (self.volume(name, YES) and self.volumes[-1] for name in "abc")
+        self.answer(GROUPS, property_list({"Containers": [
+            {"VolumeGroups": [{"Volumes": [a, *left_out]}, {"Volumes": [b]}]},
+            {"VolumeGroups": [{"Volumes": [c]}, {"Volumes": []}]}]}))
+        self.capture()
 
-class Plan(CaptureScenario):
-    def test_is_made_backwards_at_every_level(self):
-        a, b, c, d = (self.world.volume(name, YES) for name in "abcd")
-        self.world.list_groups({"Containers": [
-            {"VolumeGroups": [{"Volumes": [a.record(), b.record()]}, {"Volumes": [c.record()]}]},
-            {"VolumeGroups": [{"Volumes": [d.record()]}, {"Volumes": []}]}]})
-        story = self.story(d, c, b, a)
-        for volume in (d, c, b, a):
-            story.volume(volume)
-        self.captured(story)
+    def test_destination_that_does_not_parse_and_one_that_changes(self):
+        self.answer(PREBOOT, "no list")
+        self.capture()
+        self.answer(PREBOOT, property_list({"MountPoint": "/media/preboot"}), volume_info("", "disk5", "/media/other"))
+        write(f"{world.STORE}/tarnwick-old.qvx", b"\0" * 1024)
+        os.truncate(f"{world.STORE}/tarnwick-old.qvx", 1 << 30)  # not in the listing that counts
+        self.capture()
 
-    def test_leaves_out_what_cannot_be_searched(self):
-        """Other roles and what cannot be asked for silently, the others with a word. Told in the order of the walk."""
-        for number, role in enumerate(("data", "Data ", "Preboot", "", "D\u00e4ta")):
-            self.world.volume(f"v{number}", YES, role=role)
-        tmp, lost, stays, refused, opened, failing, unparsable = (
-            self.world.volume(name, NO, mounted=name not in ("stays", "refused", "opened")) for name in
-            ("tmp", "lost", "stays", "refused", "opened", "failing", "unparsable"))
-        tmp.device = "/tmp"  # where captures of internal builds go: that shortcut has no device identifier
-        self.world.list_volumes()
-        mounted = opened.info.replace("<string></string>", f"<string>{opened.mount_point}</string>")
-        for volume, *answers in ((unparsable, "no list"), (failing, Answer("", 1)), (opened, opened.info, mounted),
-                                 (lost, lost.info, Answer("", 1))):
-            self.world.answer(f"volctl info -plist {volume.device}", *answers)
-        for volume, answer in (opened, "asked\n"), (refused, Answer("asked\n", 1)), (stays, ""):
-            self.world.answer(f"volctl zkfs unlockVolume {volume.device}", answer)
+    def test_consent(self):
+        """Asked for once at every run; a file that cannot be read asks nobody, whoever sits at the terminal."""
+        for number, (consent, _) in enumerate(reversed(ASKED)):
+            self.volume(f"v{len(ASKED) - number}", consent, ["/logs/a.log"])
+        for name, consent in ("missing", None), ("fifo", None), ("file", None), ("plist", "<plist>"), ("list", [True]):
+            self.volume(name, consent)
+        os.makedirs(os.path.dirname(f"/media/fifo/{CONSENT}"))
+        os.mkfifo(f"/media/fifo/{CONSENT}")
+        write("/media/file/Library")
+        self.capture(answers="".join(typed for _, typed in ASKED))
+        self.volumes = self.volumes[6:8]
+        self.specification(("/logs", ".*"))
+        self.list_volumes()
+        for arguments, answers in ([], "Yes"), ([], "maybe"), (["--noninteractive", "x"], "yes\n"), (["--force"], ""):
+            self.capture(*arguments, answers=answers)
 
-        story = self.story()
-        story.query(unparsable, "no list")
-        story.query(failing, "", 1)
-        story.unlock(opened, "asked\n")
-        opened.info = mounted
-        story.planned(opened, asked=1)
-        story.unlock(refused, "asked\n", 1)
-        story.query(refused)
-        story.not_planned()
-        story.unlock(stays)
-        story.query(stays)
-        story.not_planned()
-        story.query(lost)
-        story.query(lost, "", 1)
-        story.not_planned()
-        story.volume(opened, verdict="EXPLICITLY DENIED", questions=1)
-        self.captured(story)
-
-    def test_odd_answers(self):
-        """The device that is named may differ from the one that was listed; a name outside ASCII counts as empty; of a
-        piece of 127 bytes counts what is before its first zero byte, and the pieces behind it are whole."""
-        volume = self.world.volume("one", YES, mounted=False)
-        other = {"DeviceIdentifier": "disk7s1", "VolumeName": "Donn\u00e9es", "MountPoint": ""}
-        mounted = property_list({**other, "MountPoint": volume.mount_point})
-        mounted = mounted.replace("<dict>", "\0" + 126 * "x" + "<dict>")  # which begins a line
-        self.world.answer("volctl info -plist disk1", property_list(other), mounted)
-        self.world.answer("volctl zkfs unlockVolume disk7s1", "")
-        result = self.world.capture()
-        self.assertIn("Volume '' (disk7s1) is not mounted, will attempt", result.console)
-        self.assertIn("\nNow processing volume '' (disk7s1 -> /media/one)\n", result.console)
-        self.assertEqual(self.world.calls()[2:5], ["volctl info -plist disk1", "volctl zkfs unlockVolume disk7s1",
-                                                   "volctl info -plist disk1"])
-
-    def test_destination_that_does_not_parse_has_an_empty_mount_point(self):
-        self.world.preboot = "no list"
-        self.world.answer(world.PREBOOT, "no list")
-        story = self.story()
-        story.archived()
-        story.stored(store="tarnwick")
-        self.check(self.world.capture(), story)
-        self.assertEqual(len(self.world.stored("/media/cwd/tarnwick")), 1)
+    def test_force_is_for_internal_builds_only(self):
+        self.volume("one")
+        os.remove("/etc/tarnwick/internal-policies.plist")
+        self.key = f"{world.BIN}/../dev-recipient.pem"
+        self.tarnwick("--force")
 
 
 if __name__ == "__main__":

@@ -1,11 +1,13 @@
-"""A private world for the programs under test.
+"""A private world for the programs under test, and a record of what they say and leave in it.
 
-A World is a mount namespace of its own with fresh /tmp, /etc/tarnwick, /var/lib/tarnwick, /usr/lib/tarnwick and
-/media; the machine outside sees none of it. Everything a scenario makes lives below /media:
+A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick and /var/lib/tarnwick in a mount namespace
+of its own; the machine outside sees none of it. Everything that it makes lies below /media:
 
-    /media/bin        the stand-in commands, first on PATH      /media/calls     one line for each call of one
-    /media/programs   the programs under test                   /media/preboot   the destination volume
-    /media/NAME       the source volume NAME
+    /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
+    /media/programs   the programs under test                   /media/NAME      the source volume NAME
+
+Its record is compared with data/transcripts at the end. With RECORD=1 in the environment that file is written
+instead: read it as a user would before you commit it.
 """
 import collections
 import contextlib
@@ -14,43 +16,40 @@ import os
 import plistlib
 import pty
 import re
+import shlex
 import shutil
-import signal
 import subprocess
 import sys
 import termios
-import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-BIN = os.path.abspath(os.environ.get("TARNWICK_BIN", "build/release/bin"))
-STAMP = re.compile(r"\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d")
-FOLDER = "/tmp/tarnwick.TEMP/tarnwick-STAMP"
+
+CLONE_NEWNS = 0x20000
+ENTERED = os.geteuid() == 0 and ctypes.CDLL(None).unshare(CLONE_NEWNS) == 0
+if ENTERED:
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+
+
+def held(folder):
+    """A name for the folder that also holds where a world covers it."""
+    return f"/proc/{os.getpid()}/fd/{os.open(folder, os.O_PATH | os.O_DIRECTORY)}"
+
+
+HERE = held(os.path.dirname(os.path.abspath(__file__)))
+BIN = held(os.environ.get("TARNWICK_BIN", "build/release/bin"))
+DATA = HERE + "/../data"
 STORE = "/media/preboot/tarnwick"
 PATH = "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-LIMIT = 1 << 30
-PATIENCE = 120  # seconds after which a run counts as hung
-MS_RDONLY, MS_REMOUNT, MS_BIND, MS_REC, MS_PRIVATE = 1, 32, 4096, 16384, 1 << 18
-MNT_DETACH, CLONE_NEWNS = 2, 0x20000
-
 PREBOOT = "volctl info -plist Preboot"
+GROUPS = "volctl zkfs listGroups -plist"
 CONSENT = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist"
 YES, NO = {"AutoSubmit": True}, {"AutoSubmit": False}
-NVRAM = "boot-args\t-v\n"
+STAMP = re.compile(r"\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d")
 
-libc = ctypes.CDLL(None, use_errno=True)
-# Held open, as a world covers these folders.
-OUTSIDE = [os.open(path, os.O_RDONLY | os.O_DIRECTORY) for path in ("/tmp", "/etc", "/var/lib")]
-
-
-def system_call(function, *arguments):
-    if function(*arguments) != 0:
-        raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()), str(arguments))
-
-
-def mount(source, target, kind=None, flags=0, data=None):
-    text = [value and value.encode() for value in (source, target, kind, data)]
-    system_call(libc.mount, *text[:3], ctypes.c_ulong(flags), text[3])
+# What a stand-in answers once. `do` is shell text that it runs first; $folder is the run's capture folder.
+Answer = collections.namedtuple("Answer", "out status do", defaults=("", 0, ":"))
+# What a run came to. `archive` and `temporary` are its archive in the store and before the copy.
+Result = collections.namedtuple("Result", "status stamp archive temporary")
 
 
 def call(*command, **options):
@@ -71,24 +70,26 @@ def on_terminal(words, prompt, *lines, secret=True, kill=None):
         for number, line in enumerate(lines, 1):
             while shown.count(prompt) < number:
                 shown += os.read(terminal, 1024)
-            deadline = time.monotonic() + PATIENCE
             while secret and echoes():
-                if time.monotonic() > deadline:
-                    raise AssertionError("the terminal still shows what is typed")
+                pass
             os.write(terminal, line)
         if kill:
             os.kill(child, kill)
         while piece := os.read(terminal, 1024):
             shown += piece
     status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
-    end = shown, status, echoes()
+    end = shown.replace(b"\r\n", b"\n"), status, echoes()
     os.close(terminal)
     return end
 
 
 def property_list(value):
-    """Without the document type line, which no reader needs."""
-    return re.sub("<!DOCTYPE.*\n", "", plistlib.dumps(value).decode())
+    """On one line, and without the document type line, which no reader needs."""
+    return re.sub(r"<!DOCTYPE.*\n|(?<=>)\s+(?=<)", "", plistlib.dumps(value).decode())
+
+
+def volume_info(name, device, folder):
+    return property_list({"DeviceIdentifier": device, "VolumeName": name, "MountPoint": folder})
 
 
 def write(path, content=""):
@@ -105,82 +106,48 @@ def content(path):
 
 
 def read(path):
-    return os.fsdecode(content(path))
+    return content(path).decode(errors="backslashreplace")
 
 
 def clear(folder):
     call("find", folder, "-mindepth", "1", "-delete")
 
 
-def traces():
-    """What runs could leave on the machine itself."""
-    ours = re.compile(r"tarnwick(\.\w{6}|-[\d:-]*\.log)?")
-    return sorted(name for folder in OUTSIDE for name in os.listdir(folder) if ours.fullmatch(name))
+class Scenario(unittest.TestCase):
+    maxDiff = None
 
-
-def enter_namespace():
-    system_call(libc.unshare, CLONE_NEWNS)
-    mount("none", "/", flags=MS_REC | MS_PRIVATE)
-    # Held open, as the build may lie below a folder that a world covers.
-    return traces(), os.open(BIN, os.O_PATH | os.O_DIRECTORY)
-
-
-# What a stand-in answers once. `do` is shell text that it runs first; $folder is the run's capture folder.
-Answer = collections.namedtuple("Answer", "out status do", defaults=("", 0, ":"))
-# One of a capture specification, with the option that its search needs.
-Directive = collections.namedtuple("Directive", "base expression description option", defaults=("",))
-
-
-class Volume:
-    def __init__(self, name, number, role="Data", mounted=True):
-        self.name, self.device, self.role, self.uuid = name, f"disk{number}", role, f"UUID-{number}"
-        self.mount_point = f"/media/{name}"
-        self.label = f"'{name}' ({self.device} -> {self.mount_point})"
-        self.info = property_list({"DeviceIdentifier": self.device, "VolumeName": name,
-                                   "MountPoint": self.mount_point if mounted else ""})
-
-    def record(self):
-        return {"DeviceIdentifier": self.device, "DiskUUID": self.uuid, "Role": self.role}
-
-
-class World:
-    entered = None
-
-    def __init__(self):
-        World.entered = World.entered or enter_namespace()
-        self.mounts, self.volumes, self.directives = [], [], []
+    def setUp(self):
+        self.record, self.noted, self.volumes, self.key = "", {}, [], "/media/key.pem"
+        self.known = {read(f"{DATA}/console/{name}.txt"): f"<{name}>\n" for name in ("introduction", "completion")}
         self.lay("/tmp", "mode=1777")
         self.lay("/media", "mode=755")
         for folder in ("bin", "answers", "preboot", "programs", "cwd", "counts"):
             os.mkdir(f"/media/{folder}")
         os.chmod("/media/counts", 0o777)
-        mount(f"/proc/self/fd/{World.entered[1]}", "/media/programs", flags=MS_BIND)
-        for path in ("/etc", "/usr/lib", "/var/lib"):
-            self.hide_installed(path)
+        call("mount", "--no-canonicalize", "--bind", BIN, "/media/programs")
+        for path in ("/etc", "/usr/lib", "/var/lib"):  # also where the product is installed
+            upper, work = f"/media/upper{path}", f"/media/work{path}"
+            os.makedirs(upper)
+            os.makedirs(work)
+            self.lay(path, f"lowerdir={path},upperdir={upper},workdir={work}", "overlay")
+            os.makedirs(path + "/tarnwick", exist_ok=True)
+            self.lay(path + "/tarnwick", "mode=755")
         for command in ("volctl", "nvram", "man"):
             self.stand_in(command)
-        self.preboot = property_list({"MountPoint": "/media/preboot", "VolumeName": "Preboot"})
-        self.answer(PREBOOT, self.preboot)
-        self.answer("nvram -p", NVRAM)
+        self.answer(PREBOOT, property_list({"MountPoint": "/media/preboot", "VolumeName": "Preboot"}))
+        self.answer("nvram -p", "boot-args\t-v\n")
         self.list_volumes()
 
+    def tearDown(self):
+        path = f"{DATA}/transcripts/{type(self).__name__}/{self._testMethodName.removeprefix('test_')}.txt"
+        if self.record and "RECORD" in os.environ:
+            write(path, self.record)
+        self.assertEqual(self.record, read(path) if self.record else "")
+
     def lay(self, target, options, kind="tmpfs"):
-        mount("world", target, kind, data=options)
-        self.mounts.append(target)
-
-    def hide_installed(self, path):
-        """An own layer above `path`, in which `path`/tarnwick is empty, also where the product is installed."""
-        layer = "/media/layers" + path
-        os.makedirs(layer + "/upper")
-        os.makedirs(layer + "/work")
-        self.lay(path, f"lowerdir={path},upperdir={layer}/upper,workdir={layer}/work", "overlay")
-        os.makedirs(path + "/tarnwick", exist_ok=True)
-        self.lay(path + "/tarnwick", "mode=755")
-
-    def close(self):
-        """Whatever else is mounted lies below these and goes with them."""
-        for target in reversed(self.mounts):
-            system_call(libc.umount2, target.encode(), MNT_DETACH)
+        """Whatever else is mounted below goes with it."""
+        call("mount", "-t", kind, "-o", options, "world", target)
+        self.addCleanup(call, "umount", "--lazy", target)
 
     def stand_in(self, command):
         shutil.copy(f"{HERE}/stand-in", f"/media/bin/{command}")
@@ -189,53 +156,38 @@ class World:
         """Answers to `line`, in turn; the last one again and again. A text stands for that text and status 0."""
         table = "/media/answers/" + line.replace("/", "%")
         shutil.rmtree(table, ignore_errors=True)
-        write(table + "/turn", "0")
-        for turn, answer in enumerate(answers, 1):
-            answer = Answer(answer) if isinstance(answer, str) else answer
-            write(f"{table}/{turn}/out", answer.out)
-            write(f"{table}/{turn}/status", str(answer.status))
-            write(f"{table}/{turn}/do", answer.do + "\n")
+        for turn, answer in enumerate(answers):
+            out, status, do = Answer(answer) if isinstance(answer, str) else answer
+            write(f"{table}/{turn}", f"{do}\nprintf %s {shlex.quote(out)}\nexit {status}\n")
+            if out.startswith("<?xml"):
+                self.known.setdefault(out, f"<answer {turn} to {line}>")
 
-    def calls(self):
-        return read("/media/calls").splitlines() if os.path.exists("/media/calls") else []
-
-    def allow_internal(self):
-        write("/etc/tarnwick/internal-policies.plist", property_list({"com.vexlor.tarnwick": True}))
-
-    def volume(self, name, consent=None, files=(), **more):
-        """A source volume with its consent file, where `consent` is given, and the named files."""
-        volume = Volume(name, len(self.volumes) + 1, **more)
-        os.mkdir(volume.mount_point)
+    def volume(self, name, consent=None, files=(), role="Data", mounted=True, device=None):
+        """A source volume with its consent file, where `consent` is given, and the named files. Its device."""
+        number = len(self.volumes) + 1
+        folder, device = f"/media/{name}", device or f"disk{number}"
+        os.mkdir(folder)
         if consent is not None:
-            content = consent if isinstance(consent, str) else property_list(consent)
-            write(f"{volume.mount_point}/{CONSENT}", content)
+            write(f"{folder}/{CONSENT}", consent if isinstance(consent, str) else property_list(consent))
         for file in files:
-            write(volume.mount_point + file, f"content of {file} on {name}\n")
-        self.volumes.append(volume)
-        self.answer(f"volctl info -plist {volume.device}", volume.info)
+            write(folder + file, f"content of {file} on {name}\n")
+        self.volumes.append({"DeviceIdentifier": device, "DiskUUID": f"UUID-{number}", "Role": role})
+        self.answer(f"volctl info -plist {device}", volume_info(name, device, folder if mounted else ""))
         self.list_volumes()
-        return volume
+        return device
 
     def list_volumes(self):
-        self.list_groups({"Containers": [{"VolumeGroups": [{"Volumes": [each.record() for each in self.volumes]}]}]})
-
-    def list_groups(self, value):
-        self.groups = value if isinstance(value, str) else property_list(value)
-        self.answer("volctl zkfs listGroups -plist", self.groups)
-
-    def key_pair(self):
-        if not os.path.exists("/media/key.pem"):
-            self.qvx("keygen", "-o", "/media/key")
-        return read("/media/key.pub").strip()
+        self.answer(GROUPS, property_list({"Containers": [{"VolumeGroups": [{"Volumes": self.volumes}]}]}))
 
     def specification(self, *directives, **more):
-        """A capture specification of (base path, expression) tuples; behind them may stand the option of the search."""
-        self.allow_internal()
-        self.directives = [Directive(base, expression, f"what lies in {base}", *option)
-                           for base, expression, *option in directives]
-        entries = [dict(zip(("BasePath", "Expression", "DocString"), each)) for each in self.directives]
-        content = {"CaptureSpec": entries, "archive_public_key": self.key_pair(), **more}
-        return write("/media/spec.plist", property_list({k: v for k, v in content.items() if v is not None}))
+        """A capture specification of (base path, expression) pairs, for an internal build."""
+        write("/etc/tarnwick/internal-policies.plist", property_list({"com.vexlor.tarnwick": True}))
+        if not os.path.exists(self.key):
+            self.qvx("keygen", "-o", "/media/key")
+        entries = [{"BasePath": base, "Expression": expression, "DocString": f"what lies in {base}"}
+                   for base, expression in directives]
+        content = {"CaptureSpec": entries, "archive_public_key": read("/media/key.pub").strip(), **more}
+        write("/media/spec.plist", property_list(content))
 
     def start(self, *arguments, program="tarnwick", argv0=None, environment=(), limits=None, **more):
         everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root"}
@@ -243,100 +195,76 @@ class World:
             everywhere["GCOV_PREFIX"] = "/media/counts"
         options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more}
         return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
-                                env={**everywhere, **dict(environment)}, cwd="/media/cwd", preexec_fn=limits,
-                                start_new_session=True, **options)
+                                env={**everywhere, **dict(environment)}, cwd="/media/cwd", preexec_fn=limits, **options)
 
-    def start_capture(self, *arguments, **more):
-        return self.start("--capturespec", "/media/spec.plist", *arguments, **more)
-
-    def run(self, *arguments, answers="", **more):
-        """Runs to the end. `answers` is what standard input holds."""
+    def tarnwick(self, *arguments, answers="", **more):
+        """A whole run, put on record. `answers` is what standard input holds."""
         process = self.start(*arguments, **more)
-        try:
-            out, errors = process.communicate(answers.encode(), timeout=PATIENCE)
-        except subprocess.TimeoutExpired:
-            os.killpg(process.pid, signal.SIGKILL)
-            raise
-        return Result(process.returncode, out, errors)
+        return self.ended(arguments, *process.communicate(answers.encode()), process.returncode)
 
     def capture(self, *arguments, **more):
-        """A run with the capture specification made before."""
-        return self.run("--capturespec", "/media/spec.plist", *arguments, **more)
+        """With the capture specification made before, and nothing yet in /tmp."""
+        clear("/tmp")
+        return self.tarnwick("--capturespec", "/media/spec.plist", *arguments, **more)
+
+    def tool(self, program, *words, typed=b"", environment=(), **options):
+        """A run of a companion, put on record. It has no terminal, and finds no other command."""
+        done = subprocess.run([f"/media/programs/{program}", *words], env={"PATH": "/nowhere", **dict(environment)},
+                              input=typed, start_new_session=True, check=False,
+                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        self.told((program, *words), done.stdout or b"", done.stderr, done.returncode)
+        return done
+
+    def ended(self, arguments, out, errors, status):
+        self.told(("tarnwick", *arguments), out, errors, status)
+        result = self.result(out, status)
+        log = f"/tmp/tarnwick-{result.stamp}.log"
+        self.note("log", read(log) if os.path.exists(log) else "")
+        found = subprocess.getoutput("find /tmp /media/preboot /media/cwd -mindepth 1 -printf '%M %p\\n'")
+        self.note("left", "\n".join(sorted(self.normal(found))))
+        self.note("archive", "\n".join(self.entries(result.archive) if result.archive else []))
+        return result
+
+    def result(self, out, status):
+        stamp, archive, temporary = (re.search(pattern, out.decode(errors="replace")) for pattern in (
+            rf'Logging to ".*({STAMP.pattern})', 'final archive copied to "(.*)"', 'Captured data to "(.*)"'))
+        return Result(status, stamp and stamp[1], archive and os.path.join("/media/cwd", archive[1]),
+                      temporary and temporary[1])
+
+    def told(self, words, out, errors, status):
+        self.record += "".join(line + "\n" for line in self.normal("$ " + shlex.join(words)))
+        self.note("said", f"{out.decode(errors='backslashreplace')}[status {status}]")
+        self.note("errors", errors.decode() if status >= 0 else "")  # what an abort says is the library's own
+
+    def note(self, title, text):
+        """One part of the record; of what begins or ends as the last one of this title did, the number of lines."""
+        lines, before = self.normal(text), self.noted.get(title, [])
+        head = len(os.path.commonprefix([lines, before]))
+        tail = len(os.path.commonprefix([lines[head:][::-1], before[head:][::-1]]))
+        shown = [f"({head} lines as before)"] * bool(head) + lines[head:len(lines) - tail] + \
+            [f"({tail} lines as before)"] * bool(tail)
+        self.record += "".join(line + "\n" for line in ([f"-- {title}"] if lines else []) + shown)
+        self.noted[title] = lines
+
+    def normal(self, text):
+        for known in sorted(self.known, key=len, reverse=True):
+            text = text.replace(known, self.known[known])
+        return re.sub(r"tmp/tarnwick\.\w{6}", "tmp/tarnwick.TEMP", STAMP.sub("STAMP", text)).splitlines()
 
     def qvx(self, *arguments):
-        done = subprocess.run(["/media/programs/qvx", *arguments], capture_output=True, check=False)
-        if done.returncode:
-            raise AssertionError(f"qvx {arguments}: status {done.returncode}: {done.stderr.decode()}")
-        return done.stdout.decode()
+        return call("/media/programs/qvx", *arguments)
+
+    def entries(self, archive):
+        """The paths in an archive, in its order."""
+        self.qvx("verify", "--key", self.key, archive)
+        return [line.split()[-1] for line in self.qvx("list", "--key", self.key, archive).splitlines()]
 
     def stored(self, folder=STORE):
-        return sorted(os.listdir(folder)) if os.path.isdir(folder) else []
-
-    def entries(self, archive, key="/media/key.pem"):
-        """The paths in an archive, in its order, with stamps and temporary names replaced."""
-        self.qvx("verify", "--key", key, archive)
-        return [normal("/" + line.split()[-1].lstrip("/")) for line in
-                self.qvx("list", "--key", key, archive).splitlines()]
-
-    def content(self, archive, path, key="/media/key.pem"):
-        return self.qvx("cat", "--key", key, archive, path)
-
-    def sparse(self, name, size):
-        """A stored capture, or a file beside one, that takes no room."""
-        path = write(f"{STORE}/{name}")
-        os.truncate(path, size)
-        return path
-
-    def dated_store(self, *captures):
-        """A destination volume on a file system of its own, with captures as (name, size, year of the last change)."""
-        for name, size, _ in captures:
-            self.sparse(name, size)
-        call("mkfs.ext4", "-q", "-d", "/media/preboot", "/media/disk", "4G")
-        changes = "".join(f"set_inode_field /tarnwick/{name} ctime {year}0101000000\n" for name, _, year in captures)
-        call("debugfs", "-w", "-f", "-", "/media/disk", input=changes.encode())
-        clear("/media/preboot")
-        call("mount", "-o", "loop", "/media/disk", "/media/preboot")
-
-
-def normal(text):
-    return re.sub(r"/tmp/tarnwick\.\w{6}/", "/tmp/tarnwick.TEMP/", STAMP.sub("STAMP", text))
-
-
-class Result:
-    def __init__(self, status, out, errors):
-        self.status, self.raw, self.errors = status, out.decode(errors="surrogateescape"), errors.decode()
-        self.console = normal(self.raw)
-        stamp = STAMP.search(self.raw)
-        self.stamp = stamp and stamp.group()
-        log = f"/tmp/tarnwick-{self.stamp}.log"
-        self.log = normal(read(log)) if os.path.isfile(log) and not os.path.islink(log) else ""
-        self.archive = f"{STORE}/tarnwick-{self.stamp}.qvx"
-
-    def temporary(self):
-        """The archive as it was written, before its copy into the store."""
-        return re.search('^Captured data to "(.*)"$', self.raw, re.MULTILINE).group(1)
-
-
-class Scenario(unittest.TestCase):
-    maxDiff = None
-
-    def setUp(self):
-        self.world = World()
-        self.addCleanup(lambda: self.assertEqual(traces(), World.entered[0]))
-        self.addCleanup(self.world.close)
-
-    def check(self, result, story, status=0, errors=""):
-        self.assertEqual(result.errors, errors)
-        self.assertEqual(result.console, story.console)
-        self.assertEqual(result.log, story.log)
-        self.assertEqual(result.status, status)
-
-    def check_archive(self, result, story):
-        self.assertEqual(self.world.entries(result.archive), story.files + [f"{FOLDER}/tarnwick-STAMP.log"])
+        return sorted(os.listdir(folder))
 
 
 def main():
-    if os.geteuid() != 0:
-        print("these tests need root for a mount namespace of their own")
+    if not ENTERED:
+        print("no mount namespace can be made: these tests need root")
         sys.exit(77)
     unittest.main(verbosity=2)
