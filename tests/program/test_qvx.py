@@ -66,6 +66,14 @@ class Qvx(Scenario):
             self.assertEqual(entries(self.qvx("list", "--json", *KEY, ARCHIVE)), entries(wanted))
         self.assertLess(os.stat(OUT + "/tmp/sample/sparse").st_blocks * 512, 1 << 20)
 
+    def test_shows_no_name_as_it_is_when_its_owner_cannot_be_set(self):
+        os.makedirs(SOURCE + "/\x1b[2J")
+        os.chown(SOURCE + "/\x1b[2J", 1000, 0)
+        self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, SOURCE)
+        done = subprocess.run(["setpriv", "--bounding-set=-chown", "--inh-caps=-chown", world.BIN + "/qvx", "extract",
+                               *KEY, "-C", OUT, ARCHIVE], check=False, capture_output=True)
+        self.assertRegex(done.stderr, rb"\A[ -~]*Can't set[ -~]*\n\Z")
+
     def test_takes_names_from_a_file_as_they_are_and_keeps_duplicates(self):
         write(SOURCE + "/first", "1")
         names = [SOURCE + "/first", SOURCE, SOURCE + "/first", "source/first"]

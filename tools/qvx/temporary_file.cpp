@@ -63,6 +63,12 @@ std::string randomName() {
     return text;
 }
 
+// The library's texts hold the names of files as they are.
+std::string problemOf(archive* disk, const char* otherwise) {
+    const char* text = archive_error_string(disk);
+    return text ? escapedName(text) : otherwise;
+}
+
 void warn(const std::string& path, const std::string& what) { say(escapedName(path) + ": " + what); }
 
 // Of the extended attributes, those of the system and the trusted ones are for root to set; another user would only be
@@ -107,7 +113,7 @@ void restoreDirectory(const std::string& name, const EntryHead& head, const Entr
     const Entry entry = makeEntry(name, head);
     if (archive_write_header(disk.get(), entry.get()) != ARCHIVE_OK ||
         archive_write_finish_entry(disk.get()) != ARCHIVE_OK || archive_write_close(disk.get()) != ARCHIVE_OK)
-        warn(head.path, archive_error_string(disk.get()) ? archive_error_string(disk.get()) : "metadata not restored");
+        warn(head.path, problemOf(disk.get(), "metadata not restored"));
 }
 
 void TemporaryFile::Free::operator()(archive* disk) const noexcept { archive_write_free(disk); }
@@ -173,7 +179,7 @@ bool TemporaryFile::finish(const EntryTail& tail) {
     open_ = false;
     const int result = archive_write_finish_entry(disk_.get());
     if (result < ARCHIVE_WARN) return refuse();
-    if (result < ARCHIVE_OK) warn(path_, archive_error_string(disk_.get()));
+    if (result < ARCHIVE_OK) warn(path_, problemOf(disk_.get(), "metadata not restored"));
     if (file_) {
         restoreExtras(path_, file_, type_, tail);
     } else {
@@ -213,9 +219,8 @@ void TemporaryFile::drop() {
 }
 
 bool TemporaryFile::refuse() {
-    const char* text = archive_error_string(disk_.get());
     const int error = archive_errno(disk_.get());
-    what_ = text ? text : "cannot be written";
+    what_ = problemOf(disk_.get(), "cannot be written");
     if (error > 0) what_ += std::string(": ") + std::strerror(error);
     return false;
 }
