@@ -15,6 +15,7 @@
 
 #include "key_files.h"
 #include "platform/archive/archive_library.h"
+#include "platform/archive/path_list.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
@@ -23,7 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using PathListHandle = std::unique_ptr<PathList, FreeWith<destroyPathList>>;
 using KeySetHandle = std::unique_ptr<FieldKeySet, FreeWith<destroyFieldKeySet>>;
 using ContextHandle = std::unique_ptr<EncryptionContext, FreeWith<destroyEncryptionContext>>;
 using ByteStreamHandle = std::unique_ptr<ByteStream, FreeWith<closeByteStream>>;
@@ -49,22 +49,19 @@ std::optional<FileIdentity> identify(const std::string& path) {
 // Collects paths, made absolute, for the archive.
 class Collection {
 public:
-    explicit Collection(std::optional<FileIdentity> output)
-        : list_(newPathList()), working_(fs::current_path().string()), output_(output) {}
+    explicit Collection(std::optional<FileIdentity> output) : working_(fs::current_path().string()), output_(output) {}
 
     bool add(const std::string& path) {
-        const std::string absolute = makeAbsolute(path);
-        const PathListHandle one(pathListForPath("/", absolute));
-        if (!one) {
-            struct stat status {};
-            const bool missing = path.empty() || lstat(path.c_str(), &status) != 0;
-            say(escapedName(path) + ": " +
-                (missing ? std::strerror(path.empty() ? ENOENT : errno)
-                         : "neither a regular file, a directory nor a symbolic link"));
-            return false;
+        const auto entry = lookUp(working_, path);
+        if (entry) {
+            list_.append(*entry);
+            return true;
         }
-        if (mergePathLists(list_.get(), one.get()) == 0) return true;
-        say("the list of paths cannot be made");
+        struct stat status {};
+        const bool missing = path.empty() || lstat(path.c_str(), &status) != 0;
+        say(escapedName(path) + ": " +
+            (missing ? std::strerror(path.empty() ? ENOENT : errno)
+                     : "neither a regular file, a directory nor a symbolic link"));
         return false;
     }
 
@@ -79,14 +76,9 @@ public:
         return !S_ISDIR(status.st_mode) || addBelow(path);
     }
 
-    [[nodiscard]] const PathList* list() const { return list_.get(); }
+    [[nodiscard]] const PathList* list() const { return &list_; }
 
 private:
-    [[nodiscard]] std::string makeAbsolute(const std::string& path) const {
-        if (path.empty() || path.starts_with('/')) return path;
-        return working_ == "/" ? '/' + path : working_ + '/' + path;
-    }
-
     enum class Kind { directory, file, link, special };
     struct Found {
         std::string name;
@@ -145,7 +137,7 @@ private:
                status.st_ino == output_->inode;
     }
 
-    PathListHandle list_;
+    PathList list_;
     std::string working_;
     std::optional<FileIdentity> output_;
 };

@@ -1,4 +1,5 @@
 #include "platform/archive/archive_library.h"
+#include "base/write_piece.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -7,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -70,18 +70,6 @@ unsigned usefulWorkers(int asked) {
     return static_cast<unsigned>(std::clamp(asked, 1, std::max(available, 1)));
 }
 
-// Where a path with ".." leads only the kernel can say, since the component in front may be a link. Empty when nowhere.
-std::string realPath(std::string_view directory, std::string_view path) {
-    if (path.empty() || path.find('\0') != std::string_view::npos) return {};
-    const auto whole = std::filesystem::path(directory) / path;
-    const auto name = whole.filename();
-    std::error_code error;
-    if (name.empty() || name == "." || name == "..") return std::filesystem::canonical(whole, error);
-    const auto folder = std::filesystem::canonical(whole.parent_path(), error);
-    if (error) return {};
-    return folder / name;
-}
-
 std::optional<qvx::HpkeKeys> writeHeader(int file, const EncryptionContext& context) {
     const auto recipient = qvx::publicKeyFromPoint(*context.recipient);
     const auto generated = context.ephemeral ? nullptr : qvx::generatePrivateKey();
@@ -103,14 +91,10 @@ PathList* newPathList() { return new (std::nothrow) PathList; }
 
 PathList* pathListForPath(std::string_view directory, std::string_view path) {
     return guarded<PathList*>(nullptr, [&]() -> PathList* {
-        auto normal = qvx::normalPath(directory, path);
-        if (!normal) normal = qvx::normalPath("/", realPath(directory, path));
-        struct stat status {};
-        if (!normal || ::lstat(normal->c_str(), &status) != 0) return nullptr;
-        const auto type = qvx::entryTypeOf(status.st_mode);
-        if (!type) return nullptr;
+        const auto entry = qvx::lookUp(directory, path);
+        if (!entry) return nullptr;
         auto list = std::make_unique<PathList>();
-        list->append({*normal, *type, status.st_dev, status.st_ino});
+        list->append(*entry);
         return list.release();
     });
 }

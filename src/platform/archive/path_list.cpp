@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "platform/archive/entry_codec.h"
 #include "platform/archive/wire.h"
@@ -70,6 +71,22 @@ const PathList::Entry* PathList::Walk::next() {
 
 namespace qvx {
 
+namespace {
+
+// Where a path with ".." leads only the kernel can say, since the component in front may be a link. Empty when nowhere.
+std::string realPath(std::string_view directory, std::string_view path) {
+    if (path.empty() || path.find('\0') != std::string_view::npos) return {};
+    const auto whole = std::filesystem::path(directory) / path;
+    const auto name = whole.filename();
+    std::error_code error;
+    if (name.empty() || name == "." || name == "..") return std::filesystem::canonical(whole, error);
+    const auto folder = std::filesystem::canonical(whole.parent_path(), error);
+    if (error) return {};
+    return folder / name;
+}
+
+}  // namespace
+
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path) {
     if (path.empty()) return std::nullopt;
     std::string whole(path.starts_with('/') ? std::string_view() : directory);
@@ -83,6 +100,16 @@ std::optional<std::string> normalPath(std::string_view directory, std::string_vi
     }
     if (!isEntryPath(std::string_view(normal).substr(normal.empty() ? 0 : 1))) return std::nullopt;
     return normal.empty() ? "/" : normal;
+}
+
+std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path) {
+    auto normal = normalPath(directory, path);
+    if (!normal) normal = normalPath("/", realPath(directory, path));
+    struct stat status {};
+    if (!normal || ::lstat(normal->c_str(), &status) != 0) return std::nullopt;
+    const auto type = entryTypeOf(status.st_mode);
+    if (!type) return std::nullopt;
+    return PathList::Entry{std::move(*normal), *type, status.st_dev, status.st_ino};
 }
 
 std::optional<EntryType> entryTypeOf(mode_t mode) {

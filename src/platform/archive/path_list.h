@@ -65,6 +65,9 @@ namespace qvx {
 // archive, as with a "..", which cannot be left out without knowing what is a link.
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
 
+// What stands at `path`, taken relative to `directory`; nothing where that cannot go into an archive, or is not there.
+std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path);
+
 // Nothing for what an archive does not hold (a FIFO, a socket, a device).
 std::optional<EntryType> entryTypeOf(mode_t mode);
 
