@@ -141,7 +141,9 @@ bool BlockEncoder::learn(const GroupDictionary& dictionary) {
     std::uint8_t* place = region_.data() + blockSize - size;
     std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
     auto parameters = ZSTD_getCParams(compressionLevel, blockSize, size);
-    parameters.minMatch = 6;  // than 5, as the level has it: faster, and no larger where there is a dictionary
+    // Than the level has them (5 and 16): faster, and hardly larger where there is a dictionary.
+    parameters.minMatch = 6;
+    parameters.chainLog = 15;
     constexpr std::size_t unit = sizeof(tableSpace_[0]);
     tableSpace_.resize((ZSTD_estimateCDictSize_advanced(size, parameters, ZSTD_dlm_byRef) + unit - 1) / unit);
     tables_ = ZSTD_initStaticCDict(tableSpace_.data(), tableSpace_.size() * unit, place, size, ZSTD_dlm_byRef,

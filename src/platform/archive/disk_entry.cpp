@@ -11,11 +11,11 @@ namespace tarnwick::qvx {
 
 namespace {
 
-FileDescriptor openListed(const PathList::Entry& listed) {
+FileDescriptor openListed(int folder, const char* name, const PathList::Entry& listed) {
     const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
     const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | kind;
-    FileDescriptor file(::open(listed.path.c_str(), flags | O_NOATIME));
-    if (!file && errno == EPERM) file = FileDescriptor(::open(listed.path.c_str(), flags));
+    FileDescriptor file(::openat(folder, name, flags | O_NOATIME));
+    if (!file && errno == EPERM) file = FileDescriptor(::openat(folder, name, flags));
     return file;
 }
 
@@ -46,16 +46,27 @@ void DiskEntryReader::read(DiskEntry& entry, MutableBytes room) {
     if (entry.listed.type == EntryType::file) entry.error = readSmall(entry, room);
 }
 
+int DiskEntryReader::hold(const std::string& folder) {
+    if (folder_ && folder == folderPath_) return 0;
+    folderPath_ = folder;
+    folder_ = FileDescriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return folder_ ? 0 : -errno;
+}
+
 // The look comes before the opening, so that no device is ever opened, and again behind it.
 int DiskEntryReader::open(DiskEntry& entry) {
-    if (const int error = readStatus(-1, entry.listed.path.c_str(), entry.status)) return error;
+    const std::string& path = entry.listed.path;
+    const std::size_t nameAt = path.rfind('/') + 1;
+    if (const int error = hold(path.substr(0, nameAt))) return error;
+    const char* name = nameAt < path.size() ? path.c_str() + nameAt : ".";
+    if (const int error = readStatus(folder_.get(), name, entry.status)) return error;
     if (const int error = expectListed(entry.listed, entry.status)) return error;
     entry.head.type = entry.listed.type;
-    entry.head.path = entry.listed.path.substr(1);
+    entry.head.path = path.substr(1);
     if (entry.listed.type == EntryType::link) return 0;
-    entry.file = openListed(entry.listed);
+    entry.file = openListed(folder_.get(), name, entry.listed);
     if (!entry.file) return -errno;
-    if (const int error = readStatus(entry.file.get(), nullptr, entry.status)) return error;
+    if (const int error = readStatus(entry.file.get(), "", entry.status)) return error;
     return expectListed(entry.listed, entry.status);
 }
 

@@ -26,10 +26,14 @@ public:
     void read(DiskEntry& entry, MutableBytes room);
 
 private:
+    int hold(const std::string& folder);
     int open(DiskEntry& entry);
     int readLink(DiskEntry& entry, MutableBytes room);
     int readSmall(DiskEntry& entry, MutableBytes room);
 
+    // Of the entry before and mostly of this one, too: the kernel need not find the way again for each.
+    std::string folderPath_;
+    FileDescriptor folder_;
     MetadataReader metadata_;
     ContentDigest digest_;
 };

@@ -67,12 +67,9 @@ void takeAccessLists(archive_entry* entry, EntryTail& tail) {
 
 }  // namespace
 
-int readStatus(int descriptor, const char* path, struct statx& status) {
-    const bool open = descriptor >= 0;
-    const int result =
-        ::statx(open ? descriptor : AT_FDCWD, open ? "" : path,
-                open ? AT_EMPTY_PATH : AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &status);
-    return result == 0 ? 0 : -errno;
+int readStatus(int descriptor, const char* name, struct statx& status) {
+    constexpr int flags = AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
+    return ::statx(descriptor, name, flags, STATX_BASIC_STATS | STATX_BTIME, &status) == 0 ? 0 : -errno;
 }
 
 int MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,

@@ -13,9 +13,9 @@
 
 namespace tarnwick::qvx {
 
-// Of the file open as `descriptor`, or, with -1, of what stands at `path`, which is not followed. Birth time is in it
-// where the file system knows it. Returns 0 or a negative errno value.
-int readStatus(int descriptor, const char* path, struct statx& status);
+// Of what has the name in an open folder, which is not followed, or, where the name is empty, of an open file. Birth
+// time is in it where the file system knows it. Returns 0 or a negative errno value.
+int readStatus(int descriptor, const char* name, struct statx& status);
 
 // Reads one file after the other. One thread at a time.
 class MetadataReader {
