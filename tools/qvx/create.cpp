@@ -30,9 +30,6 @@ using ByteStreamHandle = std::unique_ptr<ByteStream, FreeWith<closeByteStream>>;
 using ArchiveStreamHandle = std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>>;
 
 constexpr const char* allFields = "UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL";
-constexpr std::uint64_t compressionIdentifier = 2049;
-constexpr std::uint64_t compressionBlockSize = 1048576;
-constexpr std::uint64_t encryptionFlags = 0xC000000000000000;
 constexpr int workers = 4;
 
 struct FileIdentity {
@@ -183,13 +180,13 @@ bool refuse(const char* what) {
 bool setUp(EncryptionContext* context, const Point& recipient) {
     return setContextFieldBlob(context, contextFieldRecipient, representationUncompressed,
                                reinterpret_cast<const std::byte*>(recipient.data()), recipient.size()) >= 0 &&
-           setContextFieldUInt(context, contextFieldCompression, compressionIdentifier) >= 0 &&
-           setContextFieldUInt(context, contextFieldBlockSize, compressionBlockSize) >= 0;
+           setContextFieldUInt(context, contextFieldCompression, compressionZstd) >= 0 &&
+           setContextFieldUInt(context, contextFieldBlockSize, blockSize) >= 0;
 }
 
 // `begun` tells whether the output was opened, and so is not what it was before.
 bool writeArchive(const PathList* list, const Point& recipient, const std::string& output, bool& begun) {
-    const ContextHandle context(createEncryptionContext(3));
+    const ContextHandle context(createEncryptionContext(profileHpke));
     if (!context || !setUp(context.get(), recipient)) return refuse("the recipient's key is not usable");
     const KeySetHandle keys(fieldKeySetFromString(allFields));
     if (!keys) return refuse("the set of fields cannot be made");
@@ -197,7 +194,7 @@ bool writeArchive(const PathList* list, const Point& recipient, const std::strin
     const ByteStreamHandle file(openFileByteStream(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     begun = file != nullptr;
     if (!begun) return refuse((escapedName(output) + ": cannot be written").c_str());
-    const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), encryptionFlags, workers));
+    const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), streamFlags, workers));
     if (!encryption) return refuse("the archive cannot be begun");
     const ArchiveStreamHandle encoder(openArchiveEncoderStream(encryption.get(), nullptr, nullptr, 0, workers));
     if (!encoder) return refuse("the archive cannot be begun");
