@@ -14,7 +14,7 @@ TYPE = "com.vexlor.Provisor.tarnwick.config"
 STORE = f"/var/lib/tarnwick/assets/{TYPE}"
 SITE = "/media/site"
 CATALOG = SITE + "/catalog.plist"
-NAME = "tarnwick.config.plist"
+NAME, TRUST = "tarnwick.config.plist", {"SSL_CERT_FILE": "/media/server.pem"}
 
 
 class Handler(http.server.SimpleHTTPRequestHandler):
@@ -82,15 +82,19 @@ class Assets(Scenario):
         tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         tls.load_cert_chain("/media/server.pem", "/media/server.key")
         self.make_key("ed25519")
+        self.volume("Data", YES, ["/logs/a.log"])
+        self.specification(("/logs", ".*"))
+        os.remove("/etc/tarnwick/internal-policies.plist")
         write(f"{STORE}/4.1/{NAME}", "<plist/>")
         self.fetch()
         with serve(tls):
-            self.publish("5.10")
-            self.fetch()
-            for versions in ["5.10"], ["5.12", "5.9", "4.99"], ["6.0"], ["6.0"]:
+            for versions, trust in (["5.10"], {}), (["5.10"], TRUST), (["5.12", "5.9", "4.99"], TRUST), ([], TRUST):
                 self.publish(*versions)
-                self.fetch(environment={"SSL_CERT_FILE": "/media/server.pem"})
-        self.fetch()
+                self.fetch(environment=trust)
+            write(f"{SITE}/{TYPE}/6.0/{NAME}", content("/media/spec.plist"))
+            self.publish()
+            self.fetch(environment=TRUST)
+        self.tarnwick()
         self.assertEqual(sorted(os.listdir(STORE)), ["5.12", "6.0"])
 
     def test_every_refused_catalog_leaves_the_installed_asset_in_use(self):
@@ -152,21 +156,6 @@ class Assets(Scenario):
             for each in [self.start(program="fetch_config") for _ in range(3)]:
                 self.assertIn(f"[{STORE}/6.0/{NAME}]", each.communicate()[0].decode())
         self.assertEqual(sorted(os.listdir(STORE)), ["5.0", "6.0"])
-
-    def test_a_published_configuration_makes_a_capture(self):
-        self.volume("Data", YES, ["/var/log/syslog", "/var/log/other.txt"])
-        self.specification()
-        os.remove("/etc/tarnwick/internal-policies.plist")
-        configuration = world.read(f"{PROJECT}/config/linux.plist.in")
-        write(f"{SITE}/{TYPE}/1.0/{NAME}", configuration.replace("@RECIPIENT@", world.read("/media/key.pub").strip()))
-        self.publish()
-        with serve():
-            process = self.start()
-            said = process.communicate()[0]
-        self.assertIn(f'using external config: "{STORE}/1.0/{NAME}"\n'.encode(), said)
-        entries = self.entries(self.result(said, process.returncode).archive)
-        self.assertIn("media/Data/var/log/syslog", entries)
-        self.assertNotIn("media/Data/var/log/other.txt", entries)
 
 
 if __name__ == "__main__":

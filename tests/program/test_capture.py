@@ -39,7 +39,7 @@ class Capture(Scenario):
                            ("/logs", ".*/b\\{2\\}.txt"), ("/logs", ".*/b+.txt"),
                            ("/logs", ".*' -print -exec false {} + -name '*"), ("/odd", ".*"))
         self.volume("one", YES, ["/logs/a.log", "/logs/bb.txt", "/logs/b+.txt"])
-        for path in b"/media/out/x.log", b"/media/out/side/y.log", b"/media/one/odd/\xff.log":
+        for path in "/media/out/x.log", "/media/out/side/y.log", "/media/one/odd/\udcff.log":
             write(path)
         self.capture()
         for command in "cat", "rm", "tr":  # all that the stand-ins need

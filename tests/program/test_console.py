@@ -36,7 +36,7 @@ class Console(Scenario):
         locale = {"LOCPATH": "/media", "LC_ALL": "sq_AL.UTF-8", "ASAN_OPTIONS": "detect_leaks=0"}
         self.assertRegex(world.call("locale", "t_fmt", "decimal_point", env=locale), "%I.*\n,", "not in force")
         self.volume("one", YES)
-        write(b"/media/one/logs/\xff.log")
+        write("/media/one/logs/\udcff.log")
         os.remove(self.capture(environment=locale).archive)
         write(f"{world.STORE}/tarnwick-1.qvx", b"x" * 1536)
         self.tarnwick("--summarize", environment=locale)

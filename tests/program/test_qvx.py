@@ -38,7 +38,7 @@ class Qvx(Scenario):
         return self.run_qvx(command, "--key", SAMPLES + "recipient.pem", *words, f"{SAMPLES}{name}.qvx")
 
     def files(self):
-        self.note("files", "\n".join(sorted(call("find", OUT, "-type", "f").splitlines())))
+        self.note("files", "\n".join(sorted(call("find", OUT, "-type", "f", "-printf", "%s %p\n").splitlines())))
 
     def test_reads_the_frozen_ones(self):
         """Odd names are made harmless for the terminal."""
@@ -54,6 +54,8 @@ class Qvx(Scenario):
             if name not in GOOD:
                 self.frozen("verify", name)
                 self.frozen("extract", name, "-C", OUT)
+                self.files()
+                self.frozen("extract", name, "--salvage", "-C", OUT)
                 self.files()
                 world.clear(OUT)
 
@@ -132,19 +134,6 @@ class Qvx(Scenario):
             for passphrase in b"open sesame", b"wrong":
                 words = ["/media/programs/qvx", "verify", "--key", f"/media/{name}", ARCHIVE]
                 self.note("shown", "{}\n{} {}".format(*on_terminal(words, b": ", passphrase + b"\n")))
-
-    def test_saves_what_is_whole_of_a_cut_archive(self):
-        for name, text in ("a", b"first"), ("b", os.urandom(3 << 20)), ("c", b"last"):
-            write(f"{SOURCE}/{name}", text)
-        self.create()
-        os.truncate(ARCHIVE, 2 << 20)
-        for more, left in ([], ["a"]), (["--salvage"], ["a", "b.incomplete"]):
-            done = subprocess.run([world.BIN + "/qvx", "extract", *KEY, "-C", OUT, *more, ARCHIVE], check=False,
-                                  capture_output=True)
-            self.assertEqual((done.returncode, sorted(os.listdir(OUT + SOURCE))), (1, left))
-        self.assertIn(b"b.incomplete", done.stderr)
-        saved = content(f"{OUT}{SOURCE}/b.incomplete")
-        self.assertTrue(saved and content(SOURCE + "/b").startswith(saved))
 
 
 if __name__ == "__main__":

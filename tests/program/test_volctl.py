@@ -28,16 +28,16 @@ class Volctl(Scenario):
     def volctl(self, *words, **options):
         return self.tool("volctl", *words, **options).stdout
 
-    def unlock(self, device, *more, **options):
-        self.volctl("zkfs", "unlockVolume", device, *more, **options)
+    def unlock(self, *words, **options):
+        self.volctl("zkfs", "unlockVolume", *words, **options)
 
     def image(self, megabytes):
-        return call("truncate", "-s", f"{megabytes}M", path := f"/media/{uuid.uuid4()}") or path
+        os.truncate(path := write(f"/media/{uuid.uuid4()}"), megabytes << 20)
+        return path
 
     def formatted(self, format="ext4", *options):
         (megabytes, make), identity = FORMATS[format], str(uuid.uuid4())
-        path = self.image(megabytes)
-        call(*make.format(identity).split(), *options, path)
+        call(*make.format(identity).split(), *options, path := self.image(megabytes))
         self.known[identity] = "<identity>"
         return path, identity
 
@@ -45,22 +45,21 @@ class Volctl(Scenario):
         """The name of a loop device over the image."""
         device = call("losetup", "-f", "--show", path).strip()
         self.addCleanup(call, "losetup", "-d", device)
-        return device.removeprefix("/dev/")
+        return os.path.basename(device)
 
     def dirty_image(self, format):
         """An image as a power cut leaves it: a deleted file still open, and a journal to replay."""
         path, identity = self.formatted(format, "-L", "name of it")
         os.mkdir("/media/dirty")
         call("mount", path, "/media/dirty")
-        with open("/media/dirty/orphan", "w+") as orphan, open("/media/dirty/kept", "w") as kept:
-            orphan.write("x" * 100000)
-            orphan.flush()
+        write("/media/dirty/orphan", "x" * 100000)
+        with open("/media/dirty/orphan", "rb"):
+            write("/media/dirty/kept")
             os.remove("/media/dirty/orphan")
-            call("fsfreeze", "-f", "/media/dirty")  # moves all so far from the journal to its place
-            call("fsfreeze", "-u", "/media/dirty")
-            kept.write("only in the journal")
-            kept.flush()
-            os.fsync(kept.fileno())
+            for way in "-f", "-u":  # moves all so far from the journal to its place
+                call("fsfreeze", way, "/media/dirty")
+            write("/media/dirty/kept", "only in the journal")
+            call("sync", "/media/dirty/kept")
             call("cp", "--sparse=always", path, path + ".copy")
         call("umount", "/media/dirty")  # the kernel mounts no two file systems of one identity
         return path + ".copy", identity

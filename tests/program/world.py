@@ -13,6 +13,7 @@ import collections
 import contextlib
 import ctypes
 import os
+import pathlib
 import plistlib
 import pty
 import re
@@ -93,16 +94,15 @@ def volume_info(name, device, folder):
 
 
 def write(path, content=""):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as file:
-        file.write(content if isinstance(content, bytes) else content.encode())
-    os.chmod(path, 0o644)
+    file = pathlib.Path(path)
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_bytes(content if isinstance(content, bytes) else content.encode())
+    file.chmod(0o644)
     return path
 
 
 def content(path):
-    with open(path, "rb") as file:
-        return file.read()
+    return pathlib.Path(path).read_bytes()
 
 
 def read(path):
@@ -126,14 +126,13 @@ class Scenario(unittest.TestCase):
         os.chmod("/media/counts", 0o777)
         call("mount", "--no-canonicalize", "--bind", BIN, "/media/programs")
         for path in ("/etc", "/usr/lib", "/var/lib"):  # also where the product is installed
-            upper, work = f"/media/upper{path}", f"/media/work{path}"
-            os.makedirs(upper)
-            os.makedirs(work)
-            self.lay(path, f"lowerdir={path},upperdir={upper},workdir={work}", "overlay")
+            layers = [f"/media/{kind}{path}" for kind in ("upper", "work")]
+            call("mkdir", "-p", *layers)
+            self.lay(path, "lowerdir={},upperdir={},workdir={}".format(path, *layers), "overlay")
             os.makedirs(path + "/tarnwick", exist_ok=True)
             self.lay(path + "/tarnwick", "mode=755")
         for command in ("volctl", "nvram", "man"):
-            self.stand_in(command)
+            shutil.copy(f"{HERE}/stand-in", f"/media/bin/{command}")
         self.answer(PREBOOT, property_list({"MountPoint": "/media/preboot", "VolumeName": "Preboot"}))
         self.answer("nvram -p", "boot-args\t-v\n")
         self.list_volumes()
@@ -148,9 +147,6 @@ class Scenario(unittest.TestCase):
         """Whatever else is mounted below goes with it."""
         call("mount", "-t", kind, "-o", options, "world", target)
         self.addCleanup(call, "umount", "--lazy", target)
-
-    def stand_in(self, command):
-        shutil.copy(f"{HERE}/stand-in", f"/media/bin/{command}")
 
     def answer(self, line, *answers):
         """Answers to `line`, in turn; the last one again and again. A text stands for that text and status 0."""
@@ -258,9 +254,6 @@ class Scenario(unittest.TestCase):
         """The paths in an archive, in its order."""
         self.qvx("verify", "--key", self.key, archive)
         return [line.split()[-1] for line in self.qvx("list", "--key", self.key, archive).splitlines()]
-
-    def stored(self, folder=STORE):
-        return sorted(os.listdir(folder))
 
 
 def main():
