@@ -1,5 +1,4 @@
 #include "platform/archive/archive_library.h"
-#include "base/write_piece.h"
 
 #include <fcntl.h>
 #include <sched.h>
