@@ -5,13 +5,21 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 top=$PWD
 jobs=$(nproc)
 
-# The outermost script shows the times of all steps, those of the scripts that it calls included.
+# The outermost script shows the times of all steps, those of the scripts that it calls included, and what failed.
+finish() {
+    local status=$?
+    [ $status = 0 ] || [ -z "$current" ] || printf ' FAILED  %s\n' "$current" >>"$STEP_TIMES"
+    [ -z "$outermost" ] || cat "$STEP_TIMES"
+}
+
+current='' outermost=''
 if [ -z "${STEP_TIMES:-}" ]; then
+    outermost=yes
     mkdir -p build
     export STEP_TIMES=$top/build/step-times
     : >"$STEP_TIMES"
-    trap 'cat "$STEP_TIMES"' EXIT
 fi
+trap finish EXIT
 
 needRoot() {
     [ "$(id -u)" = 0 ] && return
@@ -21,11 +29,13 @@ needRoot() {
 
 # step NAME COMMAND...: runs one step and tells how long it took.
 step() {
-    local name=$1 start=$SECONDS
+    local start=$SECONDS
+    current=$1
     shift
-    echo "== $name"
+    echo "== $current"
     "$@"
-    printf '%5d s  %s\n' $((SECONDS - start)) "$name" >>"$STEP_TIMES"
+    printf '%5d s  %s\n' $((SECONDS - start)) "$current" >>"$STEP_TIMES"
+    current=''
 }
 
 setUp() {
