@@ -2,6 +2,9 @@
 if(CPACK_TARNWICK_REFUSAL)
   message(FATAL_ERROR "${CPACK_TARNWICK_REFUSAL}")
 endif()
+foreach(decision IN LISTS CPACK_TARNWICK_UNDECIDED)
+  message(WARNING "NOT FOR HANDING OUT, the owners have yet to decide ${decision}.")
+endforeach()
 
 # The times in the package are those of the commit, so that it can be made again byte for byte. Files that are younger
 # than that do not exist as far as the package tells.

@@ -1,4 +1,8 @@
 # The Debian package: `cpack --preset release`. Its version is that of the project.
+# What its owners have yet to decide: cpack warns of each. Whoever settles one deletes its line.
+set(CPACK_TARNWICK_UNDECIDED
+    "the licence: packaging/copyright grants none"
+    "the maintainer: name and address in cmake/package.cmake are placeholders")
 set(maintainer "Vexlor Service Tools <tarnwick@vexlor.com>")
 
 set(CPACK_GENERATOR DEB)
@@ -40,6 +44,8 @@ set(CPACK_TARNWICK_REFUSAL "${TARNWICK_REFUSAL}")
 # What belongs to the package alone: `cmake --install` must not lay files over those of an administrator.
 set(CPACK_INSTALL_CMAKE_PROJECTS "${PROJECT_BINARY_DIR};tarnwick;ALL;/;${PROJECT_BINARY_DIR};tarnwick;package;/")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/config/etc/ DESTINATION /etc/tarnwick COMPONENT package EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_BINARY_DIR}/share/linux.plist DESTINATION share/doc/tarnwick/examples
+        RENAME tarnwick.config.plist COMPONENT package EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright DESTINATION share/doc/tarnwick COMPONENT package
         EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME tarnwick

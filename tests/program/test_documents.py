@@ -19,7 +19,7 @@ EXAMPLE = re.compile(r'^(?:\.\\" (.*)\n)?\.(?:Bd -literal.*\n((?:(?!\.Ed).*\n)*)
 BLOCKS = [found for text in TEXTS for found in FENCE.findall(text)]
 EXAMPLES = [(mark, re.sub("(?m)^[$#] ", "", block or line).replace(r"\e", "\\")) for page in PAGES
             for mark, block, line in EXAMPLE.findall(read(f"{TOP}/man/{page}").partition(".Sh EXAMPLES")[2])]
-SCRIPT = re.compile(r"\b(?:scripts|bench)/[\w-]+|\.ci/run")
+SCRIPT = re.compile(r"\b(?:scripts|bench)/[\w-]+(?:\.sh)?|\.ci/run")
 PRESET = re.compile(r"--preset \"?(\w+)|\bbuild \"?(\w+)\b|for preset in ([\w ]+)")
 
 
