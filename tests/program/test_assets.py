@@ -1,5 +1,4 @@
 """The configuration asset, from a real web server on loopback into the store and into a capture."""
-import contextlib
 import http.server
 import os
 import shutil
@@ -31,11 +30,16 @@ class Handler(http.server.SimpleHTTPRequestHandler):
         pass
 
 
-@contextlib.contextmanager
-def serve(tls=None):
-    """A web server over SITE that the service is configured for. `tricks` answer the paths with their ending in their
-    own way; `over` is set at its end."""
-    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+class Assets(Scenario):
+    def setUp(self):
+        super().setUp()
+        self.make_key("ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")
+        os.mkdir(SITE)
+
+    def serve(self, tls=None):
+        """A web server over SITE that the service is configured for. `tricks` answer the paths with their ending in
+        their own way; `over` is set at its end."""
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         server.tricks, server.over = {}, threading.Event()
         if tls:
             server.socket = tls.wrap_socket(server.socket, server_side=True)
@@ -43,18 +47,9 @@ def serve(tls=None):
         write("/etc/tarnwick/asset-service.plist", property_list(
             {"CatalogURL": server.url + "/catalog.plist", "CatalogKey": "/etc/tarnwick/catalog.pem"}))
         threading.Thread(target=server.serve_forever).start()
-        try:
-            yield server
-        finally:
-            server.over.set()
-            server.shutdown()
-
-
-class Assets(Scenario):
-    def setUp(self):
-        super().setUp()
-        self.make_key("ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")
-        os.mkdir(SITE)
+        for deed in server.server_close, server.shutdown, server.over.set:
+            self.addCleanup(deed)
+        return server
 
     def make_key(self, *kind):
         call("openssl", "genpkey", "-algorithm", *kind, "-out", "/media/site.key")
@@ -87,13 +82,15 @@ class Assets(Scenario):
         os.remove("/etc/tarnwick/internal-policies.plist")
         write(f"{STORE}/4.1/{NAME}", "<plist/>")
         self.fetch()
-        with serve(tls):
-            for versions, trust in (["5.10"], {}), (["5.10"], TRUST), (["5.12", "5.9", "4.99"], TRUST), ([], TRUST):
-                self.publish(*versions)
-                self.fetch(environment=trust)
-            write(f"{SITE}/{TYPE}/6.0/{NAME}", content("/media/spec.plist"))
-            self.publish()
-            self.fetch(environment=TRUST)
+        server = self.serve(tls)
+        for versions, trust in (["5.10"], {}), (["5.10"], TRUST), (["5.12", "5.9", "4.99"], TRUST), ([], TRUST):
+            self.publish(*versions)
+            self.fetch(environment=trust)
+        write(f"{SITE}/{TYPE}/6.0/{NAME}", content("/media/spec.plist"))
+        self.publish()
+        self.fetch(environment=TRUST)
+        server.shutdown()
+        server.server_close()
         self.tarnwick()
         self.assertEqual(sorted(os.listdir(STORE)), ["5.12", "6.0"])
 
@@ -103,60 +100,56 @@ class Assets(Scenario):
                 handler.send_response(302), handler.send_header("Location", url), handler.end_headers())
 
         self.publish("5.0", serial=7)
-        with serve() as other, serve() as server:
+        other, server = self.serve(), self.serve()
+        self.fetch()
+        good = content(CATALOG)
+        for damage in (
+                lambda: redirect(other.url + "/catalog.plist"),  # which is fine
+                lambda: redirect("file:///etc/passwd"), lambda: redirect("https://127.0.0.1/"),
+                lambda: redirect("http://192.0.2.1/"), lambda: redirect("/catalog.plist"),
+                lambda: server.tricks.update({".plist": lambda handler: server.over.wait()}),
+                lambda: self.sign(good + b"\n" * (1 << 20)), lambda: os.unlink(CATALOG + ".sig"),
+                lambda: write(CATALOG, good + b"\n"), lambda: self.sign(b"<plist>"),
+                lambda: self.publish("6.0", days=-1), lambda: self.publish("6.0", serial=6),
+                lambda: self.sign(good.replace(NAME.encode(), b"../x")), lambda: os.unlink(CATALOG)):
+            server.tricks.clear()
+            self.sign(good)
+            damage()
             self.fetch()
-            good = content(CATALOG)
-            for damage in (
-                    lambda: redirect(other.url + "/catalog.plist"),  # which is fine
-                    lambda: redirect("file:///etc/passwd"), lambda: redirect("https://127.0.0.1/"),
-                    lambda: redirect("http://192.0.2.1/"), lambda: redirect("/catalog.plist"),
-                    lambda: server.tricks.update({".plist": lambda handler: server.over.wait()}),
-                    lambda: self.sign(good + b"\n" * (1 << 20)), lambda: os.unlink(CATALOG + ".sig"),
-                    lambda: write(CATALOG, good + b"\n"), lambda: self.sign(b"<plist>"),
-                    lambda: self.publish("6.0", days=-1), lambda: self.publish("6.0", serial=6),
-                    lambda: self.sign(good.replace(NAME.encode(), b"../x")), lambda: os.unlink(CATALOG)):
-                server.tricks.clear()
-                self.sign(good)
-                damage()
-                self.fetch()
         self.assertEqual(os.listdir(STORE), ["5.0"])
 
     def test_refused_files_are_not_installed(self):
         self.publish("5.0")
-        with serve():
+        self.serve()
+        self.fetch()
+        self.publish("6.0")
+        for text in "<plist/> ", "<plist/", "<plisT/>":
+            write(f"{SITE}/{TYPE}/6.0/{NAME}", text)
             self.fetch()
-            self.publish("6.0")
-            for text in "<plist/> ", "<plist/", "<plisT/>":
-                write(f"{SITE}/{TYPE}/6.0/{NAME}", text)
-                self.fetch()
-            os.unlink(f"{SITE}/{TYPE}/6.0/{NAME}")
-            self.fetch()
-            self.assertEqual(os.listdir(STORE), ["5.0"])
-            shutil.rmtree(STORE)
-            os.mkdir("/media/elsewhere")
-            os.symlink("/media/elsewhere", STORE)
-            self.fetch()
-            self.assertEqual(os.listdir("/media/elsewhere"), [])
+        os.unlink(f"{SITE}/{TYPE}/6.0/{NAME}")
+        self.fetch()
+        self.assertEqual(os.listdir(STORE), ["5.0"])
+        shutil.rmtree(STORE)
+        os.mkdir("/media/elsewhere")
+        os.symlink("/media/elsewhere", STORE)
+        self.fetch()
+        self.assertEqual(os.listdir("/media/elsewhere"), [])
 
     def test_a_kill_in_mid_download_leaves_the_old_state_and_the_next_runs_clear_up(self):
         self.publish("5.0")
-        with serve() as server:
-            self.fetch()
-            self.publish("6.0")
-            halfway = threading.Event()
-            server.tricks["6.0/" + NAME] = lambda handler: (
-                handler.wfile.write(b"HTTP/1.0 200 OK\r\nContent-Length: 8\r\n\r\n<pli"), halfway.set(),
-                server.over.wait())
-            process = self.start(program="fetch_config")
-            halfway.wait()
-            process.kill()
-            process.communicate()
-            self.assertEqual([name for name in os.listdir(STORE) if not name.startswith(".")], ["5.0"])
-            server.tricks.clear()
-            for each in [self.start(program="fetch_config") for _ in range(3)]:
-                self.assertIn(f"[{STORE}/6.0/{NAME}]", each.communicate()[0].decode())
+        server = self.serve()
+        self.fetch()
+        self.publish("6.0")
+        halfway = threading.Event()
+        server.tricks["6.0/" + NAME] = lambda handler: (
+            handler.wfile.write(b"HTTP/1.0 200 OK\r\nContent-Length: 8\r\n\r\n<pli"), halfway.set(),
+            server.over.wait())
+        process = self.start(program="fetch_config")
+        halfway.wait()
+        process.kill()
+        process.communicate()
+        self.assertEqual([name for name in os.listdir(STORE) if not name.startswith(".")], ["5.0"])
+        server.tricks.clear()
+        for each in [self.start(program="fetch_config") for _ in range(3)]:
+            self.assertIn(f"[{STORE}/6.0/{NAME}]", each.communicate()[0].decode())
         self.assertEqual(sorted(os.listdir(STORE)), ["5.0", "6.0"])
-
-
-if __name__ == "__main__":
-    world.main()

@@ -53,7 +53,3 @@ class Capture(Scenario):
         for entries in {"BasePath": "/logs"}, [{"BasePath": "/logs"}, "word", 7, {"BasePath": "/\u00fc"}]:
             self.specification(CaptureSpec=entries)
             self.capture()
-
-
-if __name__ == "__main__":
-    world.main()

@@ -1,7 +1,6 @@
 """Each word that the completion offers is one that the program knows, and none of its long options is left out."""
 import re
 
-import world
 from world import BIN, HERE, Scenario, call, read, write
 
 TOP = HERE + "/../.."
@@ -40,7 +39,3 @@ class Completion(Scenario):
         for words, name in (("list --key", "a.pem"), ("create -r", "a.pub"), ("info", "a.qvx"),
                             ("extract -k x", "a.qvx")):
             self.assertEqual(offered("qvx", *words.split(), "/media/keys/"), {f"/media/keys/{name}"})
-
-
-if __name__ == "__main__":
-    world.main()

@@ -67,7 +67,3 @@ class Console(Scenario):
             process = self.start("--capturespec", "/media/spec.plist", "--verbose")
             self.note("said", process.communicate()[0].decode())
             self.assertEqual([process.returncode, *map(read, kept)], [1, "old", "old"])
-
-
-if __name__ == "__main__":
-    world.main()

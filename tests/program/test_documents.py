@@ -95,7 +95,3 @@ class Documents(Scenario):
                                            *[b"secret\n"] * (2 if "safe.pem" in block else 0))
             self.assertEqual(status, 0, f"{block}\n{shown.decode()}")
         self.assertEqual(os.listdir("/media/cwd/case-4711/media/data/private/var/log"), ["system.log"])
-
-
-if __name__ == "__main__":
-    world.main()

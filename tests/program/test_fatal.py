@@ -3,7 +3,6 @@ import base64
 import os
 import resource
 
-import world
 from world import PREBOOT, YES, Answer, Scenario, call, property_list, read, write
 
 NAME = '"$folder/${folder##*/}"'  # of the capture in its folder, for a stand-in
@@ -70,7 +69,3 @@ class Fatal(Scenario):
         for found in "/media/gone", f"{log}\n\n{log}", "/media/pipe", "/proc/sys/vm/compact_memory", large:
             self.answer("find /media/one/logs -type f -regex .*", found + "\n")
             self.capture()
-
-
-if __name__ == "__main__":
-    world.main()

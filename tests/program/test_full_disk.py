@@ -33,7 +33,3 @@ class FullDisk(Scenario):
                     os.remove(ARCHIVE)
                 os.remove(f"{DISK}/ballast")
             self.assertEqual((set(statuses), statuses), ({0, 1}, sorted(statuses, reverse=True)))
-
-
-if __name__ == "__main__":
-    world.main()

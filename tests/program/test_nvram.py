@@ -1,7 +1,6 @@
 """nvram as a whole program on a folder of its own."""
 import shutil
 
-import world
 from world import Scenario, write
 
 GUID = "8be4df61-93ca-11d2-aa0d-00e098032b8c"
@@ -22,7 +21,3 @@ class Nvram(Scenario):
             self.nvram("-p", stdout=full)
         shutil.rmtree("/media/efivars")
         self.nvram("-p")
-
-
-if __name__ == "__main__":
-    world.main()

@@ -134,7 +134,3 @@ class Qvx(Scenario):
             for passphrase in b"open sesame", b"wrong":
                 words = ["/media/programs/qvx", "verify", "--key", f"/media/{name}", ARCHIVE]
                 self.note("shown", "{}\n{} {}".format(*on_terminal(words, b": ", passphrase + b"\n")))
-
-
-if __name__ == "__main__":
-    world.main()

@@ -113,7 +113,3 @@ class Store(Scenario):
         killed = self.capture(limits=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)))
         self.assertEqual((killed.status, os.path.getsize(killed.temporary) > 200_000), (-signal.SIGXFSZ, True))
         self.capture()
-
-
-if __name__ == "__main__":
-    world.main()

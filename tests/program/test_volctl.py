@@ -1,4 +1,4 @@
-"""volctl on real loop devices, and a capture with nothing standing in."""
+"""volctl on real loop devices."""
 import os
 import plistlib
 import re
@@ -154,31 +154,3 @@ class Volctl(Scenario):
             self.unlock(device, "--key-file", "0", typed=b"wrong")
             self.assert_nothing_open(device)
             self.assertEqual(call("sha256sum", path), before)
-
-    def test_capture_with_nothing_standing_in_and_consent_given_on_a_terminal(self):
-        for command in "volctl", "nvram":
-            os.remove(f"/media/bin/{command}")
-            os.symlink(f"/media/programs/{command}", f"/media/bin/{command}")
-        roles = {}
-        for folder, role in ("/media/preboot", "Preboot"), ("/media/data", "Data"):
-            path, identity = self.formatted()
-            os.makedirs(folder, exist_ok=True)
-            call("mount", path, folder)
-            roles[identity] = role
-        self.settings(Roles=roles)
-        write(f"/media/data/{world.CONSENT}", property_list({}))
-        log = write("/media/data/logs/a.log", "line\n")
-        self.specification(("/logs", ".*"))
-        words = "/usr/bin/env", "PATH=" + world.PATH, "/media/programs/tarnwick", "--capturespec", "/media/spec.plist"
-        out, *end = on_terminal(words, b"(yes/no)", b"yes\n", secret=False)
-        self.assertEqual(end, [0, True], out)
-        self.assertRegex(out, rb"\nNow processing volume '.*' \((/dev/)?loop\d+ -> /media/data\)\n")
-        firmware = os.path.isdir("/sys/firmware/efi/efivars")
-        self.assertEqual(b"WARNING: nvram command returned an error" in out, not firmware)
-        archive = self.result(out, 0).archive
-        self.assertEqual(self.entries(archive)[0], log[1:])
-        self.assertEqual(self.qvx("cat", "--key", self.key, archive, log), "line\n")
-
-
-if __name__ == "__main__":
-    world.main()

@@ -2,7 +2,8 @@
 import os
 
 import world
-from world import CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, property_list, volume_info, write
+from world import (CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, on_terminal, property_list, volume_info,
+                   write)
 
 # The consent file of a volume and what is typed for it.
 ASKED = [(NO, "yes\n"), ({}, "y\nja\n\nyes please\nYES\n"), (NO, "yes \n yes\nyes\r\nyes\0\nno\n"),
@@ -73,13 +74,13 @@ class Volumes(Scenario):
         self.list_volumes()
         for arguments, answers in ([], "Yes"), ([], "maybe"), (["--noninteractive", "x"], "yes\n"), (["--force"], ""):
             self.capture(*arguments, answers=answers)
+        words = "/usr/bin/env", "PATH=" + world.PATH, "/media/programs/tarnwick", "--capturespec", "/media/spec.plist"
+        out, status, echoes = on_terminal(words, b"(yes/no)", b"yes\n", secret=False)
+        self.assertTrue(echoes)
+        self.ended(["--capturespec", "/media/spec.plist"], out, b"", status)
 
     def test_force_is_for_internal_builds_only(self):
         self.volume("one")
         os.remove("/etc/tarnwick/internal-policies.plist")
         self.key = f"{world.BIN}/../dev-recipient.pem"
         self.tarnwick("--force")
-
-
-if __name__ == "__main__":
-    world.main()

@@ -6,8 +6,8 @@ of its own; the machine outside sees none of it. Everything that it makes lies b
     /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
     /media/programs   the programs under test                   /media/NAME      the source volume NAME
 
-Its record is compared with data/transcripts at the end. With RECORD=1 in the environment that file is written
-instead: read it as a user would before you commit it.
+TARNWICK_BIN is the folder of the programs. The record is compared with data/transcripts at the end. With RECORD=1 in
+the environment that file is written instead: read it as a user would before you commit it.
 """
 import collections
 import contextlib
@@ -20,7 +20,6 @@ import re
 import shlex
 import shutil
 import subprocess
-import sys
 import termios
 import unittest
 
@@ -37,7 +36,7 @@ def held(folder):
 
 
 HERE = held(os.path.dirname(os.path.abspath(__file__)))
-BIN = held(os.environ.get("TARNWICK_BIN", "build/release/bin"))
+BIN = held(os.environ["TARNWICK_BIN"])
 DATA = HERE + "/../data"
 STORE = "/media/preboot/tarnwick"
 PATH = "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin"
@@ -117,6 +116,8 @@ class Scenario(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
+        if not ENTERED:
+            self.skipTest("needs root")
         self.record, self.noted, self.volumes, self.key = "", {}, [], "/media/key.pem"
         self.known = {read(f"{DATA}/console/{name}.txt"): f"<{name}>\n" for name in ("introduction", "completion")}
         self.lay("/tmp", "mode=1777")
@@ -254,10 +255,3 @@ class Scenario(unittest.TestCase):
         """The paths in an archive, in its order."""
         self.qvx("verify", "--key", self.key, archive)
         return [line.split()[-1] for line in self.qvx("list", "--key", self.key, archive).splitlines()]
-
-
-def main():
-    if not ENTERED:
-        print("no mount namespace can be made: these tests need root")
-        sys.exit(77)
-    unittest.main(verbosity=2)
