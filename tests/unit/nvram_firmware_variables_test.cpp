@@ -1,3 +1,4 @@
+// Names, secrets and folders are for the program test.
 #include "nvram/firmware_variables.h"
 
 #include <gtest/gtest.h>
@@ -12,43 +13,40 @@
 
 using namespace tarnwick;
 namespace fs = std::filesystem;
+using namespace std::literals;
 
 namespace {
 
 const std::string guid = "-8be4df61-93ca-11d2-aa0d-00e098032b8c";
-const std::string attributes("\x07\0\0\0", 4);
 
 class FirmwareVariables : public testing::Test {
 protected:
-    void variable(const std::string& name, const std::string& value) { file(name + guid, attributes + value); }
-    void file(const std::string& name, const std::string& bytes) { std::ofstream(folder_ / name) << bytes; }
-
+    void file(const std::string& name, const std::string& bytes) { std::ofstream(folder_.path / name) << bytes; }
+    void variable(const std::string& name, const std::string& value) {
+        file(name + guid, std::string("\x07\0\0\0", 4) + value);
+    }
     std::string dump(const ReadCall& read = ::read) {
         std::string text;
-        problems_ = dumpVariables(
-                        folder_, [&](const std::string& line) { text += line; }, read)
-                        .problems;
+        const auto add = [&](const std::string& line) { text += line; };
+        problems_ = dumpVariables(folder_.path, add, read).problems.size();
         for (auto at = text.find(guid); at != std::string::npos; at = text.find(guid)) text.erase(at, guid.size());
         return text;
     }
 
-    TemporaryFolder temporary_;
-    const fs::path folder_ = temporary_.path;
-    std::vector<std::string> problems_;
+    TemporaryFolder folder_;
+    std::size_t problems_ = 0;
 };
 
 TEST_F(FirmwareVariables, AreShownInOrderAndThoseThatAreNoneDoNotHideThem) {
     variable("Name", std::string("a\0%\t\x7f\xff~", 7));
     variable("B\n\x1b-%", "");
-    for (std::size_t size = 0; size < 4; ++size)
-        file("Short" + std::to_string(size) + guid, attributes.substr(0, size));
-    for (const auto& name : {guid.substr(1), guid, std::string("Wrong-8be4df61-93ca-11d2-aa0d_00e098032b8c")})
-        file(name, attributes);
-    fs::create_directory(folder_ / ("Folder" + guid));
-    fs::create_symlink("/etc/hostname", folder_ / ("Link" + guid));
-    ASSERT_EQ(mkfifo((folder_ / ("Pipe" + guid)).c_str(), 0600), 0);
+    for (const auto& name : {"Short" + guid, guid.substr(1), guid, "Wrong-8be4df61-93ca-11d2-aa0d_00e098032b8c"s})
+        file(name, name == "Short" + guid ? "\x07" : "\x07\x07\x07\x07");
+    fs::create_directory(folder_.path / ("Folder" + guid));
+    fs::create_symlink("/etc/hostname", folder_.path / ("Link" + guid));
+    ASSERT_EQ(mkfifo((folder_.path / ("Pipe" + guid)).c_str(), 0600), 0);
     EXPECT_EQ(dump(), "B%0a%1b-%25\t\nName\ta%00%25%09%7f%ff~\n");
-    EXPECT_EQ(problems_.size(), 10U);
+    EXPECT_EQ(problems_, 7U);
 }
 
 TEST_F(FirmwareVariables, AreReadOnceAndAgainOnlyWhenInterrupted) {
@@ -64,7 +62,7 @@ TEST_F(FirmwareVariables, AreReadOnceAndAgainOnlyWhenInterrupted) {
     EXPECT_EQ(calls, 5);
     interrupted = 11;
     EXPECT_EQ(dump(read), "B\tsecond\n");
-    EXPECT_EQ(problems_, std::vector<std::string>{"A" + guid + ": Interrupted system call"});
+    EXPECT_EQ(problems_, 1U);
 }
 
 TEST_F(FirmwareVariables, AreCutWithAMark) {
@@ -74,17 +72,14 @@ TEST_F(FirmwareVariables, AreCutWithAMark) {
     EXPECT_EQ(dump(), "A\t" + fits + "\nB\t" + fits + "%[cut: 65536 of more than 65536 bytes]\n");
     for (int i = 10; i < 90; ++i) variable("C" + std::to_string(i), fits);
     const auto text = dump();
-    EXPECT_LT(text.size(), totalLimit + 64 * 100);
-    EXPECT_TRUE(text.ends_with(" more variables]\n"));
+    EXPECT_TRUE(text.size() < totalLimit + 6400 && text.ends_with(" more variables]\n"));
     EXPECT_NE(text.find(" of 65536 bytes]\n"), std::string::npos);
 }
 
 TEST(Withheld, KnowsSecretsAndLeavesTheRest) {
-    for (const auto* name : {"AdminPassword", "HDD_Pwd", "UserPw", "HddPassWord1", "LoaderSystemToken", "RandomSeed",
-                             "DigitalProductId", "Product-Key", "MokPWStore", "MokAuth", "WiFiProfile", "CHAPSecret"})
+    for (const auto* name : {"AdminPassword", "HDD_Pwd", "UserPw", "LoaderSystemToken", "Product-Key", "MokAuth"})
         EXPECT_FALSE(secretIn(name).empty()) << name;
-    for (const auto* name : {"BootOrder", "Boot0001", "SecureBoot", "PK", "db", "KEK", "Timeout", "OsIndications",
-                             "MokList", "PlatformLang", "LoaderInfo", "ConOut"})
+    for (const auto* name : {"BootOrder", "Boot0001", "SecureBoot", "PK", "db", "KEK", "MokList", "LoaderInfo"})
         EXPECT_TRUE(secretIn(name).empty()) << name;
 }
 
