@@ -22,7 +22,7 @@ def allowed(source: str, quote: str, target: str) -> bool:
 
 
 root = pathlib.Path(__file__).resolve().parent.parent
-sources = [path for tree in ("src", "tools") for end in ("h", "cpp") for path in sorted((root / tree).rglob("*." + end))]
+sources = sorted(path for tree in ("src", "tools") for path in (root / tree).rglob("*") if path.suffix in (".h", ".cpp"))
 includes = [(str(path.relative_to(root)), *found) for path in sources for found in INCLUDE.findall(path.read_text())]
 wrong = [f"{include[0]}: may not include {include[2]}" for include in includes if not allowed(*include)]
 print("\n".join(wrong))

@@ -8,34 +8,30 @@
 #include "temporary_folder.h"
 
 namespace fs = std::filesystem;
-using tarnwick::listDirectory;
 
 namespace {
 
-using Names = std::set<std::string>;
+using Paths = std::set<fs::path>;
 
 TEST(DirectoryWalk, FollowsLinksAndSkipsWhatIsNeitherFileNorDirectory) {
     const tarnwick::TemporaryFolder temporary;
-    const auto& root = temporary.path;
-    const auto walk = [&](bool recurse, bool includeDirectories) {
-        Names names;
-        for (const auto& path : listDirectory(root, recurse, includeDirectories))
-            names.insert(path.lexically_relative(root));
-        return names;
+    fs::current_path(temporary.path);
+    const auto walk = [](bool recurse, bool includeDirectories, const char* from = ".") {
+        const auto paths = tarnwick::listDirectory(from, recurse, includeDirectories);
+        return Paths(paths.begin(), paths.end());
     };
-    fs::create_directories(root / "folder/inner");
-    for (const auto* name : {"plain", "folder/inner/deep"}) std::ofstream(root / name) << "x";
-    fs::create_symlink("plain", root / "to-file");
-    fs::create_symlink("folder", root / "to-folder");
-    fs::create_symlink("nowhere", root / "dangling");
-
-    EXPECT_EQ(walk(false, false), (Names{"plain", "to-file"}));
-    EXPECT_EQ(walk(false, true), (Names{"folder", "plain", "to-file", "to-folder"}));
-    EXPECT_EQ(walk(true, false), (Names{"folder/inner/deep", "plain", "to-file", "to-folder/inner/deep"}));
-    for (const auto* none : {"plain", "missing"}) EXPECT_TRUE(listDirectory(root / none, true, true).empty()) << none;
+    fs::create_directories("folder/inner");
+    for (const auto* name : {"plain", "folder/inner/deep"}) std::ofstream(name) << "x";
+    fs::create_symlink("plain", "to-file");
+    fs::create_symlink("folder", "to-folder");
+    fs::create_symlink("nowhere", "dangling");
+    EXPECT_EQ(walk(false, false), (Paths{"./plain", "./to-file"}));
+    EXPECT_EQ(walk(false, true), (Paths{"./folder", "./plain", "./to-file", "./to-folder"}));
+    EXPECT_EQ(walk(true, false), (Paths{"./folder/inner/deep", "./plain", "./to-file", "./to-folder/inner/deep"}));
+    for (const auto* none : {"plain", "missing"}) EXPECT_EQ(walk(true, true, none), Paths()) << none;
 
     // A link that leads to itself cannot be asked for its status: ELOOP, which would leave the list incomplete.
-    fs::create_symlink("loop", root / "folder/loop");
+    fs::create_symlink("loop", "folder/loop");
     EXPECT_THROW(walk(true, false), fs::filesystem_error);
 }
 
