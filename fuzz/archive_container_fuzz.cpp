@@ -5,8 +5,24 @@
 using namespace tarnwick;
 using namespace tarnwick::qvx;
 
+namespace {
+
+// Blocks are all of one size, but for the last, which is shorter.
+void checkFirstBlock(Bytes bytes) {
+    const auto header = decodeBlockHeader(bytes);
+    if (!header || bytes.size() < blockHeaderSize + header->sealedLength) return;
+    bytes = bytes.subspan(blockHeaderSize, header->sealedLength);
+    ByteVector sealed(bytes.begin(), bytes.end()), plain;
+    if (BlockDecoder({}).decode(*header, sealed, {}, plain) == BlockFault::none)
+        require(header->flags & blockLast ? plain.size() < blockSize : plain.size() == blockSize);
+    require(plain.size() <= blockSize);
+}
+
+}  // namespace
+
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 2) return 0;
+    checkFirstBlock({data + 1, data + size});
     const auto header = encodePlainHeader({1U + data[0] % 4, {}, {}});
     ByteVector bytes(header.begin(), header.end());
     bytes.insert(bytes.end(), data + 1, data + size);

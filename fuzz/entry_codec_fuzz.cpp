@@ -31,14 +31,27 @@ std::optional<ByteVector> recode(Bytes payload) {
     return encoded;
 }
 
+// All that stands in a block is records, and padding of one form up to its end.
 void checkRecords(Bytes block) {
     RecordCursor cursor(block);
-    std::size_t before = 0;
+    ByteVector encoded;
+    const auto append = [&](RecordType type, bool continues, Bytes payload) {
+        encoded.resize(encoded.size() + recordHeaderSize);
+        const auto length = static_cast<std::uint32_t>(payload.size());
+        encodeRecordHeader({type, continues, length}, &encoded[encoded.size() - recordHeaderSize]);
+        encoded.insert(encoded.end(), payload.begin(), payload.end());
+    };
     while (const auto record = cursor.next()) {
-        require(cursor.offset() > before && cursor.offset() <= block.size());
-        require(record->type != RecordType::pad && record->payload.size() <= cursor.offset() - before);
-        before = cursor.offset();
+        append(record->type, record->continues, record->payload);
+        const std::size_t room = block.size() - encoded.size();
+        require(record->type > RecordType::pad && record->type <= RecordType::trailer);
+        require(!record->continues || (record->type >= RecordType::end && room <= recordHeaderSize));
     }
+    if (cursor.damaged()) return;
+    const std::size_t room = block.size() - encoded.size();
+    if (room >= recordHeaderSize) append(RecordType::pad, false, ByteVector(room - recordHeaderSize));
+    encoded.resize(block.size());
+    require(std::ranges::equal(encoded, block));
 }
 
 }  // namespace

@@ -16,11 +16,12 @@ void run(std::vector<std::uint8_t> input) { LLVMFuzzerTestOneInput(input.data(),
 void runWithDamage(const std::vector<std::uint8_t>& input) {
     run(input);
     for (auto end = input.begin(); end != input.end(); ++end) run({input.begin(), end});
-    for (std::size_t at = 0; at < input.size(); ++at) {
-        for (const unsigned change : {0x01U, 0x80U, 0xffU}) {
-            auto damaged = input;
-            damaged[at] = static_cast<std::uint8_t>(damaged[at] ^ change);
+    for (const int change : {0x01, 0x80, 0xff}) {
+        auto damaged = input;
+        for (auto& byte : damaged) {
+            byte = static_cast<std::uint8_t>(byte ^ change);
             run(damaged);
+            byte = static_cast<std::uint8_t>(byte ^ change);
         }
     }
 }

@@ -94,12 +94,16 @@ public:
         return begin(path, EntryType::link).data(target).end(tailOf(sha256(target)), target.size());
     }
     ArchiveBuilder& directory(const std::string& path) { return begin(path, EntryType::directory).end({}, 0); }
-    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
-                              std::uint64_t size) {
+    // Ends an entry whose content another one holds.
+    ArchiveBuilder& refer(std::uint64_t content, std::optional<std::uint64_t> link, std::uint64_t size) {
         EntryTail tail;
         tail.contentOf = content;
         tail.linkOf = link;
-        return begin(path).end(tail, size);
+        return end(tail, size);
+    }
+    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
+                              std::uint64_t size) {
+        return begin(path).refer(content, link, size);
     }
 
     ArchiveBuilder& endIndexPart() {

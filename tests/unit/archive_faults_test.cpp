@@ -166,15 +166,6 @@ TEST_F(ArchiveFaults, OutOfMemoryIsARefusal) {
     expectAll(&ArchiveFaults::capture, fault, isEither);
 }
 
-// What a close reports may be ignored only because of this.
-TEST_F(ArchiveFaults, EverythingIsWrittenBeforeTheFileIsClosed) {
-    std::atomic<bool> written = false;
-    arm({"close", 0, forever, 0, [&] { written = readsWhole(); }});
-    EXPECT_TRUE(capture());
-    disarm();
-    EXPECT_TRUE(written);
-}
-
 // Something else in the place of a file, or a part of it, at any moment between the listing and the last byte.
 TEST_F(ArchiveFaults, FilesThatChangeAreStoredAsListedOrRefused) {
     const fs::path victim = source_ / "a", away = folder_.path / "away";

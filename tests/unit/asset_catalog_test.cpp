@@ -29,7 +29,7 @@ AssetResult parse(const std::string& text) {
     return parseCatalog(text, parsed);
 }
 
-TEST(AssetCatalog, RefusesWhatIsMalformedAndKeysOfAnotherKind) {
+TEST(AssetCatalog, RefusesWhatIsMalformed) {
     const auto good = catalog(file("sub/a") + file("b"));
     ASSERT_EQ(parse(good), AssetResult::success);
     const auto with = [&](const std::string& from, const std::string& to) {
@@ -43,19 +43,12 @@ TEST(AssetCatalog, RefusesWhatIsMalformedAndKeysOfAnotherKind) {
                              with("aaaa", "Gaaa"), with("<string>u<", "<string><"), with("<string>t<", "<string>.t<"),
                              with("<string>t<", "<string>a/t<"), with("2001-01-02", "never"), with("Serial", "Cereal")})
         EXPECT_EQ(parse(text), AssetResult::catalogMalformed) << text;
-    for (const auto* path : {"/a", "../a", "a/../b", "a//b", "a/", "", ".", "a/./b", "a&#10;b"})
+    // Where paths lead is for asset_catalog_fuzz.
+    for (const auto& path : {std::string("../a"), std::string("a&#10;b"), std::string(256, 'x')})
         EXPECT_EQ(parse(catalog(file(path))), AssetResult::pathRefused) << path;
-    EXPECT_FALSE(acceptableAssetPath(std::string_view("a\0b", 3)) || acceptableAssetPath(std::string(256, 'x')));
 
-    const std::string p384 =
-        "-----BEGIN PUBLIC KEY-----\n"
-        "MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAEHLUAWoIlOJmKGTSLHwRzufw91yb7Wi+i\n"
-        "OQcHVfO7HmH+U1faf4YF8lhvwFqssz86e/fgYw3PtWiLSA+94CQQn2xKmlMRlBev\n"
-        "dbIzRaWFLzu/T3DLYUiqr2wRmhbFazTF\n"
-        "-----END PUBLIC KEY-----\n";
     AssetCatalog read;
-    for (const auto& key : {p384, std::string("no key")})
-        EXPECT_EQ(readCatalog({good, "x"}, key, read), AssetResult::keyUnusable) << key;
+    EXPECT_EQ(readCatalog({good, "x"}, "no key", read), AssetResult::keyUnusable);
 }
 
 TEST(AssetUrls, StayWithTheCatalogsSchemeAndPlainHttpOnThisMachine) {

@@ -23,26 +23,4 @@ TEST(EntryCodec, RefusesPathsThatLeadElsewhereAndNumbersOutOfRange) {
     EXPECT_FALSE(decodeEntryTail(fromHex("10ffffff7f"))) << "more attributes than bytes";
 }
 
-TEST(RecordCursor, StopsAtWhatIsNoRecord) {
-    const std::tuple<const char*, std::size_t, bool> cases[] = {
-        {"0201000061000000", 1, false},        // too few bytes left for a record
-        {"0201000061020000", 1, true},         // and they are something
-        {"0201000061000200000000", 1, false},  // padding up to the end
-        {"0201000061000100000000", 1, true},   // padding that ends before the block does
-        {"0201000061000200000001", 1, true},   // padding that is something
-        {"02020000", 0, true},                 // longer than the block
-        {"08000000", 0, true},                 // no such type
-        {"8201000061", 0, true},               // only some types may go on in the next block
-        {"8402000061620000", 1, false},        // as this one does
-        {"84020000616200000000", 0, true},     // although there is room for another record
-    };
-    for (const auto& [block, expected, damaged] : cases) {
-        const auto bytes = fromHex(block);
-        RecordCursor cursor(bytes);
-        std::size_t records = 0;
-        while (cursor.next()) ++records;
-        EXPECT_EQ(std::pair(records, cursor.damaged()), std::pair(expected, damaged)) << block;
-    }
-}
-
 }  // namespace

@@ -67,10 +67,4 @@ TEST(FindDialect, NoOptionIsGivenWhereTheTwoDialectsDiffer) {
     EXPECT_GT(plain, 60U);
 }
 
-TEST(RegexTypeOption, LeavesTheCommandLineAloneOtherwise) {
-    for (const char* each :
-         {".*\\/system.log", ".*\\/*.crash.*", "[0-9]*", "[+?]", "[]+]", "[^]?]x", "\\(a\\)\\1", "a|b{2}"})
-        EXPECT_EQ(regexTypeOption(each), "") << each;
-}
-
 }  // namespace

@@ -25,19 +25,15 @@ using namespace tarnwick;
 namespace {
 
 ProbeAnswer answerOf(std::map<std::string, std::string>& values) {
-    static const std::map<std::string, Content> kinds{{"", Content::nothing},
-                                                      {"unknown", Content::unknown},
-                                                      {"swap", Content::swap},
-                                                      {"crypto_LUKS", Content::encrypted},
-                                                      {"member", Content::member}};
-    const auto kind = kinds.find(values["has"]);
-    return {kind == kinds.end() ? Content::fileSystem : kind->second,
-            values["has"] == "unknown" ? "" : values["has"],
-            values["uuid"],
-            values["label"],
-            values["part"],
-            values["partuuid"],
-            values["partname"]};
+    const auto& has = values["has"];
+    const auto content = has.empty()                 ? Content::nothing
+                         : has == "unknown"          ? Content::unknown
+                         : has == "swap"             ? Content::swap
+                         : has == "member"           ? Content::member
+                         : has.starts_with("crypto") ? Content::encrypted
+                                                     : Content::fileSystem;
+    return {content,        has == "unknown" ? "" : has, values["uuid"],    values["label"],
+            values["part"], values["partuuid"],          values["partname"]};
 }
 
 class RecordedMachine {
