@@ -41,11 +41,12 @@ Reading read(const ByteVector& bytes, Way way, std::string_view wanted = {}) {
     return {good, sink.seen, fault.what};
 }
 
-// Four entries in as many blocks: two groups of two, then root and trailer.
+// Four entries in five blocks: two groups of two and the third's leader; then root and trailer.
 struct SmallArchive {
     SmallArchive() {
         builder.file("one", "first content").endBlock().file("two", "second content").endBlock();
-        builder.reference("three", 0, 0, 13).endIndexPart().endBlock().file("four", "fourth content");
+        builder.reference("three", 0, 0, 13).endIndexPart().endBlock().begin("four").data("fourth ").endBlock();
+        builder.data("content").end(tailOf(sha256("fourth content")), 14);
         bytes = builder.finish();
         const auto at = [&](std::size_t i) { return bytes.begin() + std::ptrdiff_t(builder.positions[i]); };
         for (std::size_t i = 0; i + 1 < builder.positions.size(); ++i) blocks.emplace_back(at(i), at(i + 1));
@@ -74,8 +75,7 @@ void expectRefused(const SmallArchive& archive, const ByteVector& damaged, const
 
 TEST(ArchiveReader, ReadsAllAndTakesOut) {
     const SmallArchive archive;
-    EXPECT_TRUE(read(archive.bytes, whole).good);
-    EXPECT_EQ(read(archive.bytes, whole).seen, archive.all);
+    EXPECT_TRUE(read(archive.bytes, whole).good && read(archive.bytes, whole).seen == archive.all);
     EXPECT_EQ(read(archive.bytes, byIndex).seen, archive.all);
     EXPECT_EQ(read(archive.bytes, byIndex, "three").seen, Seen{"three=first content"});
     const auto none = ArchiveBuilder().finish();
@@ -104,9 +104,6 @@ TEST(ArchiveDamage, OfAnyByteOrLengthIsRefused) {
     }
     expectNot(28, 0);                                                                    // groups of nothing
     expectNot(archive.builder.positions[2] + 7, blockCompressed | blockWithDictionary);  // a leader that needs one
-    auto longer = archive.bytes;
-    longer.push_back(0);
-    expectRefused(archive, longer, "one byte more");
 }
 
 TEST(ArchiveDamage, OfTheOrderOfBlocksIsRefused) {
@@ -124,6 +121,7 @@ TEST(ArchiveDamage, OfTheOrderOfBlocksIsRefused) {
         for (std::size_t with = 0; with < i; ++with)
             expectNot("swapped ", i, [&](auto& blocks, auto at) { std::swap(*at, blocks[with]); });
     }
+    expectNot("one byte more ", 0, [&](auto& blocks, auto) { blocks.push_back({0}); });
     expectNot("a second last block ", 0, [&](auto& blocks, auto) { blocks.push_back(other.blocks.back()); });
 }
 
@@ -156,14 +154,16 @@ TEST(ArchiveLies, OfAnyByteBehindAGoodSealAreFound) {
 TEST(ArchiveLies, OfEntriesThatDoNotGoTogetherAreFound) {
     ByteVector endless(10, 255);
     endless.back() = 1;
+    const std::string filler(blockSize - 25, 'x');
+    const Digest abc = sha256("abc");
     const std::pair<const char*, std::function<void(ArchiveBuilder&)>> lies[] = {
         {"sum",
-         [](auto& b) {
-             b.begin("x").data("abc").end(tailOf(sha256("abc"), {{4, 0}}), 4);
+         [&](auto& b) {
+             b.begin("x").data("abc").end(tailOf(abc, SparseSum{4, 0}), 4);
          }},
         {"holes",
-         [](auto& b) {
-             b.begin("x").data("abc").end(tailOf(sha256("abc"), {{3, 1}}), 3);
+         [&](auto& b) {
+             b.begin("x").data("abc").end(tailOf(abc, SparseSum{3, 1}), 3);
          }},
         {"directory with content", [](auto& b) { b.begin("x", EntryType::directory).data("abc").end({}, 3); }},
         {"link without target", [](auto& b) { b.begin("x", EntryType::link).end({}, 0); }},
@@ -177,11 +177,7 @@ TEST(ArchiveLies, OfEntriesThatDoNotGoTogetherAreFound) {
         {"hole in a link", [](auto& b) { b.begin("x", EntryType::link).record(RecordType::hole, {1}).end({}, 1); }},
         {"content of its own", [](auto& b) { b.file("x", "abc").begin("y").data("abc").refer(0, std::nullopt, 3); }},
         {"hole without end", [&](auto& b) { b.begin("x").record(RecordType::hole, endless).end({}, 0); }},
-        {"split without continuation",
-         [](auto& b) {
-             b.begin("x").data(std::string(blockSize - 100, 'x'));
-             b.record(RecordType::end, ByteVector(40), true).endBlock().file("y", "");
-         }},
+        {"split without continuation", [&](auto& b) { b.begin("x").data(filler).record(RecordType::end, {1}, true); }},
     };
     for (const auto& [name, tell] : lies) {
         ArchiveBuilder builder;
@@ -204,7 +200,7 @@ TEST(ArchiveSalvage, SavesWhateverIsWholeWhateverByteIsFlipped) {
     const SmallArchive archive;
     const auto& positions = archive.builder.positions;
     // Blocks 0 and 2 lead 1 and 3; "three" stands in block 2 and has its content in block 0.
-    const std::vector<std::ptrdiff_t> needed[] = {{0}, {0, 1}, {0, 2}, {2, 3}};
+    const std::vector<std::ptrdiff_t> needed[] = {{0}, {0, 1}, {0, 2}, {2, 3, 4}};
     for (std::size_t at = plainHeaderSize; at < archive.bytes.size(); at += 3 * damageStep) {
         auto damaged = archive.bytes;
         damaged[at] ^= 0x40;
@@ -219,7 +215,7 @@ TEST(ArchiveSalvage, SavesWhateverIsWholeWhateverByteIsFlipped) {
 TEST(ArchiveSalvage, ReadsBlocksOutOfOrderAndPastACutAndEndsWithoutAny) {
     const SmallArchive archive;
     std::vector<ByteVector> blocks;
-    for (const std::size_t i : {3U, 0U, 5U, 1U, 1U, 4U, 2U}) blocks.push_back(archive.blocks[i]);
+    for (const std::size_t i : {3U, 0U, 6U, 1U, 1U, 4U, 5U, 2U}) blocks.push_back(archive.blocks[i]);
     EXPECT_EQ(read(archive.with(blocks), salvaged).seen, archive.all);
     EXPECT_NE(read(archive.with(blocks), salvaged).told, "");
     blocks = {archive.blocks[0], archive.blocks[1],
@@ -228,7 +224,7 @@ TEST(ArchiveSalvage, ReadsBlocksOutOfOrderAndPastACutAndEndsWithoutAny) {
 
     // Headers that promise blocks, and the beginnings of headers.
     const auto header = encodeBlockHeader({blockSize / 2, blockCompressed, 1});
-    blocks.assign(20000, ByteVector(header.begin(), header.end()));
+    blocks.assign(1000000, ByteVector(header.begin(), header.end()));
     blocks.emplace_back(blockSize);
     EXPECT_TRUE(read(archive.with(blocks), salvaged).seen.empty());
     blocks.assign(1000000, ByteVector(blockMagic.begin(), blockMagic.end()));

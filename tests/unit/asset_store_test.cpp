@@ -19,12 +19,10 @@ protected:
         const std::string abcDigest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
         return {.type = "t", .version = {content, mastered}, .files = {{"sub/f", 3, abcDigest, "u"}}};
     }
-    // Byte by byte, as a slow server would.
     static AssetResult add(StagedAsset& staged, const AssetFile& file) {
         return staged.addFile(file, [&](const ByteSink& sink) {
-            for (const auto* byte : {"a", "b"})
-                if (const auto result = sink(byte); result != AssetResult::success) return result;
-            return sink("c");
+            const auto result = sink("a");
+            return result == AssetResult::success ? sink("bc") : result;
         });
     }
     AssetResult install(const Asset& wanted) {

@@ -57,12 +57,12 @@ unsigned tarnwick::test::disarm() {
     }
 
 // clang-format off
-FAULTY(int, open, (const char* path, int flags, int mode), (path, flags, mode), -1, "open")
 FAULTY(int, open64, (const char* path, int flags, int mode), (path, flags, mode), -1, "open")
-FAULTY(int, openat, (int folder, const char* path, int flags, int mode), (folder, path, flags, mode), -1, "open")
+FAULTY(int, openat64, (int folder, const char* path, int flags, int mode), (folder, path, flags, mode), -1, "open")
 FAULTY(int, stat64, (const char* path, void* status), (path, status), -1, "stat")
 FAULTY(int, lstat64, (const char* path, void* status), (path, status), -1, "stat")
 FAULTY(int, fstat64, (int file, void* status), (file, status), -1, "stat")
+FAULTY(int, fstatat64, (int at, const char* path, void* status, int flags), (at, path, status, flags), -1, "stat")
 FAULTY(int, statx, (int at, const char* path, int flags, int mask, void* status), (at, path, flags, mask, status), -1,
        "stat")
 FAULTY(int, fchmod, (int file, int mode), (file, mode), -1, "mode")
