@@ -24,6 +24,7 @@ if(CMAKE_BUILD_TYPE MATCHES "Rel" AND NOT TARNWICK_SANITIZE)
   add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
   target_compile_options(tarnwick_settings INTERFACE -fstack-protector-strong -fstack-clash-protection
                                                      -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
+  # The landing pads are in the code; the program itself is not marked for them, since Debian's start files are not.
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|i.86")
     target_compile_options(tarnwick_settings INTERFACE -fcf-protection=full)
   endif()
