@@ -15,7 +15,6 @@ void checkFirstBlock(Bytes bytes) {
     ByteVector sealed(bytes.begin(), bytes.end()), plain;
     if (BlockDecoder({}).decode(*header, sealed, {}, plain) == BlockFault::none)
         require(header->flags & blockLast ? plain.size() < blockSize : plain.size() == blockSize);
-    require(plain.size() <= blockSize);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // The catalog of the asset service: its parser, its path rule, and its signature.
+#include <algorithm>
 #include <filesystem>
 
 #include "platform/assets/asset_catalog.h"
@@ -18,7 +19,7 @@ const std::string publicKey =
 void requireInside(const std::string& path) {
     const auto joined = std::filesystem::path("/store") / path;
     require(joined.lexically_normal() == joined && joined.native().starts_with("/store/"));
-    require(path.find('\0') == std::string::npos && !path.ends_with('/'));
+    require(std::none_of(path.begin(), path.end(), [](unsigned char c) { return c < ' '; }) && !path.ends_with('/'));
 }
 
 }  // namespace
@@ -38,9 +39,14 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         require(acceptableAssetType(asset.type) && asset.type.find('/') == std::string::npos &&
                 asset.type.front() != '.');
         require(asset.version >= AssetVersion{} && !asset.files.empty());
+        std::string taken = "\n";  // no path holds a line's end
         for (const auto& file : asset.files) {
             requireInside(file.path);
-            require(file.sha256.size() == 64 && !file.url.empty() && file.size <= INT64_MAX);
+            require(taken.find('\n' + file.path + '\n') == std::string::npos);
+            require(taken.find('\n' + file.path + '/') == std::string::npos);
+            taken += file.path + '\n';
+            require(file.sha256.size() == 64 && file.sha256.find_first_not_of("0123456789abcdef") == std::string::npos);
+            require(!file.url.empty() && file.size <= INT64_MAX);
         }
     }
     return 0;

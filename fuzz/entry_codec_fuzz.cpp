@@ -36,9 +36,9 @@ void checkRecords(Bytes block) {
     };
     while (const auto record = cursor.next()) {
         append(record->type, record->continues, record->payload);
-        const std::size_t room = block.size() - encoded.size();
         require(record->type > RecordType::pad && record->type <= RecordType::trailer);
-        require(!record->continues || (record->type >= RecordType::end && room <= recordHeaderSize));
+        require(!record->continues ||
+                (record->type >= RecordType::end && block.size() - encoded.size() <= recordHeaderSize));
     }
     if (cursor.damaged()) return;
     const std::size_t room = block.size() - encoded.size();

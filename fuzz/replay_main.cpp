@@ -16,14 +16,14 @@ void run(std::vector<std::uint8_t> input) { LLVMFuzzerTestOneInput(input.data(),
 void runWithDamage(const std::vector<std::uint8_t>& input) {
     run(input);
     for (auto end = input.begin(); end != input.end(); ++end) run({input.begin(), end});
-    for (const int change : {0x01, 0x80, 0xff}) {
-        auto damaged = input;
-        for (auto& byte : damaged) {
-            byte = static_cast<std::uint8_t>(byte ^ change);
+    constexpr std::uint8_t changes[] = {0x01, 0x80, 0xff};
+    auto damaged = input;
+    for (auto& byte : damaged)
+        for (const auto change : changes) {
+            byte ^= change;
             run(damaged);
-            byte = static_cast<std::uint8_t>(byte ^ change);
+            byte ^= change;
         }
-    }
 }
 
 }  // namespace

@@ -26,12 +26,11 @@ inline std::unique_ptr<ArchiveReader> openArchive(const ByteVector& bytes, ReadF
     return file ? ArchiveReader::open(std::move(file), recipient(), fault) : nullptr;
 }
 
-inline EntryTail tailOf(const Digest& digest, const std::optional<SparseSum>& sum = std::nullopt) {
-    EntryTail tail;
-    tail.digest = digest;
-    tail.sum = sum;
-    return tail;
-}
+struct Tail {
+    std::optional<Digest> digest = std::nullopt;
+    std::optional<SparseSum> sum = std::nullopt;
+    std::optional<std::uint64_t> contentOf = std::nullopt, linkOf = std::nullopt;
+};
 
 // All that is put into one block must fit.
 class ArchiveBuilder {
@@ -75,9 +74,9 @@ public:
         index_ = {stream_->block(), stream_->offset(), type, path, *head.mode, 0, 0, 0, 0};
         return record(RecordType::entry, payload);
     }
-    ArchiveBuilder& end(const EntryTail& tail, std::uint64_t size) {
+    ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
         ByteVector payload;
-        encodeEntryTail(tail, payload);
+        encodeEntryTail({tail.digest, tail.sum, tail.contentOf, tail.linkOf, {}, {}, false}, payload);
         index_.size = size;
         part_.add(index_);
         return record(RecordType::end, payload);
@@ -88,22 +87,15 @@ public:
     }
 
     ArchiveBuilder& file(const std::string& path, std::string_view content) {
-        return begin(path).data(content).end(tailOf(sha256(content)), content.size());
+        return begin(path).data(content).end({.digest = sha256(content)}, content.size());
     }
     ArchiveBuilder& link(const std::string& path, std::string_view target) {
-        return begin(path, EntryType::link).data(target).end(tailOf(sha256(target)), target.size());
+        return begin(path, EntryType::link).data(target).end({.digest = sha256(target)}, target.size());
     }
     ArchiveBuilder& directory(const std::string& path) { return begin(path, EntryType::directory).end({}, 0); }
-    // Ends an entry whose content another one holds.
-    ArchiveBuilder& refer(std::uint64_t content, std::optional<std::uint64_t> link, std::uint64_t size) {
-        EntryTail tail;
-        tail.contentOf = content;
-        tail.linkOf = link;
-        return end(tail, size);
-    }
     ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
                               std::uint64_t size) {
-        return begin(path).refer(content, link, size);
+        return begin(path).end({.contentOf = content, .linkOf = link}, size);
     }
 
     ArchiveBuilder& endIndexPart() {

@@ -122,8 +122,7 @@ public:
     }
 
     TemporaryFolder folder_;
-    const fs::path source_ = folder_.path / "source";
-    const fs::path archive_ = folder_.path / "archive.qvx";
+    const fs::path source_ = folder_.path / "source", archive_ = folder_.path / "archive.qvx";
     FilesList files_;
     Seen expected_, orElse_;  // none: any will do
 };

@@ -98,7 +98,6 @@ TEST_F(ArchiveLibrary, BringsBackEntriesInTheOrderOfTheListAndStoresWhatIsListed
               (Seen{"small=s", "link=nowhere", "noise=" + noise, "linked=" + noise,
                     "sparse=" + std::string(2500000, '\0') + "x", "noise=" + noise, "proc/version=" + version + "\n"}));
     EXPECT_LT(bytes_.size(), 500000U);
-    EXPECT_EQ(roundTrip({}), Seen{});
 }
 
 TEST_F(ArchiveLibrary, KeepsAnIndexOfManyParts) {
@@ -127,7 +126,6 @@ TEST_F(ArchiveLibrary, OpensRegularFilesOnly) {
     ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
     fs::create_symlink(at("target"), at("link"));
     for (const auto* name : {"fifo", "link", "."}) EXPECT_FALSE(newFile(at(name))) << name;
-    EXPECT_FALSE(fs::exists(at("target")));
 }
 
 // The lines of the block of text that comes behind `heading` in docs/qvx-format.md.

@@ -89,7 +89,7 @@ TEST_F(Extraction, LinksAgainWhatWasLinkedAndCopiesWhatWasListedTwice) {
 
 TEST_F(Extraction, GivesNoNameToContentThatIsNotRight) {
     std::ofstream(in_ / "wrong") << "old";
-    const auto bytes = archive_.begin("wrong").data("content").end(tailOf(sha256("other")), 7).finish();
+    const auto bytes = archive_.begin("wrong").data("content").end({.digest = sha256("other")}, 7).finish();
     for (const bool salvage : {false, true}) {
         EXPECT_EQ(extract(bytes, salvage), salvage);
         EXPECT_EQ(text("wrong") + text("wrong.incomplete"), salvage ? "oldcontent" : "old");

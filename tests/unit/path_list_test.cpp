@@ -38,8 +38,7 @@ TEST(PathList, GivesBackWhatWasPutInByWalkAndByNumber) {
 
 TEST(PathList, TakesPathsAsTheyWillStandInTheArchive) {
     EXPECT_EQ(normalPath("/", "var//./log/"), "/var/log");
-    EXPECT_EQ(normalPath("/srv", "x"), "/srv/x");
-    EXPECT_EQ(normalPath("/srv", "/..."), "/...");
+    EXPECT_EQ(normalPath("/srv", "x/..."), "/srv/x/...");
     EXPECT_EQ(normalPath("/", "."), "/");
     for (const auto& refused :
          {std::string("/var/../etc"), std::string(), std::string("a\0b", 3), std::string(5000, 'x')})
