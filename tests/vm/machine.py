@@ -11,11 +11,9 @@ import socket
 import subprocess
 import tarfile
 import tempfile
-import time
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-MIB = 1 << 20
 EXCHANGE = "96M"  # the size of the disks that files are given and taken by
 
 PACKAGES = """linux-image-amd64 systemd-sysv udev initramfs-tools lvm2 cryptsetup-bin btrfs-progs xfsprogs dosfstools
@@ -23,16 +21,16 @@ PACKAGES = """linux-image-amd64 systemd-sysv udev initramfs-tools lvm2 cryptsetu
 LEFT_OUT = ["/usr/share/doc/*", "/usr/share/locale/*"] + [
     f"/lib/modules/*/kernel/{folder}/*" for folder in ("sound", "drivers/net", "drivers/gpu", "drivers/media")]
 
-# Number in the table, MiB, GPT type, name. The root partition is written here, the others are formatted by the guest.
+# MiB, GPT type, name. The root partition is written here, the others are formatted by the guest.
 PARTITIONS = [
-    (1, 64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
-    (2, 64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition"),
-    (3, 1024, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
-    (4, 64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
-    (5, 64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
-    (6, 160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
-    (7, 320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
-    (8, 32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
+    (64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
+    (64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition"),
+    (1024, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
+    (64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
+    (64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
+    (160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
+    (320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
+    (32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
 ]
 
 FILES = {
@@ -73,15 +71,10 @@ def say(text=""):
 
 
 class Console:
-    """One end of a terminal: text is sent, answers are waited for, each with a limit in seconds."""
+    """One end of a terminal: text is sent, answers are waited for, each with a limit of silence in seconds."""
 
-    def __init__(self, path):
-        self.socket = socket.socket(socket.AF_UNIX)
-        deadline = time.monotonic() + 30
-        while self.socket.connect_ex(str(path)):
-            if time.monotonic() > deadline:
-                raise Failure(f"nothing listens at {path}")
-            time.sleep(0.05)
+    def __init__(self):
+        self.socket, self.theirs = socket.socketpair()
         self.unread = ""
         self.decode = codecs.getincrementaldecoder("utf-8")("replace").decode
 
@@ -90,13 +83,11 @@ class Console:
 
     def expect(self, pattern, seconds=240):
         """The match of the pattern and the text before it; both are used up."""
-        deadline = time.monotonic() + seconds
         while not (match := re.search(pattern, self.unread)):
-            ready = select.select([self.socket], [], [], max(0, deadline - time.monotonic()))[0]
+            ready, _, _ = select.select([self.socket], [], [], seconds)
             received = self.socket.recv(65536) if ready else b""
             if not received:
-                raise Failure(f"{'the line ended' if ready else f'{seconds} s'} waiting for {pattern!r} after:\n"
-                              + self.unread[-3000:])
+                raise Failure(f"nothing more came, waiting for {pattern!r} after:\n{self.unread[-3000:]}")
             self.unread += self.decode(received).replace("\r", "")
         before, self.unread = self.unread[:match.start()], self.unread[match.end():]
         return match, before
@@ -117,42 +108,10 @@ class Console:
 
 
 class Machine:
-    """A running machine. `folder` holds its disks. At the end of the `with` the power is taken away; should this
-    process be killed, too."""
+    """A running machine. `folder` holds its disks."""
 
-    def __init__(self, folder, form, kernel):
-        self.folder = folder
-        for name in "tools", "out":
-            command("truncate", "-s", EXCHANGE, folder / name)
-        lines = []
-        for number, (name, kind) in enumerate((("tools", "raw"), ("out", "raw"), ("system", form), ("stick", form))):
-            lines += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
-            if name != "stick":
-                lines += ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={16 - number}"]
-        for name in "operator", "control":
-            lines += ["-serial", f"unix:{folder / name}.socket,server=on,wait=off"]
-        self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-accel", "tcg,thread=multi", "-machine", "q35",
-             "-cpu", "max", "-smp", "2", "-m", "1024", "-nic", "none", "-display", "none", "-no-reboot",
-             "-drive", "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
-             "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe",
-             "-kernel", kernel / "vmlinuz", "-initrd", kernel / "initrd.img", "-append", KERNEL_LINE, *lines,
-             "-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"],
-            stdin=subprocess.DEVNULL)
-
-    def __enter__(self):
-        try:
-            self.operator, self.control = (Console(self.folder / f"{name}.socket") for name in ("operator", "control"))
-            for console in self.operator, self.control:
-                console.expect("@shell@\n", 400)
-        except BaseException:
-            self.__exit__()
-            raise
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
+    def __init__(self, folder):
+        self.folder, self.operator, self.control = folder, Console(), Console()
 
     def give(self, files):
         """Unpacks files (name in the guest -> path here) below / in the guest."""
@@ -166,6 +125,36 @@ class Machine:
         """Brings files of the guest into the folder `target`."""
         self.control.run(f"tar cf /dev/disk/by-id/virtio-out --format=posix -C / {names} && sync")
         command("tar", "xpf", self.folder / "out", "-C", target)
+
+
+@contextlib.contextmanager
+def running(folder, form, kernel):
+    """At the end the power is taken away; should this process be killed, too."""
+    machine, words = Machine(folder), []
+    for name in "tools", "out":
+        command("truncate", "-s", EXCHANGE, folder / name)
+    for number, (name, kind) in enumerate((("tools", "raw"), ("out", "raw"), ("system", form), ("stick", form))):
+        words += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
+        if name != "stick":
+            words += ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={16 - number}"]
+    lines = [console.theirs.fileno() for console in (machine.operator, machine.control)]
+    for line in lines:
+        words += ["-chardev", f"socket,id=line{line},fd={line}", "-serial", f"chardev:line{line}"]
+    with subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-accel", "tcg,thread=multi", "-machine", "q35",
+             "-cpu", "max", "-smp", "2", "-m", "1024", "-nic", "none", "-display", "none", "-no-reboot",
+             "-drive", "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
+             "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe",
+             "-kernel", kernel / "vmlinuz", "-initrd", kernel / "initrd.img", "-append", KERNEL_LINE, *words,
+             "-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"],
+            stdin=subprocess.DEVNULL, pass_fds=lines) as qemu:
+        try:
+            for console in machine.operator, machine.control:
+                console.theirs.close()
+                console.expect("@shell@\n", 400)
+            yield machine
+        finally:
+            qemu.kill()
 
 
 def makeDisks(folder):
@@ -183,15 +172,12 @@ def makeDisks(folder):
     command("systemctl", "--root", root, "mask", "serial-getty@ttyS0.service", "systemd-networkd.service")
     command("systemctl", "--root", root, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
 
-    start, offset, table = 1, 0, "label: gpt\n"
-    for number, size, kind, name in PARTITIONS:
-        table += f'{number}: start={start}MiB, size={size}MiB, type={kind}, name="{name}"\n'
-        offset = start * MIB if name == "root" else offset
-        start += size
-    command("truncate", "-s", f"{start + 1}M", system)
+    command("truncate", "-s", f"{sum(size for size, _, _ in PARTITIONS) + 2}M", system)
     command("truncate", "-s", "32M", folder / "stick")
-    command("sfdisk", "--no-reread", "--no-tell-kernel", system, input=table)
-    command("mkfs.ext4", "-q", "-d", root, "-E", f"offset={offset}", system, "1024M")
+    command("sfdisk", "--no-reread", "--no-tell-kernel", system, input="label: gpt\n" + "".join(
+        f'size={size}MiB, type={kind}, name="{name}"\n' for size, kind, name in PARTITIONS))
+    before = 1 + PARTITIONS[0][0] + PARTITIONS[1][0]
+    command("mkfs.ext4", "-q", "-d", root, "-E", f"offset={before << 20}", system, "1024M")
     for name in "vmlinuz", "initrd.img":
         shutil.copy(next(root.glob(f"boot/{name}-*")), folder / name)
     shutil.copy("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "variables")
@@ -202,7 +188,7 @@ def makeImage(image, folder, passphrase):
     """Disks with everything planted on them, as they are when the power was cut."""
     makeDisks(folder)
     say("packages and disks are made")
-    with Machine(folder, "raw", folder) as machine:
+    with running(folder, "raw", folder) as machine:
         machine.give({"root/plant": HERE / "plant"})
         machine.control.run(f"bash /root/plant {shlex.quote(passphrase)}", seconds=600)
     say("everything is planted and the power cut")
@@ -226,7 +212,7 @@ def plantedMachine(cache, passphrase):
         with tempfile.TemporaryDirectory(dir=cache) as name:
             for disk in "system", "stick", "variables":
                 command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
-            with Machine(Path(name), "qcow2", image) as machine:
+            with running(Path(name), "qcow2", image) as machine:
                 machine.control.run("udevadm settle; "
                                     "mount -o nosuid,nodev /dev/disk/by-id/usb-*-part1 '/media/$(reboot)'")
                 machine.control.run("systemctl is-system-running --wait; sync", None)
