@@ -117,9 +117,8 @@ TEST_F(ArchiveLibrary, ComesToAnEndWithAHoleOfTebibytes) {
             return true;
         }
     };
-    const auto path = file("huge", "");
-    fs::resize_file(path, std::uintmax_t{1} << 41);
-    EXPECT_EQ(roundTrip({path}, Sizes()), Seen{"2199023255552"});
+    fs::resize_file(file("huge", ""), std::uintmax_t{1} << 41);
+    EXPECT_EQ(roundTrip({at("huge")}, Sizes()), Seen{"2199023255552"});
 }
 
 TEST_F(ArchiveLibrary, OpensRegularFilesOnly) {
