@@ -20,7 +20,9 @@ bool ArchiveWalk::take(const OpenedBlock& block) {
     needsLeader_ = block.header.flags & blockWithDictionary;
     RecordCursor cursor(block.plain);
     std::size_t offset = 0;
-    while (const auto record = cursor.next()) {
+    auto digest = block.digests.begin();
+    while (auto record = cursor.next()) {
+        if (digest != block.digests.end() && digest->offset == offset) record->contentDigest = (digest++)->digest;
         if (!takeRecord(*record, {count_, block.place.sequence, offset})) return false;
         offset = cursor.offset();
     }

@@ -4,6 +4,9 @@
 #include <new>
 #include <system_error>
 
+#include "platform/archive/content_digest.h"
+#include "platform/archive/entry_codec.h"
+
 namespace tarnwick::qvx {
 
 namespace {
@@ -21,6 +24,34 @@ const char* describe(BlockFault fault) {
 }
 
 std::string wrongNumber(std::uint64_t found) { return "block " + std::to_string(found) + " stands in its place"; }
+
+std::vector<PlacedDigest> digestContents(Bytes plain) {
+    std::vector<PlacedDigest> digests;
+    ContentDigest digest;
+    std::vector<Bytes> content;
+    bool whole = false;  // so far, the entry at hand
+    std::size_t begin = 0;
+    std::size_t offset = 0;
+    RecordCursor cursor(plain);
+    while (const auto record = cursor.next()) {
+        if (record->type == RecordType::entry) {
+            whole = true;
+            begin = offset;
+            content.clear();
+        } else if (record->type == RecordType::data) {
+            content.push_back(record->payload);
+        } else if (record->type == RecordType::end && whole) {
+            digest.restart();
+            for (const Bytes part : content) digest.add(part);
+            digests.push_back({begin, digest.finish()});
+            whole = false;
+        } else {
+            whole = false;
+        }
+        offset = cursor.offset();
+    }
+    return digests;
+}
 
 }  // namespace
 
@@ -128,6 +159,7 @@ void BlockPipeline::work() {
         BlockOpener opener(file_, keys_);
         while ((slot = claim())) {
             if (!slot->block.fault) opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
+            if (slot->digest && !slot->block.fault) slot->block.digests = digestContents(slot->block.plain);
             finish(*slot);
             slot.reset();  // it is the consumer's from here on
         }
@@ -157,6 +189,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     slot->block.place = task->place;
     slot->block.fault = std::move(task->fault);
     slot->wanted = task->wanted;
+    slot->digest = task->digest;
     const std::uint64_t groupLength = file_.header().groupLength;
     const std::uint64_t group = task->place.sequence / groupLength;
     const bool leads = task->place.sequence % groupLength == 0;
@@ -188,7 +221,7 @@ std::optional<BlockPipeline::Task> WholeArchive::operator()() {
         ReadFault behind{"something stands behind the last block", std::nullopt, next_.position, std::nullopt};
         return BlockPipeline::Task{next_, std::move(behind)};
     }
-    BlockPipeline::Task task{next_};
+    BlockPipeline::Task task{.place = next_, .digest = true};
     std::string what;
     const auto header = readBlockHeader(*file_, next_.position, what);
     if (header && header->sequence != next_.sequence) what = wrongNumber(header->sequence);

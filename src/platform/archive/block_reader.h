@@ -16,11 +16,18 @@ struct BlockPlace {
     std::uint64_t position = 0;  // in the file, of the block header
 };
 
+// Of the content of an entry that stands in one block as a whole and has no holes: all cores can take these at once.
+struct PlacedDigest {
+    std::size_t offset = 0;  // of the ENTRY record
+    Digest digest;
+};
+
 struct OpenedBlock {
     BlockPlace place;
     BlockHeader header;
     std::vector<std::uint8_t> plain;
-    std::optional<ReadFault> fault;  // with one, `plain` is worthless
+    std::optional<ReadFault> fault = std::nullopt;  // with one, `plain` is worthless
+    std::vector<PlacedDigest> digests = {};
 
     [[nodiscard]] bool last() const { return header.flags & blockLast; }
 };
@@ -90,6 +97,7 @@ public:
         BlockPlace place;
         std::optional<ReadFault> fault = std::nullopt;  // hand this out, and open nothing
         bool wanted = true;                             // otherwise opened only to lead its group
+        bool digest = false;                            // take the digests of what the block holds as a whole
     };
     using Supplier = std::function<std::optional<Task>()>;
 
@@ -107,6 +115,7 @@ private:
         OpenedBlock block;
         std::shared_ptr<Slot> leader;
         bool wanted = true;
+        bool digest = false;
         bool done = false;
     };
 

@@ -23,6 +23,7 @@ struct Record {
     RecordType type = RecordType::pad;
     bool continues = false;
     Bytes payload;
+    std::optional<Digest> contentDigest = std::nullopt;  // of an ENTRY, where it is known beforehand
 };
 
 // Walks over the records of one plain block.

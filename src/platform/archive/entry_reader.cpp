@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <limits>
 #include <new>
-#include <system_error>
 
 namespace tarnwick::qvx {
 
@@ -11,7 +10,6 @@ namespace {
 
 constexpr std::uint64_t largestContent = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
-constexpr std::size_t worthAThread = 65536;       // bytes
 
 }  // namespace
 
@@ -30,59 +28,8 @@ RecordJoiner::State RecordJoiner::take(const Record& record, std::size_t limit) 
     return joining_ ? State::partial : State::whole;
 }
 
-ParallelDigest::~ParallelDigest() {
-    state_ = State::closing;
-    state_.notify_one();
-}
-
-bool ParallelDigest::add(ContentDigest& digest, Bytes bytes, const std::function<bool()>& beside) {
-    if (!thread_.joinable() && !start()) {
-        digest.add(bytes);
-        return beside();
-    }
-    digest_ = &digest;
-    bytes_ = bytes;
-    state_ = State::busy;
-    state_.notify_one();
-    struct Waiting {
-        const std::atomic<State>& state;
-        ~Waiting() { state.wait(State::busy); }
-    };
-    const bool answer = [&] {
-        const Waiting waiting{state_};
-        return beside();
-    }();
-    if (state_ == State::failed) throw std::bad_alloc();
-    return answer;
-}
-
-bool ParallelDigest::start() {
-    try {
-        thread_ = std::jthread([this] { work(); });
-        return true;
-    } catch (const std::system_error&) {
-        return false;
-    }
-}
-
-void ParallelDigest::work() {
-    for (State state = state_; state != State::closing; state = state_) {
-        if (state != State::busy) {
-            state_.wait(state);
-            continue;
-        }
-        try {
-            digest_->add(bytes_);
-            state_ = State::idle;
-        } catch (const std::bad_alloc&) {
-            state_ = State::failed;
-        }
-        state_.notify_one();
-    }
-}
-
 EntryReader::Step EntryReader::take(const Record& record) {
-    if (record.type == RecordType::entry) return begin(record.payload);
+    if (record.type == RecordType::entry) return begin(record);
     if (!inEntry_) return damaged("a record stands outside of an entry");
     if (joiner_.joining() && record.type != RecordType::end) return damaged("a split record is not continued");
     switch (record.type) {
@@ -117,12 +64,13 @@ void EntryReader::abandon() {
     joiner_.reset();
 }
 
-EntryReader::Step EntryReader::begin(Bytes payload) {
+EntryReader::Step EntryReader::begin(const Record& record) {
     if (inEntry_) return damaged("the entry has no end");
-    auto head = decodeEntryHead(payload);
+    auto head = decodeEntryHead(record.payload);
     if (!head) return damaged("the beginning of an entry is malformed");
     head_ = std::move(*head);
-    digest_.restart();
+    known_ = record.contentDigest;
+    if (!known_) digest_.restart();
     size_ = 0;
     holes_ = 0;
     zeros_ = 0;
@@ -135,16 +83,8 @@ EntryReader::Step EntryReader::addData(Bytes bytes) {
     size_ += bytes.size();
     if (head_.type == EntryType::directory) return damaged("a directory has content");
     if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
-    return digestAndGive(bytes) ? Step::more : Step::stopped;
-}
-
-// Writing to a disk takes longer than the digest, and need not wait for it.
-bool EntryReader::digestAndGive(Bytes bytes) {
-    if (bytes.size() < worthAThread) {
-        digest_.add(bytes);
-        return sink_.data(bytes);
-    }
-    return parallel_.add(digest_, bytes, [&] { return sink_.data(bytes); });
+    if (!known_) digest_.add(bytes);
+    return sink_.data(bytes) ? Step::more : Step::stopped;
 }
 
 EntryReader::Step EntryReader::addHole(Bytes payload) {
@@ -184,7 +124,7 @@ const char* EntryReader::faultOfTail() {
         return "the entry has fields that do not go together";
     if (tail_.digest && zeros_ > maxDigestedHoles) return "the entry has a digest of more zeros than it may";
     if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
-    if (tail_.digest && *tail_.digest != digest_.finish()) return "the digest does not match";
+    if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish())) return "the digest does not match";
     if (head_.type == EntryType::link && size_ == 0) return "the link has no target";
     return nullptr;
 }

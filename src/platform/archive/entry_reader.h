@@ -1,10 +1,8 @@
 // From records to entries: puts one entry together and holds it to its sums and its digest.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include "platform/archive/archive_file.h"
 #include "platform/archive/content_digest.h"
@@ -51,29 +49,6 @@ private:
     bool joining_ = false;
 };
 
-// Digests long pieces in a thread, which starts with the first one, while the caller does something else with them.
-class ParallelDigest {
-public:
-    ParallelDigest() = default;
-    ~ParallelDigest();
-    ParallelDigest(const ParallelDigest&) = delete;
-    ParallelDigest& operator=(const ParallelDigest&) = delete;
-
-    // The answer of `beside`, after both are done. Throws std::bad_alloc, and what `beside` throws.
-    bool add(ContentDigest& digest, Bytes bytes, const std::function<bool()>& beside);
-
-private:
-    enum class State { idle, busy, failed, closing };
-
-    bool start();
-    void work();
-
-    ContentDigest* digest_ = nullptr;
-    Bytes bytes_;
-    std::atomic<State> state_ = State::idle;
-    std::jthread thread_;
-};
-
 class EntryReader {
 public:
     enum class Step {
@@ -104,9 +79,8 @@ public:
     void abandon();
 
 private:
-    Step begin(Bytes payload);
+    Step begin(const Record& record);
     Step addData(Bytes bytes);
-    bool digestAndGive(Bytes bytes);
     Step addHole(Bytes payload);
     Step finish(Bytes payload);
     Step damaged(const char* what);
@@ -117,7 +91,7 @@ private:
     EntryTail tail_;
     RecordJoiner joiner_;
     ContentDigest digest_;
-    ParallelDigest parallel_;
+    std::optional<Digest> known_;  // the digest, when it need not be taken
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // in the holes
