@@ -145,7 +145,7 @@ class Assets(Scenario):
             handler.wfile.write(b"HTTP/1.0 200 OK\r\nContent-Length: 8\r\n\r\n<pli"), halfway.set(),
             server.over.wait())
         process = self.start(program="fetch_config")
-        halfway.wait()
+        self.assertTrue(halfway.wait(120))
         process.kill()
         process.communicate()
         self.assertEqual([name for name in os.listdir(STORE) if not name.startswith(".")], ["5.0"])
