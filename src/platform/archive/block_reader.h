@@ -19,7 +19,7 @@ struct BlockPlace {
 // Of the content of an entry that stands in one block as a whole and has no holes: all cores can take these at once.
 struct PlacedDigest {
     std::size_t offset = 0;  // of the ENTRY record
-    Digest digest;
+    Digest digest{};
 };
 
 struct OpenedBlock {
