@@ -19,8 +19,8 @@ class ReadAhead {
 public:
     static constexpr std::size_t threads = 8;
     static constexpr std::size_t depth = 8;
-    static constexpr std::size_t batchEntries = 64;
-    static constexpr std::size_t batchBytes = 524288;
+    static constexpr std::size_t batchEntries = 32;
+    static constexpr std::size_t batchBytes = 262144;
     static constexpr std::size_t smallSize = 65536;  // the largest file to be read here
 
     // Throws std::bad_alloc or std::system_error.
