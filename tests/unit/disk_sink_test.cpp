@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "unit/archive_builder.h"
 #include "unit/temporary_folder.h"
@@ -85,6 +86,25 @@ TEST_F(Extraction, LinksAgainWhatWasLinkedAndCopiesWhatWasListedTwice) {
     EXPECT_EQ(text("d/a"), "later");
     for (const auto* name : {"link", "copy", "late-link"}) EXPECT_EQ(text(name), "content") << name;
     EXPECT_FALSE(fs::equivalent(in_ / "link", in_ / "copy"));
+}
+
+// Threads make the files; what is left must be as if they had come one after the other.
+TEST_F(Extraction, KeepsTheOrderOfWhatMeets) {
+    std::map<std::string, std::string> left;
+    for (unsigned i = 0; i < 600; ++i) {
+        const std::string content = "content " + std::to_string(100 + i);
+        const std::string name = "folder-" + std::to_string(i % 7) + "/file-" + std::to_string(i % 230);
+        archive_.file(name, left[name] = content);
+        if (i % 100 != 99) continue;
+        const std::string extra = std::to_string(i);
+        const unsigned number = i + i / 100 * 3;  // of the entry before
+        archive_.file("file-" + extra, left["file-" + extra] = "in the way of the next");
+        archive_.file("file-" + extra + "/below", "refused");
+        archive_.reference("link-" + extra, number, number, content.size());
+        left["link-" + extra] = content;
+    }
+    EXPECT_FALSE(extract(archive_.finish())) << "what is below a file is refused";
+    for (const auto& [name, content] : left) EXPECT_EQ(text(name), content) << name;
 }
 
 TEST_F(Extraction, GivesNoNameToContentThatIsNotRight) {

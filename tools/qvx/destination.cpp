@@ -22,12 +22,16 @@ FileDescriptor enter(int directory, const std::string& name, bool create) {
 
 std::string Destination::nameOf(std::string_view path) { return std::string(path.substr(path.rfind('/') + 1)); }
 
+std::string_view Destination::parentPathOf(std::string_view path) {
+    return path.substr(0, std::max(path.rfind('/') + 1, std::size_t{1}) - 1);
+}
+
 int Destination::parentOf(std::string_view path, bool create) {
-    const auto parentPath = path.substr(0, path.find('/') == std::string_view::npos ? 0 : path.rfind('/'));
+    const auto parentPath = parentPathOf(path);
     if (parentPath.empty()) return root_;
     // What was a directory before may be a link by now, if the archive or somebody else has replaced it; but the
     // descriptor still leads to where it led.
-    if (parent_ && parentPath == parentPath_) return parent_.get();
+    if (parent_ && parentPath == parentPath_) return parent_->get();
     FileDescriptor directory;
     for (std::size_t begin = 0; begin < parentPath.size();) {
         const std::size_t end = std::min(parentPath.find('/', begin), parentPath.size());
@@ -36,9 +40,9 @@ int Destination::parentOf(std::string_view path, bool create) {
         if (!directory) return -1;
         begin = end + 1;
     }
-    parent_ = std::move(directory);
+    parent_ = std::make_shared<const FileDescriptor>(std::move(directory));
     parentPath_ = parentPath;
-    return parent_.get();
+    return parent_->get();
 }
 
 }  // namespace tarnwick::qvx

@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::size_t copyBufferSize = 1048576;
 constexpr std::size_t longestName = 255;
+constexpr std::size_t mostHandedOver = 4096;  // paths to be remembered
 
 FileDescriptor openRegular(int directory, const std::string& name) {
     FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -91,8 +92,10 @@ bool DiskSink::begin(const EntryHead& head) {
     head_ = head;
     skipping_ = false;
     linkTarget_.clear();
+    content_.clear();
     name_ = Destination::nameOf(head.path);
     if (head.path.empty()) return !interrupted();
+    settleAround(head.path);
     parent_ = destination_.parentOf(head.path, true);
     if (parent_ < 0) {
         failWithErrno();
@@ -105,7 +108,7 @@ bool DiskSink::begin(const EntryHead& head) {
 bool DiskSink::data(Bytes bytes) {
     if (head_.type == EntryType::link) {
         linkTarget_.append(bytes.begin(), bytes.end());
-    } else if (!skipping_ && openTemporary() && !temporary_.data(bytes)) {
+    } else if (!skipping_ && !keepInMemory(bytes) && openTemporary() && !temporary_.data(bytes)) {
         fail(temporary_.what());
     }
     return !interrupted();
@@ -127,6 +130,8 @@ bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
 }
 
 void DiskSink::abandon() {
+    if (keepIncomplete_) writers_.settle();  // the name may be one of theirs
+    if (keepIncomplete_ && !content_.empty()) openTemporary();
     if (keepIncomplete_ && temporary_.exists() && temporary_.finish({})) {
         constexpr std::string_view suffix = ".incomplete";
         const std::string stem = name_.substr(0, longestName - suffix.size() - 4) + std::string(suffix);
@@ -140,6 +145,7 @@ void DiskSink::abandon() {
 }
 
 void DiskSink::finishDirectories() {
+    writers_.settle();
     // Backwards: what stands in a directory comes before it.
     for (auto directory = directories_.rbegin(); directory != directories_.rend(); ++directory) {
         const std::string name = Destination::nameOf(directory->first);
@@ -150,6 +156,21 @@ void DiskSink::finishDirectories() {
             S_ISDIR(status.st_mode) && fchdir(parent) == 0)
             restoreDirectory(name, directory->second.head, directory->second.tail);
     }
+}
+
+// Entries are put on disk in any order only as long as none stands where another one does, or in its way.
+void DiskSink::settleAround(std::string_view path) {
+    const std::string inside = std::string(path) + '/';
+    const auto below = handedOver_.lower_bound(inside);
+    bool meets = handedOver_.size() >= mostHandedOver || handedOver_.contains(path) ||
+                 (below != handedOver_.end() && below->starts_with(inside));
+    // What was handed over last had no other above it.
+    for (auto folder = Destination::parentPathOf(path); !meets && !folder.empty() && folder != lastFolder_;
+         folder = Destination::parentPathOf(folder))
+        meets = handedOver_.contains(folder);
+    if (!meets) return;
+    writers_.settle();
+    handedOver_.clear();
 }
 
 void DiskSink::makeDirectory() {
@@ -163,14 +184,26 @@ void DiskSink::makeDirectory() {
     failWithErrno();
 }
 
+// False when the content has become too long for that.
+bool DiskSink::keepInMemory(Bytes bytes) {
+    if (temporary_.exists() || content_.size() + bytes.size() > FileWriters::largest) return false;
+    content_.insert(content_.end(), bytes.begin(), bytes.end());
+    return true;
+}
+
+// Puts what was kept in memory there, too.
 bool DiskSink::openTemporary() {
-    if (!temporary_.exists() && !temporary_.create(parent_, head_, nullptr)) fail(temporary_.what());
+    if (temporary_.exists()) return true;
+    if (!temporary_.create(parent_, head_, nullptr) || !temporary_.data(content_)) fail(temporary_.what());
+    content_.clear();
     return temporary_.exists();
 }
 
 // Where an earlier entry holds the content, or is the same inode, the file that was made of it serves, if it still is
 // what this entry's digest says; otherwise the content comes from the archive once more.
 void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
+    if (!tail.contentOf && !temporary_.exists()) return handToWriters(tail);
+    if (tail.contentOf) writers_.settle();
     const auto linked = tail.linkOf ? extracted_.find(*tail.linkOf) : std::nullopt;
     const auto source = tail.contentOf ? extracted_.find(*tail.contentOf) : std::nullopt;
     if (source && *source == head_.path && alreadyThere(tail)) {
@@ -187,6 +220,13 @@ void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
     }
     if (!openTemporary()) return;
     commit(tail);
+}
+
+void DiskSink::handToWriters(const EntryTail& tail) {
+    handedOver_.insert(head_.path);
+    extracted_.add(head_.number, head_.path);
+    lastFolder_ = Destination::parentPathOf(head_.path);
+    writers_.put(parent_, destination_.holder(), {name_, head_, tail, std::move(content_)});
 }
 
 void DiskSink::finishLink(const EntryTail& tail) {
@@ -230,6 +270,7 @@ void DiskSink::commit(const EntryTail& tail) {
 void DiskSink::fail(const std::string& why) {
     say(escapedName(head_.path) + ": " + why);
     temporary_.drop();
+    content_.clear();
     skipping_ = true;
     failed_ = true;
 }

@@ -2,11 +2,12 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <vector>
 
 #include "destination.h"
+#include "file_writers.h"
 #include "platform/archive/entry_reader.h"
-#include "temporary_file.h"
 
 namespace tarnwick::qvx {
 
@@ -27,7 +28,8 @@ private:
 };
 
 // A file is written under another name and gets its own once its content has proved right, replacing what stood there.
-// An entry that cannot be put on disk is reported, and the next ones are not affected. Changes the working directory.
+// An entry that cannot be put on disk is reported, and the next ones are not affected. Threads write small files, some
+// of them later; all is on disk after finishDirectories(). Changes the working directory.
 class DiskSink : public EntrySink {
 public:
     // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, what there is of an
@@ -44,8 +46,8 @@ public:
     // Gives the directories their metadata, which writing into them would have spoilt. To be called at the end.
     void finishDirectories();
 
-    // Whether an entry could not be put on disk.
-    [[nodiscard]] bool failed() const { return failed_; }
+    // Whether an entry could not be put on disk. To be asked at the end.
+    [[nodiscard]] bool failed() const { return failed_ || writers_.failed(); }
 
 private:
     struct Directory {
@@ -53,8 +55,11 @@ private:
         EntryTail tail;
     };
 
+    void settleAround(std::string_view path);
     void makeDirectory();
+    bool keepInMemory(Bytes bytes);
     bool openTemporary();
+    void handToWriters(const EntryTail& tail);
     void finishFile(const EntryTail& tail, const ContentReader& content);
     void finishLink(const EntryTail& tail);
     bool linkTo(std::string_view path, const EntryTail& tail);
@@ -73,9 +78,13 @@ private:
     std::string name_;  // the last component of the path
     int parent_ = -1;   // the directory it stands in
     TemporaryFile temporary_;
+    std::vector<std::uint8_t> content_;  // of a small file, until it is whole
     std::string linkTarget_;
     ExtractedPaths extracted_;
     std::map<std::string, Directory, std::less<>> directories_;
+    std::set<std::string, std::less<>> handedOver_;  // paths that the writers may still be at
+    std::string lastFolder_;                         // of the last of these
+    FileWriters writers_;
     bool skipping_ = false;  // this entry has failed
     bool failed_ = false;
 };

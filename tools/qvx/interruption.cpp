@@ -1,5 +1,6 @@
 #include "interruption.h"
 
+#include <atomic>
 #include <csignal>
 #include <initializer_list>
 
@@ -7,9 +8,9 @@ namespace tarnwick::qvx {
 
 namespace {
 
-volatile std::sig_atomic_t raised = 0;
+std::atomic<bool> raised = false;  // free of locks, as a handler needs it
 
-void note(int) { raised = 1; }
+void note(int) { raised = true; }
 
 }  // namespace
 
@@ -20,6 +21,6 @@ void watchForInterruption() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
 }
 
-bool interrupted() { return raised != 0; }
+bool interrupted() { return raised; }
 
 }  // namespace tarnwick::qvx

@@ -28,8 +28,7 @@ constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 
 int diskFlags() {
     const int owner = geteuid() == 0 ? ARCHIVE_EXTRACT_OWNER : 0;
-    return owner | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_NO_OVERWRITE |
-           ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
+    return owner | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME;
 }
 
 Entry makeEntry(const std::string& name, const EntryHead& head) {
@@ -109,7 +108,9 @@ void restoreDirectory(const std::string& name, const EntryHead& head, const Entr
     // The disk writer gives directories their times when it is closed, so that each has one of its own.
     const std::unique_ptr<archive, FreeWith<archive_write_free>> disk(archive_write_disk_new());
     if (!disk) throw std::bad_alloc();
-    archive_write_disk_set_options(disk.get(), diskFlags() & ~ARCHIVE_EXTRACT_NO_OVERWRITE);
+    archive_write_disk_set_options(disk.get(), diskFlags() | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                                   ARCHIVE_EXTRACT_SECURE_NODOTDOT |
+                                                   ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
     const Entry entry = makeEntry(name, head);
     if (archive_write_header(disk.get(), entry.get()) != ARCHIVE_OK ||
         archive_write_finish_entry(disk.get()) != ARCHIVE_OK || archive_write_close(disk.get()) != ARCHIVE_OK)
@@ -129,7 +130,8 @@ bool TemporaryFile::create(int directory, const EntryHead& head, const std::stri
     if (!disk_) {
         disk_.reset(archive_write_disk_new());
         if (!disk_) throw std::bad_alloc();
-        archive_write_disk_set_options(disk_.get(), diskFlags());
+        // The name has no directories in it that could be links.
+        archive_write_disk_set_options(disk_.get(), diskFlags() | ARCHIVE_EXTRACT_NO_OVERWRITE);
     }
     name_ = randomName();
     const Entry entry = makeEntry(name_, head);

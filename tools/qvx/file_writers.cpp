@@ -1,0 +1,94 @@
+#include "file_writers.h"
+
+#include <sched.h>
+
+#include <algorithm>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "interruption.h"
+#include "report.h"
+
+namespace tarnwick::qvx {
+
+FileWriters::~FileWriters() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+}
+
+void FileWriters::put(int directory, const std::shared_ptr<const void>& holder, SmallFile file) {
+    const bool full = batch_.files.size() == mostFiles || batch_.bytes + file.content.size() > mostBytes;
+    if (full || batch_.directory != directory) handOver();
+    batch_.directory = directory;
+    batch_.holder = holder;
+    batch_.bytes += file.content.size();
+    batch_.files.push_back(std::move(file));
+}
+
+void FileWriters::settle() {
+    handOver();
+    std::unique_lock lock(mutex_);
+    while (!batches_.empty())
+        if (!writeNext(lock, temporary_)) changed_.wait(lock);
+}
+
+void FileWriters::handOver() {
+    static const std::size_t mostThreads = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
+    if (batch_.files.empty()) return;
+    std::unique_lock lock(mutex_);
+    while (batches_.size() >= mostBatches)
+        if (!writeNext(lock, temporary_)) changed_.wait(lock);
+    batches_.push_back(std::exchange(batch_, {}));
+    changed_.notify_all();
+    if (threads_.size() == mostThreads || batches_.size() <= threads_.size()) return;
+    try {
+        threads_.emplace_back([this] { work(); });
+    } catch (const std::system_error&) {  // the caller writes what threads do not
+    }
+}
+
+void FileWriters::work() {
+    // The disk writer makes files in the working directory and asks for the umask by changing it. Where a thread may
+    // not have its own of both, it does nothing.
+    if (::unshare(CLONE_FS) != 0) return;
+    TemporaryFile temporary;
+    std::unique_lock lock(mutex_);
+    while (!closed_)
+        if (!writeNext(lock, temporary)) changed_.wait(lock);
+}
+
+// Writes the first batch that is not begun and has no other of its directory before it. False when there is none.
+bool FileWriters::writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& temporary) {
+    auto next = batches_.begin();
+    for (; next != batches_.end(); ++next) {
+        const auto first = std::find_if(batches_.begin(), next,
+                                        [&](const Batch& batch) { return batch.directory == next->directory; });
+        if (first == next && !next->begun) break;
+    }
+    if (next == batches_.end()) return false;
+    next->begun = true;
+    lock.unlock();
+    for (const auto& file : next->files)
+        if (!interrupted()) write(file, next->directory, temporary);
+    lock.lock();
+    batches_.erase(next);
+    changed_.notify_all();
+    return true;
+}
+
+void FileWriters::write(const SmallFile& file, int directory, TemporaryFile& temporary) {
+    try {
+        if (temporary.create(directory, file.head, nullptr) && temporary.data(file.content) &&
+            temporary.finish(file.tail) && temporary.rename(file.name, true))
+            return;
+        say(escapedName(file.head.path) + ": " + temporary.what());
+    } catch (const std::bad_alloc&) {
+        say("out of memory");
+    }
+    temporary.drop();
+    failed_ = true;
+}
+
+}  // namespace tarnwick::qvx
