@@ -88,9 +88,9 @@ private:
 };
 
 // Opens the blocks that a supplier names, in parallel, and hands them out in the supplier's order. Holds two blocks a
-// worker, eight more for a consumer who comes in bursts, and a group's leader. The supplier is called from the workers, by one at a time. A leader must be named
-// before the blocks of its group that need it. Both ends may close: the consumer by destroying the pipeline at any
-// time, the supplier by giving nothing.
+// worker, eight more for a consumer who comes in bursts, and a group's leader. The supplier is called from the workers,
+// by one at a time. A leader must be named before the blocks of its group that need it. Both ends may close: the
+// consumer by destroying the pipeline at any time, the supplier by giving nothing.
 class BlockPipeline {
 public:
     struct Task {

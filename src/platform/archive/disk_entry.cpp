@@ -2,14 +2,18 @@
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace tarnwick::qvx {
 
 namespace {
+
+constexpr off_t fetchedAhead = 262144;  // bytes of a large file
 
 FileDescriptor openListed(int folder, const char* name, const PathList::Entry& listed) {
     const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
@@ -36,7 +40,7 @@ std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
     }
 }
 
-void DiskEntryReader::read(DiskEntry& entry, MutableBytes room) {
+void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
     entry.error = open(entry);
     if (entry.error != 0) return;
     entry.error = metadata_.read(entry.listed.path, entry.file.get(), entry.status, entry.head, entry.tail);
@@ -44,6 +48,10 @@ void DiskEntryReader::read(DiskEntry& entry, MutableBytes room) {
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
     if (entry.listed.type == EntryType::link) entry.error = readLink(entry, room);
     if (entry.listed.type == EntryType::file) entry.error = readSmall(entry, room);
+}
+
+void DiskEntryReader::finish(DiskEntry& entry) {
+    if (!entry.awaited.empty()) entry.error = readWhole(entry, std::exchange(entry.awaited, {}));
 }
 
 int DiskEntryReader::hold(const std::string& folder) {
@@ -74,33 +82,46 @@ int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
     const ssize_t length = ::readlink(entry.listed.path.c_str(), reinterpret_cast<char*>(room.data()), room.size());
     if (length < 0) return -errno;
     if (length == 0) return -EIO;  // only a broken file system has such a link, and no reader would take it
-    entry.content = room.first(static_cast<std::size_t>(length));
-    digest_.restart();
-    digest_.add(entry.content);
-    entry.digest = digest_.finish();
+    take(entry, room.first(static_cast<std::size_t>(length)));
     return 0;
 }
 
 int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
     const std::uint64_t size = entry.status.stx_size;
-    if (size > room.size() || entry.status.stx_blocks * 512 < size) return 0;
+    if (size <= room.size() && entry.status.stx_blocks * 512 < size) return 0;
     // A file that says it is empty is asked for one byte: pseudo file systems say so of what is not.
+    if (size == 0) return room.empty() ? 0 : readWhole(entry, room.first(1));
+    if (size <= room.size()) {
+        entry.awaited = room.first(static_cast<std::size_t>(size));
+        const iovec place{entry.awaited.data(), entry.awaited.size()};
+        if (::preadv2(entry.file.get(), &place, 1, 0, RWF_NOWAIT) == static_cast<ssize_t>(size)) {
+            take(entry, std::exchange(entry.awaited, {}));
+            return 0;
+        }
+    }
+    // The disk may begin, with many at a time; also with a larger one, which is read when its turn comes.
+    ::posix_fadvise(entry.file.get(), 0, fetchedAhead, POSIX_FADV_WILLNEED);
+    return 0;
+}
+
+int DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes room) {
     std::size_t length = 0;
-    while (length < std::max<std::uint64_t>(size, 1)) {
-        const MutableBytes rest =
-            room.subspan(length, static_cast<std::size_t>(std::max<std::uint64_t>(size, 1)) - length);
-        const std::int64_t count = readAt(entry.file.get(), rest, length);
+    while (length < room.size()) {
+        const std::int64_t count = readAt(entry.file.get(), room.subspan(length), length);
         if (count < 0) return static_cast<int>(count);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
     }
-    if (size == 0 && length > 0) return 0;
-    entry.content = room.first(length);
+    if (entry.status.stx_size > 0 || length == 0) take(entry, room.first(length));
+    return 0;
+}
+
+void DiskEntryReader::take(DiskEntry& entry, Bytes content) {
+    entry.content = content;
     entry.file = FileDescriptor();
     digest_.restart();
-    digest_.add(entry.content);
+    digest_.add(content);
     entry.digest = digest_.finish();
-    return 0;
 }
 
 }  // namespace tarnwick::qvx

@@ -13,23 +13,30 @@ struct DiskEntry {
     struct statx status {};
     EntryHead head;  // without its number
     EntryTail tail;
-    FileDescriptor file;  // a regular file whose content is still to be read
-    Bytes content;        // when it is not: the content of a file, the target of a link
-    Digest digest{};      // of `content`
+    FileDescriptor file;   // a regular file whose content is still to be read
+    Bytes content;         // when it is not: the content of a file, the target of a link
+    Digest digest{};       // of `content`
+    MutableBytes awaited;  // room for a content that the disk was asked for
 };
 
 // Reads one entry after the other. One thread at a time.
 class DiskEntryReader {
 public:
-    // Fills all but `listed`. A content of at most `room.size()` bytes is read into `room`, unless it has holes or is
-    // of a file that says it is empty and is not. Throws std::bad_alloc.
-    void read(DiskEntry& entry, MutableBytes room);
+    // Fills all but `listed`. A content of at most `room.size()` bytes is read into the front of `room`, unless it has
+    // holes or is of a file that says it is empty and is not; where the disk keeps us waiting, it will be by finish().
+    // Throws std::bad_alloc.
+    void begin(DiskEntry& entry, MutableBytes room);
+
+    // Waits for what begin() left to be awaited.
+    void finish(DiskEntry& entry);
 
 private:
     int hold(const std::string& folder);
     int open(DiskEntry& entry);
     int readLink(DiskEntry& entry, MutableBytes room);
     int readSmall(DiskEntry& entry, MutableBytes room);
+    int readWhole(DiskEntry& entry, MutableBytes room);
+    void take(DiskEntry& entry, Bytes content);
 
     // Of the entry before and mostly of this one, too: the kernel need not find the way again for each.
     std::string folderPath_;

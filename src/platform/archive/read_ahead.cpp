@@ -14,9 +14,10 @@ constexpr std::size_t linkRoom = maxPathLength + 1;  // kept free for every entr
 void readBatch(std::span<DiskEntry> entries, MutableBytes room, DiskEntryReader& reader) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const std::size_t kept = (entries.size() - 1 - i) * linkRoom;
-        reader.read(entries[i], room.first(std::min(ReadAhead::smallSize, room.size() - kept)));
-        room = room.subspan(entries[i].content.size());
+        reader.begin(entries[i], room.first(std::min(ReadAhead::smallSize, room.size() - kept)));
+        room = room.subspan(entries[i].content.size() + entries[i].awaited.size());
     }
+    for (auto& entry : entries) reader.finish(entry);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Reads the entries of a path list ahead of who stores them, with a few threads: a small file costs the disk more time
-// to find than to read, and finding can be asked for many at once. Big files are only opened.
+// to find than to read, and many can be asked for at once. Big files are only opened, and their beginning is asked for.
 //
 // Memory: `depth` batches of `batchBytes` for contents; and as many open files as entries in all batches, at most.
 #pragma once
