@@ -1,13 +1,12 @@
+// What a compressor learned can be copied by functions behind this switch only, which the shared library has, too.
+#define ZSTD_STATIC_LINKING_ONLY
+#define ZSTD_DISABLE_DEPRECATE_WARNINGS
 #include "platform/archive/block_codec.h"
 
 #include <algorithm>
 #include <new>
 
 #include "platform/archive/wire.h"
-
-// Dictionaries by reference and of raw content are behind this switch in the shared library, too.
-#define ZSTD_STATIC_LINKING_ONLY
-#include <zstd.h>
 
 namespace tarnwick::qvx {
 
@@ -31,6 +30,15 @@ bool looksLikeNoise(Bytes plain) {
         if (squares > evenSquares + 3 * 255 * 16) return false;
     }
     return true;
+}
+
+// For a block behind its dictionary; each of them a whole block.
+ZSTD_parameters parametersBehind() {
+    ZSTD_parameters parameters = ZSTD_getParams(compressionLevel, blockSize, blockSize);
+    // Than the level has them (5 and 16): faster, and hardly larger where there is a dictionary.
+    parameters.cParams.minMatch = 6;
+    parameters.cParams.chainLog = 15;
+    return parameters;
 }
 
 }  // namespace
@@ -92,11 +100,17 @@ std::optional<BlockHeader> decodeBlockHeader(Bytes bytes) {
     return header;
 }
 
-BlockEncoder::BlockEncoder(const HpkeKeys& keys)
-    : cipher_(keys, HpkeCipher::Direction::seal), region_(2 * blockSize), compressor_(ZSTD_createCCtx()) {
-    if (!compressor_) throw std::bad_alloc();
-    ZSTD_CCtx_setParameter(compressor_.get(), ZSTD_c_compressionLevel, compressionLevel);
+BlockEncoder::Compressor::Compressor(std::size_t size)
+    : space_((size + sizeof(space_[0]) - 1) / sizeof(space_[0])),
+      context_(ZSTD_initStaticCCtx(space_.data(), space_.size() * sizeof(space_[0]))) {
+    if (!context_) throw std::bad_alloc();
 }
+
+BlockEncoder::BlockEncoder(const HpkeKeys& keys)
+    : cipher_(keys, HpkeCipher::Direction::seal),
+      region_(2 * blockSize),
+      prepared_(ZSTD_estimateCCtxSize_usingCParams(parametersBehind().cParams)),
+      compressor_(ZSTD_estimateCCtxSize(compressionLevel)) {}
 
 std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
                                  std::uint8_t* out) {
@@ -118,38 +132,36 @@ std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain,
 
 // Gives 0 when the block does not shrink: a frame that would not be smaller does not fit.
 std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out) {
-    // After a frame that did not fit, the compressor would go on with that one, and with its dictionary.
-    ZSTD_CCtx_reset(compressor_.get(), ZSTD_reset_session_only);
-    ZSTD_CCtx_refCDict(compressor_.get(), nullptr);
-    if (dictionary) {
-        if (!learn(*dictionary)) return 0;
-        ZSTD_CCtx_refCDict(compressor_.get(), tables_);
-        const auto behind = region_.begin() + std::ptrdiff_t{blockSize};
-        std::copy(plain.begin(), plain.end(), behind);
-        plain = Bytes(behind, plain.size());
-    }
-    const std::size_t length = ZSTD_compress2(compressor_.get(), out, plain.size() - 1, plain.data(), plain.size());
+    const std::size_t length = dictionary ? compressBehind(*dictionary, plain, out)
+                                          : ZSTD_compressCCtx(compressor_.context(), out, plain.size() - 1,
+                                                              plain.data(), plain.size(), compressionLevel);
     return ZSTD_isError(length) ? 0 : length;
 }
 
 // The block is compressed right behind its dictionary, because the compressor is then a seventh faster than with a
-// dictionary elsewhere: that makes up for tables in every encoder, and for the copies.
+// dictionary elsewhere: that makes up for a dictionary in every encoder, and for the copies.
+std::size_t BlockEncoder::compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
+    if (!learn(dictionary)) return 0;
+    const std::size_t copied = ZSTD_copyCCtx(compressor_.context(), prepared_.context(), plain.size());
+    if (ZSTD_isError(copied)) return 0;
+    std::uint8_t* behind = region_.data() + blockSize;
+    std::copy(plain.begin(), plain.end(), behind);
+    return ZSTD_compressEnd(compressor_.context(), out, plain.size() - 1, behind, plain.size());
+}
+
+// A ZSTD_CDict would do the same, but takes three times as long to make: it notes every place of the dictionary where
+// this notes every third. What begins like a dictionary in the form of zstd's own would be taken for one; but a leader
+// begins with the header of a record, and none looks like that.
 bool BlockEncoder::learn(const GroupDictionary& dictionary) {
     if (learned_ == dictionary.leader) return true;
     learned_.reset();
     const std::size_t size = dictionary.bytes.size();
     std::uint8_t* place = region_.data() + blockSize - size;
     std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
-    auto parameters = ZSTD_getCParams(compressionLevel, blockSize, size);
-    // Than the level has them (5 and 16): faster, and hardly larger where there is a dictionary.
-    parameters.minMatch = 6;
-    parameters.chainLog = 15;
-    constexpr std::size_t unit = sizeof(tableSpace_[0]);
-    tableSpace_.resize((ZSTD_estimateCDictSize_advanced(size, parameters, ZSTD_dlm_byRef) + unit - 1) / unit);
-    tables_ = ZSTD_initStaticCDict(tableSpace_.data(), tableSpace_.size() * unit, place, size, ZSTD_dlm_byRef,
-                                   ZSTD_dct_rawContent, parameters);
-    if (tables_) learned_ = dictionary.leader;
-    return tables_ != nullptr;
+    const std::size_t begun =
+        ZSTD_compressBegin_advanced(prepared_.context(), place, size, parametersBehind(), blockSize);
+    if (!ZSTD_isError(begun)) learned_ = dictionary.leader;
+    return learned_.has_value();
 }
 
 BlockDecoder::BlockDecoder(const HpkeKeys& keys)

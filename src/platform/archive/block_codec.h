@@ -63,14 +63,25 @@ public:
 
 private:
     std::size_t compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out);
+    std::size_t compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out);
     bool learn(const GroupDictionary& dictionary);
+
+    // In space of ours: zstd crashes when it copies one and cannot have its own.
+    class Compressor {
+    public:
+        explicit Compressor(std::size_t size);
+        [[nodiscard]] ZSTD_CCtx* context() const { return context_; }
+
+    private:
+        std::vector<std::uint64_t> space_;
+        ZSTD_CCtx* context_;
+    };
 
     HpkeCipher cipher_;
     std::vector<std::uint8_t> region_;  // the dictionary and, right behind it, the block
     std::optional<std::uint64_t> learned_;
-    std::vector<std::uint64_t> tableSpace_;
-    const ZSTD_CDict* tables_ = nullptr;  // in that space: zstd crashes when it cannot have its own
-    std::unique_ptr<ZSTD_CCtx, FreeWith<ZSTD_freeCCtx>> compressor_;  // goes first: it refers to the tables
+    Compressor prepared_;  // has learned the dictionary, and is copied for each block
+    Compressor compressor_;
 };
 
 enum class BlockFault {
