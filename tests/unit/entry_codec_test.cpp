@@ -19,6 +19,30 @@ TEST(EntryCodec, RefusesPathsThatLeadElsewhereAndNumbersOutOfRange) {
         EXPECT_FALSE(isEntryPath(path)) << path;
     EXPECT_EQ(decodeHole(fromHex("ffffffffffffffffff01")), ~std::uint64_t{0});
     for (const char* hole : {"00", "8100", "ffffffffffffffffff02"}) EXPECT_FALSE(decodeHole(fromHex(hole))) << hole;
+    const auto isHead = [](EntryType type) {
+        EntryHead head;
+        head.type = type;
+        std::vector<std::uint8_t> payload;
+        encodeEntryHead(head, payload);
+        return decodeEntryHead(payload).has_value();
+    };
+    EXPECT_TRUE(isHead(EntryType::directory));
+    EXPECT_FALSE(isHead(EntryType::file) || isHead(EntryType::link)) << "the destination is a directory";
+}
+
+TEST(EntryCodec, RefusesAccessListsOfNames) {
+    const auto isTail = [](const std::string& list) {
+        EntryTail tail;
+        tail.accessLists = {"", list};
+        std::vector<std::uint8_t> payload;
+        encodeEntryTail(tail, payload);
+        return decodeEntryTail(payload).has_value();
+    };
+    for (const char* list : {"", "user::rwx", "user::rw-\nuser:4294967295:--x\ngroup::---\nmask::r-x\nother::---\n"})
+        EXPECT_TRUE(isTail(list)) << list;
+    for (const char* list : {"user:daemon:rwx", "user:1:rwx,user:root:rwx", "default:user:1:rwx", "user:1:rwxx", "\n",
+                             "u:1:rwx", "user:1", "user: 1:rwx", "user:1:rw#", "user:1:rwx #"})
+        EXPECT_FALSE(isTail(list)) << list;
 }
 
 }  // namespace

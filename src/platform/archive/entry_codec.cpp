@@ -54,15 +54,41 @@ std::vector<ExtendedAttribute> takeAttributes(WireReader& in) {
     return attributes;
 }
 
+// Such as "user:1000:r-x". Names would mean somebody else on another machine, and have it look them up.
+bool isAccessListLine(std::string_view line) {
+    const std::size_t id = line.find(':') + 1;
+    const std::size_t rights = line.find(':', id) + 1;
+    if (id == 0 || rights == 0 || line.size() - rights != 3) return false;
+    constexpr std::string_view tags[] = {"user:", "group:", "mask:", "other:"};
+    const auto isNoDigit = [](char c) { return c < '0' || c > '9'; };
+    return std::ranges::find(tags, line.substr(0, id)) != std::end(tags) &&
+           std::ranges::none_of(line.substr(id, rights - 1 - id), isNoDigit) &&
+           line.find_first_not_of("rwx-", rights) == line.npos;
+}
+
+std::string takeAccessList(WireReader& in) {
+    const std::string_view list = in.text();
+    for (std::size_t begin = 0; begin < list.size();) {
+        const std::size_t end = std::min(list.find('\n', begin), list.size());
+        if (!isAccessListLine(list.substr(begin, end - begin))) in.fail();
+        begin = end + 1;
+    }
+    return std::string(list);
+}
+
 AccessLists takeAccessLists(WireReader& in) {
     AccessLists lists;
-    lists.access = in.text();
-    lists.defaultList = in.text();
+    lists.access = takeAccessList(in);
+    lists.defaultList = takeAccessList(in);
     return lists;
 }
 
 std::size_t sharedLength(std::string_view a, std::string_view b) {
     return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+}
+
+bool isPathOf(EntryType type, std::string_view path) {
+    return isEntryPath(path) && (!path.empty() || type == EntryType::directory);
 }
 
 bool isZero(Bytes bytes) {
@@ -84,7 +110,7 @@ void takeIndexEntry(WireReader& in, IndexEntry& entry) {
     entry.groupId = narrow<std::uint32_t>(in);
     entry.size = in.varint();
     entry.modifiedSeconds = wrappingAdd(entry.modifiedSeconds, in.signedVarint());
-    if (!isEntryPath(entry.path)) in.fail();
+    if (!isPathOf(entry.type, entry.path)) in.fail();
 }
 
 }  // namespace
@@ -163,7 +189,7 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload) {
     const std::int64_t base = head.modified.value_or(0);
     if (present & 0x20) head.changed = wrappingAdd(base, in.signedVarint());
     if (present & 0x40) head.born = wrappingAdd(base, in.signedVarint());
-    if (!in.ok() || !in.atEnd() || (present & 0x80) || !isEntryPath(head.path)) return std::nullopt;
+    if (!in.ok() || !in.atEnd() || (present & 0x80) || !isPathOf(head.type, head.path)) return std::nullopt;
     return head;
 }
 

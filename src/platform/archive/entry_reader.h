@@ -11,7 +11,7 @@
 namespace tarnwick::qvx {
 
 // Whoever takes entries. After begin() come data() and hole() in the order of the content, then finish() or abandon().
-// An answer of false ends the reading; there is no abandon() after it.
+// An answer of false ends the reading; an abandon() may follow.
 class EntrySink {
 public:
     // Gives the content of the earlier entry that holds this one's to another sink, as data() and hole() only. False
