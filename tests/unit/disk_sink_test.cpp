@@ -90,7 +90,7 @@ TEST_F(Extraction, LinksAgainWhatWasLinkedAndCopiesWhatWasListedTwice) {
 
 // Threads make the files; what is left must be as if they had come one after the other.
 TEST_F(Extraction, KeepsTheOrderOfWhatMeets) {
-    std::map<std::string, std::string> left;
+    std::map<std::string, std::string> left{{"full/file", "in the way of the next"}};
     for (unsigned i = 0; i < 600; ++i) {
         const std::string content = "content " + std::to_string(100 + i);
         const std::string name = "folder-" + std::to_string(i % 7) + "/file-" + std::to_string(i % 230);
@@ -98,13 +98,30 @@ TEST_F(Extraction, KeepsTheOrderOfWhatMeets) {
         if (i % 100 != 99) continue;
         const std::string extra = std::to_string(i);
         const unsigned number = i + i / 100 * 3;  // of the entry before
-        archive_.file("file-" + extra, left["file-" + extra] = "in the way of the next");
-        archive_.file("file-" + extra + "/below", "refused");
         archive_.reference("link-" + extra, number, number, content.size());
         left["link-" + extra] = content;
+        archive_.file("file-" + extra, left["file-" + extra] = "in the way of the next");
+        archive_.file("file-" + extra + "/below", "refused");
     }
+    archive_.file("full/file", left["full/file"]).link("full", "refused");
     EXPECT_FALSE(extract(archive_.finish())) << "what is below a file is refused";
     for (const auto& [name, content] : left) EXPECT_EQ(text(name), content) << name;
+    EXPECT_TRUE(fs::equivalent(in_ / "link-599", in_ / "folder-4/file-139"));
+}
+
+TEST_F(Extraction, LeavesNothingOfAReadingThatIsBrokenOff) {
+    const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DiskSink sink(directory.get(), true);
+    EntryHead head;
+    head.type = EntryType::directory;
+    head.path = "other/folder";
+    EXPECT_TRUE(sink.begin(head) && sink.finish({}, {}));
+    head.type = EntryType::file;
+    head.path = "folder/file";
+    EXPECT_TRUE(sink.begin(head) && sink.hole(100000));
+    EXPECT_FALSE(fs::is_empty(in_ / "folder"));
+    sink.finishDirectories();
+    EXPECT_TRUE(fs::is_empty(in_ / "folder"));
 }
 
 TEST_F(Extraction, GivesNoNameToContentThatIsNotRight) {

@@ -17,7 +17,8 @@ namespace {
 
 constexpr std::size_t copyBufferSize = 1048576;
 constexpr std::size_t longestName = 255;
-constexpr std::size_t mostHandedOver = 4096;  // paths to be remembered
+constexpr std::size_t mostHandedOver = 4096;       // paths to be remembered
+constexpr std::size_t mostRemembered = 64U << 20;  // bytes of attributes of directories
 
 FileDescriptor openRegular(int directory, const std::string& name) {
     FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -53,7 +54,8 @@ public:
     bool begin(const EntryHead&) override { return true; }
     bool data(Bytes bytes) override {
         digest_.add(bytes);
-        return !interrupted() && (!file_ || file_->data(bytes));
+        failed_ = file_ && !file_->data(bytes);
+        return !failed_ && !interrupted();
     }
     bool hole(std::uint64_t length) override {
         digest_.addZeros(length);
@@ -62,10 +64,12 @@ public:
     bool finish(const EntryTail&, const ContentReader&) override { return true; }
     void abandon() override {}
     Digest digest() { return digest_.finish(); }
+    [[nodiscard]] bool failed() const { return failed_; }  // the file did
 
 private:
     TemporaryFile* file_;
     ContentDigest digest_;
+    bool failed_ = false;
 };
 
 bool holds(int file, const EntryTail& tail) {
@@ -90,11 +94,11 @@ std::optional<std::string_view> ExtractedPaths::find(std::uint64_t number) const
 
 bool DiskSink::begin(const EntryHead& head) {
     head_ = head;
-    skipping_ = false;
     linkTarget_.clear();
     content_.clear();
     name_ = Destination::nameOf(head.path);
-    if (head.path.empty()) return !interrupted();
+    skipping_ = head.path.empty();  // the destination itself
+    if (skipping_) return !interrupted();
     settleAround(head.path);
     parent_ = destination_.parentOf(head.path, true);
     if (parent_ < 0) {
@@ -120,9 +124,9 @@ bool DiskSink::hole(std::uint64_t length) {
 }
 
 bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
-    if (head_.path.empty() || skipping_) return !interrupted();
+    if (skipping_) return !interrupted();
     switch (head_.type) {
-        case EntryType::directory: directories_[head_.path] = {head_, tail}; break;
+        case EntryType::directory: finishDirectory(tail); break;
         case EntryType::link: finishLink(tail); break;
         case EntryType::file: finishFile(tail, content); break;
     }
@@ -130,9 +134,9 @@ bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
 }
 
 void DiskSink::abandon() {
-    if (keepIncomplete_) writers_.settle();  // the name may be one of theirs
     if (keepIncomplete_ && !content_.empty()) openTemporary();
     if (keepIncomplete_ && temporary_.exists() && temporary_.finish({})) {
+        settle();  // the name may be one of theirs
         constexpr std::string_view suffix = ".incomplete";
         const std::string stem = name_.substr(0, longestName - suffix.size() - 4) + std::string(suffix);
         std::string name = stem;
@@ -145,7 +149,8 @@ void DiskSink::abandon() {
 }
 
 void DiskSink::finishDirectories() {
-    writers_.settle();
+    temporary_.drop();  // of an entry that was begun when the reading ended
+    settle();
     // Backwards: what stands in a directory comes before it.
     for (auto directory = directories_.rbegin(); directory != directories_.rend(); ++directory) {
         const std::string name = Destination::nameOf(directory->first);
@@ -168,7 +173,10 @@ void DiskSink::settleAround(std::string_view path) {
     for (auto folder = Destination::parentPathOf(path); !meets && !folder.empty() && folder != lastFolder_;
          folder = Destination::parentPathOf(folder))
         meets = handedOver_.contains(folder);
-    if (!meets) return;
+    if (meets) settle();
+}
+
+void DiskSink::settle() {
     writers_.settle();
     handedOver_.clear();
 }
@@ -203,7 +211,7 @@ bool DiskSink::openTemporary() {
 // what this entry's digest says; otherwise the content comes from the archive once more.
 void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
     if (!tail.contentOf && !temporary_.exists()) return handToWriters(tail);
-    if (tail.contentOf) writers_.settle();
+    if (tail.contentOf) settle();
     const auto linked = tail.linkOf ? extracted_.find(*tail.linkOf) : std::nullopt;
     const auto source = tail.contentOf ? extracted_.find(*tail.contentOf) : std::nullopt;
     if (source && *source == head_.path && alreadyThere(tail)) {
@@ -216,10 +224,24 @@ void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
         temporary_.drop();
         DigestingSink sink(&temporary_);
         if (!openTemporary()) return;
-        if (!content(sink)) return fail("its content cannot be read");
+        const bool written = content(sink);
+        if (interrupted()) return;
+        if (!written) return fail(sink.failed() ? temporary_.what() : "its content cannot be read");
     }
     if (!openTemporary()) return;
     commit(tail);
+}
+
+// What a directory is to have in the end is remembered until then, but not without bound.
+void DiskSink::finishDirectory(const EntryTail& tail) {
+    const std::size_t size = extrasSize(tail);
+    const bool bearable = size <= mostRemembered - remembered_;
+    directories_[head_.path] = {head_, bearable ? tail : EntryTail{}};
+    if (bearable) {
+        remembered_ += size;
+    } else {
+        fail("attributes and access control lists are not restored: there are too many");
+    }
 }
 
 void DiskSink::handToWriters(const EntryTail& tail) {

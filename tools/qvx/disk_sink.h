@@ -43,7 +43,8 @@ public:
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override;
 
-    // Gives the directories their metadata, which writing into them would have spoilt. To be called at the end.
+    // Gives the directories their metadata, which writing into them would have spoilt. To be called at the end, also of
+    // a reading that was broken off.
     void finishDirectories();
 
     // Whether an entry could not be put on disk. To be asked at the end.
@@ -56,9 +57,11 @@ private:
     };
 
     void settleAround(std::string_view path);
+    void settle();
     void makeDirectory();
     bool keepInMemory(Bytes bytes);
     bool openTemporary();
+    void finishDirectory(const EntryTail& tail);
     void handToWriters(const EntryTail& tail);
     void finishFile(const EntryTail& tail, const ContentReader& content);
     void finishLink(const EntryTail& tail);
@@ -82,6 +85,7 @@ private:
     std::string linkTarget_;
     ExtractedPaths extracted_;
     std::map<std::string, Directory, std::less<>> directories_;
+    std::size_t remembered_ = 0;                     // bytes of their attributes
     std::set<std::string, std::less<>> handedOver_;  // paths that the writers may still be at
     std::string lastFolder_;                         // of the last of these
     FileWriters writers_;

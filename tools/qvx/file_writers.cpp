@@ -19,11 +19,12 @@ FileWriters::~FileWriters() {
 }
 
 void FileWriters::put(int directory, const std::shared_ptr<const void>& holder, SmallFile file) {
-    const bool full = batch_.files.size() == mostFiles || batch_.bytes + file.content.size() > mostBytes;
+    const std::size_t size = file.content.size() + extrasSize(file.tail);
+    const bool full = batch_.files.size() == mostFiles || batch_.bytes + size > mostBytes;
     if (full || batch_.directory != directory) handOver();
     batch_.directory = directory;
     batch_.holder = holder;
-    batch_.bytes += file.content.size();
+    batch_.bytes += size;
     batch_.files.push_back(std::move(file));
 }
 

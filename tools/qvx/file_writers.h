@@ -23,7 +23,8 @@ struct SmallFile {
 };
 
 // Threads write what is put, those of one directory in order, and so does the caller when they do not keep up. Memory:
-// 8 MiB for contents. Changes the working directory of the caller.
+// 8 MiB for contents and attributes, and at most as much again as the largest attributes of a file in each batch.
+// Changes the working directory of the caller.
 class FileWriters {
 public:
     static constexpr std::size_t largest = 65536;  // content of a file

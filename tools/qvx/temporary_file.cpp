@@ -101,6 +101,14 @@ void restoreExtras(const std::string& path, const FileDescriptor& file, EntryTyp
 
 }  // namespace
 
+std::size_t extrasSize(const EntryTail& tail) {
+    std::size_t size = 0;
+    if (tail.attributes)
+        for (const auto& [attribute, value] : *tail.attributes) size += attribute.size() + value.size();
+    if (tail.accessLists) size += tail.accessLists->access.size() + tail.accessLists->defaultList.size();
+    return size;
+}
+
 void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail) {
     const FileDescriptor file(open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!file) return warn(head.path, std::strerror(errno));
@@ -142,16 +150,17 @@ bool TemporaryFile::create(int directory, const EntryHead& head, const std::stri
         return refuse();
     }
     open_ = true;
-    hold();
-    return true;
+    return hold();
 }
 
 // Others may write in the directory and put a file of theirs under our name, which must get nothing that root alone
 // may give.
-void TemporaryFile::hold() {
+bool TemporaryFile::hold() {
     struct stat status {};
     file_ = FileDescriptor(open(name_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    if (file_ && (fstat(file_.get(), &status) != 0 || status.st_uid != geteuid() || status.st_nlink != 1)) file_ = {};
+    if (!file_) return refuseWithErrno();
+    if (fstat(file_.get(), &status) != 0 || status.st_uid != geteuid() || status.st_nlink != 1) file_ = {};
+    return true;
 }
 
 bool TemporaryFile::data(Bytes bytes) {

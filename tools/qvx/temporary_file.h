@@ -13,6 +13,9 @@ struct archive_entry;
 
 namespace tarnwick::qvx {
 
+// Bytes of attributes and access control lists.
+std::size_t extrasSize(const EntryTail& tail);
+
 // Sets owner (for root), mode and times of what stands under `name` in the working directory: a directory that exists.
 // What could not be set is reported.
 void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail);
@@ -48,7 +51,7 @@ private:
         void operator()(archive* disk) const noexcept;
     };
 
-    void hold();
+    bool hold();
     bool refuse();
     bool refuseWithErrno();
 
