@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t copyBufferSize = 1048576;
 constexpr std::size_t longestName = 255;
 constexpr std::size_t mostHandedOver = 4096;       // paths to be remembered
-constexpr std::size_t mostRemembered = 64U << 20;  // bytes of attributes of directories
+constexpr std::size_t mostRemembered = 64U << 20;  // bytes of memory for attributes of directories
 
 FileDescriptor openRegular(int directory, const std::string& name) {
     FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));

@@ -104,7 +104,8 @@ void restoreExtras(const std::string& path, const FileDescriptor& file, EntryTyp
 std::size_t extrasSize(const EntryTail& tail) {
     std::size_t size = 0;
     if (tail.attributes)
-        for (const auto& [attribute, value] : *tail.attributes) size += attribute.size() + value.size();
+        for (const auto& attribute : *tail.attributes)
+            size += sizeof attribute + attribute.name.size() + attribute.value.size();
     if (tail.accessLists) size += tail.accessLists->access.size() + tail.accessLists->defaultList.size();
     return size;
 }

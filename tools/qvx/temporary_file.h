@@ -13,7 +13,7 @@ struct archive_entry;
 
 namespace tarnwick::qvx {
 
-// Bytes of attributes and access control lists.
+// Bytes of memory for attributes and access control lists.
 std::size_t extrasSize(const EntryTail& tail);
 
 // Sets owner (for root), mode and times of what stands under `name` in the working directory: a directory that exists.
