@@ -63,7 +63,7 @@ bool isAccessListLine(std::string_view line) {
     const auto isNoDigit = [](char c) { return c < '0' || c > '9'; };
     return std::ranges::find(tags, line.substr(0, id)) != std::end(tags) &&
            std::ranges::none_of(line.substr(id, rights - 1 - id), isNoDigit) &&
-           line.find_first_not_of("rwx-", rights) == line.npos;
+           line.find_first_not_of("rwx-", rights) == std::string_view::npos;
 }
 
 std::string takeAccessList(WireReader& in) {
