@@ -70,19 +70,21 @@ bool hasConsent(const VolumeInfo& volume, const RunOptions& options) {
     return granted;
 }
 
-void captureVolume(const VolumeInfo& volume, const RunOptions& options, FilesList& files) {
+void captureVolume(const VolumeInfo& volume, const RunOptions& options, ConsentedVolumes& consented, FilesList& files) {
     const std::string description =
         "processing volume '" + volume.volumeName + "' (" + volume.deviceIdentifier + " -> " + volume.mountPoint + ")";
     // The line end inside the text sets volumes apart: an empty line on the console, a bare "INFO: " in the file.
     logInfo("\nNow " + description);
     if (!hasConsent(volume, options)) return;
-    runCaptureDirectives(options.captureSpecPath, files, volume.mountPoint);
+    consented.add(volume.mountPoint);
+    runCaptureDirectives(options.captureSpecPath, files, volume.mountPoint, consented);
     logInfo("Finished " + description);
 }
 
 FilesList collectFiles(const RunOptions& options, const fs::path& captureFolder) {
     FilesList files;
-    for (const auto& volume : buildCapturePlan()) captureVolume(volume, options, files);
+    ConsentedVolumes consented;
+    for (const auto& volume : buildCapturePlan()) captureVolume(volume, options, consented, files);
     logInfo("\nFinished with all volumes.");
     const fs::path firmwareVariables = captureFolder / "nvram.txt";
     if (captureFirmwareVariables(firmwareVariables)) files.push_back(firmwareVariables);

@@ -1,7 +1,5 @@
 #include "capture/capture_directives.h"
 
-#include <sstream>
-
 #include "config/capture_spec.h"
 #include "log/command_runner.h"
 #include "log/execution_log.h"
@@ -33,15 +31,7 @@ std::string searchCommand(const fs::path& baseDirectory, const std::string& expr
            "'";
 }
 
-void appendLines(const std::string& output, FilesList& files) {
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        logTrace("capturing: " + line);
-        files.emplace_back(line);
-    }
-}
-
-void runDirective(const CaptureDirective& directive, const fs::path& mountPoint, FilesList& files) {
+void runDirective(const CaptureDirective& directive, const fs::path& mountPoint, FoundFiles& found, FilesList& files) {
     announce(directive);
     const fs::path baseDirectory = baseDirectoryOn(mountPoint, directive.BasePath);
     if (!fs::is_directory(baseDirectory)) {
@@ -55,14 +45,16 @@ void runDirective(const CaptureDirective& directive, const fs::path& mountPoint,
         logWarning("search command returned an error, skipping this capture directive");
         return;
     }
-    appendLines(output, files);
+    for (const auto& path : splitFoundPaths(output, baseDirectory)) found.consider(path, files);
 }
 
 }  // namespace
 
-void runCaptureDirectives(const std::string& captureSpecPath, FilesList& files, const fs::path& mountPoint) {
+void runCaptureDirectives(const std::string& captureSpecPath, FilesList& files, const fs::path& mountPoint,
+                          ConsentedVolumes& consented) {
     files.clear();
-    for (const auto& directive : loadCaptureSpec(captureSpecPath)) runDirective(directive, mountPoint, files);
+    FoundFiles found(consented);
+    for (const auto& directive : loadCaptureSpec(captureSpecPath)) runDirective(directive, mountPoint, found, files);
 }
 
 bool captureFirmwareVariables(const fs::path& outputPath) {

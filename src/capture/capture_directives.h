@@ -3,20 +3,20 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
+
+#include "capture/found_files.h"
 
 namespace tarnwick {
 
-using FilesList = std::vector<std::filesystem::path>;  // in the order found, duplicates kept
-
-// Empties `files`, then searches the volume at `mountPoint` for each directive in turn and appends what `find` prints,
-// line by line, unchanged. So the list holds one volume's files: callers that want more keep them elsewhere. The
-// configuration is read afresh (capture_spec.h). A directive whose directory is missing is passed over; one whose
-// search fails contributes nothing at all, not even what was printed before the failure.
+// Empties `files`, then searches the volume at `mountPoint` for each directive in turn and appends the paths that
+// `find` prints, but for those that may not be taken (found_files.h). So the list holds the files of one search:
+// callers that want more keep them elsewhere. The configuration is read afresh (capture_spec.h). A directive whose
+// directory is missing is skipped; one whose search fails contributes nothing, not even what was printed before the
+// failure.
 // Throws std::out_of_range on an empty BasePath, std::filesystem::filesystem_error when a directory's status cannot be
 // told.
-void runCaptureDirectives(const std::string& captureSpecPath, FilesList& files,
-                          const std::filesystem::path& mountPoint);
+void runCaptureDirectives(const std::string& captureSpecPath, FilesList& files, const std::filesystem::path& mountPoint,
+                          ConsentedVolumes& consented);
 
 // Appends the dump of the firmware variables to the file `outputPath`, whose name must need no quoting in a shell.
 // Returns whether nvram succeeded.

@@ -62,7 +62,7 @@ void waitForTick() {
 class ArchiveLibrary : public testing::Test {
 protected:
     [[nodiscard]] fs::path at(const std::string& name) const { return folder_.path / name; }
-    [[nodiscard]] std::string file(const std::string& name, std::string_view content) const {
+    std::string file(const std::string& name, std::string_view content) const {  // its path
         std::ofstream(at(name), std::ios::binary) << content;
         return at(name);
     }
@@ -119,6 +119,63 @@ TEST_F(ArchiveLibrary, ComesToAnEndWithAHoleOfTebibytes) {
     };
     fs::resize_file(file("huge", ""), std::uintmax_t{1} << 41);
     EXPECT_EQ(roundTrip({at("huge")}, Sizes()), Seen{"2199023255552"});
+}
+
+TEST_F(ArchiveLibrary, ReadsAFileOnlyFromTheFolderInWhichItWasListed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root for links of another user";
+    const auto linkAs = [](const fs::path& target, const fs::path& link, uid_t owner) {
+        fs::create_directory_symlink(target, link);
+        ASSERT_EQ(::lchown(link.c_str(), owner, owner), 0);
+    };
+    const auto swapFolder = [&] { fs::rename(at("logs"), at("old")); };
+    const struct {
+        const char* title;
+        std::function<void()> change;  // between the listing and the reading
+        bool stored;
+    } rows[] = {
+        {"nothing", [] {}, true},
+        {"the log is rotated",
+         [&] {
+             fs::rename(at("logs/log"), at("logs/log.1"));
+             file("logs/log", "new");
+         },
+         true},
+        {"the folder becomes a user's link", [&] { swapFolder(), linkAs("secret", at("logs"), 1000); }, false},
+        {"the folder becomes root's link elsewhere", [&] { swapFolder(), linkAs("secret", at("logs"), 0); }, false},
+        {"the folder becomes root's link to itself", [&] { swapFolder(), linkAs("old", at("logs"), 0); }, true},
+        {"the folder becomes a user's link to itself", [&] { swapFolder(), linkAs("old", at("logs"), 1000); }, false},
+        {"another folder gets its name", [&] { swapFolder(), fs::rename(at("secret"), at("logs")); }, false},
+        {"the file gets the name of another",
+         [&] {
+             fs::remove(at("logs/log"));
+             fs::create_hard_link(at("secret/log"), at("logs/log"));
+         },
+         false},
+    };
+    for (const auto& row : rows) {
+        for (const char* name : {"logs", "old", "secret"}) fs::remove_all(at(name));
+        for (const char* name : {"logs", "secret"}) fs::create_directory(at(name));
+        file("logs/log", "own");
+        file("secret/log", "secret");
+        const auto list = listOf({at("logs/log")});
+        row.change();
+        const auto written = write(list, at("archive.qvx"), {publicPointOf(recipient()), true, true, nullptr});
+        EXPECT_EQ(!written.empty(), row.stored) << row.title;
+    }
+}
+
+TEST_F(ArchiveLibrary, ListsNothingBelowALinkOfAnotherUser) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root for links of another user";
+    fs::create_directory(at("folder"));
+    file("folder/file", "x");
+    for (const uid_t owner : {0U, 1000U}) {
+        fs::create_directory_symlink("folder", at("link"));
+        ASSERT_EQ(::lchown(at("link").c_str(), owner, owner), 0);
+        const std::unique_ptr<PathList, FreeWith<destroyPathList>> list(
+            pathListForPath("/", (at("link") / "file").native()));
+        EXPECT_EQ(list != nullptr, owner == 0) << owner;
+        fs::remove(at("link"));
+    }
 }
 
 TEST_F(ArchiveLibrary, OpensRegularFilesOnly) {

@@ -15,7 +15,13 @@ namespace {
 PathList::Entry entryOf(std::uint64_t number) {
     std::string path = number % 97 == 0 ? "/" : "/var/log/" + std::to_string(number / 10);
     if (number % 10 != 0) path += "/report-" + std::to_string(number * 7919 % 100000);
-    return {path, number % 3 ? EntryType::file : EntryType::link, number % 5 ? 66305U : 7U, number * 123456789 % 10007};
+    const bool guarded = number % 7 > 2;
+    return {path,
+            number % 3 ? EntryType::file : EntryType::link,
+            number % 5 ? 66305U : 7U,
+            number * 123456789 % 10007,
+            guarded ? 66306U : 0U,
+            guarded ? number * 987654321 % 1009 + 1 : 0U};
 }
 
 TEST(PathList, GivesBackWhatWasPutInByWalkAndByNumber) {
@@ -28,9 +34,10 @@ TEST(PathList, GivesBackWhatWasPutInByWalkAndByNumber) {
     PathList::Walk walk(list);
     for (std::uint64_t i = 0; i < 20000; ++i) {
         const auto* entry = walk.next();
-        const auto [path, type, device, inode] = entryOf(i);
+        const auto [path, type, device, inode, folderDevice, folderInode] = entryOf(i);
         ASSERT_TRUE(entry && entry->path == path && entry->type == type) << i;
         EXPECT_TRUE(entry->device == device && entry->inode == inode) << i;
+        EXPECT_TRUE(entry->folderDevice == folderDevice && entry->folderInode == folderInode) << i;
         EXPECT_TRUE(i % 501 != 0 || list.pathOf(i) == path) << i;
     }
     EXPECT_EQ(walk.next(), nullptr);
@@ -48,7 +55,7 @@ TEST(PathList, TakesPathsAsTheyWillStandInTheArchive) {
 TEST(StoredContents, KnowsEveryFileThatIsListedTwice) {
     constexpr std::uint64_t files = 5000, foreign = std::uint64_t{1} << 40 | 1;
     PathList list;
-    for (std::uint64_t i = 0; i < 2 * files; ++i) list.append({"/f", EntryType::file, 1, i % files + 1});
+    for (std::uint64_t i = 0; i < 2 * files; ++i) list.append({"/f", EntryType::file, 1, i % files + 1, 0, 0});
     StoredContents stored(list);
     for (std::uint64_t i = 1; i <= files; ++i) {
         EXPECT_FALSE(stored.find(1, i)) << i;

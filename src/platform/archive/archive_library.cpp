@@ -90,7 +90,7 @@ PathList* newPathList() { return new (std::nothrow) PathList; }
 
 PathList* pathListForPath(std::string_view directory, std::string_view path) {
     return guarded<PathList*>(nullptr, [&]() -> PathList* {
-        const auto entry = qvx::lookUp(directory, path);
+        const auto entry = qvx::lookUpGuarded(directory, path);
         if (!entry) return nullptr;
         auto list = std::make_unique<PathList>();
         list->append(*entry);

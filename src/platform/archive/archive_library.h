@@ -31,8 +31,9 @@ inline constexpr int representationUncompressed = 1;  // of that blob: 0x04, X, 
 PathList* newPathList();
 
 // A list of one entry: `path`, taken relative to `directory` when it does not begin with "/". None for an empty path,
-// a path that does not exist, and one that is neither a regular file, a directory nor a symbolic link (the last
-// component is not followed). A path with ".." is listed as the real one.
+// a path that does not exist, one that is neither a regular file, a directory nor a symbolic link (the last component
+// is not followed), and one that leads through a link of another user than root and the caller. A path with ".." is
+// listed as the real one.
 PathList* pathListForPath(std::string_view directory, std::string_view path);
 
 // Adds the entries of `source` behind those of `target`; `source` keeps its own.
@@ -69,7 +70,8 @@ ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void* messageDat
 // Reads every entry of the list from the disk and completes the archive. When it answers 0, everything that belongs to
 // the archive has been written, so that a failing close cannot hide a loss. A file that shrinks or grows while it is
 // read is stored as it was read; one that has vanished, cannot be read or is no longer what the list says makes the
-// status nonzero. An encoder takes one path list.
+// status nonzero. A file is read from the directory in which it was listed, and from no other that has got its name
+// since: another file of this name is taken for a rotated log there. An encoder takes one path list.
 int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
                   void* messageData, MessageCallback callback, std::uint64_t flags, int workers);
 

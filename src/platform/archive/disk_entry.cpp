@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
+
+#include "base/guarded_open.h"
 
 namespace tarnwick::qvx {
 
@@ -23,11 +26,23 @@ FileDescriptor openListed(int folder, const char* name, const PathList::Entry& l
     return file;
 }
 
+dev_t deviceOf(const struct statx& status) { return ::makedev(status.stx_dev_major, status.stx_dev_minor); }
+
 // A name may have been given to something else since it was listed. Another file of the same kind on the same device
-// is what a rotated log looks like, and is taken; anything else is not what was asked for.
+// is what a rotated log looks like, and is taken; anything else is not what was asked for. A log that is rotated has
+// one name: a second one may be the trick of a user who gave a name of his own to a file of somebody else.
 int expectListed(const PathList::Entry& listed, const struct statx& status) {
-    const dev_t device = ::makedev(status.stx_dev_major, status.stx_dev_minor);
-    return entryTypeOf(status.stx_mode) == listed.type && device == listed.device ? 0 : -ESTALE;
+    const bool same = deviceOf(status) == listed.device && entryTypeOf(status.stx_mode) == listed.type;
+    const bool rotated = status.stx_ino != listed.inode;
+    return same && !(listed.isGuarded() && rotated && status.stx_nlink > 1) ? 0 : -ESTALE;
+}
+
+// The folder with a slash at its end, and the name in it.
+std::size_t nameStart(const PathList::Entry& listed) { return listed.path.rfind('/') + 1; }
+
+const char* nameOf(const PathList::Entry& listed) {
+    const char* name = listed.path.c_str() + nameStart(listed);
+    return *name ? name : ".";
 }
 
 }  // namespace
@@ -43,7 +58,11 @@ std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
 void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
     entry.error = open(entry);
     if (entry.error != 0) return;
-    entry.error = metadata_.read(entry.listed.path, entry.file.get(), entry.status, entry.head, entry.tail);
+    // A link has no descriptor. Its attributes are read by a path that begins at the folder held.
+    const std::string link =
+        entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
+    entry.error = metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head,
+                                 entry.tail);
     if (entry.error != 0) return;
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
     if (entry.listed.type == EntryType::link) entry.error = readLink(entry, room);
@@ -54,23 +73,29 @@ void DiskEntryReader::finish(DiskEntry& entry) {
     if (!entry.awaited.empty()) entry.error = readWhole(entry, std::exchange(entry.awaited, {}));
 }
 
-int DiskEntryReader::hold(const std::string& folder) {
-    if (folder_ && folder == folderPath_) return 0;
-    folderPath_ = folder;
-    folder_ = FileDescriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return folder_ ? 0 : -errno;
+int DiskEntryReader::hold(const PathList::Entry& listed) {
+    const auto path = std::string_view(listed.path).substr(0, nameStart(listed));
+    if (!folder_ || path != folderPath_ || listed.isGuarded() != folderGuarded_) {
+        folderPath_ = path;
+        folderGuarded_ = listed.isGuarded();
+        folder_ = folderGuarded_ ? openDirectoryGuarded(folderPath_)
+                                 : FileDescriptor(::open(folderPath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        const int error = folder_ ? readStatus(folder_.get(), "", folderStatus_) : -errno;
+        if (error != 0) folder_ = FileDescriptor();
+        if (error != 0) return error;
+    }
+    const bool same = deviceOf(folderStatus_) == listed.folderDevice && folderStatus_.stx_ino == listed.folderInode;
+    return same || !listed.isGuarded() ? 0 : -ESTALE;
 }
 
-// The look comes before the opening, so that no device is ever opened, and again behind it.
+// `statx` before `open`, so that no device is opened; again after it, since the name may have changed in between.
 int DiskEntryReader::open(DiskEntry& entry) {
-    const std::string& path = entry.listed.path;
-    const std::size_t nameAt = path.rfind('/') + 1;
-    if (const int error = hold(path.substr(0, nameAt))) return error;
-    const char* name = nameAt < path.size() ? path.c_str() + nameAt : ".";
+    if (const int error = hold(entry.listed)) return error;
+    const char* name = nameOf(entry.listed);
     if (const int error = readStatus(folder_.get(), name, entry.status)) return error;
     if (const int error = expectListed(entry.listed, entry.status)) return error;
     entry.head.type = entry.listed.type;
-    entry.head.path = path.substr(1);
+    entry.head.path = entry.listed.path.substr(1);
     if (entry.listed.type == EntryType::link) return 0;
     entry.file = openListed(folder_.get(), name, entry.listed);
     if (!entry.file) return -errno;
@@ -79,7 +104,8 @@ int DiskEntryReader::open(DiskEntry& entry) {
 }
 
 int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
-    const ssize_t length = ::readlink(entry.listed.path.c_str(), reinterpret_cast<char*>(room.data()), room.size());
+    const ssize_t length =
+        ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(room.data()), room.size());
     if (length < 0) return -errno;
     if (length == 0) return -EIO;  // only a broken file system has such a link, and no reader would take it
     take(entry, room.first(static_cast<std::size_t>(length)));

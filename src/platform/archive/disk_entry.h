@@ -31,16 +31,18 @@ public:
     void finish(DiskEntry& entry);
 
 private:
-    int hold(const std::string& folder);
+    int hold(const PathList::Entry& listed);
     int open(DiskEntry& entry);
     int readLink(DiskEntry& entry, MutableBytes room);
     int readSmall(DiskEntry& entry, MutableBytes room);
     int readWhole(DiskEntry& entry, MutableBytes room);
     void take(DiskEntry& entry, Bytes content);
 
-    // Of the entry before and mostly of this one, too: the kernel need not find the way again for each.
+    // Of the entry before and mostly of this one, too: the kernel need not resolve the path again for each.
     std::string folderPath_;
+    bool folderGuarded_ = false;
     FileDescriptor folder_;
+    struct statx folderStatus_ {};
     MetadataReader metadata_;
     ContentDigest digest_;
 };

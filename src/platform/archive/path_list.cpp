@@ -1,10 +1,12 @@
 #include "platform/archive/path_list.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 
+#include "base/guarded_open.h"
 #include "platform/archive/entry_codec.h"
 #include "platform/archive/wire.h"
 
@@ -13,6 +15,7 @@ namespace tarnwick {
 namespace {
 
 constexpr std::size_t pieceSize = 16384;
+constexpr std::uint8_t guardedBit = 0x80;  // in the byte of the type: the folder follows
 
 }  // namespace
 
@@ -25,16 +28,24 @@ void PathList::append(const Entry& entry) {
     const auto shared = static_cast<std::size_t>(
         std::mismatch(last_.path.begin(), last_.path.end(), entry.path.begin(), entry.path.end()).first -
         last_.path.begin());
-    auto device = std::find(devices_.begin(), devices_.end(), entry.device);
-    if (device == devices_.end()) device = devices_.insert(devices_.end(), entry.device);
     qvx::WireWriter out(pieces_.back().coded);
     out.varint(shared);
     out.text(std::string_view(entry.path).substr(shared));
-    out.byte(static_cast<std::uint8_t>(entry.type));
-    out.varint(static_cast<std::uint64_t>(device - devices_.begin()));
+    out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(entry.type) | (entry.isGuarded() ? guardedBit : 0U)));
+    out.varint(deviceNumber(entry.device));
     out.signedVarint(static_cast<std::int64_t>(entry.inode - last_.inode));
+    if (entry.isGuarded()) {
+        out.varint(deviceNumber(entry.folderDevice));
+        out.signedVarint(static_cast<std::int64_t>(entry.folderInode - last_.folderInode));
+    }
     last_ = entry;
     ++count_;
+}
+
+std::uint64_t PathList::deviceNumber(dev_t device) {
+    auto known = std::find(devices_.begin(), devices_.end(), device);
+    if (known == devices_.end()) known = devices_.insert(devices_.end(), device);
+    return static_cast<std::uint64_t>(known - devices_.begin());
 }
 
 void PathList::append(const PathList& other) {
@@ -62,9 +73,12 @@ const PathList::Entry* PathList::Walk::next() {
     qvx::WireReader in(qvx::Bytes(coded).subspan(position_));
     entry_.path.resize(in.varint());
     entry_.path += in.text();
-    entry_.type = static_cast<qvx::EntryType>(in.byte());
+    const std::uint8_t type = in.byte();
+    entry_.type = static_cast<qvx::EntryType>(type & ~guardedBit);
     entry_.device = list_.devices_[in.varint()];
     entry_.inode += static_cast<ino_t>(in.signedVarint());
+    entry_.folderDevice = type & guardedBit ? list_.devices_[in.varint()] : 0;
+    entry_.folderInode = type & guardedBit ? entry_.folderInode + static_cast<ino_t>(in.signedVarint()) : 0;
     position_ = coded.size() - in.left();
     return &entry_;
 }
@@ -85,6 +99,11 @@ std::string realPath(std::string_view directory, std::string_view path) {
     return folder / name;
 }
 
+std::optional<std::string> listedPath(std::string_view directory, std::string_view path) {
+    auto normal = normalPath(directory, path);
+    return normal ? normal : normalPath("/", realPath(directory, path));
+}
+
 }  // namespace
 
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path) {
@@ -103,13 +122,27 @@ std::optional<std::string> normalPath(std::string_view directory, std::string_vi
 }
 
 std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path) {
-    auto normal = normalPath(directory, path);
-    if (!normal) normal = normalPath("/", realPath(directory, path));
+    auto listed = listedPath(directory, path);
     struct stat status {};
-    if (!normal || ::lstat(normal->c_str(), &status) != 0) return std::nullopt;
+    if (!listed || ::lstat(listed->c_str(), &status) != 0) return std::nullopt;
     const auto type = entryTypeOf(status.st_mode);
     if (!type) return std::nullopt;
-    return PathList::Entry{std::move(*normal), *type, status.st_dev, status.st_ino};
+    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino};
+}
+
+std::optional<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path) {
+    auto listed = listedPath(directory, path);
+    if (!listed) return std::nullopt;
+    const std::size_t nameAt = listed->rfind('/') + 1;
+    const auto folder = openDirectoryGuarded(listed->substr(0, nameAt));
+    struct stat own {
+    }, status{};
+    if (!folder || ::fstat(folder.get(), &own) != 0 ||
+        ::fstatat(folder.get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
+        return std::nullopt;
+    const auto type = entryTypeOf(status.st_mode);
+    if (!type) return std::nullopt;
+    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino, own.st_dev, own.st_ino};
 }
 
 std::optional<EntryType> entryTypeOf(mode_t mode) {

@@ -22,6 +22,13 @@ struct PathList {
         qvx::EntryType type = qvx::EntryType::file;
         dev_t device = 0;
         ino_t inode = 0;  // a hint: the name may have been given to another file since
+
+        // The directory that holds the name. When it is known, the file is read from this directory only, and no link
+        // of another user is followed on the way (openDirectoryGuarded).
+        dev_t folderDevice = 0;
+        ino_t folderInode = 0;  // 0: not known
+
+        [[nodiscard]] bool isGuarded() const { return folderInode != 0; }
     };
 
     void append(const Entry& entry);
@@ -55,6 +62,8 @@ public:
 private:
     std::vector<Piece> pieces_;
     Entry last_;
+    [[nodiscard]] std::uint64_t deviceNumber(dev_t device);
+
     std::vector<dev_t> devices_;
     std::uint64_t count_ = 0;
 };
@@ -65,8 +74,11 @@ namespace qvx {
 // archive, as with a "..", which cannot be left out without knowing what is a link.
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
 
-// What stands at `path`, taken relative to `directory`; nothing where that cannot go into an archive, or is not there.
+// What is at `path`, taken relative to `directory`; nothing where that cannot go into an archive, or is not there.
 std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path);
+
+// The same, as a guarded entry; nothing as well where a link of another user would have to be followed.
+std::optional<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path);
 
 // Nothing for what an archive does not hold (a FIFO, a socket, a device).
 std::optional<EntryType> entryTypeOf(mode_t mode);
