@@ -38,10 +38,7 @@ std::string loadRecipientKey(const fs::path& configuration) {
     std::error_code error;
     if (!configuration.empty() && !fs::is_regular_file(configuration, error)) raiseFatal("invalid config file");
     std::string key = loadArchivePublicKey(configuration);
-    if (key.empty()) {
-        logWarning("no recipient key in the configuration; see \"The key\" in \"man tarnwick\"");
-        raiseFatal("unable to parse key from config file");
-    }
+    if (key.empty()) raiseFatal("unable to parse key from config file");
     return key;
 }
 
@@ -65,7 +62,7 @@ bool hasConsent(const VolumeInfo& volume, const RunOptions& options) {
         logWarning("failed to check consent on '" + volume.volumeName + "', skipping...");
         return false;
     }
-    // An owner who was never asked, and was not asked now, has not consented either.
+    // No consent also covers an owner who was never asked and was not asked now.
     if (!granted) logInfo("explicit denial of consent on '" + volume.volumeName + "', skipping...");
     return granted;
 }
@@ -90,7 +87,7 @@ FilesList collectFiles(const RunOptions& options, const fs::path& captureFolder)
     if (captureFirmwareVariables(firmwareVariables)) files.push_back(firmwareVariables);
     logInfo("Files to capture:");
     for (const auto& file : files) logInfo(file.native());
-    // Also when there is no copy: the archive writer then meets an empty entry and refuses the archive.
+    // Without a copy this is an empty entry, for which the archive writer refuses the archive.
     files.emplace_back(copyExecutionLog(captureFolder));
     return files;
 }

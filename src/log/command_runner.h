@@ -1,4 +1,4 @@
-// Running shell commands, the one way in which outside tools are reached.
+// Runs shell commands. Every outside tool is called through here.
 #pragma once
 
 #include <cstdint>
@@ -6,15 +6,16 @@
 
 namespace tarnwick {
 
-// Hands `commandLine` to the shell unchanged (callers quote), collects its standard output into `output`, and logs
-// command, status and output as TRACE lines. Standard error stays the process's own. Blocks without a time limit: the
-// command may be asking the user for a passphrase.
+// Hands `commandLine` to the shell unchanged (the caller quotes), collects its standard output into `output`, and logs
+// command, status and output as TRACE lines. Standard error is not captured. Blocks without a time limit: the command
+// may be asking the user for a passphrase.
 //
-// Returns the raw wait status as the closing of the pipe gives it (exit code 1 is 256), -1 when that fails. With
-// `dieOnNonzero` a status other than 0 ends the run through raiseFatal. A shell that cannot be started at all throws
-// FatalError "popen() failed!" with nothing printed or logged.
+// Returns the raw wait status of pclose (exit code 1 is 256), -1 when pclose fails. With `dieOnNonzero` a status other
+// than 0 ends the run through raiseFatal. When the shell cannot be started, throws FatalError "popen() failed!" and
+// prints and logs nothing.
 //
-// Output is read in pieces of at most 127 bytes that end with a line; a zero byte drops the rest of its piece.
+// Output is read in pieces of at most 127 bytes that end early after a line end; a zero byte drops the rest of its
+// piece.
 std::int64_t runCommand(const std::string& commandLine, std::string& output, bool dieOnNonzero);
 
 }  // namespace tarnwick
