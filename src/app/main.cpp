@@ -13,6 +13,7 @@
 #include "app/arguments.h"
 #include "app/capture_run.h"
 #include "app/capture_store.h"
+#include "app/command_path.h"
 #include "base/quoted_path.h"
 #include "base/run_options.h"
 #include "capture/capture_summary.h"
@@ -42,18 +43,22 @@ constexpr auto completion =
     "\nCapture execution is complete! You may view a detailed log of the capture process at the path shown above.\n\n"
     "If you wish to remove all captured data from this system you may issue the command 'tarnwick --cleanup'\n\n";
 
-// The next file that is opened takes the place of a standard stream that is closed. Were it the execution log or the
-// archive, what is meant for the console would be written into it.
+// The next file that is opened gets the number of a closed standard stream. If that were the execution log or the
+// archive, console output would be written to it.
 void fillStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         if (::fcntl(stream, F_GETFD) < 0) static_cast<void>(::open("/dev/null", O_RDWR));
 }
 
-// What the commands print and match must not depend on who calls: in a locale of UTF-8 the dot of a regular expression
-// passes over bytes that are not UTF-8, and files with such names would be missing from the capture.
-void fixLocaleOfCommands() { ::setenv("LC_ALL", "C", 1); }
+// What the commands print and match must not depend on the caller's locale: in a UTF-8 locale the dot of a regular
+// expression does not match bytes that are not UTF-8, and files with such names would be missing from the capture.
+void fixEnvironmentOfCommands() {
+    ::setenv("LC_ALL", "C", 1);
+    const char* inherited = ::getenv("PATH");
+    ::setenv("PATH", completeCommandPath(inherited ? inherited : "").c_str(), 1);
+}
 
-// An ignored SIGCHLD would hide how commands end, and a loose mask would let everybody write into the capture store.
+// An ignored SIGCHLD would hide how commands end; a loose umask would let every user write to the capture store.
 void fixInheritedSettings() {
     ::signal(SIGCHLD, SIG_DFL);
     ::umask(022);
@@ -136,7 +141,7 @@ int capture(const ArgumentMap& arguments, RunOptions& options) {
 int main(int argc, char** argv) {
     using namespace tarnwick;
     fillStandardStreams();
-    fixLocaleOfCommands();
+    fixEnvironmentOfCommands();
     fixInheritedSettings();
     RunOptions options;
     const ArgumentMap arguments = parseArguments(argc, argv);

@@ -49,3 +49,12 @@ class Entry(Scenario):
         result = self.tarnwick("--testmode", "--capturespec", link, "/nowhere", "--capturespec", "/media")
         os.truncate(result.archive, 6)
         self.tarnwick("--testmode", "--summarize")
+
+    def test_commands_in_system_folders_are_found_whatever_path_is_inherited(self):
+        """cron's PATH lacks /usr/sbin, where volctl is; an empty element does not stand for the current directory."""
+        self.lay("/usr/sbin", "lowerdir=/media/bin:/usr/sbin", "overlay")
+        write("/media/cwd/volctl", "#!/bin/sh\nfalse\n")
+        os.chmod("/media/cwd/volctl", 0o755)
+        for path in "/usr/bin:/bin", ":/usr/bin", "":
+            write(f"{STORE}/tarnwick-1.qvx", "x")
+            self.tarnwick("--cleanup", environment={"PATH": path})
