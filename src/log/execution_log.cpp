@@ -1,11 +1,11 @@
 #include "log/execution_log.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <ext/stdio_filebuf.h>
@@ -18,6 +18,7 @@
 
 #include "base/handle.h"
 #include "base/quoted_path.h"
+#include "base/random_name.h"
 
 namespace tarnwick {
 
@@ -25,8 +26,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A file stream can only be told a path, never "not through a link", so the file is opened by hand and the stream
-// buffer of the library is laid over its descriptor.
+constexpr int maxAttempts = 10;  // to create the log, against a user who takes and frees its name
+
+// A file stream opens by path only, without O_EXCL. So the file is opened here, and the stream buffer gets its
+// descriptor.
 using LogBuffer = __gnu_cxx::stdio_filebuf<char>;
 
 struct ExecutionLog {
@@ -50,17 +53,31 @@ void writeToFile(std::string_view prefix, std::string_view text) {
     writeLine(file, prefix, text);
 }
 
-// Root writes into a folder where everybody may plant names: no link, symbolic or hard, and no FIFO may lead it
-// elsewhere, and what somebody else owns could be altered, or swapped before it is copied. So nothing is truncated
-// before it is known to be our own.
-FileDescriptor openLogFile(const fs::path& path) {
-    FileDescriptor file(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0) return {};
-    const bool ours = S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid();
-    if (ours && ::ftruncate(file.get(), 0) == 0) return file;
-    if (!ours) errno = EINVAL;
+// With O_EXCL the file is new and its owner is root: nobody else can write to it, and no link leads elsewhere.
+FileDescriptor createFile(const std::string& path) {
+    return FileDescriptor(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+}
+
+// Exchanging two names is one step. Were the name freed first, its taker could take it again before the log does.
+FileDescriptor createInPlaceOf(const std::string& path) {
+    const std::string unguessable = path + "." + randomDigits();
+    FileDescriptor file = createFile(unguessable);
+    if (!file || ::renameat2(AT_FDCWD, unguessable.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) == 0) return file;
+    const int error = errno;
+    ::unlink(unguessable.c_str());
+    errno = error;
+    return {};
+}
+
+// Every user can create files in /tmp, and the time stamp is easy to guess. What has the name is kept under another
+// one: it may be the log of another run. A file that comes and goes between the two calls costs an attempt.
+FileDescriptor createLogFile(const std::string& path) {
+    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+        FileDescriptor file = createFile(path);
+        if (file || errno != EEXIST) return file;
+        file = createInPlaceOf(path);
+        if (file || errno != ENOENT) return file;
+    }
     return {};
 }
 
@@ -97,10 +114,10 @@ std::string makeTimeStamp() {
 std::string openExecutionLog(const std::string& stamp) {
     auto& log = state();
     log.logFilePath = fs::path("/tmp") / ("tarnwick-" + stamp + ".log");
-    FileDescriptor file = openLogFile(log.logFilePath);
+    FileDescriptor file = createLogFile(log.logFilePath);
     if (!file) {
         const int error = errno;
-        // The doubled quote before " errno=" is what readers of these logs search for.
+        // Readers of these logs search for the doubled quote in front of " errno=".
         writeLine(std::cout, "WARNING: ",
                   "unable to open logfile at '" + quotedPath(log.logFilePath) + "'' errno=" + std::strerror(error));
         return {};
@@ -112,10 +129,12 @@ std::string openExecutionLog(const std::string& stamp) {
 std::string copyExecutionLog(const fs::path& folder) {
     auto& log = state();
     if (!log.buffer) return {};
+    // Through the descriptor: by now another file may have the log's name, if /tmp has no sticky bit.
+    const FileDescriptor written(::fcntl(log.buffer->fd(), F_DUPFD_CLOEXEC, 0));
     log.buffer.reset();
     const fs::path target = folder / log.logFilePath.filename();
     std::error_code error;
-    fs::copy_file(log.logFilePath, target, fs::copy_options::none, error);
+    fs::copy_file("/proc/self/fd/" + std::to_string(written.get()), target, fs::copy_options::none, error);
     if (error) {
         logWarning("error " + std::to_string(error.value()) + " when copying execution summary to destination volume.");
         return {};

@@ -1,6 +1,8 @@
-"""The log and the console: order, flushing, locale, and what may stand in the log's way."""
+"""The log and the console: order, flushing, locale, and files that have the log's name."""
 import datetime
+import glob
 import os
+import stat
 import time
 
 import world
@@ -10,6 +12,20 @@ from world import YES, Answer, Scenario, read, write
 def only_log():
     [name] = (name for name in os.listdir("/tmp") if name.endswith(".log"))
     return read("/tmp/" + name)
+
+
+def identity(path):
+    status = os.lstat(path)
+    return status.st_mode, status.st_uid, status.st_size, os.path.islink(path) and os.readlink(path)
+
+
+def plant(place):
+    """Calls `place` with every log name of the next two minutes. The identity of each."""
+    now = datetime.datetime.now(datetime.timezone.utc)
+    paths = [f"/tmp/tarnwick-{now + datetime.timedelta(seconds=second):%Y-%m-%d-%H:%M:%S}.log" for second in range(120)]
+    for path in paths:
+        place(path)
+    return {path: identity(path) for path in paths}
 
 
 class Console(Scenario):
@@ -58,15 +74,37 @@ class Console(Scenario):
         self.assertGreaterEqual(stamp, before)
         self.assertGreaterEqual(os.stat("/media/first").st_mtime, stamp + 1)
 
-    def test_what_is_in_the_logs_way_is_left_alone(self):
-        """Every log name of the next minutes is taken: by links, by what is not our own, and by no files at all."""
+    def test_what_has_the_logs_name_is_kept_under_another(self):
+        """Every log name of the next minutes is taken. The run succeeds all the same, with a log of its own."""
         for place in (lambda path: os.symlink("/media/precious", path), lambda path: os.link("/tmp/precious", path),
-                      lambda path: os.chown(write(path, "planted"), 1000, 1000), os.mkdir, os.mkfifo):
+                      lambda path: os.chown(write(path, "planted"), 1000, 1000), lambda path: write(path, "a log"),
+                      os.mkdir, os.mkfifo, lambda path: os.mknod(path, stat.S_IFSOCK)):
             world.clear("/tmp")
-            kept = [write(f"{folder}/precious", "old") for folder in ("/media", "/tmp")]
-            now = datetime.datetime.now(datetime.timezone.utc)
-            for second in range(120):
-                place(f"/tmp/tarnwick-{now + datetime.timedelta(seconds=second):%Y-%m-%d-%H:%M:%S}.log")
-            process = self.start("--capturespec", "/media/spec.plist", "--verbose")
-            self.note("said", process.communicate()[0].decode())
-            self.assertEqual([process.returncode, *map(read, kept)], [1, "old", "old"])
+            precious = [write(f"{folder}/precious", "old") for folder in ("/media", "/tmp")]
+            planted = plant(place)
+            result = self.result(*self.finish())
+            log = f"/tmp/tarnwick-{result.stamp}.log"
+            [kept] = glob.glob(log + ".*")
+            self.assertRegex(kept, r"\.log\.[0-9a-f]{16}$")
+            self.assertEqual((result.status, identity(kept)), (0, planted[log]))
+            self.assertEqual((stat.filemode(os.lstat(log).st_mode), os.lstat(log).st_uid), ("-rw-r--r--", 0))
+            self.assertIn("TRACE: Running command: 'volctl info", read(log))
+            self.assertEqual([*map(read, precious)], ["old", "old"])
+            os.remove(result.archive)
+
+    def test_log_name_that_a_plain_user_may_not_free(self):
+        plant(write)
+        out, status = self.finish("--verbose", limits=lambda: os.setresuid(65534, 65534, 65534))
+        self.note("said", out.decode())
+        self.assertEqual((status, glob.glob("/tmp/*.log.*")), (1, []))
+
+    def test_archive_holds_the_log_of_the_run_and_not_what_has_its_name_later(self):
+        self.answer("nvram -p", Answer(do="for log in /tmp/*.log; do mv $log /tmp/moved; echo planted >$log; done"))
+        result = self.capture()
+        log = os.path.basename(result.temporary).replace(".qvx", ".log")
+        copy = self.qvx("cat", "--key", self.key, result.archive, os.path.join(os.path.dirname(result.temporary), log))
+        self.assertEqual(copy, read("/tmp/moved"))
+
+    def finish(self, *arguments, **more):
+        process = self.start("--capturespec", "/media/spec.plist", *arguments, **more)
+        return process.communicate()[0], process.returncode

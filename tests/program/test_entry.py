@@ -51,7 +51,7 @@ class Entry(Scenario):
         self.tarnwick("--testmode", "--summarize")
 
     def test_commands_in_system_folders_are_found_whatever_path_is_inherited(self):
-        """cron's PATH lacks /usr/sbin, where volctl is; an empty element does not stand for the current directory."""
+        """cron's PATH lacks /usr/sbin, where volctl is; an empty element is dropped."""
         self.lay("/usr/sbin", "lowerdir=/media/bin:/usr/sbin", "overlay")
         write("/media/cwd/volctl", "#!/bin/sh\nfalse\n")
         os.chmod("/media/cwd/volctl", 0o755)

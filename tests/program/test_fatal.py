@@ -54,8 +54,8 @@ class Fatal(Scenario):
         self.capture()
 
     def test_at_the_archive(self):
-        """What is in its way, and a log that is lost or in the way of its copy; no nvram is no fault."""
-        for do in (f"mkdir {NAME}.qvx", "rm /tmp/tarnwick-*.log", f"echo >{NAME}.log", "echo no firmware >&2; exit 1",
+        """A folder that has its name, and a file that has the name of the log's copy; no nvram is no fault."""
+        for do in (f"mkdir {NAME}.qvx", f"echo >{NAME}.log", "echo no firmware >&2; exit 1",
                    f"yes | head -c 99999 >{NAME}.qvx"):
             self.nvram_does(do)
             self.capture()

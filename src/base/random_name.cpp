@@ -1,0 +1,23 @@
+#include "base/random_name.h"
+
+#include <sys/random.h>
+
+#include <array>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <system_error>
+
+namespace tarnwick {
+
+std::string randomDigits() {
+    std::uint64_t number = 0;
+    if (::getrandom(&number, sizeof number, 0) != sizeof number)
+        throw std::system_error(errno, std::generic_category(), "getrandom");
+    std::array<char, 17> digits{};
+    std::snprintf(digits.data(), digits.size(), "%016" PRIx64, number);
+    return digits.data();
+}
+
+}  // namespace tarnwick
