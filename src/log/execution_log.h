@@ -26,7 +26,7 @@ void setVerboseConsole(bool verbose);
 
 // The local time as "2026-11-15-12:13:38", the same in every locale. It is part of the names of the log file, the
 // capture folder and the archive, colons included. Pauses one second before it returns, so that no two stamps of one
-// process are equal and no run starts its work within the second of its own stamp.
+// process are equal and no run starts its work in the second of its stamp.
 std::string makeTimeStamp();
 
 // Creates "/tmp/tarnwick-<stamp>.log", a file that did not exist before, and returns its path. What has that name

@@ -75,7 +75,7 @@ class Console(Scenario):
         self.assertGreaterEqual(os.stat("/media/first").st_mtime, stamp + 1)
 
     def test_what_has_the_logs_name_is_kept_under_another(self):
-        """Every log name of the next minutes is taken. The run succeeds all the same, with a log of its own."""
+        """Every log name of the next minutes is taken. The run succeeds and writes a new log."""
         for place in (lambda path: os.symlink("/media/precious", path), lambda path: os.link("/tmp/precious", path),
                       lambda path: os.chown(write(path, "planted"), 1000, 1000), lambda path: write(path, "a log"),
                       os.mkdir, os.mkfifo, lambda path: os.mknod(path, stat.S_IFSOCK)):

@@ -1,14 +1,33 @@
 """The store on the destination volume: listing, pruning, placing, removing."""
+import ctypes
+import errno
+import fcntl
 import os
 import resource
 import shutil
 import signal
+import struct
 
 import world
-from world import PREBOOT, STORE, YES, Answer, Scenario, call, write
+from world import PREBOOT, STORE, YES, Answer, Scenario, call, read, write
 
 LIMIT, MIB = 1 << 30, 1 << 20
 NAME = f'{STORE}/"${{folder##*/}}.qvx"'  # of the capture, for a stand-in
+# System calls (of amd64) that a file system may refuse: number, argument with a flag, the flag, the error.
+UNNAMED_FILE = 257, 2, os.O_TMPFILE & ~os.O_DIRECTORY, errno.EOPNOTSUPP  # openat
+NO_REPLACING = 316, 4, 1, errno.EINVAL  # renameat2
+
+
+def refuse(*calls):
+    """Makes these calls fail in this process from now on."""
+    code = [(0x06, 0, 0, 0x7fff0000)]  # all others are allowed
+    for number, argument, flag, error in calls:
+        code = [(0x20, 0, 0, 0), (0x15, 0, 3, number), (0x20, 0, 0, 16 + 8 * argument), (0x45, 0, 1, flag),
+                (0x06, 0, 0, 0x50000 | error)] + code
+    program = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *line) for line in code))
+    seccomp = struct.pack("HxxxxxxQ", len(code), ctypes.addressof(program))
+    if ctypes.CDLL(None, use_errno=True).prctl(22, 2, seccomp) != 0:
+        raise OSError(ctypes.get_errno(), "seccomp")
 
 
 class Store(Scenario):
@@ -104,12 +123,45 @@ class Store(Scenario):
             self.assertEqual(process.returncode, 0)
 
     def test_killed_in_the_middle_of_the_copy(self):
-        """A limit on the size of files, set when the archive is complete, kills the copy at its fifth kilobyte."""
+        """A limit on the size of files, set when the archive is complete, kills the copy at its fifth kilobyte. Where a
+        part of it stays under a hidden name, it is no capture, and the next run removes it."""
         limit = ('pid=$$; while [ "$(cat /proc/$pid/comm)" != tarnwick ]; do '
                  'pid=$(sed "s/.*) . //; s/ .*//" /proc/$pid/stat); done; prlimit --pid $pid --fsize=4096')
         self.volume("one", YES)
         write("/media/one/logs/large", os.urandom(200_000))
-        self.then(":", limit)
-        killed = self.capture(limits=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)))
-        self.assertEqual((killed.status, os.path.getsize(killed.temporary) > 200_000), (-signal.SIGXFSZ, True))
-        self.capture()
+        for refused in (), (UNNAMED_FILE,):
+            self.then(":", limit)
+            killed = self.capture(limits=lambda: (resource.setrlimit(resource.RLIMIT_CORE, (0, 0)), refuse(*refused)))
+            self.assertEqual((killed.status, os.path.getsize(killed.temporary) > 200_000), (-signal.SIGXFSZ, True))
+            self.assertIn(b" 0 captures", self.start("--summarize").communicate()[0])
+            os.remove(self.capture(limits=lambda: refuse(*refused)).archive)
+
+    def test_file_systems_with_fewer_features(self):
+        """Without files that have no name, and without renaming that replaces nothing: a capture is stored, a name
+        that is taken is not overwritten, and nothing remains of an unfinished copy."""
+        for refused in (UNNAMED_FILE,), (UNNAMED_FILE, NO_REPLACING):
+            self.answer("nvram -p", "")
+            os.remove(self.capture(limits=lambda: refuse(*refused)).archive)
+            self.answer("nvram -p", Answer(do=f"echo old >{NAME}"))
+            self.capture(limits=lambda: refuse(*refused))
+            [kept] = os.listdir(STORE)
+            self.assertEqual(read(f"{STORE}/{kept}"), "old\n")
+            os.remove(f"{STORE}/{kept}")
+
+    def test_only_abandoned_copies_are_removed(self):
+        abandoned, locked, foreign, link, folder = (f"{STORE}/.tarnwick-{digit * 16}" for digit in "0123f")
+        others = [write(f"{STORE}/{name}") for name in (".tarnwick-" + "0" * 15, ".tarnwick-" + "0" * 17,
+                                                        ".tarnwick-" + "g" * 16, "tarnwick-" + "0" * 16)]
+        for path in abandoned, locked, foreign:
+            write(path)
+        os.chown(foreign, 1000, 1000)
+        os.symlink(others[0], link)
+        os.mkdir(folder)
+        with open(locked, "rb") as held:
+            fcntl.flock(held, fcntl.LOCK_EX)
+            stored = self.result(*self.finish()).archive
+        self.assertEqual({entry.path for entry in os.scandir(STORE)}, {stored, locked, foreign, link, folder, *others})
+
+    def finish(self):
+        process = self.start("--capturespec", "/media/spec.plist")
+        return process.communicate()[0], process.returncode
