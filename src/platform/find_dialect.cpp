@@ -1,58 +1,90 @@
 #include "platform/find_dialect.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace tarnwick {
 
 namespace {
 
-bool ascendsWithin(char first, char last, char lowest, char highest) {
-    return lowest <= first && first <= last && last <= highest;
+// What is in front of an element: the start of the expression, of a group or of an alternative; an anchor; or anything
+// that can be repeated.
+enum class Before { start, anchor, atom };
+
+// An element of a bracket expression.
+struct BracketElement {
+    std::size_t length = 0;             // 0: the dialects differ in it
+    std::optional<unsigned char> byte;  // none: not a single byte
+};
+
+// [:alpha:] is a class in POSIX, and a set of characters in the default dialect.
+BracketElement bracketElementAt(std::string_view text) {
+    if (text.starts_with("[:")) return {};
+    if (!text.starts_with("[.") && !text.starts_with("[=")) return {1, text[0]};
+    const auto end = text.find(std::string{text[1], ']'}, 2);
+    if (end == std::string_view::npos) return {text.size(), {}};  // an error in both
+    if (text[1] == '.' && end == 3) return {end + 2, text[2]};
+    return {end + 2, {}};
 }
 
-// A range that runs backwards is empty by default and an error in POSIX. Which way a range between two kinds of
-// character runs is up to the locale, so that only the plain ones are known to be safe.
-bool isPlainRange(char first, char last) {
-    return ascendsWithin(first, last, '0', '9') || ascendsWithin(first, last, 'a', 'z') ||
-           ascendsWithin(first, last, 'A', 'Z');
+// A range that runs backwards is an error in POSIX, and empty in the default dialect.
+bool isAscending(const BracketElement& first, const BracketElement& last) {
+    return first.byte && last.byte && *first.byte <= *last.byte;
 }
 
-// The length of the bracket expression at the start of `text`, or 0 when the two dialects differ in it.
-std::size_t plainBracketLength(std::string_view text) {
-    std::size_t at = 1;
-    if (text.substr(at).starts_with('^')) ++at;
-    const auto first = at;
-    for (; at < text.size() && (text[at] != ']' || at == first); ++at) {
+// The length of the bracket expression at the start of `text`, or 0 when the dialects differ in it.
+std::size_t commonBracketLength(std::string_view text) {
+    std::size_t at = text.substr(1).starts_with('^') ? 2 : 1;
+    for (const auto first = at; at < text.size() && (text[at] != ']' || at == first);) {
+        const auto element = bracketElementAt(text.substr(at));
+        if (element.length == 0) return 0;
+        at += element.length;
         const auto rest = text.substr(at);
-        // [:alpha:] is a class in POSIX and five letters by default.
-        if (rest.starts_with("[:") || rest.starts_with("[.") || rest.starts_with("[=")) return 0;
-        if (rest.size() < 3 || rest[1] != '-' || rest[2] == ']') continue;
-        if (!isPlainRange(rest[0], rest[2])) return 0;
-        at += 2;
+        if (rest.size() < 2 || rest[0] != '-' || rest[1] == ']') continue;
+        const auto last = bracketElementAt(rest.substr(1));
+        if (last.length == 0 || !isAscending(element, last)) return 0;
+        at += 1 + last.length;
     }
     return std::min(at + 1, text.size());
 }
 
-// How much of `text`, which is not empty, the two dialects read alike; 0 when they differ in its first element. `+` and
-// `?` repeat by default where they stand alone, in POSIX behind a backslash; intervals are POSIX only; a second star is
-// an error in POSIX. Alternation is no part of POSIX, so it is left to the dialect that was asked for.
-std::size_t commonElementLength(std::string_view text) {
+// Intervals are POSIX only. The operators that have a backslash in POSIX have none in the default dialect.
+std::size_t commonEscapeLength(std::string_view text, Before before) {
+    if (text.size() < 2) return 1;  // an error in both
+    if (text[1] == '{' || (before == Before::atom && (text[1] == '+' || text[1] == '?'))) return 0;
+    return 2;
+}
+
+// The length of the element at the start of `text`, which is not empty, or 0 when the dialects differ in it. A second
+// star is an error in POSIX. An operator of repetition with nothing to repeat is an ordinary character in both.
+std::size_t commonElementLength(std::string_view text, Before before) {
+    const bool repeatable = before == Before::atom;
     switch (text[0]) {
         case '+':
-        case '?': return 0;
-        case '*': return text.starts_with("**") ? 0 : 1;
-        case '[': return plainBracketLength(text);
-        case '\\': return text.size() < 2 || std::string_view("+?{|").find(text[1]) != std::string_view::npos ? 0 : 2;
+        case '?': return repeatable ? 0 : 1;
+        case '*': return repeatable && text.starts_with("**") ? 0 : 1;
+        case '[': return commonBracketLength(text);
+        case '\\': return commonEscapeLength(text, before);
         default: return 1;
     }
+}
+
+// What `element` is to the one after it. `^` is an anchor only at the start.
+Before kindOf(std::string_view element, Before before) {
+    if (element == "^") return before == Before::start ? Before::anchor : Before::atom;
+    if (element == "\\(" || element == "\\|") return Before::start;
+    const bool isAnchor = element.size() == 2 && std::string_view("bB<>`'").find(element[1]) != std::string_view::npos;
+    return isAnchor ? Before::anchor : Before::atom;
 }
 
 }  // namespace
 
 std::string regexTypeOption(std::string_view expression) {
+    auto before = Before::start;
     while (!expression.empty()) {
-        const auto length = commonElementLength(expression);
+        const auto length = commonElementLength(expression, before);
         if (length == 0) return "-regextype posix-basic ";
+        before = kindOf(expression.substr(0, length), before);
         expression.remove_prefix(length);
     }
     return {};

@@ -1,4 +1,4 @@
-// Which regular expressions the host's `find` reads otherwise than the configuration means them.
+// The regular expressions that GNU find and the configuration read differently.
 #pragma once
 
 #include <string>
@@ -6,10 +6,11 @@
 
 namespace tarnwick {
 
-// Directives are written in POSIX basic regular expressions, GNU find reads another dialect by default. Gives
-// "-regextype posix-basic " when the expression holds something that the two read differently, else the empty text.
-// One difference stays out of account, as every directive has it: by default the dot does not match a line feed. A
-// path that holds one is taken for two paths anyway once `find` has printed it.
+// Directives are written in POSIX basic regular expressions; GNU find's default dialect is another one. Returns
+// "-regextype posix-basic " when the two read something in the expression differently, otherwise the empty text. `find`
+// must run in the C locale, where ranges follow the values of bytes.
+// One difference is ignored, because almost every expression has it: in the default dialect the dot does not match a
+// line feed, so without the option a path with a line feed is not found by ".*".
 std::string regexTypeOption(std::string_view expression);
 
 }  // namespace tarnwick
