@@ -4,11 +4,13 @@ import plistlib
 import re
 import signal
 import struct
+import subprocess
 import uuid
 
 import world
 from world import Scenario, call, on_terminal, property_list, write
 
+SETTINGS = "/etc/tarnwick/volumes.plist"
 # What a volume may be mounted as, its size in MiB (xfs wants 300; the images are sparse) and the tool that makes one.
 FORMATS = {"ext4": (64, "mkfs.ext4 -q -U {}"), "xfs": (320, "mkfs.xfs -q -m uuid={}"),
            "btrfs": (128, "mkfs.btrfs -q -U {}")}
@@ -20,7 +22,7 @@ class Volctl(Scenario):
         self.lay("/run", "mode=755")
 
     def settings(self, **content):
-        write("/etc/tarnwick/volumes.plist", property_list(content))
+        write(SETTINGS, property_list(content))
 
     def normal(self, text):
         return [re.sub(r"loop\d+", "LOOP", re.sub(" +", " ", line)) for line in super().normal(text)]
@@ -125,10 +127,53 @@ class Volctl(Scenario):
     def test_preboot(self):
         os.symlink("/media/cwd", "/media/link")
         self.settings(PrebootDirectory="/media/link")
-        for mode in 0o644, 0o666:  # now anybody might have written it
-            os.chmod("/etc/tarnwick/volumes.plist", mode)
-            self.assertEqual(b">/media/cwd<" in self.volctl("info", "-plist", "Preboot"), mode == 0o644)
+        self.assertIn(b">/media/cwd<", self.volctl("info", "-plist", "Preboot"))
         self.record = ""  # the rest is this machine's own
+
+    def test_settings_that_cannot_be_used(self):
+        """Only `list` goes on without them, with a warning."""
+        good = property_list({"PrebootDirectory": "/media/cwd"})
+        self.listed()  # a missing file is no problem
+        unknown = property_list({"Roles": {"SERVICE": "Prebot", "sda3": "Data"}})
+        for name, text in (("broken", good[:-9]), ("with an array as its root", property_list([])), ("empty", ""),
+                           ("with a number for a folder", property_list({"PrebootDirectory": 1})),
+                           ("with an unknown role", unknown)):
+            write(SETTINGS, text)
+            self.refused(name)
+        write(SETTINGS, good)
+        for mode in 0o666, 0o664:
+            os.chmod(SETTINGS, mode)
+            self.refused(f"of mode {mode:o}")
+        os.chmod(SETTINGS, 0o600)
+        self.listed(user=65534, group=65534, extra_groups=[])
+        os.chown(SETTINGS, 65534, 0)
+        self.refused("of another owner")
+        for target in write("/media/good", good), "/nowhere":
+            os.remove(SETTINGS)
+            os.symlink(target, SETTINGS)
+            self.refused("that is a link")
+        os.remove(SETTINGS)
+        os.mkdir(SETTINGS)
+        self.refused("that is a folder")
+        os.rmdir(SETTINGS)
+        write(SETTINGS, good)
+        self.listed(user=65534, group=65534, extra_groups=[])
+
+    def listed(self, **options):
+        """Records the messages of `volctl list`. The table is that of the machine, so only its first line is checked."""
+        with open("/media/table", "wb") as table:
+            self.volctl("list", stdout=table, **options)
+        self.assertRegex(world.read("/media/table").splitlines()[1], " Data +[^/]* / +mounted$")
+
+    def refused(self, name):
+        """Records the messages of `list` and `info`. The other commands must fail as `info` does."""
+        self.note("file", name)
+        self.listed()
+        answer = self.tool("volctl", "info", "/")
+        for words in "info -plist /", "zkfs listGroups", "zkfs listGroups -plist", "zkfs unlockVolume /", \
+                "zkfs lockVolume /":
+            done = subprocess.run(["/media/programs/volctl", *words.split()], capture_output=True, check=False)
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (1, b"", answer.stderr), words)
 
     def test_locked_volumes(self):
         """Stay locked without the right key, and have no damaged header mended."""

@@ -1,10 +1,11 @@
-// What is found on the machines that tests/data/machines.txt has written down: a paragraph each, with what it shows,
-// the machine, what is asked, and behind ">" what is to be found. In the machine's lines stands:
-//   mount LINE          of /proc/self/mountinfo
-//   settings KEYS       of volumes.plist
+// The volumes found on the machines that tests/data/machines.txt records. A paragraph is a machine: its first line
+// names what it shows, the lines that begin with ">" are the result, and the others are, in any order:
+//   mount LINE          a line of /proc/self/mountinfo
+//   settings KEYS       the keys of volumes.plist
+//   ask ID              an identifier to look up
 //   PATH KEY=VALUE...   a folder below /sys/devices: a device if its path has "/block/"
-// Of a device, has= (a type, or "unknown"), uuid=, label=, part=, partuuid= and partname= tell what it holds, on=A,B on
-// what it stands; of another folder, bus= is its subsystem. All keys are files with their content, too.
+// A device contains what has= (a type, or "unknown"), uuid=, label=, part=, partuuid= and partname= say, and its lower
+// devices are on=A,B. The subsystem of another folder is bus=. Every key is also a file of the folder with its value.
 #include "volctl/volumes.h"
 
 #include <gtest/gtest.h>
@@ -49,7 +50,9 @@ public:
             mounts_ += rest + '\n';
         } else if (first == "settings") {
             const auto list = parsePropertyList("<plist version=\"1.0\"><dict>" + rest + "</dict></plist>");
-            settings_ = readVolumeSettings(*list->as<PropertyListDictionary>());
+            const auto reading = readVolumeSettings(*list->as<PropertyListDictionary>());
+            EXPECT_EQ(reading.problem, "");
+            settings_ = reading.settings;
         } else if (first == "ask") {
             asked_.push_back(rest);
         } else {
@@ -65,7 +68,8 @@ public:
                               settings_,
                               [&](const BlockDevice& device) { return answers_[device.name]; },
                               [](const std::string& path) { return !path.ends_with("file"); },
-                              [](const std::string& path) { return path == "/dev/disk/link" ? makedev(8, 77) : 0; }};
+                              [](const std::string& path) { return path == "/dev/disk/link" ? makedev(8, 77) : 0; },
+                              {}};
         std::ostringstream text;
         for (const auto& mount : machine.mounts)
             text << (text.tellp() > 0 ? " " : "") << mount.type << ':' << mount.target;
@@ -133,6 +137,30 @@ TEST(Volumes, AreThoseThatTheMachineHas) {
         EXPECT_EQ(machine.found(), expected) << title;
     }
     EXPECT_GT(machines, 20);
+}
+
+TEST(VolumeSettings, RejectsValuesOfAnotherTypeAndUnknownRoles) {
+    struct Row {
+        std::string keys;
+        std::string problem;
+        std::string prebootDirectory;  // a listing shows the settings that can be used
+    };
+    const auto* const goodKey = "<key>PrebootDirectory</key><string>/service</string>";
+    const Row rows[] = {
+        {"<key>Roles</key><dict><key>a</key><string>Swap</string></dict>", "", "/service"},
+        {"<key>Roles</key><array/>", "Roles is not a dictionary", "/boot"},
+        {"<key>Roles</key><dict><key>a</key><true/></dict>", "the role of a is not a string", "/boot"},
+        {"<key>PrebootDirectory</key><true/>", "PrebootDirectory is not a string", "/boot"},
+        {"<key>IncludeRemovable</key><integer>1</integer>", "IncludeRemovable is not a boolean", "/boot"},
+        {"<key>Roles</key><dict><key>a</key><string>data</string></dict>",
+         "unknown role \"data\" of a; the roles are Preboot, Data, System, Swap and Other", "/service"},
+    };
+    for (const auto& row : rows) {
+        const auto list = parsePropertyList("<plist version=\"1.0\"><dict>" + (goodKey + row.keys) + "</dict></plist>");
+        const auto reading = readVolumeSettings(*list->as<PropertyListDictionary>());
+        EXPECT_EQ(reading.problem, row.problem);
+        EXPECT_EQ(reading.settings.prebootDirectory, row.prebootDirectory) << row.keys;
+    }
 }
 
 TEST(VisibleText, LetsNoControlOrForeignByteThrough) {

@@ -27,11 +27,17 @@ int print(const std::string& text) {
     return written ? 0 : complain("cannot write the answer");
 }
 
-int list() { return print(volumeTable(findVolumes(thisMachine()))); }
+int list() {
+    const auto machine = thisMachine();
+    if (!machine.settingsProblem.empty()) complain("warning: " + machine.settingsProblem);
+    return print(volumeTable(findVolumes(machine)));
+}
 
 int listGroups(bool asPropertyList) {
-    if (!asPropertyList) return list();
-    const auto volumes = findVolumes(thisMachine());
+    const auto machine = thisMachine();
+    if (!machine.settingsProblem.empty()) return complain(machine.settingsProblem);
+    const auto volumes = findVolumes(machine);
+    if (!asPropertyList) return print(volumeTable(volumes));
     for (const auto& volume : volumes)
         if (!volume.leftOutBecause.empty())
             complain(volume.deviceIdentifier + " is left out: " + volume.leftOutBecause);

@@ -10,6 +10,8 @@ namespace tarnwick {
 
 namespace {
 
+constexpr std::array<std::string_view, 5> roles{"Preboot", "Data", "System", "Swap", "Other"};
+
 struct PartitionRole {
     std::string_view type;
     std::string_view role;
@@ -68,15 +70,12 @@ bool isDataPath(const std::string& path) {
 
 }  // namespace
 
-VolumeSettings readVolumeSettings(const PropertyListDictionary& dictionary) {
-    VolumeSettings settings;
-    if (const auto* roles = findValueAs<PropertyListDictionary>(dictionary, "Roles"))
-        for (const auto& [key, value] : *roles)
-            if (const auto* role = value.as<std::string>()) settings.roles[key] = *role;
-    if (const auto* folder = findValueAs<std::string>(dictionary, "PrebootDirectory"))
-        settings.prebootDirectory = *folder;
-    if (const auto* include = findValueAs<bool>(dictionary, "IncludeRemovable")) settings.includeRemovable = *include;
-    return settings;
+bool isRoleName(std::string_view text) { return std::find(roles.begin(), roles.end(), text) != roles.end(); }
+
+std::string roleNames() {
+    std::string text;
+    for (const auto role : roles) text.append(text.empty() ? "" : role == roles.back() ? " and " : ", ").append(role);
+    return text;
 }
 
 std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings) {

@@ -1,24 +1,18 @@
 // What a volume is for.
 #pragma once
 
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "volume_settings.h"
 
 namespace tarnwick {
 
-// The file /etc/tarnwick/volumes.plist.
-struct VolumeSettings {
-    std::map<std::string, std::string> roles;  // by file system UUID, partition UUID, device name or label
-    std::string prebootDirectory = "/boot";
-    bool includeRemovable = false;
-};
+bool isRoleName(std::string_view text);
 
-// The settings of `dictionary`; a key missing or of another type keeps its default.
-VolumeSettings readVolumeSettings(const PropertyListDictionary& dictionary);
+// All role names as a list for people.
+std::string roleNames();
 
 // What speaks for a role, each empty where not known.
 struct RoleEvidence {

@@ -1,20 +1,18 @@
 #include "volumes.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <map>
 #include <utility>
 
+#include "roles.h"
 #include "visible_text.h"
 
 namespace tarnwick {
 
 namespace {
 
-constexpr const char* settingsPath = "/etc/tarnwick/volumes.plist";
 constexpr std::string_view logicalVolumePrefix = "LVM-";
 constexpr std::size_t logicalVolumeUuidSize = 4 + 32 + 32;  // prefix, volume group, volume; hidden layers add a suffix
 
@@ -291,38 +289,12 @@ const Volume* findByDevice(const Machine& machine, const std::vector<Volume>& vo
     return nullptr;
 }
 
-// The folder may be mounted on demand only, and opening it is the demand. Mounts are known by paths without links.
-void demandPreboot(std::string& folder) {
-    const FileDescriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::error_code error;
-    const auto real = std::filesystem::canonical(folder, error);
-    if (opened && !error && folder.starts_with('/')) folder = real;
-}
-
 }  // namespace
-
-Machine thisMachine() {
-    Machine machine;
-    if (const auto settings = readTrustedPropertyListFile(settingsPath))
-        machine.settings = readVolumeSettings(*settings);
-    machine.devices = readBlockDevices();
-    demandPreboot(machine.settings.prebootDirectory);
-    machine.mounts = readVisibleMounts();
-    machine.probe = probeDevice;
-    machine.isDirectory = [](const std::string& path) {
-        struct stat status {};
-        return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-    };
-    machine.nodeNumber = [](const std::string& path) -> dev_t {
-        struct stat status {};
-        return ::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) ? status.st_rdev : 0;
-    };
-    return machine;
-}
 
 std::vector<Volume> findVolumes(const Machine& machine) { return VolumeFinder(machine).find(); }
 
 Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
+    if (!machine.settingsProblem.empty()) return {std::nullopt, machine.settingsProblem};
     if (identifier == "Preboot") return lookUpPreboot(machine, volumes);
     if (const auto* volume = findByDevice(machine, volumes, identifier)) return found(*volume);
     const auto path = withoutEndingSlashes(identifier);

@@ -2,30 +2,14 @@
 // partition, a logical volume), and groups hold volumes (a file system, a swap area, a locked container).
 #pragma once
 
-#include <functional>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "block_devices.h"
-#include "mounts.h"
-#include "probe.h"
-#include "roles.h"
+#include "machine.h"
 
 namespace tarnwick {
-
-// What is looked at. Each part may be a recorded one.
-struct Machine {
-    BlockDevices devices;
-    std::vector<Mount> mounts;
-    VolumeSettings settings;
-    Prober probe;
-    std::function<bool(const std::string&)> isDirectory;  // asked of mount points that show part of a file system
-    std::function<dev_t(const std::string&)> nodeNumber;  // of a path below /dev, links followed; 0: no block device
-};
-
-// The machine that this program runs on, with /etc/tarnwick/volumes.plist.
-Machine thisMachine();
 
 struct Volume {
     std::string deviceIdentifier;  // name of the topmost device that holds it
@@ -48,6 +32,7 @@ struct Volume {
 std::vector<Volume> findVolumes(const Machine& machine);
 
 // The answer to an identifier: the role name Preboot, a device name, a mount point or a volume name, in this order.
+// There is none while machine.settingsProblem is set; that text is the problem then.
 struct Lookup {
     std::optional<Volume> volume;
     std::string problem;  // why there is none
