@@ -61,13 +61,6 @@ std::optional<std::string> roleBySettings(const RoleEvidence& evidence, const Vo
     return std::nullopt;
 }
 
-bool isDataPath(const std::string& path) {
-    if (path == "/") return true;
-    for (const std::string_view folder : {"/home", "/srv", "/var"})
-        if (path == folder || (path.starts_with(folder) && path[folder.size()] == '/')) return true;
-    return false;
-}
-
 }  // namespace
 
 bool isRoleName(std::string_view text) { return std::find(roles.begin(), roles.end(), text) != roles.end(); }
@@ -82,8 +75,15 @@ std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings)
     if (auto role = roleBySettings(evidence, settings)) return *role;
     for (const auto& known : partitionRoles)
         if (evidence.partitionType == known.type) return std::string(known.role);
-    const bool holdsData = std::any_of(evidence.mountPoints.begin(), evidence.mountPoints.end(), isDataPath);
+    const bool holdsData = std::any_of(evidence.mountPoints.begin(), evidence.mountPoints.end(),
+                                       [](const auto& path) { return path == "/" || isBelowDataFolder(path); });
     return holdsData ? "Data" : "Other";
+}
+
+bool isBelowDataFolder(std::string_view path) {
+    for (const std::string_view folder : {"/home", "/srv", "/var"})
+        if (path == folder || (path.starts_with(folder) && path[folder.size()] == '/')) return true;
+    return false;
 }
 
 bool allowsColons(std::string_view fileSystemType) {

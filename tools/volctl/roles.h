@@ -27,6 +27,9 @@ struct RoleEvidence {
 // The first that matches: the settings, the partition type, the mount points; "Other" when none does.
 std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings);
 
+// At or below /home, /srv or /var.
+bool isBelowDataFolder(std::string_view path);
+
 // Whether file names on such a file system may hold a colon, as the names of captures do.
 bool allowsColons(std::string_view fileSystemType);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 #include <utility>
 
 #include "roles.h"
@@ -70,6 +71,23 @@ bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& de
            machine.nodeNumber(mount.source) == device.number;
 }
 
+bool contains(const std::vector<std::string>& list, const std::string& text) {
+    return std::find(list.begin(), list.end(), text) != list.end();
+}
+
+bool holdsRoot(const Volume& volume) { return contains(volume.mountPoints, "/"); }
+
+std::string withoutEndingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// Of several mounts of one file system the smallest answers for it.
+std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
+    const int kind = mount.target == "/" ? 0 : isBelowDataFolder(mount.target) ? 1 : mount.root == "/" ? 2 : 3;
+    return {kind, mount.target.size(), mount.target};
+}
+
 class VolumeFinder {
 public:
     explicit VolumeFinder(const Machine& machine) : machine_(machine) {}
@@ -81,11 +99,7 @@ public:
         for (auto& volume : volumes_) settle(volume);
         addUnknownRoot();
         for (auto& volume : volumes_) judge(volume);
-        std::stable_sort(volumes_.begin(), volumes_.end(), [](const Volume& left, const Volume& right) {
-            const VersionOrder before;
-            return left.container != right.container ? before(left.container, right.container)
-                                                     : before(left.group, right.group);
-        });
+        sort();
         return std::move(volumes_);
     }
 
@@ -175,10 +189,7 @@ private:
         for (const auto* mount : mounts) {
             if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;  // a single file, bound
             volume.mountPoints.push_back(mount->target);
-            const bool better =
-                !best || (mount->root == "/" && best->root != "/") ||
-                ((mount->root == "/") == (best->root == "/") && mount->target.size() < best->target.size());
-            if (better) best = mount;
+            if (!best || preference(*mount) < preference(*best)) best = mount;
         }
         if (best) volume.mountPoint = best->target;
         if (best && volume.fileSystem.empty()) volume.fileSystem = best->type;
@@ -192,9 +203,6 @@ private:
 
     // Named by its source where that can be told from the devices, else by its number.
     void addUnknownRoot() {
-        const auto holdsRoot = [](const Volume& volume) {
-            return std::find(volume.mountPoints.begin(), volume.mountPoints.end(), "/") != volume.mountPoints.end();
-        };
         if (std::any_of(volumes_.begin(), volumes_.end(), holdsRoot)) return;
         const auto root = std::find_if(machine_.mounts.begin(), machine_.mounts.end(),
                                        [](const Mount& mount) { return mount.target == "/"; });
@@ -220,20 +228,29 @@ private:
             volume.leftOutBecause = "its device name holds a character that is not passed on";
     }
 
+    // Captures search the last volume first, and of several files of one name the file searched last is kept.
+    void sort() {
+        std::stable_sort(volumes_.begin(), volumes_.end(), [](const Volume& left, const Volume& right) {
+            const VersionOrder before;
+            return left.container != right.container ? before(left.container, right.container)
+                                                     : before(left.group, right.group);
+        });
+        const auto found = std::find_if(volumes_.begin(), volumes_.end(), holdsRoot);
+        if (found == volumes_.end()) return;
+        const auto root = *found;
+        const auto bringForward = [&](const auto& condition) {
+            std::stable_partition(volumes_.begin(), volumes_.end(), condition);
+        };
+        bringForward(holdsRoot);
+        bringForward([&](const Volume& each) { return each.group == root.group; });
+        bringForward([&](const Volume& each) { return each.container == root.container; });
+    }
+
     const Machine& machine_;
     std::vector<Volume> volumes_;
     std::map<std::string, std::vector<const Mount*>> mounts_;  // by top device
     std::map<std::string, RoleEvidence> evidence_;             // by top device
 };
-
-bool contains(const std::vector<std::string>& list, const std::string& text) {
-    return std::find(list.begin(), list.end(), text) != list.end();
-}
-
-std::string withoutEndingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
 
 Lookup found(const Volume& volume) {
     if (volume.leftOutBecause.empty()) return {volume, {}};

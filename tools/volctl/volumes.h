@@ -19,7 +19,9 @@ struct Volume {
     std::string uuid;        // empty: not known
     std::string fileSystem;  // type; empty: not known
     std::string role;
-    std::string mountPoint;                // empty: not mounted
+    // Of several mounts, the one at /, else the shortest at or below /home, /srv or /var, else the shortest that shows
+    // the file system from its top, else the shortest; empty: not mounted.
+    std::string mountPoint;
     std::vector<std::string> mountPoints;  // all of them
     std::vector<std::string> deviceNames;  // all devices that stand for this volume and no other, the top one first
     std::uint64_t size = 0;                // bytes; 0: not known
@@ -27,8 +29,9 @@ struct Volume {
     std::string leftOutBecause;  // empty: it is listed; else the reason why the listing and the other commands pass it
 };
 
-// Every volume, ordered by container and group. Each appears once, whatever stands between it and the disk. A file
-// system mounted at / counts as one even where its device is not known here (a pool, a network, layers).
+// Every volume, ordered by container and group, but the container of / first, in it the group of / and in it the volume
+// of /. Each appears once, however many layers are between it and the disk. The file system at / is a volume even where
+// its device is not known here (a pool, a network, layers); then it is a container of its own.
 std::vector<Volume> findVolumes(const Machine& machine);
 
 // The answer to an identifier: the role name Preboot, a device name, a mount point or a volume name, in this order.
