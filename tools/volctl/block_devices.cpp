@@ -119,7 +119,7 @@ std::optional<BlockDevice> readDevice(const fs::path& entry) {
     device.lower = linkedDevices(folder / "slaves");
     device.upper = linkedDevices(folder / "holders");
     device.viewOf = loopView(folder);
-    device.detachable = isDetachableDisk(partition ? folder.parent_path() : folder);
+    device.detachable = !partition && isDetachableDisk(folder);
     return device;
 }
 
@@ -140,10 +140,6 @@ void joinDevices(BlockDevices& devices) {
         device.viewOf = shown ? shown->name : std::string();
         if (shown && device.lower.empty()) device.lower.push_back(shown->name);
         if (const auto disk = devices.find(device.wholeDisk); disk != devices.end()) disk->second.partitioned = true;
-    }
-    for (auto& [name, device] : devices) {
-        const auto stack = deviceStack(devices, device);
-        device.detachable = std::any_of(stack.begin(), stack.end(), [](const auto* each) { return each->detachable; });
     }
 }
 

@@ -23,7 +23,7 @@ struct BlockDevice {
     std::vector<std::string> lower;  // names of the devices that it stands on
     std::vector<std::string> upper;  // names of the devices that stand on it, its partitions not counted
     std::string viewOf;        // of a loop device that shows another device from end to end: that device; else empty
-    bool detachable = false;   // removable medium, or on a bus made for plugging; for what stands on it as well
+    bool detachable = false;   // a disk with a removable medium, or on a bus made for plugging
     bool partitioned = false;  // has partitions that the kernel knows of
 };
 

@@ -90,7 +90,11 @@ std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
 
 class VolumeFinder {
 public:
-    explicit VolumeFinder(const Machine& machine) : machine_(machine) {}
+    explicit VolumeFinder(const Machine& machine) : machine_(machine) {
+        for (const auto& [name, device] : machine_.devices)
+            for (const auto* mount : mountsOf(device))
+                if (mount->target == "/") rootDevices_ = deviceStack(machine_.devices, device);
+    }
 
     std::vector<Volume> find() {
         for (const auto& [name, device] : machine_.devices)
@@ -125,6 +129,14 @@ private:
         return found;
     }
 
+    // The disks below / belong to the machine, wherever they are plugged in.
+    [[nodiscard]] bool comesAndGoes(const BlockDevice& top) const {
+        const auto stack = deviceStack(machine_.devices, top);
+        return std::any_of(stack.begin(), stack.end(), [&](const BlockDevice* each) {
+            return each->detachable && std::find(rootDevices_.begin(), rootDevices_.end(), each) == rootDevices_.end();
+        });
+    }
+
     void addDevice(const BlockDevice& top) {
         const auto chain = downToGroup(machine_.devices, top);
         const auto& group = *chain.back();
@@ -139,7 +151,7 @@ private:
         }
         const auto mounts = mountsOf(top);
         for (const auto* mount : mounts) mounts_[top.name].push_back(mount);
-        if (top.detachable && !machine_.settings.includeRemovable)
+        if (!machine_.settings.includeRemovable && comesAndGoes(top))
             volume.leftOutBecause = "removable or hot-pluggable";  // and so never read: a drive may have to be woken
         else if (!addContent(volume, top, group) && mounts.empty())
             return;
@@ -247,6 +259,7 @@ private:
     }
 
     const Machine& machine_;
+    std::vector<const BlockDevice*> rootDevices_;  // the device of / and all below it; empty: not known
     std::vector<Volume> volumes_;
     std::map<std::string, std::vector<const Mount*>> mounts_;  // by top device
     std::map<std::string, RoleEvidence> evidence_;             // by top device
