@@ -136,7 +136,7 @@ TEST(Volumes, AreThoseThatTheMachineHas) {
                 machine.add(line);
         EXPECT_EQ(machine.found(), expected) << title;
     }
-    EXPECT_GT(machines, 20);
+    EXPECT_GT(machines, 30);
 }
 
 TEST(VolumeSettings, RejectsValuesOfAnotherTypeAndUnknownRoles) {

@@ -61,6 +61,29 @@ std::optional<std::string> roleBySettings(const RoleEvidence& evidence, const Vo
     return std::nullopt;
 }
 
+std::string_view roleByPartitionType(std::string_view type) {
+    const auto* known = std::find_if(partitionRoles.begin(), partitionRoles.end(),
+                                     [&](const PartitionRole& each) { return each.type == type; });
+    return known == partitionRoles.end() ? std::string_view() : known->role;
+}
+
+// Formats that are written once, as a whole, to ship software.
+bool isImageFormat(std::string_view fileSystem) {
+    static constexpr std::array formats{"squashfs", "erofs", "cramfs", "romfs", "iso9660"};
+    return std::find(formats.begin(), formats.end(), fileSystem) != formats.end();
+}
+
+std::string_view roleByEvidence(const RoleEvidence& evidence, std::string_view prebootDirectoryRole) {
+    const auto& mounts = evidence.mountPoints;
+    if (std::find(mounts.begin(), mounts.end(), "/") != mounts.end()) return "Data";
+    if (evidence.isImage || isImageFormat(evidence.fileSystem)) return "Other";
+    const auto byType = roleByPartitionType(evidence.partitionType);
+    if (evidence.atPrebootDirectory && (byType.empty() || byType == "Data"))
+        return allowsColons(evidence.fileSystem) ? prebootDirectoryRole : "Other";
+    if (!byType.empty()) return byType;
+    return evidence.isEncrypted || std::any_of(mounts.begin(), mounts.end(), isBelowDataFolder) ? "Data" : "Other";
+}
+
 }  // namespace
 
 bool isRoleName(std::string_view text) { return std::find(roles.begin(), roles.end(), text) != roles.end(); }
@@ -71,13 +94,10 @@ std::string roleNames() {
     return text;
 }
 
-std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings) {
+std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings,
+                   std::string_view prebootDirectoryRole) {
     if (auto role = roleBySettings(evidence, settings)) return *role;
-    for (const auto& known : partitionRoles)
-        if (evidence.partitionType == known.type) return std::string(known.role);
-    const bool holdsData = std::any_of(evidence.mountPoints.begin(), evidence.mountPoints.end(),
-                                       [](const auto& path) { return path == "/" || isBelowDataFolder(path); });
-    return holdsData ? "Data" : "Other";
+    return std::string(roleByEvidence(evidence, prebootDirectoryRole));
 }
 
 bool isBelowDataFolder(std::string_view path) {

@@ -14,18 +14,24 @@ bool isRoleName(std::string_view text);
 // All role names as a list for people.
 std::string roleNames();
 
-// What speaks for a role, each empty where not known.
+// What a role is decided by; each empty where not known.
 struct RoleEvidence {
     std::string uuid;
     std::string partitionUuid;
     std::vector<std::string> deviceNames;
     std::string label;
     std::string partitionType;
+    std::string fileSystem;
     std::vector<std::string> mountPoints;
+    bool isImage = false;             // its device shows a file, as a loop device does
+    bool isEncrypted = false;         // a LUKS container that is locked, or open only through unlockVolume
+    bool atPrebootDirectory = false;  // a file system of its own is mounted there
 };
 
-// The first that matches: the settings, the partition type, the mount points; "Other" when none does.
-std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings);
+// The first that matches: an entry of the settings; Data at /; Other for an image; `prebootDirectoryRole` at the
+// PrebootDirectory, unless the partition type says System, Swap or Preboot; the partition type; Data for a locked
+// container; Data at or below /home, /srv and /var; Other.
+std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings, std::string_view prebootDirectoryRole);
 
 // At or below /home, /srv or /var.
 bool isBelowDataFolder(std::string_view path);

@@ -7,6 +7,7 @@
 #include <tuple>
 #include <utility>
 
+#include "encrypted_device.h"
 #include "roles.h"
 #include "visible_text.h"
 
@@ -71,6 +72,14 @@ bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& de
            machine.nodeNumber(mount.source) == device.number;
 }
 
+// The device itself, or one below it, shows a file. One that shows another device is only a view of that.
+bool isOnImage(const BlockDevices& devices, const BlockDevice& top) {
+    const auto stack = deviceStack(devices, top);
+    return std::any_of(stack.begin(), stack.end(), [](const auto* each) {
+        return each->name.starts_with("loop") && each->wholeDisk.empty() && each->viewOf.empty();
+    });
+}
+
 bool contains(const std::vector<std::string>& list, const std::string& text) {
     return std::find(list.begin(), list.end(), text) != list.end();
 }
@@ -90,7 +99,8 @@ std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
 
 class VolumeFinder {
 public:
-    explicit VolumeFinder(const Machine& machine) : machine_(machine) {
+    explicit VolumeFinder(const Machine& machine)
+        : machine_(machine), prebootDirectory_(withoutEndingSlashes(machine.settings.prebootDirectory)) {
         for (const auto& [name, device] : machine_.devices)
             for (const auto* mount : mountsOf(device))
                 if (mount->target == "/") rootDevices_ = deviceStack(machine_.devices, device);
@@ -102,6 +112,7 @@ public:
         joinSpanning();
         for (auto& volume : volumes_) settle(volume);
         addUnknownRoot();
+        assignRoles();
         for (auto& volume : volumes_) judge(volume);
         sort();
         return std::move(volumes_);
@@ -151,6 +162,9 @@ private:
         }
         const auto mounts = mountsOf(top);
         for (const auto* mount : mounts) mounts_[top.name].push_back(mount);
+        auto& evidence = evidence_[top.name];
+        evidence.isImage = isOnImage(machine_.devices, top);
+        evidence.isEncrypted = chain.size() > 1 && top.mapName == mappingName(chain[1]->name);
         if (!machine_.settings.includeRemovable && comesAndGoes(top))
             volume.leftOutBecause = "removable or hot-pluggable";  // and so never read: a drive may have to be woken
         else if (!addContent(volume, top, group) && mounts.empty())
@@ -162,8 +176,12 @@ private:
     bool addContent(Volume& volume, const BlockDevice& top, const BlockDevice& group) {
         const auto answer = machine_.probe(top);
         const auto entry = &top == &group ? answer : machine_.probe(group);
-        evidence_[top.name] = {answer.uuid,  entry.partitionUuid, volume.deviceNames,
-                               answer.label, entry.partitionType, {}};
+        auto& evidence = evidence_[top.name];
+        evidence.uuid = answer.uuid;
+        evidence.partitionUuid = entry.partitionUuid;
+        evidence.label = answer.label;
+        evidence.partitionType = entry.partitionType;
+        if (answer.type == "crypto_LUKS") evidence.isEncrypted = true;
         volume.uuid = answer.uuid;
         volume.fileSystem = answer.type;
         volume.locked = answer.content == Content::encrypted;
@@ -207,10 +225,32 @@ private:
         if (best && volume.fileSystem.empty()) volume.fileSystem = best->type;
         if (best) volume.locked = false;
         if (volume.name.empty()) volume.name = volume.deviceIdentifier;
-        auto evidence = evidence_[volume.deviceIdentifier];
+        auto& evidence = evidence_[volume.deviceIdentifier];
         evidence.deviceNames = volume.deviceNames;
+        evidence.fileSystem = volume.fileSystem;
         evidence.mountPoints = volume.mountPoints;
-        volume.role = roleOf(evidence, machine_.settings);
+        evidence.atPrebootDirectory = !holdsRoot(volume) && isMountedAtPrebootDirectory(mounts);
+        if (evidence.atPrebootDirectory) volume.mountPoint = prebootDirectory_;
+    }
+
+    // A subvolume or bind mount there is only a folder of a file system that is mounted at /home, too.
+    [[nodiscard]] bool isMountedAtPrebootDirectory(const std::vector<const Mount*>& mounts) const {
+        const bool holdsData = std::any_of(mounts.begin(), mounts.end(),
+                                           [](const Mount* mount) { return isBelowDataFolder(mount->target); });
+        return std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
+            return mount->target == prebootDirectory_ && (mount->root == "/" || !holdsData);
+        });
+    }
+
+    // The volume at the PrebootDirectory is Preboot if no other one is.
+    void assignRoles() {
+        for (const auto* prebootDirectoryRole : {"Other", "Preboot"}) {
+            for (auto& volume : volumes_)
+                volume.role = roleOf(evidence_[volume.deviceIdentifier], machine_.settings, prebootDirectoryRole);
+            if (std::any_of(volumes_.begin(), volumes_.end(),
+                            [](const Volume& each) { return each.role == "Preboot"; }))
+                return;
+        }
     }
 
     // Named by its source where that can be told from the devices, else by its number.
@@ -228,7 +268,8 @@ private:
         volume.fileSystem = root->type;
         volume.mountPoint = "/";
         volume.mountPoints = {"/"};
-        volume.role = roleOf({{}, {}, {name}, {}, {}, {"/"}}, machine_.settings);
+        evidence_[name].deviceNames = volume.deviceNames;
+        evidence_[name].mountPoints = volume.mountPoints;
         volumes_.push_back(std::move(volume));
     }
 
@@ -259,6 +300,7 @@ private:
     }
 
     const Machine& machine_;
+    const std::string prebootDirectory_;
     std::vector<const BlockDevice*> rootDevices_;  // the device of / and all below it; empty: not known
     std::vector<Volume> volumes_;
     std::map<std::string, std::vector<const Mount*>> mounts_;  // by top device

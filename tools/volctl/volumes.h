@@ -19,8 +19,8 @@ struct Volume {
     std::string uuid;        // empty: not known
     std::string fileSystem;  // type; empty: not known
     std::string role;
-    // Of several mounts, the one at /, else the shortest at or below /home, /srv or /var, else the shortest that shows
-    // the file system from its top, else the shortest; empty: not mounted.
+    // Of several mounts, the one at /, else the PrebootDirectory, else the shortest at or below /home, /srv or /var,
+    // else the shortest that shows the file system from its top, else the shortest; empty: not mounted.
     std::string mountPoint;
     std::vector<std::string> mountPoints;  // all of them
     std::vector<std::string> deviceNames;  // all devices that stand for this volume and no other, the top one first
