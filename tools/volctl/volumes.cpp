@@ -75,9 +75,8 @@ bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& de
 // The device itself, or one below it, shows a file. One that shows another device is only a view of that.
 bool isOnImage(const BlockDevices& devices, const BlockDevice& top) {
     const auto stack = deviceStack(devices, top);
-    return std::any_of(stack.begin(), stack.end(), [](const auto* each) {
-        return each->name.starts_with("loop") && each->wholeDisk.empty() && each->viewOf.empty();
-    });
+    return std::any_of(stack.begin(), stack.end(),
+                       [](const auto* each) { return each->name.starts_with("loop") && each->viewOf.empty(); });
 }
 
 bool contains(const std::vector<std::string>& list, const std::string& text) {
