@@ -43,6 +43,7 @@ public:
     bool hole(std::uint64_t length) override { return length <= longest && data(ByteVector(length)); }
     bool finish(const EntryTail& tail, const ContentReader& content) override {
         require(open_ && (!tail.contentOf || content_.empty()));
+        require(!tail.unreadable || extentsFit(*tail.unreadable));
         if (tail.contentOf && !content(*this)) content_.clear();
         require(!tail.digest || tail.contentOf || sha256(content_) == *tail.digest);
         require(!tail.sum || tail.contentOf || tail.sum->size == content_.size());
@@ -63,6 +64,16 @@ public:
 
 private:
     static constexpr std::size_t longest = 1U << 23;
+
+    [[nodiscard]] bool extentsFit(const std::vector<Extent>& extents) const {
+        std::uint64_t end = 0;
+        for (const Extent& extent : extents) {
+            const bool apart = &extent == extents.data() || extent.offset > end;
+            if (!apart || extent.length == 0 || extent.end() > content_.size()) return false;
+            end = extent.end();
+        }
+        return true;
+    }
 
     std::string path_;
     std::string content_;

@@ -151,7 +151,7 @@ class Archive {
     if (present & 0x20) entry.ctime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
     if (present & 0x40) entry.btime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
     demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777, "an entry has an unknown field or mode");
-    this.open = { entry, place, size: 0n, holes: 0, stored: false, digest: sha256(""), target: [] };
+    this.open = { entry, place, size: 0n, holes: 0, zeros: 0n, stored: false, digest: sha256(""), target: [] };
   }
 
   add(bytes) {
@@ -170,26 +170,33 @@ class Archive {
     demand(this.open.entry.type === FILE, "a hole in what is no file");
     let rest = fields.varint();
     demand(rest > 0n, "a hole of nothing");
+    this.open.zeros += rest;
     for (; rest >= BLOCK; rest -= BigInt(BLOCK)) this.add(ZEROS);
     this.add(ZEROS.subarray(0, Number(rest)));
     this.open.holes++;
   }
 
   [END](fields) {
-    const { entry, place, size, holes, stored, digest, target } = this.open;
+    const { entry, place, size, holes, zeros, stored, digest, target } = this.open;
     const present = fields.byte(), has = (bit) => Boolean(present & (1 << bit));
     const isFile = entry.type === FILE;
-    demand(!has(6) && (has(1) ? isFile : holes === 0), "an end has the wrong fields");
+    demand((has(1) ? isFile : holes === 0), "an end has the wrong fields");
     demand(!has(0) || entry.type !== DIRECTORY, "a digest of no content");
     const digestSaid = has(0) && fields.take(32).toString("hex"), sum = has(1) && [fields.varint(), fields.count()];
     if (has(2)) entry.content_of = fields.count();
     if (has(3)) entry.link_of = fields.count();
     if (has(4)) entry.xattrs = repeat(fields.count(), () => [fields.text(), fields.text()]);
     if (has(5)) [entry.acl, entry.default_acl] = [fields.text().toString(), fields.text().toString()];
+    if (has(6)) Object.assign(entry, { incomplete: true, unreadable: this.extents(fields) });
     if (has(7)) entry.xattrs_omitted = true;
     const holder = has(2) ? this.entries[entry.content_of] : { type: FILE, size, holes, sha256: digest.digest("hex") };
     demand(!has(2) || (isFile && !stored), "content besides a reference to content");
     demand(holder?.type === FILE && holder.content_of === undefined, "a reference to no content");
+    demand(!has(2) || !holder.unreadable?.length, "a reference to incomplete content");
+    const extents = entry.unreadable ?? [], missing = extents.reduce((sum, each) => sum + each.length, 0n);
+    const end = extents.reduce((_, { offset, length }) => offset + length, 0n);
+    demand(missing === 0n || (isFile && !has(2) && end <= size && missing <= zeros), "wrong unreadable extents");
+    demand(entry.type !== LINK || size > 0n || has(6), "a link without target");
     demand(!has(3) || (has(2) && entry.link_of < entry.number), "a wrong link reference");
     if (isFile) Object.assign(entry, { size: holder.size, holes: holder.holes });
     if (isFile || has(0)) entry.sha256 = holder.sha256;
@@ -201,6 +208,18 @@ class Archive {
     print(entry);
   }
 
+  extents(fields) {
+    let end = 0n;
+    const count = fields.count();
+    demand(count <= 4096, "too many unreadable extents");
+    return repeat(count, (_, i) => {
+      const gap = fields.varint(), length = fields.varint(), offset = end + gap;
+      demand(length > 0n && (gap > 0n || i === 0), "unreadable extents that are empty or adjacent");
+      end = offset + length;
+      return { offset, length };
+    });
+  }
+
   [INDEX](fields, ...place) {
     const first = fields.count(), entries = this.entries.slice(first, first + fields.count());
     demand(first === this.indexed, "an index part covers the wrong entries");
@@ -210,7 +229,8 @@ class Archive {
       path = Buffer.concat([path.subarray(0, fields.count()), fields.text()]);
       said.push(fields.count(), fields.count(), fields.count(), fields.varint(), (seconds += zigzag(fields.varint())));
       const { mode = 0, uid = 0, gid = 0, size = 0n } = entry;
-      const meant = [...entry.place, entry.type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
+      const type = entry.type | (entry.incomplete ? 0x80 : 0);
+      const meant = [...entry.place, type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
       demand(same(said, meant) && path.equals(entry.path), `the index tells otherwise of entry ${entry.number}`);
     }
     this.parts.push([first, ...place]);

@@ -30,6 +30,7 @@ struct Tail {
     std::optional<Digest> digest = std::nullopt;
     std::optional<SparseSum> sum = std::nullopt;
     std::optional<std::uint64_t> contentOf = std::nullopt, linkOf = std::nullopt;
+    std::optional<std::vector<Extent>> unreadable = std::nullopt;
 };
 
 // All that is put into one block must fit.
@@ -76,8 +77,9 @@ public:
     }
     ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
         ByteVector payload;
-        encodeEntryTail({tail.digest, tail.sum, tail.contentOf, tail.linkOf, {}, {}, false}, payload);
+        encodeEntryTail({tail.digest, tail.sum, tail.contentOf, tail.linkOf, {}, {}, tail.unreadable, false}, payload);
         index_.size = size;
+        index_.incomplete = tail.unreadable.has_value();
         part_.add(index_);
         return record(RecordType::end, payload);
     }

@@ -64,7 +64,7 @@ public:
     // Whether an archive was written.
     bool write(Writer writer) const {
         try {
-            if (writer == byQvx) return createArchive({recipientLine, archive_, "", {source_}});
+            if (writer == byQvx) return createArchive({recipientLine, archive_, "", {source_}}) != Creation::failed;
             encryptFile(files_, recipientLine, archive_);
             return true;
         } catch (const std::exception& error) {  // qvx has others for its main()

@@ -15,6 +15,7 @@
 
 #include "key_files.h"
 #include "platform/archive/archive_library.h"
+#include "platform/archive/disk_entry.h"
 #include "platform/archive/path_list.h"
 #include "report.h"
 
@@ -74,6 +75,7 @@ public:
     }
 
     [[nodiscard]] const PathList* list() const { return &list_; }
+    [[nodiscard]] bool complete() const { return complete_; }  // no directory was unreadable
 
 private:
     enum class Kind { directory, file, link, special };
@@ -90,16 +92,14 @@ private:
 
     // Kinds are as the directory itself says, mostly, without a look at the file. The standard library's iterator would
     // end the process where memory runs out. False with errno set.
-    static bool readBelow(const std::string& directory, std::vector<Found>& below) {
-        const std::unique_ptr<DIR, FreeWith<closedir>> opened(opendir(directory.c_str()));
-        if (!opened) return false;
-        for (errno = 0; const dirent* entry = readdir(opened.get()); errno = 0) {
+    static bool readBelow(DIR* opened, std::vector<Found>& below) {
+        for (errno = 0; const dirent* entry = readdir(opened); errno = 0) {
             const std::string_view name = entry->d_name;
             if (name == "." || name == "..") continue;
             struct stat status {};
             status.st_mode = DTTOIF(entry->d_type);
             if (entry->d_type == DT_UNKNOWN &&
-                fstatat(dirfd(opened.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+                fstatat(dirfd(opened), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
                 return false;
             below.push_back({std::string(name), kindOf(status.st_mode)});
         }
@@ -107,11 +107,18 @@ private:
     }
 
     bool addBelow(const std::string& directory) {
+        std::unique_ptr<DIR, FreeWith<closedir>> opened(opendir(directory.c_str()));
+        if (!opened && isUnreadable(-errno)) {
+            sayError(escapedName(directory) + ": what is in it is left out", errno);
+            complete_ = false;
+            return true;
+        }
         std::vector<Found> below;
-        if (!readBelow(directory, below)) {
+        if (!opened || !readBelow(opened.get(), below)) {
             sayError(escapedName(directory), errno);
             return false;
         }
+        opened.reset();  // the way down may be long
         std::sort(below.begin(), below.end(), [](const Found& a, const Found& b) { return a.name < b.name; });
         return std::all_of(below.begin(), below.end(), [&](const Found& found) {
             const std::string path = directory.ends_with('/') ? directory + found.name : directory + '/' + found.name;
@@ -137,6 +144,7 @@ private:
     PathList list_;
     std::string working_;
     std::optional<FileIdentity> output_;
+    bool complete_ = true;
 };
 
 // Calls `take` for each name of the file. False, after saying why, when one is refused or the file cannot be read.
@@ -172,9 +180,14 @@ bool collect(Collection& collection, const CreateOptions& options) {
                        [&](const std::string& path) { return collection.addTree(path); });
 }
 
-bool refuse(const char* what) {
+Creation refuse(const char* what) {
     say(what);
-    return false;
+    return Creation::failed;
+}
+
+void sayIncomplete(const ArchiveStream* encoder, const PathList& list) {
+    for (const auto& [number, error] : incompleteEntries(encoder))
+        sayError(escapedName(list.pathOf(number)) + ": stored as incomplete", error);
 }
 
 bool setUp(EncryptionContext* context, const Point& recipient) {
@@ -185,7 +198,7 @@ bool setUp(EncryptionContext* context, const Point& recipient) {
 }
 
 // `begun` tells whether the output was opened, and so is not what it was before.
-bool writeArchive(const PathList* list, const Point& recipient, const std::string& output, bool& begun) {
+Creation writeArchive(const PathList* list, const Point& recipient, const std::string& output, bool& begun) {
     const ContextHandle context(createEncryptionContext(profileHpke));
     if (!context || !setUp(context.get(), recipient)) return refuse("the recipient's key is not usable");
     const KeySetHandle keys(fieldKeySetFromString(allFields));
@@ -199,9 +212,12 @@ bool writeArchive(const PathList* list, const Point& recipient, const std::strin
     const ArchiveStreamHandle encoder(openArchiveEncoderStream(encryption.get(), nullptr, nullptr, 0, workers));
     if (!encoder) return refuse("the archive cannot be begun");
     const int status = writePathList(encoder.get(), list, keys.get(), "/", nullptr, nullptr, 0, workers);
-    if (status == 0) return true;
+    if (status == 0) {
+        sayIncomplete(encoder.get(), *list);
+        return incompleteEntries(encoder.get()).empty() ? Creation::complete : Creation::incomplete;
+    }
     sayError("the archive cannot be written", -status);
-    return false;
+    return Creation::failed;
 }
 
 void removeOutput(const std::string& output) {
@@ -211,17 +227,18 @@ void removeOutput(const std::string& output) {
 
 }  // namespace
 
-bool createArchive(const CreateOptions& options) {
+Creation createArchive(const CreateOptions& options) {
     const auto recipient = loadRecipient(options.recipient);
-    if (!recipient) return false;
+    if (!recipient) return Creation::failed;
     if (!startCipherLibrary() || !publicKeyFromPoint(*recipient)) return refuse("the recipient's key is not usable");
     const auto before = identify(options.output);
     Collection collection(before);
-    if (!collect(collection, options)) return false;
+    if (!collect(collection, options)) return Creation::failed;
     bool begun = false;
-    if (writeArchive(collection.list(), *recipient, options.output, begun)) return true;
-    if (begun || !before) removeOutput(options.output);
-    return false;
+    const Creation made = writeArchive(collection.list(), *recipient, options.output, begun);
+    if (made == Creation::complete && !collection.complete()) return Creation::incomplete;
+    if (made == Creation::failed && (begun || !before)) removeOutput(options.output);
+    return made;
 }
 
 }  // namespace tarnwick::qvx

@@ -13,8 +13,11 @@ struct CreateOptions {
     std::vector<std::string> paths;
 };
 
-// Directories among the paths are taken with all that stands in them; names from a file are taken as they are. False
-// after saying why; then nothing is left of the archive, and a file that stood there is gone only if it was written to.
-bool createArchive(const CreateOptions& options);
+enum class Creation { complete, incomplete, failed };
+
+// Directories among the paths are taken with all that stands in them; names from a file are taken as they are. What
+// cannot be read is reported, and makes the archive incomplete. Failure is reported, too; then nothing is left of the
+// archive, and a file that stood there is gone only if it was written to.
+Creation createArchive(const CreateOptions& options);
 
 }  // namespace tarnwick::qvx

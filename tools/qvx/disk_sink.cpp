@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "interruption.h"
+#include "listing.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
@@ -125,6 +126,7 @@ bool DiskSink::hole(std::uint64_t length) {
 
 bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
     if (skipping_) return !interrupted();
+    if (tail.unreadable) reportIncomplete(tail);
     switch (head_.type) {
         case EntryType::directory: finishDirectory(tail); break;
         case EntryType::link: finishLink(tail); break;
@@ -251,7 +253,13 @@ void DiskSink::handToWriters(const EntryTail& tail) {
     writers_.put(parent_, destination_.holder(), {name_, head_, tail, std::move(content_)});
 }
 
+void DiskSink::reportIncomplete(const EntryTail& tail) {
+    say(escapedName(head_.path) + ": " + incompleteText(head_.type, tail));
+    failed_ = true;
+}
+
 void DiskSink::finishLink(const EntryTail& tail) {
+    if (linkTarget_.empty()) return fail("the link has no target");
     if (linkTarget_.find('\0') != std::string::npos) return fail("the target of the link is malformed");
     if (!temporary_.create(parent_, head_, &linkTarget_)) return fail(temporary_.what());
     commit(tail);

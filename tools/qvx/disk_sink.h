@@ -28,7 +28,8 @@ private:
 };
 
 // A file is written under another name and gets its own once its content has proved right, replacing what stood there.
-// An entry that cannot be put on disk is reported, and the next ones are not affected. Threads write small files, some
+// An entry that cannot be put on disk is reported, and the next ones are not affected; so is one that was incomplete when
+// it was captured, which is written as it is. Threads write small files, some
 // of them later; all is on disk after finishDirectories(). Changes the working directory.
 class DiskSink : public EntrySink {
 public:
@@ -47,7 +48,7 @@ public:
     // a reading that was broken off.
     void finishDirectories();
 
-    // Whether an entry could not be put on disk. To be asked at the end.
+    // Whether an entry could not be put on disk, or was incomplete when it was captured. To be asked at the end.
     [[nodiscard]] bool failed() const { return failed_ || writers_.failed(); }
 
 private:
@@ -69,6 +70,7 @@ private:
     bool alreadyThere(const EntryTail& tail);
     bool copyFrom(std::string_view path, const EntryTail& tail);
     void commit(const EntryTail& tail);
+    void reportIncomplete(const EntryTail& tail);
     void fail(const std::string& why);
     void failWithErrno();
 

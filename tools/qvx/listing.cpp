@@ -71,6 +71,17 @@ std::string octalText(unsigned mode) {
     return text;
 }
 
+std::string extentsText(const std::vector<Extent>& extents) {
+    std::string text;
+    for (const Extent& extent : extents) {
+        JsonObject object;
+        object.number("offset", extent.offset);
+        object.number("length", extent.length);
+        text += (text.empty() ? "" : ", ") + object.finish();
+    }
+    return '[' + text + ']';
+}
+
 std::string attributesText(const EntryTail& tail) {
     JsonObject object;
     for (const auto& attribute : *tail.attributes) object.text(attribute.name.c_str(), attribute.value);
@@ -82,10 +93,26 @@ bool put(std::string_view text) { return std::fwrite(text.data(), 1, text.size()
 }  // namespace
 
 std::string listingLine(const IndexEntry& entry) {
-    std::string line = modeText(entry.type, entry.mode);
+    std::string line = modeText(entry.type, entry.mode) + (entry.incomplete ? "!" : "");
     line += ' ' + std::to_string(entry.userId) + '/' + std::to_string(entry.groupId);
     line += ' ' + std::to_string(entry.size) + ' ' + timeText(entry.modifiedSeconds);
     return line + ' ' + (entry.path.empty() ? "/" : escapedName(entry.path));
+}
+
+std::string incompleteText(EntryType type, const EntryTail& tail) {
+    constexpr std::size_t maxShown = 8;
+    const std::vector<Extent>& extents = *tail.unreadable;
+    std::string text = "incomplete when it was captured: ";
+    if (extents.empty()) {
+        text += type == EntryType::directory ? "its metadata"
+                : type == EntryType::link    ? "its target or its metadata"
+                                             : "its metadata or the end of its content";
+    }
+    for (std::size_t i = 0; i < std::min(extents.size(), maxShown); ++i)
+        text += (i == 0 ? "bytes " : ", ") + std::to_string(extents[i].offset) + " to " +
+                std::to_string(extents[i].end() - 1);
+    if (extents.size() > maxShown) text += " and " + std::to_string(extents.size() - maxShown) + " more extents";
+    return text + " could not be read";
 }
 
 bool JsonSink::begin(const EntryHead& head) {
@@ -121,10 +148,13 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     if (tail.attributesOmitted) object.raw("xattrs_omitted", "true");
     if (tail.accessLists) object.text("acl", tail.accessLists->access);
     if (tail.accessLists) object.text("default_acl", tail.accessLists->defaultList);
+    if (tail.unreadable) object.raw("incomplete", "true");
+    if (tail.unreadable) object.raw("unreadable", extentsText(*tail.unreadable));
     return put(object.finish() + '\n');
 }
 
 bool OutputSink::begin(const EntryHead& head) {
+    path_ = head.path;
     if (head.type == EntryType::file) return true;
     say(escapedName(head.path) + " is not a regular file");
     return false;
@@ -142,9 +172,26 @@ bool OutputSink::hole(std::uint64_t length) {
 }
 
 bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
+    incomplete_ = incomplete_ || tail.unreadable;
+    if (tail.unreadable) say(escapedName(path_) + ": " + incompleteText(EntryType::file, tail));
     if (!tail.contentOf || content(*this)) return true;
     if (!std::ferror(stdout)) say("the content, which an earlier entry holds, cannot be read");
     return false;
+}
+
+bool CheckSink::begin(const EntryHead& head) {
+    head_ = head;
+    return true;
+}
+
+bool CheckSink::finish(const EntryTail& tail, const ContentReader&) {
+    if (head_.number < next_) return true;
+    next_ = head_.number + 1;
+    if (!tail.unreadable) return true;
+    ++incomplete_;
+    say(archive_ + ": " + (head_.path.empty() ? "/" : escapedName(head_.path)) + ": " +
+        incompleteText(head_.type, tail));
+    return true;
 }
 
 }  // namespace tarnwick::qvx

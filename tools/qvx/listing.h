@@ -7,8 +7,12 @@
 
 namespace tarnwick::qvx {
 
-// "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"
+// "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" behind the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
+
+// What an entry lacks that was incomplete when it was captured: "incomplete when it was captured: bytes 0 to 4095 could
+// not be read". For an entry whose tail has `unreadable`.
+std::string incompleteText(EntryType type, const EntryTail& tail);
 
 // Prints each entry as one JSON object on a line of its own, with all that the archive holds of it but the content.
 class JsonSink : public EntrySink {
@@ -24,7 +28,7 @@ private:
     std::string linkTarget_;
 };
 
-// Writes the content of the files it gets to standard output. Stops when that fails.
+// Writes the content of the files it gets to standard output. Stops when that fails. Reports incomplete files.
 class OutputSink : public EntrySink {
 public:
     bool begin(const EntryHead& head) override;
@@ -32,16 +36,29 @@ public:
     bool hole(std::uint64_t length) override;
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override {}
+    [[nodiscard]] bool incomplete() const { return incomplete_; }  // one of the files
+
+private:
+    std::string path_;
+    bool incomplete_ = false;
 };
 
-// Looks at nothing: for checking alone.
-class NullSink : public EntrySink {
+// For checking alone: reports the incomplete entries, each once, also when the archive is read again from its beginning.
+class CheckSink : public EntrySink {
 public:
-    bool begin(const EntryHead&) override { return true; }
+    explicit CheckSink(std::string archive) : archive_(std::move(archive)) {}
+    bool begin(const EntryHead& head) override;
     bool data(Bytes) override { return true; }
     bool hole(std::uint64_t) override { return true; }
-    bool finish(const EntryTail&, const ContentReader&) override { return true; }
+    bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override {}
+    [[nodiscard]] std::uint64_t incomplete() const { return incomplete_; }  // count of entries
+
+private:
+    std::string archive_;  // its name, as it is reported
+    EntryHead head_;
+    std::uint64_t next_ = 0;  // number of the first entry not seen yet
+    std::uint64_t incomplete_ = 0;
 };
 
 }  // namespace tarnwick::qvx

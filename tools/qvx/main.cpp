@@ -102,9 +102,8 @@ int runList(const Options& options) {
 }
 
 // The first damage, and then all that can be told of the rest.
-int sayDamage(const Options& options, ArchiveReader& reader, const ReadFault& first) {
+int sayDamage(const Options& options, ArchiveReader& reader, const ReadFault& first, CheckSink& sink) {
     sayFault(options, first);
-    NullSink sink;
     reader.salvage(sink, [&](const ReadFault& fault) {
         if (describe(fault) != describe(first)) sayFault(options, fault);
     });
@@ -113,9 +112,13 @@ int sayDamage(const Options& options, ArchiveReader& reader, const ReadFault& fi
 
 int runVerify(const Options& options) {
     return withArchive(options, [&](ArchiveReader& reader) {
-        NullSink sink;
+        CheckSink sink(escapedName(options.archive));
         ReadFault fault;
-        return reader.readAll(sink, fault) ? int{exitFine} : sayDamage(options, reader, fault);
+        if (!reader.readAll(sink, fault)) return sayDamage(options, reader, fault, sink);
+        if (sink.incomplete() > 0)
+            say(escapedName(options.archive) + ": intact; entries incomplete when they were captured: " +
+                std::to_string(sink.incomplete()));
+        return int{exitFine};
     });
 }
 
@@ -199,7 +202,8 @@ int runCat(const Options& options) {
         OutputSink sink;
         std::uint64_t taken = 0;
         const auto chosen = [&](std::uint64_t number, std::string_view) { return number == *last; };
-        return finishOutput(reader.readChosen(chosen, sink, taken, fault), options, fault);
+        const int status = finishOutput(reader.readChosen(chosen, sink, taken, fault), options, fault);
+        return sink.incomplete() ? int{exitFailed} : status;
     });
 }
 
@@ -221,7 +225,7 @@ int runCreate(const Options& options) {
         say("there is nothing to put into the archive");
         return exitUsage;
     }
-    return createArchive(options.create) ? exitFine : exitFailed;
+    return createArchive(options.create) == Creation::complete ? exitFine : exitFailed;
 }
 
 int runKeygen(const Options& options) { return makeKeyFiles(options.name) ? exitFine : exitFailed; }

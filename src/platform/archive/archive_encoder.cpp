@@ -15,6 +15,11 @@ constexpr std::size_t indexPartSize = 256 * 1024;  // of a part's payload; bound
 constexpr std::uint64_t unsizedContent = 1048576;  // read at most from a file that says it is empty
 constexpr std::size_t leastData = 512;             // a shorter rest of a block is padded rather than filled
 
+// A dying disk takes seconds for each read that fails, so there must not be many.
+constexpr unsigned maxFailedReads = 256;  // of a file
+constexpr std::uint64_t minStep = 4096;   // over what cannot be read; a power of two
+constexpr std::uint64_t maxStep = 1048576;
+
 }  // namespace
 
 struct ArchiveEncoder::Entry {
@@ -24,17 +29,22 @@ struct ArchiveEncoder::Entry {
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
     std::uint64_t zeros = 0;  // in the holes
-    bool ended = false;       // the file turned out shorter than it said
+    bool ended = false;       // the file turned out shorter than it said, or reading it was given up
+    int contentError = 0;     // a negative errno value: of the first read that failed
+    unsigned failedReads = 0;
+    std::uint64_t step = minStep;      // over what cannot be read, next time
+    std::vector<Extent> unreadable{};  // of the content
 };
 
-ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields) : stream_(stream), fields_(fields) {}
+ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers)
+    : stream_(stream), fields_(fields), readers_(readers) {}
 
 int ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
     // The coarse clock, because it is the one that stamps files.
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
     stored_.emplace(list);
-    ReadAhead ahead(list);
+    ReadAhead ahead(list, readers_);
     while (DiskEntry* found = ahead.next()) {
         if (const int status = writeEntry(*found)) return status;
         if (const int status = stream_.error()) return status;
@@ -55,8 +65,9 @@ int ArchiveEncoder::writeEntry(DiskEntry& found) {
         if (const int status = writeFile(entry)) return status;
     } else if (found.listed.type == EntryType::link) {
         writeContent(entry, found.content);
-        if (wants("SH2")) entry.tail.digest = found.digest;
+        if (wants("SH2") && entry.size > 0) entry.tail.digest = found.digest;
     }
+    markIncomplete(entry);
     writeTail(entry);
     return 0;
 }
@@ -83,7 +94,7 @@ int ArchiveEncoder::writeFile(Entry& entry) {
     DiskEntry& found = entry.found;
     if (reuseContent(entry) || !wants("DAT")) return 0;
     Digest digest = found.digest;
-    if (found.file) {
+    if (found.file || found.unopened) {
         digest_.restart();
         if (const int status = writeExtents(entry)) return status;
         digest = digest_.finish();
@@ -92,8 +103,16 @@ int ArchiveEncoder::writeFile(Entry& entry) {
     }
     if (wants("SH2") && entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
     if (wants("SLC") && entry.holes > 0) entry.tail.sum = SparseSum{entry.size, entry.holes};
-    if (entry.size == found.status.stx_size) stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
+    if (entry.size == found.status.stx_size && entry.contentError == 0)
+        stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
     return 0;
+}
+
+void ArchiveEncoder::markIncomplete(Entry& entry) {
+    const int error = entry.found.unreadable != 0 ? entry.found.unreadable : entry.contentError;
+    if (error == 0) return;
+    entry.tail.unreadable = std::move(entry.unreadable);
+    incomplete_.push_back({root_.entries, -error});
 }
 
 // A file that stands in the archive already is not stored again, unless it was changed since writing began: the change
@@ -135,15 +154,20 @@ void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {
 int ArchiveEncoder::writeExtents(Entry& entry) {
     const int file = entry.found.file.get();
     const std::uint64_t size = entry.found.status.stx_size;
+    if (entry.found.unopened) {
+        entry.contentError = entry.found.unreadable;
+        writeUnreadable(entry, size);
+        return 0;
+    }
     // Pseudo file systems say 0 of files that hold something.
-    if (size == 0) return writeExtent(entry, 0, unsizedContent);
+    if (size == 0) return writeExtent(entry, unsizedContent);
     const bool sparse = entry.found.status.stx_blocks * 512 < size;
     while (entry.size < size && !entry.ended) {
         std::uint64_t begin = entry.size;
         std::uint64_t end = size;
         if (sparse) {
             const off_t data = ::lseek(file, static_cast<off_t>(entry.size), SEEK_DATA);
-            if (data < 0 && errno != ENXIO && errno != EINVAL) return -errno;
+            if (data < 0 && !isUnreadable(-errno)) return -errno;
             const off_t hole = data < 0 ? data : ::lseek(file, data, SEEK_HOLE);
             // None left means that the rest is a hole; a file system that cannot tell is read as it is.
             if (data < 0 && errno == ENXIO) begin = size;
@@ -151,7 +175,7 @@ int ArchiveEncoder::writeExtents(Entry& entry) {
             if (hole >= 0) end = std::min(static_cast<std::uint64_t>(hole), size);
         }
         if (begin > entry.size) writeHole(entry, begin - entry.size);
-        if (const int status = writeExtent(entry, begin, end - begin)) return status;
+        if (const int status = writeExtent(entry, end)) return status;
     }
     return 0;
 }
@@ -169,25 +193,53 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
 }
 
 // Reads straight into the block. What the file no longer holds is left out; what it has gained is not looked at.
-int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t position, std::uint64_t length) {
-    while (length > 0) {
-        makeRoom(length);
+int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
+    while (entry.size < end && !entry.ended) {
+        makeRoom(end - entry.size);
         const MutableBytes room = stream_.room().subspan(recordHeaderSize);
-        const auto part = room.first(static_cast<std::size_t>(std::min<std::uint64_t>(room.size(), length)));
-        const std::int64_t count = readAt(entry.found.file.get(), part, position);
-        if (count < 0) return static_cast<int>(count);
-        entry.ended = count == 0;
-        if (entry.ended) return 0;
-        const auto taken = static_cast<std::size_t>(count);
-        digest_.add(part.first(taken));
-        encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(taken)}, stream_.room().data());
-        stream_.commit(recordHeaderSize + taken);
-        entry.size += taken;
-        position += taken;
-        length -= taken;
+        const auto part = room.first(static_cast<std::size_t>(std::min<std::uint64_t>(room.size(), end - entry.size)));
+        const std::int64_t count = readAt(entry.found.file.get(), part, entry.size);
+        if (count >= 0) {
+            takePart(entry, part.first(static_cast<std::size_t>(count)));
+        } else if (isUnreadable(static_cast<int>(count))) {
+            skipUnreadable(entry, static_cast<int>(count), end);
+        } else {
+            return static_cast<int>(count);
+        }
         if (const int status = stream_.error()) return status;
     }
     return 0;
+}
+
+void ArchiveEncoder::takePart(Entry& entry, Bytes part) {
+    entry.ended = part.empty();
+    if (entry.ended) return;
+    entry.step = minStep;
+    entry.size += part.size();
+    digest_.add(part);
+    encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(part.size())}, stream_.room().data());
+    stream_.commit(recordHeaderSize + part.size());
+}
+
+void ArchiveEncoder::skipUnreadable(Entry& entry, int error, std::uint64_t end) {
+    if (entry.contentError == 0) entry.contentError = error;
+    const std::uint64_t size = entry.found.status.stx_size;
+    entry.ended = size == 0 || ++entry.failedReads == maxFailedReads;
+    const std::uint64_t next = entry.size / minStep * minStep + entry.step;
+    writeUnreadable(entry, entry.ended ? size : std::min(next, end));
+    entry.step = std::min(entry.step * 2, maxStep);
+}
+
+// Nothing when the end is not behind what is written, as in a file that says it is empty.
+void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
+    if (end <= entry.size) return;
+    const Extent extent{entry.size, end - entry.size};
+    if (!entry.unreadable.empty() && entry.unreadable.back().end() == extent.offset) {
+        entry.unreadable.back().length += extent.length;
+    } else {
+        entry.unreadable.push_back(extent);
+    }
+    writeHole(entry, extent.length);
 }
 
 void ArchiveEncoder::writeTail(Entry& entry) {
@@ -204,6 +256,7 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     entry.place.userId = head.userId.value_or(0);
     entry.place.groupId = head.groupId.value_or(0);
     entry.place.size = entry.size;
+    entry.place.incomplete = entry.tail.unreadable.has_value();
     constexpr std::int64_t second = 1'000'000'000;
     const std::int64_t modified = head.modified.value_or(0);
     entry.place.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);

@@ -22,11 +22,15 @@ using FieldMask = std::uint32_t;
 // Encodes one archive. Throws std::bad_alloc and std::system_error; statuses are 0 or a negative errno value.
 class ArchiveEncoder {
 public:
-    ArchiveEncoder(BlockStream& stream, FieldMask fields);
+    // `readers` threads read from the disk.
+    ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
 
     // Reads every entry of `list` from the disk and completes the archive, whose first block stands at `filePosition`
     // of the file.
     int write(const PathList& list, std::uint64_t filePosition);
+
+    // The entries that were marked as incomplete, ascending.
+    [[nodiscard]] std::vector<IncompleteEntry>& incomplete() { return incomplete_; }
 
 private:
     struct Entry;
@@ -34,7 +38,11 @@ private:
     int writeEntry(DiskEntry& found);
     int writeFile(Entry& entry);
     int writeExtents(Entry& entry);
-    int writeExtent(Entry& entry, std::uint64_t position, std::uint64_t length);
+    int writeExtent(Entry& entry, std::uint64_t end);
+    void takePart(Entry& entry, Bytes part);
+    void skipUnreadable(Entry& entry, int error, std::uint64_t end);
+    void writeUnreadable(Entry& entry, std::uint64_t end);
+    void markIncomplete(Entry& entry);
     bool reuseContent(Entry& entry);
     void writeContent(Entry& entry, Bytes content);
     void writeHole(Entry& entry, std::uint64_t length);
@@ -49,6 +57,7 @@ private:
 
     BlockStream& stream_;
     const FieldMask fields_;
+    const unsigned readers_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;
     ContentDigest digest_;
@@ -56,6 +65,7 @@ private:
     struct timespec started_ {};
     IndexPartEncoder part_;
     ArchiveRoot root_;
+    std::vector<IncompleteEntry> incomplete_;
 };
 
 }  // namespace tarnwick::qvx

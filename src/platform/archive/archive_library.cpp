@@ -1,7 +1,6 @@
 #include "platform/archive/archive_library.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,7 +32,9 @@ struct FieldKeySet {
 
 struct ArchiveStream {
     qvx::BlockStream* blocks = nullptr;
+    int workers = 0;
     bool used = false;
+    std::vector<IncompleteEntry> incomplete{};
 };
 
 namespace {
@@ -60,13 +61,6 @@ int writeAll(int file, qvx::Bytes bytes) {
         bytes = bytes.subspan(static_cast<std::size_t>(count));
     }
     return 0;
-}
-
-// More compressors than cores only push each other out of the caches.
-unsigned usefulWorkers(int asked) {
-    cpu_set_t cores;
-    const int available = ::sched_getaffinity(0, sizeof cores, &cores) == 0 ? CPU_COUNT(&cores) : 1;
-    return static_cast<unsigned>(std::clamp(asked, 1, std::max(available, 1)));
 }
 
 std::optional<qvx::HpkeKeys> writeHeader(int file, const EncryptionContext& context) {
@@ -167,31 +161,40 @@ void destroyEncryptionContext(EncryptionContext* context) { delete context; }
 ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
                                        int workers) {
     if (!underlying || !underlying->file || !context || !context->recipient || !context->compressionSet ||
-        !context->blockSizeSet || flags != qvx::streamFlags)
+        !context->blockSizeSet || flags != qvx::streamFlags || workers < 1)
         return nullptr;
     return guarded<ByteStream*>(nullptr, [&]() -> ByteStream* {
         auto stream = std::make_unique<ByteStream>();
         const int file = underlying->file.get();
         const auto keys = writeHeader(file, *context);
         if (!keys) return nullptr;
-        stream->blocks = std::make_unique<qvx::BlockStream>(*keys, groupLength, usefulWorkers(workers),
+        stream->blocks = std::make_unique<qvx::BlockStream>(*keys, groupLength, static_cast<unsigned>(workers),
                                                             [file](qvx::Bytes bytes) { return writeAll(file, bytes); });
         return stream.release();
     });
 }
 
-ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void*, MessageCallback, std::uint64_t flags, int) {
-    if (!underlying || !underlying->blocks || flags != 0) return nullptr;
-    return new (std::nothrow) ArchiveStream{underlying->blocks.get()};
+ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void*, MessageCallback, std::uint64_t flags,
+                                        int workers) {
+    if (!underlying || !underlying->blocks || flags != 0 || workers < 1) return nullptr;
+    return new (std::nothrow) ArchiveStream{underlying->blocks.get(), workers};
 }
 
 int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
-                  void*, MessageCallback, std::uint64_t flags, int) {
-    if (!archive || archive->used || !list || !keys || directory != "/" || flags != 0) return -EINVAL;
+                  void*, MessageCallback, std::uint64_t flags, int workers) {
+    if (!archive || archive->used || !list || !keys || directory != "/" || flags != 0 || workers != archive->workers)
+        return -EINVAL;
     archive->used = true;
     return guarded(-ENOMEM, [&] {
-        return qvx::ArchiveEncoder(*archive->blocks, keys->fields).write(*list, qvx::plainHeaderSize);
+        qvx::ArchiveEncoder encoder(*archive->blocks, keys->fields, static_cast<unsigned>(workers));
+        const int status = encoder.write(*list, qvx::plainHeaderSize);
+        archive->incomplete = std::move(encoder.incomplete());
+        return status;
     });
+}
+
+std::span<const IncompleteEntry> incompleteEntries(const ArchiveStream* archive) {
+    return archive ? std::span<const IncompleteEntry>(archive->incomplete) : std::span<const IncompleteEntry>();
 }
 
 int closeArchiveStream(ArchiveStream* archive) {

@@ -47,6 +47,11 @@ const char* nameOf(const PathList::Entry& listed) {
 
 }  // namespace
 
+bool isUnreadable(int error) {
+    constexpr int others[] = {ENOENT, ENOTDIR, ELOOP, ESTALE, ENOMEM, EMFILE, ENFILE};
+    return error != 0 && std::ranges::find(others, -error) == std::end(others);
+}
+
 std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
     for (;;) {
         const ssize_t count = ::pread(file, room.data(), room.size(), static_cast<off_t>(position));
@@ -56,21 +61,32 @@ std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
 }
 
 void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
-    entry.error = open(entry);
-    if (entry.error != 0) return;
+    if (const int error = open(entry)) return describeUnopened(entry, error);
     // A link has no descriptor. Its attributes are read by a path that begins at the folder held.
     const std::string link =
         entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
-    entry.error = metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head,
-                                 entry.tail);
-    if (entry.error != 0) return;
+    note(entry, metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head,
+                               entry.tail));
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
-    if (entry.listed.type == EntryType::link) entry.error = readLink(entry, room);
-    if (entry.listed.type == EntryType::file) entry.error = readSmall(entry, room);
+    if (entry.listed.type == EntryType::link) note(entry, readLink(entry, room));
+    if (entry.listed.type == EntryType::file) note(entry, readSmall(entry, room));
 }
 
 void DiskEntryReader::finish(DiskEntry& entry) {
-    if (!entry.awaited.empty()) entry.error = readWhole(entry, std::exchange(entry.awaited, {}));
+    if (!entry.awaited.empty()) note(entry, readWhole(entry, std::exchange(entry.awaited, {})));
+}
+
+void DiskEntryReader::note(DiskEntry& entry, int error) {
+    if (error != 0) (isUnreadable(error) ? entry.unreadable : entry.error) = error;
+}
+
+void DiskEntryReader::describeUnopened(DiskEntry& entry, int error) {
+    note(entry, error);
+    entry.unopened = true;
+    entry.file = FileDescriptor();
+    entry.head.type = entry.listed.type;
+    entry.head.path = entry.listed.path.substr(1);
+    if (entry.status.stx_mask != 0) takeStatus(entry.status, entry.head);
 }
 
 int DiskEntryReader::hold(const PathList::Entry& listed) {
@@ -134,7 +150,8 @@ int DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes room) {
     std::size_t length = 0;
     while (length < room.size()) {
         const std::int64_t count = readAt(entry.file.get(), room.subspan(length), length);
-        if (count < 0) return static_cast<int>(count);
+        // The encoder reads such a file again, around what cannot be read.
+        if (count < 0) return isUnreadable(static_cast<int>(count)) ? 0 : static_cast<int>(count);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
     }

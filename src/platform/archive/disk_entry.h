@@ -9,7 +9,9 @@ namespace tarnwick::qvx {
 
 struct DiskEntry {
     PathList::Entry listed;
-    int error = 0;  // a negative errno value: it is not there any more, or is something else, or cannot be read
+    int error = 0;       // a negative errno value: it is not there any more, or is something else, or we lack resources
+    int unreadable = 0;  // a negative errno value: it is there, and a part of it could not be read
+    bool unopened = false;  // of its content only the size is known, if that; then `unreadable` is set
     struct statx status {};
     EntryHead head;  // without its number
     EntryTail tail;
@@ -23,14 +25,16 @@ struct DiskEntry {
 class DiskEntryReader {
 public:
     // Fills all but `listed`. A content of at most `room.size()` bytes is read into the front of `room`, unless it has
-    // holes or is of a file that says it is empty and is not; where the disk keeps us waiting, it will be by finish().
-    // Throws std::bad_alloc.
+    // holes, is of a file that says it is empty and is not, or cannot be read; where the disk keeps us waiting, it will
+    // be by finish(). Throws std::bad_alloc.
     void begin(DiskEntry& entry, MutableBytes room);
 
     // Waits for what begin() left to be awaited.
     void finish(DiskEntry& entry);
 
 private:
+    static void note(DiskEntry& entry, int error);
+    static void describeUnopened(DiskEntry& entry, int error);
     int hold(const PathList::Entry& listed);
     int open(DiskEntry& entry);
     int readLink(DiskEntry& entry, MutableBytes room);
@@ -46,6 +50,10 @@ private:
     MetadataReader metadata_;
     ContentDigest digest_;
 };
+
+// Whether a negative errno value of an open or a read means that the file is there and cannot be read: it has neither
+// vanished nor become another, and we do not lack memory or descriptors.
+bool isUnreadable(int error);
 
 // As pread(), but tried again when a signal came in between; a negative errno value on failure.
 std::int64_t readAt(int file, MutableBytes room, std::uint64_t position);

@@ -28,8 +28,7 @@ void putOptional(WireWriter& out, const std::optional<Number>& number) {
     if (number) out.varint(*number);
 }
 
-EntryType takeType(WireReader& in) {
-    const std::uint8_t type = in.byte();
+EntryType checkedType(WireReader& in, unsigned type) {
     if (type < 1 || type > 3) in.fail();
     return static_cast<EntryType>(type);
 }
@@ -83,6 +82,34 @@ AccessLists takeAccessLists(WireReader& in) {
     return lists;
 }
 
+void putExtents(WireWriter& out, const std::vector<Extent>& extents) {
+    out.varint(extents.size());
+    std::uint64_t end = 0;
+    for (const Extent& extent : extents) {
+        out.varint(extent.offset - end);
+        out.varint(extent.length);
+        end = extent.end();
+    }
+}
+
+std::vector<Extent> takeExtents(WireReader& in) {
+    const std::size_t count = takeCount(in, 2);
+    if (count > maxUnreadableExtents) in.fail();
+    std::vector<Extent> extents(in.ok() ? count : 0);
+    std::uint64_t end = 0;
+    for (Extent& extent : extents) {
+        const std::uint64_t gap = in.varint();
+        extent.length = in.varint();
+        const bool adjacent = gap == 0 && end > 0;
+        if (adjacent || extent.length == 0 || gap > maxContentSize - end || extent.length > maxContentSize - end - gap)
+            in.fail();
+        if (!in.ok()) break;
+        extent.offset = end + gap;
+        end = extent.end();
+    }
+    return extents;
+}
+
 std::size_t sharedLength(std::string_view a, std::string_view b) {
     return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
 }
@@ -101,7 +128,9 @@ void takeIndexEntry(WireReader& in, IndexEntry& entry) {
     if (step > std::numeric_limits<std::uint64_t>::max() - entry.block) in.fail();
     entry.block += step;
     entry.offset = narrow<std::uint64_t>(in, blockSize - 1);
-    entry.type = takeType(in);
+    const unsigned type = in.byte();
+    entry.type = checkedType(in, type & ~unsigned{indexIncomplete});
+    entry.incomplete = type & indexIncomplete;
     const auto shared = narrow<std::uint64_t>(in, entry.path.size());
     if (in.ok()) entry.path.resize(static_cast<std::size_t>(shared));
     entry.path += in.text();
@@ -178,7 +207,7 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload) {
     WireReader in(payload);
     EntryHead head;
     head.number = in.varint();
-    head.type = takeType(in);
+    head.type = checkedType(in, in.byte());
     head.path = in.text();
     const std::uint8_t present = in.byte();
     if (present & 0x01) head.userId = narrow<std::uint32_t>(in);
@@ -196,7 +225,8 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload) {
 void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes) {
     WireWriter out(bytes);
     out.byte(static_cast<std::uint8_t>(
-        presentBits(tail.digest, tail.sum, tail.contentOf, tail.linkOf, tail.attributes, tail.accessLists) |
+        presentBits(tail.digest, tail.sum, tail.contentOf, tail.linkOf, tail.attributes, tail.accessLists,
+                    tail.unreadable) |
         (tail.attributesOmitted ? 0x80U : 0U)));
     if (tail.digest) out.bytes(*tail.digest);
     if (tail.sum) out.varint(tail.sum->size);
@@ -214,6 +244,7 @@ void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes) {
         out.text(tail.accessLists->access);
         out.text(tail.accessLists->defaultList);
     }
+    if (tail.unreadable) putExtents(out, *tail.unreadable);
 }
 
 std::optional<EntryTail> decodeEntryTail(Bytes payload) {
@@ -233,8 +264,9 @@ std::optional<EntryTail> decodeEntryTail(Bytes payload) {
     if (present & 0x08) tail.linkOf = in.varint();
     if (present & 0x10) tail.attributes = takeAttributes(in);
     if (present & 0x20) tail.accessLists = takeAccessLists(in);
+    if (present & 0x40) tail.unreadable = takeExtents(in);
     tail.attributesOmitted = present & 0x80;
-    if (!in.ok() || !in.atEnd() || (present & 0x40)) return std::nullopt;
+    if (!in.ok() || !in.atEnd()) return std::nullopt;
     return tail;
 }
 
@@ -250,7 +282,7 @@ void IndexPartEncoder::add(const IndexEntry& entry) {
     const std::size_t shared = sharedLength(before_.path, entry.path);
     out.varint(entry.block - before_.block);
     out.varint(entry.offset);
-    out.byte(static_cast<std::uint8_t>(entry.type));
+    out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(entry.type) | (entry.incomplete ? indexIncomplete : 0U)));
     out.varint(shared);
     out.text(std::string_view(entry.path).substr(shared));
     out.varint(entry.mode);

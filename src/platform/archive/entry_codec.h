@@ -72,6 +72,14 @@ struct AccessLists {
     std::string defaultList;
 };
 
+// A part of a content.
+struct Extent {
+    std::uint64_t offset = 0;
+    std::uint64_t length = 0;
+
+    [[nodiscard]] std::uint64_t end() const { return offset + length; }
+};
+
 struct EntryTail {
     std::optional<Digest> digest;
     std::optional<SparseSum> sum;
@@ -79,6 +87,10 @@ struct EntryTail {
     std::optional<std::uint64_t> linkOf;     // number of the earlier entry that is the same inode
     std::optional<std::vector<ExtendedAttribute>> attributes;
     std::optional<AccessLists> accessLists;
+    // Set when a part of the file could not be read. The extents are parts of the content that are stored as zeros
+    // instead, ascending and never adjacent. There are none when the missing part is metadata, the target of a link, or
+    // the end of a content of unknown size.
+    std::optional<std::vector<Extent>> unreadable;
     bool attributesOmitted = false;
 };
 
@@ -103,6 +115,7 @@ struct IndexEntry {
     std::uint32_t groupId = 0;
     std::uint64_t size = 0;
     std::int64_t modifiedSeconds = 0;
+    bool incomplete = false;  // the entry's tail has `unreadable`
 };
 
 // Builds one index part after the other.

@@ -30,9 +30,12 @@ std::optional<std::uint32_t> inodeFlags(int descriptor) {
     return static_cast<std::uint32_t>(flags);
 }
 
-// Access lists are attributes to the kernel. Most files have neither, and one call tells.
-bool hasAttributes(const std::string& path, int descriptor) {
-    return (descriptor >= 0 ? ::flistxattr(descriptor, nullptr, 0) : ::llistxattr(path.c_str(), nullptr, 0)) > 0;
+// Access lists are attributes to the kernel. Most files have neither, and one call tells. Negative: an errno value.
+int attributesLength(const std::string& path, int descriptor) {
+    const ssize_t length =
+        descriptor >= 0 ? ::flistxattr(descriptor, nullptr, 0) : ::llistxattr(path.c_str(), nullptr, 0);
+    if (length >= 0) return static_cast<int>(length);
+    return errno == ENOTSUP || errno == ENOSYS ? 0 : -errno;
 }
 
 void takeAttributes(archive_entry* entry, EntryTail& tail) {
@@ -72,16 +75,21 @@ int readStatus(int descriptor, const char* name, struct statx& status) {
     return ::statx(descriptor, name, flags, STATX_BASIC_STATS | STATX_BTIME, &status) == 0 ? 0 : -errno;
 }
 
-int MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,
-                         EntryTail& tail) {
+void takeStatus(const struct statx& status, EntryHead& head) {
     head.userId = status.stx_uid;
     head.groupId = status.stx_gid;
     head.mode = static_cast<std::uint16_t>(status.stx_mode & 07777);
     head.modified = nanoseconds(status.stx_mtime);
     head.changed = nanoseconds(status.stx_ctime);
     if (status.stx_mask & STATX_BTIME) head.born = nanoseconds(status.stx_btime);
+}
+
+int MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,
+                         EntryTail& tail) {
+    takeStatus(status, head);
     head.flags = inodeFlags(descriptor);
-    return hasAttributes(path, descriptor) ? readAttributes(path, descriptor, tail) : 0;
+    const int length = attributesLength(path, descriptor);
+    return length > 0 ? readAttributes(path, descriptor, tail) : length;
 }
 
 int MetadataReader::readAttributes(const std::string& path, int descriptor, EntryTail& tail) {
@@ -96,12 +104,14 @@ int MetadataReader::readAttributes(const std::string& path, int descriptor, Entr
     archive_entry_clear(entry_.get());
     archive_entry_copy_pathname(entry_.get(), path.c_str());
     archive_entry_copy_sourcepath(entry_.get(), path.c_str());
-    // Attributes or lists that cannot be read are a warning there, and no reason to lose the file.
-    if (archive_read_disk_entry_from_file(disk_.get(), entry_.get(), descriptor, nullptr) < ARCHIVE_WARN)
-        return archive_errno(disk_.get()) > 0 ? -archive_errno(disk_.get()) : -EIO;
-    takeAttributes(entry_.get(), tail);
-    takeAccessLists(entry_.get(), tail);
-    return 0;
+    const int result = archive_read_disk_entry_from_file(disk_.get(), entry_.get(), descriptor, nullptr);
+    // A warning is about attributes or lists that cannot be read; the others are there.
+    if (result >= ARCHIVE_WARN) {
+        takeAttributes(entry_.get(), tail);
+        takeAccessLists(entry_.get(), tail);
+    }
+    if (result >= ARCHIVE_OK) return 0;
+    return archive_errno(disk_.get()) > 0 ? -archive_errno(disk_.get()) : -EIO;
 }
 
 }  // namespace tarnwick::qvx

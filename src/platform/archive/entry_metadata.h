@@ -17,12 +17,15 @@ namespace tarnwick::qvx {
 // time is in it where the file system knows it. Returns 0 or a negative errno value.
 int readStatus(int descriptor, const char* name, struct statx& status);
 
+// Fills the fields of `head` that the status knows.
+void takeStatus(const struct statx& status, EntryHead& head);
+
 // Reads one file after the other. One thread at a time.
 class MetadataReader {
 public:
     // Fills the fields of `head` and the attributes and access lists of `tail` for the file that is open as
     // `descriptor`; a symbolic link is not open (-1) and read by its path. Attributes past their limit are left out and
-    // marked so. Returns 0 or a negative errno value; throws std::bad_alloc.
+    // marked so. Returns 0 or a negative errno value, after filling in what could be read; throws std::bad_alloc.
     int read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
 
 private:

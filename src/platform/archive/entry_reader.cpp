@@ -1,14 +1,12 @@
 #include "platform/archive/entry_reader.h"
 
 #include <algorithm>
-#include <limits>
 #include <new>
 
 namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::uint64_t largestContent = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
 
 }  // namespace
@@ -79,7 +77,7 @@ EntryReader::Step EntryReader::begin(const Record& record) {
 }
 
 EntryReader::Step EntryReader::addData(Bytes bytes) {
-    if (bytes.size() > largestContent - size_) return damaged("the content is too long");
+    if (bytes.size() > maxContentSize - size_) return damaged("the content is too long");
     size_ += bytes.size();
     if (head_.type == EntryType::directory) return damaged("a directory has content");
     if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
@@ -89,7 +87,7 @@ EntryReader::Step EntryReader::addData(Bytes bytes) {
 
 EntryReader::Step EntryReader::addHole(Bytes payload) {
     const auto length = decodeHole(payload);
-    if (!length || head_.type != EntryType::file || *length > largestContent - size_)
+    if (!length || head_.type != EntryType::file || *length > maxContentSize - size_)
         return damaged("a hole is malformed");
     size_ += *length;
     zeros_ += *length;
@@ -113,7 +111,17 @@ EntryReader::Step EntryReader::finish(Bytes payload) {
     return Step::whole;
 }
 
+// Unreadable extents are stored as holes; which ones is not kept.
+bool EntryReader::unreadableFits() const {
+    if (!tail_.unreadable || tail_.unreadable->empty()) return true;
+    std::uint64_t total = 0;
+    for (const Extent& extent : *tail_.unreadable) total += extent.length;
+    return head_.type == EntryType::file && !tail_.contentOf && tail_.unreadable->back().end() <= size_ &&
+           total <= zeros_;
+}
+
 const char* EntryReader::faultOfTail() {
+    if (!unreadableFits()) return "the unreadable extents do not fit the content";
     const bool file = head_.type == EntryType::file;
     if (tail_.contentOf) {
         const bool own = size_ > 0 || holes_ > 0;
@@ -125,7 +133,7 @@ const char* EntryReader::faultOfTail() {
     if (tail_.digest && zeros_ > maxDigestedHoles) return "the entry has a digest of more zeros than it may";
     if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
     if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish())) return "the digest does not match";
-    if (head_.type == EntryType::link && size_ == 0) return "the link has no target";
+    if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return "the link has no target";
     return nullptr;
 }
 

@@ -85,6 +85,7 @@ private:
     Step finish(Bytes payload);
     Step damaged(const char* what);
     const char* faultOfTail();
+    [[nodiscard]] bool unreadableFits() const;
 
     EntrySink& sink_;
     EntryHead head_;

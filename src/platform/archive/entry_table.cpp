@@ -45,7 +45,8 @@ void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
     if (entry.head().type != EntryType::file) return;
     const EntryTail& tail = entry.tail();
     const SparseSum sum = tail.sum.value_or(SparseSum{entry.size(), 0});
-    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, sum});
+    const bool unreadable = tail.unreadable && !tail.unreadable->empty();
+    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, sum, unreadable});
 }
 
 const char* EntryTable::resolve(EntryReader& entry) const {
@@ -53,6 +54,7 @@ const char* EntryTable::resolve(EntryReader& entry) const {
     if (!tail.contentOf) return nullptr;
     const Known* content = find(*tail.contentOf);
     if (!content || content->content != *tail.contentOf) return "the entry that holds its content is lost or another";
+    if (content->unreadable) return "the entry that holds its content is incomplete";
     if (tail.linkOf) {
         const Known* link = find(*tail.linkOf);
         if (!link || link->content != *tail.contentOf) return "the entry that it is linked to is lost or another";

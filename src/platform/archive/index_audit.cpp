@@ -14,7 +14,8 @@ std::int64_t wholeSeconds(std::int64_t nanoseconds) {
 
 bool same(const IndexEntry& a, const IndexEntry& b) {
     return a.block == b.block && a.offset == b.offset && a.type == b.type && a.path == b.path && a.mode == b.mode &&
-           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size && a.modifiedSeconds == b.modifiedSeconds;
+           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size && a.modifiedSeconds == b.modifiedSeconds &&
+           a.incomplete == b.incomplete;
 }
 
 // Compared by value: another writer may share less of the paths.
@@ -35,7 +36,8 @@ bool sameEntries(Bytes one, Bytes other) {
 const char* IndexAudit::addEntry(const EntryPlace& place, const EntryReader& entry) {
     const auto& head = entry.head();
     pending_.add({place.block, place.offset, head.type, head.path, head.mode.value_or(0), head.userId.value_or(0),
-                  head.groupId.value_or(0), entry.size(), wholeSeconds(head.modified.value_or(0))});
+                  head.groupId.value_or(0), entry.size(), wholeSeconds(head.modified.value_or(0)),
+                  entry.tail().unreadable.has_value()});
     ++entries_;
     return pending_.size() <= maxIndexLength ? nullptr : "the index leaves out entries";
 }

@@ -22,11 +22,11 @@ void readBatch(std::span<DiskEntry> entries, MutableBytes room, DiskEntryReader&
 
 }  // namespace
 
-ReadAhead::ReadAhead(const PathList& list) : batches_(depth), walk_(list) {
+ReadAhead::ReadAhead(const PathList& list, unsigned threads)
+    : batches_(std::max<std::size_t>(threads, minDepth)), walk_(list) {
     for (auto& batch : batches_) batch.contents.resize(batchBytes);
-    const std::uint64_t useful = std::min<std::uint64_t>(threads, list.size() / batchEntries + 1);
     try {
-        while (workers_.size() < useful) workers_.emplace_back([this] { work(); });
+        while (workers_.size() < threads) workers_.emplace_back([this] { work(); });
     } catch (...) {
         stop(true);  // or those that did start would never end
         throw;
@@ -44,14 +44,14 @@ void ReadAhead::stop(bool failed) {
 }
 
 DiskEntry* ReadAhead::next() {
-    Batch* batch = &batches_[finished_ % depth];
+    Batch* batch = &batches_[finished_ % batches_.size()];
     if (holding_ && ++given_ < batch->count) return &batch->entries[given_];
     std::unique_lock lock(mutex_);
     if (holding_) {
         batch->ready = false;
         ++finished_;
         free_.notify_one();
-        batch = &batches_[finished_ % depth];
+        batch = &batches_[finished_ % batches_.size()];
     }
     ready_.wait(lock, [&] { return batch->ready || failed_ || (listEnded_ && finished_ == begun_); });
     if (failed_) throw std::bad_alloc();
@@ -82,9 +82,9 @@ void ReadAhead::readBatches() {
 
 // Waits for a free batch and fills it with what the list has next; null when there is nothing more to do.
 ReadAhead::Batch* ReadAhead::begin(std::unique_lock<std::mutex>& lock) {
-    free_.wait(lock, [&] { return closing_ || listEnded_ || begun_ - finished_ < depth; });
+    free_.wait(lock, [&] { return closing_ || listEnded_ || begun_ - finished_ < batches_.size(); });
     if (closing_ || listEnded_) return nullptr;
-    Batch& batch = batches_[begun_ % depth];
+    Batch& batch = batches_[begun_ % batches_.size()];
     batch.count = 0;
     while (batch.count < batchEntries) {
         const PathList::Entry* listed = walk_.next();

@@ -1,7 +1,8 @@
-// Reads the entries of a path list ahead of who stores them, with a few threads: a small file costs the disk more time
+// Reads the entries of a path list ahead of who stores them, with some threads: a small file costs the disk more time
 // to find than to read, and many can be asked for at once. Big files are only opened, and their beginning is asked for.
 //
-// Memory: `depth` batches of `batchBytes` for contents; and as many open files as entries in all batches, at most.
+// Memory: as many batches as threads, 8 at least, of `batchBytes` for contents; and as many open files as
+// entries in all batches, at most.
 #pragma once
 
 #include <array>
@@ -17,14 +18,13 @@ namespace tarnwick::qvx {
 
 class ReadAhead {
 public:
-    static constexpr std::size_t threads = 8;
-    static constexpr std::size_t depth = 8;
+    static constexpr std::size_t minDepth = 8;
     static constexpr std::size_t batchEntries = 32;
     static constexpr std::size_t batchBytes = 262144;
     static constexpr std::size_t smallSize = 65536;  // the largest file to be read here
 
-    // Throws std::bad_alloc or std::system_error.
-    explicit ReadAhead(const PathList& list);
+    // Starts exactly so many threads. Throws std::bad_alloc or std::system_error.
+    ReadAhead(const PathList& list, unsigned threads);
     ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
@@ -46,7 +46,7 @@ private:
     Batch* begin(std::unique_lock<std::mutex>& lock);
     void stop(bool failed);
 
-    // Batch number n is in batches_[n % depth].
+    // Batch number n is in batches_[n % batches_.size()].
     std::vector<Batch> batches_;
 
     std::mutex mutex_;
