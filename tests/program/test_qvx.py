@@ -8,7 +8,7 @@ import world
 from world import DATA, Scenario, call, content, on_terminal, read, write
 
 SAMPLES = DATA + "/archives/"
-GOOD = "kinds", "blocks", "nothing"
+GOOD = "kinds", "blocks", "nothing", "incomplete"
 KEY, ARCHIVE, SOURCE, OUT = ["--key", "/media/key.pem"], "/media/archive.qvx", "/media/source", "/media/out"
 
 
@@ -47,7 +47,8 @@ class Qvx(Scenario):
                              read(f"{SAMPLES}{name}.json"))
             self.frozen("verify", name)
             self.frozen("extract", name, "-C", OUT)
-        self.frozen("list", "kinds")
+        for name in "kinds", "incomplete":
+            self.frozen("list", name)
 
     def test_refuses_the_damaged_ones(self):
         for name in sorted(name[:-4] for name in os.listdir(SAMPLES) if name.endswith(".qvx")):
@@ -98,11 +99,11 @@ class Qvx(Scenario):
 
     def test_refuses_and_leaves_nothing_when_it_cannot_create(self):
         write(SOURCE + "/file", "x")
-        key, unreadable = "/media/key.pub", "/proc/sys/vm/compact_memory"  # noticed once the archive has begun
+        key = "/media/key.pub"
         kind, point = read(key).split()
         beside_the_curve = f"{kind} {point[:-3]}{'B' if point[-3] == 'A' else 'A'}{point[-2:]}"
         for recipient, *paths in ((key, "/media/missing"), (key, SOURCE, ""), (key, "/dev/null"), (key,),
-                                  (key, SOURCE, unreadable), ("ecdsa-sha2-nistp256 AAAA", SOURCE), ("none", SOURCE)):
+                                  ("ecdsa-sha2-nistp256 AAAA", SOURCE), ("none", SOURCE)):
             self.run_qvx("create", "-r", recipient, "-o", ARCHIVE, *paths)
             self.assertFalse(os.path.exists(ARCHIVE))
         self.create()

@@ -66,7 +66,7 @@ class SecondReader(Scenario):
         found = self.agree(ARCHIVE, KEY)
         self.assertEqual([entry.get("link_of") is None for entry in found if "content_of" in entry], [False, True])
         self.assertEqual(sum(entry.get("holes", 0) for entry in found), 2)
-        for name in "kinds", "blocks", "nothing":
+        for name in "kinds", "blocks", "nothing", "incomplete":
             self.agree(f"{SAMPLES}{name}.qvx", SAMPLES + "recipient.pem")
         page = read(HERE + "/../../docs/qvx-format.md")
         example = page[page.index("\nThe file, 715 bytes:"):page.index("\nThe plain bytes")]
