@@ -13,6 +13,7 @@
 
 #include "base/fatal_error.h"
 #include "capture/archive_writer.h"
+#include "platform/archive/archive_library.h"
 #include "qvx/create.h"
 #include "unit/archive_builder.h"
 #include "unit/faulty_calls.h"
@@ -32,8 +33,9 @@ enum Writer { byCapture, byQvx };
 
 // As exit statuses. Known and not mended: libarchive, which reads attributes for us, ends the process with 1 when it
 // finds no memory.
-enum Verdict { endedByLibrary = 1, whole = 40, refused, notReached, damaged, leaking, left, died };
-const std::set<Verdict> isWhole{whole}, isRefused{refused}, isEither{whole, refused};
+enum Verdict { endedByLibrary = 1, whole = 40, incomplete, refused, notReached, damaged, leaking, left, died };
+const std::set<Verdict> isWhole{whole}, isIncomplete{incomplete}, isRefused{refused}, isEither{whole, refused},
+    isStored{whole, incomplete}, isAny{whole, incomplete, refused};
 
 // Of the key whose every byte is 0x11. Written out, so that a fault may meet the cipher library's first start, too.
 const std::string recipientLine =
@@ -41,6 +43,15 @@ const std::string recipientLine =
     "KCePlpmeaaI6TywVK99tbN9m5bgCgtTtGUp968uXcS0t2jyoWqh2Wlb0X8dYWZZS8ol8ZTBuV5Q=";
 
 std::ptrdiff_t openFiles() { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); }
+
+// Keeps what each entry says it lacks.
+struct MarkSink : CheckingSink {
+    bool finish(const EntryTail& tail, const ContentReader& content) override {
+        marks.push_back(tail.unreadable);
+        return CheckingSink::finish(tail, content);
+    }
+    std::vector<std::optional<std::vector<Extent>>> marks;
+};
 
 class ArchiveFaults : public testing::Test {
 public:
@@ -61,36 +72,54 @@ public:
             expected_.push_back(files_[expected_.size()].string().substr(1) + '=' + content);
     }
 
-    // Whether an archive was written.
-    bool write(Writer writer) const {
+    // What the writer said of the archive; a capture says nothing of incomplete files.
+    Creation write(Writer writer) const {
         try {
-            if (writer == byQvx) return createArchive({recipientLine, archive_, "", {source_}}) != Creation::failed;
+            if (writer == byQvx) return createArchive({recipientLine, archive_, "", {source_}});
             encryptFile(files_, recipientLine, archive_);
-            return true;
+            return Creation::complete;
         } catch (const std::exception& error) {  // qvx has others for its main()
             if (writer == byCapture && !dynamic_cast<const FatalError*>(&error)) throw;
-            return false;
+            return Creation::failed;
         }
     }
-    bool readsWhole() const {
+    // All that an incomplete entry holds is as it was, but for the zeros that it owns up to, or a part at its end.
+    bool matches(const MarkSink& sink) const {
+        if (sink.seen.size() != expected_.size()) return false;
+        for (std::size_t i = 0; i < expected_.size(); ++i) {
+            if (!sink.marks[i] && sink.seen[i] != expected_[i]) return false;
+            std::string wanted = expected_[i];
+            const std::size_t content = files_[i].string().size();
+            for (const Extent& extent : sink.marks[i].value_or(std::vector<Extent>()))
+                std::fill_n(wanted.begin() + std::ptrdiff_t(content + extent.offset), extent.length, '\0');
+            const bool cut = sink.marks[i] && sink.marks[i]->empty() && wanted.starts_with(sink.seen[i]);
+            if (!cut && sink.seen[i] != wanted) return false;
+        }
+        return true;
+    }
+    Verdict readBack() const {
         Scalar scalar{};
         scalar.fill(0x11);
         ReadFault fault;
-        CheckingSink sink;
+        MarkSink sink;
         auto file = ArchiveFile::open(FileDescriptor(::open(archive_.c_str(), O_RDONLY | O_CLOEXEC)), fault);
         const auto reader =
             file ? ArchiveReader::open(std::move(file), privateKeyFromScalar(scalar).get(), fault) : nullptr;
         const bool good = reader && reader->readAll(sink, fault);
-        return good && (expected_.empty() || sink.seen == expected_ || sink.seen == orElse_);
+        if (!good || !(expected_.empty() || sink.seen == orElse_ || matches(sink))) return damaged;
+        const auto isMarked = [](const auto& mark) { return mark.has_value(); };
+        return std::ranges::any_of(sink.marks, isMarked) ? incomplete : whole;
     }
     Verdict judge(Writer writer, const Fault& fault) const noexcept {
         const auto files = openFiles();
         arm(fault);
-        const bool written = write(writer);
+        const Creation made = write(writer);
         const bool reached = disarm() > fault.first;
         if (openFiles() != files) return leaking;
-        if (written) return !readsWhole() ? damaged : reached ? whole : notReached;
-        return fs::exists(archive_) ? left : refused;
+        if (made == Creation::failed) return fs::exists(archive_) ? left : refused;
+        const Verdict verdict = readBack();
+        if (writer == byQvx && (made == Creation::incomplete) != (verdict == incomplete)) return damaged;
+        return verdict == whole && !reached ? notReached : verdict;
     }
     Verdict run(Writer writer, const Fault& fault) const {
         fs::remove(archive_);
@@ -127,17 +156,33 @@ public:
     Seen expected_, orElse_;  // none: any will do
 };
 
-TEST_F(ArchiveFaults, EndInAWholeArchiveOrInARefusalWithoutAFile) {
+// A file that is there and cannot be read is marked; one that is gone, or resources that are, end in a refusal.
+TEST_F(ArchiveFaults, EndInAnArchiveOrInARefusalWithoutAFile) {
     const std::tuple<const char*, int, unsigned, std::set<Verdict>> faults[] = {
-        {"open", EMFILE, 1, isEither},   {"stat", EIO, 1, isEither},
-        {"read", EIO, 1, isRefused},     {"read", EINTR, 3, isWhole},
-        {"read", halved, 1, isWhole},    {"link", EIO, 1, isRefused},
-        {"write", EIO, 1, isRefused},    {"write", ENOSPC, forever, isRefused},
-        {"write", EINTR, 3, isWhole},    {"write", halved, forever, isWhole},
-        {"seek", EIO, 1, isEither},      {"seek", EINVAL, 1, isWhole},
-        {"mode", EPERM, 1, isRefused},   {"flags", ENOTTY, 1, isWhole},
-        {"xattr", EIO, 1, isWhole},      {"close", EIO, 1, isWhole},
-        {"thread", EAGAIN, 1, isEither}, {"thread", EAGAIN, forever, isEither},
+        {"open", EMFILE, 1, isEither},
+        {"open", EACCES, 1, isAny},
+        {"open", ELOOP, 1, isEither},
+        {"stat", EIO, 1, isAny},
+        {"read", EIO, 1, isStored},
+        {"read", EIO, forever, isIncomplete},
+        {"read", ESTALE, 1, isRefused},
+        {"read", ENOMEM, 1, isRefused},
+        {"read", EINTR, 3, isWhole},
+        {"read", halved, 1, isWhole},
+        {"link", EIO, 1, isIncomplete},
+        {"link", ENOENT, 1, isRefused},
+        {"write", EIO, 1, isRefused},
+        {"write", ENOSPC, forever, isRefused},
+        {"write", EINTR, 3, isWhole},
+        {"write", halved, forever, isWhole},
+        {"seek", EIO, 1, isEither},
+        {"seek", EINVAL, 1, isWhole},
+        {"mode", EPERM, 1, isRefused},
+        {"flags", ENOTTY, 1, isWhole},
+        {"xattr", EIO, forever, isIncomplete},
+        {"close", EIO, 1, isWhole},
+        {"thread", EAGAIN, 1, isEither},
+        {"thread", EAGAIN, forever, isEither},
         {"readdir", EIO, 1, isRefused},
     };
     for (const auto& [call, error, times, expected] : faults)
@@ -153,7 +198,7 @@ TEST_F(ArchiveFaults, OutOfMemoryIsARefusal) {
     for (const auto writer : {byCapture, byQvx})
         expectAll(
             writer, fault, isEither, [] {}, 16);
-    EXPECT_TRUE(write(byCapture));
+    EXPECT_EQ(write(byCapture), Creation::complete);
     expectAll(byCapture, fault, isEither);
 }
 
@@ -197,6 +242,52 @@ TEST_F(ArchiveFaults, FilesThatGrowForEverEnd) {
         for (const char* name : {"b", "c"}) std::ofstream(source_ / name, std::ios::app) << std::string(1 << 20, 'g');
     };
     EXPECT_EQ(run(byCapture, {"read", 0, forever, 0, grow}), whole);
+}
+
+// Reads of a file fail one after the other: the steps over it grow, so that there are few.
+TEST_F(ArchiveFaults, ReadsOfADeadFileAreFew) {
+    files_ = {source_ / "b"};
+    expected_ = {expected_[2]};
+    arm({"read", 0, forever, EIO, {}});
+    EXPECT_EQ(write(byCapture), Creation::complete);
+    EXPECT_LE(disarm(), 10U);
+    EXPECT_EQ(readBack(), incomplete);
+}
+
+TEST_F(ArchiveFaults, WorkersAreAsManyAsTheCallerSets) {
+    const auto context =
+        std::unique_ptr<EncryptionContext, FreeWith<destroyEncryptionContext>>(createEncryptionContext(profileHpke));
+    const Point point = *publicPointOf(recipient());
+    setContextFieldBlob(context.get(), contextFieldRecipient, representationUncompressed,
+                        reinterpret_cast<const std::byte*>(point.data()), point.size());
+    setContextFieldUInt(context.get(), contextFieldCompression, compressionZstd);
+    setContextFieldUInt(context.get(), contextFieldBlockSize, blockSize);
+    const std::unique_ptr<FieldKeySet, FreeWith<destroyFieldKeySet>> keys(fieldKeySetFromString("DAT"));
+    const std::unique_ptr<PathList, FreeWith<destroyPathList>> list(
+        pathListForPath("/", (source_ / "a").string()));  // one entry, which no second thread could read
+    const auto threadsOf = [](const auto& work) {
+        arm({"thread", 0, 0, 0, {}});
+        work();
+        return disarm();
+    };
+    for (const int workers : {1, 3, 11}) {
+        const std::unique_ptr<ByteStream, FreeWith<closeByteStream>> file(
+            openFileByteStream(archive_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+        std::unique_ptr<ByteStream, FreeWith<closeByteStream>> sealed;
+        const auto open = [&] {
+            sealed.reset(openEncryptionOutputStream(file.get(), context.get(), streamFlags, workers));
+        };
+        EXPECT_EQ(threadsOf(open), unsigned(workers));
+        EXPECT_FALSE(openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, 0));
+        const std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>> encoder(
+            openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, workers));
+        const auto writeWith = [&](int readers) {
+            return writePathList(encoder.get(), list.get(), keys.get(), "/", nullptr, nullptr, 0, readers);
+        };
+        EXPECT_EQ(writeWith(workers + 1), -EINVAL);
+        EXPECT_EQ(threadsOf([&] { EXPECT_EQ(writeWith(workers), 0); }), unsigned(workers));
+        EXPECT_FALSE(openEncryptionOutputStream(file.get(), context.get(), streamFlags, 0));
+    }
 }
 
 }  // namespace

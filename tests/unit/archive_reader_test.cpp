@@ -88,6 +88,31 @@ TEST(ArchiveReader, ReadsAllAndTakesOut) {
     EXPECT_EQ(fault.what, "");
 }
 
+// What is missing was so when it was captured, and is no damage.
+TEST(ArchiveReader, TakesIncompleteEntries) {
+    struct : CheckingSink {
+        bool finish(const EntryTail& tail, const ContentReader& content) override {
+            told += tail.unreadable ? std::to_string(tail.unreadable->size()) : "-";
+            return CheckingSink::finish(tail, content);
+        }
+        std::string told;
+    } sink;
+    ArchiveBuilder builder;
+    builder.begin("a").data("ab").record(RecordType::hole, {3}).data("c").record(RecordType::hole, {2});
+    builder.end({.digest = sha256({"ab\0\0\0c\0\0", 8}), .unreadable = {{{2, 3}, {6, 2}}}}, 8);
+    builder.begin("b").data("b").end({.unreadable = std::vector<Extent>()}, 1).reference("c", 1, 1, 1);
+    builder.begin("d", EntryType::link).end({.unreadable = std::vector<Extent>()}, 0).file("e", "e");
+    ReadFault fault;
+    const auto reader = openArchive(builder.finish(), fault);
+    EXPECT_TRUE(reader->readAll(sink, fault)) << fault.what;
+    EXPECT_EQ(sink.told, "20-0-");
+    EXPECT_EQ(sink.seen, (Seen{{"a=ab\0\0\0c\0\0", 10}, "b=b", "c=b", "d=", "e=e"}));
+    std::string marks;
+    EXPECT_TRUE(reader->list([&](auto, const IndexEntry& entry) { return marks += entry.incomplete ? '!' : '-', true; },
+                             fault));
+    EXPECT_EQ(marks, "!!-!-");
+}
+
 TEST(ArchiveDamage, OfAnyByteOrLengthIsRefused) {
     const SmallArchive archive;
     const auto expectNot = [&](std::size_t at, std::uint8_t byte) {
@@ -175,6 +200,28 @@ TEST(ArchiveLies, OfEntriesThatDoNotGoTogetherAreFound) {
         {"hole in a link", [](auto& b) { b.begin("x", EntryType::link).record(RecordType::hole, {1}).end({}, 1); }},
         {"content of its own", [](auto& b) { b.file("x", "abc").begin("y").data("abc").end({.contentOf = 0}, 3); }},
         {"hole without end", [&](auto& b) { b.begin("x").record(RecordType::hole, endless).end({}, 0); }},
+        {"unreadable past the end",
+         [](auto& b) {
+             b.begin("x").record(RecordType::hole, {4}).end({.unreadable = {{{1, 4}}}}, 4);
+         }},
+        {"unreadable and stored",
+         [](auto& b) {
+             b.begin("x").data("abc").end({.unreadable = {{{0, 3}}}}, 3);
+         }},
+        {"unreadable directory",
+         [](auto& b) {
+             b.begin("x", EntryType::directory).end({.unreadable = {{{0, 1}}}}, 0);
+         }},
+        {"incomplete content",
+         [](auto& b) {
+             b.begin("x").record(RecordType::hole, {4}).end({.unreadable = {{{0, 4}}}}, 4);
+             b.reference("y", 0, std::nullopt, 4);
+         }},
+        {"unreadable reference",
+         [](auto& b) {
+             b.begin("x").record(RecordType::hole, {4}).end({}, 4);
+             b.begin("y").end({.contentOf = 0, .unreadable = {{{0, 1}}}}, 4);
+         }},
         {"split without continuation", [&](auto& b) { b.begin("x").data(filler).record(RecordType::end, {1}, true); }},
     };
     for (const auto& [name, tell] : lies) {

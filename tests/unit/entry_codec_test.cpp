@@ -45,4 +45,30 @@ TEST(EntryCodec, RefusesAccessListsOfNames) {
         EXPECT_FALSE(isTail(list)) << list;
 }
 
+TEST(EntryCodec, RefusesUnreadableExtentsOutOfOrderOrRange) {
+    for (const char* tail : {"4000", "40010001", "400200010101", "400100ffffffffffffffff7f"})
+        EXPECT_TRUE(decodeEntryTail(fromHex(tail))) << tail;
+    const std::pair<const char*, const char*> refused[] = {
+        {"4001", "fewer than counted"},
+        {"400100", "cut"},
+        {"40010000", "empty"},
+        {"400200010001", "adjacent"},
+        {"400101ffffffffffffffff7f", "past the largest content"},
+        {"4001ffffffffffffffffff0101", "an offset past the largest content"},
+        {"40020001feffffffffffffff7f01", "a second one past the largest content"},
+        {"4000"
+         "00",
+         "more than counted"},
+    };
+    for (const auto& [tail, what] : refused) EXPECT_FALSE(decodeEntryTail(fromHex(tail))) << what;
+    for (const std::size_t count : {4096U, 4097U}) {
+        EntryTail tail;
+        tail.unreadable.emplace();
+        for (std::size_t i = 0; i < count; ++i) tail.unreadable->push_back({2 * i, 1});
+        std::vector<std::uint8_t> payload;
+        encodeEntryTail(tail, payload);
+        EXPECT_EQ(decodeEntryTail(payload).has_value(), count == 4096);
+    }
+}
+
 }  // namespace

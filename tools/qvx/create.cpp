@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <thread>
 
 #include "key_files.h"
 #include "platform/archive/archive_library.h"
@@ -31,7 +32,8 @@ using ByteStreamHandle = std::unique_ptr<ByteStream, FreeWith<closeByteStream>>;
 using ArchiveStreamHandle = std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>>;
 
 constexpr const char* allFields = "UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL";
-constexpr int workers = 4;
+constexpr int readers = 8;          // they mostly wait for the disk
+constexpr unsigned maxSealers = 8;  // each takes memory, and one thread fills the blocks for all
 
 struct FileIdentity {
     dev_t device = 0;
@@ -98,8 +100,7 @@ private:
             if (name == "." || name == "..") continue;
             struct stat status {};
             status.st_mode = DTTOIF(entry->d_type);
-            if (entry->d_type == DT_UNKNOWN &&
-                fstatat(dirfd(opened), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            if (entry->d_type == DT_UNKNOWN && fstatat(dirfd(opened), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
                 return false;
             below.push_back({std::string(name), kindOf(status.st_mode)});
         }
@@ -207,11 +208,13 @@ Creation writeArchive(const PathList* list, const Point& recipient, const std::s
     const ByteStreamHandle file(openFileByteStream(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     begun = file != nullptr;
     if (!begun) return refuse((escapedName(output) + ": cannot be written").c_str());
-    const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), streamFlags, workers));
+    // More than there are cores only push each other out of the caches.
+    const auto sealers = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, maxSealers));
+    const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), streamFlags, sealers));
     if (!encryption) return refuse("the archive cannot be begun");
-    const ArchiveStreamHandle encoder(openArchiveEncoderStream(encryption.get(), nullptr, nullptr, 0, workers));
+    const ArchiveStreamHandle encoder(openArchiveEncoderStream(encryption.get(), nullptr, nullptr, 0, readers));
     if (!encoder) return refuse("the archive cannot be begun");
-    const int status = writePathList(encoder.get(), list, keys.get(), "/", nullptr, nullptr, 0, workers);
+    const int status = writePathList(encoder.get(), list, keys.get(), "/", nullptr, nullptr, 0, readers);
     if (status == 0) {
         sayIncomplete(encoder.get(), *list);
         return incompleteEntries(encoder.get()).empty() ? Creation::complete : Creation::incomplete;

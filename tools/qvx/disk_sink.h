@@ -28,9 +28,9 @@ private:
 };
 
 // A file is written under another name and gets its own once its content has proved right, replacing what stood there.
-// An entry that cannot be put on disk is reported, and the next ones are not affected; so is one that was incomplete when
-// it was captured, which is written as it is. Threads write small files, some
-// of them later; all is on disk after finishDirectories(). Changes the working directory.
+// An entry that cannot be put on disk is reported, and the next ones are not affected; so is one that was incomplete
+// when it was captured, which is written as it is. Threads write small files, some of them later; all is on disk after
+// finishDirectories(). Changes the working directory.
 class DiskSink : public EntrySink {
 public:
     // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, what there is of an

@@ -43,7 +43,8 @@ private:
     bool incomplete_ = false;
 };
 
-// For checking alone: reports the incomplete entries, each once, also when the archive is read again from its beginning.
+// For checking alone: reports the incomplete entries, each once, also when the archive is read again from its
+// beginning.
 class CheckSink : public EntrySink {
 public:
     explicit CheckSink(std::string archive) : archive_(std::move(archive)) {}

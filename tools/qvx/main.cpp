@@ -116,8 +116,8 @@ int runVerify(const Options& options) {
         ReadFault fault;
         if (!reader.readAll(sink, fault)) return sayDamage(options, reader, fault, sink);
         if (sink.incomplete() > 0)
-            say(escapedName(options.archive) + ": intact; entries incomplete when they were captured: " +
-                std::to_string(sink.incomplete()));
+            say(escapedName(options.archive) +
+                ": intact; entries incomplete when they were captured: " + std::to_string(sink.incomplete()));
         return int{exitFine};
     });
 }

@@ -59,8 +59,8 @@ void destroyEncryptionContext(EncryptionContext* context);
 
 // The stream that cuts what is written into blocks, compresses and seals them, and writes them to `underlying` in
 // order. `underlying` stays the caller's, is used from another thread until the new stream is closed, and must outlive
-// it. Exactly `workers` threads compress and seal, each with about 10 MiB of memory; fewer than 1 is refused, and so is a
-// point that is not on the curve.
+// it. Exactly `workers` threads compress and seal, each with about 7 MiB of memory; fewer than 1 is refused, and so is
+// a point that is not on the curve.
 ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
                                        int workers);
 
@@ -71,11 +71,11 @@ ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void* messageDat
 
 // Reads every entry of the list from the disk and completes the archive. When it answers 0, everything that belongs to
 // the archive has been written, so that a failing close cannot hide a loss. A file that shrinks or grows while it is
-// read is stored as it was read. One that is there and cannot be read, wholly or in part (EIO, EACCES), is stored as far
-// as it can be read, marked as incomplete, and no failure; one that has vanished or is no longer what the list says makes
-// the status nonzero. A file is read from the directory in which it was listed, and from no other that has got its name
-// since: another file of this name is taken for a rotated log there. Exactly `workers` threads read; a number other than
-// the encoder's is refused with -EINVAL. An encoder takes one path list.
+// read is stored as it was read. One that is there and cannot be read, wholly or in part (EIO, EACCES), is stored as
+// far as it can be read, marked as incomplete, and no failure; one that has vanished or is no longer what the list says
+// makes the status nonzero. A file is read from the directory in which it was listed, and from no other that has got
+// its name since: another file of this name is taken for a rotated log there. Exactly `workers` threads read; a number
+// other than the encoder's is refused with -EINVAL. An encoder takes one path list.
 int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
                   void* messageData, MessageCallback callback, std::uint64_t flags, int workers);
 

@@ -65,8 +65,8 @@ void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
     // A link has no descriptor. Its attributes are read by a path that begins at the folder held.
     const std::string link =
         entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
-    note(entry, metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head,
-                               entry.tail));
+    note(entry,
+         metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head, entry.tail));
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
     if (entry.listed.type == EntryType::link) note(entry, readLink(entry, room));
     if (entry.listed.type == EntryType::file) note(entry, readSmall(entry, room));

@@ -224,10 +224,9 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload) {
 
 void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes) {
     WireWriter out(bytes);
-    out.byte(static_cast<std::uint8_t>(
-        presentBits(tail.digest, tail.sum, tail.contentOf, tail.linkOf, tail.attributes, tail.accessLists,
-                    tail.unreadable) |
-        (tail.attributesOmitted ? 0x80U : 0U)));
+    out.byte(static_cast<std::uint8_t>(presentBits(tail.digest, tail.sum, tail.contentOf, tail.linkOf, tail.attributes,
+                                                   tail.accessLists, tail.unreadable) |
+                                       (tail.attributesOmitted ? 0x80U : 0U)));
     if (tail.digest) out.bytes(*tail.digest);
     if (tail.sum) out.varint(tail.sum->size);
     if (tail.sum) out.varint(tail.sum->holes);

@@ -30,12 +30,25 @@ std::optional<std::uint32_t> inodeFlags(int descriptor) {
     return static_cast<std::uint32_t>(flags);
 }
 
-// Access lists are attributes to the kernel. Most files have neither, and one call tells. Negative: an errno value.
-int attributesLength(const std::string& path, int descriptor) {
-    const ssize_t length =
-        descriptor >= 0 ? ::flistxattr(descriptor, nullptr, 0) : ::llistxattr(path.c_str(), nullptr, 0);
-    if (length >= 0) return static_cast<int>(length);
-    return errno == ENOTSUP || errno == ENOSYS ? 0 : -errno;
+// Length of all names, each with a zero byte. Access lists are attributes to the kernel.
+ssize_t listAttributes(const std::string& path, int descriptor, char* names, std::size_t size) {
+    return descriptor >= 0 ? ::flistxattr(descriptor, names, size) : ::llistxattr(path.c_str(), names, size);
+}
+
+ssize_t attributeLength(const std::string& path, int descriptor, const char* name) {
+    return descriptor >= 0 ? ::fgetxattr(descriptor, name, nullptr, 0) : ::lgetxattr(path.c_str(), name, nullptr, 0);
+}
+
+// libarchive skips attributes and lists that it cannot read, and says nothing. Of a list that has grown meanwhile,
+// nothing is known.
+int probeAttributes(const std::string& path, int descriptor, std::size_t length) {
+    std::string names(length, '\0');
+    const ssize_t listed = listAttributes(path, descriptor, names.data(), names.size());
+    if (listed < 0) return errno == ERANGE ? 0 : -errno;
+    names.resize(static_cast<std::size_t>(listed));
+    for (std::size_t at = 0; at < names.size(); at += std::char_traits<char>::length(&names[at]) + 1)
+        if (attributeLength(path, descriptor, &names[at]) < 0 && errno != ENODATA && errno != ENOTSUP) return -errno;
+    return 0;
 }
 
 void takeAttributes(archive_entry* entry, EntryTail& tail) {
@@ -88,8 +101,12 @@ int MetadataReader::read(const std::string& path, int descriptor, const struct s
                          EntryTail& tail) {
     takeStatus(status, head);
     head.flags = inodeFlags(descriptor);
-    const int length = attributesLength(path, descriptor);
-    return length > 0 ? readAttributes(path, descriptor, tail) : length;
+    // Most files have no attributes, and one call shows it.
+    const ssize_t length = listAttributes(path, descriptor, nullptr, 0);
+    if (length < 0) return errno == ENOTSUP || errno == ENOSYS ? 0 : -errno;
+    if (length == 0) return 0;
+    if (const int error = readAttributes(path, descriptor, tail)) return error;
+    return probeAttributes(path, descriptor, static_cast<std::size_t>(length));
 }
 
 int MetadataReader::readAttributes(const std::string& path, int descriptor, EntryTail& tail) {

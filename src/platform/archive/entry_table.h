@@ -33,7 +33,7 @@ private:
         EntryPlace place;
         std::uint64_t content = 0;  // number of the entry that holds it, this one's own or an earlier one's
         std::optional<Digest> digest;
-        SparseSum sum;  // where the entry says nothing of holes: none
+        SparseSum sum;            // where the entry says nothing of holes: none
         bool unreadable = false;  // in part
     };
 

@@ -53,7 +53,7 @@ inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of
 inline constexpr std::size_t maxAttributeBytes = 1048576;                  // names and values together
 inline constexpr std::uint64_t maxDigestedHoles = std::uint64_t{1} << 40;  // bytes
 inline constexpr std::size_t maxUnreadableExtents = 4096;
-inline constexpr std::size_t maxEndLength = 2097152;                       // of the joined payload; likewise below
+inline constexpr std::size_t maxEndLength = 2097152;  // of the joined payload; likewise below
 inline constexpr std::size_t maxIndexLength = 1048576;
 
 }  // namespace tarnwick::qvx

@@ -14,8 +14,8 @@ std::int64_t wholeSeconds(std::int64_t nanoseconds) {
 
 bool same(const IndexEntry& a, const IndexEntry& b) {
     return a.block == b.block && a.offset == b.offset && a.type == b.type && a.path == b.path && a.mode == b.mode &&
-           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size && a.modifiedSeconds == b.modifiedSeconds &&
-           a.incomplete == b.incomplete;
+           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size &&
+           a.modifiedSeconds == b.modifiedSeconds && a.incomplete == b.incomplete;
 }
 
 // Compared by value: another writer may share less of the paths.
