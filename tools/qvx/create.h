@@ -15,7 +15,7 @@ struct CreateOptions {
 
 enum class Creation { complete, incomplete, failed };
 
-// Directories among the paths are taken with all that stands in them; names from a file are taken as they are. What
+// Directories among the paths are taken with everything in them; names from a file are taken as they are. What
 // cannot be read is reported, and makes the archive incomplete. Failure is reported, too; then nothing is left of the
 // archive, and a file that stood there is gone only if it was written to.
 Creation createArchive(const CreateOptions& options);

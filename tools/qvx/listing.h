@@ -7,7 +7,7 @@
 
 namespace tarnwick::qvx {
 
-// "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" behind the mode marks an incomplete entry.
+// "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" after the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
 
 // What an entry lacks that was incomplete when it was captured: "incomplete when it was captured: bytes 0 to 4095 could
