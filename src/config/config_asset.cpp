@@ -65,8 +65,8 @@ bool makePresent(const Asset& asset) {
 }  // namespace
 
 std::string fetchConfigAsset() {
-    if (!assetServiceConcerns(configAssetType)) return {};
-    if (!downloadCatalog(configAssetType))
+    // Without a service there is no catalog to refresh, and nothing to wait for or to warn of.
+    if (assetServiceConfigured() && !downloadCatalog(configAssetType))
         logWarning("catalog update failed, will continue to look for assets using existing catalog...");
     const auto answer = queryAssetsNow(configAssetType, assetQueryKindAll);
     if (answer.resultCode != 0) {

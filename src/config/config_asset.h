@@ -1,5 +1,6 @@
-// The configuration asset: a newer configuration than the one built into the executable, brought onto this machine by
-// the asset service. Everything here runs on the main thread, which blocks while the service works on its own.
+// The configuration asset: a configuration that replaces the one built into the executable. It came with the package or
+// is brought onto this machine by the asset service. Everything here runs on the main thread, which blocks while the
+// service works on its own.
 #pragma once
 
 #include <optional>
@@ -11,7 +12,7 @@
 namespace tarnwick {
 
 // The local directory of the newest configuration asset, downloaded if need be, or the empty text when there is none.
-// Where no service is configured and no such asset installed this answers at once and logs nothing.
+// Where no service is configured this uses what is installed, at once, and logs nothing.
 std::string fetchConfigAsset();
 
 // Whether the service reported success in time: 30 seconds for the catalog, 1800 for an asset. A failure is logged as a

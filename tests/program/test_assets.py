@@ -11,6 +11,7 @@ from world import YES, Scenario, call, content, property_list, write
 PROJECT = world.HERE + "/../.."
 TYPE = "com.vexlor.Provisor.tarnwick.config"
 STORE = f"/var/lib/tarnwick/assets/{TYPE}"
+FACTORY = f"/usr/share/tarnwick/assets/{TYPE}/0.1"
 SITE = "/media/site"
 CATALOG = SITE + "/catalog.plist"
 NAME, TRUST = "tarnwick.config.plist", {"SSL_CERT_FILE": "/media/server.pem"}
@@ -93,6 +94,24 @@ class Assets(Scenario):
         server.server_close()
         self.tarnwick()
         self.assertEqual(sorted(os.listdir(STORE)), ["5.12", "6.0"])
+
+    def test_factory_configuration_until_a_site_publishes_its_own(self):
+        """As the package installs it, on a machine where nothing is configured. A site may use the same version."""
+        write(f"{FACTORY}/{NAME}", content(f"{world.BIN}/../share/linux.plist"))
+        self.key = f"{world.BIN}/../dev-recipient.pem"
+        self.volume("root", YES, ["/var/log/kern.log", "/var/log/dnf.log", "/var/log/auth.log"])
+        out = self.start().communicate()[0]
+        self.assertTrue(out.startswith(f'using external config: "{FACTORY}/{NAME}"\n'.encode()), out)
+        captured = [path for path in self.entries(self.result(out, 0).archive) if "/var/" in path]
+        self.assertEqual(captured, ["media/root/var/log/kern.log", "media/root/var/log/dnf.log"])
+        server = self.serve()
+        for version in "0.0", "0.1", "1.0":
+            self.publish(version)
+            self.fetch()
+        self.assertEqual(os.listdir(FACTORY), [NAME])
+        server.tricks[NAME] = lambda handler: handler.send_error(404)
+        self.publish("2.0")
+        self.fetch()
 
     def test_every_refused_catalog_leaves_the_installed_asset_in_use(self):
         def redirect(url):

@@ -1,7 +1,7 @@
 """A private world for the programs under test, and a record of what they say and leave in it.
 
-A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick and /var/lib/tarnwick in a mount namespace
-of its own; the machine outside sees none of it. Everything that it makes lies below /media:
+A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick, /usr/share/tarnwick and /var/lib/tarnwick
+in a mount namespace of its own; the machine outside sees none of it. Everything that it makes is below /media:
 
     /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
     /media/programs   the programs under test                   /media/NAME      the source volume NAME
@@ -126,7 +126,7 @@ class Scenario(unittest.TestCase):
             os.mkdir(f"/media/{folder}")
         os.chmod("/media/counts", 0o777)
         call("mount", "--no-canonicalize", "--bind", BIN, "/media/programs")
-        for path in ("/etc", "/usr/lib", "/var/lib"):  # also where the product is installed
+        for path in ("/etc", "/usr/lib", "/usr/share", "/var/lib"):  # also where the product is installed
             layers = [f"/media/{kind}{path}" for kind in ("upper", "work")]
             call("mkdir", "-p", *layers)
             self.lay(path, "lowerdir={},upperdir={},workdir={}".format(path, *layers), "overlay")

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <future>
 
@@ -68,7 +69,24 @@ protected:
 
     TemporaryFolder folder_;
     const fs::path key_ = folder_.path / "key.pem";
-    const AssetServicePlaces places_{folder_.path / "service.plist", folder_.path / "store"};
+    // Installs a version of the asset "t" by hand.
+    static void put(const fs::path& root, const std::string& version) {
+        fs::create_directories(root / "t" / version);
+        write(root / "t" / version / "f", "x");
+    }
+    // What the service would use of the asset "t": its newest version, below the test's folder, or why there is none.
+    [[nodiscard]] std::string inUse() const {
+        const AssetService service(places_);
+        auto answer = service.queryAssetsNow("t");
+        if (answer.resultCode != 0) return "code " + std::to_string(answer.resultCode);
+        if (answer.assets.empty()) return "none";
+        const auto newest = *std::max_element(answer.assets.begin(), answer.assets.end(),
+                                              [](const auto& a, const auto& b) { return a.version < b.version; });
+        EXPECT_EQ(service.installState(newest), assetStateInstalled);
+        return service.localDirectory(newest)->lexically_relative(folder_.path);
+    }
+
+    const AssetServicePlaces places_{folder_.path / "service.plist", folder_.path / "store", folder_.path / "factory"};
 };
 
 constexpr auto stopped = static_cast<std::int64_t>(AssetResult::stopped);
@@ -112,9 +130,33 @@ TEST_F(Service, RefusesAConfigurationOrAKeyThatIsNotToBeTrusted) {
     configure("file:///nowhere");
     ::chmod(key_.c_str(), 0666);
     EXPECT_EQ(refresh(), AssetResult::keyUnusable);
-    EXPECT_TRUE(AssetService(places_).concerns("t"));
+    EXPECT_TRUE(AssetService(places_).configured());
     ::chmod(places_.configuration.c_str(), 0664);
-    EXPECT_FALSE(AssetService(places_).concerns("t"));
+    EXPECT_FALSE(AssetService(places_).configured());
+}
+
+TEST_F(Service, UsesTheFactoryVersionUntilTheStoreHasTheSameOrANewerOne) {
+    EXPECT_EQ(inUse(), "none");
+    put(places_.factory, "0.1");
+    EXPECT_EQ(inUse(), "factory/t/0.1");
+    put(places_.store, "0.0");
+    EXPECT_EQ(inUse(), "factory/t/0.1");
+    put(places_.store, "0.1");
+    EXPECT_EQ(inUse(), "store/t/0.1");
+    put(places_.store, "1.0");
+    EXPECT_EQ(inUse(), "store/t/1.0");
+}
+
+TEST_F(Service, IgnoresAFactoryFolderThatOthersCanWriteButFailsOnSuchAStore) {
+    put(places_.factory, "0.1");
+    put(places_.store, "0.0");
+    for (const auto& folder : {places_.factory, places_.factory / "t", places_.factory / "t/0.1"}) {
+        ::chmod(folder.c_str(), 0777);
+        EXPECT_EQ(inUse(), "store/t/0.0") << folder;
+        ::chmod(folder.c_str(), 0755);
+    }
+    ::chmod(places_.store.c_str(), 0777);
+    EXPECT_EQ(inUse(), "code 4");
 }
 
 }  // namespace

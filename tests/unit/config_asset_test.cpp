@@ -26,7 +26,8 @@ DownloadClock::time_point downloadDeadline(std::chrono::seconds fromNow) {
 TEST(ConfigFile, IsTheOneOfThatExactNameAtAnyDepth) {
     if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0) GTEST_SKIP() << "needs root and a mount namespace";
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-    for (const char* place : {"/etc", "/var/lib"}) ASSERT_EQ(mount("none", place, "tmpfs", 0, "mode=755"), 0);
+    for (const char* place : {"/etc", "/var/lib", "/usr/share"})
+        ASSERT_EQ(mount("none", place, "tmpfs", 0, "mode=755"), 0);
     const fs::path asset = "/var/lib/tarnwick/assets/com.vexlor.Provisor.tarnwick.config/4.1";
     const auto file = asset / "deep/er/tarnwick.config.plist";
     fs::create_directories(asset / "tarnwick.config.plist");
@@ -37,6 +38,8 @@ TEST(ConfigFile, IsTheOneOfThatExactNameAtAnyDepth) {
     EXPECT_EQ(resolveConfigFile(configurationFile), file);
     EXPECT_EQ(resolveConfigFile(1), "");
 
+    EXPECT_EQ(timeAllowed, std::chrono::seconds(0)) << "nothing is refreshed without a service";
+    EXPECT_FALSE(downloadCatalog("t"));
     EXPECT_EQ(timeAllowed, std::chrono::seconds(30));
     EXPECT_FALSE(downloadAsset({}));
     EXPECT_EQ(timeAllowed, std::chrono::seconds(1800));

@@ -58,7 +58,6 @@ AssetResult fetchCatalog(const std::string& url, SignedCatalog& received, const 
 bool hasExpired(const AssetCatalog& catalog) { return catalog.expiry <= std::chrono::system_clock::now(); }
 
 AssetResult refreshCatalog(const AssetServicePlaces& places, const std::stop_token& stop) {
-    if (!assetServiceConfigured(places.configuration)) return AssetResult::success;
     AssetConfiguration configuration;
     SignedCatalog received;
     AssetCatalog catalog;
@@ -189,11 +188,7 @@ void AssetService::submit(Job job, CompletionCallback done) {
     }
 }
 
-bool AssetService::concerns(const std::string& type) const {
-    std::vector<AssetVersion> installed;
-    return assetServiceConfigured(places_.configuration) ||
-           AssetStore(places_.store).listInstalled(type, installed) != AssetResult::success || !installed.empty();
-}
+bool AssetService::configured() const { return assetServiceConfigured(places_.configuration); }
 
 void AssetService::requestCatalogRefresh(CompletionCallback done) {
     submit([places = places_](const std::stop_token& stop) { return refreshCatalog(places, stop); }, std::move(done));
@@ -210,6 +205,7 @@ AssetQueryAnswer AssetService::queryAssetsNow(const std::string& type) const {
     const auto listed = AssetStore(places_.store).listInstalled(type, installed);
     answer.resultCode = static_cast<std::int64_t>(listed);
     if (listed != AssetResult::success) return answer;
+    AssetStore(places_.factory).listInstalled(type, installed);
     for (auto& asset : usableCatalog(places_).assets)
         if (asset.type == type) answer.assets.push_back(std::move(asset));
     for (const auto& version : installed) {
@@ -221,16 +217,17 @@ AssetQueryAnswer AssetService::queryAssetsNow(const std::string& type) const {
 }
 
 std::int64_t AssetService::installState(const Asset& asset) const {
-    return AssetStore(places_.store).holdsComplete(asset) ? assetStateInstalled : 0;
+    return localDirectory(asset) ? assetStateInstalled : 0;
 }
 
+// The store comes first: a site may publish the factory's version number, and means its own files then.
 std::optional<std::filesystem::path> AssetService::localDirectory(const Asset& asset) const {
-    const AssetStore store(places_.store);
-    if (!store.holdsComplete(asset)) return std::nullopt;
-    return store.folderOf(asset);
+    for (const AssetStore& store : {AssetStore(places_.store), AssetStore(places_.factory)})
+        if (store.holdsComplete(asset)) return store.folderOf(asset);
+    return std::nullopt;
 }
 
-bool assetServiceConcerns(const std::string& type) { return theService().concerns(type); }
+bool assetServiceConfigured() { return theService().configured(); }
 
 void requestCatalogRefresh(const std::string&, const DownloadOptions&, CompletionCallback done) {
     theService().requestCatalogRefresh(std::move(done));  // one catalog for all types

@@ -36,14 +36,15 @@ enum class AssetVersionKind { content, mastered };
 inline constexpr int assetQueryKindAll = 2;             // installed or known to the catalog
 inline constexpr std::int64_t assetStateInstalled = 2;  // installed and complete
 
-// Whether there is anything to ask for: a configured service, or an installed asset of the type.
-bool assetServiceConcerns(const std::string& type);
+// Whether this machine has a service to refresh a catalog from. Without one the installed assets can still be queried.
+bool assetServiceConfigured();
 
 void requestCatalogRefresh(const std::string& type, const DownloadOptions& options, CompletionCallback done);
 void requestAssetDownload(const Asset& asset, const DownloadOptions& options, CompletionCallback done);
 
 // Answers from what is on this machine: the stored catalog, verified again and left aside when it has expired, and the
-// installed versions. Blocks for as long as the disk takes.
+// installed versions, those that came with the package included. A store that cannot be trusted is a failure; a factory
+// folder that cannot be trusted counts as missing. Blocks for as long as the disk takes.
 AssetQueryAnswer queryAssetsNow(const std::string& type, int kind);
 
 std::int64_t assetInstallState(const Asset& asset);
@@ -53,6 +54,7 @@ std::optional<std::filesystem::path> assetLocalDirectory(const Asset& asset);  /
 struct AssetServicePlaces {
     std::filesystem::path configuration = "/etc/tarnwick/asset-service.plist";
     std::filesystem::path store = "/var/lib/tarnwick/assets";
+    std::filesystem::path factory = "/usr/share/tarnwick/assets";  // laid out like the store; read only, the package's
 };
 
 // The service itself. The functions above are those of one instance at the default places, made at first use. The
@@ -65,7 +67,7 @@ public:
     AssetService(const AssetService&) = delete;
     AssetService& operator=(const AssetService&) = delete;
 
-    [[nodiscard]] bool concerns(const std::string& type) const;
+    [[nodiscard]] bool configured() const;
     void requestCatalogRefresh(CompletionCallback done);
     void requestAssetDownload(const Asset& asset, CompletionCallback done);
     [[nodiscard]] AssetQueryAnswer queryAssetsNow(const std::string& type) const;
