@@ -44,8 +44,10 @@ set(CPACK_TARNWICK_REFUSAL "${TARNWICK_REFUSAL}")
 # What belongs to the package alone: `cmake --install` must not lay files over those of an administrator.
 set(CPACK_INSTALL_CMAKE_PROJECTS "${PROJECT_BINARY_DIR};tarnwick;ALL;/;${PROJECT_BINARY_DIR};tarnwick;package;/")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/config/etc/ DESTINATION /etc/tarnwick COMPONENT package EXCLUDE_FROM_ALL)
-install(FILES ${PROJECT_BINARY_DIR}/share/linux.plist DESTINATION share/doc/tarnwick/examples
-        RENAME tarnwick.config.plist COMPONENT package EXCLUDE_FROM_ALL)
+# The factory configuration: an asset of a version below any that a site publishes.
+install(FILES ${PROJECT_BINARY_DIR}/share/linux.plist
+        DESTINATION share/tarnwick/assets/com.vexlor.Provisor.tarnwick.config/0.1 RENAME tarnwick.config.plist
+        COMPONENT package EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright DESTINATION share/doc/tarnwick COMPONENT package
         EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME tarnwick

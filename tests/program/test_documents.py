@@ -8,9 +8,10 @@ import re
 import shutil
 
 import world
-from world import YES, Scenario, call, on_terminal, read, write
+from world import YES, Scenario, call, on_terminal, property_list, read, write
 
 TOP = world.HERE + "/../.."
+TYPE, NAME = "com.vexlor.Provisor.tarnwick.config", "tarnwick.config.plist"
 TEXTS = [read(f"{TOP}/{name}") for name in ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "docs/architecture.md",
                                             "docs/threat-model.md", "bench/README.md")]
 PAGES = ["tarnwick.8", "qvx.1", "asset-publish.1", "tarnwick-assets.5", "nvram.8", "volctl.8"]
@@ -76,7 +77,9 @@ class Documents(Scenario):
         """On a machine with the package, and with the configuration that a site would publish."""
         os.symlink(f"{TOP}/tools/asset-publish/asset-publish", "/media/bin/asset-publish")
         shutil.copy(f"{TOP}/config/etc/asset-service.plist.example", "/etc/tarnwick/")
-        shutil.copy(f"{TOP}/config/linux.plist.in", "/media/cwd/tarnwick.config.plist")
+        factory = read(f"{world.BIN}/../share/linux.plist")
+        write(f"/usr/share/tarnwick/assets/{TYPE}/0.1/{NAME}", factory)
+        write(f"/media/cwd/{NAME}", factory)
         self.volume("data", YES, ["/private/var/log/system.log"])
         for folder in "/var/log", "/run":
             self.lay(folder, "mode=755")
@@ -94,4 +97,19 @@ class Documents(Scenario):
             shown, status, _ = on_terminal([*command, 'sudo() { "$@"; }\n' + block.replace("sda3", device)], b"ass",
                                            *[b"secret\n"] * (2 if "safe.pem" in block else 0))
             self.assertEqual(status, 0, f"{block}\n{shown.decode()}")
+            if "cat >directive" in block:
+                os.remove("/etc/tarnwick/asset-service.plist")
+                self.check_widened_configuration("1.0")
+            elif "site/$type/1.1" in block:
+                write("/etc/tarnwick/asset-service.plist", property_list(
+                    {"CatalogURL": "file:///media/cwd/site/catalog.plist", "CatalogKey": "/etc/tarnwick/catalog.pem"}))
+                self.check_widened_configuration("1.1")
         self.assertEqual(os.listdir("/media/cwd/case-4711/media/data/private/var/log"), ["system.log"])
+
+    def check_widened_configuration(self, version):
+        """The configuration that an example installed or published is used, and its directive finds a file."""
+        self.key = f"{world.BIN}/../dev-recipient.pem"
+        write("/media/data/var/log/cups/error_log")
+        out = self.start().communicate()[0]
+        self.assertIn(f'using external config: "/var/lib/tarnwick/assets/{TYPE}/{version}/{NAME}"', out.decode())
+        self.assertIn("media/data/var/log/cups/error_log", self.entries(self.result(out, 0).archive))

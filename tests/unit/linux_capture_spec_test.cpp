@@ -1,4 +1,4 @@
-// The example capture specification, tried with the real `find` on a small copy of the places that it names.
+// The factory configuration, tried with the real `find` on a small copy of the places that it names.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -21,7 +21,8 @@ TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
     const auto root = folder.path.string();
     std::multiset<std::string> wanted, found;
     std::ifstream places(TEST_DATA "/linux-places.txt");
-    for (std::string sign, path; places >> sign >> path;) {
+    for (std::string system, sign, path; places >> system >> sign >> path;) {
+        ASSERT_TRUE(sign == "+" || sign == "-") << path;
         fs::create_directories(fs::path(root + path).parent_path());
         std::ofstream(root + path) << "x";
         if (sign == "+") wanted.insert(path);
