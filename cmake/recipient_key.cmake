@@ -54,7 +54,10 @@ if(recipient STREQUAL "")
   if(NOT TARNWICK_ALLOW_DEVELOPMENT_KEY)
     set(TARNWICK_REFUSAL "This build seals archives to a development key. Set TARNWICK_ARCHIVE_PUBLIC_KEY to the \
 recipient's key, or TARNWICK_ALLOW_DEVELOPMENT_KEY to install or package it all the same.")
-    install(CODE "message(FATAL_ERROR \"${TARNWICK_REFUSAL}\")" ALL_COMPONENTS)
+    # Asked again at install time, so that one installation can be allowed without changing the build.
+    install(CODE "if(NOT TARNWICK_ALLOW_DEVELOPMENT_KEY)
+                    message(FATAL_ERROR \"${TARNWICK_REFUSAL}\")
+                  endif()" ALL_COMPONENTS)
   endif()
 else()
   list(APPEND info_arguments "-DRECIPIENT=${recipient}")
