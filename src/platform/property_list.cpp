@@ -9,10 +9,8 @@ namespace tarnwick {
 
 namespace {
 
-constexpr std::size_t largestFile = 16 << 20;
-
 std::optional<PropertyListDictionary> parseFile(const FileDescriptor& file) {
-    const auto bytes = file ? readToEnd(file, largestFile) : std::nullopt;
+    const auto bytes = file ? readToEnd(file, maxPropertyListFile) : std::nullopt;
     return bytes ? parsePropertyListText(*bytes) : std::nullopt;
 }
 

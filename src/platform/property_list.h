@@ -59,9 +59,11 @@ std::optional<PropertyListValue> parsePropertyList(std::string_view bytes);
 // As parsePropertyList, but a root that is not a dictionary gives nothing as well.
 std::optional<PropertyListDictionary> parsePropertyListText(std::string_view text);
 
+inline constexpr std::size_t maxPropertyListFile = 16 << 20;  // bytes; a larger file is refused
+
 // Reads and parses a file whose root must be a dictionary. Links are followed. A path is text as any other here, and
 // one that is not UTF-8 names nothing. The file may stand on a volume that belongs to a stranger: something that is not
-// a regular file is not waited for, and a file past 16 MiB is refused.
+// a regular file is not waited for, and a file past maxPropertyListFile is refused.
 std::optional<PropertyListDictionary> readPropertyListFile(const std::filesystem::path& path);
 
 // As readPropertyListFile, for a file that decides what root does (openTrustedFile).

@@ -4,9 +4,12 @@
 #include <cctype>
 #include <filesystem>
 #include <iostream>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "log/execution_log.h"
+#include "platform/consent_record.h"
 #include "platform/internal_policies.h"
 
 namespace tarnwick {
@@ -16,20 +19,6 @@ namespace fs = std::filesystem;
 std::string pendingAnswer;
 
 namespace {
-
-constexpr auto recordOnVolume = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist";
-
-struct Verdict {
-    ConsentState state = ConsentState::Indeterminate;
-    std::string_view source = "filesystem consent";
-};
-
-Verdict decide(const PropertyListDictionary& record) {
-    const auto stateOf = [](bool choice) { return choice ? ConsentState::Granted : ConsentState::ExplicitlyDenied; };
-    if (const auto seed = lookupBoolean(record, "SeedAutoSubmit")) return {stateOf(*seed), "filesystem seed consent"};
-    if (const auto choice = lookupBoolean(record, "AutoSubmit")) return {stateOf(*choice)};
-    return {};
-}
 
 std::string_view wordFor(ConsentState state) {
     switch (state) {
@@ -57,11 +46,6 @@ std::optional<PropertyListDictionary> readRecord(const fs::path& path) {
 
 }  // namespace
 
-std::optional<bool> lookupBoolean(const PropertyListDictionary& dictionary, std::string_view key) {
-    const auto* value = findValueAs<bool>(dictionary, key);
-    return value ? std::optional(*value) : std::nullopt;
-}
-
 bool checkConsent(const VolumeInfo& volume, const RunOptions& options, bool& granted) {
     granted = false;
     if (internalPoliciesAllowed(subsystemIdentifier) && options.force) {
@@ -69,12 +53,13 @@ bool checkConsent(const VolumeInfo& volume, const RunOptions& options, bool& gra
         return true;
     }
     logTrace("checking consent for " + volume.mountPoint);
-    const auto record = readRecord(fs::path(volume.mountPoint) / recordOnVolume);
+    const auto record = readRecord(fs::path(volume.mountPoint) / consentRecordPath);
     if (!record) return false;
 
-    const Verdict verdict = decide(*record);
-    traceVerdict(verdict.source, volume.mountPoint, verdict.state);
-    granted = verdict.state == ConsentState::Granted;
+    const auto decision = decideConsent(*record);
+    traceVerdict(decision.fromSeed ? "filesystem seed consent" : "filesystem consent", volume.mountPoint,
+                 decision.state);
+    granted = decision.state == ConsentState::Granted;
     if (!granted && !options.nonInteractive) {
         granted = askOneTimeConsent();
         traceVerdict("ad-hoc consent", volume.mountPoint,

@@ -1,27 +1,18 @@
 // Whether the owner of a volume lets diagnostic data be collected from it.
 #pragma once
 
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "base/run_options.h"
-#include "platform/property_list.h"
 #include "volumes/volume_info.h"
 
 namespace tarnwick {
-
-// What the record on the volume says.
-enum class ConsentState { Granted, ExplicitlyDenied, Indeterminate };
 
 // Reads the owner's recorded choice from the volume and, unless it grants consent or the run is non-interactive, asks
 // the person at the terminal for a one-time consent, which is never written back. Returns false when there is no
 // readable record; otherwise true, with `granted` telling the outcome. With `force` on an internal build consent is
 // granted without a look.
 bool checkConsent(const VolumeInfo& volume, const RunOptions& options, bool& granted);
-
-// The value under `key` if it is a boolean; a value of any other type counts as absent.
-std::optional<bool> lookupBoolean(const PropertyListDictionary& dictionary, std::string_view key);
 
 bool askOneTimeConsent();
 

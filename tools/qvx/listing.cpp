@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "base/json_string.h"
 #include "report.h"
 
 namespace tarnwick::qvx {

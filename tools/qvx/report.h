@@ -17,8 +17,4 @@ void sayError(const std::string& message, int error);
 // A path or name for one line of a terminal: what is not printable UTF-8, and the backslash, as \xHH. Reversible.
 std::string escapedName(std::string_view name);
 
-// `text` as a JSON string. A byte that is not part of UTF-8 becomes the lone surrogate U+DC80 to U+DCFF, so that
-// nothing is lost.
-std::string jsonString(std::string_view text);
-
 }  // namespace tarnwick::qvx
