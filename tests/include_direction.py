@@ -5,6 +5,7 @@ import re
 import sys
 
 FLOORS = ["base", "platform", "log", "volumes", "config", "capture", "app"]  # from the ground up
+LINKED_TOOLS = {("tarnwick-consent", "volctl")}  # a tool that is built on the modules of another
 UPWARDS = {("src/capture/capture_summary.h", "app/capture_store.h")}  # the one arrow that may point up
 THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|archive|libcryptsetup|sys/acl)\b(?!_)")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
@@ -16,7 +17,7 @@ def allowed(source: str, quote: str, target: str) -> bool:
     if quote == "<":
         return tree == "tools" or home == "platform" or not THIRD_PARTY.match(target)
     if floor not in FLOORS:
-        return tree == "tools" and ("/" not in target or floor == home)  # a tool's own header
+        return tree == "tools" and ("/" not in target or floor == home or (home, floor) in LINKED_TOOLS)
     visible = FLOORS[:2] if tree == "tools" else FLOORS[:FLOORS.index(home) + 1]
     return floor in visible or (source, target) in UPWARDS
 

@@ -21,7 +21,8 @@ class Completion(Scenario):
         """The long options and the commands that the program's own help names."""
         for line in ("qvx", *(f"qvx {each}" for each in "create list verify extract cat info keygen".split()), "volctl",
                      *(f"volctl {each}" for each in ("list", "info", "zkfs", "zkfs listGroups", "zkfs unlockVolume",
-                                                     "zkfs lockVolume"))):
+                                                     "zkfs lockVolume")), "tarnwick-consent",
+                     *(f"tarnwick-consent {each}" for each in ("show", "grant", "deny", "ask"))):
             words = line.split()
             text, _, commands = call(f"{BIN}/{words[0]}", *words[1:], "--help").partition("Subcommands:\n")
             known = re.findall(r"--[a-z0-9-]+", (text + commands).replace("-plist)", ""))
