@@ -14,7 +14,8 @@ TOP = world.HERE + "/../.."
 TYPE, NAME = "com.vexlor.Provisor.tarnwick.config", "tarnwick.config.plist"
 TEXTS = [read(f"{TOP}/{name}") for name in ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "docs/architecture.md",
                                             "docs/threat-model.md", "bench/README.md")]
-PAGES = ["tarnwick.8", "qvx.1", "asset-publish.1", "tarnwick-assets.5", "nvram.8", "volctl.8"]
+PAGES = ["tarnwick.8", "qvx.1", "asset-publish.1", "tarnwick-assets.5", "nvram.8", "volctl.8",
+         "tarnwick-consent.8"]
 FENCE = re.compile(r"^```(.*)\n((?:(?!```).*\n)*)```$", re.MULTILINE)
 EXAMPLE = re.compile(r'^(?:\.\\" (.*)\n)?\.(?:Bd -literal.*\n((?:(?!\.Ed).*\n)*)\.Ed|Dl (.*))$', re.MULTILINE)
 BLOCKS = [found for text in TEXTS for found in FENCE.findall(text)]
@@ -92,8 +93,11 @@ class Documents(Scenario):
         for block in (text for mark, text in BLOCKS + EXAMPLES if mark == "sh world"):
             if "tarnwick-*.qvx" in block and not glob.glob("/media/cwd/tarnwick-*.qvx"):
                 self.leave_archive()
-            if "sda3" in block or "BootOrder" in block:
+            if "sda3" in block or "BootOrder" in block or "/home" in block:
                 device = device or self.leave_volume()
+            if "/home" in block:  # a data volume
+                call("mount", f"/dev/{device}", "/home")
+                self.addCleanup(call, "umount", "--lazy", "/home")
             shown, status, _ = on_terminal([*command, 'sudo() { "$@"; }\n' + block.replace("sda3", device)], b"ass",
                                            *[b"secret\n"] * (2 if "safe.pem" in block else 0))
             self.assertEqual(status, 0, f"{block}\n{shown.decode()}")
