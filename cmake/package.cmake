@@ -21,12 +21,13 @@ the hardware, packs them into one compressed archive that only the holder of a
 private key can open, and keeps it on the service partition.
 .
 With it come volctl, which shows and unlocks volumes, nvram, which prints the
-variables of the firmware, qvx, which makes and opens such archives, and
+variables of the firmware, qvx, which makes and opens such archives,
+tarnwick-consent, which shows and records the owner's consent, and
 asset-publish, which signs the configurations that a site hands out.")
 
 # Libraries are found in the programs. Every system has findutils, but not always one that knows -regextype.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "findutils (>= 4.2.24), man-db, openssl, python3")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "debconf (>= 0.5) | debconf-2.0, findutils (>= 4.2.24), man-db, openssl, python3")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ca-certificates")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "bash-completion, sudo")
 
@@ -36,7 +37,9 @@ set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/settle_modes.cmake)
 set(CPACK_POST_BUILD_SCRIPTS ${CPACK_PRE_BUILD_SCRIPTS})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/conffiles ${PROJECT_SOURCE_DIR}/packaging/postrm)
+foreach(member conffiles config postinst postrm templates)
+  list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/${member})
+endforeach()
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/before_packaging.cmake)
 set(CPACK_TARNWICK_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 set(CPACK_TARNWICK_REFUSAL "${TARNWICK_REFUSAL}")
@@ -58,7 +61,7 @@ install(CODE "set(version \"${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}\"
 install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/write_changelog.cmake COMPONENT package EXCLUDE_FROM_ALL)
 include(CPack)
 
-foreach(program tarnwick qvx volctl)
+foreach(program tarnwick tarnwick-consent qvx volctl)
   install(FILES ${PROJECT_SOURCE_DIR}/completion/${program} DESTINATION share/bash-completion/completions)
 endforeach()
 
