@@ -164,6 +164,10 @@ class Consent(Scenario):
             self.assertEqual(content(f"{folder}/{CONSENT}"), record)
         os.truncate(f"{folder}/{CONSENT}", (16 << 20) + 1)
         self.refuses("deny", folder, folder=folder)
+        # Each "&" takes one byte now and five in the XML form.
+        write(f"{folder}/{CONSENT}", plistlib.dumps({"Text": "&" * (4 << 20)}, fmt=plistlib.FMT_BINARY))
+        self.refuses("deny", folder, folder=folder)
+        self.consent("show", folder)
 
     def waits_to_write(self, process):
         """Blocked by the kernel, with signals held back."""

@@ -238,9 +238,11 @@ void changeConsentRecord(const std::string& mountPoint, const std::function<void
     folders.openOrMake();
     auto record = readFrom(folders.last()).value_or(PropertyListDictionary{});
     change(record);
+    const auto text = writeXmlPropertyList(PropertyListValue{std::move(record)});
+    if (text.size() > maxPropertyListFile) throw RecordError("the XML form of the record would be larger than 16 MiB");
 
     TemporaryFile file(folders.last());
-    file.write(writeXmlPropertyList(PropertyListValue{std::move(record)}));
+    file.write(text);
     file.setOwnerAndMode();
     file.close();
     file.rename(recordName());
