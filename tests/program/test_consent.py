@@ -8,6 +8,7 @@ import resource
 import shutil
 import signal
 import subprocess
+import time
 import uuid
 
 import world
@@ -179,19 +180,21 @@ class Consent(Scenario):
         folder = self.data()
         long = {"Text": "x" * 5000, "AutoSubmit": False}
 
-        def limit():
+        def small_files():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
 
-        self.refuses("grant", folder, folder=folder, preexec_fn=limit)  # takes its new folders away again
+        self.refuses("grant", folder, folder=folder, preexec_fn=small_files)  # takes its new folders away again
         write(f"{folder}/{CONSENT}", plistlib.dumps(long))
-        self.refuses("grant", folder, folder=folder, preexec_fn=limit)
+        self.refuses("grant", folder, folder=folder, preexec_fn=small_files)
         call("fsfreeze", "-f", folder)
         with contextlib.ExitStack() as thaw:
             thaw.callback(call, "fsfreeze", "-u", folder)
             for number in signal.SIGTERM, signal.SIGKILL:
                 process = self.start("grant", folder, program="tarnwick-consent")
+                limit = time.monotonic() + 60
                 while not self.waits_to_write(process):
+                    self.assertLess(time.monotonic(), limit)
                     self.assertIsNone(process.poll())
                 process.send_signal(number)
                 if number == signal.SIGTERM:
