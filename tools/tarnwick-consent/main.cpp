@@ -146,7 +146,7 @@ int changeRecord(const std::string& mountPoint, ConsentState wanted) {
     }
     if (result == wanted) return 0;
     const auto path = std::filesystem::path(mountPoint) / consentRecordPath;
-    complain(mountPoint + ": this has no effect: SeedAutoSubmit decides; to change that, remove this key from " +
+    complain(mountPoint + ": recorded, but without effect, because SeedAutoSubmit decides; to change that, remove SeedAutoSubmit from " +
              path.native());
     return overridden;
 }

@@ -220,7 +220,7 @@ std::int64_t AssetService::installState(const Asset& asset) const {
     return localDirectory(asset) ? assetStateInstalled : 0;
 }
 
-// The store comes first: a site may publish the factory's version number, and means its own files then.
+// The store comes first: if a site publishes the factory's version number, its files are used.
 std::optional<std::filesystem::path> AssetService::localDirectory(const Asset& asset) const {
     for (const AssetStore& store : {AssetStore(places_.store), AssetStore(places_.factory)})
         if (store.holdsComplete(asset)) return store.folderOf(asset);
