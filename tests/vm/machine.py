@@ -15,34 +15,49 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 EXCHANGE = "96M"  # the size of the disks that files are given and taken by
+USER, PASSWORD = "owner", "a longer word"
+MACHINE_ID = "5eed" * 8
 
 PACKAGES = """linux-image-amd64 systemd-sysv udev initramfs-tools lvm2 cryptsetup-bin btrfs-progs xfsprogs dosfstools
-    fdisk attr libblkid1 libmount1 libcryptsetup12 libarchive13 libzstd1 libssl3 libexpat1 libcurl4""".split()
+    fdisk attr sudo man-db openssl python3 libblkid1 libmount1 libcryptsetup12 libarchive13 libzstd1 libssl3 libexpat1
+    libcurl4""".split()
 LEFT_OUT = ["/usr/share/doc/*", "/usr/share/locale/*"] + [
     f"/lib/modules/*/kernel/{folder}/*" for folder in ("sound", "drivers/net", "drivers/gpu", "drivers/media")]
 
 # MiB, GPT type, name. The root partition is written here, the others are formatted by the guest.
-PARTITIONS = [
-    (64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
-    (64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition"),
-    (1024, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
-    (64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
-    (64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
-    (160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
-    (320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
-    (32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
-]
+ROOT_SIZE, VAR_SIZE = 1024, 192
+BOOT = (64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition")
+PARTITIONS = {
+    "system": [
+        (64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
+        BOOT,
+        (ROOT_SIZE, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
+        (64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
+        (64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
+        (160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
+        (320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
+        (32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
+    ],
+    "other": [BOOT, (64, "0fc63daf-8483-4772-8e79-3d69d8477de4", "data")],
+}
+
+# Machines: the names of their disks, and the device of the root. The first one makes the disks of the other two.
+PLANTING = (("system", "other", "lvm", "stick"), "/dev/vda3")
+DESKTOP = (("system", "stick"), "/dev/vda3")
+LVM_ROOT = (("other", "lvm"), "/dev/mapper/zz--vg-root")
 
 FILES = {
     "etc/fstab": "/dev/vda3 / ext4 errors=remount-ro 0 1\n",
     "etc/hostname": "vm\n",
-    # A shell on each serial line: the first is the operator's terminal, the second the test's own.
+    "etc/hosts": "127.0.0.1 localhost vm\n",
+    "etc/machine-id": f"{MACHINE_ID}\n",
+    # A shell on each serial line: the first is the terminal of the machine's owner, the second the test's own.
     "etc/systemd/system/shell@.service": """[Unit]
 After=systemd-user-sessions.service local-fs.target
 [Service]
 Type=idle
-Environment=PS1= TERM=dumb HOME=/root
-WorkingDirectory=/root
+Environment=PS1= TERM=dumb
+WorkingDirectory=~
 ExecStart=/bin/sh -c 'echo @shell@; exec bash --norc --noediting -i'
 StandardInput=tty
 StandardOutput=tty
@@ -51,8 +66,18 @@ TTYPath=/dev/%i
 [Install]
 WantedBy=multi-user.target
 """,
+    "etc/systemd/system/shell@ttyS0.service.d/user.conf": f"[Service]\nUser={USER}\n",
+    "etc/systemd/system/shell@ttyS1.service.d/user.conf": "[Service]\nUser=root\n",
 }
-KERNEL_LINE = "root=/dev/vda3 rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off"
+LVM_FILES = {
+    "etc/fstab": """/dev/zz-vg/root / ext4 errors=remount-ro 0 1
+/dev/zz-vg/var /var ext4 defaults 0 2
+/dev/vda1 /boot ext4 nofail 0 2
+""",
+    # The journal is kept in memory, so that there is something on / itself to be captured.
+    "etc/systemd/journald.conf.d/memory.conf": "[Journal]\nStorage=volatile\n",
+}
+KERNEL_LINE = "rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off"
 
 
 class Failure(Exception):
@@ -67,6 +92,7 @@ def command(*words, **settings):
 
 
 def say(text=""):
+    text = re.sub("[^\n]*\r", "", text)  # what was written over
     print("".join(c if c in "\n\t" or c.isprintable() else f"\\x{ord(c):02x}" for c in text), flush=True)
 
 
@@ -88,7 +114,7 @@ class Console:
             received = self.socket.recv(65536) if ready else b""
             if not received:
                 raise Failure(f"nothing more came, waiting for {pattern!r} after:\n{self.unread[-3000:]}")
-            self.unread += self.decode(received).replace("\r", "")
+            self.unread = re.sub("\r+\n", "\n", self.unread + self.decode(received))
         before, self.unread = self.unread[:match.start()], self.unread[match.end():]
         return match, before
 
@@ -128,15 +154,16 @@ class Machine:
 
 
 @contextlib.contextmanager
-def running(folder, form, kernel):
+def running(folder, form, kernel, design):
     """At the end the power is taken away; should this process be killed, too."""
     machine, words = Machine(folder), []
+    disks, root = design
     for name in "tools", "out":
         command("truncate", "-s", EXCHANGE, folder / name)
-    for number, (name, kind) in enumerate((("tools", "raw"), ("out", "raw"), ("system", form), ("stick", form))):
+    for number, (name, kind) in enumerate([(name, form) for name in disks] + [("tools", "raw"), ("out", "raw")]):
         words += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
-        if name != "stick":
-            words += ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={16 - number}"]
+        words += (["-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"] if name == "stick" else
+                  ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={8 + number}"])
     lines = [console.theirs.fileno() for console in (machine.operator, machine.control)]
     for line in lines:
         words += ["-chardev", f"socket,id=line{line},fd={line}", "-serial", f"chardev:line{line}"]
@@ -145,8 +172,8 @@ def running(folder, form, kernel):
              "-cpu", "max", "-smp", "2", "-m", "1024", "-nic", "none", "-display", "none", "-no-reboot",
              "-drive", "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
              "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe",
-             "-kernel", kernel / "vmlinuz", "-initrd", kernel / "initrd.img", "-append", KERNEL_LINE, *words,
-             "-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"],
+             "-kernel", kernel / "vmlinuz", "-initrd", kernel / "initrd.img", "-append",
+             f"root={root} {KERNEL_LINE}", *words],
             stdin=subprocess.DEVNULL, pass_fds=lines) as qemu:
         try:
             for console in machine.operator, machine.control:
@@ -157,48 +184,73 @@ def running(folder, form, kernel):
             qemu.kill()
 
 
-def makeDisks(folder):
-    """The disks of a machine that has never run."""
-    root, system = folder / "root", folder / "system"
+def makeTree(tree):
+    """The files of a machine that has never run."""
     command("mmdebstrap", "--variant=minbase", "--mode=root", *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
+            "--skip=cleanup/reproducible",  # the logs of the installation stay
             '--essential-hook=cd "$1/etc" && mkdir -p initramfs-tools/conf.d'
             " && echo MODULES=list > initramfs-tools/conf.d/vm"
             " && printf 'virtio_blk\\nvirtio_pci\\next4\\ncrc32c_generic\\n' > initramfs-tools/modules",
-            f"--include={','.join(PACKAGES)}", "bookworm", root)
-    for name, text in FILES.items():
-        (root / name).write_text(text)
+            f"--include={','.join(PACKAGES)}", "bookworm", tree)
+    writeFiles(tree, FILES)
     for mountPoint in "var/lv logs", "media/$(reboot)":
-        (root / mountPoint).mkdir()
-    command("systemctl", "--root", root, "mask", "serial-getty@ttyS0.service", "systemd-networkd.service")
-    command("systemctl", "--root", root, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
+        (tree / mountPoint).mkdir()
+    command("chroot", tree, "useradd", "-m", "-G", "sudo", "-s", "/bin/bash", USER)
+    command("chroot", tree, "chpasswd", input=f"{USER}:{PASSWORD}\n")
+    command("systemctl", "--root", tree, "mask", "serial-getty@ttyS0.service", "getty-static.service",
+            "systemd-networkd.service", "e2scrub_reap.service")  # the last ones only take time
+    command("systemctl", "--root", tree, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
 
-    command("truncate", "-s", f"{sum(size for size, _, _ in PARTITIONS) + 2}M", system)
+
+def writeFiles(tree, files):
+    for name, text in files.items():
+        (tree / name).parent.mkdir(parents=True, exist_ok=True)
+        (tree / name).write_text(text)
+
+
+def writeFileSystem(disk, offset, size, tree):
+    """A file system with what is in the tree; offset and size in MiB."""
+    command("mkfs.ext4", "-q", "-d", tree, "-E", f"offset={offset << 20}", disk, f"{size}M")
+
+
+def makeDisks(folder):
+    """The disks before anything has run: partitions, and the root file systems of both machines."""
+    tree = folder / "tree"
+    makeTree(tree)
+    for disk, partitions in PARTITIONS.items():
+        command("truncate", "-s", f"{sum(size for size, _, _ in partitions) + 2}M", folder / disk)
+        command("sfdisk", "--no-reread", "--no-tell-kernel", folder / disk, input="label: gpt\n" + "".join(
+            f'size={size}MiB, type={kind}, name="{name}"\n' for size, kind, name in partitions))
     command("truncate", "-s", "32M", folder / "stick")
-    command("sfdisk", "--no-reread", "--no-tell-kernel", system, input="label: gpt\n" + "".join(
-        f'size={size}MiB, type={kind}, name="{name}"\n' for size, kind, name in PARTITIONS))
-    before = 1 + PARTITIONS[0][0] + PARTITIONS[1][0]
-    command("mkfs.ext4", "-q", "-d", root, "-E", f"offset={before << 20}", system, "1024M")
+    command("truncate", "-s", f"{ROOT_SIZE + VAR_SIZE + 8}M", folder / "lvm")
+    writeFileSystem(folder / "system", 1 + sum(size for size, _, _ in PARTITIONS["system"][:2]), ROOT_SIZE, tree)
+    # LVM puts the first two volumes of an empty group here. The guest makes them without wiping their contents.
+    writeFiles(tree, LVM_FILES)
+    (tree / "var").rename(folder / "var")
+    (tree / "var").mkdir()
+    writeFileSystem(folder / "lvm", 1, ROOT_SIZE, tree)
+    writeFileSystem(folder / "lvm", 1 + ROOT_SIZE, VAR_SIZE, folder / "var")
     for name in "vmlinuz", "initrd.img":
-        shutil.copy(next(root.glob(f"boot/{name}-*")), folder / name)
+        shutil.copy(next(tree.glob(f"boot/{name}-*")), folder / name)
     shutil.copy("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "variables")
-    shutil.rmtree(root)
+    shutil.rmtree(tree)
+    shutil.rmtree(folder / "var")
 
 
 def makeImage(image, folder, passphrase):
     """Disks with everything planted on them, as they are when the power was cut."""
     makeDisks(folder)
     say("packages and disks are made")
-    with running(folder, "raw", folder) as machine:
+    with running(folder, "raw", folder, PLANTING) as machine:
         machine.give({"root/plant": HERE / "plant"})
-        machine.control.run(f"bash /root/plant {shlex.quote(passphrase)}", seconds=600)
+        machine.control.run(f"bash /root/plant {shlex.quote(passphrase)} {ROOT_SIZE} {VAR_SIZE}", seconds=600)
     say("everything is planted and the power cut")
     folder.rename(image)
 
 
 @contextlib.contextmanager
-def plantedMachine(cache, passphrase):
-    """The machine, running; what the run changes on its disks is not kept. Makes the image if there is none of this
-    recipe. One run at a time; others wait."""
+def plantedImage(cache, passphrase):
+    """The folder with the disks. Makes them if there are none of this recipe. One run at a time; others wait."""
     recipe = hashlib.sha256((HERE / "machine.py").read_bytes() + (HERE / "plant").read_bytes() + passphrase.encode())
     image, lock = cache / f"image-{recipe.hexdigest()[:16]}", cache / "lock"
     cache.mkdir(parents=True, exist_ok=True)
@@ -209,11 +261,15 @@ def plantedMachine(cache, passphrase):
         if not image.exists():
             with tempfile.TemporaryDirectory(dir=cache, ignore_cleanup_errors=True) as name:
                 makeImage(image, Path(name), passphrase)
-        with tempfile.TemporaryDirectory(dir=cache) as name:
-            for disk in "system", "stick", "variables":
-                command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
-            with running(Path(name), "qcow2", image) as machine:
-                machine.control.run("udevadm settle; "
-                                    "mount -o nosuid,nodev /dev/disk/by-id/usb-*-part1 '/media/$(reboot)'")
-                machine.control.run("systemctl is-system-running --wait; sync", None)
-                yield machine
+        yield image
+
+
+@contextlib.contextmanager
+def started(image, design):
+    """One of the machines, running; what the run changes on its disks is not kept."""
+    with tempfile.TemporaryDirectory(dir=image.parent) as name:
+        for disk in {*design[0], "variables"}:
+            command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
+        with running(Path(name), "qcow2", image, design) as machine:
+            machine.control.run("systemctl is-system-running --wait; sync", None)
+            yield machine
