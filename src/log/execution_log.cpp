@@ -69,6 +69,9 @@ FileDescriptor createInPlaceOf(const std::string& path) {
     return {};
 }
 
+// For file systems that cannot exchange names.
+bool moveAway(const std::string& path) { return ::rename(path.c_str(), (path + "." + randomDigits()).c_str()) == 0; }
+
 // Every user can create files in /tmp, and the time stamp is easy to guess. What has the name is kept under another
 // one: it may be the log of another run. A file that comes and goes between the two calls costs an attempt.
 FileDescriptor createLogFile(const std::string& path) {
@@ -76,7 +79,7 @@ FileDescriptor createLogFile(const std::string& path) {
         FileDescriptor file = createFile(path);
         if (file || errno != EEXIST) return file;
         file = createInPlaceOf(path);
-        if (file || errno != ENOENT) return file;
+        if (file || (errno != ENOENT && !(errno == EINVAL && moveAway(path)))) return file;
     }
     return {};
 }

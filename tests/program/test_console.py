@@ -1,5 +1,6 @@
 """The log and the console: order, flushing, locale, and files that have the log's name."""
 import datetime
+import errno
 import glob
 import os
 import stat
@@ -12,6 +13,8 @@ from world import YES, Answer, Scenario, read, write
 def only_log():
     [name] = (name for name in os.listdir("/tmp") if name.endswith(".log"))
     return read("/tmp/" + name)
+
+EXCHANGE = 316, 4, 2, errno.EINVAL  # renameat2; see world.refuse()
 
 
 def identity(path):
@@ -91,6 +94,13 @@ class Console(Scenario):
             self.assertIn("TRACE: Running command: 'volctl info", read(log))
             self.assertEqual([*map(read, precious)], ["old", "old"])
             os.remove(result.archive)
+
+    def test_names_in_tmp_that_the_file_system_cannot_exchange(self):
+        planted = plant(write)
+        result = self.result(*self.finish(limits=lambda: world.refuse(EXCHANGE)))
+        log = f"/tmp/tarnwick-{result.stamp}.log"
+        self.assertEqual((result.status, [*map(identity, glob.glob(log + ".*"))]), (0, [planted[log]]))
+        self.assertIn("TRACE: Running command: 'volctl info", read(log))
 
     def test_log_name_that_a_plain_user_may_not_free(self):
         plant(write)

@@ -1,33 +1,19 @@
 """The store on the destination volume: listing, pruning, placing, removing."""
-import ctypes
 import errno
 import fcntl
 import os
 import resource
 import shutil
 import signal
-import struct
 
 import world
 from world import PREBOOT, STORE, YES, Answer, Scenario, call, read, write
 
 LIMIT, MIB = 1 << 30, 1 << 20
 NAME = f'{STORE}/"${{folder##*/}}.qvx"'  # of the capture, for a stand-in
-# System calls (of amd64) that a file system may refuse: number, argument with a flag, the flag, the error.
+# For world.refuse().
 UNNAMED_FILE = 257, 2, os.O_TMPFILE & ~os.O_DIRECTORY, errno.EOPNOTSUPP  # openat
 NO_REPLACING = 316, 4, 1, errno.EINVAL  # renameat2
-
-
-def refuse(*calls):
-    """Makes these calls fail in this process from now on."""
-    code = [(0x06, 0, 0, 0x7fff0000)]  # all others are allowed
-    for number, argument, flag, error in calls:
-        code = [(0x20, 0, 0, 0), (0x15, 0, 3, number), (0x20, 0, 0, 16 + 8 * argument), (0x45, 0, 1, flag),
-                (0x06, 0, 0, 0x50000 | error)] + code
-    program = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *line) for line in code))
-    seccomp = struct.pack("HxxxxxxQ", len(code), ctypes.addressof(program))
-    if ctypes.CDLL(None, use_errno=True).prctl(22, 2, seccomp) != 0:
-        raise OSError(ctypes.get_errno(), "seccomp")
 
 
 class Store(Scenario):
@@ -131,19 +117,19 @@ class Store(Scenario):
         write("/media/one/logs/large", os.urandom(200_000))
         for refused in (), (UNNAMED_FILE,):
             self.then(":", limit)
-            killed = self.capture(limits=lambda: (resource.setrlimit(resource.RLIMIT_CORE, (0, 0)), refuse(*refused)))
+            killed = self.capture(limits=lambda: (resource.setrlimit(resource.RLIMIT_CORE, (0, 0)), world.refuse(*refused)))
             self.assertEqual((killed.status, os.path.getsize(killed.temporary) > 200_000), (-signal.SIGXFSZ, True))
             self.assertIn(b" 0 captures", self.start("--summarize").communicate()[0])
-            os.remove(self.capture(limits=lambda: refuse(*refused)).archive)
+            os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
 
     def test_file_systems_with_fewer_features(self):
         """Without files that have no name, and without renaming that replaces nothing: a capture is stored, a name
         that is taken is not overwritten, and nothing remains of an unfinished copy."""
         for refused in (UNNAMED_FILE,), (UNNAMED_FILE, NO_REPLACING):
             self.answer("nvram -p", "")
-            os.remove(self.capture(limits=lambda: refuse(*refused)).archive)
+            os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
             self.answer("nvram -p", Answer(do=f"echo old >{NAME}"))
-            self.capture(limits=lambda: refuse(*refused))
+            self.capture(limits=lambda: world.refuse(*refused))
             [kept] = os.listdir(STORE)
             self.assertEqual(read(f"{STORE}/{kept}"), "old\n")
             os.remove(f"{STORE}/{kept}")
