@@ -37,7 +37,14 @@ void pushComponents(std::string_view path, std::vector<std::string>& pending) {
     }
 }
 
-bool isTrusted(const struct stat& link) { return link.st_uid == 0 || link.st_uid == ::geteuid(); }
+bool isOurs(const struct stat& status) { return status.st_uid == 0 || status.st_uid == ::geteuid(); }
+
+// A user who can write to the folder can rename a link of root in it, or put another one in its place.
+bool isTrusted(const struct stat& link, const FileDescriptor& folder) {
+    struct stat status {};
+    if (!isOurs(link) || ::fstat(folder.get(), &status) != 0 || !isOurs(status)) return false;
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (status.st_mode & S_ISVTX) != 0;
+}
 
 std::string targetOf(const FileDescriptor& link) {
     std::array<char, PATH_MAX> target{};
@@ -60,7 +67,7 @@ FileDescriptor walk(const std::string& path) {
         struct stat status {};
         if (!next || ::fstat(next.get(), &status) != 0) return {};
         if (S_ISLNK(status.st_mode)) {
-            if (!isTrusted(status) || ++links > maxLinks) return failed(ELOOP);
+            if (!isTrusted(status, current) || ++links > maxLinks) return failed(ELOOP);
             const auto target = targetOf(next);
             if (target.empty()) return failed(ENOENT);
             if (target.starts_with('/')) current = openRoot();

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <optional>
 #include <sstream>
 
 #include "base/guarded_open.h"
 #include "log/execution_log.h"
+#include "platform/archive/format.h"
 
 namespace tarnwick {
 
@@ -16,7 +18,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t maxJoinedLines = 64;  // bounds the work that planted names can make
+constexpr std::size_t longestPath = qvx::maxPathLength + 1;  // archives leave out the slash at the beginning
+constexpr std::size_t maxJoinedLines = 64;                   // bounds the work that planted names can make
 
 bool namesSomething(const std::string& path) {
     struct stat status {};
@@ -45,34 +48,57 @@ std::vector<std::string> splitFoundPaths(const std::string& output, const fs::pa
     std::vector<std::string> paths;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
-        if (!paths.empty() && !line.starts_with(prefix)) {
+        const bool mayBegin = paths.empty() || line.starts_with(prefix);
+        const bool isComplete = mayBegin && namesSomething(line) && (paths.empty() || namesSomething(paths.back()));
+        const auto first = isComplete ? std::nullopt : continuedPath(paths, line);
+        if (first) {
+            auto path = joined(paths, *first, line);
+            paths.resize(*first);
+            paths.push_back(std::move(path));
+        } else if (mayBegin) {
+            paths.push_back(line);
+        } else {
             paths.back() += '\n' + line;
-            continue;
         }
-        const auto first = namesSomething(line) ? std::nullopt : continuedPath(paths, line);
-        auto path = first ? joined(paths, *first, line) : line;
-        paths.resize(first.value_or(paths.size()));
-        paths.push_back(std::move(path));
     }
     return paths;
 }
 
 void FoundFiles::consider(const std::string& path, FilesList& files) {
+    if (path.size() > longestPath) return leaveOut(path, "the path is too long");
     const std::size_t nameAt = path.rfind('/') + 1;
-    if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) {
-        folderPath_ = path.substr(0, nameAt);
-        folder_ = openDirectoryGuarded(folderPath_);
-        folderError_ = folder_ ? 0 : errno;
-    }
-    if (folderError_ == ELOOP) return leaveOut(path, "reached through a link of another user");
-    const auto mountId = folder_ ? mountIdOf(folder_.get(), path.c_str() + nameAt) : std::nullopt;
-    if (mountId && !consented_.allows(*mountId)) {
+    if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) holdFolder(path.substr(0, nameAt));
+    if (!folder_)
+        return leaveOut(path, folderError_ == ELOOP ? "reached through a link that others can replace"
+                                                    : std::strerror(folderError_));
+    const auto mountId = mountOf(path.c_str() + nameAt);
+    if (!mountId) return leaveOut(path, std::string("its volume is not known: ") + std::strerror(errno));
+    if (!consented_.allows(*mountId)) {
         const auto mount = consented_.describe(*mountId);
         if (reported_.insert(mount.fileSystem).second) reportVolume(mount);
         return leaveOut(path, "no consent for '" + mount.target + "'");
     }
     logTrace("capturing: " + path);
     files.emplace_back(path);
+}
+
+// Of a folder that is gone, the nearest one above it that is left.
+void FoundFiles::holdFolder(const std::string& path) {
+    folderPath_ = path;
+    folderError_ = 0;
+    fs::path nearest = path;
+    while (!(folder_ = openDirectoryGuarded(nearest))) {
+        folderError_ = errno;
+        const bool isGone = folderError_ == ENOENT || folderError_ == ENOTDIR;
+        if (!isGone || nearest == nearest.parent_path()) return;
+        nearest = nearest.parent_path();
+    }
+}
+
+// A log that is just being rotated is gone for a moment. Its folder is on the same volume.
+std::optional<std::uint64_t> FoundFiles::mountOf(const char* name) {
+    const auto ofFile = folderError_ == 0 ? mountIdOf(folder_.get(), name) : std::nullopt;
+    return ofFile ? ofFile : mountIdOf(folder_.get(), "");
 }
 
 void FoundFiles::leaveOut(const std::string& path, const std::string& reason) {

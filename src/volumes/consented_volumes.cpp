@@ -1,18 +1,16 @@
 #include "volumes/consented_volumes.h"
 
 #include <fcntl.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <array>
-
-#include "base/handle.h"
 
 namespace tarnwick {
 
 namespace {
 
-// File systems without a volume, and so without an owner to ask: what they show is the kernel's own and gone at the
-// next start.
+// File systems without a volume, and so without an owner to ask: they show what the kernel or the firmware holds.
 bool isKernelMemory(const std::string& type) {
     static constexpr std::array types{"tmpfs", "ramfs", "proc", "sysfs", "pstore", "efivarfs"};
     return std::find(types.begin(), types.end(), type) != types.end();
@@ -33,13 +31,20 @@ bool ConsentedVolumes::allows(std::uint64_t mountId) {
     return mount.id == mountId && (isKernelMemory(mount.type) || fileSystems_.contains(mount.fileSystem));
 }
 
-// The table is read again for a mount that is not in it: a search may have had one made (automounts).
+// The kernel gives the number of a mount that is gone to the next one, so the table is read again after each change.
+bool ConsentedVolumes::mountsChanged() {
+    if (!changes_) {
+        changes_ = FileDescriptor(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+        return true;
+    }
+    pollfd change{changes_.get(), POLLPRI, 0};
+    return ::poll(&change, 1, 0) != 0;
+}
+
 MountEntry ConsentedVolumes::describe(std::uint64_t mountId) {
-    const auto find = [&] {
-        return std::find_if(mounts_.begin(), mounts_.end(), [&](const auto& mount) { return mount.id == mountId; });
-    };
-    if (find() == mounts_.end()) mounts_ = readMountTable();
-    const auto found = find();
+    if (mountsChanged()) mounts_ = readMountTable();
+    const auto found =
+        std::find_if(mounts_.begin(), mounts_.end(), [&](const auto& mount) { return mount.id == mountId; });
     return found == mounts_.end() ? MountEntry{} : *found;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handle.h"
 #include "platform/mount_table.h"
 
 namespace tarnwick {
@@ -24,6 +25,9 @@ public:
     MountEntry describe(std::uint64_t mountId);
 
 private:
+    bool mountsChanged();
+
+    FileDescriptor changes_;  // the mount table, to be polled
     std::vector<MountEntry> mounts_;
     std::set<dev_t> fileSystems_;
 };

@@ -49,16 +49,68 @@ class Nested(Scenario):
         self.specification(("/", LOGS), *((f"/{name}/log", LOGS) for name in ("chain", "leading", "foreign")))
         self.capture("--noninteractive")
 
+    def found(self, command=None):
+        """What a run captures of the volumes, where the search is `command`."""
+        if command:
+            os.chmod(write("/media/bin/find", f"#!/bin/sh\n{command}\n"), 0o755)
+        archive = self.capture("--noninteractive").archive
+        self.record = ""  # the numbers of devices, and the order of a file system, are their own
+        return sorted(self.entries(archive)[:-2])
+
+    def test_mount_number_that_was_of_another_mount_gives_no_consent(self):
+        self.planned("root", YES, ["/logs/own.log"])
+        self.mount("/media/stick", ["/private.log"])
+        stick = call("findmnt", "-no", "SOURCE", "/media/stick").strip()
+        for folder in "memory", "stick":
+            os.mkdir(f"/media/root/{folder}")
+        call("mount", "-t", "tmpfs", "memory", "/media/root/memory")
+        self.specification(("/", LOGS))
+        exchange = f"umount /media/root/memory && mount {stick} /media/root/stick"
+        self.assertEqual(self.found(f'{exchange} && exec /usr/bin/find "$@"'), ["media/root/logs/own.log"])
+        self.assertTrue(os.path.exists("/media/root/stick/private.log"))
+
+    def test_file_that_is_gone_for_a_moment_is_on_the_volume_of_its_folder(self):
+        self.planned("root", YES, ["/logs/own.log"])
+        self.planned("root/var", NO, ["/log/denied.log"])
+        self.specification(("/", LOGS))
+        for path in "/media/root/var/log/denied.log", "/media/root/var/log":
+            self.answer("nvram -p", Answer(do=f"mv {path}.1 {path}"))
+            self.assertEqual(self.found(f'/usr/bin/find "$@" && mv {path} {path}.1'), ["media/root/logs/own.log"])
+
+    def test_link_of_root_in_the_folder_of_another_user_is_not_followed(self):
+        """The user can give it the name of a folder of his own."""
+        self.planned("one", YES, ["/logs/own.log", "/logs/app/folder/a.log", "/secret/a.log"])
+        link("/media/one/secret", "/media/one/logs/app/current", 0)
+        self.specification(("/logs", LOGS))
+        for owner, mode in (1000, 0o755), (0, 0o777):
+            os.chown("/media/one/logs/app", owner, owner)
+            os.chmod("/media/one/logs/app", mode)
+            swap = "cd /media/one/logs/app; mv folder old; mv current folder"
+            self.assertEqual(self.found(f'/usr/bin/find "$@" && {swap}'), ["media/one/logs/own.log"])
+            os.rename("/media/one/logs/app/folder", "/media/one/logs/app/current")
+            os.rename("/media/one/logs/app/old", "/media/one/logs/app/folder")
+
+    def test_path_that_is_too_long_is_left_out(self):
+        self.planned("one", YES, ["/logs/a.log"])
+        folder = os.open("/media/one/logs", os.O_PATH)
+        for _ in range(20):
+            os.mkdir("d" * 250, dir_fd=folder)
+            folder = os.open("d" * 250, os.O_PATH, dir_fd=folder)
+        os.close(os.open("a.log", os.O_CREAT | os.O_WRONLY, dir_fd=folder))
+        self.specification(("/logs", LOGS))
+        self.assertEqual(self.found(), ["media/one/logs/a.log"])
+
     def test_line_feeds_belong_to_the_name(self):
         self.planned("one", YES, ["/logs/a.log", "/logs/first\nsecond.log", "/logs/\n.log", "/logs/end.log\n"])
-        for trick in ("d\n/media/one/logs/planted.log", "decoy\n/media/one/logs/two\n/media/one/logs/x.log"):
+        for trick in ("d\n/media/one/logs/planted.log", "decoy\n/media/one/logs/two\n/media/one/logs/x.log",
+                      "nothing\n/media/one/logs/a.log", "decoy\n/media/one/logs/a.log\nend"):
             write(f"/media/one/logs/{trick}")
         write("/media/one/logs/decoy")
         self.specification(("/logs", "[^!]*"))  # the dot matches no line feed
-        found = sorted(self.entries(self.capture("--noninteractive").archive)[:-2])
-        self.record = ""  # the file system's order is its own
+        found = self.found()
         tricks = ["d\\x0a/media/one/logs/planted.log", "decoy",
-                  "decoy\\x0a/media/one/logs/two\\x0a/media/one/logs/x.log"]
+                  "decoy\\x0a/media/one/logs/two\\x0a/media/one/logs/x.log", "nothing\\x0a/media/one/logs/a.log",
+                  "decoy\\x0a/media/one/logs/a.log\\x0aend"]
         self.assertEqual(found, sorted("media/one/logs/" + name for name in (
             "a.log", "first\\x0asecond.log", "\\x0a.log", "end.log\\x0a", *tricks)))
 
