@@ -234,8 +234,9 @@ private:
 
     // A subvolume or bind mount there is only a folder of a file system that is mounted at /home, too.
     [[nodiscard]] bool isMountedAtPrebootDirectory(const std::vector<const Mount*>& mounts) const {
-        const bool holdsData = std::any_of(mounts.begin(), mounts.end(),
-                                           [](const Mount* mount) { return isBelowDataFolder(mount->target); });
+        const bool holdsData = std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
+            return mount->target != prebootDirectory_ && isBelowDataFolder(mount->target);
+        });
         return std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
             return mount->target == prebootDirectory_ && (mount->root == "/" || !holdsData);
         });
