@@ -26,40 +26,45 @@ bool namesSomething(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-std::string joined(const std::vector<std::string>& paths, std::size_t first, const std::string& line) {
-    std::string path;
-    for (std::size_t at = first; at < paths.size(); ++at) path += paths[at] + '\n';
-    return path + line;
+// Joins `path` with the fewest of the last paths that make it name something, and removes those. A directory whose name
+// ends with a line feed may hold folders named like those above it, so that the rest of a path looks like a path of its
+// own.
+void joinWithLast(std::vector<std::string>& paths, std::string& path) {
+    const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
+    std::string whole = path;
+    for (std::size_t first = paths.size(); first-- > last && whole.size() <= longestPath;) {
+        whole.insert(0, paths[first] + '\n');
+        if (!namesSomething(whole)) continue;
+        paths.resize(first);
+        path = std::move(whole);
+        return;
+    }
 }
 
-// The number of the path that `line` continues. A directory whose name ends with a line feed may hold folders named
-// like those above it, so that the rest of a path looks like a path of its own.
-std::optional<std::size_t> continuedPath(const std::vector<std::string>& paths, const std::string& line) {
-    const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
-    for (std::size_t first = paths.size(); first-- > last;)
-        if (namesSomething(joined(paths, first, line))) return first;
-    return std::nullopt;
+// The lines of the output, those that do not begin with `prefix` joined to the line before.
+std::vector<std::string> linesBeginningWith(const std::string& prefix, const std::string& output) {
+    std::vector<std::string> paths;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        if (paths.empty() || line.starts_with(prefix)) {
+            paths.push_back(std::move(line));
+        } else {
+            paths.back() += '\n' + line;
+        }
+    }
+    return paths;
 }
 
 }  // namespace
 
 std::vector<std::string> splitFoundPaths(const std::string& output, const fs::path& directory) {
-    const std::string prefix = directory / "";
     std::vector<std::string> paths;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        const bool mayBegin = paths.empty() || line.starts_with(prefix);
-        const bool isComplete = mayBegin && namesSomething(line) && (paths.empty() || namesSomething(paths.back()));
-        const auto first = isComplete ? std::nullopt : continuedPath(paths, line);
-        if (first) {
-            auto path = joined(paths, *first, line);
-            paths.resize(*first);
-            paths.push_back(std::move(path));
-        } else if (mayBegin) {
-            paths.push_back(line);
-        } else {
-            paths.back() += '\n' + line;
-        }
+    bool lastNamesSomething = true;
+    for (auto& path : linesBeginningWith(directory / "", output)) {
+        const bool alone = namesSomething(path);
+        if (!alone || !lastNamesSomething) joinWithLast(paths, path);
+        lastNamesSomething = alone || namesSomething(path);
+        paths.push_back(std::move(path));
     }
     return paths;
 }
