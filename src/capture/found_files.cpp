@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "base/guarded_open.h"
+#include "base/visible_text.h"
 #include "log/execution_log.h"
 #include "platform/archive/format.h"
 
@@ -81,7 +82,7 @@ void FoundFiles::consider(const std::string& path, FilesList& files) {
     if (!consented_.allows(*mountId)) {
         const auto mount = consented_.describe(*mountId);
         if (reported_.insert(mount.fileSystem).second) reportVolume(mount);
-        return leaveOut(path, "no consent for '" + mount.target + "'");
+        return leaveOut(path, "no consent for '" + visibleText(mount.target) + "'");
     }
     logTrace("capturing: " + path);
     files.emplace_back(path);
@@ -111,7 +112,7 @@ void FoundFiles::leaveOut(const std::string& path, const std::string& reason) {
 }
 
 void FoundFiles::reportVolume(const MountEntry& mount) {
-    logInfo("leaving out the files on '" + mount.target + "' (" + mount.source +
+    logInfo("leaving out the files on '" + visibleText(mount.target) + "' (" + visibleText(mount.source) +
             "): no consent was given for this volume");
 }
 

@@ -73,7 +73,7 @@ FileDescriptor createInPlaceOf(const std::string& path) {
 bool moveAway(const std::string& path) { return ::rename(path.c_str(), (path + "." + randomDigits()).c_str()) == 0; }
 
 // Every user can create files in /tmp, and the time stamp is easy to guess. What has the name is kept under another
-// one: it may be the log of another run. A file that comes and goes between the two calls costs an attempt.
+// one: it may be the log of another run. If the file vanishes between the two calls, the next attempt follows.
 FileDescriptor createLogFile(const std::string& path) {
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         FileDescriptor file = createFile(path);

@@ -16,10 +16,10 @@
 #include <regex>
 #include <sstream>
 
+#include "base/visible_text.h"
 #include "platform/xml_property_list.h"
 #include "temporary_folder.h"
 #include "volctl/answers.h"
-#include "volctl/visible_text.h"
 
 namespace fs = std::filesystem;
 using namespace tarnwick;

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/visible_text.h"
 #include "platform/consent_record.h"
 #include "record_file.h"
-#include "volctl/visible_text.h"
 #include "volctl/volumes.h"
 #include "volume_consent.h"
 
@@ -146,8 +146,10 @@ int changeRecord(const std::string& mountPoint, ConsentState wanted) {
     }
     if (result == wanted) return 0;
     const auto path = std::filesystem::path(mountPoint) / consentRecordPath;
-    complain(mountPoint + ": recorded, but without effect, because SeedAutoSubmit decides; to change that, remove SeedAutoSubmit from " +
-             path.native());
+    complain(
+        mountPoint +
+        ": recorded, but without effect, because SeedAutoSubmit decides; to change that, remove SeedAutoSubmit from " +
+        path.native());
     return overridden;
 }
 

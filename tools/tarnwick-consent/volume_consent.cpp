@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "base/json_string.h"
+#include "base/visible_text.h"
 #include "platform/consent_record.h"
 #include "record_file.h"
-#include "volctl/visible_text.h"
 
 namespace tarnwick {
 

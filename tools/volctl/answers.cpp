@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "visible_text.h"
+#include "base/visible_text.h"
 
 namespace tarnwick {
 

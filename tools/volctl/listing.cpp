@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "visible_text.h"
+#include "base/visible_text.h"
 
 namespace tarnwick {
 

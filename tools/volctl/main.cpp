@@ -5,10 +5,10 @@
 #include <string>
 
 #include "answers.h"
+#include "base/visible_text.h"
 #include "listing.h"
 #include "platform/xml_property_list.h"
 #include "unlock.h"
-#include "visible_text.h"
 
 namespace {
 

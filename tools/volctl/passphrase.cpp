@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "base/handle.h"
-#include "visible_text.h"
+#include "base/visible_text.h"
 
 namespace tarnwick {
 

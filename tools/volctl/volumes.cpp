@@ -7,9 +7,9 @@
 #include <tuple>
 #include <utility>
 
+#include "base/visible_text.h"
 #include "encrypted_device.h"
 #include "roles.h"
-#include "visible_text.h"
 
 namespace tarnwick {
 

@@ -1,4 +1,4 @@
-#include "visible_text.h"
+#include "base/visible_text.h"
 
 #include <algorithm>
 
