@@ -1,6 +1,6 @@
 // A whole archive whose seal opens to anything. The header is mended, the rest is the fuzzer's.
 #include "checking_sink.h"
-#include "platform/archive/archive_reader.h"
+#include "qvx/archive_reader.h"
 
 using namespace tarnwick;
 using namespace tarnwick::qvx;

@@ -1,7 +1,7 @@
 // The records of an archive, in blocks as short as the fuzzer likes: two bytes of length, then the plain block.
 #include "checking_sink.h"
-#include "platform/archive/archive_walk.h"
-#include "platform/archive/salvage.h"
+#include "qvx/read/archive_walk.h"
+#include "qvx/read/salvage.h"
 
 using namespace tarnwick;
 using namespace tarnwick::qvx;

@@ -5,7 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/archive/entry_reader.h"
+#include "qvx/read/entry_reader.h"
 #include "require.h"
 
 namespace tarnwick::qvx {

@@ -1,6 +1,6 @@
 // The payloads of records: what decodes must encode to the same bytes.
-#include "platform/archive/block_codec.h"
-#include "platform/archive/entry_codec.h"
+#include "qvx/format/block_codec.h"
+#include "qvx/format/entry_codec.h"
 #include "require.h"
 
 using namespace tarnwick::qvx;

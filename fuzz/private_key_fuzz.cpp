@@ -1,5 +1,5 @@
 // The PEM file of a private key. A key that is read must survive being written.
-#include "platform/archive/private_key.h"
+#include "qvx/crypto/private_key.h"
 #include "require.h"
 
 using namespace tarnwick::qvx;

@@ -1,6 +1,6 @@
 // Property lists in both forms. What was read and written as XML must read and write the same from then on.
-#include "platform/binary_property_list.h"
-#include "platform/xml_property_list.h"
+#include "plist/binary_property_list.h"
+#include "plist/xml_property_list.h"
 #include "require.h"
 
 using namespace tarnwick;

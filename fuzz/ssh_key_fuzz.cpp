@@ -1,6 +1,6 @@
 // The key line and its base64, in both readers: the strict one of qvx, and the lenient one of configurations.
 #include "config/archive_public_key.h"
-#include "platform/archive/ssh_key.h"
+#include "qvx/crypto/ssh_key.h"
 #include "require.h"
 
 #include <array>

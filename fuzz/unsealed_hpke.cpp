@@ -2,7 +2,7 @@
 // lies behind the seal.
 #include <algorithm>
 
-#include "platform/archive/hpke.h"
+#include "qvx/crypto/hpke.h"
 
 namespace tarnwick::qvx {
 

@@ -1,25 +1,46 @@
 #!/usr/bin/env python3
-"""Fails when an include points up the floors of src/, or leaves what the tools may see."""
+"""Fails when an include points up the layers of src/, or leaves what the tools may see."""
 import pathlib
 import re
 import sys
 
-FLOORS = ["base", "platform", "log", "volumes", "config", "capture", "app"]  # from the ground up
+# From the lowest up; a folder may include itself and the layers below it, never a neighbour.
+LAYERS = [["base"], ["log", "plist", "qvx"], ["platform"], ["config", "volumes"], ["capture", "store"], ["app"]]
+QVX_LAYERS = [["crypto"], ["format"], ["write", "read"], ["extract"]]  # of the library's own folders
 LINKED_TOOLS = {("tarnwick-consent", "volctl")}  # a tool that is built on the modules of another
-UPWARDS = {("src/capture/capture_summary.h", "app/capture_store.h")}  # the one arrow that may point up
+TOOLS_SEE = {"base", "plist", "qvx", "platform"}
+LIBRARY_FOLDERS = {"plist", "qvx", "platform"}  # the folders that may see third-party libraries
 THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|archive|libcryptsetup|sys/acl)\b(?!_)")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 
 
+def height(layers, folder):
+    return next(number for number, layer in enumerate(layers) if folder in layer)
+
+
+def below(layers, source, target):
+    return source == target or height(layers, target) < height(layers, source)
+
+
+def qvx_folder(path):
+    """The folder inside src/qvx, or nothing for a header that all of the library shares or that is its face."""
+    return path.split("/")[1] if path.count("/") > 1 else None
+
+
 def allowed(source: str, quote: str, target: str) -> bool:
     tree, home, *_ = source.split("/")
-    floor = target.split("/")[0]
+    folder = target.split("/")[0]
     if quote == "<":
-        return tree == "tools" or home == "platform" or not THIRD_PARTY.match(target)
-    if floor not in FLOORS:
-        return tree == "tools" and ("/" not in target or floor == home or (home, floor) in LINKED_TOOLS)
-    visible = FLOORS[:2] if tree == "tools" else FLOORS[:FLOORS.index(home) + 1]
-    return floor in visible or (source, target) in UPWARDS
+        return tree == "tools" or home in LIBRARY_FOLDERS or not THIRD_PARTY.match(target)
+    if all(folder not in layer for layer in LAYERS):
+        return tree == "tools" and ("/" not in target or folder == home or (home, folder) in LINKED_TOOLS)
+    if tree == "tools":
+        return folder in TOOLS_SEE
+    if home == folder == "qvx":
+        inner, outer = qvx_folder(target), qvx_folder(source.removeprefix("src/"))
+        return inner is None and (outer is None or target == "qvx/bytes.h") or \
+            inner is not None and (outer is None or below(QVX_LAYERS, outer, inner))
+    return below(LAYERS, home, folder)
 
 
 root = pathlib.Path(__file__).resolve().parent.parent

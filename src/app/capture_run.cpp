@@ -7,13 +7,13 @@
 #include <iostream>
 #include <string>
 
-#include "app/capture_store.h"
 #include "base/fatal_error.h"
 #include "base/quoted_path.h"
 #include "capture/archive_writer.h"
 #include "capture/capture_directives.h"
 #include "config/capture_spec.h"
 #include "log/execution_log.h"
+#include "store/capture_store.h"
 #include "volumes/capture_plan.h"
 #include "volumes/consent.h"
 

@@ -12,15 +12,15 @@
 
 #include "app/arguments.h"
 #include "app/capture_run.h"
-#include "app/capture_store.h"
 #include "app/command_path.h"
 #include "base/quoted_path.h"
 #include "base/run_options.h"
-#include "capture/capture_summary.h"
 #include "config/config_file.h"
 #include "log/command_runner.h"
 #include "log/execution_log.h"
 #include "platform/internal_policies.h"
+#include "store/capture_store.h"
+#include "store/capture_summary.h"
 
 namespace tarnwick {
 

@@ -10,7 +10,7 @@
 #include "base/quoted_path.h"
 #include "config/archive_public_key.h"
 #include "log/execution_log.h"
-#include "platform/archive/archive_library.h"
+#include "platform/archive_library.h"
 
 namespace tarnwick {
 

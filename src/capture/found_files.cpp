@@ -11,7 +11,7 @@
 #include "base/guarded_open.h"
 #include "base/visible_text.h"
 #include "log/execution_log.h"
-#include "platform/archive/format.h"
+#include "qvx/format/format.h"
 
 namespace tarnwick {
 

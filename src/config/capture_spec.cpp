@@ -4,7 +4,7 @@
 
 #include "platform/info_dictionary.h"
 #include "platform/internal_policies.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

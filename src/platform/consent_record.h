@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

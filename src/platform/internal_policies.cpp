@@ -1,6 +1,6 @@
 #include "platform/internal_policies.h"
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

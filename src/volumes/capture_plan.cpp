@@ -5,7 +5,7 @@
 #include "base/fatal_error.h"
 #include "log/command_runner.h"
 #include "log/execution_log.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

@@ -2,7 +2,7 @@
 
 #include "log/command_runner.h"
 #include "platform/internal_policies.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

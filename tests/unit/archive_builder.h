@@ -6,9 +6,9 @@
 #include <string>
 
 #include "fuzz/checking_sink.h"
-#include "platform/archive/archive_reader.h"
-#include "platform/archive/block_stream.h"
-#include "platform/archive/ssh_key.h"
+#include "qvx/archive_reader.h"
+#include "qvx/crypto/ssh_key.h"
+#include "qvx/write/block_stream.h"
 
 namespace tarnwick::test {
 

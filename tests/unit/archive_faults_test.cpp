@@ -13,7 +13,7 @@
 
 #include "base/fatal_error.h"
 #include "capture/archive_writer.h"
-#include "platform/archive/archive_library.h"
+#include "platform/archive_library.h"
 #include "qvx/create.h"
 #include "unit/archive_builder.h"
 #include "unit/faulty_calls.h"

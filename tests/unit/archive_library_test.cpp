@@ -1,4 +1,4 @@
-#include "platform/archive/archive_library.h"
+#include "platform/archive_library.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,9 +11,9 @@
 #include <random>
 #include <regex>
 
-#include "platform/archive/encryption_context.h"
-#include "platform/archive/path_list.h"
-#include "platform/archive/private_key.h"
+#include "platform/encryption_context.h"
+#include "qvx/crypto/private_key.h"
+#include "qvx/write/path_list.h"
 #include "unit/archive_builder.h"
 #include "unit/hex.h"
 #include "unit/temporary_folder.h"

@@ -1,4 +1,4 @@
-#include "platform/archive/archive_reader.h"
+#include "qvx/archive_reader.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/archive/block_stream.h"
+#include "qvx/write/block_stream.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "capture/capture_summary.h"
+#include "store/capture_summary.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The replay of entry_codec_fuzz holds every decoder to the one form of each payload, under every damage. This is what
 // it cannot know.
-#include "platform/archive/entry_codec.h"
+#include "qvx/format/entry_codec.h"
 
 #include <gtest/gtest.h>
 

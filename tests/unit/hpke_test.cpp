@@ -1,4 +1,4 @@
-#include "platform/archive/hpke.h"
+#include "qvx/crypto/hpke.h"
 
 #include <gtest/gtest.h>
 

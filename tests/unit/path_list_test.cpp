@@ -1,12 +1,12 @@
-#include "platform/archive/path_list.h"
+#include "qvx/write/path_list.h"
 
 #include <gtest/gtest.h>
 
-#include "platform/archive/stored_contents.h"
+#include "qvx/write/stored_contents.h"
 
-using tarnwick::PathList;
 using tarnwick::qvx::EntryType;
 using tarnwick::qvx::normalPath;
+using tarnwick::qvx::PathList;
 using tarnwick::qvx::StoredContents;
 
 namespace {

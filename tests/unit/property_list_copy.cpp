@@ -4,7 +4,7 @@
 #include <iostream>
 #include <sstream>
 
-#include "platform/xml_property_list.h"
+#include "plist/xml_property_list.h"
 
 int main() {
     for (std::string name; std::getline(std::cin, name);) {

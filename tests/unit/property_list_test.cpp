@@ -1,12 +1,12 @@
 // Documents themselves are for property_list_cross_check.py.
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>
 
-#include "platform/xml_property_list.h"
+#include "plist/xml_property_list.h"
 #include "temporary_folder.h"
 
 namespace fs = std::filesystem;

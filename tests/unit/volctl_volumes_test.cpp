@@ -17,7 +17,7 @@
 #include <sstream>
 
 #include "base/visible_text.h"
-#include "platform/xml_property_list.h"
+#include "plist/xml_property_list.h"
 #include "temporary_folder.h"
 #include "volctl/answers.h"
 

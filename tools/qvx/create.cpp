@@ -15,9 +15,10 @@
 #include <thread>
 
 #include "key_files.h"
-#include "platform/archive/archive_library.h"
-#include "platform/archive/disk_entry.h"
-#include "platform/archive/path_list.h"
+#include "platform/archive_library.h"
+#include "qvx/write/archive_encoder.h"
+#include "qvx/write/disk_entry.h"
+#include "qvx/write/path_list.h"
 #include "report.h"
 
 namespace tarnwick::qvx {

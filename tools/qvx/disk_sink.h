@@ -7,7 +7,7 @@
 
 #include "destination.h"
 #include "file_writers.h"
-#include "platform/archive/entry_reader.h"
+#include "qvx/read/entry_reader.h"
 
 namespace tarnwick::qvx {
 

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "platform/archive/ssh_key.h"
+#include "qvx/crypto/ssh_key.h"
 #include "report.h"
 
 namespace tarnwick::qvx {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/archive/private_key.h"
+#include "qvx/crypto/private_key.h"
 
 namespace tarnwick::qvx {
 

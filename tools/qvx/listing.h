@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/archive/archive_reader.h"
+#include "qvx/archive_reader.h"
 
 namespace tarnwick::qvx {
 

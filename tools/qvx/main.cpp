@@ -19,8 +19,8 @@
 #include "interruption.h"
 #include "key_files.h"
 #include "listing.h"
-#include "platform/archive/archive_reader.h"
-#include "platform/archive/ssh_key.h"
+#include "qvx/archive_reader.h"
+#include "qvx/crypto/ssh_key.h"
 #include "report.h"
 
 using namespace tarnwick;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "base/handle.h"
-#include "platform/archive/entry_codec.h"
+#include "qvx/format/entry_codec.h"
 
 struct archive;
 struct archive_entry;

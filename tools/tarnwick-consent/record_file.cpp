@@ -17,7 +17,7 @@
 #include "base/handle.h"
 #include "base/random_name.h"
 #include "platform/consent_record.h"
-#include "platform/xml_property_list.h"
+#include "plist/xml_property_list.h"
 
 namespace tarnwick {
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "volumes.h"
 
 namespace tarnwick {

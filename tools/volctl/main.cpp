@@ -7,7 +7,7 @@
 #include "answers.h"
 #include "base/visible_text.h"
 #include "listing.h"
-#include "platform/xml_property_list.h"
+#include "plist/xml_property_list.h"
 #include "unlock.h"
 
 namespace {

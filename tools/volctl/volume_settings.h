@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

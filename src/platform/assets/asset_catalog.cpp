@@ -8,7 +8,7 @@
 #include <set>
 
 #include "base/handle.h"
-#include "platform/xml_property_list.h"
+#include "plist/xml_property_list.h"
 
 namespace tarnwick {
 

@@ -4,7 +4,7 @@
 #include <curl/curl.h>
 
 #include "base/file_reading.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace tarnwick {
 

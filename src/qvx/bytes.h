@@ -1,0 +1,18 @@
+// The byte types that all of the archive library shares.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace tarnwick::qvx {
+
+using Bytes = std::span<const std::uint8_t>;
+using MutableBytes = std::span<std::uint8_t>;
+using Digest = std::array<std::uint8_t, 32>;  // SHA-256
+using Point = std::array<std::uint8_t, 65>;   // a public point of P-256: 0x04, X, Y
+
+inline constexpr std::size_t tagSize = 16;  // of AES-GCM
+
+}  // namespace tarnwick::qvx

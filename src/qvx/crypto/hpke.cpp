@@ -1,0 +1,298 @@
+#include "qvx/crypto/hpke.h"
+
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/ec.h>
+#include <openssl/kdf.h>
+#include <openssl/obj_mac.h>
+#include <openssl/param_build.h>
+
+#include <algorithm>
+#include <new>
+#include <string_view>
+#include <vector>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+using Context = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>>;
+using BigNumber = std::unique_ptr<BIGNUM, FreeWith<BN_clear_free>>;
+using CurveGroup = std::unique_ptr<EC_GROUP, FreeWith<EC_GROUP_free>>;
+using CurvePoint = std::unique_ptr<EC_POINT, FreeWith<EC_POINT_free>>;
+using ParamBuilder = std::unique_ptr<OSSL_PARAM_BLD, FreeWith<OSSL_PARAM_BLD_free>>;
+using Params = std::unique_ptr<OSSL_PARAM, FreeWith<OSSL_PARAM_free>>;
+using Kdf = std::unique_ptr<EVP_KDF, FreeWith<EVP_KDF_free>>;
+using KdfContext = std::unique_ptr<EVP_KDF_CTX, FreeWith<EVP_KDF_CTX_free>>;
+
+constexpr std::uint16_t kemId = 0x0010;
+constexpr std::uint16_t kdfId = 0x0001;
+
+// A byte string that may hold a secret.
+class Secret {
+public:
+    Secret() = default;
+    explicit Secret(std::size_t size) : bytes_(size) {}
+    Secret(const Secret&) = delete;
+    Secret& operator=(const Secret&) = delete;
+    ~Secret() { OPENSSL_cleanse(bytes_.data(), bytes_.size()); }
+
+    // Room is asked for once, so that no copy is left behind in memory that was outgrown.
+    void reserve(std::size_t size) { bytes_.reserve(size); }
+    void append(Bytes bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
+    void append(std::string_view text) { bytes_.insert(bytes_.end(), text.begin(), text.end()); }
+    void append16(std::size_t number) {
+        bytes_.push_back(static_cast<std::uint8_t>(number >> 8));
+        bytes_.push_back(static_cast<std::uint8_t>(number));
+    }
+    std::uint8_t* data() { return bytes_.data(); }
+    [[nodiscard]] std::size_t size() const { return bytes_.size(); }
+    [[nodiscard]] Bytes bytes() const { return bytes_; }
+
+private:
+    std::vector<std::uint8_t> bytes_;
+};
+
+OSSL_PARAM octets(const char* name, Bytes bytes) {
+    static std::uint8_t nothing = 0;  // OpenSSL refuses an empty string that stands nowhere
+    return OSSL_PARAM_construct_octet_string(name, bytes.empty() ? &nothing : const_cast<std::uint8_t*>(bytes.data()),
+                                             bytes.size());
+}
+
+bool hkdf(int mode, Bytes salt, Bytes key, Bytes info, MutableBytes out) {
+    static const Kdf kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr));
+    const KdfContext context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
+    if (!context) return false;
+    char digest[] = "SHA256";
+    const OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_int(OSSL_KDF_PARAM_MODE, &mode),
+        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0), octets(OSSL_KDF_PARAM_KEY, key),
+        mode == EVP_KDF_HKDF_MODE_EXTRACT_ONLY ? octets(OSSL_KDF_PARAM_SALT, salt) : octets(OSSL_KDF_PARAM_INFO, info),
+        OSSL_PARAM_construct_end()};
+    return EVP_KDF_derive(context.get(), out.data(), out.size(), params) == 1;
+}
+
+// LabeledExtract and LabeledExpand of RFC 9180, section 4, under one suite identifier.
+class LabeledKdf {
+public:
+    explicit LabeledKdf(std::vector<std::uint8_t> suite) : suite_(std::move(suite)) {}
+
+    bool extract(Bytes salt, std::string_view label, Bytes material, MutableBytes out) const {
+        Secret labeled;
+        labeled.reserve(prefix.size() + suite_.size() + label.size() + material.size());
+        labeled.append(prefix);
+        labeled.append(suite_);
+        labeled.append(label);
+        labeled.append(material);
+        return hkdf(EVP_KDF_HKDF_MODE_EXTRACT_ONLY, salt, labeled.bytes(), {}, out);
+    }
+
+    bool expand(Bytes key, std::string_view label, Bytes info, MutableBytes out) const {
+        Secret labeled;
+        labeled.append16(out.size());
+        labeled.append(prefix);
+        labeled.append(suite_);
+        labeled.append(label);
+        labeled.append(info);
+        return hkdf(EVP_KDF_HKDF_MODE_EXPAND_ONLY, {}, key, labeled.bytes(), out);
+    }
+
+private:
+    static constexpr std::string_view prefix = "HPKE-v1";
+    std::vector<std::uint8_t> suite_;
+};
+
+void append16(std::vector<std::uint8_t>& bytes, std::uint16_t number) {
+    bytes.push_back(static_cast<std::uint8_t>(number >> 8));
+    bytes.push_back(static_cast<std::uint8_t>(number));
+}
+
+LabeledKdf kemKdf() {
+    std::vector<std::uint8_t> suite{'K', 'E', 'M'};
+    append16(suite, kemId);
+    return LabeledKdf(std::move(suite));
+}
+
+LabeledKdf scheduleKdf(Aead aead) {
+    std::vector<std::uint8_t> suite{'H', 'P', 'K', 'E'};
+    append16(suite, kemId);
+    append16(suite, kdfId);
+    append16(suite, static_cast<std::uint16_t>(aead));
+    return LabeledKdf(std::move(suite));
+}
+
+std::size_t keySize(Aead aead) { return aead == Aead::aes128Gcm ? 16 : 32; }
+
+bool diffieHellman(EVP_PKEY* own, EVP_PKEY* peer, MutableBytes shared) {
+    const Context context(EVP_PKEY_CTX_new_from_pkey(nullptr, own, nullptr));
+    std::size_t size = shared.size();
+    return context && EVP_PKEY_derive_init(context.get()) == 1 && EVP_PKEY_derive_set_peer(context.get(), peer) == 1 &&
+           EVP_PKEY_derive(context.get(), shared.data(), &size) == 1 && size == shared.size();
+}
+
+// Encap and Decap end alike: the shared secret from the agreement and both public points.
+bool sharedSecret(EVP_PKEY* own, EVP_PKEY* peer, Bytes encapsulated, Bytes recipient, Secret& shared) {
+    Secret agreed(32);
+    Secret extracted(32);
+    std::vector<std::uint8_t> context(encapsulated.begin(), encapsulated.end());
+    context.insert(context.end(), recipient.begin(), recipient.end());
+    const LabeledKdf kdf = kemKdf();
+    return diffieHellman(own, peer, {agreed.data(), agreed.size()}) &&
+           kdf.extract({}, "eae_prk", agreed.bytes(), {extracted.data(), extracted.size()}) &&
+           kdf.expand(extracted.bytes(), "shared_secret", context, {shared.data(), shared.size()});
+}
+
+// KeySchedule of RFC 9180, section 5.1, in base mode: no pre-shared key.
+std::optional<HpkeKeys> keySchedule(Aead aead, const Secret& shared, Bytes info) {
+    const LabeledKdf kdf = scheduleKdf(aead);
+    std::array<std::uint8_t, 1 + 32 + 32> context{};  // the mode (0 = base) and two hashes
+    const MutableBytes pskIdHash(context.data() + 1, 32);
+    const MutableBytes infoHash(context.data() + 33, 32);
+    Secret secret(32);
+    HpkeKeys keys;
+    keys.aead = aead;
+    const bool done = kdf.extract({}, "psk_id_hash", {}, pskIdHash) && kdf.extract({}, "info_hash", info, infoHash) &&
+                      kdf.extract(shared.bytes(), "secret", {}, {secret.data(), secret.size()}) &&
+                      kdf.expand(secret.bytes(), "key", context, {keys.key.data(), keySize(aead)}) &&
+                      kdf.expand(secret.bytes(), "base_nonce", context, keys.baseNonce);
+    if (!done) return std::nullopt;
+    return keys;
+}
+
+KeyHandle keyFromParams(int selection, OSSL_PARAM* params) {
+    const Context context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+    EVP_PKEY* key = nullptr;
+    if (!context || !params || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &key, selection, params) != 1)
+        return nullptr;
+    return KeyHandle(key);
+}
+
+KeyHandle keyFromParts(Bytes point, const BIGNUM* scalar) {
+    const ParamBuilder builder(OSSL_PARAM_BLD_new());
+    if (!builder ||
+        OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, SN_X9_62_prime256v1, 0) != 1 ||
+        OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()) != 1 ||
+        (scalar && OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar) != 1))
+        return nullptr;
+    const Params params(OSSL_PARAM_BLD_to_param(builder.get()));
+    return keyFromParams(scalar ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY, params.get());
+}
+
+}  // namespace
+
+bool startCipherLibrary() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
+
+KeyHandle publicKeyFromPoint(Bytes point) {
+    if (point.size() != Point{}.size() || point[0] != 0x04) return nullptr;
+    KeyHandle key = keyFromParts(point, nullptr);
+    const Context context(key ? EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr) : nullptr);
+    if (!context || EVP_PKEY_public_check(context.get()) != 1) return nullptr;
+    return key;
+}
+
+KeyHandle privateKeyFromScalar(const Scalar& scalar) {
+    const CurveGroup group(EC_GROUP_new_by_curve_name(NID_X9_62_prime256v1));
+    const BigNumber number(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
+    const CurvePoint product(group ? EC_POINT_new(group.get()) : nullptr);
+    if (!product || !number || BN_is_zero(number.get()) ||
+        BN_cmp(number.get(), EC_GROUP_get0_order(group.get())) >= 0 ||
+        EC_POINT_mul(group.get(), product.get(), number.get(), nullptr, nullptr, nullptr) != 1)
+        return nullptr;
+    Point point{};
+    if (EC_POINT_point2oct(group.get(), product.get(), POINT_CONVERSION_UNCOMPRESSED, point.data(), point.size(),
+                           nullptr) != point.size())
+        return nullptr;
+    return keyFromParts(point, number.get());
+}
+
+KeyHandle generatePrivateKey() { return KeyHandle(EVP_EC_gen("P-256")); }
+
+std::optional<Point> publicPointOf(EVP_PKEY* key) {
+    std::array<char, 32> group{};
+    std::size_t length = 0;
+    if (!key || EVP_PKEY_get_base_id(key) != EVP_PKEY_EC ||
+        EVP_PKEY_get_group_name(key, group.data(), group.size(), &length) != 1 ||
+        std::string_view(group.data(), length) != SN_X9_62_prime256v1)
+        return std::nullopt;
+    // The key may keep its point in the compressed form; its coordinates are the same in either.
+    BIGNUM* x = nullptr;
+    BIGNUM* y = nullptr;
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_EC_PUB_X, &x);
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_EC_PUB_Y, &y);
+    const BigNumber ownedX(x);
+    const BigNumber ownedY(y);
+    Point point{0x04};
+    if (!x || !y || BN_bn2binpad(x, point.data() + 1, 32) != 32 || BN_bn2binpad(y, point.data() + 33, 32) != 32)
+        return std::nullopt;
+    return point;
+}
+
+HpkeKeys::~HpkeKeys() { OPENSSL_cleanse(key.data(), key.size()); }
+
+std::optional<HpkeSender> hpkeSend(Aead aead, EVP_PKEY* recipient, EVP_PKEY* ephemeral, Bytes info) {
+    const auto recipientPoint = publicPointOf(recipient);
+    const auto encapsulated = publicPointOf(ephemeral);
+    Secret shared(32);
+    if (!recipientPoint || !encapsulated || !sharedSecret(ephemeral, recipient, *encapsulated, *recipientPoint, shared))
+        return std::nullopt;
+    const auto keys = keySchedule(aead, shared, info);
+    if (!keys) return std::nullopt;
+    return HpkeSender{*encapsulated, *keys};
+}
+
+std::optional<HpkeKeys> hpkeReceive(Aead aead, EVP_PKEY* recipient, Bytes encapsulated, Bytes info) {
+    const auto recipientPoint = publicPointOf(recipient);
+    const KeyHandle sender = publicKeyFromPoint(encapsulated);
+    Secret shared(32);
+    if (!recipientPoint || !sender || !sharedSecret(recipient, sender.get(), encapsulated, *recipientPoint, shared))
+        return std::nullopt;
+    return keySchedule(aead, shared, info);
+}
+
+HpkeCipher::HpkeCipher(const HpkeKeys& keys, Direction direction)
+    : cipher_(EVP_CIPHER_CTX_new()), baseNonce_(keys.baseNonce), direction_(direction) {
+    const EVP_CIPHER* kind = keys.aead == Aead::aes128Gcm ? EVP_aes_128_gcm() : EVP_aes_256_gcm();
+    if (!cipher_ || EVP_CipherInit_ex(cipher_.get(), kind, nullptr, keys.key.data(), nullptr,
+                                      direction == Direction::seal ? 1 : 0) != 1)
+        throw std::bad_alloc();
+}
+
+bool HpkeCipher::start(std::uint64_t sequence, Bytes additional) {
+    auto nonce = baseNonce_;
+    for (std::size_t i = 0; i < 8; ++i) nonce[nonce.size() - 1 - i] ^= static_cast<std::uint8_t>(sequence >> (8 * i));
+    int length = 0;
+    return EVP_CipherInit_ex(cipher_.get(), nullptr, nullptr, nullptr, nonce.data(), -1) == 1 &&
+           EVP_CipherUpdate(cipher_.get(), nullptr, &length, additional.data(), static_cast<int>(additional.size())) ==
+               1;
+}
+
+bool HpkeCipher::run(MutableBytes message) {
+    int length = 0;
+    return EVP_CipherUpdate(cipher_.get(), message.data(), &length, message.data(), static_cast<int>(message.size())) ==
+               1 &&
+           length == static_cast<int>(message.size());
+}
+
+bool HpkeCipher::seal(std::uint64_t sequence, Bytes additional, MutableBytes message,
+                      std::span<std::uint8_t, tagSize> tag) {
+    std::uint8_t unused = 0;
+    int length = 0;
+    return direction_ == Direction::seal && start(sequence, additional) && run(message) &&
+           EVP_CipherFinal_ex(cipher_.get(), &unused, &length) == 1 &&
+           EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(tagSize), tag.data()) == 1;
+}
+
+bool HpkeCipher::open(std::uint64_t sequence, Bytes additional, MutableBytes message,
+                      std::span<const std::uint8_t, tagSize> tag) {
+    std::array<std::uint8_t, tagSize> expected{};
+    std::copy(tag.begin(), tag.end(), expected.begin());
+    std::uint8_t unused = 0;
+    int length = 0;
+    return direction_ == Direction::open && start(sequence, additional) && run(message) &&
+           EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tagSize), expected.data()) == 1 &&
+           EVP_CipherFinal_ex(cipher_.get(), &unused, &length) == 1;
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,203 @@
+// What a compressor learned can be copied by functions behind this switch only, which the shared library has, too.
+#define ZSTD_STATIC_LINKING_ONLY
+#define ZSTD_DISABLE_DEPRECATE_WARNINGS
+#include "qvx/format/block_codec.h"
+
+#include <algorithm>
+#include <new>
+
+#include "qvx/format/wire.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr int compressionLevel = 3;
+
+// Whether compressing would be lost time: a few samples are looked at, and every one of them has its bytes spread about
+// as evenly as noise. A single sample that has not sends the block to the compressor.
+bool looksLikeNoise(Bytes plain) {
+    constexpr std::size_t sampleSize = 4096;
+    constexpr std::size_t samples = 16;
+    constexpr std::uint64_t evenSquares = sampleSize * sampleSize / 256;
+    if (plain.size() < samples * sampleSize) return false;
+    for (std::size_t i = 0; i < samples; ++i) {
+        std::array<std::uint32_t, 256> counts{};
+        for (const auto byte : plain.subspan(plain.size() / samples * i, sampleSize)) ++counts[byte];
+        std::uint64_t squares = 0;
+        for (const std::uint64_t count : counts) squares += count * count;
+        // Noise exceeds the even spread by 255 x 16; text does so a hundredfold.
+        if (squares > evenSquares + 3 * 255 * 16) return false;
+    }
+    return true;
+}
+
+// For a block behind its dictionary; each of them a whole block.
+ZSTD_parameters parametersBehind() {
+    ZSTD_parameters parameters = ZSTD_getParams(compressionLevel, blockSize, blockSize);
+    // Than the level has them (5 and 16): faster, and hardly larger where there is a dictionary.
+    parameters.cParams.minMatch = 6;
+    parameters.cParams.chainLog = 15;
+    return parameters;
+}
+
+}  // namespace
+
+std::array<std::uint8_t, plainHeaderSize> encodePlainHeader(const PlainHeader& header) {
+    std::array<std::uint8_t, plainHeaderSize> bytes{};
+    std::copy(fileMagic.begin(), fileMagic.end(), bytes.begin());
+    putLittleEndian<2>(bytes.data() + 8, formatVersion);
+    putLittleEndian<2>(bytes.data() + 10, profileHpke);
+    putLittleEndian<4>(bytes.data() + 12, compressionZstd);
+    putLittleEndian<8>(bytes.data() + 16, streamFlags);
+    putLittleEndian<4>(bytes.data() + 24, blockSize);
+    putLittleEndian<4>(bytes.data() + 28, header.groupLength);
+    std::copy(header.recipient.begin(), header.recipient.end(), bytes.begin() + 32);
+    std::copy(header.encapsulated.begin(), header.encapsulated.end(), bytes.begin() + boundHeaderSize);
+    return bytes;
+}
+
+std::optional<PlainHeader> decodePlainHeader(Bytes file, HeaderFault& fault) {
+    fault = HeaderFault::notAnArchive;
+    if (file.size() < fileMagic.size() || !std::equal(fileMagic.begin(), fileMagic.end(), file.begin()))
+        return std::nullopt;
+    fault = HeaderFault::cut;
+    if (file.size() < plainHeaderSize) return std::nullopt;
+    PlainHeader header;
+    header.groupLength = static_cast<std::uint32_t>(getLittleEndian<4>(file.data() + 28));
+    std::copy_n(file.begin() + 32, header.recipient.size(), header.recipient.begin());
+    std::copy_n(file.begin() + boundHeaderSize, header.encapsulated.size(), header.encapsulated.begin());
+    // What a header may say is what we would have written ourselves.
+    const auto expected = encodePlainHeader(header);
+    fault = HeaderFault::unsupported;
+    if (header.groupLength == 0 || !std::equal(expected.begin(), expected.end(), file.begin())) return std::nullopt;
+    return header;
+}
+
+std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& header) {
+    std::array<std::uint8_t, blockHeaderSize> bytes{};
+    std::copy(blockMagic.begin(), blockMagic.end(), bytes.begin());
+    putLittleEndian<3>(bytes.data() + 4, header.sealedLength);
+    bytes[7] = header.flags;
+    putLittleEndian<8>(bytes.data() + 8, header.sequence);
+    return bytes;
+}
+
+std::optional<BlockHeader> decodeBlockHeader(Bytes bytes) {
+    if (bytes.size() < blockHeaderSize || !std::equal(blockMagic.begin(), blockMagic.end(), bytes.begin()))
+        return std::nullopt;
+    BlockHeader header;
+    header.sealedLength = static_cast<std::uint32_t>(getLittleEndian<3>(bytes.data() + 4));
+    header.flags = bytes[7];
+    header.sequence = getLittleEndian<8>(bytes.data() + 8);
+    const bool last = header.flags & blockLast;
+    const bool compressed = header.flags & blockCompressed;
+    const bool withDictionary = header.flags & blockWithDictionary;
+    const bool known = !(header.flags & ~(blockLast | blockCompressed | blockWithDictionary));
+    if (!known || (withDictionary && !compressed) || (last && compressed) || header.sealedLength <= tagSize ||
+        header.sealedLength > blockSize + tagSize)
+        return std::nullopt;
+    return header;
+}
+
+BlockEncoder::Compressor::Compressor(std::size_t size)
+    : space_((size + sizeof(space_[0]) - 1) / sizeof(space_[0])),
+      context_(ZSTD_initStaticCCtx(space_.data(), space_.size() * sizeof(space_[0]))) {
+    if (!context_) throw std::bad_alloc();
+}
+
+BlockEncoder::BlockEncoder(const HpkeKeys& keys)
+    : cipher_(keys, HpkeCipher::Direction::seal),
+      region_(2 * blockSize),
+      prepared_(ZSTD_estimateCCtxSize_usingCParams(parametersBehind().cParams)),
+      compressor_(ZSTD_estimateCCtxSize(compressionLevel)) {}
+
+std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
+                                 std::uint8_t* out) {
+    std::uint8_t* stored = out + blockHeaderSize;
+    BlockHeader header{0, last ? blockLast : std::uint8_t{0}, sequence};
+    std::size_t length = last || looksLikeNoise(plain) ? 0 : compress(plain, dictionary, stored);
+    if (length > 0) {
+        header.flags = dictionary ? blockCompressed | blockWithDictionary : blockCompressed;
+    } else {
+        std::copy(plain.begin(), plain.end(), stored);
+        length = plain.size();
+    }
+    header.sealedLength = static_cast<std::uint32_t>(length + tagSize);
+    const auto bytes = encodeBlockHeader(header);
+    std::copy(bytes.begin(), bytes.end(), out);
+    const std::span<std::uint8_t, tagSize> tag(stored + length, tagSize);
+    return cipher_.seal(sequence, bytes, {stored, length}, tag) ? blockHeaderSize + length + tagSize : 0;
+}
+
+// Gives 0 when the block does not shrink: a frame that would not be smaller does not fit.
+std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out) {
+    const std::size_t length = dictionary ? compressBehind(*dictionary, plain, out)
+                                          : ZSTD_compressCCtx(compressor_.context(), out, plain.size() - 1,
+                                                              plain.data(), plain.size(), compressionLevel);
+    return ZSTD_isError(length) ? 0 : length;
+}
+
+// The block is compressed right behind its dictionary, because the compressor is then a seventh faster than with a
+// dictionary elsewhere: that makes up for a dictionary in every encoder, and for the copies.
+std::size_t BlockEncoder::compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
+    if (!learn(dictionary)) return 0;
+    const std::size_t copied = ZSTD_copyCCtx(compressor_.context(), prepared_.context(), plain.size());
+    if (ZSTD_isError(copied)) return 0;
+    std::uint8_t* behind = region_.data() + blockSize;
+    std::copy(plain.begin(), plain.end(), behind);
+    return ZSTD_compressEnd(compressor_.context(), out, plain.size() - 1, behind, plain.size());
+}
+
+// A ZSTD_CDict would do the same, but takes three times as long to make: it notes every place of the dictionary where
+// this notes every third. What begins like a dictionary in the form of zstd's own would be taken for one; but a leader
+// begins with the header of a record, and none looks like that.
+bool BlockEncoder::learn(const GroupDictionary& dictionary) {
+    if (learned_ == dictionary.leader) return true;
+    learned_.reset();
+    const std::size_t size = dictionary.bytes.size();
+    std::uint8_t* place = region_.data() + blockSize - size;
+    std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
+    const std::size_t begun =
+        ZSTD_compressBegin_advanced(prepared_.context(), place, size, parametersBehind(), blockSize);
+    if (!ZSTD_isError(begun)) learned_ = dictionary.leader;
+    return learned_.has_value();
+}
+
+BlockDecoder::BlockDecoder(const HpkeKeys& keys)
+    : cipher_(keys, HpkeCipher::Direction::open), decompressor_(ZSTD_createDCtx()) {
+    if (!decompressor_) throw std::bad_alloc();
+}
+
+BlockFault BlockDecoder::decode(const BlockHeader& header, MutableBytes sealed, Bytes leader,
+                                std::vector<std::uint8_t>& plain) {
+    const MutableBytes stored = sealed.first(header.sealedLength - tagSize);
+    const std::span<const std::uint8_t, tagSize> tag(sealed.data() + stored.size(), tagSize);
+    if (!cipher_.open(header.sequence, encodeBlockHeader(header), stored, tag)) return BlockFault::seal;
+    try {
+        if (!(header.flags & blockCompressed)) {
+            plain.assign(stored.begin(), stored.end());
+        } else if (!decompress(header, stored, leader, plain)) {
+            return BlockFault::content;
+        }
+    } catch (const std::bad_alloc&) {
+        return BlockFault::memory;
+    }
+    const bool last = header.flags & blockLast;
+    return last == (plain.size() < blockSize) ? BlockFault::none : BlockFault::content;
+}
+
+bool BlockDecoder::decompress(const BlockHeader& header, Bytes frame, Bytes leader, std::vector<std::uint8_t>& plain) {
+    // The frame must be the only one and name its size, so that nothing is decompressed past a block.
+    if (ZSTD_getFrameContentSize(frame.data(), frame.size()) != blockSize ||
+        ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size())
+        return false;
+    plain.resize(blockSize);
+    const Bytes dictionary = header.flags & blockWithDictionary ? leader : Bytes{};
+    ZSTD_DCtx_reset(decompressor_.get(), ZSTD_reset_session_and_parameters);
+    if (ZSTD_isError(ZSTD_DCtx_refPrefix(decompressor_.get(), dictionary.data(), dictionary.size()))) return false;
+    return ZSTD_decompressDCtx(decompressor_.get(), plain.data(), plain.size(), frame.data(), frame.size()) ==
+           blockSize;
+}
+
+}  // namespace tarnwick::qvx

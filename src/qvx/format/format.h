@@ -1,0 +1,54 @@
+// The numbers of the archive format, which docs/qvx-format.md describes.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "qvx/bytes.h"
+
+namespace tarnwick::qvx {
+
+inline constexpr std::array<std::uint8_t, 8> fileMagic{0x89, 0x51, 0x56, 0x58, 0x0d, 0x0a, 0x1a, 0x0a};
+inline constexpr std::uint16_t formatVersion = 1;
+inline constexpr std::uint16_t profileHpke = 3;
+inline constexpr std::uint32_t compressionZstd = 2049;
+inline constexpr std::uint64_t streamFlags = 0xC000000000000000;  // sealed to a recipient, indexed
+inline constexpr std::uint32_t blockSize = 1048576;
+inline constexpr std::size_t plainHeaderSize = 129;
+inline constexpr std::size_t boundHeaderSize = 64;  // the part of the plain header that HPKE binds as `info`
+
+inline constexpr std::array<std::uint8_t, 4> blockMagic{0x51, 0x56, 0x58, 0x42};
+inline constexpr std::size_t blockHeaderSize = 16;
+inline constexpr std::uint8_t blockLast = 0x01;
+inline constexpr std::uint8_t blockCompressed = 0x02;
+inline constexpr std::uint8_t blockWithDictionary = 0x04;
+
+enum class RecordType : std::uint8_t {
+    pad = 0,
+    entry = 1,
+    data = 2,
+    hole = 3,
+    end = 4,
+    index = 5,
+    root = 6,
+    trailer = 7,
+};
+inline constexpr std::uint8_t recordContinues = 0x80;
+inline constexpr std::size_t recordHeaderSize = 4;
+inline constexpr std::size_t trailerSize = 32;
+inline constexpr std::size_t lastBlockSize = blockHeaderSize + recordHeaderSize + trailerSize + tagSize;
+
+enum class EntryType : std::uint8_t { file = 1, directory = 2, link = 3 };
+
+inline constexpr std::uint8_t indexIncomplete = 0x80;  // with the type of an entry in the index
+
+inline constexpr std::size_t maxPathLength = 4095;
+inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry; likewise below
+inline constexpr std::size_t maxAttributeBytes = 1048576;                  // names and values together
+inline constexpr std::uint64_t maxDigestedHoles = std::uint64_t{1} << 40;  // bytes
+inline constexpr std::size_t maxUnreadableExtents = 4096;
+inline constexpr std::size_t maxEndLength = 2097152;  // of the joined payload; likewise below
+inline constexpr std::size_t maxIndexLength = 1048576;
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,124 @@
+// Numbers and texts as they stand in the archive: little-endian, varint (unsigned LEB128) and zigzag.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "qvx/format/format.h"
+
+namespace tarnwick::qvx {
+
+template <std::size_t width, typename Number>
+void putLittleEndian(std::uint8_t* to, Number number) {
+    for (std::size_t i = 0; i < width; ++i) to[i] = static_cast<std::uint8_t>(number >> (8 * i));
+}
+
+template <std::size_t width>
+std::uint64_t getLittleEndian(const std::uint8_t* from) {
+    std::uint64_t number = 0;
+    for (std::size_t i = 0; i < width; ++i) number |= std::uint64_t{from[i]} << (8 * i);
+    return number;
+}
+
+inline std::uint64_t zigzag(std::int64_t number) {
+    return (static_cast<std::uint64_t>(number) << 1) ^ static_cast<std::uint64_t>(number >> 63);
+}
+
+inline std::int64_t unzigzag(std::uint64_t number) {
+    return static_cast<std::int64_t>((number >> 1) ^ (~(number & 1) + 1));
+}
+
+// Sums and differences of times wrap around: what comes from a hostile archive must not overflow, and what was
+// subtracted here adds up again there.
+inline std::int64_t wrappingAdd(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+inline std::int64_t wrappingSubtract(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+
+// Appends to a buffer that is used again and again.
+class WireWriter {
+public:
+    explicit WireWriter(std::vector<std::uint8_t>& out) : out_(out) {}
+
+    void byte(std::uint8_t value) { out_.push_back(value); }
+    void bytes(Bytes bytes) { out_.insert(out_.end(), bytes.begin(), bytes.end()); }
+    void varint(std::uint64_t number) {
+        for (; number >= 0x80; number >>= 7) byte(static_cast<std::uint8_t>(number | 0x80));
+        byte(static_cast<std::uint8_t>(number));
+    }
+    void signedVarint(std::int64_t number) { varint(zigzag(number)); }
+    void text(std::string_view text) {
+        varint(text.size());
+        out_.insert(out_.end(), text.begin(), text.end());
+    }
+    void fixed64(std::uint64_t number) {
+        std::array<std::uint8_t, 8> raw{};
+        putLittleEndian<8>(raw.data(), number);
+        bytes(raw);
+    }
+
+private:
+    std::vector<std::uint8_t>& out_;
+};
+
+// Takes numbers and texts from the front of hostile bytes. After the first thing that is not there or not well-formed
+// every answer is zero or empty, and ok() is false for good.
+class WireReader {
+public:
+    explicit WireReader(Bytes bytes) : rest_(bytes) {}
+
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] bool atEnd() const { return rest_.empty(); }
+    [[nodiscard]] std::size_t left() const { return rest_.size(); }
+    void fail() {
+        ok_ = false;
+        rest_ = {};
+    }
+
+    Bytes bytes(std::uint64_t count) {
+        if (count > rest_.size()) {
+            fail();
+            return {};
+        }
+        const Bytes taken = rest_.first(static_cast<std::size_t>(count));
+        rest_ = rest_.subspan(taken.size());
+        return taken;
+    }
+    std::uint8_t byte() {
+        const Bytes taken = bytes(1);
+        return taken.empty() ? std::uint8_t{0} : taken[0];
+    }
+    std::uint64_t fixed64() {
+        const Bytes taken = bytes(8);
+        return taken.empty() ? 0 : getLittleEndian<8>(taken.data());
+    }
+    // Refuses what needs more than 64 bits, and a longer form than needed: every number has one form.
+    std::uint64_t varint() {
+        std::uint64_t number = 0;
+        for (unsigned shift = 0; shift < 70; shift += 7) {
+            const std::uint8_t part = byte();
+            if (!ok_ || (shift == 63 && part > 1) || (part == 0 && shift > 0)) break;
+            number |= std::uint64_t{part & 0x7fU} << shift;
+            if (!(part & 0x80)) return number;
+        }
+        fail();
+        return 0;
+    }
+    std::int64_t signedVarint() { return unzigzag(varint()); }
+    std::string_view text() {
+        const Bytes taken = bytes(varint());
+        return {reinterpret_cast<const char*>(taken.data()), taken.size()};
+    }
+
+private:
+    Bytes rest_;
+    bool ok_ = true;
+};
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,238 @@
+#include "qvx/read/block_reader.h"
+
+#include <algorithm>
+#include <new>
+#include <system_error>
+
+#include "qvx/format/content_digest.h"
+#include "qvx/format/entry_codec.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr unsigned mostWorkers = 32;
+
+const char* describe(BlockFault fault) {
+    switch (fault) {
+        case BlockFault::none: break;
+        case BlockFault::seal: return "the block is changed, or not of this archive";
+        case BlockFault::content: return "the block was made wrongly";
+        case BlockFault::memory: return "out of memory";
+    }
+    return "";
+}
+
+std::string wrongNumber(std::uint64_t found) { return "block " + std::to_string(found) + " stands in its place"; }
+
+std::vector<PlacedDigest> digestContents(Bytes plain) {
+    std::vector<PlacedDigest> digests;
+    ContentDigest digest;
+    std::vector<Bytes> content;
+    bool whole = false;  // so far, the entry at hand
+    std::size_t begin = 0;
+    std::size_t offset = 0;
+    RecordCursor cursor(plain);
+    while (const auto record = cursor.next()) {
+        if (record->type == RecordType::entry) {
+            whole = true;
+            begin = offset;
+            content.clear();
+        } else if (record->type == RecordType::data) {
+            content.push_back(record->payload);
+        } else if (record->type == RecordType::end && whole) {
+            digest.restart();
+            for (const Bytes part : content) digest.add(part);
+            digests.push_back({begin, digest.finish()});
+            whole = false;
+        } else {
+            whole = false;
+        }
+        offset = cursor.offset();
+    }
+    return digests;
+}
+
+}  // namespace
+
+ReadFault blockFault(const BlockPlace& place, std::string what) {
+    return {std::move(what), place.sequence, place.position, std::nullopt};
+}
+
+std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position, std::string& what) {
+    std::array<std::uint8_t, blockHeaderSize> bytes{};
+    if (!file.read(position, bytes, what)) return std::nullopt;
+    const auto header = decodeBlockHeader(bytes);
+    // A leader that needed a dictionary would be waiting for itself.
+    const bool leads = header && header->sequence % file.header().groupLength == 0;
+    if (header && !(leads && (header->flags & blockWithDictionary))) return header;
+    what = "the block header is damaged";
+    return std::nullopt;
+}
+
+void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
+    std::string what;
+    const auto header = readBlockHeader(file_, block.place.position, what);
+    if (header && header->sequence != block.place.sequence) what = wrongNumber(header->sequence);
+    if (what.empty()) block.header = *header;
+    // The leader may be opened by this same opener, and therefore before the buffer holds this block.
+    BlockPointer dictionary;
+    if (what.empty() && (block.header.flags & blockWithDictionary)) {
+        dictionary = leader();
+        if (!dictionary || dictionary->fault) what = "the block that leads its group is damaged or lost";
+    }
+    if (what.empty()) {
+        sealed_.resize(header->sealedLength);
+        file_.read(block.place.position + blockHeaderSize, sealed_, what);
+    }
+    if (what.empty())
+        what = describe(
+            decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain));
+    if (!what.empty()) block.fault = blockFault(block.place, std::move(what));
+}
+
+void BlockMap::add(const BlockPlace& place) { places_.push_back(place); }
+
+std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
+    const auto found =
+        std::lower_bound(places_.begin(), places_.end(), sequence,
+                         [](const BlockPlace& place, std::uint64_t key) { return place.sequence < key; });
+    if (found == places_.end() || found->sequence != sequence) return std::nullopt;
+    return *found;
+}
+
+BlockPointer RandomBlocks::get(std::uint64_t sequence) {
+    auto& kept = sequence % groupLength_ == 0 ? leader_ : other_;
+    if (!kept || kept->place.sequence != sequence) kept = open(sequence);
+    return kept;
+}
+
+BlockPointer RandomBlocks::open(std::uint64_t sequence) {
+    const auto block = std::make_shared<OpenedBlock>();
+    const auto place = map_.find(sequence);
+    block->place = place.value_or(BlockPlace{sequence, 0});
+    if (place) {
+        opener_.open(*block, [&] { return get(sequence - sequence % groupLength_); });
+    } else {
+        block->fault = ReadFault{"there is no such block", sequence, std::nullopt, std::nullopt};
+    }
+    return block;
+}
+
+BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supplier supplier)
+    : file_(file), keys_(keys), supplier_(std::move(supplier)) {
+    const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, mostWorkers);
+    limit_ = 2UL * workers + 8;
+    threads_.reserve(workers);
+    for (unsigned i = 0; i < workers; ++i) {
+        try {
+            threads_.emplace_back([this] { work(); });
+        } catch (...) {
+            if (threads_.empty()) throw;
+            break;  // fewer do as well
+        }
+    }
+}
+
+BlockPipeline::~BlockPipeline() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+}
+
+BlockPointer BlockPipeline::next() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [this] { return queue_.empty() ? exhausted_ : queue_.front()->done; });
+        if (queue_.empty()) return nullptr;
+        auto slot = std::move(queue_.front());
+        queue_.pop_front();
+        changed_.notify_all();
+        if (slot->wanted) return {slot, &slot->block};
+    }
+}
+
+// Without memory the blocks end early, which no reader takes for a whole archive.
+void BlockPipeline::work() {
+    std::shared_ptr<Slot> slot;
+    try {
+        BlockOpener opener(file_, keys_);
+        while ((slot = claim())) {
+            if (!slot->block.fault) opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
+            if (slot->digest && !slot->block.fault) slot->block.digests = digestContents(slot->block.plain);
+            finish(*slot);
+            slot.reset();  // it is the consumer's from here on
+        }
+    } catch (const std::bad_alloc&) {
+        if (slot) {
+            slot->block.fault.emplace().what = "out of memory";  // short enough to need none
+            finish(*slot);
+        }
+        const std::lock_guard lock(mutex_);
+        exhausted_ = true;
+        changed_.notify_all();
+    }
+}
+
+// Slots are queued in the order in which they are claimed, so that a leader is always in work before its group.
+std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closed_ || exhausted_ || queue_.size() < limit_; });
+    if (closed_ || exhausted_) return nullptr;
+    auto task = supplier_();
+    if (!task) {
+        exhausted_ = true;
+        changed_.notify_all();
+        return nullptr;
+    }
+    auto slot = std::make_shared<Slot>();
+    slot->block.place = task->place;
+    slot->block.fault = std::move(task->fault);
+    slot->wanted = task->wanted;
+    slot->digest = task->digest;
+    const std::uint64_t groupLength = file_.header().groupLength;
+    const std::uint64_t group = task->place.sequence / groupLength;
+    const bool leads = task->place.sequence % groupLength == 0;
+    if (!leads && leader_ && leader_->block.place.sequence / groupLength == group) slot->leader = leader_;
+    queue_.push_back(slot);
+    if (leads) leader_ = slot;  // and not before somebody is sure to open it
+    return slot;
+}
+
+BlockPointer BlockPipeline::waitForLeader(const std::shared_ptr<Slot>& leader) {
+    if (!leader) return nullptr;
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return leader->done; });
+    return {leader, &leader->block};
+}
+
+void BlockPipeline::finish(Slot& slot) {
+    const std::lock_guard lock(mutex_);
+    slot.done = true;
+    slot.leader.reset();
+    changed_.notify_all();
+}
+
+std::optional<BlockPipeline::Task> WholeArchive::operator()() {
+    if (ended_) return std::nullopt;
+    if (lastSeen_) {
+        ended_ = true;
+        if (next_.position == file_->size()) return std::nullopt;
+        ReadFault behind{"something stands behind the last block", std::nullopt, next_.position, std::nullopt};
+        return BlockPipeline::Task{next_, std::move(behind)};
+    }
+    BlockPipeline::Task task{.place = next_, .digest = true};
+    std::string what;
+    const auto header = readBlockHeader(*file_, next_.position, what);
+    if (header && header->sequence != next_.sequence) what = wrongNumber(header->sequence);
+    if (!what.empty()) {
+        ended_ = true;
+        task.fault = blockFault(next_, std::move(what));
+        return task;
+    }
+    lastSeen_ = header->flags & blockLast;
+    next_ = {next_.sequence + 1, next_.position + blockHeaderSize + header->sealedLength};
+    return task;
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,146 @@
+#include "qvx/read/entry_reader.h"
+
+#include <algorithm>
+#include <new>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
+
+}  // namespace
+
+RecordJoiner::State RecordJoiner::take(const Record& record, std::size_t limit) {
+    if (joining_ && record.type != type_) return State::damaged;
+    if (!joining_ && !record.continues) {
+        payload_ = record.payload;
+        return payload_.size() <= limit ? State::whole : State::damaged;
+    }
+    if (!joining_) joined_.clear();
+    type_ = record.type;
+    if (record.payload.size() > limit - std::min(limit, joined_.size())) return State::damaged;
+    joined_.insert(joined_.end(), record.payload.begin(), record.payload.end());
+    joining_ = record.continues;
+    payload_ = joined_;
+    return joining_ ? State::partial : State::whole;
+}
+
+EntryReader::Step EntryReader::take(const Record& record) {
+    if (record.type == RecordType::entry) return begin(record);
+    if (!inEntry_) return damaged("a record stands outside of an entry");
+    if (joiner_.joining() && record.type != RecordType::end) return damaged("a split record is not continued");
+    switch (record.type) {
+        case RecordType::data: return addData(record.payload);
+        case RecordType::hole: return addHole(record.payload);
+        case RecordType::end: break;
+        default: return damaged("the entry has no end");
+    }
+    switch (joiner_.take(record, maxEndLength)) {
+        case RecordJoiner::State::partial: return Step::more;
+        case RecordJoiner::State::whole: return finish(joiner_.payload());
+        case RecordJoiner::State::damaged: break;
+    }
+    return damaged("the end of the entry is malformed");
+}
+
+void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum) {
+    tail_.digest = digest;
+    tail_.sum = sum;
+}
+
+bool EntryReader::deliver(const EntrySink::ContentReader& content) {
+    inEntry_ = false;
+    return sink_.finish(tail_, content);
+}
+
+std::uint64_t EntryReader::size() const { return tail_.sum ? tail_.sum->size : size_; }
+
+void EntryReader::abandon() {
+    if (inEntry_) sink_.abandon();
+    inEntry_ = false;
+    joiner_.reset();
+}
+
+EntryReader::Step EntryReader::begin(const Record& record) {
+    if (inEntry_) return damaged("the entry has no end");
+    auto head = decodeEntryHead(record.payload);
+    if (!head) return damaged("the beginning of an entry is malformed");
+    head_ = std::move(*head);
+    known_ = record.contentDigest;
+    if (!known_) digest_.restart();
+    size_ = 0;
+    holes_ = 0;
+    zeros_ = 0;
+    inEntry_ = sink_.begin(head_);
+    return inEntry_ ? Step::more : Step::stopped;
+}
+
+EntryReader::Step EntryReader::addData(Bytes bytes) {
+    if (bytes.size() > maxContentSize - size_) return damaged("the content is too long");
+    size_ += bytes.size();
+    if (head_.type == EntryType::directory) return damaged("a directory has content");
+    if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
+    if (!known_) digest_.add(bytes);
+    return sink_.data(bytes) ? Step::more : Step::stopped;
+}
+
+EntryReader::Step EntryReader::addHole(Bytes payload) {
+    const auto length = decodeHole(payload);
+    if (!length || head_.type != EntryType::file || *length > maxContentSize - size_)
+        return damaged("a hole is malformed");
+    size_ += *length;
+    zeros_ += *length;
+    ++holes_;
+    if (zeros_ > maxDigestedHoles) return sink_.hole(*length) ? Step::more : Step::stopped;
+    // In pieces, so that the sink may stop in between.
+    for (std::uint64_t left = *length, piece = 0; left > 0; left -= piece) {
+        piece = std::min(left, zerosAtOnce);
+        if (!sink_.hole(piece)) return Step::stopped;
+        digest_.addZeros(piece);
+    }
+    return Step::more;
+}
+
+EntryReader::Step EntryReader::finish(Bytes payload) {
+    auto tail = decodeEntryTail(payload);
+    if (!tail) return damaged("the end of the entry is malformed");
+    tail_ = std::move(*tail);
+    if (const char* fault = faultOfTail()) return damaged(fault);
+    if (head_.type == EntryType::file && !tail_.contentOf) tail_.sum = SparseSum{size_, holes_};
+    return Step::whole;
+}
+
+// Unreadable extents are stored as holes; which ones is not kept.
+bool EntryReader::unreadableFits() const {
+    if (!tail_.unreadable || tail_.unreadable->empty()) return true;
+    std::uint64_t total = 0;
+    for (const Extent& extent : *tail_.unreadable) total += extent.length;
+    return head_.type == EntryType::file && !tail_.contentOf && tail_.unreadable->back().end() <= size_ &&
+           total <= zeros_;
+}
+
+const char* EntryReader::faultOfTail() {
+    if (!unreadableFits()) return "the unreadable extents do not fit the content";
+    const bool file = head_.type == EntryType::file;
+    if (tail_.contentOf) {
+        const bool own = size_ > 0 || holes_ > 0;
+        const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;
+        return file && back && !own ? nullptr : "the reference to the entry's content is malformed";
+    }
+    if (tail_.linkOf || (tail_.sum && !file) || (tail_.digest && head_.type == EntryType::directory))
+        return "the entry has fields that do not go together";
+    if (tail_.digest && zeros_ > maxDigestedHoles) return "the entry has a digest of more zeros than it may";
+    if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
+    if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish())) return "the digest does not match";
+    if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return "the link has no target";
+    return nullptr;
+}
+
+EntryReader::Step EntryReader::damaged(const char* what) {
+    what_ = what;
+    abandon();
+    return Step::damaged;
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,80 @@
+#include "qvx/read/entry_table.h"
+
+#include <algorithm>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+// Hands on the content of one entry as that of another.
+class ContentForwarder : public EntrySink {
+public:
+    explicit ContentForwarder(EntrySink& sink) : sink_(sink) {}
+    bool begin(const EntryHead&) override { return true; }
+    bool data(Bytes bytes) override { return sink_.data(bytes); }
+    bool hole(std::uint64_t length) override { return sink_.hole(length); }
+    bool finish(const EntryTail&, const ContentReader&) override { return true; }
+    void abandon() override {}
+
+private:
+    EntrySink& sink_;
+};
+
+}  // namespace
+
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& wanted, EntrySink& sink) {
+    ContentForwarder forwarder(sink);
+    EntryReader entry(forwarder);
+    std::size_t offset = place.offset;
+    for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
+        const auto block = blocks.get(sequence);
+        if (block->fault) return false;
+        RecordCursor cursor(block->plain, offset);
+        while (const auto record = cursor.next()) {
+            const auto step = entry.take(*record);
+            if (step == EntryReader::Step::more) continue;
+            return step == EntryReader::Step::whole && entry.head().number == place.number && !entry.tail().contentOf &&
+                   (!wanted.digest || wanted.digest == entry.tail().digest) &&
+                   (!wanted.sum || wanted.sum->size == entry.size());
+        }
+        if (cursor.damaged()) return false;
+    }
+}
+
+void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
+    if (entry.head().type != EntryType::file) return;
+    const EntryTail& tail = entry.tail();
+    const SparseSum sum = tail.sum.value_or(SparseSum{entry.size(), 0});
+    const bool unreadable = tail.unreadable && !tail.unreadable->empty();
+    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, sum, unreadable});
+}
+
+const char* EntryTable::resolve(EntryReader& entry) const {
+    const EntryTail& tail = entry.tail();
+    if (!tail.contentOf) return nullptr;
+    const Known* content = find(*tail.contentOf);
+    if (!content || content->content != *tail.contentOf) return "the entry that holds its content is lost or another";
+    if (content->unreadable) return "the entry that holds its content is incomplete";
+    if (tail.linkOf) {
+        const Known* link = find(*tail.linkOf);
+        if (!link || link->content != *tail.contentOf) return "the entry that it is linked to is lost or another";
+    }
+    const bool sameDigest = !tail.digest || tail.digest == content->digest;
+    const bool sameSum = !tail.sum || tail.sum->size == content->sum.size;
+    if (!sameDigest || !sameSum) return "digest or size are not those of the entry that holds its content";
+    entry.adopt(content->digest, content->sum);
+    return nullptr;
+}
+
+const EntryPlace* EntryTable::placeOf(std::uint64_t number) const {
+    const Known* known = find(number);
+    return known && known->content == number ? &known->place : nullptr;
+}
+
+const EntryTable::Known* EntryTable::find(std::uint64_t number) const {
+    const auto found = std::lower_bound(files_.begin(), files_.end(), number,
+                                        [](const Known& known, std::uint64_t key) { return known.place.number < key; });
+    return found != files_.end() && found->place.number == number ? &*found : nullptr;
+}
+
+}  // namespace tarnwick::qvx

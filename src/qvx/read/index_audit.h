@@ -1,0 +1,32 @@
+// Holds index, root and trailer to the entries and blocks that went by.
+#pragma once
+
+#include "qvx/read/entry_table.h"
+
+namespace tarnwick::qvx {
+
+class IndexAudit {
+public:
+    void addBlock(const OpenedBlock& block) { blocks_.push_back({block.place, block.header.sealedLength}); }
+
+    // Each null, or what is wrong.
+    const char* addEntry(const EntryPlace& place, const EntryReader& entry);
+    const char* checkPart(Bytes payload, const EntryPlace& place);
+    const char* checkRoot(Bytes payload, std::uint64_t block);
+    const char* checkTrailer(Bytes payload);
+
+private:
+    struct Seen {
+        BlockPlace place;
+        std::uint32_t sealedLength = 0;
+    };
+
+    std::vector<Seen> blocks_;
+    std::vector<IndexPartPlace> parts_;
+    IndexPartEncoder pending_;  // the entries that no part has covered yet
+    std::uint64_t covered_ = 0;
+    std::uint64_t entries_ = 0;
+    std::uint64_t rootBlock_ = 0;
+};
+
+}  // namespace tarnwick::qvx

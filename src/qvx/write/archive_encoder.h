@@ -1,0 +1,76 @@
+// Turns the entries of a path list into the records of an archive stream.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <array>
+#include <optional>
+#include <string_view>
+
+#include "qvx/write/block_stream.h"
+#include "qvx/write/disk_entry.h"
+#include "qvx/write/path_list.h"
+#include "qvx/write/stored_contents.h"
+
+namespace tarnwick::qvx {
+
+// The fields that an entry may carry; bit i is the i-th key of fieldKeys.
+inline constexpr std::array<std::string_view, 14> fieldKeys = {"UID", "GID", "MOD", "FLG", "MTM", "CTM", "BTM",
+                                                               "DAT", "SH2", "SLC", "CLC", "HLC", "XAT", "ACL"};
+using FieldMask = std::uint32_t;
+
+struct IncompleteEntry {
+    std::uint64_t number = 0;  // in the path list, from 0
+    int error = 0;             // the errno value of the first failure
+};
+
+// Encodes one archive. Throws std::bad_alloc and std::system_error; statuses are 0 or a negative errno value.
+class ArchiveEncoder {
+public:
+    // `readers` threads read from the disk.
+    ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
+
+    // Reads every entry of `list` from the disk and completes the archive, whose first block stands at `filePosition`
+    // of the file.
+    int write(const PathList& list, std::uint64_t filePosition);
+
+    // The entries that were marked as incomplete, ascending.
+    [[nodiscard]] std::vector<IncompleteEntry>& incomplete() { return incomplete_; }
+
+private:
+    struct Entry;
+
+    int writeEntry(DiskEntry& found);
+    int writeFile(Entry& entry);
+    int writeExtents(Entry& entry);
+    int writeExtent(Entry& entry, std::uint64_t end);
+    void takePart(Entry& entry, Bytes part);
+    void skipUnreadable(Entry& entry, int error, std::uint64_t end);
+    void writeUnreadable(Entry& entry, std::uint64_t end);
+    void markIncomplete(Entry& entry);
+    bool reuseContent(Entry& entry);
+    void writeContent(Entry& entry, Bytes content);
+    void writeHole(Entry& entry, std::uint64_t length);
+    void writeHead(Entry& entry);
+    void writeTail(Entry& entry);
+    void writeRecord(RecordType type, Bytes payload);
+    void makeRoom(std::uint64_t content);
+    void flushIndexPart();
+    int complete(std::uint64_t filePosition);
+    [[nodiscard]] bool wants(std::string_view key) const;
+    [[nodiscard]] bool isOld(const struct statx& status) const;
+
+    BlockStream& stream_;
+    const FieldMask fields_;
+    const unsigned readers_;
+    const PathList* list_ = nullptr;
+    std::optional<StoredContents> stored_;
+    ContentDigest digest_;
+    std::vector<std::uint8_t> payload_;
+    struct timespec started_ {};
+    IndexPartEncoder part_;
+    ArchiveRoot root_;
+    std::vector<IncompleteEntry> incomplete_;
+};
+
+}  // namespace tarnwick::qvx

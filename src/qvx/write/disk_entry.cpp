@@ -1,0 +1,170 @@
+#include "qvx/write/disk_entry.h"
+
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "base/guarded_open.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr off_t fetchedAhead = 262144;  // bytes of a large file
+
+FileDescriptor openListed(int folder, const char* name, const PathList::Entry& listed) {
+    const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
+    const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | kind;
+    FileDescriptor file(::openat(folder, name, flags | O_NOATIME));
+    if (!file && errno == EPERM) file = FileDescriptor(::openat(folder, name, flags));
+    return file;
+}
+
+dev_t deviceOf(const struct statx& status) { return ::makedev(status.stx_dev_major, status.stx_dev_minor); }
+
+// A name may have been given to something else since it was listed. Another file of the same kind on the same device
+// is what a rotated log looks like, and is taken; anything else is not what was asked for. A log that is rotated has
+// one name: a second one may be the trick of a user who gave a name of his own to a file of somebody else.
+int expectListed(const PathList::Entry& listed, const struct statx& status) {
+    const bool same = deviceOf(status) == listed.device && entryTypeOf(status.stx_mode) == listed.type;
+    const bool rotated = status.stx_ino != listed.inode;
+    return same && !(listed.isGuarded() && rotated && status.stx_nlink > 1) ? 0 : -ESTALE;
+}
+
+// The folder with a slash at its end, and the name in it.
+std::size_t nameStart(const PathList::Entry& listed) { return listed.path.rfind('/') + 1; }
+
+const char* nameOf(const PathList::Entry& listed) {
+    const char* name = listed.path.c_str() + nameStart(listed);
+    return *name ? name : ".";
+}
+
+}  // namespace
+
+bool isUnreadable(int error) {
+    constexpr int others[] = {ENOENT, ENOTDIR, ELOOP, ESTALE, ENOMEM, EMFILE, ENFILE};
+    return error != 0 && std::ranges::find(others, -error) == std::end(others);
+}
+
+std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
+    for (;;) {
+        const ssize_t count = ::pread(file, room.data(), room.size(), static_cast<off_t>(position));
+        if (count >= 0) return count;
+        if (errno != EINTR) return -errno;
+    }
+}
+
+void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
+    if (const int error = open(entry)) return describeUnopened(entry, error);
+    // A link has no descriptor. Its attributes are read by a path that begins at the folder held.
+    const std::string link =
+        entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
+    note(entry,
+         metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head, entry.tail));
+    if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
+    if (entry.listed.type == EntryType::link) note(entry, readLink(entry, room));
+    if (entry.listed.type == EntryType::file) note(entry, readSmall(entry, room));
+}
+
+void DiskEntryReader::finish(DiskEntry& entry) {
+    if (!entry.awaited.empty()) note(entry, readWhole(entry, std::exchange(entry.awaited, {})));
+}
+
+void DiskEntryReader::note(DiskEntry& entry, int error) {
+    if (error != 0) (isUnreadable(error) ? entry.unreadable : entry.error) = error;
+}
+
+void DiskEntryReader::describeUnopened(DiskEntry& entry, int error) {
+    note(entry, error);
+    entry.unopened = true;
+    entry.file = FileDescriptor();
+    entry.head.type = entry.listed.type;
+    entry.head.path = entry.listed.path.substr(1);
+    if (entry.status.stx_mask != 0) takeStatus(entry.status, entry.head);
+}
+
+int DiskEntryReader::hold(const PathList::Entry& listed) {
+    const auto path = std::string_view(listed.path).substr(0, nameStart(listed));
+    if (!folder_ || path != folderPath_ || listed.isGuarded() != folderGuarded_) {
+        folderPath_ = path;
+        folderGuarded_ = listed.isGuarded();
+        folder_ = folderGuarded_ ? openDirectoryGuarded(folderPath_)
+                                 : FileDescriptor(::open(folderPath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        const int error = folder_ ? readStatus(folder_.get(), "", folderStatus_) : -errno;
+        if (error != 0) folder_ = FileDescriptor();
+        if (error != 0) return error;
+    }
+    const bool same = deviceOf(folderStatus_) == listed.folderDevice && folderStatus_.stx_ino == listed.folderInode;
+    return same || !listed.isGuarded() ? 0 : -ESTALE;
+}
+
+// `statx` before `open`, so that no device is opened; again after it, since the name may have changed in between.
+int DiskEntryReader::open(DiskEntry& entry) {
+    if (const int error = hold(entry.listed)) return error;
+    const char* name = nameOf(entry.listed);
+    if (const int error = readStatus(folder_.get(), name, entry.status)) return error;
+    if (const int error = expectListed(entry.listed, entry.status)) return error;
+    entry.head.type = entry.listed.type;
+    entry.head.path = entry.listed.path.substr(1);
+    if (entry.listed.type == EntryType::link) return 0;
+    entry.file = openListed(folder_.get(), name, entry.listed);
+    if (!entry.file) return -errno;
+    if (const int error = readStatus(entry.file.get(), "", entry.status)) return error;
+    return expectListed(entry.listed, entry.status);
+}
+
+int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
+    const ssize_t length =
+        ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(room.data()), room.size());
+    if (length < 0) return -errno;
+    if (length == 0) return -EIO;  // only a broken file system has such a link, and no reader would take it
+    take(entry, room.first(static_cast<std::size_t>(length)));
+    return 0;
+}
+
+int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
+    const std::uint64_t size = entry.status.stx_size;
+    if (size <= room.size() && entry.status.stx_blocks * 512 < size) return 0;
+    // A file that says it is empty is asked for one byte: pseudo file systems say so of what is not.
+    if (size == 0) return room.empty() ? 0 : readWhole(entry, room.first(1));
+    if (size <= room.size()) {
+        entry.awaited = room.first(static_cast<std::size_t>(size));
+        const iovec place{entry.awaited.data(), entry.awaited.size()};
+        if (::preadv2(entry.file.get(), &place, 1, 0, RWF_NOWAIT) == static_cast<ssize_t>(size)) {
+            take(entry, std::exchange(entry.awaited, {}));
+            return 0;
+        }
+    }
+    // The disk may begin, with many at a time; also with a larger one, which is read when its turn comes.
+    ::posix_fadvise(entry.file.get(), 0, fetchedAhead, POSIX_FADV_WILLNEED);
+    return 0;
+}
+
+int DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes room) {
+    std::size_t length = 0;
+    while (length < room.size()) {
+        const std::int64_t count = readAt(entry.file.get(), room.subspan(length), length);
+        // The encoder reads such a file again, around what cannot be read.
+        if (count < 0) return isUnreadable(static_cast<int>(count)) ? 0 : static_cast<int>(count);
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    if (entry.status.stx_size > 0 || length == 0) take(entry, room.first(length));
+    return 0;
+}
+
+void DiskEntryReader::take(DiskEntry& entry, Bytes content) {
+    entry.content = content;
+    entry.file = FileDescriptor();
+    digest_.restart();
+    digest_.add(content);
+    entry.digest = digest_.finish();
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,153 @@
+#include "qvx/write/path_list.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "base/guarded_open.h"
+#include "qvx/format/entry_codec.h"
+#include "qvx/format/wire.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::size_t pieceSize = 16384;
+constexpr std::uint8_t guardedBit = 0x80;  // in the byte of the type: the folder follows
+
+}  // namespace
+
+void PathList::append(const Entry& entry) {
+    if (pieces_.empty() || pieces_.back().coded.size() >= pieceSize) {
+        if (!pieces_.empty()) pieces_.back().coded.shrink_to_fit();
+        pieces_.push_back({count_, {}});
+        last_ = {};
+    }
+    const auto shared = static_cast<std::size_t>(
+        std::mismatch(last_.path.begin(), last_.path.end(), entry.path.begin(), entry.path.end()).first -
+        last_.path.begin());
+    WireWriter out(pieces_.back().coded);
+    out.varint(shared);
+    out.text(std::string_view(entry.path).substr(shared));
+    out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(entry.type) | (entry.isGuarded() ? guardedBit : 0U)));
+    out.varint(deviceNumber(entry.device));
+    out.signedVarint(static_cast<std::int64_t>(entry.inode - last_.inode));
+    if (entry.isGuarded()) {
+        out.varint(deviceNumber(entry.folderDevice));
+        out.signedVarint(static_cast<std::int64_t>(entry.folderInode - last_.folderInode));
+    }
+    last_ = entry;
+    ++count_;
+}
+
+std::uint64_t PathList::deviceNumber(dev_t device) {
+    auto known = std::find(devices_.begin(), devices_.end(), device);
+    if (known == devices_.end()) known = devices_.insert(devices_.end(), device);
+    return static_cast<std::uint64_t>(known - devices_.begin());
+}
+
+void PathList::append(const PathList& other) {
+    Walk walk(other);
+    while (const Entry* entry = walk.next()) append(*entry);
+}
+
+std::string PathList::pathOf(std::uint64_t number) const {
+    const auto behind = std::upper_bound(pieces_.begin(), pieces_.end(), number,
+                                         [](std::uint64_t wanted, const Piece& piece) { return wanted < piece.first; });
+    Walk walk(*this);
+    walk.piece_ = static_cast<std::size_t>(behind - pieces_.begin()) - 1;
+    for (std::uint64_t at = pieces_[walk.piece_].first; at < number; ++at) walk.next();
+    return walk.next()->path;
+}
+
+const PathList::Entry* PathList::Walk::next() {
+    if (piece_ < list_.pieces_.size() && position_ == list_.pieces_[piece_].coded.size()) {
+        ++piece_;
+        position_ = 0;
+    }
+    if (piece_ == list_.pieces_.size()) return nullptr;
+    if (position_ == 0) entry_ = {};
+    const auto& coded = list_.pieces_[piece_].coded;
+    WireReader in(Bytes(coded).subspan(position_));
+    entry_.path.resize(in.varint());
+    entry_.path += in.text();
+    const std::uint8_t type = in.byte();
+    entry_.type = static_cast<EntryType>(type & ~guardedBit);
+    entry_.device = list_.devices_[in.varint()];
+    entry_.inode += static_cast<ino_t>(in.signedVarint());
+    entry_.folderDevice = type & guardedBit ? list_.devices_[in.varint()] : 0;
+    entry_.folderInode = type & guardedBit ? entry_.folderInode + static_cast<ino_t>(in.signedVarint()) : 0;
+    position_ = coded.size() - in.left();
+    return &entry_;
+}
+
+namespace {
+
+// Where a path with ".." leads only the kernel can say, since the component in front may be a link. Empty when nowhere.
+std::string realPath(std::string_view directory, std::string_view path) {
+    if (path.empty() || path.find('\0') != std::string_view::npos) return {};
+    const auto whole = std::filesystem::path(directory) / path;
+    const auto name = whole.filename();
+    std::error_code error;
+    if (name.empty() || name == "." || name == "..") return std::filesystem::canonical(whole, error);
+    const auto folder = std::filesystem::canonical(whole.parent_path(), error);
+    if (error) return {};
+    return folder / name;
+}
+
+std::optional<std::string> listedPath(std::string_view directory, std::string_view path) {
+    auto normal = normalPath(directory, path);
+    return normal ? normal : normalPath("/", realPath(directory, path));
+}
+
+}  // namespace
+
+std::optional<std::string> normalPath(std::string_view directory, std::string_view path) {
+    if (path.empty()) return std::nullopt;
+    std::string whole(path.starts_with('/') ? std::string_view() : directory);
+    whole.append("/").append(path);
+    std::string normal;
+    for (std::size_t begin = 0; begin < whole.size();) {
+        const std::size_t end = std::min(whole.find('/', begin), whole.size());
+        const std::string_view component = std::string_view(whole).substr(begin, end - begin);
+        if (!component.empty() && component != ".") normal.append("/").append(component);
+        begin = end + 1;
+    }
+    if (!isEntryPath(std::string_view(normal).substr(normal.empty() ? 0 : 1))) return std::nullopt;
+    return normal.empty() ? "/" : normal;
+}
+
+std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path) {
+    auto listed = listedPath(directory, path);
+    struct stat status {};
+    if (!listed || ::lstat(listed->c_str(), &status) != 0) return std::nullopt;
+    const auto type = entryTypeOf(status.st_mode);
+    if (!type) return std::nullopt;
+    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino};
+}
+
+std::optional<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path) {
+    auto listed = listedPath(directory, path);
+    if (!listed) return std::nullopt;
+    const std::size_t nameAt = listed->rfind('/') + 1;
+    const auto folder = openDirectoryGuarded(listed->substr(0, nameAt));
+    struct stat own {
+    }, status{};
+    if (!folder || ::fstat(folder.get(), &own) != 0 ||
+        ::fstatat(folder.get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
+        return std::nullopt;
+    const auto type = entryTypeOf(status.st_mode);
+    if (!type) return std::nullopt;
+    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino, own.st_dev, own.st_ino};
+}
+
+std::optional<EntryType> entryTypeOf(mode_t mode) {
+    if (S_ISREG(mode)) return EntryType::file;
+    if (S_ISDIR(mode)) return EntryType::directory;
+    if (S_ISLNK(mode)) return EntryType::link;
+    return std::nullopt;
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,105 @@
+#include "qvx/write/read_ahead.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <system_error>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::size_t linkRoom = maxPathLength + 1;  // kept free for every entry of a batch
+
+void readBatch(std::span<DiskEntry> entries, MutableBytes room, DiskEntryReader& reader) {
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const std::size_t kept = (entries.size() - 1 - i) * linkRoom;
+        reader.begin(entries[i], room.first(std::min(ReadAhead::smallSize, room.size() - kept)));
+        room = room.subspan(entries[i].content.size() + entries[i].awaited.size());
+    }
+    for (auto& entry : entries) reader.finish(entry);
+}
+
+}  // namespace
+
+ReadAhead::ReadAhead(const PathList& list, unsigned threads)
+    : batches_(std::max<std::size_t>(threads, minDepth)), walk_(list) {
+    for (auto& batch : batches_) batch.contents.resize(batchBytes);
+    try {
+        while (workers_.size() < threads) workers_.emplace_back([this] { work(); });
+    } catch (...) {
+        stop(true);  // or those that did start would never end
+        throw;
+    }
+}
+
+ReadAhead::~ReadAhead() { stop(false); }
+
+void ReadAhead::stop(bool failed) {
+    const std::lock_guard lock(mutex_);
+    closing_ = true;
+    failed_ = failed_ || failed;
+    free_.notify_all();
+    ready_.notify_all();
+}
+
+DiskEntry* ReadAhead::next() {
+    Batch* batch = &batches_[finished_ % batches_.size()];
+    if (holding_ && ++given_ < batch->count) return &batch->entries[given_];
+    std::unique_lock lock(mutex_);
+    if (holding_) {
+        batch->ready = false;
+        ++finished_;
+        free_.notify_one();
+        batch = &batches_[finished_ % batches_.size()];
+    }
+    ready_.wait(lock, [&] { return batch->ready || failed_ || (listEnded_ && finished_ == begun_); });
+    if (failed_) throw std::bad_alloc();
+    holding_ = batch->ready;
+    given_ = 0;
+    return holding_ ? &batch->entries[0] : nullptr;
+}
+
+void ReadAhead::work() {
+    try {
+        readBatches();
+    } catch (const std::bad_alloc&) {
+        stop(true);
+    }
+}
+
+void ReadAhead::readBatches() {
+    DiskEntryReader reader;
+    std::unique_lock lock(mutex_);
+    while (Batch* batch = begin(lock)) {
+        lock.unlock();
+        readBatch(std::span(batch->entries).first(batch->count), batch->contents, reader);
+        lock.lock();
+        batch->ready = true;
+        ready_.notify_one();
+    }
+}
+
+// Waits for a free batch and fills it with what the list has next; null when there is nothing more to do.
+ReadAhead::Batch* ReadAhead::begin(std::unique_lock<std::mutex>& lock) {
+    free_.wait(lock, [&] { return closing_ || listEnded_ || begun_ - finished_ < batches_.size(); });
+    if (closing_ || listEnded_) return nullptr;
+    Batch& batch = batches_[begun_ % batches_.size()];
+    batch.count = 0;
+    while (batch.count < batchEntries) {
+        const PathList::Entry* listed = walk_.next();
+        listEnded_ = !listed;
+        if (listEnded_) break;
+        DiskEntry& entry = batch.entries[batch.count++];
+        entry = {};
+        entry.listed = *listed;
+    }
+    if (batch.count > 0) ++begun_;
+    if (listEnded_) {
+        free_.notify_all();
+        ready_.notify_all();
+    }
+    return batch.count > 0 ? &batch : nullptr;
+}
+
+}  // namespace tarnwick::qvx

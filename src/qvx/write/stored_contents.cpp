@@ -1,0 +1,64 @@
+#include "qvx/write/stored_contents.h"
+
+#include <limits>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::uint64_t bitsPerEntry = 16;
+constexpr std::size_t firstSlots = 64;
+
+std::uint64_t hashOf(dev_t device, ino_t inode) {
+    std::uint64_t hash = (inode ^ (static_cast<std::uint64_t>(device) << 40)) * 0x9e3779b97f4a7c15;
+    hash ^= hash >> 32;
+    return hash * 0x9e3779b97f4a7c15;
+}
+
+bool isWide(dev_t device) { return device > std::numeric_limits<std::uint32_t>::max(); }
+
+}  // namespace
+
+StoredContents::StoredContents(const PathList& list) : again_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
+    std::vector<bool> once(again_.size());
+    PathList::Walk walk(list);
+    while (const PathList::Entry* entry = walk.next()) {
+        const auto bit = static_cast<std::size_t>(hashOf(entry->device, entry->inode) % once.size());
+        if (once[bit]) again_[bit] = true;
+        once[bit] = true;
+    }
+}
+
+// The slot that holds the file, or else the free one where it belongs.
+std::size_t StoredContents::place(std::uint32_t device, std::uint64_t inode) const {
+    std::size_t at = static_cast<std::size_t>(hashOf(device, inode) >> 20) % slots_.size();
+    while (slots_[at].number != none && (slots_[at].inode != inode || slots_[at].device != device))
+        at = (at + 1) % slots_.size();
+    return at;
+}
+
+std::optional<std::uint64_t> StoredContents::find(dev_t device, ino_t inode) const {
+    if (isWide(device)) return std::nullopt;
+    const Slot& slot = slots_[place(static_cast<std::uint32_t>(device), inode)];
+    if (slot.number == none) return std::nullopt;
+    return slot.number;
+}
+
+void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
+    if (isWide(device) || number >= none || !again_[static_cast<std::size_t>(hashOf(device, inode) % again_.size())])
+        return;
+    if ((taken_ + 1) * 4 > slots_.size() * 3) grow();
+    const auto narrow = static_cast<std::uint32_t>(device);
+    Slot& slot = slots_[place(narrow, inode)];
+    if (slot.number == none) ++taken_;
+    slot = {inode, narrow, static_cast<std::uint32_t>(number)};
+}
+
+void StoredContents::grow() {
+    std::vector<Slot> old(slots_.size() * 2);
+    old.swap(slots_);
+    for (const Slot& slot : old)
+        if (slot.number != none) slots_[place(slot.device, slot.inode)] = slot;
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,43 @@
+// Which files stand in the archive already, so that a file listed twice, and a hard link, is stored once.
+//
+// Memory: 2 bytes for each entry of the list (4 while it is looked through), and 16 to 32 bytes for each file that may
+// come up again: one whose inode is listed twice, and a few that look so.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "qvx/write/path_list.h"
+
+namespace tarnwick::qvx {
+
+class StoredContents {
+public:
+    explicit StoredContents(const PathList& list);
+
+    // Number of the entry that holds the content of this file.
+    [[nodiscard]] std::optional<std::uint64_t> find(dev_t device, ino_t inode) const;
+
+    // May decline when the file does not come up again, as far as the list knew.
+    void add(dev_t device, ino_t inode, std::uint64_t number);
+
+private:
+    struct Slot {
+        std::uint64_t inode = 0;
+        std::uint32_t device = 0;
+        std::uint32_t number = none;
+    };
+    static constexpr std::uint32_t none = 0xffffffff;
+
+    [[nodiscard]] std::size_t place(std::uint32_t device, std::uint64_t inode) const;
+    void grow();
+
+    std::vector<bool> again_;  // by hash of the inode: listed more than once
+    std::vector<Slot> slots_;  // open addressing; at most three in four are taken
+    std::size_t taken_ = 0;
+};
+
+}  // namespace tarnwick::qvx
