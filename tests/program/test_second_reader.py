@@ -9,16 +9,9 @@ import subprocess
 
 from world import BIN, DATA, HERE, Scenario, call, content, read, write
 
-READER = os.path.realpath(BIN + "/..") + "/second-reader"  # in the build folder
+READER = HERE + "/../second-reader/second_reader.mjs"
 TREE, ARCHIVE, KEY = "/media/tree", "/media/archive.qvx", "/media/key.pem"
 MIB, SAMPLES = 1 << 20, DATA + "/archives/"
-
-
-def install():
-    """The reader and the library that its lock file names, npm's cache included: nothing stays outside."""
-    shutil.copytree(HERE + "/../second-reader", READER, dirs_exist_ok=True)
-    call("npm", "ci", "--ignore-scripts", "--no-audit", "--no-fund", "--prefer-offline", "--cache",
-         READER + "/cache", cwd=READER)
 
 
 def make_tree():
@@ -43,8 +36,6 @@ def entries(lines):
 
 
 class SecondReader(Scenario):
-    setUpClass = staticmethod(install)
-
     def setUp(self):
         super().setUp()
         self.qvx("keygen", "-o", "/media/key")
@@ -52,7 +43,8 @@ class SecondReader(Scenario):
         self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, TREE, TREE + "/noise")
 
     def read(self, archive, key):
-        return subprocess.run(["node", READER + "/second_reader.mjs", key, archive], capture_output=True, check=False)
+        shutil.copy(READER, "/media/second_reader.mjs")  # node resolves the name that holds in a world, and loses it
+        return subprocess.run(["node", "/media/second_reader.mjs", key, archive], capture_output=True, check=False)
 
     def agree(self, archive, key):
         result = self.read(archive, key)
@@ -82,4 +74,5 @@ class SecondReader(Scenario):
         self.assertEqual(set(sorts), {0, 1, 2, 6}, "every sort of block")
         flipped = (whole[:at] + bytes([whole[at] ^ 1]) + whole[at + 1:] for at in (*sorts.values(), 28, 70))
         for damaged in (*flipped, whole[:-1], whole[:-68], whole + b"\0"):
-            self.assertEqual(self.read(write(ARCHIVE, damaged), KEY).returncode, 1)
+            result = self.read(write(ARCHIVE, damaged), KEY)
+            self.assertEqual((result.returncode, result.stderr[:15]), (1, b"second-reader: "))

@@ -2,9 +2,8 @@
 // together. `node second_reader.mjs KEY.pem ARCHIVE` goes through the archive once from front to back, prints one line
 // of JSON an entry (bytes that need not be text in base64), and holds index, root and trailer to what it saw. Status 1:
 // the archive breaks a rule; the lines printed so far are of whole entries, but nothing vouches for what is missing.
-import { Aes256Gcm, CipherSuite, DhkemP256HkdfSha256, HkdfSha256 } from "@hpke/core";
 import { spawnSync } from "node:child_process";
-import { createHash, createPrivateKey } from "node:crypto";
+import { createDecipheriv, createECDH, createHash, createHmac, createPrivateKey } from "node:crypto";
 import { mkdtempSync, openSync, readFileSync, readSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 
@@ -69,14 +68,48 @@ function sshKeyBlob(jwk) {
   return Buffer.concat(fields.flatMap((bytes) => [Buffer.of(0, 0, 0, bytes.length), bytes]));
 }
 
-async function openHeader(header, pem) {
+// The labelled extraction and expansion of HPKE (RFC 9180, section 4) under one suite identifier. No output is longer
+// than one digest.
+function labelled(suiteId) {
+  const hmac = (key, ...parts) => createHmac("sha256", key).update(Buffer.concat(parts)).digest();
+  const label = (text) => Buffer.concat([Buffer.from("HPKE-v1"), Buffer.from(suiteId, "hex"), Buffer.from(text)]);
+  return {
+    extract: (salt, text, secret) => hmac(salt, label(text), secret),
+    expand: (key, text, info, size) => hmac(key, Buffer.of(0, size), label(text), info, Buffer.of(1)).subarray(0, size),
+  };
+}
+
+// Base mode with DHKEM(P-256, HKDF-SHA256), HKDF-SHA256 and AES-256-GCM.
+function receive(jwk, encapsulated, info) {
+  const kem = labelled("4b454d0010"), suite = labelled("48504b45001000010002"), none = Buffer.alloc(0);
+  const own = createECDH("prime256v1");
+  own.setPrivateKey(Buffer.from(jwk.d, "base64url"));
+  const points = Buffer.concat([encapsulated, own.getPublicKey()]);
+  const extracted = kem.extract(none, "eae_prk", own.computeSecret(encapsulated));
+  const secret = suite.extract(kem.expand(extracted, "shared_secret", points, 32), "secret", none);
+  const hashes = [suite.extract(none, "psk_id_hash", none), suite.extract(none, "info_hash", info)];
+  const context = Buffer.concat([Buffer.of(0), ...hashes]);
+  return { key: suite.expand(secret, "key", context, 32), nonce: suite.expand(secret, "base_nonce", context, 12) };
+}
+
+// The plain bytes of message `number`; null where the seal is broken.
+function unseal({ key, nonce }, number, sealed, aad) {
+  const iv = Buffer.from(nonce);
+  iv.writeBigUInt64BE(iv.readBigUInt64BE(4) ^ BigInt(number), 4);
+  const cipher = createDecipheriv("aes-256-gcm", key, iv).setAAD(aad).setAuthTag(sealed.subarray(-TAG));
+  try {
+    return Buffer.concat([cipher.update(sealed.subarray(0, -TAG)), cipher.final()]);
+  } catch {
+    return null;
+  }
+}
+
+function openHeader(header, pem) {
   const groupLength = header.readUInt32LE(28);
   demand(header.toString("hex", 0, 28) === PLAIN_HEADER && groupLength > 0, "the header is not one of version 1");
   const jwk = createPrivateKey(pem).export({ format: "jwk" });
   demand(header.subarray(32, 64).equals(sha256(sshKeyBlob(jwk)).digest()), "the archive is sealed to another key");
-  const suite = new CipherSuite({ kem: new DhkemP256HkdfSha256(), kdf: new HkdfSha256(), aead: new Aes256Gcm() });
-  const recipientKey = await suite.kem.importKey("jwk", jwk, false), info = header.subarray(0, 64);
-  return { groupLength, context: await suite.createRecipientContext({ recipientKey, enc: header.subarray(64), info }) };
+  return { groupLength, keys: receive(jwk, header.subarray(64), header.subarray(0, 64)) };
 }
 
 function decompress(frame, dictionary) {
@@ -86,7 +119,7 @@ function decompress(frame, dictionary) {
   return result.stdout;
 }
 
-async function* readBlocks(file, { groupLength, context }, leader) {
+function* readBlocks(file, { groupLength, keys }, leader) {
   for (let number = 0, flags = 0, position = 129, length; flags !== LAST; number++, position += 16 + length) {
     const header = readFully(file, 16);
     [length, flags] = [header.readUIntLE(4, 3), header[7]];
@@ -94,7 +127,7 @@ async function* readBlocks(file, { groupLength, context }, leader) {
     demand(header.readBigUInt64LE(8) === BigInt(number), "wrong sequence number of a block");
     const leads = number % groupLength === 0, known = [0, LAST, COMPRESSED, COMPRESSED | DICTIONARY];
     demand(known.includes(flags) && !(leads && flags & DICTIONARY), "impossible flags of a block");
-    const stored = await context.open(readFully(file, length), header).then(Buffer.from, () => null);
+    const stored = unseal(keys, number, readFully(file, length), header);
     demand(stored, `block ${number} does not open`);
     const plain = flags & COMPRESSED ? decompress(stored, flags & DICTIONARY ? ["-D", leader] : []) : stored;
     demand(flags === LAST ? plain.length < BLOCK : plain.length === BLOCK, "wrong size of a block");
@@ -266,8 +299,8 @@ function print({ place, size, ...entry }) {
 const folder = mkdtempSync(`${tmpdir()}/second-reader-`);
 try {
   const [key, path] = process.argv.slice(2), file = openSync(path), archive = new Archive();
-  const sealing = await openHeader(readFully(file, 129), readFileSync(key));
-  for await (const block of readBlocks(file, sealing, `${folder}/leader`)) archive.block(block);
+  const sealing = openHeader(readFully(file, 129), readFileSync(key));
+  for (const block of readBlocks(file, sealing, `${folder}/leader`)) archive.block(block);
   demand(archive.whole && !archive.state.open, "the archive has no trailer");
 } catch (error) {
   console.error(`second-reader: ${error.message}`);
