@@ -1,4 +1,4 @@
-// What a compressor learned can be copied by functions behind this switch only, which the shared library has, too.
+// `ZSTD_copyCCtx` and `ZSTD_initStaticCCtx` need this macro; the shared library exports them.
 #define ZSTD_STATIC_LINKING_ONLY
 #define ZSTD_DISABLE_DEPRECATE_WARNINGS
 #include "qvx/format/block_codec.h"
@@ -14,8 +14,8 @@ namespace {
 
 constexpr int compressionLevel = 3;
 
-// Whether compressing would be lost time: a few samples are looked at, and every one of them has its bytes spread about
-// as evenly as noise. A single sample that has not sends the block to the compressor.
+// Whether compressing the block would waste time: in each of a few samples the byte values are spread almost as evenly
+// as in noise. One sample with another spread sends the block to the compressor.
 bool looksLikeNoise(Bytes plain) {
     constexpr std::size_t sampleSize = 4096;
     constexpr std::size_t samples = 16;
@@ -26,16 +26,16 @@ bool looksLikeNoise(Bytes plain) {
         for (const auto byte : plain.subspan(plain.size() / samples * i, sampleSize)) ++counts[byte];
         std::uint64_t squares = 0;
         for (const std::uint64_t count : counts) squares += count * count;
-        // Noise exceeds the even spread by 255 x 16; text does so a hundredfold.
+        // For noise the sum is about 255 * 16 above that of an even spread; for text, a hundred times as much.
         if (squares > evenSquares + 3 * 255 * 16) return false;
     }
     return true;
 }
 
-// For a block behind its dictionary; each of them a whole block.
+// For a block with its dictionary right before it in memory. Both are whole blocks.
 ZSTD_parameters parametersBehind() {
     ZSTD_parameters parameters = ZSTD_getParams(compressionLevel, blockSize, blockSize);
-    // Than the level has them (5 and 16): faster, and hardly larger where there is a dictionary.
+    // The level has 5 and 16. These are faster, and with a dictionary the result is hardly larger.
     parameters.cParams.minMatch = 6;
     parameters.cParams.chainLog = 15;
     return parameters;
@@ -67,7 +67,7 @@ std::optional<PlainHeader> decodePlainHeader(Bytes file, HeaderFault& fault) {
     header.groupLength = static_cast<std::uint32_t>(getLittleEndian<4>(file.data() + 28));
     std::copy_n(file.begin() + 32, header.recipient.size(), header.recipient.begin());
     std::copy_n(file.begin() + boundHeaderSize, header.encapsulated.size(), header.encapsulated.begin());
-    // What a header may say is what we would have written ourselves.
+    // Every other field has one valid value, so a valid header is exactly the one that we would write.
     const auto expected = encodePlainHeader(header);
     fault = HeaderFault::unsupported;
     if (header.groupLength == 0 || !std::equal(expected.begin(), expected.end(), file.begin())) return std::nullopt;
@@ -116,6 +116,7 @@ std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain,
                                  std::uint8_t* out) {
     std::uint8_t* stored = out + blockHeaderSize;
     BlockHeader header{0, last ? blockLast : std::uint8_t{0}, sequence};
+    // The last block is never compressed: its length is fixed, so that a reader finds it from the end of the file.
     std::size_t length = last || looksLikeNoise(plain) ? 0 : compress(plain, dictionary, stored);
     if (length > 0) {
         header.flags = dictionary ? blockCompressed | blockWithDictionary : blockCompressed;
@@ -130,7 +131,7 @@ std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain,
     return cipher_.seal(sequence, bytes, {stored, length}, tag) ? blockHeaderSize + length + tagSize : 0;
 }
 
-// Gives 0 when the block does not shrink: a frame that would not be smaller does not fit.
+// Returns 0 when the block does not shrink: `out` is one byte shorter than the block, and zstd fails when it is full.
 std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out) {
     const std::size_t length = dictionary ? compressBehind(*dictionary, plain, out)
                                           : ZSTD_compressCCtx(compressor_.context(), out, plain.size() - 1,
@@ -138,8 +139,8 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
     return ZSTD_isError(length) ? 0 : length;
 }
 
-// The block is compressed right behind its dictionary, because the compressor is then a seventh faster than with a
-// dictionary elsewhere: that makes up for a dictionary in every encoder, and for the copies.
+// Copies the block to the place right after its dictionary, because zstd is a seventh faster on one contiguous region
+// than with a dictionary elsewhere. That gain outweighs the copies and a dictionary in every encoder.
 std::size_t BlockEncoder::compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
     if (!learn(dictionary)) return 0;
     const std::size_t copied = ZSTD_copyCCtx(compressor_.context(), prepared_.context(), plain.size());
@@ -149,9 +150,9 @@ std::size_t BlockEncoder::compressBehind(const GroupDictionary& dictionary, Byte
     return ZSTD_compressEnd(compressor_.context(), out, plain.size() - 1, behind, plain.size());
 }
 
-// A ZSTD_CDict would do the same, but takes three times as long to make: it notes every place of the dictionary where
-// this notes every third. What begins like a dictionary in the form of zstd's own would be taken for one; but a leader
-// begins with the header of a record, and none looks like that.
+// A ZSTD_CDict would give the same result but takes three times as long to make: it indexes every position of the
+// dictionary, this function every third. zstd would parse bytes that begin with the magic number of its own dictionary
+// format; a leader begins with a record header, which never equals that number.
 bool BlockEncoder::learn(const GroupDictionary& dictionary) {
     if (learned_ == dictionary.leader) return true;
     learned_.reset();
@@ -184,11 +185,12 @@ BlockFault BlockDecoder::decode(const BlockHeader& header, MutableBytes sealed, 
         return BlockFault::memory;
     }
     const bool last = header.flags & blockLast;
+    // Only the last block may be shorter than the others.
     return last == (plain.size() < blockSize) ? BlockFault::none : BlockFault::content;
 }
 
 bool BlockDecoder::decompress(const BlockHeader& header, Bytes frame, Bytes leader, std::vector<std::uint8_t>& plain) {
-    // The frame must be the only one and name its size, so that nothing is decompressed past a block.
+    // The frame must be the only one and must state its size, so that zstd never writes more than one block.
     if (ZSTD_getFrameContentSize(frame.data(), frame.size()) != blockSize ||
         ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size())
         return false;

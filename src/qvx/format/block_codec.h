@@ -1,4 +1,5 @@
-// One block of an archive: compressed and sealed, or opened and decompressed; and the headers that stand in the plain.
+// Encodes one block of an archive (compress, seal) and decodes it (unseal, decompress). Also the two headers that are
+// not encrypted: the plain header of the file, and the header of a block.
 #pragma once
 
 #include <zstd.h>
@@ -22,12 +23,12 @@ struct PlainHeader {
 enum class HeaderFault {
     notAnArchive,  // another magic, or too short for it
     cut,           // shorter than a header
-    unsupported,   // a version, profile, compression, block size, group length or flag that is not ours
+    unsupported,   // a version, profile, compression, block size, group length or flag that is not supported
 };
 
 std::array<std::uint8_t, plainHeaderSize> encodePlainHeader(const PlainHeader& header);
 
-// Reads the header in front of `file`; without one, says why in `fault`.
+// Decodes the header at the beginning of `file`. None when there is no valid one; `fault` says why.
 std::optional<PlainHeader> decodePlainHeader(Bytes file, HeaderFault& fault);
 
 struct BlockHeader {
@@ -38,27 +39,28 @@ struct BlockHeader {
 
 std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& header);
 
-// None when these are not 16 bytes of a block header: magic, length, or flags that do not go together.
+// None when the bytes are not a block header: too few, a wrong magic, an impossible length, or flags that contradict
+// each other.
 std::optional<BlockHeader> decodeBlockHeader(Bytes bytes);
 
-// What a block of a group may refer to: the plain bytes of the block that leads the group.
+// The dictionary of a group: the plain bytes of its leader.
 struct GroupDictionary {
-    std::uint64_t leader = 0;  // its sequence number, by which an encoder knows the dictionary again
+    std::uint64_t leader = 0;  // sequence number; an encoder compares it to see whether it has loaded this dictionary
     std::vector<std::uint8_t> bytes;
 };
 
 // Compresses and seals. One thread at a time.
 class BlockEncoder {
 public:
-    // The largest block with its header.
+    // Bytes of the largest block, header included.
     static constexpr std::size_t capacity = blockHeaderSize + blockSize + tagSize;
 
     // Throws std::bad_alloc.
     explicit BlockEncoder(const HpkeKeys& keys);
 
-    // Writes header and sealed bytes of one block to `out` (`capacity` bytes) and gives their length; 0 on a failure of
-    // the libraries. `dictionary` is null for a leader and for a block that is to stand alone; the last block is stored
-    // raw.
+    // Writes the header and the sealed bytes of one block to `out` (`capacity` bytes) and returns their length; 0 on a
+    // failure of the libraries. `dictionary` is null for a leader and for a block that must not need its leader. The
+    // last block is not compressed.
     std::size_t encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
                        std::uint8_t* out);
 
@@ -67,7 +69,8 @@ private:
     std::size_t compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out);
     bool learn(const GroupDictionary& dictionary);
 
-    // In space of ours: zstd crashes when it copies one and cannot have its own.
+    // The context is in memory that we allocate: ZSTD_copyCCtx crashes when it copies a context and zstd cannot
+    // allocate memory for it.
     class Compressor {
     public:
         explicit Compressor(std::size_t size);
@@ -79,16 +82,16 @@ private:
     };
 
     HpkeCipher cipher_;
-    std::vector<std::uint8_t> region_;  // the dictionary and, right behind it, the block
+    std::vector<std::uint8_t> region_;  // the dictionary, and the block right after it
     std::optional<std::uint64_t> learned_;
-    Compressor prepared_;  // has learned the dictionary, and is copied for each block
+    Compressor prepared_;  // has loaded the dictionary `learned_`, and is copied for each block
     Compressor compressor_;
 };
 
 enum class BlockFault {
     none,
-    seal,     // changed, cut, of another archive, or in another place than its sequence number says
-    content,  // well sealed, but no frame, or not of the size it must have: a faulty writer
+    seal,     // changed, cut, of another archive, or with another sequence number
+    content,  // the seal is right, but the content is not one frame or has a wrong size: a faulty writer
     memory,
 };
 
@@ -97,8 +100,8 @@ class BlockDecoder {
 public:
     explicit BlockDecoder(const HpkeKeys& keys);
 
-    // Opens `sealed` (header.sealedLength bytes) in place and gives the plain block in `plain`. `leader` is the plain
-    // block that leads the group, needed only when the flags say so.
+    // Unseals `sealed` (header.sealedLength bytes) in place and puts the plain block into `plain`. `leader` is the
+    // plain block of the leader, needed only when the flags say so.
     BlockFault decode(const BlockHeader& header, MutableBytes sealed, Bytes leader, std::vector<std::uint8_t>& plain);
 
 private:

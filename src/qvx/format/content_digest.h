@@ -1,4 +1,4 @@
-// The digest of a content.
+// SHA-256 of the content of an entry.
 #pragma once
 
 #include <memory>

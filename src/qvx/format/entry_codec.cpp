@@ -33,7 +33,8 @@ EntryType checkedType(WireReader& in, unsigned type) {
     return static_cast<EntryType>(type);
 }
 
-// A count of things that take at least `least` bytes each: what cannot be there need not be asked for.
+// A count of items that take at least `least` bytes each. A count that the rest of the input cannot hold is refused
+// before any memory is allocated for it.
 std::size_t takeCount(WireReader& in, std::size_t least) {
     const std::uint64_t count = in.varint();
     if (count > in.left() / least) in.fail();
@@ -41,7 +42,7 @@ std::size_t takeCount(WireReader& in, std::size_t least) {
 }
 
 std::vector<ExtendedAttribute> takeAttributes(WireReader& in) {
-    constexpr std::size_t most = 65536;  // a kernel list of names holds fewer
+    constexpr std::size_t most = 65536;  // a list of names from the kernel holds fewer
     const std::size_t count = takeCount(in, 3);
     if (count > most) in.fail();
     std::vector<ExtendedAttribute> attributes(in.ok() ? count : 0);
@@ -53,7 +54,8 @@ std::vector<ExtendedAttribute> takeAttributes(WireReader& in) {
     return attributes;
 }
 
-// Such as "user:1000:r-x". Names would mean somebody else on another machine, and have it look them up.
+// For example "user:1000:r-x". A name instead of the number could mean another user on the machine that restores, and
+// would need a lookup.
 bool isAccessListLine(std::string_view line) {
     const std::size_t id = line.find(':') + 1;
     const std::size_t rights = line.find(':', id) + 1;
@@ -122,7 +124,7 @@ bool isZero(Bytes bytes) {
     return bytes.empty() || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-// Turns `entry` from the entry before into the next one.
+// Turns `entry` from the previous entry into the next one.
 void takeIndexEntry(WireReader& in, IndexEntry& entry) {
     const std::uint64_t step = in.varint();
     if (step > std::numeric_limits<std::uint64_t>::max() - entry.block) in.fail();
@@ -157,6 +159,8 @@ std::optional<Record> RecordCursor::next() {
         const std::uint8_t type = header[0] & ~recordContinues & 0xff;
         const auto length = static_cast<std::size_t>(getLittleEndian<3>(header + 1));
         Record record{static_cast<RecordType>(type), (header[0] & recordContinues) != 0, {}};
+        // Only these types may continue in the next block, and only when they fill this one; padding must end the
+        // block.
         const bool splits =
             record.type == RecordType::end || record.type == RecordType::index || record.type == RecordType::root;
         const std::size_t left = block_.size() - offset_ - recordHeaderSize;

@@ -1,5 +1,5 @@
-// The payloads of the records in the archive stream, both ways. What is decoded is hostile: a decoder gives nothing for
-// anything that our encoder would not have made, and never asks for more memory than a small multiple of its input.
+// Encodes and decodes the payloads of records. The input of a decoder is hostile: it returns nothing for bytes that our
+// encoder would not write, and never allocates more than a small multiple of its input.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ namespace tarnwick::qvx {
 
 struct RecordHeader {
     RecordType type = RecordType::pad;
-    bool continues = false;  // the payload goes on in the next block
+    bool continues = false;  // the payload continues in the next block
     std::uint32_t length = 0;
 };
 
@@ -23,19 +23,19 @@ struct Record {
     RecordType type = RecordType::pad;
     bool continues = false;
     Bytes payload;
-    std::optional<Digest> contentDigest = std::nullopt;  // of an ENTRY, where it is known beforehand
+    std::optional<Digest> contentDigest = std::nullopt;  // of an ENTRY, when it is known in advance
 };
 
-// Walks over the records of one plain block.
+// Reads the records of one plain block in order.
 class RecordCursor {
 public:
     explicit RecordCursor(Bytes block, std::size_t offset = 0);
 
-    // The next record that is no padding; none at the end of the block, and at something that is no record. The payload
-    // points into the block.
+    // The next record that is not padding. None at the end of the block, and where the bytes are not a record:
+    // damaged() is then true. The payload points into the block.
     std::optional<Record> next();
     [[nodiscard]] bool damaged() const { return damaged_; }
-    [[nodiscard]] std::size_t offset() const { return offset_; }  // behind the last record given
+    [[nodiscard]] std::size_t offset() const { return offset_; }  // end of the last record returned
 
 private:
     Bytes block_;
@@ -72,7 +72,7 @@ struct AccessLists {
     std::string defaultList;
 };
 
-// A part of a content.
+// A range of bytes of the content.
 struct Extent {
     std::uint64_t offset = 0;
     std::uint64_t length = 0;
@@ -87,14 +87,14 @@ struct EntryTail {
     std::optional<std::uint64_t> linkOf;     // number of the earlier entry that is the same inode
     std::optional<std::vector<ExtendedAttribute>> attributes;
     std::optional<AccessLists> accessLists;
-    // Set when a part of the file could not be read. The extents are parts of the content that are stored as zeros
-    // instead, ascending and never adjacent. There are none when the missing part is metadata, the target of a link, or
-    // the end of a content of unknown size.
+    // Set when a part of the file could not be read. The extents are the parts of the content that are stored as zeros
+    // instead, in ascending order and never adjacent. There are none when the missing part is metadata, the target of a
+    // link, or the end of a content of unknown size.
     std::optional<std::vector<Extent>> unreadable;
     bool attributesOmitted = false;
 };
 
-// Each appends the payload to `out`.
+// Append the payload to `bytes`.
 void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes);
 void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes);
 
@@ -102,7 +102,7 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload);
 std::optional<EntryTail> decodeEntryTail(Bytes payload);
 std::optional<std::uint64_t> decodeHole(Bytes payload);  // never 0
 
-// Whether `path` may stand in an archive.
+// Whether an entry may have this path.
 bool isEntryPath(std::string_view path);
 
 struct IndexEntry {
@@ -118,14 +118,14 @@ struct IndexEntry {
     bool incomplete = false;  // the entry's tail has `unreadable`
 };
 
-// Builds one index part after the other.
+// Builds index parts, one after the other.
 class IndexPartEncoder {
 public:
     void add(const IndexEntry& entry);
-    [[nodiscard]] std::size_t size() const { return body_.size(); }  // of the part so far, about
+    [[nodiscard]] std::size_t size() const { return body_.size(); }  // bytes of the part so far, roughly
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
-    // Appends the payload of the part to `out` and begins the next one.
+    // Appends the payload of the part to `bytes` and begins the next part.
     void finish(std::vector<std::uint8_t>& bytes);
 
 private:
@@ -135,7 +135,8 @@ private:
     IndexEntry before_;
 };
 
-// Walks over the entries of one index part. Paths share their beginnings there, so only one is held at a time.
+// Reads the entries of one index part in order. A path is stored as its difference from the path before, so only one
+// entry is in memory at a time.
 class IndexPartDecoder {
 public:
     explicit IndexPartDecoder(Bytes payload);
@@ -143,7 +144,7 @@ public:
     [[nodiscard]] std::uint64_t first() const { return first_; }  // entry number of the first
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
-    // The next entry, until the next call; null at the end and at damage.
+    // The next entry, valid until the next call. Null at the end, and at damage.
     const IndexEntry* next();
     [[nodiscard]] bool damaged() const { return !in_.ok(); }
 
@@ -157,7 +158,7 @@ private:
 
 struct IndexPartPlace {
     std::uint64_t first = 0;   // entry number of the first entry covered
-    std::uint64_t block = 0;   // of its INDEX record
+    std::uint64_t block = 0;   // block of its INDEX record
     std::uint64_t offset = 0;  // in that block
 };
 
@@ -174,7 +175,7 @@ struct Trailer {
     std::uint64_t rootPosition = 0;  // in the file, of the block header
     std::uint64_t rootSequence = 0;
     std::uint64_t entries = 0;
-    std::uint64_t blocks = 0;  // the last one included
+    std::uint64_t blocks = 0;  // count, the last block included
 };
 
 std::array<std::uint8_t, trailerSize> encodeTrailer(const Trailer& trailer);

@@ -1,4 +1,4 @@
-// The numbers of the archive format, which docs/qvx-format.md describes.
+// The constants of the archive format; docs/qvx-format.md describes it.
 #pragma once
 
 #include <array>
@@ -41,14 +41,14 @@ inline constexpr std::size_t lastBlockSize = blockHeaderSize + recordHeaderSize 
 
 enum class EntryType : std::uint8_t { file = 1, directory = 2, link = 3 };
 
-inline constexpr std::uint8_t indexIncomplete = 0x80;  // with the type of an entry in the index
+inline constexpr std::uint8_t indexIncomplete = 0x80;  // bit in the byte of the type of an index entry
 
 inline constexpr std::size_t maxPathLength = 4095;
-inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry; likewise below
+inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry; likewise the next three
 inline constexpr std::size_t maxAttributeBytes = 1048576;                  // names and values together
 inline constexpr std::uint64_t maxDigestedHoles = std::uint64_t{1} << 40;  // bytes
 inline constexpr std::size_t maxUnreadableExtents = 4096;
-inline constexpr std::size_t maxEndLength = 2097152;  // of the joined payload; likewise below
+inline constexpr std::size_t maxEndLength = 2097152;  // bytes of the joined payload; likewise below
 inline constexpr std::size_t maxIndexLength = 1048576;
 
 }  // namespace tarnwick::qvx

@@ -1,4 +1,4 @@
-// Numbers and texts as they stand in the archive: little-endian, varint (unsigned LEB128) and zigzag.
+// Numbers and texts in the form that the archive stores: little-endian, varint (unsigned LEB128) and zigzag.
 #pragma once
 
 #include <algorithm>
@@ -32,8 +32,8 @@ inline std::int64_t unzigzag(std::uint64_t number) {
     return static_cast<std::int64_t>((number >> 1) ^ (~(number & 1) + 1));
 }
 
-// Sums and differences of times wrap around: what comes from a hostile archive must not overflow, and what was
-// subtracted here adds up again there.
+// Sums and differences of times wrap around: values from a hostile archive must not overflow, and adding what was
+// subtracted gives the original value again.
 inline std::int64_t wrappingAdd(std::int64_t a, std::int64_t b) {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
@@ -41,7 +41,7 @@ inline std::int64_t wrappingSubtract(std::int64_t a, std::int64_t b) {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
 }
 
-// Appends to a buffer that is used again and again.
+// Appends to a buffer that the caller reuses.
 class WireWriter {
 public:
     explicit WireWriter(std::vector<std::uint8_t>& out) : out_(out) {}
@@ -67,8 +67,8 @@ private:
     std::vector<std::uint8_t>& out_;
 };
 
-// Takes numbers and texts from the front of hostile bytes. After the first thing that is not there or not well-formed
-// every answer is zero or empty, and ok() is false for good.
+// Reads numbers and texts from the front of hostile bytes. After the first value that is missing or malformed, every
+// result is zero or empty and ok() stays false.
 class WireReader {
 public:
     explicit WireReader(Bytes bytes) : rest_(bytes) {}
@@ -98,7 +98,7 @@ public:
         const Bytes taken = bytes(8);
         return taken.empty() ? 0 : getLittleEndian<8>(taken.data());
     }
-    // Refuses what needs more than 64 bits, and a longer form than needed: every number has one form.
+    // Refuses a number of more than 64 bits and a form longer than needed: each number has exactly one form.
     std::uint64_t varint() {
         std::uint64_t number = 0;
         for (unsigned shift = 0; shift < 70; shift += 7) {
