@@ -11,13 +11,13 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t indexPartSize = 256 * 1024;  // of a part's payload; bounds the memory that the index takes
-constexpr std::uint64_t unsizedContent = 1048576;  // read at most from a file that says it is empty
-constexpr std::size_t leastData = 512;             // a shorter rest of a block is padded rather than filled
+constexpr std::size_t indexPartSize = 256 * 1024;  // bytes of payload; bounds the memory for an index part
+constexpr std::uint64_t unsizedContent = 1048576;  // bytes; read at most from a file whose size is reported as 0
+constexpr std::size_t leastData = 512;             // bytes; a block with less room left is padded
 
-// A dying disk takes seconds for each read that fails, so there must not be many.
-constexpr unsigned maxFailedReads = 256;  // of a file
-constexpr std::uint64_t minStep = 4096;   // over what cannot be read; a power of two
+// A dying disk takes seconds for each read that fails, so the number of such reads is limited.
+constexpr unsigned maxFailedReads = 256;  // for each file
+constexpr std::uint64_t minStep = 4096;   // bytes skipped after a failed read; a power of two
 constexpr std::uint64_t maxStep = 1048576;
 
 }  // namespace
@@ -28,19 +28,19 @@ struct ArchiveEncoder::Entry {
     IndexEntry place{};
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
-    std::uint64_t zeros = 0;  // in the holes
-    bool ended = false;       // the file turned out shorter than it said, or reading it was given up
-    int contentError = 0;     // a negative errno value: of the first read that failed
+    std::uint64_t zeros = 0;  // bytes in the holes
+    bool ended = false;    // the file was shorter than its status said, or reading was given up after too many failures
+    int contentError = 0;  // negative errno value of the first read that failed
     unsigned failedReads = 0;
-    std::uint64_t step = minStep;      // over what cannot be read, next time
-    std::vector<Extent> unreadable{};  // of the content
+    std::uint64_t step = minStep;      // bytes to skip after the next failed read
+    std::vector<Extent> unreadable{};  // parts of the content
 };
 
 ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers)
     : stream_(stream), fields_(fields), readers_(readers) {}
 
 int ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
-    // The coarse clock, because it is the one that stamps files.
+    // The kernel stamps files with the coarse clock, so only its time can be compared with change times.
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
     stored_.emplace(list);
@@ -115,8 +115,8 @@ void ArchiveEncoder::markIncomplete(Entry& entry) {
     incomplete_.push_back({root_.entries, -error});
 }
 
-// A file that stands in the archive already is not stored again, unless it was changed since writing began: the change
-// time is the kernel's own, and older than the first reading only if nothing happened in between.
+// A file is not stored twice, unless it was changed after writing began. Only the kernel sets the change time: if it is
+// older than the start of this run, the content is still the one that was stored.
 bool ArchiveEncoder::reuseContent(Entry& entry) {
     const DiskEntry& found = entry.found;
     if (!wants("CLC") || !isOld(found.status)) return false;
@@ -129,14 +129,14 @@ bool ArchiveEncoder::reuseContent(Entry& entry) {
 }
 
 bool ArchiveEncoder::isOld(const struct statx& status) const {
-    constexpr std::int64_t coarsest = 2;  // seconds: the step of file systems that know no fractions
+    constexpr std::int64_t coarsest = 2;  // seconds: the resolution of file systems without fractions of a second
     const auto& changed = status.stx_ctime;
     if (changed.tv_nsec == 0) return changed.tv_sec + coarsest < started_.tv_sec;
     return changed.tv_sec < started_.tv_sec ||
            (changed.tv_sec == started_.tv_sec && changed.tv_nsec < started_.tv_nsec);
 }
 
-// Begins a new block when the room left in this one is not worth a part of so much content.
+// Begins a new block when the room left in this one is too small for a useful part of `content` bytes.
 void ArchiveEncoder::makeRoom(std::uint64_t content) {
     if (stream_.room().size() < std::min<std::uint64_t>(content, leastData) + recordHeaderSize) stream_.pad();
 }
@@ -159,7 +159,7 @@ int ArchiveEncoder::writeExtents(Entry& entry) {
         writeUnreadable(entry, size);
         return 0;
     }
-    // Pseudo file systems say 0 of files that hold something.
+    // Pseudo file systems report size 0 for files that have content.
     if (size == 0) return writeExtent(entry, unsizedContent);
     const bool sparse = entry.found.status.stx_blocks * 512 < size;
     while (entry.size < size && !entry.ended) {
@@ -169,7 +169,7 @@ int ArchiveEncoder::writeExtents(Entry& entry) {
             const off_t data = ::lseek(file, static_cast<off_t>(entry.size), SEEK_DATA);
             if (data < 0 && !isUnreadable(-errno)) return -errno;
             const off_t hole = data < 0 ? data : ::lseek(file, data, SEEK_HOLE);
-            // None left means that the rest is a hole; a file system that cannot tell is read as it is.
+            // ENXIO means that the rest is a hole. A file system that cannot report holes is read as one extent.
             if (data < 0 && errno == ENXIO) begin = size;
             if (data >= 0) begin = std::min(static_cast<std::uint64_t>(data), size);
             if (hole >= 0) end = std::min(static_cast<std::uint64_t>(hole), size);
@@ -188,11 +188,12 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
     entry.size += length;
     entry.zeros += length;
     ++entry.holes;
-    // Anybody can make a file that is one hole of exabytes; nobody would see the end of its digest.
+    // Any user can make a file that is one hole of exabytes; its digest would never be finished.
     if (entry.zeros <= maxDigestedHoles) digest_.addZeros(length);
 }
 
-// Reads straight into the block. What the file no longer holds is left out; what it has gained is not looked at.
+// Reads directly into the block. When the file has become shorter, the missing rest is left out; what was appended
+// since its status was read is ignored.
 int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
     while (entry.size < end && !entry.ended) {
         makeRoom(end - entry.size);
@@ -225,12 +226,13 @@ void ArchiveEncoder::skipUnreadable(Entry& entry, int error, std::uint64_t end) 
     if (entry.contentError == 0) entry.contentError = error;
     const std::uint64_t size = entry.found.status.stx_size;
     entry.ended = size == 0 || ++entry.failedReads == maxFailedReads;
+    // Each failed read in a row doubles the step, so that a large damaged area costs few reads.
     const std::uint64_t next = entry.size / minStep * minStep + entry.step;
     writeUnreadable(entry, entry.ended ? size : std::min(next, end));
     entry.step = std::min(entry.step * 2, maxStep);
 }
 
-// Nothing when the end is not behind what is written, as in a file that says it is empty.
+// Writes nothing when `end` is not past what is written, as for a file whose size is reported as 0.
 void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
     if (end <= entry.size) return;
     const Extent extent{entry.size, end - entry.size};
@@ -258,6 +260,7 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     entry.place.size = entry.size;
     entry.place.incomplete = entry.tail.unreadable.has_value();
     constexpr std::int64_t second = 1'000'000'000;
+    // Rounded down, also for times before 1970.
     const std::int64_t modified = head.modified.value_or(0);
     entry.place.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
     part_.add(entry.place);
@@ -265,7 +268,7 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     if (part_.size() >= indexPartSize) flushIndexPart();
 }
 
-// A payload that does not fit goes on in the next block.
+// A payload that does not fit continues in the next block.
 void ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     do {
         if (stream_.room().size() <= recordHeaderSize) stream_.pad();
@@ -292,8 +295,9 @@ void ArchiveEncoder::flushIndexPart() {
 int ArchiveEncoder::complete(std::uint64_t filePosition) {
     flushIndexPart();
     stream_.pad();
+    // The root lists the sealed lengths of all blocks before it, so they must be written first.
     if (const int status = stream_.drain()) return status;
-    // Whoever begins to read at the end knows of no leader yet.
+    // The root must not need a leader: a reader that starts at the trailer has none yet.
     stream_.standAlone();
     root_.sealedLengths = stream_.sealedLengths();
     Trailer trailer{filePosition, stream_.block(), root_.entries, 0};

@@ -1,4 +1,4 @@
-// Turns the entries of a path list into the records of an archive stream.
+// Encodes the entries of a path list as the records of an archive.
 #pragma once
 
 #include <sys/stat.h>
@@ -24,17 +24,17 @@ struct IncompleteEntry {
     int error = 0;             // the errno value of the first failure
 };
 
-// Encodes one archive. Throws std::bad_alloc and std::system_error; statuses are 0 or a negative errno value.
+// Encodes one archive. Throws std::bad_alloc and std::system_error. A status is 0 or a negative errno value.
 class ArchiveEncoder {
 public:
     // `readers` threads read from the disk.
     ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
 
-    // Reads every entry of `list` from the disk and completes the archive, whose first block stands at `filePosition`
-    // of the file.
+    // Reads every entry of `list` from the disk and completes the archive. `filePosition` is where its first block is
+    // in the file.
     int write(const PathList& list, std::uint64_t filePosition);
 
-    // The entries that were marked as incomplete, ascending.
+    // The entries that were marked as incomplete, in ascending order.
     [[nodiscard]] std::vector<IncompleteEntry>& incomplete() { return incomplete_; }
 
 private:

@@ -22,7 +22,7 @@ BlockStream::BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsign
     try {
         for (unsigned i = 0; i < workers; ++i) workers_.emplace_back([this] { work(); });
     } catch (...) {
-        close();  // or those that did start would never end
+        close();  // or the workers that did start would wait forever
         throw;
     }
 }
@@ -81,6 +81,8 @@ void BlockStream::send(bool last) {
     job->length = offset_;
     if (block_ % groupLength_ == 0) {
         const Bytes plain = Bytes(job->plain).first(offset_);
+        // A copy: the buffer of the leader is reused as soon as the leader is written, maybe before its group is
+        // compressed.
         dictionary_ = std::make_shared<GroupDictionary>(GroupDictionary{block_, {plain.begin(), plain.end()}});
         job->dictionary = nullptr;
     } else {
@@ -88,6 +90,7 @@ void BlockStream::send(bool last) {
     }
     {
         const std::lock_guard lock(mutex_);
+        // Here, where running out of memory can be thrown to the caller; a worker could not report it.
         if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
         waiting_.push_back(std::move(job));
         ++block_;
@@ -123,7 +126,7 @@ void BlockStream::work() {
     }
 }
 
-// A job that is left with a sealed length of 0 has failed.
+// On failure the sealed length stays 0.
 void BlockStream::seal(Job& job, std::optional<BlockEncoder>& encoder) {
     try {
         if (!encoder) encoder.emplace(keys_);
@@ -132,10 +135,12 @@ void BlockStream::seal(Job& job, std::optional<BlockEncoder>& encoder) {
     } catch (const std::bad_alloc&) {
         job.sealedLength = 0;
     }
+    // Frees the copy of the leader with the last block of its group, not when the job is reused.
     job.dictionary = nullptr;
 }
 
-// Whoever completes the next block writes it, and all that wait behind it; one at a time, outside the lock.
+// Writes the blocks that are next in order, unless another worker is doing so. The lock is released during the call of
+// the sink.
 void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
     if (writing_) return;
     writing_ = true;

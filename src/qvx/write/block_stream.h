@@ -1,11 +1,11 @@
-// The way from the archive stream to the file: blocks are filled by one thread, compressed and sealed by workers, and
-// written in order by whichever worker completes the next one.
+// Turns the archive stream into blocks of the file. One thread fills blocks; workers compress and seal them; the worker
+// that completes the next block in order writes it.
 //
-// Memory: workers + 2 blocks in work, each with its sealed form beside it; another for each group that has one in
-// work; and about four blocks for the compressor of each worker.
+// Memory: workers + 2 blocks, plain and sealed; one copy of the leader for each group with a block in progress; and
+// about four blocks for the compressor of each worker.
 //
-// A sink that fails stops nothing: blocks go on through the queue and are dropped, so that no thread waits for ever;
-// the filling thread sees error() and gives up when it likes.
+// When the sink fails, blocks still pass through the queue but are dropped, so that no thread waits forever. The
+// filling thread can see the failure in error() and stop.
 #pragma once
 
 #include <condition_variable>
@@ -24,41 +24,42 @@ namespace tarnwick::qvx {
 
 class BlockStream {
 public:
-    using Sink = std::function<int(Bytes)>;  // called in order, one call at a time; 0 or a negative errno value
+    using Sink = std::function<int(Bytes)>;  // called in block order, one call at a time; 0 or a negative errno value
 
-    // Throws std::bad_alloc or std::system_error when buffers or threads are not to be had. The same keys and content
-    // give the same bytes whatever the number of workers.
+    // Throws std::bad_alloc or std::system_error when memory or threads are not available. The same keys and content
+    // give the same bytes with any number of workers.
     BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsigned workers, Sink sink);
 
-    // Drops what is not written, and waits for the workers.
+    // Drops blocks that are not written yet, and waits for the workers.
     ~BlockStream();
     BlockStream(const BlockStream&) = delete;
     BlockStream& operator=(const BlockStream&) = delete;
 
-    // The block being filled, from the first free byte on. commit() what was put there; a full block goes off by
-    // itself.
+    // The free part of the block that is being filled. Put bytes at its beginning, then commit() their count. A block
+    // that is full is sent to the workers.
     MutableBytes room();
     void commit(std::size_t length);
-    void put(Bytes bytes);  // at most what there is room for
+    void put(Bytes bytes);  // copies and commits; at most room().size() bytes
 
     [[nodiscard]] std::uint64_t block() const { return block_; }
     [[nodiscard]] std::size_t offset() const { return offset_; }
 
-    // Sends the rest of the block off as padding, if it is begun.
+    // Fills the rest of the block with padding, if the block has any content, and sends it to the workers.
     void pad();
 
-    // Waits until every block sent off is written; 0, or what failed first.
+    // Waits until every block that was sent is written. Returns 0 or the first error.
     int drain();
 
-    // From the block being filled on, none depends on the leader of its group.
+    // From the current block on, no block uses its leader as a dictionary.
     void standAlone() { standingAlone_ = true; }
 
-    // Sends the last, short block and waits for it.
+    // Adds `last` to the current block, sends it as the last one, and waits until it is written. Returns 0 or the first
+    // error.
     int finish(Bytes last);
 
     [[nodiscard]] int error();
 
-    // Of all blocks written, in order. Only after drain().
+    // Of all blocks written, in order, tags included. Valid only after drain().
     [[nodiscard]] const std::vector<std::uint32_t>& sealedLengths() const { return sealedLengths_; }
 
 private:
@@ -69,7 +70,7 @@ private:
         std::size_t sealedLength = 0;  // 0: not sealed
         std::vector<std::uint8_t> plain;
         std::vector<std::uint8_t> sealed;
-        std::shared_ptr<const GroupDictionary> dictionary;  // none for a leader
+        std::shared_ptr<const GroupDictionary> dictionary;  // null for a leader and for a block that must not need one
     };
     using JobPointer = std::unique_ptr<Job>;
 
@@ -84,7 +85,7 @@ private:
     const std::uint32_t groupLength_;
     const Sink sink_;
 
-    // Of the filling thread.
+    // Used by the filling thread only.
     JobPointer filling_;
     bool standingAlone_ = false;
     std::uint64_t block_ = 0;
@@ -94,12 +95,12 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<JobPointer> waiting_;
-    // The workers put into these, and must not run out of memory there; so room is made before they are given work.
+    // The workers append to these and must not run out of memory there, so capacity is reserved before they get work.
     std::vector<JobPointer> free_;
     std::vector<JobPointer> done_;  // sealed, not yet written
     std::vector<std::uint32_t> sealedLengths_;
-    std::uint64_t next_ = 0;  // to be written
-    bool writing_ = false;    // somebody is at the sink
+    std::uint64_t next_ = 0;  // sequence number of the next block to write
+    bool writing_ = false;    // a worker is calling the sink
     bool closing_ = false;
     int error_ = 0;
 

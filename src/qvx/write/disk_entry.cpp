@@ -16,11 +16,12 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr off_t fetchedAhead = 262144;  // bytes of a large file
+constexpr off_t fetchedAhead = 262144;  // bytes requested in advance of a large file
 
 FileDescriptor openListed(int folder, const char* name, const PathList::Entry& listed) {
     const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
     const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | kind;
+    // Reading must not change access times. The kernel allows O_NOATIME only to the owner and to root.
     FileDescriptor file(::openat(folder, name, flags | O_NOATIME));
     if (!file && errno == EPERM) file = FileDescriptor(::openat(folder, name, flags));
     return file;
@@ -28,16 +29,16 @@ FileDescriptor openListed(int folder, const char* name, const PathList::Entry& l
 
 dev_t deviceOf(const struct statx& status) { return ::makedev(status.stx_dev_major, status.stx_dev_minor); }
 
-// A name may have been given to something else since it was listed. Another file of the same kind on the same device
-// is what a rotated log looks like, and is taken; anything else is not what was asked for. A log that is rotated has
-// one name: a second one may be the trick of a user who gave a name of his own to a file of somebody else.
+// The name may belong to another file by now. Another file of the same kind on the same device is accepted: a log was
+// rotated. Anything else was not asked for. A rotated log has one link; a file with more may be another person's file
+// that a user has linked under this name.
 int expectListed(const PathList::Entry& listed, const struct statx& status) {
     const bool same = deviceOf(status) == listed.device && entryTypeOf(status.stx_mode) == listed.type;
     const bool rotated = status.stx_ino != listed.inode;
     return same && !(listed.isGuarded() && rotated && status.stx_nlink > 1) ? 0 : -ESTALE;
 }
 
-// The folder with a slash at its end, and the name in it.
+// Where the name begins in the path; what is before it is the folder, with a slash at its end.
 std::size_t nameStart(const PathList::Entry& listed) { return listed.path.rfind('/') + 1; }
 
 const char* nameOf(const PathList::Entry& listed) {
@@ -62,11 +63,12 @@ std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
 
 void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
     if (const int error = open(entry)) return describeUnopened(entry, error);
-    // A link has no descriptor. Its attributes are read by a path that begins at the folder held.
+    // A symbolic link is not opened. Its attributes are read through the path of the open folder.
     const std::string link =
         entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
     note(entry,
          metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head, entry.tail));
+    // A directory has no content that is read later.
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
     if (entry.listed.type == EntryType::link) note(entry, readLink(entry, room));
     if (entry.listed.type == EntryType::file) note(entry, readSmall(entry, room));
@@ -104,7 +106,7 @@ int DiskEntryReader::hold(const PathList::Entry& listed) {
     return same || !listed.isGuarded() ? 0 : -ESTALE;
 }
 
-// `statx` before `open`, so that no device is opened; again after it, since the name may have changed in between.
+// `statx` before `open`, so that no device is opened; again after it, because the name may have changed in between.
 int DiskEntryReader::open(DiskEntry& entry) {
     if (const int error = hold(entry.listed)) return error;
     const char* name = nameOf(entry.listed);
@@ -123,25 +125,28 @@ int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
     const ssize_t length =
         ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(room.data()), room.size());
     if (length < 0) return -errno;
-    if (length == 0) return -EIO;  // only a broken file system has such a link, and no reader would take it
+    if (length == 0) return -EIO;  // only a damaged file system has such a link, and readers refuse an empty target
     take(entry, room.first(static_cast<std::size_t>(length)));
     return 0;
 }
 
 int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
     const std::uint64_t size = entry.status.stx_size;
+    // A file with holes is left to the encoder, which stores the holes.
     if (size <= room.size() && entry.status.stx_blocks * 512 < size) return 0;
-    // A file that says it is empty is asked for one byte: pseudo file systems say so of what is not.
+    // Pseudo file systems report size 0 for files that have content. One byte shows whether the file is really empty.
     if (size == 0) return room.empty() ? 0 : readWhole(entry, room.first(1));
     if (size <= room.size()) {
         entry.awaited = room.first(static_cast<std::size_t>(size));
+        // RWF_NOWAIT reads only what is in the page cache, so that one slow file does not hold up the batch.
         const iovec place{entry.awaited.data(), entry.awaited.size()};
         if (::preadv2(entry.file.get(), &place, 1, 0, RWF_NOWAIT) == static_cast<ssize_t>(size)) {
             take(entry, std::exchange(entry.awaited, {}));
             return 0;
         }
     }
-    // The disk may begin, with many at a time; also with a larger one, which is read when its turn comes.
+    // Requests the file, or the beginning of a large one that the encoder reads later, so that the disk works on many
+    // requests at a time.
     ::posix_fadvise(entry.file.get(), 0, fetchedAhead, POSIX_FADV_WILLNEED);
     return 0;
 }
@@ -150,7 +155,7 @@ int DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes room) {
     std::size_t length = 0;
     while (length < room.size()) {
         const std::int64_t count = readAt(entry.file.get(), room.subspan(length), length);
-        // The encoder reads such a file again, around what cannot be read.
+        // The encoder reads such a file again and skips only the parts that fail.
         if (count < 0) return isUnreadable(static_cast<int>(count)) ? 0 : static_cast<int>(count);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);

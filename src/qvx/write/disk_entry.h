@@ -1,4 +1,4 @@
-// One entry of a path list as it stands on the disk: opened, looked at and, when it is small, read.
+// One entry of a path list with what the disk holds for it: its metadata and, when it is small, its content.
 #pragma once
 
 #include "qvx/format/content_digest.h"
@@ -9,27 +9,27 @@ namespace tarnwick::qvx {
 
 struct DiskEntry {
     PathList::Entry listed;
-    int error = 0;       // a negative errno value: it is not there any more, or is something else, or we lack resources
-    int unreadable = 0;  // a negative errno value: it is there, and a part of it could not be read
-    bool unopened = false;  // of its content only the size is known, if that; then `unreadable` is set
+    int error = 0;  // negative errno value: the file has vanished or was replaced, or memory or descriptors ran out
+    int unreadable = 0;     // negative errno value: the file is there, but a part of it could not be read
+    bool unopened = false;  // the file could not be opened: at most its size is known; `unreadable` is set
     struct statx status {};
-    EntryHead head;  // without its number
+    EntryHead head;  // all but the number
     EntryTail tail;
-    FileDescriptor file;   // a regular file whose content is still to be read
-    Bytes content;         // when it is not: the content of a file, the target of a link
+    FileDescriptor file;   // open when the content of a regular file is still to be read
+    Bytes content;         // otherwise the content of the file, or the target of the link
     Digest digest{};       // of `content`
-    MutableBytes awaited;  // room for a content that the disk was asked for
+    MutableBytes awaited;  // where the content goes that was requested from the disk but has not arrived
 };
 
-// Reads one entry after the other. One thread at a time.
+// Reads one entry after another. For one thread at a time.
 class DiskEntryReader {
 public:
-    // Fills all but `listed`. A content of at most `room.size()` bytes is read into the front of `room`, unless it has
-    // holes, is of a file that says it is empty and is not, or cannot be read; where the disk keeps us waiting, it will
-    // be by finish(). Throws std::bad_alloc.
+    // Fills `entry`, whose `listed` is set. A content of at most `room.size()` bytes is read into the front of `room`,
+    // unless the file has holes, reports size 0 but has content, or cannot be read. A content that is not in the page
+    // cache is only requested from the disk; finish() reads it. Throws std::bad_alloc.
     void begin(DiskEntry& entry, MutableBytes room);
 
-    // Waits for what begin() left to be awaited.
+    // Reads the content that begin() only requested.
     void finish(DiskEntry& entry);
 
 private:
@@ -42,7 +42,8 @@ private:
     int readWhole(DiskEntry& entry, MutableBytes room);
     void take(DiskEntry& entry, Bytes content);
 
-    // Of the entry before and mostly of this one, too: the kernel need not resolve the path again for each.
+    // The folder of the previous entry. The next one is mostly in the same folder, so its path need not be resolved
+    // again.
     std::string folderPath_;
     bool folderGuarded_ = false;
     FileDescriptor folder_;
@@ -51,11 +52,11 @@ private:
     ContentDigest digest_;
 };
 
-// Whether a negative errno value of an open or a read means that the file is there and cannot be read: it has neither
-// vanished nor become another, and we do not lack memory or descriptors.
+// Whether a negative errno value of an open or a read means that the file is there but cannot be read. False when the
+// file has vanished or was replaced, and when memory or descriptors ran out.
 bool isUnreadable(int error);
 
-// As pread(), but tried again when a signal came in between; a negative errno value on failure.
+// pread() that is repeated after EINTR. Returns the count, or a negative errno value.
 std::int64_t readAt(int file, MutableBytes room, std::uint64_t position);
 
 }  // namespace tarnwick::qvx

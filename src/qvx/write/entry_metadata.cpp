@@ -14,7 +14,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
-// The nearest there is: a file may claim to be of the year 2400, which nanoseconds do not reach.
+// Out of range becomes the nearest value: a file may have a time in the year 2400, which 64 bits of nanoseconds cannot
+// express.
 std::int64_t nanoseconds(const struct statx_timestamp& time) {
     using Limits = std::numeric_limits<std::int64_t>;
     std::int64_t result = 0;
@@ -25,12 +26,13 @@ std::int64_t nanoseconds(const struct statx_timestamp& time) {
 }
 
 std::optional<std::uint32_t> inodeFlags(int descriptor) {
-    int flags = 0;  // the kernel writes an int, whatever the name of the call says
+    int flags = 0;  // the kernel writes an int, although the call is declared for a long
     if (descriptor < 0 || ::ioctl(descriptor, FS_IOC_GETFLAGS, &flags) != 0) return std::nullopt;
     return static_cast<std::uint32_t>(flags);
 }
 
-// Length of all names, each with a zero byte. Access lists are attributes to the kernel.
+// The length of all names, each with a zero byte. The names include those of access lists, which the kernel keeps as
+// attributes.
 ssize_t listAttributes(const std::string& path, int descriptor, char* names, std::size_t size) {
     return descriptor >= 0 ? ::flistxattr(descriptor, names, size) : ::llistxattr(path.c_str(), names, size);
 }
@@ -39,8 +41,8 @@ ssize_t attributeLength(const std::string& path, int descriptor, const char* nam
     return descriptor >= 0 ? ::fgetxattr(descriptor, name, nullptr, 0) : ::lgetxattr(path.c_str(), name, nullptr, 0);
 }
 
-// libarchive skips attributes and lists that it cannot read, and says nothing. Of a list that has grown meanwhile,
-// nothing is known.
+// libarchive silently skips attributes and lists that it cannot read, so each one is tried here. When the list of names
+// has grown in the meantime, this is not checked.
 int probeAttributes(const std::string& path, int descriptor, std::size_t length) {
     std::string names(length, '\0');
     const ssize_t listed = listAttributes(path, descriptor, names.data(), names.size());
@@ -101,7 +103,7 @@ int MetadataReader::read(const std::string& path, int descriptor, const struct s
                          EntryTail& tail) {
     takeStatus(status, head);
     head.flags = inodeFlags(descriptor);
-    // Most files have no attributes, and one call shows it.
+    // Most files have no attributes; this one call shows it.
     const ssize_t length = listAttributes(path, descriptor, nullptr, 0);
     if (length < 0) return errno == ENOTSUP || errno == ENOSYS ? 0 : -errno;
     if (length == 0) return 0;
@@ -115,14 +117,14 @@ int MetadataReader::readAttributes(const std::string& path, int descriptor, Entr
         entry_.reset(archive_entry_new());
         if (!disk_ || !entry_) throw std::bad_alloc();
         archive_read_disk_set_symlink_physical(disk_.get());
-        // Holes are found while reading, and flags are known already.
+        // The encoder finds holes while it reads, and the flags are read already.
         archive_read_disk_set_behavior(disk_.get(), ARCHIVE_READDISK_NO_SPARSE | ARCHIVE_READDISK_NO_FFLAGS);
     }
     archive_entry_clear(entry_.get());
     archive_entry_copy_pathname(entry_.get(), path.c_str());
     archive_entry_copy_sourcepath(entry_.get(), path.c_str());
     const int result = archive_read_disk_entry_from_file(disk_.get(), entry_.get(), descriptor, nullptr);
-    // A warning is about attributes or lists that cannot be read; the others are there.
+    // A warning means that some attributes or lists could not be read; the others are there.
     if (result >= ARCHIVE_WARN) {
         takeAttributes(entry_.get(), tail);
         takeAccessLists(entry_.get(), tail);

@@ -13,19 +13,20 @@
 
 namespace tarnwick::qvx {
 
-// Of what has the name in an open folder, which is not followed, or, where the name is empty, of an open file. Birth
-// time is in it where the file system knows it. Returns 0 or a negative errno value.
+// Reads the status of the file `name` in the open folder `descriptor`, without following a link; of the open file
+// itself when `name` is empty. The birth time is included where the file system has it. Returns 0 or a negative errno
+// value.
 int readStatus(int descriptor, const char* name, struct statx& status);
 
-// Fills the fields of `head` that the status knows.
+// Fills the fields of `head` that a status contains.
 void takeStatus(const struct statx& status, EntryHead& head);
 
-// Reads one file after the other. One thread at a time.
+// Reads one file after another. For one thread at a time.
 class MetadataReader {
 public:
-    // Fills the fields of `head` and the attributes and access lists of `tail` for the file that is open as
-    // `descriptor`; a symbolic link is not open (-1) and read by its path. Attributes past their limit are left out and
-    // marked so. Returns 0 or a negative errno value, after filling in what could be read; throws std::bad_alloc.
+    // Fills the fields of `head` and the attributes and access lists of `tail` for the open file `descriptor`. A
+    // symbolic link is not open (-1) and is read by its path. Attributes past their size limit are left out, and the
+    // tail says so. Returns 0 or a negative errno value, after filling in what could be read. Throws std::bad_alloc.
     int read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
 
 private:

@@ -15,7 +15,7 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t pieceSize = 16384;
-constexpr std::uint8_t guardedBit = 0x80;  // in the byte of the type: the folder follows
+constexpr std::uint8_t guardedBit = 0x80;  // in the byte of the type: device and inode of the folder follow
 
 }  // namespace
 
@@ -85,11 +85,12 @@ const PathList::Entry* PathList::Walk::next() {
 
 namespace {
 
-// Where a path with ".." leads only the kernel can say, since the component in front may be a link. Empty when nowhere.
+// Only the kernel can resolve "..", because the component before it may be a link. Empty when the path leads nowhere.
 std::string realPath(std::string_view directory, std::string_view path) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return {};
     const auto whole = std::filesystem::path(directory) / path;
     const auto name = whole.filename();
+    // The last component is resolved only when it is no name of its own: a link is archived as a link.
     std::error_code error;
     if (name.empty() || name == "." || name == "..") return std::filesystem::canonical(whole, error);
     const auto folder = std::filesystem::canonical(whole.parent_path(), error);

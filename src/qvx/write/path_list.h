@@ -1,4 +1,4 @@
-// What goes into an archive: paths in order, duplicates kept, each with what was seen when it was listed.
+// The files that go into an archive: paths in order, duplicates kept, each with what was seen when it was listed.
 #pragma once
 
 #include <sys/types.h>
@@ -13,16 +13,16 @@
 
 namespace tarnwick::qvx {
 
-// A list may hold a million paths. So they are held front-coded (each says how much of the path before it it shares),
-// in pieces that begin anew, and that are never moved when the list grows.
+// A list may have a million paths. They are therefore stored front-coded (each as its difference from the path before),
+// in pieces. Coding restarts in each piece, and a piece is never moved when the list grows.
 struct PathList {
     struct Entry {
         std::string path;  // absolute, without empty components, "." or ".."
         EntryType type = EntryType::file;
         dev_t device = 0;
-        ino_t inode = 0;  // a hint: the name may have been given to another file since
+        ino_t inode = 0;  // a hint: the name may belong to another file by now
 
-        // The directory that holds the name. When it is known, the file is read from this directory only, and no link
+        // The directory that holds the name. When it is known, the file is opened only in this directory, and no link
         // of another user is followed on the way (openDirectoryGuarded).
         dev_t folderDevice = 0;
         ino_t folderInode = 0;  // 0: not known
@@ -42,12 +42,12 @@ private:
     };
 
 public:
-    // Gives the entries in order. The list must not grow meanwhile.
+    // Reads the entries in order. The list must not grow in the meantime.
     class Walk {
     public:
         explicit Walk(const PathList& list) : list_(list) {}
 
-        // The next entry, until the next call; null at the end.
+        // The next entry, valid until the next call; null at the end.
         const Entry* next();
 
     private:
@@ -67,17 +67,18 @@ private:
     std::uint64_t count_ = 0;
 };
 
-// `path`, taken relative to `directory`, with empty components and "." left out; nothing when it cannot stand in an
-// archive, as with a "..", which cannot be left out without knowing what is a link.
+// `path`, relative to `directory` unless it is absolute, without empty components and ".". Nothing when an archive
+// cannot hold the path. That includes a path with "..": the component before it may be a link, so it cannot be removed.
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
 
-// What is at `path`, taken relative to `directory`; nothing where that cannot go into an archive, or is not there.
+// The file at `path`, relative to `directory` unless absolute. Nothing when it does not exist or an archive cannot hold
+// it.
 std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path);
 
-// The same, as a guarded entry; nothing as well where a link of another user would have to be followed.
+// The same as a guarded entry. Nothing also when the path leads through a link of another user.
 std::optional<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path);
 
-// Nothing for what an archive does not hold (a FIFO, a socket, a device).
+// Nothing for a kind of file that an archive cannot hold (a FIFO, a socket, a device).
 std::optional<EntryType> entryTypeOf(mode_t mode);
 
 }  // namespace tarnwick::qvx

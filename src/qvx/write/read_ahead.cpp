@@ -9,7 +9,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t linkRoom = maxPathLength + 1;  // kept free for every entry of a batch
+constexpr std::size_t linkRoom = maxPathLength + 1;  // bytes kept for each entry, which may be a link
 
 void readBatch(std::span<DiskEntry> entries, MutableBytes room, DiskEntryReader& reader) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -28,7 +28,7 @@ ReadAhead::ReadAhead(const PathList& list, unsigned threads)
     try {
         while (workers_.size() < threads) workers_.emplace_back([this] { work(); });
     } catch (...) {
-        stop(true);  // or those that did start would never end
+        stop(true);  // or the threads that did start would wait forever
         throw;
     }
 }
@@ -54,6 +54,7 @@ DiskEntry* ReadAhead::next() {
         batch = &batches_[finished_ % batches_.size()];
     }
     ready_.wait(lock, [&] { return batch->ready || failed_ || (listEnded_ && finished_ == begun_); });
+    // A thread sets failed_ only when memory runs out.
     if (failed_) throw std::bad_alloc();
     holding_ = batch->ready;
     given_ = 0;
@@ -80,7 +81,8 @@ void ReadAhead::readBatches() {
     }
 }
 
-// Waits for a free batch and fills it with what the list has next; null when there is nothing more to do.
+// Waits for a free batch and fills it with the next entries of the list. Null when the list has ended or the object is
+// being destroyed.
 ReadAhead::Batch* ReadAhead::begin(std::unique_lock<std::mutex>& lock) {
     free_.wait(lock, [&] { return closing_ || listEnded_ || begun_ - finished_ < batches_.size(); });
     if (closing_ || listEnded_) return nullptr;

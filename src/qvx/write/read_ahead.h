@@ -1,8 +1,9 @@
-// Reads the entries of a path list ahead of who stores them, with some threads: a small file costs the disk more time
-// to find than to read, and many can be asked for at once. Big files are only opened, and their beginning is asked for.
+// Reads the entries of a path list before the encoder needs them. For a small file the disk takes longer to find it
+// than to read it, and it can serve many requests at a time, so several threads read. Large files are only opened and
+// their beginning is requested.
 //
-// Memory: as many batches as threads, 8 at least, of `batchBytes` for contents; and as many open files as
-// entries in all batches, at most.
+// Memory: as many batches as threads, but at least 8, each with `batchBytes` for contents. Open files: at most one for
+// each entry of all batches.
 #pragma once
 
 #include <array>
@@ -21,16 +22,15 @@ public:
     static constexpr std::size_t minDepth = 8;
     static constexpr std::size_t batchEntries = 32;
     static constexpr std::size_t batchBytes = 262144;
-    static constexpr std::size_t smallSize = 65536;  // the largest file to be read here
+    static constexpr std::size_t smallSize = 65536;  // bytes; larger files are read by the encoder
 
-    // Starts exactly so many threads. Throws std::bad_alloc or std::system_error.
+    // Starts exactly `threads` threads. Throws std::bad_alloc or std::system_error.
     ReadAhead(const PathList& list, unsigned threads);
     ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
-    // The next entry in the order of the list, the caller's until the next call; null at the end. Throws
-    // std::bad_alloc.
+    // The next entry in the order of the list, valid until the next call; null at the end. Throws std::bad_alloc.
     DiskEntry* next();
 
 private:
@@ -54,13 +54,13 @@ private:
     std::condition_variable ready_;
     PathList::Walk walk_;
     std::uint64_t begun_ = 0;     // batches taken from the list
-    std::uint64_t finished_ = 0;  // batches given out to the last entry
+    std::uint64_t finished_ = 0;  // batches of which the caller has had every entry
     bool listEnded_ = false;
     bool closing_ = false;
     bool failed_ = false;  // a thread ran out of memory
 
-    std::size_t given_ = 0;  // entries of the batch at hand
-    bool holding_ = false;   // a batch is at hand
+    std::size_t given_ = 0;  // index of the current entry in its batch
+    bool holding_ = false;   // the caller is using an entry of a batch
 
     std::vector<std::jthread> workers_;  // last: they use all of the above
 };

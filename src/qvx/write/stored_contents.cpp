@@ -20,6 +20,7 @@ bool isWide(dev_t device) { return device > std::numeric_limits<std::uint32_t>::
 }  // namespace
 
 StoredContents::StoredContents(const PathList& list) : again_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
+    // A Bloom filter with one hash: it may report a file as repeated that is not, never the reverse.
     std::vector<bool> once(again_.size());
     PathList::Walk walk(list);
     while (const PathList::Entry* entry = walk.next()) {
@@ -29,7 +30,7 @@ StoredContents::StoredContents(const PathList& list) : again_(list.size() * bits
     }
 }
 
-// The slot that holds the file, or else the free one where it belongs.
+// The slot that holds the file; otherwise the free slot where it belongs.
 std::size_t StoredContents::place(std::uint32_t device, std::uint64_t inode) const {
     std::size_t at = static_cast<std::size_t>(hashOf(device, inode) >> 20) % slots_.size();
     while (slots_[at].number != none && (slots_[at].inode != inode || slots_[at].device != device))
@@ -45,6 +46,8 @@ std::optional<std::uint64_t> StoredContents::find(dev_t device, ino_t inode) con
 }
 
 void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
+    // A slot has 32 bits for the device and for the number. A file that does not fit is stored twice: larger, but
+    // correct.
     if (isWide(device) || number >= none || !again_[static_cast<std::size_t>(hashOf(device, inode) % again_.size())])
         return;
     if ((taken_ + 1) * 4 > slots_.size() * 3) grow();

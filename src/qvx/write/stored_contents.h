@@ -1,7 +1,7 @@
-// Which files stand in the archive already, so that a file listed twice, and a hard link, is stored once.
+// Which files the archive already holds, so that a file that is listed twice, or has two hard links, is stored once.
 //
-// Memory: 2 bytes for each entry of the list (4 while it is looked through), and 16 to 32 bytes for each file that may
-// come up again: one whose inode is listed twice, and a few that look so.
+// Memory: 2 bytes for each entry of the list (4 during construction), and 16 to 32 bytes for each file that may be
+// listed again: those whose inode is listed twice, and a few others whose hash is equal.
 #pragma once
 
 #include <sys/types.h>
@@ -18,10 +18,10 @@ class StoredContents {
 public:
     explicit StoredContents(const PathList& list);
 
-    // Number of the entry that holds the content of this file.
+    // The number of the entry that holds the content of this file.
     [[nodiscard]] std::optional<std::uint64_t> find(dev_t device, ino_t inode) const;
 
-    // May decline when the file does not come up again, as far as the list knew.
+    // Records that entry `number` holds the content of this file. May ignore a file that is listed only once.
     void add(dev_t device, ino_t inode, std::uint64_t number);
 
 private:
@@ -35,7 +35,7 @@ private:
     [[nodiscard]] std::size_t place(std::uint32_t device, std::uint64_t inode) const;
     void grow();
 
-    std::vector<bool> again_;  // by hash of the inode: listed more than once
+    std::vector<bool> again_;  // by hash of device and inode: listed more than once
     std::vector<Slot> slots_;  // open addressing; at most three in four are taken
     std::size_t taken_ = 0;
 };
