@@ -1,4 +1,4 @@
-// An archive on disk, opened for reading: its bytes and its plain header; and what readers say of damage.
+// An archive file opened for reading: its bytes and its plain header. Also the form in which readers report damage.
 #pragma once
 
 #include <cstdint>
@@ -12,27 +12,27 @@
 
 namespace tarnwick::qvx {
 
-// What is wrong, and where as far as that is known.
+// What is wrong, and where, as far as that is known.
 struct ReadFault {
     std::string what;                       // lower case, no full stop
     std::optional<std::uint64_t> block;     // sequence number
     std::optional<std::uint64_t> position;  // in the file, of that block's header
-    std::optional<std::string> path;        // of the entry, hostile bytes
+    std::optional<std::string> path;        // path of the entry; hostile bytes
 };
 
-// Reads are positioned, so that any number of threads may share one.
+// Every read states its position, so any number of threads may share one object.
 class ArchiveFile {
 public:
-    // Takes a regular file whose plain header can be read; otherwise null, and `fault` says why.
+    // Opens a regular file with a valid plain header. Otherwise null, and `fault` says why.
     static std::unique_ptr<ArchiveFile> open(FileDescriptor descriptor, ReadFault& fault);
 
     [[nodiscard]] const PlainHeader& header() const { return header_; }
     [[nodiscard]] std::uint64_t size() const { return size_; }
 
-    // The first bytes of the file, which the seal binds.
+    // The first bytes of the file, which are bound into the seal of every block.
     [[nodiscard]] Bytes boundHeader() const { return Bytes(headerBytes_).first(boundHeaderSize); }
 
-    // Fills `bytes` from the file. False at an error and where the file ends too early, with a text that says which.
+    // Fills `bytes` from the file. False at an error and when the file ends too early; `what` says which.
     bool read(std::uint64_t position, MutableBytes bytes, std::string& what) const;
 
 private:

@@ -14,7 +14,7 @@ bool ArchiveWalk::take(const OpenedBlock& block) {
     map_.add(block.place);
     audit_.addBlock(block);
     if (block.last() != (phase_ == Phase::trailer)) return refuse("the last block is not where it must be");
-    // Whoever begins at the end looks there for a block of this length.
+    // A reader that starts at the end of the file looks for a block of this length there.
     if (block.last() && block.header.sealedLength != lastBlockSize - blockHeaderSize)
         return refuse("the last block is of a wrong length");
     needsLeader_ = block.header.flags & blockWithDictionary;
@@ -22,6 +22,7 @@ bool ArchiveWalk::take(const OpenedBlock& block) {
     std::size_t offset = 0;
     auto digest = block.digests.begin();
     while (auto record = cursor.next()) {
+        // The workers computed the digests of entries that are complete in this block.
         if (digest != block.digests.end() && digest->offset == offset) record->contentDigest = (digest++)->digest;
         if (!takeRecord(*record, {count_, block.place.sequence, offset})) return false;
         offset = cursor.offset();
@@ -74,8 +75,10 @@ bool ArchiveWalk::takeIndexRecord(const Record& record, const EntryPlace& place)
     if (entry_.inEntry()) return refuseEntry("the entry has no end");
     if (phase_ != Phase::entries) return refuse("something stands behind the root");
     const bool root = record.type == RecordType::root;
+    // A reader that starts at the trailer reads the root before it knows any leader, and from the beginning of a block.
     if (root && needsLeader_) return refuse("a block of the root is not to be read without another");
     if (root && place.offset != 0) return refuse("the root does not begin its block");
+    // The root has no limit of its own; it cannot be larger than the file.
     const std::uint64_t limit = root ? file_.size() : maxIndexLength;
     switch (joiner_.take(record, static_cast<std::size_t>(limit))) {
         case RecordJoiner::State::partial: return true;

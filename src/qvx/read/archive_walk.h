@@ -1,4 +1,4 @@
-// Going through the blocks of an archive in order, strictly: everything is held to everything else.
+// Reads the blocks of an archive in order and checks everything strictly.
 #pragma once
 
 #include "qvx/read/entry_table.h"
@@ -11,7 +11,7 @@ public:
     ArchiveWalk(const ArchiveFile& file, const HpkeKeys& keys, EntrySink& sink)
         : file_(file), random_(file, keys, map_), entry_(sink) {}
 
-    // Takes the next block. False at damage and when the sink stops.
+    // Reads the next block. False at damage and when the sink stops.
     bool take(const OpenedBlock& block);
     [[nodiscard]] bool complete() const { return phase_ == Phase::complete; }
     [[nodiscard]] bool stopped() const { return stopped_; }
@@ -41,7 +41,7 @@ private:
     BlockPlace block_;
     ReadFault fault_;
     std::uint64_t count_ = 0;
-    bool needsLeader_ = false;  // the block at hand
+    bool needsLeader_ = false;  // the current block
     bool stopped_ = false;
 };
 

@@ -29,7 +29,7 @@ std::vector<PlacedDigest> digestContents(Bytes plain) {
     std::vector<PlacedDigest> digests;
     ContentDigest digest;
     std::vector<Bytes> content;
-    bool whole = false;  // so far, the entry at hand
+    bool whole = false;  // the current entry began in this block and has no hole so far
     std::size_t begin = 0;
     std::size_t offset = 0;
     RecordCursor cursor(plain);
@@ -63,7 +63,7 @@ std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_
     std::array<std::uint8_t, blockHeaderSize> bytes{};
     if (!file.read(position, bytes, what)) return std::nullopt;
     const auto header = decodeBlockHeader(bytes);
-    // A leader that needed a dictionary would be waiting for itself.
+    // A leader that needed a dictionary would wait for itself.
     const bool leads = header && header->sequence % file.header().groupLength == 0;
     if (header && !(leads && (header->flags & blockWithDictionary))) return header;
     what = "the block header is damaged";
@@ -75,7 +75,8 @@ void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
     const auto header = readBlockHeader(file_, block.place.position, what);
     if (header && header->sequence != block.place.sequence) what = wrongNumber(header->sequence);
     if (what.empty()) block.header = *header;
-    // The leader may be opened by this same opener, and therefore before the buffer holds this block.
+    // This opener may have to open the leader too. That uses `sealed_`, so it must happen before the block is read into
+    // it.
     BlockPointer dictionary;
     if (what.empty() && (block.header.flags & blockWithDictionary)) {
         dictionary = leader();
@@ -129,7 +130,7 @@ BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supp
             threads_.emplace_back([this] { work(); });
         } catch (...) {
             if (threads_.empty()) throw;
-            break;  // fewer do as well
+            break;  // fewer threads work as well
         }
     }
 }
@@ -152,7 +153,7 @@ BlockPointer BlockPipeline::next() {
     }
 }
 
-// Without memory the blocks end early, which no reader takes for a whole archive.
+// When memory runs out, the blocks end early. No reader accepts that as a whole archive.
 void BlockPipeline::work() {
     std::shared_ptr<Slot> slot;
     try {
@@ -161,11 +162,11 @@ void BlockPipeline::work() {
             if (!slot->block.fault) opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
             if (slot->digest && !slot->block.fault) slot->block.digests = digestContents(slot->block.plain);
             finish(*slot);
-            slot.reset();  // it is the consumer's from here on
+            slot.reset();  // from here on the consumer owns it
         }
     } catch (const std::bad_alloc&) {
         if (slot) {
-            slot->block.fault.emplace().what = "out of memory";  // short enough to need none
+            slot->block.fault.emplace().what = "out of memory";  // short enough to need no allocation
             finish(*slot);
         }
         const std::lock_guard lock(mutex_);
@@ -174,7 +175,7 @@ void BlockPipeline::work() {
     }
 }
 
-// Slots are queued in the order in which they are claimed, so that a leader is always in work before its group.
+// Slots are queued in the order in which workers claim them, so a leader is always in progress before its group.
 std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return closed_ || exhausted_ || queue_.size() < limit_; });
@@ -195,7 +196,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     const bool leads = task->place.sequence % groupLength == 0;
     if (!leads && leader_ && leader_->block.place.sequence / groupLength == group) slot->leader = leader_;
     queue_.push_back(slot);
-    if (leads) leader_ = slot;  // and not before somebody is sure to open it
+    if (leads) leader_ = slot;  // only now, when this worker is certain to open it
     return slot;
 }
 
@@ -209,6 +210,7 @@ BlockPointer BlockPipeline::waitForLeader(const std::shared_ptr<Slot>& leader) {
 void BlockPipeline::finish(Slot& slot) {
     const std::lock_guard lock(mutex_);
     slot.done = true;
+    // Otherwise each block would keep its leader in memory for as long as the consumer keeps the block.
     slot.leader.reset();
     changed_.notify_all();
 }

@@ -1,4 +1,4 @@
-// Blocks of an archive, opened: one at a time from anywhere, or many in a row by all cores.
+// Opens the blocks of an archive: one at a time at any place, or many in order on all cores.
 #pragma once
 
 #include <condition_variable>
@@ -16,7 +16,8 @@ struct BlockPlace {
     std::uint64_t position = 0;  // in the file, of the block header
 };
 
-// Of the content of an entry that stands in one block as a whole and has no holes: all cores can take these at once.
+// The digest of the content of an entry that is complete in one block and has no holes. Workers compute these in
+// parallel.
 struct PlacedDigest {
     std::size_t offset = 0;  // of the ENTRY record
     Digest digest{};
@@ -26,7 +27,7 @@ struct OpenedBlock {
     BlockPlace place;
     BlockHeader header;
     std::vector<std::uint8_t> plain;
-    std::optional<ReadFault> fault = std::nullopt;  // with one, `plain` is worthless
+    std::optional<ReadFault> fault = std::nullopt;  // when set, `plain` is meaningless
     std::vector<PlacedDigest> digests = {};
 
     [[nodiscard]] bool last() const { return header.flags & blockLast; }
@@ -35,19 +36,19 @@ using BlockPointer = std::shared_ptr<const OpenedBlock>;
 
 ReadFault blockFault(const BlockPlace& place, std::string what);
 
-// Reads the block header at `place`. None, with a text, when there is none or the file ends.
+// Reads the block header at `position`. None when there is no valid one or the file ends; `what` says why.
 std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position, std::string& what);
 
-// Opens single blocks. One thread at a time.
+// Opens single blocks. For one thread at a time.
 class BlockOpener {
 public:
     using Leader = std::function<BlockPointer()>;
 
-    // Both must outlive the opener. Throws std::bad_alloc.
+    // Both arguments must outlive the opener. Throws std::bad_alloc.
     BlockOpener(const ArchiveFile& file, const HpkeKeys& keys) : file_(file), decoder_(keys) {}
 
-    // Opens the block at block.place into `block`. `leader` gives the block that leads the group, null when it is not
-    // to be had, and is asked only when it is needed. Does not throw for anything that stands in the archive.
+    // Opens the block at block.place into `block`. `leader` returns the leader of its group, or null when that is not
+    // available; it is called only when the block needs it. Damage in the archive sets block.fault and never throws.
     void open(OpenedBlock& block, const Leader& leader);
 
 private:
@@ -56,7 +57,7 @@ private:
     std::vector<std::uint8_t> sealed_;
 };
 
-// Where blocks stand in the file, by sequence number.
+// The positions of blocks in the file, by sequence number.
 class BlockMap {
 public:
     void add(const BlockPlace& place);  // ascending
@@ -67,14 +68,14 @@ private:
     std::vector<BlockPlace> places_;  // ascending
 };
 
-// Blocks in any order, by one thread. Keeps the last leader and the last other block.
+// Opens blocks in any order, for one thread. Keeps the last leader and the last other block.
 class RandomBlocks {
 public:
-    // All three must outlive this.
+    // All arguments must outlive this object.
     RandomBlocks(const ArchiveFile& file, const HpkeKeys& keys, const BlockMap& map)
         : groupLength_(file.header().groupLength), map_(map), opener_(file, keys) {}
 
-    // Never null; a block that the map does not know has a fault.
+    // Never null. A block that is not in the map has a fault.
     BlockPointer get(std::uint64_t sequence);
 
 private:
@@ -87,27 +88,27 @@ private:
     BlockPointer other_;
 };
 
-// Opens the blocks that a supplier names, in parallel, and hands them out in the supplier's order. Holds two blocks a
-// worker, eight more for a consumer who comes in bursts, and a group's leader. The supplier is called from the workers,
-// by one at a time. A leader must be named before the blocks of its group that need it. Both ends may close: the
-// consumer by destroying the pipeline at any time, the supplier by giving nothing.
+// Opens the blocks that a supplier names, in parallel, and returns them in the order of the supplier. Memory: two
+// blocks for each worker, eight more for a consumer that reads in bursts, and the leader of a group. The workers call
+// the supplier, one at a time. The supplier must name a leader before the blocks of its group that need it. Either end
+// may close: the consumer by destroying the pipeline at any time, the supplier by returning nothing.
 class BlockPipeline {
 public:
     struct Task {
         BlockPlace place;
-        std::optional<ReadFault> fault = std::nullopt;  // hand this out, and open nothing
-        bool wanted = true;                             // otherwise opened only to lead its group
-        bool digest = false;                            // take the digests of what the block holds as a whole
+        std::optional<ReadFault> fault = std::nullopt;  // return this fault and open nothing
+        bool wanted = true;                             // false: opened only because its group needs it
+        bool digest = false;                            // compute the digests of the entries that are complete in it
     };
     using Supplier = std::function<std::optional<Task>()>;
 
-    // Throws std::system_error when no thread can be started.
+    // Throws std::system_error when not a single thread can be started.
     BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supplier supplier);
     BlockPipeline(const BlockPipeline&) = delete;
     BlockPipeline& operator=(const BlockPipeline&) = delete;
     ~BlockPipeline();
 
-    // The next block, null at the end.
+    // The next block; null at the end.
     BlockPointer next();
 
 private:
@@ -132,13 +133,13 @@ private:
     std::condition_variable changed_;
     std::deque<std::shared_ptr<Slot>> queue_;
     std::shared_ptr<Slot> leader_;
-    bool closed_ = false;     // by the consumer
-    bool exhausted_ = false;  // by the supplier
+    bool closed_ = false;     // the consumer has closed
+    bool exhausted_ = false;  // the supplier has ended
     std::vector<std::jthread> threads_;
 };
 
-// Names all blocks from the first to the last one by following their headers, strictly: anything out of order, and
-// anything behind the last block, ends it with a fault.
+// Names all blocks from the first to the last by following their headers. Strict: a block out of order, and anything
+// after the last block, ends it with a fault.
 class WholeArchive {
 public:
     explicit WholeArchive(const ArchiveFile& file) : file_(&file) {}

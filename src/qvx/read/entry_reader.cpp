@@ -92,8 +92,9 @@ EntryReader::Step EntryReader::addHole(Bytes payload) {
     size_ += *length;
     zeros_ += *length;
     ++holes_;
+    // Such an entry has no digest; computing one could take hours.
     if (zeros_ > maxDigestedHoles) return sink_.hole(*length) ? Step::more : Step::stopped;
-    // In pieces, so that the sink may stop in between.
+    // In pieces, so that the sink can stop a long hole early.
     for (std::uint64_t left = *length, piece = 0; left > 0; left -= piece) {
         piece = std::min(left, zerosAtOnce);
         if (!sink_.hole(piece)) return Step::stopped;
@@ -111,7 +112,7 @@ EntryReader::Step EntryReader::finish(Bytes payload) {
     return Step::whole;
 }
 
-// Unreadable extents are stored as holes; which ones is not kept.
+// Unreadable extents are stored as holes. Which holes these are is not remembered, so only their total is compared.
 bool EntryReader::unreadableFits() const {
     if (!tail_.unreadable || tail_.unreadable->empty()) return true;
     std::uint64_t total = 0;

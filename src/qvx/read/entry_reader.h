@@ -1,4 +1,4 @@
-// From records to entries: puts one entry together and holds it to its sums and its digest.
+// Joins records to entries and checks each entry against its size and its digest.
 #pragma once
 
 #include <functional>
@@ -10,33 +10,33 @@
 
 namespace tarnwick::qvx {
 
-// Whoever takes entries. After begin() come data() and hole() in the order of the content, then finish() or abandon().
-// An answer of false ends the reading; an abandon() may follow.
+// Receives entries. After begin() come data() and hole() in the order of the content, then finish() or abandon(). A
+// result of false ends the reading; an abandon() may follow.
 class EntrySink {
 public:
-    // Gives the content of the earlier entry that holds this one's to another sink, as data() and hole() only. False
-    // when it cannot be read, or is not what its sums and its digest say.
+    // Passes the content of the earlier entry that holds it to another sink, by data() and hole() only. False when it
+    // cannot be read or does not match its size or digest.
     using ContentReader = std::function<bool(EntrySink&)>;
 
     virtual ~EntrySink() = default;
     virtual bool begin(const EntryHead& head) = 0;
     virtual bool data(Bytes bytes) = 0;
-    virtual bool hole(std::uint64_t length) = 0;  // so many zero bytes
+    virtual bool hole(std::uint64_t length) = 0;  // zero bytes, `length` of them
 
-    // The entry is whole, and what was given is its content; with tail.contentOf, there was none to give, and
-    // `content` reads it. Digest and sum are then those of the entry that holds it, where that one was read as well.
+    // The entry is complete, and what was passed is its content. With tail.contentOf nothing was passed, and `content`
+    // reads it. Digest and sum are then those of the entry that holds the content, if that entry was read too.
     virtual bool finish(const EntryTail& tail, const ContentReader& content) = 0;
 
-    // The entry that was begun cannot be completed.
+    // The entry cannot be completed.
     virtual void abandon() = 0;
 };
 
-// Joins the parts of a logical record that is split over blocks.
+// Joins the parts of a record that is split over blocks.
 class RecordJoiner {
 public:
     enum class State { partial, whole, damaged };
 
-    // The payload may be at most `limit` bytes long. When the record is whole, payload() is valid until the next call.
+    // The payload may have at most `limit` bytes. When the result is `whole`, payload() is valid until the next call.
     State take(const Record& record, std::size_t limit);
     [[nodiscard]] Bytes payload() const { return payload_; }
     [[nodiscard]] bool joining() const { return joining_; }
@@ -52,30 +52,30 @@ private:
 class EntryReader {
 public:
     enum class Step {
-        more,     // the entry goes on
-        whole,    // head() and tail() describe it; now deliver() or abandon() it
-        stopped,  // the sink wants no more
-        damaged,  // what() says why; the sink was told to abandon what it had begun
+        more,     // the entry is not complete yet
+        whole,    // head() and tail() describe the entry; call deliver() or abandon() next
+        stopped,  // the sink returned false
+        damaged,  // what() says why; the sink has been called to abandon the entry it had begun
     };
 
     explicit EntryReader(EntrySink& sink) : sink_(sink) {}
 
-    // Takes an ENTRY, DATA, HOLE or END record.
+    // Consumes an ENTRY, DATA, HOLE or END record.
     Step take(const Record& record);
 
-    // Gives the tail what the entry that holds the content says of it.
+    // Sets digest and sum of the tail to those of the entry that holds the content.
     void adopt(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum);
 
-    // Tells the sink that the entry is whole; its answer.
+    // Calls finish() of the sink and returns its result.
     bool deliver(const EntrySink::ContentReader& content);
 
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
-    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // with the sum of a file, told or counted
-    [[nodiscard]] std::uint64_t size() const;  // of the content, also when an earlier entry holds it
+    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // for a file with its sum, stored or counted
+    [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry holds it
     [[nodiscard]] const std::string& what() const { return what_; }
 
-    // Gives up the entry that was begun, if any.
+    // Abandons the entry that was begun, if any.
     void abandon();
 
 private:
@@ -92,10 +92,10 @@ private:
     EntryTail tail_;
     RecordJoiner joiner_;
     ContentDigest digest_;
-    std::optional<Digest> known_;  // the digest, when it need not be taken
+    std::optional<Digest> known_;  // the digest, when it was computed in advance
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
-    std::uint64_t zeros_ = 0;  // in the holes
+    std::uint64_t zeros_ = 0;  // bytes in the holes
     std::string what_;
     bool inEntry_ = false;
 };

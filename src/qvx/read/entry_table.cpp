@@ -6,7 +6,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-// Hands on the content of one entry as that of another.
+// Passes only the content of one entry to the sink of another entry.
 class ContentForwarder : public EntrySink {
 public:
     explicit ContentForwarder(EntrySink& sink) : sink_(sink) {}

@@ -1,4 +1,4 @@
-// The entries that went by, for those that refer to them.
+// The entries read so far, for the later entries that refer to them.
 #pragma once
 
 #include "qvx/read/block_reader.h"
@@ -12,29 +12,29 @@ struct EntryPlace {
     std::size_t offset = 0;
 };
 
-// Reads the content of the entry at `place`, which must hold it itself. False when it cannot be read, and when it is
-// not what the tail of the entry that wants it says.
+// Reads the content of the entry at `place`, which must hold it itself. False when it cannot be read or does not match
+// the digest and size in the tail of the entry that refers to it.
 bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& wanted, EntrySink& sink);
 
-// The regular files gone by, to which others may refer: about 100 bytes each.
+// The regular files read so far, to which later entries may refer. About 100 bytes each.
 class EntryTable {
 public:
     void add(const EntryPlace& place, const EntryReader& entry);
 
-    // Null, or what is wrong with the entry's references. An entry whose content another one holds is given that one's
-    // digest and size.
+    // Null, or what is wrong with the references of the entry. An entry whose content another one holds gets the digest
+    // and size of that one.
     const char* resolve(EntryReader& entry) const;
 
-    // Where the entry that holds its own content stands; null when there is no such.
+    // The place of an entry that holds its own content; null when there is no such entry.
     [[nodiscard]] const EntryPlace* placeOf(std::uint64_t number) const;
 
 private:
     struct Known {
         EntryPlace place;
-        std::uint64_t content = 0;  // number of the entry that holds it, this one's own or an earlier one's
+        std::uint64_t content = 0;  // number of the entry that holds the content: this one or an earlier one
         std::optional<Digest> digest;
-        SparseSum sum;            // where the entry says nothing of holes: none
-        bool unreadable = false;  // in part
+        SparseSum sum;            // `holes` is 0 when the entry does not state it
+        bool unreadable = false;  // a part of the content could not be read
     };
 
     [[nodiscard]] const Known* find(std::uint64_t number) const;

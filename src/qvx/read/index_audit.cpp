@@ -18,7 +18,7 @@ bool same(const IndexEntry& a, const IndexEntry& b) {
            a.modifiedSeconds == b.modifiedSeconds && a.incomplete == b.incomplete;
 }
 
-// Compared by value: another writer may share less of the paths.
+// Compared by value: another writer may share a shorter beginning with the path before.
 bool sameEntries(Bytes one, Bytes other) {
     IndexPartDecoder a(one);
     IndexPartDecoder b(other);

@@ -1,4 +1,4 @@
-// Holds index, root and trailer to the entries and blocks that went by.
+// Compares index, root and trailer with the entries and blocks that were read.
 #pragma once
 
 #include "qvx/read/entry_table.h"
@@ -9,7 +9,7 @@ class IndexAudit {
 public:
     void addBlock(const OpenedBlock& block) { blocks_.push_back({block.place, block.header.sealedLength}); }
 
-    // Each null, or what is wrong.
+    // Each returns null, or what is wrong.
     const char* addEntry(const EntryPlace& place, const EntryReader& entry);
     const char* checkPart(Bytes payload, const EntryPlace& place);
     const char* checkRoot(Bytes payload, std::uint64_t block);

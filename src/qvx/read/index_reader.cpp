@@ -10,7 +10,7 @@ namespace {
 
 ReadFault indexFault(std::string what) { return {std::move(what), std::nullopt, std::nullopt, std::nullopt}; }
 
-// The last block is found from the end of the file, and says itself which block it is.
+// The last block has a fixed length, so it is found from the end of the file. Its header states its sequence number.
 std::optional<Trailer> readTrailer(const ArchiveFile& file, const HpkeKeys& keys, ReadFault& fault) {
     fault = indexFault("the end of the archive is cut or damaged");
     if (file.size() < plainHeaderSize + lastBlockSize) return std::nullopt;
@@ -44,7 +44,7 @@ std::unique_ptr<ArchiveIndex> ArchiveIndex::load(const ArchiveFile& file, const 
     return nullptr;
 }
 
-// The root's blocks stand in a row and need no leader.
+// The blocks of the root follow one another and need no leader.
 bool ArchiveIndex::readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer, ReadFault& fault) {
     BlockOpener opener(file, keys);
     RecordJoiner joiner;
@@ -59,7 +59,8 @@ bool ArchiveIndex::readRoot(const ArchiveFile& file, const HpkeKeys& keys, const
         fault = blockFault(place, "the root of the index is malformed");
         const auto record = RecordCursor(block.plain).next();
         if (!record || record->type != RecordType::root) return false;
-        // Each block and each index part that the root names takes more bytes of the file than of the root.
+        // The root is smaller than the file: it has fewer bytes for each block and index part than these take in the
+        // file.
         const auto state = joiner.take(*record, static_cast<std::size_t>(file.size()));
         if (state == RecordJoiner::State::damaged) return false;
         if (state == RecordJoiner::State::whole) {

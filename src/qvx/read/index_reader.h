@@ -1,4 +1,4 @@
-// The index at the end of an archive, read from there without the blocks before it.
+// Reads the index of an archive from the end of the file, without reading the blocks of the entries.
 #pragma once
 
 #include <functional>
@@ -10,7 +10,7 @@ namespace tarnwick::qvx {
 
 class ArchiveIndex {
 public:
-    // Reads trailer and root; both arguments must outlive the index. Null, and `fault` says why, when they are damaged.
+    // Reads trailer and root. Both arguments must outlive the index. Null when they are damaged; `fault` says why.
     static std::unique_ptr<ArchiveIndex> load(const ArchiveFile& file, const HpkeKeys& keys, ReadFault& fault);
 
     [[nodiscard]] std::uint64_t entries() const { return root_.entries; }
@@ -18,12 +18,12 @@ public:
     [[nodiscard]] std::uint64_t partFirst(std::size_t part) const { return root_.parts[part].first; }
     [[nodiscard]] std::uint64_t partBlock(std::size_t part) const { return root_.parts[part].block; }
 
-    // Calls `visit` for the entries of one part, in order, until it answers false. Only one is held at a time. False at
-    // damage, described in `fault`.
+    // Calls `visit` for the entries of one part, in order, until it returns false. Only one entry is in memory at a
+    // time. False at damage; `fault` says what.
     using Visitor = std::function<bool(std::uint64_t number, const IndexEntry& entry)>;
     bool visitPart(std::size_t part, const Visitor& visit, ReadFault& fault);
 
-    // The part that covers the entry; parts() when none does.
+    // The index of the part that covers the entry; parts() when there is none.
     [[nodiscard]] std::size_t partOf(std::uint64_t number) const;
 
     [[nodiscard]] const BlockMap& map() const { return map_; }

@@ -7,8 +7,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
-// Headers without a block behind them cost the opening of what they claim; past so many times the size of the file they
-// were put there to keep a reader busy.
+// A false header costs an attempt to unseal as many bytes as it claims. When the attempts add up to this many times the
+// size of the file, somebody has planted such headers to keep the reader busy, and the scan ends.
 constexpr std::uint64_t mostFutileWork = 16;
 
 class Scanner {
@@ -28,7 +28,7 @@ public:
     }
 
 private:
-    // The length of the block at `position`, header included, if one opens there.
+    // The length of the block at `position`, header included; nothing when no block can be unsealed there.
     std::optional<std::uint64_t> tryBlock(std::uint64_t position) {
         std::string what;
         const auto header = readBlockHeader(file_, position, what);
@@ -45,7 +45,7 @@ private:
         return blockHeaderSize + header->sealedLength;
     }
 
-    // Where the next block magic stands, or the end of the file.
+    // The position of the next block magic, or the end of the file.
     std::uint64_t findMagic(std::uint64_t position) {
         while (position < file_.size()) {
             if (position < windowAt_ || position + blockMagic.size() > windowAt_ + window_.size()) {
@@ -58,7 +58,7 @@ private:
             const auto found = std::search(begin, window_.end(), blockMagic.begin(), blockMagic.end());
             position += static_cast<std::uint64_t>(found - begin);
             if (found != window_.end()) return position;
-            if (position < file_.size()) position -= blockMagic.size() - 1;  // one may stand across the windows
+            if (position < file_.size()) position -= blockMagic.size() - 1;  // a magic may cross the edge of the window
         }
         return position;
     }
@@ -66,7 +66,7 @@ private:
     const ArchiveFile& file_;
     HpkeCipher cipher_;
     std::vector<std::uint8_t> sealed_;
-    std::vector<std::uint8_t> window_;  // of the file, for looking on where it was left
+    std::vector<std::uint8_t> window_;  // a part of the file; the search continues in it
     std::uint64_t windowAt_ = 0;
     std::vector<BlockPlace> found_;
     std::uint64_t futile_ = 0;
@@ -116,7 +116,7 @@ std::uint64_t SalvageWalk::end() {
 bool SalvageWalk::takeRecord(const Record& record, const EntryPlace& place) {
     const bool ofEntry = record.type >= RecordType::entry && record.type <= RecordType::end;
     if (!ofEntry || record.type == RecordType::entry) lose("its end is lost");
-    // What goes on from before a gap belongs to an entry that is already lost.
+    // Records that continue from before a gap belong to an entry that is already reported as lost.
     if (!entry_.inEntry() && record.type != RecordType::entry) return true;
     const auto step = entry_.take(record);
     if (step == EntryReader::Step::damaged) {
@@ -168,7 +168,7 @@ void SalvageWalk::tell(const ReadFault& fault) {
     report_(fault);
 }
 
-// A lost leader takes its whole group along, which is said once.
+// A lost leader makes its whole group unreadable; that is reported once.
 void SalvageWalk::tellOfBlock(const ReadFault& fault) {
     const bool goesOn = run_ && run_->what == fault.what && fault.block == runEnd_ + 1;
     if (!goesOn) {

@@ -1,15 +1,15 @@
-// Saving what can be saved of a damaged archive.
+// Salvages a damaged archive: extracts the intact entries and reports the rest.
 #pragma once
 
 #include "qvx/read/entry_table.h"
 
 namespace tarnwick::qvx {
 
-// Finds every block that opens, also behind damage and out of order, in ascending order. Where headers
-// lead from block to block this reads on from each to the next; elsewhere it tries whatever looks like a header.
+// Finds every block that can be unsealed, also after damage and out of order; the result is in ascending order. From an
+// intact block the search continues at its end; elsewhere it tries every place that looks like a block header.
 BlockMap scanForBlocks(const ArchiveFile& file, const HpkeKeys& keys);
 
-// Goes through blocks in ascending order with gaps, and gives the entries that stand between them.
+// Reads blocks in ascending order, with gaps, and delivers the entries whose blocks are all there.
 class SalvageWalk {
 public:
     using FaultReport = std::function<void(const ReadFault&)>;
@@ -19,10 +19,10 @@ public:
                 LossReport reportLoss)
         : random_(file, keys, map), entry_(sink), report_(std::move(report)), reportLoss_(std::move(reportLoss)) {}
 
-    // Takes a block, or the fault of one. False when the sink stops.
+    // Reads a block, or the fault of one. False when the sink stops.
     bool take(const OpenedBlock& block);
 
-    // Reports the entry that the end cut off. The number of the first entry that was not seen.
+    // Call after the last block. Reports an entry that has no end, and returns the number of the first entry not seen.
     std::uint64_t end();
 
 private:
@@ -42,7 +42,7 @@ private:
     BlockPlace block_;
     std::uint64_t nextBlock_ = 0;
     std::uint64_t nextEntry_ = 0;
-    std::optional<ReadFault> run_;  // of damaged blocks, not yet reported
+    std::optional<ReadFault> run_;  // a run of damaged blocks that is not reported yet
     std::uint64_t runEnd_ = 0;
 };
 
