@@ -38,7 +38,7 @@ public:
     Secret& operator=(const Secret&) = delete;
     ~Secret() { OPENSSL_cleanse(bytes_.data(), bytes_.size()); }
 
-    // Room is asked for once, so that no copy is left behind in memory that was outgrown.
+    // Reserves all memory at once: growing would leave an unwiped copy in the memory that is freed.
     void reserve(std::size_t size) { bytes_.reserve(size); }
     void append(Bytes bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
     void append(std::string_view text) { bytes_.insert(bytes_.end(), text.begin(), text.end()); }
@@ -55,7 +55,7 @@ private:
 };
 
 OSSL_PARAM octets(const char* name, Bytes bytes) {
-    static std::uint8_t nothing = 0;  // OpenSSL refuses an empty string that stands nowhere
+    static std::uint8_t nothing = 0;  // OpenSSL refuses an empty string whose pointer is null
     return OSSL_PARAM_construct_octet_string(name, bytes.empty() ? &nothing : const_cast<std::uint8_t*>(bytes.data()),
                                              bytes.size());
 }
@@ -216,7 +216,7 @@ std::optional<Point> publicPointOf(EVP_PKEY* key) {
         EVP_PKEY_get_group_name(key, group.data(), group.size(), &length) != 1 ||
         std::string_view(group.data(), length) != SN_X9_62_prime256v1)
         return std::nullopt;
-    // The key may keep its point in the compressed form; its coordinates are the same in either.
+    // The key may store its point in compressed form; the coordinates are the same.
     BIGNUM* x = nullptr;
     BIGNUM* y = nullptr;
     EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_EC_PUB_X, &x);

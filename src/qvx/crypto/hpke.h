@@ -1,5 +1,5 @@
-// Hybrid public-key encryption, RFC 9180, base mode, DHKEM(P-256, HKDF-SHA256) with HKDF-SHA256: one key agreement,
-// then any number of messages, each sealed under its sequence number. Built from OpenSSL's primitives.
+// Hybrid public-key encryption (RFC 9180), base mode, DHKEM(P-256, HKDF-SHA256) with HKDF-SHA256: one key agreement,
+// then any number of messages, each sealed with its sequence number. Built from primitives of OpenSSL.
 #pragma once
 
 #include <openssl/evp.h>
@@ -14,14 +14,14 @@
 
 namespace tarnwick::qvx {
 
-// Sets up the cipher library, unless that is done. When it fails, the library must not be used: its functions take for
-// granted what is then missing, and crash.
+// Initialises the cipher library, unless that is done. When it returns false, the library must not be used: its
+// functions assume that the initialisation succeeded, and crash.
 bool startCipherLibrary();
 
 using KeyHandle = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 using Scalar = std::array<std::uint8_t, 32>;
 
-// None unless the bytes are a point of the curve.
+// None when the bytes are not a point of the curve.
 KeyHandle publicKeyFromPoint(Bytes point);
 
 // A private key with its public point; none for a scalar outside 1 to n-1.
@@ -33,7 +33,7 @@ std::optional<Point> publicPointOf(EVP_PKEY* key);
 
 enum class Aead : std::uint16_t { aes128Gcm = 1, aes256Gcm = 2 };
 
-// What both sides share after the agreement. Wiped when it goes.
+// The keys that both sides derive from the agreement. Wiped by the destructor.
 struct HpkeKeys {
     HpkeKeys() = default;
     HpkeKeys(const HpkeKeys&) = default;
@@ -46,18 +46,19 @@ struct HpkeKeys {
 };
 
 struct HpkeSender {
-    Point encapsulated{};  // goes to the recipient
+    Point encapsulated{};  // sent to the recipient
     HpkeKeys keys;
 };
 
-// Agreement with `recipient`, a public key; `ephemeral` is the sender's private key, to be used for this one only.
+// The side of the sender. `recipient` is a public key; `ephemeral` is a private key that is used for this agreement
+// only.
 std::optional<HpkeSender> hpkeSend(Aead aead, EVP_PKEY* recipient, EVP_PKEY* ephemeral, Bytes info);
 
-// The recipient's side, with his private key. None also when `encapsulated` is not a point of the curve.
+// The side of the recipient, with the private key. None also when `encapsulated` is not a point of the curve.
 std::optional<HpkeKeys> hpkeReceive(Aead aead, EVP_PKEY* recipient, Bytes encapsulated, Bytes info);
 
-// Seals or opens messages in any order of their sequence numbers. One thread at a time; copies of the same keys may be
-// used by as many ciphers as there are threads.
+// Seals or opens messages in any order of their sequence numbers. For one thread at a time; other threads may use
+// ciphers with copies of the same keys.
 class HpkeCipher {
 public:
     enum class Direction { seal, open };
@@ -65,10 +66,10 @@ public:
     // Throws std::bad_alloc when OpenSSL cannot make the cipher.
     HpkeCipher(const HpkeKeys& keys, Direction direction);
 
-    // Encrypts `message` in place; its tag is put into `tag`. False on a failure of the library.
+    // Encrypts `message` in place and writes its tag to `tag`. False when the library fails.
     bool seal(std::uint64_t sequence, Bytes additional, MutableBytes message, std::span<std::uint8_t, tagSize> tag);
 
-    // Decrypts `message` in place. False when anything was changed; the bytes are then worthless.
+    // Decrypts `message` in place. False when anything was changed; the bytes in `message` are then meaningless.
     bool open(std::uint64_t sequence, Bytes additional, MutableBytes message,
               std::span<const std::uint8_t, tagSize> tag);
 

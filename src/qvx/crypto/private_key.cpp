@@ -32,7 +32,7 @@ int providePassphrase(char* buffer, int size, int /*forWriting*/, void* data) {
     return length;
 }
 
-// A file can hold a public part that does not belong to its private one.
+// A file may contain a public part that does not match its private part.
 bool partsBelongTogether(EVP_PKEY* key) {
     using CheckContext = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>>;
     const CheckContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));

@@ -1,4 +1,4 @@
-// The recipient's private key, as it stands in a PEM file.
+// Reads and writes the private key of the recipient in PEM form.
 #pragma once
 
 #include <functional>
@@ -10,21 +10,21 @@
 
 namespace tarnwick::qvx {
 
-// Asked at most once for one key, and only if it is encrypted; nothing means that there is none to be had. The text
-// is wiped after use.
+// Called at most once for a key, and only if the key is encrypted. Returns nothing when there is no passphrase. The
+// text is wiped after use.
 using PassphraseSource = std::function<std::optional<std::string>()>;
 
 enum class KeyFault { none, notAKey, openSshForm, notP256, noPassphrase, wrongPassphrase };
 
 struct ParsedKey {
-    KeyHandle key;  // null exactly when there is a fault
+    KeyHandle key;  // null if and only if there is a fault
     KeyFault fault = KeyFault::none;
 };
 
-// A P-256 key in PKCS#8 (plain or encrypted) or SEC1 form; other PEM blocks before it are passed over.
+// Parses a P-256 key in PKCS#8 (plain or encrypted) or SEC1 form. Other PEM blocks before it are skipped.
 ParsedKey parsePrivateKey(std::string_view pem, const PassphraseSource& passphrase);
 
-// The unencrypted PKCS#8 form. Empty on failure. The caller wipes it.
+// The key in unencrypted PKCS#8 form. Empty on failure. The caller wipes it.
 std::string privateKeyPem(EVP_PKEY* key);
 
 }  // namespace tarnwick::qvx

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view keyType = "ecdsa-sha2-nistp256";
 
-// The blob in front of the point: two texts and the point's length, each length of 32 bits, big-endian.
+// The blob up to the point: two texts and the length of the point. Each length has 32 bits, big-endian.
 constexpr std::string_view blobFront(
     "\0\0\0\x13"
     "ecdsa-sha2-nistp256"
@@ -70,7 +70,8 @@ std::optional<Point> parseSshKeyLine(std::string_view line) {
         return std::nullopt;
     Point point;
     std::copy_n(decoded.begin() + blobFront.size(), point.size(), point.begin());
-    // Comparing with the line made from the point checks all that stands before it, and stray bits behind it.
+    // Comparing with the line made from the point also checks the bytes before the point, and unused bits at the end of
+    // the base64 text.
     if (!line.starts_with(sshKeyLine(point))) return std::nullopt;
     return point;
 }

@@ -9,17 +9,17 @@
 
 namespace tarnwick::qvx {
 
-// SHA-256 of the key's wire form: the fingerprint that `ssh-keygen -l` prints.
+// SHA-256 of the wire form of the key: the fingerprint that `ssh-keygen -l` prints.
 Digest sshFingerprint(const Point& point);
 
-// "SHA256:" and base64 without padding, as it is printed.
+// "SHA256:" and base64 without padding, the usual text form.
 std::string fingerprintText(const Digest& fingerprint);
 
-// The line of a key, without comment and without line end.
+// The line of a key, without a comment and without a line end.
 std::string sshKeyLine(const Point& point);
 
-// The point of a line; what follows the base64 text after a blank or line end is a comment. Nothing for another key
-// type or anything but the exact blob. Whether the point is on the curve is not looked at.
+// Parses a key line and returns its point. What follows the base64 text after a blank or line end is a comment. Nothing
+// for another key type or a blob that is not exactly right. Does not check that the point is on the curve.
 std::optional<Point> parseSshKeyLine(std::string_view line);
 
 }  // namespace tarnwick::qvx
