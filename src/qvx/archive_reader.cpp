@@ -11,10 +11,10 @@ namespace {
 
 struct ChosenEntry {
     EntryPlace place;
-    std::uint64_t lastBlock = 0;  // its END stands there or before
+    std::uint64_t lastBlock = 0;  // its END record is in this block or an earlier one
 };
 
-// Names the blocks of chosen entries, each once, and before them the leaders of their groups.
+// Supplies the blocks of the chosen entries, each once, and the leader of a group before its other blocks.
 class ChosenBlocks {
 public:
     ChosenBlocks(const BlockMap& map, std::uint64_t groupLength, const std::vector<ChosenEntry>& chosen)
@@ -59,6 +59,8 @@ public:
             RecordCursor cursor(block_->plain, offset);
             while (const auto record = cursor.next()) {
                 const auto step = entry_.take(*record);
+                // The index comes from the archive: the entry at this place must be the one that the index names, and
+                // still a chosen one.
                 const bool expected = entry_.head().number == place.number && chosen_(place.number, entry_.head().path);
                 if (step == EntryReader::Step::more && expected) continue;
                 if (step == EntryReader::Step::whole) return deliver(place, fault) || stopped(fault);
@@ -83,13 +85,13 @@ private:
         return false;
     }
 
-    // What was put there on the way is not a fault of the archive.
+    // A stop by the sink is not damage. A fault set on the way must not be reported.
     static bool stopped(ReadFault& fault) {
         fault = {};
         return false;
     }
 
-    // The entry that holds the content need not be among the chosen ones.
+    // The entry that holds the content need not be a chosen one, so it is found through the index.
     bool deliver(const EntryPlace& place, ReadFault& fault) {
         table_.resolve(entry_);
         table_.add(place, entry_);
@@ -132,6 +134,8 @@ std::optional<std::vector<ChosenEntry>> chooseEntries(ArchiveIndex& index, std::
                                                       const ArchiveReader::Choice& chosen, ReadFault& fault) {
     std::vector<ChosenEntry> entries;
     const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
+        // An entry ends no later than the block in which the next entry begins; the last entry of a part ends no later
+        // than the block of that index part.
         if (!entries.empty() && entries.back().place.number + 1 == number) entries.back().lastBlock = entry.block;
         if (chosen(number, entry.path))
             entries.push_back({{number, entry.block, entry.offset}, std::max(entry.block, index.partBlock(part))});

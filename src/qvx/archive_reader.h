@@ -1,9 +1,9 @@
-// Reading an archive: listing it from its index, taking out chosen entries, going through all of it, and saving what
-// can be saved of a damaged one. The format is described in docs/qvx-format.md; writing is in archive_library.h.
+// Reads an archive: lists it from its index, extracts chosen entries, checks all of it, and salvages a damaged one.
+// docs/qvx-format.md describes the format; writing is in platform/archive_library.h.
 //
-// What an archive says is hostile until proved: anybody can seal one to a public key. No reader asks for more memory
-// than a small multiple of what it has read from the file, and nothing reaches a sink's finish() that was not held to
-// the archive's own digests.
+// An archive is hostile until it is checked: anybody can seal one to a public key. No function here allocates more than
+// a small multiple of what it has read from the file. EntrySink::finish() is called only for entries that match the
+// digests in the archive.
 #pragma once
 
 #include <functional>
@@ -19,24 +19,25 @@ public:
     using FaultReport = std::function<void(const ReadFault&)>;
     using Choice = std::function<bool(std::uint64_t number, std::string_view path)>;
 
-    // Agrees on the keys of the archive with the recipient's private key. Null, and `fault` says why, when the header
-    // is damaged; a key of somebody else shows only in the fingerprint of the header, or when no block opens.
+    // Derives the keys of the archive from its header and the private key of the recipient. Null when the header is
+    // damaged; `fault` says why. A private key that does not belong to the archive is not noticed here: the fingerprint
+    // in the header differs, and no block can be unsealed.
     static std::unique_ptr<ArchiveReader> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key, ReadFault& fault);
 
-    // Gives the index entries in archive order until `visit` answers false, reading nothing but the index. False at
-    // damage of the index.
+    // Calls `visit` for the index entries in archive order until it returns false. Reads only the index. False when the
+    // index is damaged.
     bool list(const ArchiveIndex::Visitor& visit, ReadFault& fault);
 
-    // Reads the entries that are chosen, in archive order, and only the blocks that hold them. `taken` is their
-    // number. False at the first damage met, and when the sink stops (then the fault says nothing).
+    // Reads the chosen entries in archive order, and only the blocks that hold them. `taken` becomes their count. False
+    // at the first damage, and when the sink stops (`fault` is empty then).
     bool readChosen(const Choice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault);
 
-    // Goes through the whole archive and checks everything: each block and its place, each record, sum and digest, each
-    // reference, index, root and trailer against what they describe, and that nothing follows. False at the first
-    // damage, and when the sink stops (then the fault says nothing).
+    // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each
+    // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block. False
+    // at the first damage, and when the sink stops (`fault` is empty then).
     bool readAll(EntrySink& sink, ReadFault& fault);
 
-    // Reads every entry whose blocks are whole, wherever they stand in the file, and reports what is damaged or lost.
+    // Reads every entry whose blocks are intact, wherever they are in the file, and reports what is damaged or lost.
     // False when the sink stops.
     bool salvage(EntrySink& sink, const FaultReport& report);
 

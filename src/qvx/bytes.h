@@ -1,4 +1,4 @@
-// The byte types that all of the archive library shares.
+// The byte types that the whole archive library uses.
 #pragma once
 
 #include <array>
