@@ -6,11 +6,12 @@
 
 namespace tarnwick {
 
-// The regular files in `directory`, links followed, in the file system's own order; with `includeDirectories` also the
-// directories, with `recurse` also what stands below them (each directory before its contents). Anything else is passed
-// over. A path that is not a directory, or that may not be opened, gives nothing.
-// Throws std::filesystem::filesystem_error on any other error. A subtree is given up quietly on EPERM alone: there the
-// operating system itself forbids the look, while any other failure means that the list would be incomplete unseen.
+// Lists the regular files in `directory`, links followed, in the order of the file system. With `includeDirectories`
+// also the directories; with `recurse` also everything below them, each directory before its contents. Other kinds of
+// file are skipped. A path that is not a directory, or may not be opened, gives an empty list.
+// Throws std::filesystem::filesystem_error on any other error. Below `directory`, only EPERM skips a subtree silently:
+// there the operating system itself forbids access. After any other error the list would be incomplete without a sign
+// of it.
 std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& directory, bool recurse,
                                                  bool includeDirectories);
 

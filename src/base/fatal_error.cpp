@@ -6,7 +6,7 @@ namespace tarnwick {
 
 void raiseFatal(const std::string& message) {
     std::puts(message.c_str());
-    static_cast<void>(std::fflush(stdout));  // where nobody catches the error, the process ends without flushing
+    static_cast<void>(std::fflush(stdout));  // if nobody catches the error, the process ends without flushing
     throw FatalError(message);
 }
 

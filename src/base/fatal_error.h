@@ -1,4 +1,4 @@
-// The one way of ours to end a run with a message.
+// How a run ends with a message.
 #pragma once
 
 #include <stdexcept>
@@ -6,8 +6,8 @@
 
 namespace tarnwick {
 
-// What raiseFatal throws. File-system errors of the standard library are runtime errors too and end a run the same
-// way, so main catches std::runtime_error and not this type.
+// The exception of raiseFatal. File-system errors of the standard library are runtime errors too and end a run in the
+// same way, so main catches std::runtime_error and not this type.
 class FatalError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

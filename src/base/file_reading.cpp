@@ -29,7 +29,7 @@ FileDescriptor openTrustedFile(const std::filesystem::path& path) {
     return file;
 }
 
-// The size is not asked for beforehand: the file may be growing while it is read.
+// Does not use the size of the file: the file may grow while it is read.
 std::optional<std::string> readToEnd(const FileDescriptor& file, std::size_t limit) {
     std::string bytes;
     std::size_t filled = 0;

@@ -17,7 +17,8 @@ namespace {
 
 constexpr int maxLinks = 40;  // the kernel's own limit
 
-// One call for nearly every path. Kernels and sandboxes without openat2 answer with an error, as a link does.
+// Nearly every path has no link and needs this one call only. Where openat2 is missing (old kernels, sandboxes), it
+// fails as it does at a link, and the path is opened by components.
 FileDescriptor openWithoutLinks(const std::string& path) {
     open_how how{};
     how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
@@ -39,7 +40,7 @@ void pushComponents(std::string_view path, std::vector<std::string>& pending) {
 
 bool isOurs(const struct stat& status) { return status.st_uid == 0 || status.st_uid == ::geteuid(); }
 
-// A user who can write to the folder can rename a link of root in it, or put another one in its place.
+// A user who can write to the folder can rename a link of root in it, or replace the link.
 bool isTrusted(const struct stat& link, const FileDescriptor& folder) {
     struct stat status {};
     if (!isOurs(link) || ::fstat(folder.get(), &status) != 0 || !isOurs(status)) return false;

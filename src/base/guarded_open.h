@@ -1,4 +1,4 @@
-// Opening directories in whose path a stranger may have placed a link.
+// Opens directories whose path may lead through a link that another user has planted.
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 namespace tarnwick {
 
-// Opens the directory at `path` (absolute, ".." allowed) for lookups only (O_PATH), one component below the other. A
-// component that is a link is followed only if root, or the user of this process, owns the link and its folder, and
-// nobody else can write to the folder (a sticky one is safe): others could replace the link at any moment, between two
-// looks as well. The target of such a link is opened under the same rule.
+// Opens the directory at `path` (absolute, ".." allowed) for lookups only (O_PATH), one component after the other. A
+// link is followed only if root or the user of this process owns both the link and its folder, and nobody else can
+// write to the folder (a sticky one is safe). In other folders somebody could replace the link at any moment, also
+// between two checks. The target of a link is opened under the same rule.
 // No descriptor on failure, with errno set; ELOOP means that a link was not followed.
 FileDescriptor openDirectoryGuarded(const std::string& path);
 

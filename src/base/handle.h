@@ -1,4 +1,4 @@
-// Owning a C handle: std::unique_ptr with a deleter that has no state, so that a handle is one pointer wide.
+// Owns a C handle: std::unique_ptr with a deleter without state, so that it is as large as one pointer.
 //
 //   using PrivateKey = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 #pragma once
@@ -15,8 +15,8 @@ struct FreeWith {
     void operator()(auto* handle) const noexcept { Free(handle); }
 };
 
-// Owns a file descriptor, -1 for none. The destructor closes without looking at the result: where the result of a
-// close counts (a file that was written), take the descriptor out with release() and close it by hand.
+// Owns a file descriptor, -1 for none. The destructor closes it and ignores the result. Where that result matters (a
+// file that was written), call release() and close the descriptor yourself.
 class FileDescriptor {
 public:
     FileDescriptor() = default;

@@ -14,7 +14,7 @@ std::string jsonString(std::string_view text) {
         const auto byte = static_cast<unsigned char>(text[0]);
         if (character.length == 0) {
             json += {'\\', 'u', 'd', 'c', digits[byte >> 4], digits[byte & 15]};
-        } else if (!isPrintable(character)) {  // all of these have a place among the first 65536
+        } else if (!isPrintable(character)) {  // all characters that are not printable are below 65536
             json += "\\u";
             for (int shift = 12; shift >= 0; shift -= 4) json += digits[character.point >> shift & 15];
         } else if (byte == '"' || byte == '\\') {

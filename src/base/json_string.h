@@ -1,4 +1,4 @@
-// Text of any bytes in JSON.
+// Arbitrary bytes as a JSON string.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// The form in which most messages show a path.
+// Paths in the form that most messages show.
 #pragma once
 
 #include <filesystem>
@@ -6,7 +6,7 @@
 
 namespace tarnwick {
 
-// The path in double quotes, each embedded double quote and backslash behind a backslash. Other bytes stay as they are.
+// The path in double quotes, with a backslash before each double quote and backslash in it. Other bytes are unchanged.
 std::string quotedPath(const std::filesystem::path& path);
 
 }  // namespace tarnwick

@@ -1,12 +1,12 @@
-// Random file names, for folders in which others can create files or a run may have left some.
+// Random file names, for folders in which others can create files or an earlier run may have left some.
 #pragma once
 
 #include <string>
 
 namespace tarnwick {
 
-// 16 hexadecimal digits from the kernel's random numbers, so that nobody can guess the name and take it first. Throws
-// std::system_error when the kernel gives none.
+// 16 hexadecimal digits from the random numbers of the kernel, so that nobody can guess the name and create it first.
+// Throws std::system_error when the kernel returns none.
 std::string randomDigits();
 
 }  // namespace tarnwick

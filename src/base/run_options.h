@@ -1,4 +1,4 @@
-// What the command line settles for a run. One instance, owned by main.
+// The options of a run. One instance, owned by main.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ struct RunOptions {
     std::string destinationVolume = "Preboot";    // identifier that volctl understands
     std::filesystem::path captureSpecPath;        // empty: the configuration built into the executable
     bool nonInteractive = false;                  // no prompt for one-time consent
-    bool skipEncrypted = false;                   // kept beside nonInteractive; nothing asks for it
+    bool skipEncrypted = false;                   // set together with nonInteractive; nothing reads it
     bool force = false;                           // consent counts as granted on every volume (internal builds)
     std::uint64_t captureSizeLimit = 1073741824;  // bytes in the capture store, the new archive included
 };

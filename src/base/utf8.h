@@ -1,4 +1,4 @@
-// Text in UTF-8 that may be anything: names from disks and archives, property lists.
+// Reads UTF-8 from text that may be anything: names from disks and archives, property lists.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,13 @@ struct Character {
     char32_t point = 0;
 };
 
-// The character at the beginning of `text`, which is not empty (RFC 3629, section 4).
+// The first character of `text`, which must not be empty (RFC 3629, section 4).
 Character firstCharacter(std::string_view text);
 
 bool isUtf8(std::string_view text);
 
-// Whether somebody who reads it sees it, and no more than it: not a control, which terminals obey, and not what breaks
-// the line, turns the direction of writing or has no width.
+// Whether a reader sees the character as it is. False for control characters, which terminals obey, and for characters
+// that break the line, change the direction of writing or have no width.
 bool isPrintable(const Character& character);
 
 }  // namespace tarnwick

@@ -1,4 +1,4 @@
-// Names that come from a disk, made fit for a terminal and for a property list.
+// Makes names from a disk safe for a terminal and for a property list.
 #pragma once
 
 #include <string>
@@ -6,11 +6,11 @@
 
 namespace tarnwick {
 
-// The text with every control byte, and every byte that is no part of valid UTF-8, written as \xNN.
+// The text with every control byte, and every byte that is not part of valid UTF-8, written as \xNN.
 std::string visibleText(std::string_view bytes);
 
-// Whether the text holds nothing but letters, digits and the bytes / . _ - : @ + , = ~ and blank. Mount points and
-// device names are pasted into shell commands by the program that asks, so that nothing else may leave this one.
+// Whether the text contains only letters, digits, blanks and the bytes / . _ - : @ + , = ~. A program that calls this
+// one pastes mount points and device names into shell commands, so no other byte may be printed.
 bool isPlainName(std::string_view bytes);
 
 }  // namespace tarnwick

@@ -1,12 +1,12 @@
-// How much to give to a file at once.
+// The size of the pieces in which files are written.
 #pragma once
 
 #include <cstddef>
 
 namespace tarnwick {
 
-// The kernel keeps the memory of files at the size it was written in, and has pieces of up to 8 pages lying ready on
-// each core. Larger ones it must look for: writing by the mebibyte took up to five times as long.
+// The page cache keeps the data of a write in units of the size of that write. Units of up to 8 pages are kept ready on
+// each core; the kernel must search for larger ones. Writes of 1 MiB took up to five times as long.
 constexpr std::size_t writePiece = 32768;  // bytes
 
 }  // namespace tarnwick
