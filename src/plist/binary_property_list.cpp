@@ -12,14 +12,14 @@ constexpr std::string_view magic = "bplist00";
 constexpr std::size_t trailerSize = 32;
 constexpr int deepestNesting = 512;
 
-// What one value costs in memory besides its own bytes, and the most that all values of a document may cost. A
-// reference of one byte can stand for a large value again and again, so the file's size alone bounds nothing.
+// The memory that one value takes besides its own bytes, and the limit for all values of a document. Many references of
+// one byte each can name the same large value, so the size of the file does not bound the memory.
 constexpr std::uint64_t valueCost = 64;
 constexpr std::uint64_t largestCost = 256 << 20;
 constexpr std::uint64_t freeCost = 1 << 20;
 constexpr std::uint64_t costPerByte = 64;
 
-// The years 1 to 9999, which every reader of dates can hold.
+// The years 1 to 9999, which every reader of dates supports.
 constexpr double earliestDate = -63113904000;
 constexpr double latestDate = 252423993600;
 
@@ -75,7 +75,7 @@ void appendUtf8(std::string& text, std::uint32_t point) {
     push(0xf0 | point >> 18), tail(12), tail(6), tail(0);
 }
 
-// A surrogate without its partner has no UTF-8 form.
+// A surrogate without its partner cannot be written in UTF-8.
 Value utf16From(std::string_view bytes) {
     std::string text;
     const auto unit = [&](std::size_t at) { return static_cast<std::uint32_t>(bigEndian(bytes.substr(at, 2))); };
@@ -92,7 +92,7 @@ Value utf16From(std::string_view bytes) {
     return PropertyListValue{std::move(text)};
 }
 
-// A cursor in the objects that can never leave them.
+// A position in the objects that cannot leave them.
 struct Cursor {
     std::string_view rest;
 
@@ -128,11 +128,11 @@ private:
         if (tableStart < magic.size() || tableStart > tableEnd) return false;
         objects_ = document_.substr(0, tableStart);
         offsets_ = document_.substr(tableStart, tableEnd - tableStart);
-        // The division keeps a count near 2^64 from wrapping round; the table must fill its place to the byte.
+        // The division prevents an overflow by a count near 2^64. The table must fill its place exactly.
         return objectCount_ <= offsets_.size() / offsetWidth_ && objectCount_ * offsetWidth_ == offsets_.size();
     }
 
-    // A reference that leads back to an object above it needs no mark of its own: it runs into the nesting limit.
+    // A cycle of references is not detected as such: it reaches the nesting limit.
     Value object(std::uint64_t reference, int depth) {
         if (reference >= objectCount_ || depth > deepestNesting || !charge(valueCost)) return std::nullopt;
         const auto offset = bigEndian(offsets_.substr(reference * offsetWidth_, offsetWidth_));
@@ -198,7 +198,7 @@ private:
         return PropertyListValue{std::move(entries)};
     }
 
-    // The bytes of an object whose count stands in the token or, when that says 15, in the integer behind it.
+    // The bytes of an object. Their count is in the token or, when that is 15, in the integer after it.
     static std::optional<std::string_view> counted(Cursor& cursor, unsigned token, std::uint64_t width) {
         std::uint64_t count = token & 0xf;
         if (count == 0xf) {
@@ -225,7 +225,7 @@ private:
     }
 
     std::string_view document_;
-    std::string_view objects_;  // the magic included, as offsets count from the start of the document
+    std::string_view objects_;  // with the magic, since offsets count from the start of the document
     std::string_view offsets_;
     std::uint64_t offsetWidth_ = 0;
     std::uint64_t referenceWidth_ = 0;

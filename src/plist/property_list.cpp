@@ -51,8 +51,8 @@ std::optional<PropertyListDictionary> readTrustedPropertyListFile(const std::fil
     return parseFile(openTrustedFile(path));
 }
 
-// The buffer holds one byte for each UTF-16 unit of the string. What needs more bytes than units in UTF-8, which is
-// every text with a character outside ASCII, does not fit and counts as no text at all.
+// The buffer has one byte for each UTF-16 unit of the string. A text with a character outside ASCII needs more bytes in
+// UTF-8 than it has units, so it does not fit and counts as no text.
 std::string textFromPlatformString(const PropertyListValue* value) {
     const auto* text = value ? value->as<std::string>() : nullptr;
     if (!text || text->size() > utf16Length(*text)) return {};

@@ -1,5 +1,5 @@
-// Property lists: the value model, and reading them from text and from files. Two forms are read and told apart by
-// their content: the XML form (xml_property_list.h) and the binary form "bplist00" (binary_property_list.h).
+// Property lists: their values, and parsing them from text and from files. There are two forms, distinguished by their
+// content: XML (xml_property_list.h) and the binary form "bplist00" (binary_property_list.h).
 #pragma once
 
 #include <cstddef>
@@ -29,8 +29,8 @@ struct PropertyListUid {
     std::uint64_t number = 0;  // binary form only
 };
 
-// One value. Integers are signed 64-bit, except those beyond its range, which are kept unsigned. Strings are valid
-// UTF-8. The parsers bound the nesting, so that walking a value recursively is safe.
+// One value. Integers are signed 64-bit; those beyond that range are unsigned. Strings are valid UTF-8. The parsers
+// limit the nesting, so recursion over a value is safe.
 struct PropertyListValue {
     std::variant<bool, std::int64_t, std::uint64_t, double, PropertyListDate, PropertyListUid, PropertyListData,
                  std::string, PropertyListArray, PropertyListDictionary>
@@ -46,31 +46,31 @@ struct PropertyListValue {
 // The value stored under `key`, or null. The pointer lives as long as the dictionary.
 const PropertyListValue* findValue(const PropertyListDictionary& dictionary, std::string_view key);
 
-// As findValue, but null also when the value is of another type than T.
+// findValue for a value of type T; null also when the value has another type.
 template <typename T>
 const T* findValueAs(const PropertyListDictionary& dictionary, std::string_view key) {
     const auto* found = findValue(dictionary, key);
     return found ? found->as<T>() : nullptr;
 }
 
-// Parses either form. Anything malformed, trailing bytes included, gives nothing.
+// Parses either form. Nothing for malformed input, trailing bytes included.
 std::optional<PropertyListValue> parsePropertyList(std::string_view bytes);
 
-// As parsePropertyList, but a root that is not a dictionary gives nothing as well.
+// parsePropertyList for a root that must be a dictionary; nothing for another root.
 std::optional<PropertyListDictionary> parsePropertyListText(std::string_view text);
 
 inline constexpr std::size_t maxPropertyListFile = 16 << 20;  // bytes; a larger file is refused
 
-// Reads and parses a file whose root must be a dictionary. Links are followed. A path is text as any other here, and
-// one that is not UTF-8 names nothing. The file may stand on a volume that belongs to a stranger: something that is not
-// a regular file is not waited for, and a file past maxPropertyListFile is refused.
+// Reads and parses a file whose root must be a dictionary. Follows links. A path that is not UTF-8 finds nothing. The
+// file may be on a volume that another person controls: it must be a regular file (nothing else is waited for) of at
+// most maxPropertyListFile bytes.
 std::optional<PropertyListDictionary> readPropertyListFile(const std::filesystem::path& path);
 
-// As readPropertyListFile, for a file that decides what root does (openTrustedFile).
+// readPropertyListFile for a file that decides what root does (openTrustedFile).
 std::optional<PropertyListDictionary> readTrustedPropertyListFile(const std::filesystem::path& path);
 
-// The text of a string value; empty when there is no value, when it is not a string, and when the string holds
-// anything outside ASCII (the reader's buffer is sized by UTF-16 units, and a longer text does not fit).
+// The text of a string value. Empty when there is no value, when it is not a string, and when the string contains a
+// character outside ASCII (the buffer is sized by UTF-16 units, and such a text does not fit).
 std::string textFromPlatformString(const PropertyListValue* value);
 
 }  // namespace tarnwick

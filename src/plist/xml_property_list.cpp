@@ -30,7 +30,7 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-// The whole of `text` as a number, or nothing. Locale-free.
+// All of `text` as a number, or nothing. Independent of the locale.
 template <typename Number, typename... Format>
 std::optional<Number> number(std::string_view text, Format... format) {
     Number parsed{};
@@ -39,7 +39,7 @@ std::optional<Number> number(std::string_view text, Format... format) {
     return parsed;
 }
 
-// from_chars knows no plus sign, and must not see the minus sign behind one.
+// from_chars does not accept a plus sign, but would accept a minus sign after the plus that is removed here.
 std::string_view withoutPlus(std::string_view text) {
     return text.size() > 1 && text[0] == '+' && text[1] != '-' ? text.substr(1) : text;
 }
@@ -60,7 +60,7 @@ Value realFrom(std::string_view text) {
     return parsed ? Value(PropertyListValue{*parsed}) : std::nullopt;
 }
 
-// Nothing but YYYY-MM-DDTHH:MM:SSZ.
+// Accepts only YYYY-MM-DDTHH:MM:SSZ.
 Value dateFrom(std::string_view text) {
     using namespace std::chrono;
     text = trimmed(text);
@@ -120,8 +120,8 @@ constexpr std::array<LeafElement, 8> leafElements{{
     {"false", booleanFrom<false>},
 }};
 
-// What expat tells, put together. The first fault stops the parser; expat may still deliver an event or two after
-// that, which every handler lets pass.
+// Builds the value from the events of expat. The first fault stops the parser. expat may still deliver an event or two
+// after that; every handler ignores them.
 class Builder {
 public:
     explicit Builder(XML_Parser parser) : parser_(parser) {}
@@ -164,7 +164,7 @@ private:
     struct Open {
         Kind kind;
         PropertyListValue container;
-        std::optional<std::string> key;  // read, and waiting for its value
+        std::optional<std::string> key;  // read; its value comes next
     };
 
     void startValue(std::string_view name) {
@@ -227,7 +227,7 @@ Builder* live(void* userData) {
     return builder->failed() ? nullptr : builder;
 }
 
-// noexcept: an exception must not pass through expat's frames, so running out of memory ends the program here.
+// noexcept: an exception must not pass through the frames of expat, so running out of memory ends the program here.
 void onStart(void* userData, const XML_Char* name, const XML_Char**) noexcept {
     if (auto* builder = live(userData)) builder->start(name);
 }
@@ -241,12 +241,12 @@ void onText(void* userData, const XML_Char* text, int length) noexcept {
     if (auto* builder = live(userData)) builder->text({text, static_cast<std::size_t>(length)});
 }
 
-// All that makes a small document large, or a reader slow, is declared in an internal subset.
+// Refused, because everything that makes a small document large, or a reader slow, is declared in an internal subset.
 void onDoctype(void* userData, const XML_Char*, const XML_Char*, const XML_Char*, int hasInternalSubset) noexcept {
     if (auto* builder = live(userData); builder && hasInternalSubset != 0) builder->fail();
 }
 
-// Behind a document type expat would leave out a reference to an entity that it does not know.
+// After a document type, expat would silently skip a reference to an entity that is not declared.
 void onSkippedEntity(void* userData, const XML_Char*, int) noexcept {
     if (auto* builder = live(userData)) builder->fail();
 }
@@ -256,8 +256,8 @@ struct Prolog {
     std::string_view after;
 };
 
-// Our own summaries carry a document type line in which the public and the system identifier run together inside one
-// pair of quotes. No XML parser takes that, so such a line in its usual place is cut out.
+// Summaries written by this program have a document type line in which the public and the system identifier are joined
+// inside one pair of quotes. No XML parser accepts that, so such a line in its usual place is removed.
 Prolog cutRunTogetherDocumentType(std::string_view bytes) {
     constexpr std::string_view opening = "<!DOCTYPE plist PUBLIC \"";
     auto at = bytes.starts_with("<?xml") ? bytes.find("?>") : 0;
@@ -273,7 +273,7 @@ bool feed(XML_Parser parser, std::string_view bytes, bool last) {
     return XML_Parse(parser, bytes.data(), static_cast<int>(bytes.size()), last) == XML_STATUS_OK;
 }
 
-// The length of the character at the start of `text`, or 0 when XML cannot hold it.
+// The length of the character at the start of `text`; 0 when XML cannot contain it.
 std::size_t xmlCharacterLength(std::string_view text) {
     const auto character = firstCharacter(text);
     const bool control = character.point < 0x20 && blanks.find(text[0]) == std::string_view::npos;
@@ -285,7 +285,7 @@ void appendCharacter(std::string& out, std::string_view character) {
         case '&': out += "&amp;"; break;
         case '<': out += "&lt;"; break;
         case '>': out += "&gt;"; break;
-        case '\r':  // a bare one would be read back as a line feed
+        case '\r':  // otherwise a reader turns it into a line feed
             out += "&#13;";
             break;
         default: out += character;
@@ -324,7 +324,8 @@ std::string padded(unsigned number, std::size_t width) {
     return digits.insert(0, width - std::min(width, digits.size()), '0');
 }
 
-// Dates that the text form cannot hold (not a number, outside the years 1 to 9999) become the nearest one that it can.
+// A date that the text form cannot express (not a number, outside the years 1 to 9999) becomes the nearest one that it
+// can.
 std::string dateText(PropertyListDate date) {
     using namespace std::chrono;
     constexpr double earliest = -63113904000, latest = 252423993599;
@@ -366,7 +367,8 @@ private:
     }
 
     void put(const PropertyListDictionary& entries) {
-        // Keys may become equal by what is left out of them; the last one holds, as it does for a reader.
+        // Two keys may become equal when characters are left out of them. The last one is written, as it is the last
+        // one that a reader keeps.
         std::map<std::string, const PropertyListValue*> written;
         for (const auto& [key, value] : entries) written.insert_or_assign(escaped(key), &value);
         line("<dict>");

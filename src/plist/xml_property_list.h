@@ -12,8 +12,9 @@ namespace tarnwick {
 // declaration) and nesting past 512 give nothing. Of two equal keys the last one holds. Attributes are ignored.
 std::optional<PropertyListValue> parseXmlPropertyList(std::string_view bytes);
 
-// The document for `root`, with XML declaration, document type and a final line end. What XML cannot hold (control
-// bytes, broken UTF-8) is left out of strings. A UID is written as an integer, a date is cut to whole seconds.
+// The document for `root`, with XML declaration, document type and a final line end. Bytes that XML cannot contain
+// (control bytes, broken UTF-8) are left out of strings. A UID is written as an integer; a date loses its fraction of a
+// second.
 std::string writeXmlPropertyList(const PropertyListValue& root);
 
 }  // namespace tarnwick
