@@ -81,19 +81,19 @@ void removeIfAbandoned(const fs::path& path) {
     if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
 }
 
-// A run that was killed leaves its hidden file, which would take room for ever.
+// A run that was killed leaves its hidden file, which would take up space forever.
 void removeAbandonedCopies(const fs::path& folder) {
     for (const auto& path : listDirectory(folder, false, false))
         if (isHiddenName(path.filename())) removeIfAbandoned(path);
 }
 
-// The copy while it is written. It has no name, or a hidden one on file systems that need one.
+// A copy that is not complete. It has no name, or a hidden one on file systems that need one.
 struct UnfinishedCopy {
     FileDescriptor file;
     std::string hiddenName;  // empty: none
 };
 
-// Another run may remove the file before it is locked; then the name is gone.
+// Another run may remove the file before it is locked here; then its name is gone.
 UnfinishedCopy createHidden(int folder) {
     UnfinishedCopy copy;
     do {
@@ -139,7 +139,7 @@ bool placeCopy(int source, int folder, const char* name) {
     return false;
 }
 
-// The copy takes its name when it is complete and on the disk, so no capture in the store is incomplete.
+// The copy gets its name when it is complete and synced, so no capture in the store is incomplete.
 bool copyIntoPlace(const fs::path& archive, const fs::path& target) {
     const FileDescriptor source(::open(archive.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     const FileDescriptor folder(::open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -162,7 +162,7 @@ std::vector<CaptureRecord> listCaptures(const RunOptions& options) {
 void storeArchive(const RunOptions& options, const VolumeInfo& destination, const fs::path& archivePath,
                   std::uint64_t archiveSize) {
     pruneOldest(listCaptures(options), archiveSize, options.captureSizeLimit);
-    // Listed again: pruning subtracts a capture even when it was already gone.
+    // Listed again, because pruning subtracts the size of a capture even when it had already vanished.
     if (archiveSize + totalSize(listCaptures(options)) > options.captureSizeLimit)
         raiseFatal("insufficient space on output volume for captured data");
     const fs::path folder = storeFolder(destination);

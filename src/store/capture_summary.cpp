@@ -18,7 +18,7 @@ constexpr std::array<const char*, 5> unitNames = {"B", "KB", "MB", "GB", "TB"};
 
 void printLine(const std::string& line) { std::cout << line << '\n' << std::flush; }
 
-// The logarithm of zero is minus infinity, which no integer holds: zero bytes are counted in the smallest unit.
+// log(0) is minus infinity, which no integer can hold: zero bytes use the smallest unit.
 unsigned unitFor(std::uint64_t bytes) {
     if (bytes == 0) return 0;
     const double exponent = std::floor(std::log(static_cast<double>(bytes)) / logOf1024);
@@ -39,8 +39,8 @@ void printSummary(const std::vector<CaptureRecord>& captures, bool asPlist) {
 }
 
 void printSummaryPlist(const std::vector<CaptureRecord>& captures) {
-    // Programs read this text as it is: it begins with an empty line, and public and system identifier run together
-    // inside one pair of quotes.
+    // Programs depend on these exact bytes: an empty first line, and the public and system identifier inside one pair
+    // of quotes.
     std::cout << "\n"
                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                  "<!DOCTYPE plist PUBLIC \"-//Vexlor//DTD PLIST 1.0//EN"
@@ -65,7 +65,8 @@ void printSummaryPlist(const std::vector<CaptureRecord>& captures) {
 
 std::string formatByteSize(std::uint64_t bytes) {
     const unsigned unit = unitFor(bytes);
-    // Through single precision: the sizes shown by earlier versions, and compared with them, were rounded so.
+    // Rounded to single precision, as in earlier versions: people and programs compare these sizes with the ones shown
+    // then.
     const double value = static_cast<double>(static_cast<float>(bytes)) / std::pow(2.0, 10.0 * unit);
     std::array<char, 99> text{};
     std::snprintf(text.data(), text.size(), "%.2f%s", value, unitNames[unit]);

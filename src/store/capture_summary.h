@@ -1,4 +1,4 @@
-// The two service modes: telling what the capture store holds, and emptying it.
+// The two service modes: list the capture store, and empty it.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,16 @@
 
 namespace tarnwick {
 
-// Prints the listing on standard output, as text or as an XML property list whose paths are not escaped.
+// Prints the list on standard output, as text or as an XML property list. Paths in the XML are not escaped.
 void printSummary(const std::vector<CaptureRecord>& captures, bool asPlist);
 void printSummaryPlist(const std::vector<CaptureRecord>& captures);
 
-// "1.50KB": steps of 1024 under their decimal names, two decimals. From 1024 to the fifth on the unit stays "TB".
+// For example "1.50KB": the units are powers of 1024 with decimal names, with two decimals. Sizes from 1024^5 on keep
+// the unit "TB".
 std::string formatByteSize(std::uint64_t bytes);
 
-// Removes every capture that the store lists, nothing else. Always true. A capture that cannot be removed, other than
-// by having vanished, throws std::filesystem::filesystem_error.
+// Removes every capture that the store lists and nothing else. Always returns true. A capture that has vanished is not
+// an error; one that cannot be removed throws std::filesystem::filesystem_error.
 bool cleanupCaptures(RunOptions& options);
 
 }  // namespace tarnwick
