@@ -21,7 +21,7 @@ std::optional<std::uint32_t> base64Value(char character) {
     return position == std::string_view::npos ? std::nullopt : std::optional(static_cast<std::uint32_t>(position));
 }
 
-// Reads the fields of a blob one after the other, never past the blob's capacity.
+// Reads the fields of a blob in order, never past the capacity of the blob.
 class BlobFields {
 public:
     BlobFields(const std::byte* blob, std::uint64_t capacity) : blob_(blob), capacity_(capacity) {}
@@ -79,7 +79,7 @@ bool decodeBase64(std::uint64_t sourceLength, const char* source, bool skipWhite
         }
         group = group << 6 | *value;
         if (++inGroup < 4) continue;
-        // One or two padding characters end the text; more than two are no padding and stand for zero bits.
+        // One or two padding characters end the text. Three or four are not padding; they count as zero bits.
         ended = padding == 1 || padding == 2;
         store(ended ? 3 - padding : 3);
         group = 0;

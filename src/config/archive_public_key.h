@@ -12,19 +12,20 @@ namespace tarnwick {
 
 inline constexpr std::size_t publicPointLength = 65;
 
-// Fills `point` (room for 65 bytes) and `pointLength` from a key line; true exactly when a point was produced. Whether
-// the point lies on the curve is for the archive library to say. Throws std::out_of_range when the line ends right
-// after the key type.
+// Fills `point` (room for 65 bytes) and `pointLength` from a key line. True if and only if it found a point. The
+// archive library checks whether the point is on the curve. Throws std::out_of_range when the line ends right after the
+// key type.
 bool parseArchivePublicKey(const std::string& keyText, std::byte* point, std::uint64_t& pointLength);
 
-// Base64 of RFC 4648. A zero byte or any byte outside the alphabet ends the text without failing (white space can be
-// skipped instead), and so does a padded group, whatever follows it. Returns false for an empty text, an incomplete
-// last group, a data character after padding, and more bytes than `capacity`, which is never overrun.
+// Base64 of RFC 4648. A zero byte or any byte outside the alphabet ends the text without an error (white space is
+// skipped instead with `skipWhitespace`); so does a group with padding, whatever follows it. False for an empty text,
+// an incomplete last group, a data character after padding, and more bytes than `capacity`. Never writes past
+// `capacity`.
 bool decodeBase64(std::uint64_t sourceLength, const char* source, bool skipWhitespace, std::uint64_t capacity,
                   std::uint64_t& decodedLength, std::byte* decoded);
 
-// Takes the point out of a key blob. Bounds are those of the buffer, `blobCapacity`, not of what was decoded into it:
-// the buffer is zero-filled, and a point that the text cut short reads as ending in zeros.
+// Reads the point from a key blob. The bound is the size of the buffer, `blobCapacity`, not the count of decoded bytes:
+// the buffer is filled with zeros, so a point that the text cut short ends in zeros.
 bool parseKeyBlob(std::byte* point, std::uint64_t& pointLength, const std::byte* blob, std::uint64_t blobCapacity);
 
 }  // namespace tarnwick

@@ -43,7 +43,7 @@ std::vector<CaptureDirective> loadCaptureSpec(const std::string& configurationPa
     const auto value = configuredValue(configurationPath, "CaptureSpec");
     const auto* entries = value ? value->as<PropertyListArray>() : nullptr;
     if (!entries) return directives;
-    // Last to first: searches run, and the execution log reads, in this order.
+    // From last to first: this is the order of the searches and of the execution log.
     for (auto entry = entries->rbegin(); entry != entries->rend(); ++entry)
         if (const auto* dictionary = entry->as<PropertyListDictionary>())
             directives.push_back(readDirective(*dictionary));

@@ -1,8 +1,8 @@
 // The two items of the configuration: the capture specification, and the key that archives are sealed to.
 //
-// Both come from one property-list dictionary: the file at the configuration path, or, when that path is empty, the
-// dictionary embedded in the executable (on internal builds without one, that of the tests' bundle). A file that is
-// named is the only source: what it lacks is not taken from elsewhere. Every failure gives an empty result, silently.
+// Both come from one property-list dictionary: the file at the configuration path or, when that path is empty, the
+// dictionary embedded in the executable (on internal builds without one, that of the test bundle). When a file is
+// named, it is the only source: nothing it lacks is taken from elsewhere. Every failure silently gives an empty result.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ struct CaptureDirective {
     std::string Expression = "MISSING DATA 3";  // POSIX basic regular expression over whole paths
 };
 
-// The directives from the last to the first as they stand in the configuration. Read afresh on every call.
+// The directives in reverse order of the configuration. Reads the configuration on every call.
 std::vector<CaptureDirective> loadCaptureSpec(const std::string& configurationPath);
 
 // The recipient's key line (archive_public_key.h).

@@ -16,8 +16,8 @@ namespace {
 constexpr const char* configAssetType = "com.vexlor.Provisor.tarnwick.config";
 constexpr std::int64_t noResultYet = -1;
 
-// The one thing that the service's thread and the waiting thread share. Both hold a share of it, so that a result which
-// comes after the wait was given up still has a place to go.
+// Shared by the thread of the service and the waiting thread. Both own a share, so that a result that arrives after the
+// wait has ended still has a valid target.
 class Completion {
 public:
     void report(std::int64_t code) {
@@ -38,7 +38,7 @@ private:
     std::int64_t result_ = noResultYet;
 };
 
-// The pattern of both downloads: `what` is the word that tells their messages apart.
+// Performs either download and waits for it. `what` names it in messages.
 template <typename Request>
 bool download(const std::string& what, std::chrono::seconds timeAllowed, const Request& request) {
     const DownloadOptions options{.discretionary = false, .requiresExternalPower = false};
@@ -65,7 +65,7 @@ bool makePresent(const Asset& asset) {
 }  // namespace
 
 std::string fetchConfigAsset() {
-    // Without a service there is no catalog to refresh, and nothing to wait for or to warn of.
+    // Without a service there is no catalog to refresh and nothing to warn about.
     if (assetServiceConfigured() && !downloadCatalog(configAssetType))
         logWarning("catalog update failed, will continue to look for assets using existing catalog...");
     const auto answer = queryAssetsNow(configAssetType, assetQueryKindAll);

@@ -1,6 +1,6 @@
-// The configuration asset: a configuration that replaces the one built into the executable. It came with the package or
-// is brought onto this machine by the asset service. Everything here runs on the main thread, which blocks while the
-// service works on its own.
+// The configuration asset: a configuration that replaces the one built into the executable. The package installs it, or
+// the asset service downloads it. Everything here runs on the main thread, which blocks while the thread of the service
+// works.
 #pragma once
 
 #include <optional>
@@ -11,19 +11,19 @@
 
 namespace tarnwick {
 
-// The local directory of the newest configuration asset, downloaded if need be, or the empty text when there is none.
-// Where no service is configured this uses what is installed, at once, and logs nothing.
+// The local directory of the newest configuration asset, downloaded if needed; empty when there is none. Without a
+// configured service it returns the installed asset at once and logs nothing.
 std::string fetchConfigAsset();
 
-// Whether the service reported success in time: 30 seconds for the catalog, 1800 for an asset. A failure is logged as a
-// warning. A request that was given up is not cancelled: its late answer finds nobody and does no harm.
+// Whether the service reported success in time: 30 seconds for the catalog, 1800 for an asset. Logs a failure as a
+// warning. A request that timed out is not cancelled; its late result is ignored.
 bool downloadCatalog(const std::string& type);
 bool downloadAsset(const Asset& asset);
 
 // The asset of the highest version, or nothing for an empty list.
 std::optional<Asset> pickNewestAsset(std::vector<Asset> assets);
 
-// -1, 0 or 1: by content version, among equals by mastered version.
+// -1, 0 or 1. Compares the content version, then the mastered version.
 int compareAssetVersions(const Asset& left, const Asset& right);
 
 }  // namespace tarnwick

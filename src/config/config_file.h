@@ -1,4 +1,4 @@
-// The configuration file that a downloaded configuration asset holds.
+// Finds the configuration file in a downloaded configuration asset.
 #pragma once
 
 #include <filesystem>
@@ -10,8 +10,8 @@ namespace tarnwick {
 // Selectors of resolveConfigFile. Any other value selects no file.
 inline constexpr int configurationFile = 0;  // "tarnwick.config.plist"
 
-// The path of the selected file in the newest configuration asset, at any depth, or the empty text. The file is not
-// opened here. Errors of the directory walk are thrown as std::filesystem::filesystem_error.
+// The path of the selected file in the newest configuration asset, at any depth; empty when there is none. Does not
+// open the file. Throws std::filesystem::filesystem_error on errors of the directory walk.
 std::string resolveConfigFile(int selector);
 
 // All regular files of that asset, in the file system's order.
