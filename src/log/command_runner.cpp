@@ -13,7 +13,7 @@ namespace {
 std::string readAll(std::FILE* pipe) {
     std::string text;
     std::array<char, 128> piece{};
-    // Only end of file ends the loop: a read that fails for another reason, such as a signal, is tried again.
+    // Only end of file ends the loop. A read that fails for another reason, such as a signal, is repeated.
     while (!std::feof(pipe)) {
         if (std::fgets(piece.data(), piece.size(), pipe)) {
             text += piece.data();

@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int maxAttempts = 10;  // to create the log, against a user who takes and frees its name
+constexpr int maxAttempts = 10;  // attempts to create the log, because another user may keep taking its name
 
 // A file stream opens by path only, without O_EXCL. So the file is opened here, and the stream buffer gets its
 // descriptor.
@@ -53,12 +53,12 @@ void writeToFile(std::string_view prefix, std::string_view text) {
     writeLine(file, prefix, text);
 }
 
-// With O_EXCL the file is new and its owner is root: nobody else can write to it, and no link leads elsewhere.
+// With O_EXCL the file is new and owned by root: nobody else can write to it, and its name is not a link.
 FileDescriptor createFile(const std::string& path) {
     return FileDescriptor(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
 }
 
-// Exchanging two names is one step. Were the name freed first, its taker could take it again before the log does.
+// Exchanging two names is one step. If the name were freed first, another user could take it again before the log does.
 FileDescriptor createInPlaceOf(const std::string& path) {
     const std::string unguessable = path + "." + randomDigits();
     FileDescriptor file = createFile(unguessable);
@@ -72,8 +72,8 @@ FileDescriptor createInPlaceOf(const std::string& path) {
 // For file systems that cannot exchange names.
 bool moveAway(const std::string& path) { return ::rename(path.c_str(), (path + "." + randomDigits()).c_str()) == 0; }
 
-// Every user can create files in /tmp, and the time stamp is easy to guess. What has the name is kept under another
-// one: it may be the log of another run. If the file vanishes between the two calls, the next attempt follows.
+// Every user can create files in /tmp, and the time stamp is easy to guess. A file that has the name is renamed, not
+// removed: it may be the log of another run. If it vanishes between the two calls, the next attempt succeeds.
 FileDescriptor createLogFile(const std::string& path) {
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         FileDescriptor file = createFile(path);
@@ -120,7 +120,7 @@ std::string openExecutionLog(const std::string& stamp) {
     FileDescriptor file = createLogFile(log.logFilePath);
     if (!file) {
         const int error = errno;
-        // Readers of these logs search for the doubled quote in front of " errno=".
+        // Programs that read these logs search for the doubled quote before " errno=".
         writeLine(std::cout, "WARNING: ",
                   "unable to open logfile at '" + quotedPath(log.logFilePath) + "'' errno=" + std::strerror(error));
         return {};
@@ -132,7 +132,7 @@ std::string openExecutionLog(const std::string& stamp) {
 std::string copyExecutionLog(const fs::path& folder) {
     auto& log = state();
     if (!log.buffer) return {};
-    // Through the descriptor: by now another file may have the log's name, if /tmp has no sticky bit.
+    // Copies from the descriptor: another file may have the name of the log by now, if /tmp has no sticky bit.
     const FileDescriptor written(::fcntl(log.buffer->fd(), F_DUPFD_CLOEXEC, 0));
     log.buffer.reset();
     const fs::path target = folder / log.logFilePath.filename();

@@ -21,24 +21,23 @@ void logInfo(std::string_view text);
 void logWarning(std::string_view text);
 void logTrace(std::string_view text);
 
-// Whether TRACE lines reach the console; off at first.
+// Whether TRACE lines are printed on the console; false at first.
 void setVerboseConsole(bool verbose);
 
 // The local time as "2026-11-15-12:13:38", the same in every locale. It is part of the names of the log file, the
-// capture folder and the archive, colons included. Pauses one second before it returns, so that no two stamps of one
-// process are equal and no run starts its work in the second of its stamp.
+// capture folder and the archive, colons included. Waits one second before it returns, so that a process never gets the
+// same stamp twice and no run starts its work in the second of its stamp.
 std::string makeTimeStamp();
 
-// Creates "/tmp/tarnwick-<stamp>.log", a file that did not exist before, and returns its path. What has that name
-// already, be it the log of another run, a link or a folder, is renamed: its name gets a dot and 16 random hexadecimal
-// digits appended. When the file cannot be created, prints a warning on the console and returns the empty text; the run
-// goes on without a log file.
+// Creates the new file "/tmp/tarnwick-<stamp>.log" and returns its path. If the name exists (the log of another run, a
+// link, a folder), that file is renamed: a dot and 16 random hexadecimal digits are appended to its name. When the log
+// cannot be created, prints a warning on the console and returns an empty text; the run continues without a log file.
 std::string openExecutionLog(const std::string& stamp);
 
-// Closes the log file for good and copies it to `folder` under its own name; later lines reach the console only. The
-// copy holds what this run logged, even if another file has the log's name by now. Returns the copy's path; the empty
-// text when the log was not open (silently) or when the copy failed (after a warning), for example because a file of
-// that name exists in `folder`.
+// Closes the log file and copies it to `folder` under its own name; later lines are printed on the console only. The
+// copy contains what this run logged, even if another file has the name of the log by now. Returns the path of the
+// copy. Empty when the log was not open (silently) or when the copy failed (after a warning), for example because
+// `folder` has a file of that name.
 std::string copyExecutionLog(const std::filesystem::path& folder);
 
 }  // namespace tarnwick
