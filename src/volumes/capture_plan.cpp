@@ -61,7 +61,8 @@ void planVolume(const ListedVolume& listed, CapturePlan& plan) {
     queryVolumeInfo(listed.deviceIdentifier, volume);
     if (volume.deviceIdentifier.empty()) return;
     if (volume.mountPoint.empty()) unlockVolume(volume);
-    // Asked again even if it was mounted: the plan holds what is true now, after a passphrase took its time.
+    // Queried again even if it was mounted: the user may have taken long to enter a passphrase, and the plan must be
+    // current.
     queryVolumeInfo(listed.deviceIdentifier, volume);
     if (volume.mountPoint.empty()) {
         logWarning("unable to unlock and mount volume, skipping...");
@@ -76,13 +77,13 @@ void planVolume(const ListedVolume& listed, CapturePlan& plan) {
 CapturePlan buildCapturePlan() {
     CapturePlan plan;
     const auto root = listGroups();
-    // Backwards at every level: the order of the plan decides whose files the archive ends up with.
+    // Backwards at every level: the order of the plan decides which volume's files are in the archive at the end.
     const auto& containers = requireArray(&root, "Containers", "no Containers");
     for (auto item = containers.rbegin(); item != containers.rend(); ++item) {
         const auto& container = requireDictionary(*item, "no item dict");
         const auto& groups = requireArray(&container, "VolumeGroups", "no VolumeGroups array");
         for (auto group = groups.rbegin(); group != groups.rend(); ++group) {
-            // A group that is no dictionary counts as one without volumes, not as a fault of its own.
+            // A group that is not a dictionary counts as a group without volumes, not as an error of its own.
             const auto& volumes = requireArray(group->as<PropertyListDictionary>(), "Volumes", "no Volumes array");
             for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume)
                 planVolume(readVolume(requireDictionary(*volume, "no volume dict")), plan);

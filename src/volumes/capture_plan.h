@@ -7,12 +7,13 @@
 
 namespace tarnwick {
 
-// Mounted data volumes in the order of the walk: the last volume of the last group of the last container comes first.
+// Mounted data volumes in the order of the search: the last volume of the last group of the last container is first.
 using CapturePlan = std::vector<VolumeInfo>;
 
-// Lists all volumes through volctl, keeps those whose role is exactly "Data", and mounts what is not mounted, which may
-// ask the user for a passphrase, in every mode. A volume that stays unmounted is left out with a warning. An answer of
-// volctl that lacks its structure ends the run through raiseFatal, after the volumes before the fault were handled.
+// Lists all volumes through volctl and keeps those whose role is exactly "Data". Mounts those that are not mounted,
+// which may ask the user for a passphrase, in every mode. A volume that cannot be mounted is left out with a warning.
+// An answer of volctl with a wrong structure ends the run through raiseFatal, after the volumes before the fault were
+// handled.
 CapturePlan buildCapturePlan();
 
 }  // namespace tarnwick

@@ -1,4 +1,4 @@
-// Whether the owner of a volume lets diagnostic data be collected from it.
+// Whether the owner of a volume allows diagnostic data to be collected from it.
 #pragma once
 
 #include <string>
@@ -8,23 +8,22 @@
 
 namespace tarnwick {
 
-// Reads the owner's recorded choice from the volume and, unless it grants consent or the run is non-interactive, asks
+// Reads the recorded choice of the owner from the volume. Unless it grants consent or the run is non-interactive, asks
 // the person at the terminal for a one-time consent, which is never written back. Returns false when there is no
-// readable record; otherwise true, with `granted` telling the outcome. With `force` on an internal build consent is
-// granted without a look.
+// readable record; otherwise true, and `granted` is the outcome. With `force` on an internal build, consent is granted
+// without reading the record.
 bool checkConsent(const VolumeInfo& volume, const RunOptions& options, bool& granted);
 
 bool askOneTimeConsent();
 
-// Asks until the answer is "yes" or "no" in any letter case, nothing around it, or the input ends, which is a no.
+// Asks until the answer is "yes" or "no" in any letter case, with nothing around it. The end of the input is a no.
 bool askYesNo(const std::string& question);
 
-// Prints the question and reads one line, from pendingAnswer if that is not empty, else from standard input. Returns
-// false at the end of input; a last line without a line end still counts.
+// Prints the question and reads one line, from pendingAnswer if that is not empty, else from standard input. False at
+// the end of the input; a last line without a line end still counts.
 bool readAnswerLine(const std::string& question, std::string& answer);
 
-// An answer given beforehand, taken once. Nothing in the program fills it: it is for driving the dialogue without a
-// terminal.
+// An answer given in advance, used once. The program never sets it; it drives the dialogue without a terminal.
 extern std::string pendingAnswer;
 
 }  // namespace tarnwick

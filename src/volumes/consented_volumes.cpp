@@ -10,7 +10,7 @@ namespace tarnwick {
 
 namespace {
 
-// File systems without a volume, and so without an owner to ask: they show what the kernel or the firmware holds.
+// File systems without a volume, and so without an owner to ask: they show data of the kernel or the firmware.
 bool isKernelMemory(const std::string& type) {
     static constexpr std::array types{"tmpfs", "ramfs", "proc", "sysfs", "pstore", "efivarfs"};
     return std::find(types.begin(), types.end(), type) != types.end();
@@ -31,7 +31,7 @@ bool ConsentedVolumes::allows(std::uint64_t mountId) {
     return mount.id == mountId && (isKernelMemory(mount.type) || fileSystems_.contains(mount.fileSystem));
 }
 
-// The kernel gives the number of a mount that is gone to the next one, so the table is read again after each change.
+// The kernel reuses the number of a mount that is gone, so the table is read again after each change.
 bool ConsentedVolumes::mountsChanged() {
     if (!changes_) {
         changes_ = FileDescriptor(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));

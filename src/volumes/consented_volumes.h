@@ -1,4 +1,4 @@
-// Which files a run may take, by the file system that they are on.
+// Decides by its file system whether a file may be captured.
 #pragma once
 
 #include <set>
@@ -10,18 +10,18 @@
 
 namespace tarnwick {
 
-// The volumes whose owners consented in this run. A search below a mount point also finds what other volumes hold that
-// are mounted further down, and the consent for the one does not cover the other. A volume may be mounted many times
-// (subvolumes, binds), so mounts are compared by their file system and never by the form of a path.
+// The volumes whose owners consented in this run. A search below a mount point also finds files of other volumes that
+// are mounted further down, which the consent does not cover. A volume may be mounted many times (subvolumes, binds),
+// so mounts are compared by their file system, never by their path.
 class ConsentedVolumes {
 public:
-    // Adds the volume that is mounted at `mountPoint`, or that holds this directory.
+    // Adds the volume that is mounted at `mountPoint`, or that this directory is on.
     void add(const std::string& mountPoint);
 
-    // Whether files on the mount may be taken: it shows a volume that was added, or it is the kernel's own memory.
+    // Whether files on the mount may be captured: its volume was added, or it shows data of the kernel.
     bool allows(std::uint64_t mountId);
 
-    // What the mount table says of the mount; without names when it is not in there.
+    // The entry of the mount in the mount table; without names when there is none.
     MountEntry describe(std::uint64_t mountId);
 
 private:

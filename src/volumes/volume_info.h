@@ -1,11 +1,11 @@
-// What the disk utility says of one volume.
+// The answer of the disk utility about one volume.
 #pragma once
 
 #include <string>
 
 namespace tarnwick {
 
-// Empty text: not known.
+// An empty text means: not known.
 struct VolumeInfo {
     std::string volumeName;
     std::string deviceIdentifier;
@@ -13,10 +13,10 @@ struct VolumeInfo {
     std::string containerReference;
 };
 
-// Asks volctl about a volume, by device identifier, mount point, volume name or role name, and fills `info`. The
-// identifier is pasted between double quotes as it is. Returns false, with all fields empty, only when volctl ends
-// with a nonzero status; an answer that cannot be understood is true with empty fields, so callers must take an empty
-// field for an unknown value. On internal builds "/tmp" answers for itself without a command.
+// Queries volctl about a volume (by device identifier, mount point, volume name or role name) and fills `info`. The
+// identifier is put between double quotes unchanged. Returns false, with all fields empty, only when volctl ends with a
+// nonzero status. An answer that cannot be parsed gives true with empty fields, so callers must treat an empty field as
+// unknown. On internal builds "/tmp" needs no query.
 bool queryVolumeInfo(const std::string& identifier, VolumeInfo& info);
 
 }  // namespace tarnwick
