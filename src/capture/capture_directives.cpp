@@ -19,8 +19,8 @@ void announce(const CaptureDirective& directive) {
     logTrace("Expression: " + directive.Expression);
 }
 
-// One leading slash is dropped, so that the path lands on the volume; after "//" the rest is absolute and stands for
-// itself, whatever the mount point.
+// Drops one leading slash, so that the path is below the mount point. After "//" the rest is an absolute path of its
+// own, independent of the mount point.
 fs::path baseDirectoryOn(const fs::path& mountPoint, const std::string& basePath) {
     return mountPoint / (basePath.at(0) == '/' ? basePath.substr(1) : basePath);
 }

@@ -1,4 +1,4 @@
-// Finding the files that the capture specification names, and making the one that is not found but generated.
+// Finds the files that the capture specification names, and generates the one that is not found but made.
 #pragma once
 
 #include <filesystem>
@@ -9,12 +9,12 @@
 namespace tarnwick {
 
 // Empties `files`, then searches the volume at `mountPoint` for each directive in turn and appends the paths that
-// `find` prints, but for those that may not be taken (found_files.h). So the list holds the files of one search:
-// callers that want more keep them elsewhere. The configuration is read afresh (capture_spec.h). A directive whose
-// directory is missing is skipped; one whose search fails contributes nothing, not even what was printed before the
-// failure.
-// Throws std::out_of_range on an empty BasePath, std::filesystem::filesystem_error when a directory's status cannot be
-// told.
+// `find` prints, except those that may not be captured (found_files.h). The list holds the files of this one call;
+// callers that need earlier ones must keep them elsewhere. Reads the configuration on every call (capture_spec.h). A
+// directive whose directory is missing is skipped. A directive whose search fails adds nothing, not even the paths that
+// were printed before the failure.
+// Throws std::out_of_range on an empty BasePath, and std::filesystem::filesystem_error when the status of a directory
+// cannot be read.
 void runCaptureDirectives(const std::string& captureSpecPath, FilesList& files, const std::filesystem::path& mountPoint,
                           ConsentedVolumes& consented);
 

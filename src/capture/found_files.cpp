@@ -19,17 +19,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t longestPath = qvx::maxPathLength + 1;  // archives leave out the slash at the beginning
-constexpr std::size_t maxJoinedLines = 64;                   // bounds the work that planted names can make
+constexpr std::size_t longestPath = qvx::maxPathLength + 1;  // archives omit the slash at the beginning
+constexpr std::size_t maxJoinedLines = 64;                   // limits the work that planted names can cause
 
 bool namesSomething(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-// Joins `path` with the fewest of the last paths that make it name something, and removes those. A directory whose name
-// ends with a line feed may hold folders named like those above it, so that the rest of a path looks like a path of its
-// own.
+// Joins `path` with the fewest of the last paths that together name an existing file, and removes those. A directory
+// whose name ends with a line feed may contain folders named like the ones above it, so that the rest of a path looks
+// like a path of its own.
 void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
     std::string whole = path;
@@ -42,7 +42,7 @@ void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     }
 }
 
-// The lines of the output, those that do not begin with `prefix` joined to the line before.
+// The lines of the output. A line that does not begin with `prefix` is joined to the line before.
 std::vector<std::string> linesBeginningWith(const std::string& prefix, const std::string& output) {
     std::vector<std::string> paths;
     std::istringstream lines(output);
@@ -88,7 +88,7 @@ void FoundFiles::consider(const std::string& path, FilesList& files) {
     files.emplace_back(path);
 }
 
-// Of a folder that is gone, the nearest one above it that is left.
+// When the folder is gone, opens the nearest one above it that exists.
 void FoundFiles::holdFolder(const std::string& path) {
     folderPath_ = path;
     folderError_ = 0;
@@ -101,7 +101,7 @@ void FoundFiles::holdFolder(const std::string& path) {
     }
 }
 
-// A log that is just being rotated is gone for a moment. Its folder is on the same volume.
+// A log that is being rotated is missing for a moment. Its folder is on the same volume.
 std::optional<std::uint64_t> FoundFiles::mountOf(const char* name) {
     const auto ofFile = folderError_ == 0 ? mountIdOf(folder_.get(), name) : std::nullopt;
     return ofFile ? ofFile : mountIdOf(folder_.get(), "");
