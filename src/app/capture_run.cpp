@@ -62,7 +62,7 @@ bool hasConsent(const VolumeInfo& volume, const RunOptions& options) {
         logWarning("failed to check consent on '" + volume.volumeName + "', skipping...");
         return false;
     }
-    // No consent also covers an owner who was never asked and was not asked now.
+    // Also for an owner who was never asked and was not asked now.
     if (!granted) logInfo("explicit denial of consent on '" + volume.volumeName + "', skipping...");
     return granted;
 }
@@ -70,7 +70,7 @@ bool hasConsent(const VolumeInfo& volume, const RunOptions& options) {
 void captureVolume(const VolumeInfo& volume, const RunOptions& options, ConsentedVolumes& consented, FilesList& files) {
     const std::string description =
         "processing volume '" + volume.volumeName + "' (" + volume.deviceIdentifier + " -> " + volume.mountPoint + ")";
-    // The line end inside the text sets volumes apart: an empty line on the console, a bare "INFO: " in the file.
+    // The line end in the text separates volumes: an empty line on the console, a bare "INFO: " in the file.
     logInfo("\nNow " + description);
     if (!hasConsent(volume, options)) return;
     consented.add(volume.mountPoint);
@@ -87,7 +87,7 @@ FilesList collectFiles(const RunOptions& options, const fs::path& captureFolder)
     if (captureFirmwareVariables(firmwareVariables)) files.push_back(firmwareVariables);
     logInfo("Files to capture:");
     for (const auto& file : files) logInfo(file.native());
-    // Without a copy this is an empty entry, for which the archive writer refuses the archive.
+    // When the copy failed this is an empty path, and the archive writer refuses to write the archive.
     files.emplace_back(copyExecutionLog(captureFolder));
     return files;
 }

@@ -5,9 +5,9 @@
 
 namespace tarnwick {
 
-// Returns when the capture is stored; anything that cannot be recovered from ends it by a std::runtime_error. What was
-// made up to there (log file, capture folder, partial archive) stays in /tmp either way. Only the files of the last
-// volume whose owner consented reach the archive, beside the firmware variables and the copy of the log.
+// Returns when the capture is stored; an error that cannot be recovered from throws std::runtime_error. What was made
+// up to then (log file, capture folder, partial archive) stays in /tmp in either case. Besides the firmware variables
+// and the copy of the log, the archive contains only the files of the last volume whose owner consented.
 void runCapture(RunOptions& options);
 
 }  // namespace tarnwick

@@ -6,10 +6,10 @@
 
 namespace tarnwick {
 
-// `inherited`, a value of PATH, with those of /usr/sbin, /sbin, /usr/bin and /bin appended that are not in it. cron and
-// some logins leave out the folders of administrator commands, `volctl` among them. Empty elements are dropped: they
-// are mostly a slip, and they mean the current directory, where another user may have put a command of the same name.
-// Every other element stays, in its order.
+// `inherited`, a value of PATH, with /usr/sbin, /sbin, /usr/bin and /bin appended where they are missing. cron and some
+// logins omit the folders of administrator commands such as `volctl`. Empty elements are dropped: they mean the current
+// directory, where another user may have put a command of the same name, and are mostly a mistake. All other elements
+// keep their order.
 std::string completeCommandPath(std::string_view inherited);
 
 }  // namespace tarnwick

@@ -43,22 +43,23 @@ constexpr auto completion =
     "\nCapture execution is complete! You may view a detailed log of the capture process at the path shown above.\n\n"
     "If you wish to remove all captured data from this system you may issue the command 'tarnwick --cleanup'\n\n";
 
-// The next file that is opened gets the number of a closed standard stream. If that were the execution log or the
+// The next file that is opened gets the number of a closed standard stream. If that file were the execution log or the
 // archive, console output would be written to it.
 void fillStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         if (::fcntl(stream, F_GETFD) < 0) static_cast<void>(::open("/dev/null", O_RDWR));
 }
 
-// What the commands print and match must not depend on the caller's locale: in a UTF-8 locale the dot of a regular
-// expression does not match bytes that are not UTF-8, and files with such names would be missing from the capture.
+// The output of the commands must not depend on the locale of the caller. In a UTF-8 locale the dot of a regular
+// expression does not match bytes that are not UTF-8, so files with such names would be missing from the capture.
 void fixEnvironmentOfCommands() {
     ::setenv("LC_ALL", "C", 1);
     const char* inherited = ::getenv("PATH");
     ::setenv("PATH", completeCommandPath(inherited ? inherited : "").c_str(), 1);
 }
 
-// An ignored SIGCHLD would hide how commands end; a loose umask would let every user write to the capture store.
+// If SIGCHLD were ignored, the exit status of commands would be lost. With a loose umask every user could write to the
+// capture store.
 void fixInheritedSettings() {
     ::signal(SIGCHLD, SIG_DFL);
     ::umask(022);
@@ -75,7 +76,7 @@ int printUsage() {
     return status == 0 ? 0 : 1;
 }
 
-// Options that only internal builds know. Returns an exit status when the run ends here.
+// Options of internal builds only. Returns an exit status when the run ends here.
 std::optional<int> applyInternalOptions(const ArgumentMap& arguments, RunOptions& options) {
     if (arguments.contains("--testmode")) options.destinationVolume = "/tmp";
     if (arguments.contains("--force")) options.force = true;
@@ -95,7 +96,7 @@ std::optional<int> applyInternalOptions(const ArgumentMap& arguments, RunOptions
     return std::nullopt;
 }
 
-// Internal builds run without root on purpose. Everybody else is refused before anything else, help included.
+// Internal builds may run without root. Everybody else is refused before anything else happens, even --help.
 std::optional<int> settlePrivileges(const ArgumentMap& arguments, RunOptions& options) {
     if (internalPoliciesAllowed(subsystemIdentifier)) return applyInternalOptions(arguments, options);
     if (::getuid() == 0) return std::nullopt;
