@@ -27,7 +27,7 @@ PropertyListDictionary volumeEntry(const Volume& volume) {
     return entry;
 }
 
-// The last entry of the array `key`, a new one unless its reference is `reference`.
+// The last entry of the array `key`; a new one is appended first if the reference of the last one is not `reference`.
 PropertyListDictionary& lastEntry(PropertyListDictionary& parent, const char* key, const char* referenceKey,
                                   const std::string& reference) {
     auto& entries = std::get<PropertyListArray>(parent[key].value);

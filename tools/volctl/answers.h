@@ -1,4 +1,4 @@
-// The answers of this program as property lists.
+// The answers of volctl as property lists.
 #pragma once
 
 #include <vector>
@@ -8,7 +8,7 @@
 
 namespace tarnwick {
 
-// Containers > VolumeGroups > Volumes, in the order of `volumes`; volumes that are left out are not in it.
+// Containers > VolumeGroups > Volumes, in the order of `volumes`; volumes that are left out do not appear.
 PropertyListValue groupListing(const std::vector<Volume>& volumes);
 
 // One volume. MountPoint is missing when it is not mounted, DiskUUID when it is not known.

@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint64_t sectorSize = 512;  // the unit of `size` in sysfs, whatever the device's own sector
+constexpr std::uint64_t sectorSize = 512;  // the unit of `size` in sysfs, whatever the sector size of the device is
 
 std::string attribute(const fs::path& folder, const char* name) {
     std::ifstream file(folder / name);
@@ -42,7 +42,7 @@ dev_t deviceNumber(const fs::path& folder) {
     return major && minor ? makedev(static_cast<unsigned>(*major), static_cast<unsigned>(*minor)) : 0;
 }
 
-// sysfs writes ! for the slash in a name such as cciss/c0d0.
+// sysfs writes ! for a slash in a name such as cciss/c0d0.
 std::string deviceName(const fs::path& folder) {
     auto name = folder.filename().native();
     std::replace(name.begin(), name.end(), '!', '/');
@@ -60,8 +60,8 @@ std::vector<std::string> linkedDevices(const fs::path& folder) {
 
 enum class Attachment { unknown, builtIn, detachable };
 
-// A bus made for plugging makes the disk one that comes and goes, unless the firmware says that it is built in: some
-// machines keep their only disk on a soldered eMMC or an inner USB port.
+// A disk on a hot-pluggable bus counts as detachable, unless the firmware reports that it is built in: some machines
+// have their only disk on a soldered eMMC or an internal USB port.
 Attachment attachmentOf(const fs::path& ancestor) {
     std::error_code error;
     const auto bus = fs::read_symlink(ancestor / "subsystem", error).filename().native();
@@ -73,7 +73,8 @@ Attachment attachmentOf(const fs::path& ancestor) {
     return Attachment::unknown;
 }
 
-// The nearest that knows decides: above a built-in USB disk stands a root hub that knows nothing.
+// The nearest ancestor that reports anything decides: above a built-in USB disk there is a root hub that reports
+// nothing.
 bool isDetachableDisk(const fs::path& folder) {
     if (attribute(folder, "removable") == "1") return true;
     for (auto ancestor = folder.parent_path(); ancestor.filename() != "devices" && ancestor.has_relative_path();
@@ -90,7 +91,7 @@ bool isLeftOut(const fs::path& folder, const BlockDevice& device) {
            name.starts_with("zram");
 }
 
-// The device behind a loop device, when its window is the whole of it.
+// The device that a loop device shows, if it shows all of it.
 std::string loopView(const fs::path& folder) {
     const auto backing = attribute(folder / "loop", "backing_file");
     const bool whole = attribute(folder / "loop", "offset") == "0" && attribute(folder / "loop", "sizelimit") == "0";
@@ -130,7 +131,7 @@ const BlockDevice* findByNodeName(const BlockDevices& devices, const std::string
     return nullptr;
 }
 
-// Links that lead out of the map (to a device left out) are dropped, and what one end knows is told to the other.
+// Drops links to devices that are not in the map, and makes the remaining links known at both ends.
 void joinDevices(BlockDevices& devices) {
     for (auto& [name, device] : devices) {
         const auto unknown = [&](const std::string& other) { return !devices.contains(other); };
@@ -193,7 +194,7 @@ std::string devicePath(const BlockDevice& device) {
 
 FileDescriptor openDevice(const BlockDevice& device) {
     const auto path = devicePath(device);
-    // O_NONBLOCK: a drive without a medium must not be waited for.
+    // O_NONBLOCK, so that a drive without a medium does not block.
     FileDescriptor opened(path.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (path.empty()) errno = ENXIO;

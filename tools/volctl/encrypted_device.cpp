@@ -18,7 +18,7 @@ using CryptDevice = std::unique_ptr<crypt_device, FreeWith<crypt_free>>;
 
 constexpr int tries = 3;
 
-// The last thing that the library complained of: it says more than its error numbers.
+// The last message of the library: it says more than its error numbers.
 void keepMessage(int level, const char* message, void* kept) {
     auto& text = *static_cast<std::string*>(kept);
     if (level != CRYPT_LOG_ERROR || !text.empty()) return;
@@ -43,7 +43,7 @@ CryptDevice loadHeader(const BlockDevice& device, std::string& message, std::str
     }
     CryptDevice opened(raw);
     crypt_set_log_callback(opened.get(), keepMessage, &message);
-    // Without its locks the library leaves a damaged copy of the header as it is instead of writing it anew.
+    // Without its locks the library does not repair a damaged copy of the header, so nothing is written.
     crypt_metadata_locking(opened.get(), 0);
     if (const int error = crypt_load(opened.get(), CRYPT_LUKS, nullptr); error < 0) {
         problem = problemText("no usable LUKS header on " + device.name, error, message);
@@ -52,10 +52,10 @@ CryptDevice loadHeader(const BlockDevice& device, std::string& message, std::str
     return opened;
 }
 
-// Memory of the library's own that is wiped when it is freed.
+// Memory that the library wipes when it is freed.
 using SafeMemory = std::unique_ptr<void, FreeWith<crypt_safe_free>>;
 
-// The key is taken out first: whether a passphrase fits must not depend on what the kernel can open.
+// The volume key is decrypted first: whether a passphrase is right must not depend on what the kernel supports.
 int activate(crypt_device* opened, const std::string& mapping, const Passphrase& passphrase) {
     const int size = crypt_get_volume_key_size(opened);
     if (size <= 0) return -EINVAL;

@@ -24,7 +24,7 @@ Row rowOf(const Volume& volume) {
             shown(volume.role),      sizeText(volume.size), shown(volume.mountPoint),       stateOf(volume)};
 }
 
-// Width on the terminal, as far as counting characters tells it.
+// The width on a terminal, estimated as the number of characters.
 std::size_t width(const std::string& text) {
     return static_cast<std::size_t>(std::count_if(
         text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));

@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* settingsPath = "/etc/tarnwick/volumes.plist";
 
-// Opening the folder mounts it where it is mounted on demand only. Mounts are known by paths without links.
+// An automount point is mounted when the folder is opened. Mounts are listed by paths without links.
 void demandPreboot(std::string& folder) {
     const FileDescriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::error_code error;

@@ -1,4 +1,4 @@
-// What volumes are found from: the devices, mounts and settings of a machine. A test gives a recorded one.
+// The facts about a machine from which volumes are found: devices, mounts and settings. A test supplies recorded ones.
 #pragma once
 
 #include <sys/types.h>
@@ -19,14 +19,14 @@ struct Machine {
     std::vector<Mount> mounts;
     VolumeSettings settings;
     Prober probe;
-    std::function<bool(const std::string&)> isDirectory;  // asked of mount points that show part of a file system
+    std::function<bool(const std::string&)> isDirectory;  // called for mount points that show part of a file system
     std::function<dev_t(const std::string&)> nodeNumber;  // of a path below /dev, links followed; 0: no block device
-    // Why volumes.plist cannot be followed, and how to correct it; empty: no problem. Volumes are found nevertheless,
-    // so that they can be listed for people. A program that decides by their roles must refuse, as lookUpVolume does.
+    // Why volumes.plist cannot be used, and how to correct it; empty: no problem. Volumes are found all the same, so
+    // that they can be listed for people. A program that acts on their roles must refuse, as lookUpVolume does.
     std::string settingsProblem;
 };
 
-// The machine that this program runs on, with /etc/tarnwick/volumes.plist.
+// This machine, with /etc/tarnwick/volumes.plist.
 Machine thisMachine();
 
 }  // namespace tarnwick

@@ -1,4 +1,4 @@
-// volctl: what volumes this machine has, where they are mounted, and a way to the locked ones.
+// volctl: lists the volumes of this machine and where they are mounted; unlocks locked ones.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -71,7 +71,7 @@ int lock(const std::string& identifier) {
     return 0;
 }
 
-// The parser knows long options with two dashes only; this one has always been written with one.
+// The parser supports long options with two dashes only; this one has always been written with one.
 std::vector<std::string> reversedArguments(int count, char** values) {
     std::vector<std::string> arguments(values + 1, values + count);
     for (auto& argument : arguments)

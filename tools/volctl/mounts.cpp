@@ -37,7 +37,7 @@ std::vector<Entry> readEntries(const std::filesystem::path& mountinfo) {
     return entries;
 }
 
-// Walks paths over the mounts as the kernel does: from the root downwards, at every step onto what is mounted there.
+// Resolves paths over the mounts as the kernel does: from the root down, entering what is mounted at each step.
 class PathWalk {
 public:
     explicit PathWalk(const std::vector<Entry>& entries) {
@@ -59,7 +59,7 @@ public:
     }
 
 private:
-    // The topmost mount of those stacked on `path`. The bound answers for a table that runs in a circle.
+    // The topmost of the mounts stacked on `path`. The bound ends the loop if the table contains a cycle.
     [[nodiscard]] const Entry* descend(const Entry* current, const std::string& path) const {
         for (std::size_t step = 0; step <= children_.size(); ++step) {
             const auto child = children_.find({current->id, path});
@@ -70,7 +70,7 @@ private:
     }
 
     std::map<std::pair<int, std::string>, const Entry*> children_;  // by parent and target
-    Entry outside_{-1, -1, {}};  // what the table does not show: the root's parent, or the root itself in a chroot
+    Entry outside_{-1, -1, {}};  // what the table lacks: the parent of the root, or the root itself in a chroot
 };
 
 bool isAtOrBelow(const std::string& path, const std::string& folder) {

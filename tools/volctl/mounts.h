@@ -1,4 +1,4 @@
-// The mounts that a path leads to.
+// The mounts that can be reached by a path.
 #pragma once
 
 #include <sys/types.h>
@@ -12,17 +12,17 @@ namespace tarnwick {
 // One mount; names are bytes, already decoded.
 struct Mount {
     std::string target;
-    std::string root;  // the folder of the file system that is shown: "/", or of a bind mount or subvolume its path
+    std::string root;  // the folder of the file system that is mounted: "/", or the path of a bind mount or subvolume
     std::string source;
     std::string type;
     dev_t device = 0;
 };
 
-// Reads a mountinfo text. A mount that no path leads to any more, because another one covers it or a folder above it,
-// is left out. Throws std::runtime_error when the file cannot be read.
+// Reads a mountinfo text. Leaves out a mount that no path leads to, because another mount covers it or a folder above
+// it. Throws std::runtime_error when the file cannot be read.
 std::vector<Mount> readVisibleMounts(const std::filesystem::path& mountinfo = "/proc/self/mountinfo");
 
-// The mount that `path` (absolute) stands on, or null.
+// The mount that `path` (absolute) is on, or null.
 const Mount* mountHolding(const std::vector<Mount>& mounts, const std::string& path);
 
 }  // namespace tarnwick

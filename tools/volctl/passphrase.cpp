@@ -22,8 +22,9 @@ volatile std::sig_atomic_t caughtSignal = 0;
 
 extern "C" void rememberSignal(int signal) { caughtSignal = signal; }
 
-// While it lives, the signals that would end the program end a wait instead; they are raised again at its end. They
-// stay blocked but during the wait, so that none falls between the look at the flag and the wait.
+// While an object exists, a signal that would end the program only ends waitForInput(); the destructor raises it again.
+// The signals are blocked except during the wait, so that none can arrive between the check of caughtSignal and the
+// wait.
 class DelayedSignals {
 public:
     DelayedSignals() {
@@ -50,7 +51,7 @@ public:
     DelayedSignals(const DelayedSignals&) = delete;
     DelayedSignals& operator=(const DelayedSignals&) = delete;
 
-    // False when a signal came instead of input.
+    // False when a signal arrived before input did, and on an error.
     [[nodiscard]] bool waitForInput(int descriptor) const {
         pollfd input{descriptor, POLLIN, 0};
         while (ppoll(&input, 1, nullptr, &maskWaiting_) < 0 && caughtSignal == 0) {
@@ -65,7 +66,7 @@ private:
     std::array<struct sigaction, endingSignals.size()> before_{};
 };
 
-// While it lives, the terminal does not show what is typed.
+// While an object exists, the terminal does not show what is typed.
 class SilentTerminal {
 public:
     explicit SilentTerminal(int descriptor) : descriptor_(descriptor) {
@@ -73,6 +74,7 @@ public:
         auto silent = before_;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
         silent.c_lflag |= ICANON | ISIG;
+        // TCSAFLUSH also discards input that was typed before the question.
         isSilent_ = tcsetattr(descriptor, TCSAFLUSH, &silent) == 0;
     }
     ~SilentTerminal() {
@@ -90,7 +92,7 @@ private:
 };
 
 void write(int terminal, const std::string& text) {
-    // A terminal that takes no question will give no answer either.
+    // An error is ignored: if the question cannot be written, the read that follows fails too.
     [[maybe_unused]] const auto written = ::write(terminal, text.data(), text.size());
 }
 
@@ -112,7 +114,7 @@ std::string readLine(Passphrase& passphrase, int terminal, const DelayedSignals&
 }  // namespace
 
 Passphrase::Passphrase() {
-    mlock(bytes_.data(), bytes_.size());  // refused under a small limit; then it is wiped all the same
+    mlock(bytes_.data(), bytes_.size());  // fails under a low limit; the bytes are wiped in any case
 }
 
 Passphrase::~Passphrase() {

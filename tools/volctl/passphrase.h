@@ -1,4 +1,4 @@
-// The passphrase of an encrypted volume, from asking to wiping.
+// Asks for or reads the passphrase of an encrypted volume.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace tarnwick {
 
-// Bytes that are kept out of swap where that is allowed, and wiped when they go.
+// Bytes that are kept out of swap where that is allowed; the destructor wipes them.
 class Passphrase {
 public:
     static constexpr std::size_t capacity = 8192;
@@ -23,7 +23,7 @@ public:
     void append(char byte);
     void clear();
 
-    // Where the next bytes may be read to, and how many of them; `grow` then counts them in.
+    // Where the next bytes may be written, and how many; then `grow` adds their count to the size.
     [[nodiscard]] char* end() { return bytes_.data() + size_; }
     [[nodiscard]] std::size_t room() const { return capacity - size_; }
     void grow(std::size_t count) { size_ += count; }
@@ -33,12 +33,12 @@ private:
     std::size_t size_ = 0;
 };
 
-// Asks on the controlling terminal, echo off, input typed ahead thrown away. Returns the problem, empty when all is
-// well: no terminal, end of input before a line end, a line longer than the capacity. A signal that ends the program
-// finds the terminal as it was.
+// Asks on the controlling terminal with echo off; input typed before the question is discarded. Returns the problem,
+// empty on success: no terminal, end of input before a line end, a line longer than the capacity. A signal that ends
+// the program takes effect only after the terminal has its old settings again.
 std::string askPassphrase(Passphrase& passphrase, const std::string& question);
 
-// Reads the descriptor to its end; every byte counts, a line end too. Returns the problem.
+// Reads the descriptor to its end. Every byte counts, a line end too. Returns the problem, empty on success.
 std::string readPassphrase(Passphrase& passphrase, int descriptor);
 
 }  // namespace tarnwick

@@ -33,7 +33,7 @@ std::string lowerCase(std::string text) {
 Content contentOf(const std::string& type, const std::string& usage) {
     if (usage == "crypto") return Content::encrypted;
     if (type == "swap" || type == "swsuspend") return Content::swap;
-    // Datasets, not devices, are what is mounted of a pool.
+    // What is mounted of a pool is a dataset, not one of its devices.
     if (usage == "filesystem" && type != "zfs_member") return Content::fileSystem;
     return Content::member;
 }
@@ -53,7 +53,7 @@ void probeContent(ProbeAnswer& answer, int descriptor) {
     answer.content = contentOf(answer.type, value(probe.get(), "USAGE"));
 }
 
-// A probe of its own: what is wrong with the content must not hide the partition's type.
+// A separate probe: a problem with the content must not hide the type of the partition.
 void probePartitionEntry(ProbeAnswer& answer, int descriptor) {
     const auto probe = newProbe(descriptor);
     if (!probe) return;

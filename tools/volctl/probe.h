@@ -1,4 +1,4 @@
-// What a device holds, by the bytes on it.
+// What a device contains, found from the bytes on it.
 #pragma once
 
 #include <functional>
@@ -11,10 +11,10 @@ namespace tarnwick {
 enum class Content {
     fileSystem,
     swap,
-    encrypted,  // a locked container: LUKS and its like
-    member,     // a part of something larger (physical volume, RAID member), or an outer journal
-    nothing,    // looked, and found nothing
-    unknown,    // could not look, or more than one answer fits
+    encrypted,  // an encrypted container, such as LUKS
+    member,     // part of a larger whole (physical volume, RAID member), or an external journal
+    nothing,    // nothing was found
+    unknown,    // could not read the device, or more than one answer fits
 };
 
 struct ProbeAnswer {

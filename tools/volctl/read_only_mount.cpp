@@ -26,7 +26,7 @@ struct MountOption {
     const char* option;
 };
 
-// What keeps each file system from replaying its journal; with it, a read-only mount takes the state as it finds it.
+// The option that keeps each file system from replaying its journal, so that a read-only mount changes nothing.
 constexpr std::array replayOptions{
     MountOption{"ext3", "noload"},     MountOption{"ext4", "noload"},       MountOption{"xfs", "norecovery"},
     MountOption{"f2fs", "norecovery"}, MountOption{"nilfs2", "norecovery"}, MountOption{"btrfs", "rescue=nologreplay"},
@@ -46,7 +46,7 @@ bool isReadOnly(int descriptor) {
     return ::ioctl(descriptor, BLKROGET, &readOnly) == 0 && readOnly != 0;
 }
 
-// A descriptor of a loop device that shows `device` read-only and goes away with its last user; its path in `path`.
+// Opens a loop device that shows `device` read-only and disappears with its last user. `path` becomes its path.
 FileDescriptor readOnlyView(const FileDescriptor& device, std::string& path) {
     const FileDescriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
     for (int attempt = 0; control && attempt < loopAttempts; ++attempt) {
@@ -63,7 +63,7 @@ FileDescriptor readOnlyView(const FileDescriptor& device, std::string& path) {
     return {};
 }
 
-// A folder of root's own; the volume's permissions do not count for those who cannot get in.
+// The mode keeps other users out of the folder, so the permissions on the volume itself do not matter.
 bool makeFolder(const std::string& path) {
     if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
     struct stat status {};
@@ -78,7 +78,7 @@ std::string mountAt(const std::string& source, const std::string& type, const st
     for (const auto& path : {std::string(baseFolder), std::string(volumesFolder), folder})
         if (!makeFolder(path)) return errorText("cannot make " + path);
     constexpr unsigned long flags = MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC;
-    // The driver of the running kernel goes by another name than the format.
+    // The driver of the running kernel has another name than the format.
     const std::string driver = type == "ntfs" ? "ntfs3" : type;
     if (::mount(source.c_str(), folder.c_str(), driver.c_str(), flags, options.c_str()) == 0) return {};
     auto problem = errorText("cannot mount " + source + " as " + type);
@@ -86,7 +86,8 @@ std::string mountAt(const std::string& source, const std::string& type, const st
     return problem;
 }
 
-// btrfs writes nothing when mounted so, and it knows its devices by path: a second path to one would confuse it.
+// btrfs writes nothing when it is mounted so. It identifies its devices by path, and a second path to one would confuse
+// it.
 std::string mountSpanning(const std::vector<const BlockDevice*>& devices, const std::string& folder) {
     auto options = optionsFor("btrfs");
     for (const auto* device : devices) {

@@ -1,4 +1,4 @@
-// Mounting a file system so that not a byte of its device changes.
+// Mounts a file system without changing a byte of its device.
 #pragma once
 
 #include <string>
@@ -8,16 +8,17 @@
 
 namespace tarnwick {
 
-// Where this program mounts a device.
+// The folder where this program mounts a device.
 std::string mountFolder(const std::string& deviceName);
 
-// Mounts the file system of type `type` at `folder`, which is made: read-only, nosuid, nodev, noexec. Since some would
-// clear their orphans even then, a read-only loop device stands in between; not for btrfs, which writes nothing and
-// may span several `devices`. Returns the problem; then nothing is left mounted.
+// Creates `folder` and mounts the file system of type `type` there: read-only, nosuid, nodev, noexec. Some drivers
+// delete orphaned inodes even then, so the device is mounted through a read-only loop device. Not so for btrfs, which
+// writes nothing and may span several `devices`. Returns the problem, empty on success; on a problem nothing is left
+// mounted.
 std::string mountReadOnly(const std::vector<const BlockDevice*>& devices, const std::string& type,
                           const std::string& folder);
 
-// Takes away what mountReadOnly mounted, and the folder. Returns the problem.
+// Unmounts what mountReadOnly mounted and removes the folder. Returns the problem, empty on success.
 std::string unmount(const std::string& folder);
 
 }  // namespace tarnwick

@@ -51,7 +51,7 @@ bool names(const std::string& key, const RoleEvidence& evidence) {
            (!evidence.label.empty() && key == evidence.label);
 }
 
-// A label can be written by whoever made the file system, so it yields to the keys that name the volume better.
+// Anybody who made a file system chose its label, so the more exact keys come first.
 std::optional<std::string> roleBySettings(const RoleEvidence& evidence, const VolumeSettings& settings) {
     RoleEvidence withoutLabel = evidence;
     withoutLabel.label.clear();
@@ -67,7 +67,7 @@ std::string_view roleByPartitionType(std::string_view type) {
     return known == partitionRoles.end() ? std::string_view() : known->role;
 }
 
-// Formats that are written once, as a whole, to ship software.
+// Formats of images that are written once, as a whole, to ship software.
 bool isImageFormat(std::string_view fileSystem) {
     static constexpr std::array formats{"squashfs", "erofs", "cramfs", "romfs", "iso9660"};
     return std::find(formats.begin(), formats.end(), fileSystem) != formats.end();
@@ -107,7 +107,7 @@ bool isBelowDataFolder(std::string_view path) {
 }
 
 bool allowsColons(std::string_view fileSystemType) {
-    // fuseblk: one of these through a user-space driver, as far as the mount tells.
+    // fuseblk: a user-space driver for one of these; the mount does not say which.
     static constexpr std::array refused{"vfat", "msdos", "fat", "umsdos", "exfat", "ntfs", "ntfs3", "fuseblk"};
     return std::find(refused.begin(), refused.end(), fileSystemType) == refused.end();
 }

@@ -1,4 +1,4 @@
-// What a volume is for.
+// The role of a volume: what it is used for.
 #pragma once
 
 #include <string>
@@ -11,10 +11,10 @@ namespace tarnwick {
 
 bool isRoleName(std::string_view text);
 
-// All role names as a list for people.
+// All role names as a list in a message.
 std::string roleNames();
 
-// What a role is decided by; each empty where not known.
+// The facts that decide a role; each is empty where not known.
 struct RoleEvidence {
     std::string uuid;
     std::string partitionUuid;
@@ -25,18 +25,18 @@ struct RoleEvidence {
     std::vector<std::string> mountPoints;
     bool isImage = false;             // its device shows a file, as a loop device does
     bool isEncrypted = false;         // a LUKS container that is locked, or open only through unlockVolume
-    bool atPrebootDirectory = false;  // a file system of its own is mounted there
+    bool atPrebootDirectory = false;  // a separate file system is mounted there
 };
 
-// The first that matches: an entry of the settings; Data at /; Other for an image; `prebootDirectoryRole` at the
-// PrebootDirectory, unless the partition type says System, Swap or Preboot; the partition type; Data for a locked
-// container; Data at or below /home, /srv and /var; Other.
+// The role by the first rule that matches: an entry of the settings; Data at /; Other for an image;
+// `prebootDirectoryRole` at the PrebootDirectory, unless the partition type says System, Swap or Preboot; the partition
+// type; Data for a locked container; Data at or below /home, /srv and /var; Other.
 std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings, std::string_view prebootDirectoryRole);
 
 // At or below /home, /srv or /var.
 bool isBelowDataFolder(std::string_view path);
 
-// Whether file names on such a file system may hold a colon, as the names of captures do.
+// Whether file names on this file system may contain a colon, as the names of captures do.
 bool allowsColons(std::string_view fileSystemType);
 
 }  // namespace tarnwick

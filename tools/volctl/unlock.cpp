@@ -10,7 +10,7 @@ namespace tarnwick {
 
 namespace {
 
-// While it lives, a signal cannot end the program between two steps that belong together.
+// While an object exists, a signal cannot end the program between two steps that belong together.
 class UninterruptedSteps {
 public:
     UninterruptedSteps() {

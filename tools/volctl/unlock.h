@@ -1,4 +1,4 @@
-// Making a locked or unmounted volume readable, and undoing it.
+// Makes a locked or unmounted volume readable, and undoes that.
 #pragma once
 
 #include <string>
@@ -7,14 +7,14 @@
 
 namespace tarnwick {
 
-// Opens the volume read-only if it is locked, then mounts it read-only below /run/tarnwick/volumes. Nothing is ever
-// written to its device. A mounted volume is left as it is. The passphrase is asked for on the terminal, or read from
-// the descriptor `keyDescriptor` (to its end, as it stands) unless that is negative.
-// Returns the problem, empty when all is well; then nothing is left open or mounted.
+// Opens the volume read-only if it is locked, then mounts it read-only below /run/tarnwick/volumes. Never writes to its
+// device. Does nothing for a mounted volume. Asks for the passphrase on the terminal or, if `keyDescriptor` is not
+// negative, reads it from that descriptor (to its end, unchanged). Returns the problem, empty on success; on a problem
+// nothing is left open or mounted.
 std::string unlockVolume(const Volume& volume, int keyDescriptor);
 
-// Undoes what unlockVolume did for the volume. Returns the problem, empty when all is well; `undone` tells whether
-// there was anything to do.
+// Undoes what unlockVolume did for the volume. Returns the problem, empty on success; `undone` says whether there was
+// anything to undo.
 std::string lockVolume(const Volume& volume, bool& undone);
 
 }  // namespace tarnwick

@@ -14,7 +14,7 @@ namespace tarnwick {
 
 namespace {
 
-// Reads the value of `key`, if there is one, into `target`. False when it is of another type.
+// Copies the value of `key`, if there is one, to `target`. False when it has another type.
 template <typename T>
 bool readValue(const PropertyListDictionary& dictionary, std::string_view key, T& target) {
     const auto* value = findValue(dictionary, key);
@@ -25,7 +25,7 @@ bool readValue(const PropertyListDictionary& dictionary, std::string_view key, T
 
 SettingsReading broken(const std::string& problem) { return {{}, problem}; }
 
-// Why a file that exists could not be read. Only a message depends on this second look at the file.
+// Why a file that exists could not be read. Only a message depends on this second check of the file.
 std::string whyRefused(const std::filesystem::path& file, const struct stat& status) {
     if (S_ISLNK(status.st_mode)) return "it is a link; put the file itself there";
     if (!S_ISREG(status.st_mode)) return "it is not a regular file";

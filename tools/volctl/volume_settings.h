@@ -15,18 +15,19 @@ struct VolumeSettings {
     bool includeRemovable = false;
 };
 
-// With a `problem` only a listing for people may use `settings`: they lack what could not be read, and what volctl
-// decided by them could be the opposite of what the owner wrote.
+// When there is a `problem`, `settings` may only be used for a list that people read: they lack what could not be read,
+// and decisions made with them could be the opposite of what the owner wrote.
 struct SettingsReading {
     VolumeSettings settings;
     std::string problem;  // what is wrong and how to correct it; empty: nothing
 };
 
-// A missing key keeps its default. A value of another type is a problem, and then all settings are the defaults; so is
-// an unknown role name, and then the settings are as written.
+// A missing key keeps its default. A value of a wrong type is a problem, and all settings are then the defaults. An
+// unknown role name is a problem, and the settings are then as written.
 SettingsReading readVolumeSettings(const PropertyListDictionary& dictionary);
 
-// As above, for a file. A missing file is no problem. One that fails openTrustedFile's checks, or does not parse, is.
+// The same for a file. A missing file is not a problem. A file that openTrustedFile refuses, or that does not parse, is
+// one.
 SettingsReading loadVolumeSettings(const std::filesystem::path& file);
 
 }  // namespace tarnwick

@@ -29,13 +29,13 @@ bool isHiddenLayer(const BlockDevice& device) {
     return isLogicalVolume(device) && device.mapUuid.size() > logicalVolumeUuidSize;
 }
 
-// A device that shows all of the single device below it and nothing else.
+// Whether the device shows all of the single device below it and nothing else.
 const BlockDevice* shownBelow(const BlockDevices& devices, const BlockDevice& device) {
     const bool shows = device.mapUuid.starts_with("CRYPT-") || !device.viewOf.empty();
     return shows && device.lower.size() == 1 ? find(devices, device.lower.front()) : nullptr;
 }
 
-// The partition, logical volume or disk that `top` opens, and everything between, `top` first.
+// The partition, logical volume or disk that `top` is built on, and every device between them, `top` first.
 std::vector<const BlockDevice*> downToGroup(const BlockDevices& devices, const BlockDevice& top) {
     std::vector<const BlockDevice*> chain{&top};
     while (const auto* below = shownBelow(devices, *chain.back())) {
@@ -45,7 +45,7 @@ std::vector<const BlockDevice*> downToGroup(const BlockDevices& devices, const B
     return chain;
 }
 
-// The device mapper's name of a logical volume is GROUP-VOLUME with every dash of either doubled.
+// The device-mapper name of a logical volume is GROUP-VOLUME, with each dash of either name doubled.
 std::string volumeGroupName(const std::string& mapName) {
     std::string name;
     for (std::size_t i = 0; i < mapName.size(); ++i) {
@@ -63,7 +63,7 @@ std::string containerName(const BlockDevice& group) {
     return mappedPartition && group.lower.size() == 1 ? group.lower.front() : group.name;
 }
 
-// Mounts of a file system that spans devices carry a number of their own; the source tells the device.
+// Mounts of a file system that spans devices have a device number of their own; their source names the device.
 bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& device) {
     if (mount.device == device.number) return true;
     if (mount.type != "btrfs" || !mount.source.starts_with("/dev/")) return false;
@@ -72,7 +72,7 @@ bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& de
            machine.nodeNumber(mount.source) == device.number;
 }
 
-// The device itself, or one below it, shows a file. One that shows another device is only a view of that.
+// Whether the device, or one below it, shows a file. A loop device that shows another device does not count.
 bool isOnImage(const BlockDevices& devices, const BlockDevice& top) {
     const auto stack = deviceStack(devices, top);
     return std::any_of(stack.begin(), stack.end(),
@@ -90,7 +90,7 @@ std::string withoutEndingSlashes(std::string path) {
     return path;
 }
 
-// Of several mounts of one file system the smallest answers for it.
+// Of several mounts of one file system, the smallest in this order is used.
 std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
     const int kind = mount.target == "/" ? 0 : isBelowDataFolder(mount.target) ? 1 : mount.root == "/" ? 2 : 3;
     return {kind, mount.target.size(), mount.target};
@@ -118,13 +118,13 @@ public:
     }
 
 private:
-    // The topmost device of every stack, and what is mounted although something stands on it.
+    // The topmost device of every stack, and every device that is mounted although others are built on it.
     [[nodiscard]] bool isCandidate(const BlockDevice& device) const {
         if (isHiddenLayer(device) || isViewOfDevice(device)) return false;
         return (device.upper.empty() && !device.partitioned) || !mountsOf(device).empty();
     }
 
-    // A loop device laid over another device adds nothing to it: the volume keeps the name of what is shown.
+    // A loop device that shows another device is ignored here: the volume keeps the name of the device shown.
     [[nodiscard]] bool isViewOfDevice(const BlockDevice& device) const { return !device.viewOf.empty(); }
 
     [[nodiscard]] std::vector<const Mount*> mountsOf(const BlockDevice& device) const {
@@ -139,7 +139,7 @@ private:
         return found;
     }
 
-    // The disks below / belong to the machine, wherever they are plugged in.
+    // The disks that / is on belong to the machine, whatever they are plugged into.
     [[nodiscard]] bool comesAndGoes(const BlockDevice& top) const {
         const auto stack = deviceStack(machine_.devices, top);
         return std::any_of(stack.begin(), stack.end(), [&](const BlockDevice* each) {
@@ -165,13 +165,13 @@ private:
         evidence.isImage = isOnImage(machine_.devices, top);
         evidence.isEncrypted = chain.size() > 1 && top.mapName == mappingName(chain[1]->name);
         if (!machine_.settings.includeRemovable && comesAndGoes(top))
-            volume.leftOutBecause = "removable or hot-pluggable";  // and so never read: a drive may have to be woken
+            volume.leftOutBecause = "removable or hot-pluggable";  // so it is never read: reading may wake a drive
         else if (!addContent(volume, top, group) && mounts.empty())
             return;
         volumes_.push_back(std::move(volume));
     }
 
-    // False when there is no volume in the device.
+    // False when the device contains no volume.
     bool addContent(Volume& volume, const BlockDevice& top, const BlockDevice& group) {
         const auto answer = machine_.probe(top);
         const auto entry = &top == &group ? answer : machine_.probe(group);
@@ -189,7 +189,7 @@ private:
         return answer.content != Content::nothing && answer.content != Content::member;
     }
 
-    // btrfs: one file system on several devices is one volume, named for the first of them.
+    // btrfs: a file system on several devices is one volume, named after the first of them.
     void joinSpanning() {
         std::vector<Volume> joined;
         for (auto& volume : volumes_) {
@@ -211,12 +211,12 @@ private:
         volumes_ = std::move(joined);
     }
 
-    // What depends on all mounts of the volume being known.
+    // Decides what requires all mounts of the volume to be known.
     void settle(Volume& volume) {
         const auto& mounts = mounts_[volume.deviceIdentifier];
         const Mount* best = nullptr;
         for (const auto* mount : mounts) {
-            if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;  // a single file, bound
+            if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;  // a bind mount of a single file
             volume.mountPoints.push_back(mount->target);
             if (!best || preference(*mount) < preference(*best)) best = mount;
         }
@@ -232,7 +232,7 @@ private:
         if (evidence.atPrebootDirectory) volume.mountPoint = prebootDirectory_;
     }
 
-    // A subvolume or bind mount there is only a folder of a file system that is mounted at /home, too.
+    // A subvolume or bind mount there is only a folder of a file system that is also mounted at /home.
     [[nodiscard]] bool isMountedAtPrebootDirectory(const std::vector<const Mount*>& mounts) const {
         const bool holdsData = std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
             return mount->target != prebootDirectory_ && isBelowDataFolder(mount->target);
@@ -253,7 +253,7 @@ private:
         }
     }
 
-    // Named by its source where that can be told from the devices, else by its number.
+    // Named by its source if that can be found from the devices, else by its number.
     void addUnknownRoot() {
         if (std::any_of(volumes_.begin(), volumes_.end(), holdsRoot)) return;
         const auto root = std::find_if(machine_.mounts.begin(), machine_.mounts.end(),
@@ -281,7 +281,8 @@ private:
             volume.leftOutBecause = "its device name holds a character that is not passed on";
     }
 
-    // Captures search the last volume first, and of several files of one name the file searched last is kept.
+    // A capture searches the volumes from the last to the first, and keeps the files of the one searched last; so the
+    // volume of / comes first.
     void sort() {
         std::stable_sort(volumes_.begin(), volumes_.end(), [](const Volume& left, const Volume& right) {
             const VersionOrder before;
@@ -328,7 +329,7 @@ Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& v
         if (!volume.leftOutBecause.empty()) return found(volume);
         answer = volume;
     }
-    // A user-space driver is known by what its device holds.
+    // A user-space driver is recognised by the content of its device.
     const auto& type = mount->type == "fuseblk" && answer.fileSystem != "fuseblk" ? answer.fileSystem : mount->type;
     if (!allowsColons(type) || !allowsColons(answer.fileSystem))
         return {std::nullopt, folder + " is on a " + type + " file system, whose file names cannot hold a colon"};
@@ -337,7 +338,7 @@ Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& v
     return {answer, {}};
 }
 
-// The first mounted one goes before those that are not.
+// The first Preboot volume that is mounted, else the first one.
 Lookup lookUpPreboot(const Machine& machine, const std::vector<Volume>& volumes) {
     const Volume* best = nullptr;
     for (const auto& volume : volumes) {
@@ -374,7 +375,8 @@ Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, 
     for (const auto& volume : volumes) {
         if (contains(volume.mountPoints, path)) return found(volume);
         if (identifier.empty() || (volume.name != identifier && visibleText(volume.name) != identifier)) continue;
-        if (named && !volume.leftOutBecause.empty()) continue;  // a stick must not make a disk's name ambiguous
+        if (named && !volume.leftOutBecause.empty())
+            continue;  // a USB stick must not make the name of a disk ambiguous
         if (named && named->leftOutBecause.empty())
             return {std::nullopt, "more than one volume has this name: " + identifier};
         named = &volume;

@@ -23,22 +23,22 @@ struct Volume {
     // else the shortest that shows the file system from its top, else the shortest; empty: not mounted.
     std::string mountPoint;
     std::vector<std::string> mountPoints;  // all of them
-    std::vector<std::string> deviceNames;  // all devices that stand for this volume and no other, the top one first
+    std::vector<std::string> deviceNames;  // all devices that contain this volume and no other, the top one first
     std::uint64_t size = 0;                // bytes; 0: not known
     bool locked = false;
-    std::string leftOutBecause;  // empty: it is listed; else the reason why the listing and the other commands pass it
+    std::string leftOutBecause;  // empty: it is listed; else why the listing and the other commands leave it out
 };
 
-// Every volume, ordered by container and group, but the container of / first, in it the group of / and in it the volume
-// of /. Each appears once, however many layers are between it and the disk. The file system at / is a volume even where
-// its device is not known here (a pool, a network, layers); then it is a container of its own.
+// Every volume, ordered by container and group. The container of / is first, in it the group of /, and in that the
+// volume of /. Each volume appears once, however many layers are between it and the disk. The file system at / is a
+// volume even when its device is not known here (a pool, a network, layers); it is then a container of its own.
 std::vector<Volume> findVolumes(const Machine& machine);
 
-// The answer to an identifier: the role name Preboot, a device name, a mount point or a volume name, in this order.
-// There is none while machine.settingsProblem is set; that text is the problem then.
+// Finds a volume by the role name Preboot, a device name, a mount point or a volume name, tried in this order. Finds
+// none while machine.settingsProblem is set; that text is then the problem.
 struct Lookup {
     std::optional<Volume> volume;
-    std::string problem;  // why there is none
+    std::string problem;  // why no volume was found
 };
 Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier);
 
