@@ -35,7 +35,7 @@ bool isGuid(std::string_view text) {
     return text.size() == shape.size() && std::equal(text.begin(), text.end(), shape.begin(), fits);
 }
 
-// From the end, since a name may hold dashes, or something that looks like a GUID.
+// Splits at the end, because a name may contain dashes or a text that looks like a GUID.
 std::optional<VariableName> splitName(std::string_view file) {
     if (file.size() < guidSize + 2 || file[file.size() - guidSize - 1] != '-') return std::nullopt;
     const auto guid = file.substr(file.size() - guidSize);
@@ -111,7 +111,7 @@ private:
         return escaped(part) + (whole ? "" : "%[cut: " + std::to_string(part.size()) + " of " + size + " bytes]");
     }
 
-    // The size of the file's content in the buffer; none when there is no variable in it.
+    // The size of the content in the buffer; none when the file holds no variable.
     std::optional<std::size_t> readFile(const std::string& file) {
         constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
         const FileDescriptor opened(::openat(folder_.get(), file.c_str(), flags));
@@ -142,7 +142,8 @@ private:
     FileDescriptor folder_;
     const std::function<void(const std::string&)>& write_;
     const ReadCall& read_;
-    std::string buffer_ = std::string(attributesSize + variableLimit + 1, '\0');  // one more tells that there is more
+    std::string buffer_ =
+        std::string(attributesSize + variableLimit + 1, '\0');  // one byte more, to notice a longer value
     std::size_t left_ = totalLimit;
     VariableDump result_;
 };

@@ -1,4 +1,4 @@
-// nvram: the firmware's variables, one a line.
+// nvram: prints the firmware variables, one on each line.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>

@@ -16,8 +16,8 @@ struct SecretName {
     std::string_view reason;
 };
 
-// Makers name such variables as they like, so most of the entries are words. To withhold one value too many costs less
-// than to send one password.
+// Makers choose such names freely, so most of the entries are words. Withholding one value too many does less harm than
+// sending one password.
 constexpr std::array secretNames{
     SecretName{"password", Match::anywhere, "a password"},
     SecretName{"passwd", Match::anywhere, "a password"},
@@ -47,7 +47,7 @@ constexpr std::array secretNames{
     SecretName{"wifi", Match::anywhere, "credentials of a network"},
     SecretName{"wlan", Match::anywhere, "credentials of a network"},
     SecretName{"psk", Match::atEnd, "credentials of a network"},
-    SecretName{"attempt", Match::anywhere, "credentials of a network disk"},  // each holds its login
+    SecretName{"attempt", Match::anywhere, "credentials of a network disk"},  // each contains its login
     SecretName{"privatekey", Match::anywhere, "a private key"},
     SecretName{"unlockid", Match::anywhere, "an unlocking code"},
 };

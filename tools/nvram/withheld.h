@@ -1,4 +1,4 @@
-// Firmware variables whose values are secrets.
+// Recognises firmware variables whose values are secrets.
 #pragma once
 
 #include <string_view>
