@@ -41,7 +41,7 @@ namespace {
 
 constexpr std::uint32_t groupLength = 16;
 
-// The library's own failures are those of memory and of threads; both become what the operation answers on failure.
+// The library throws only when memory or threads are not available; then the result is `onFailure`.
 template <typename Result, typename Operation>
 Result guarded(Result onFailure, Operation operation) noexcept {
     try {

@@ -1,5 +1,5 @@
-// The record in which the owner of a volume says whether diagnostic data may be collected from it: its place, its two
-// keys, and what they decide.
+// The consent record, in which the owner of a volume says whether diagnostic data may be collected from it: its path,
+// its two keys and their meaning.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ namespace tarnwick {
 inline constexpr std::string_view consentRecordPath =
     "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist";
 
-// A value that is not a boolean counts as absent. If both are there, the seed key decides.
+// A value that is not a boolean counts as absent. If both keys are present, the seed key decides.
 inline constexpr std::string_view consentKey = "AutoSubmit";
 inline constexpr std::string_view seedConsentKey = "SeedAutoSubmit";
 

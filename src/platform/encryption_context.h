@@ -1,5 +1,5 @@
-// The settings of an archive. Apart from the library's operations so that a test can fix the sender's key and get the
-// same bytes every time.
+// The settings of an archive. Separate from the operations of the library, so that a test can set the key of the sender
+// and get the same bytes every time.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ struct EncryptionContext {
     std::optional<qvx::Point> recipient;
     bool compressionSet = false;
     bool blockSizeSet = false;
-    qvx::KeyHandle ephemeral;  // none, but in tests: a new one for every stream
+    qvx::KeyHandle ephemeral;  // set only in tests; otherwise each stream generates a new key
 };
 
 }  // namespace tarnwick

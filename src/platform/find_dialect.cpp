@@ -7,17 +7,17 @@ namespace tarnwick {
 
 namespace {
 
-// What is in front of an element: the start of the expression, of a group or of an alternative; an anchor; or anything
-// that can be repeated.
+// What precedes an element: the start of the expression, of a group or of an alternative; an anchor; or something that
+// can be repeated.
 enum class Before { start, anchor, atom };
 
 // An element of a bracket expression.
 struct BracketElement {
-    std::size_t length = 0;             // 0: the dialects differ in it
+    std::size_t length = 0;             // 0: the dialects differ here
     std::optional<unsigned char> byte;  // none: not a single byte
 };
 
-// [:alpha:] is a class in POSIX, and a set of characters in the default dialect.
+// [:alpha:] is a class in POSIX, but a set of characters in the default dialect.
 BracketElement bracketElementAt(std::string_view text) {
     if (text.starts_with("[:")) return {};
     if (!text.starts_with("[.") && !text.starts_with("[=")) return {1, text[0]};
@@ -27,12 +27,12 @@ BracketElement bracketElementAt(std::string_view text) {
     return {end + 2, {}};
 }
 
-// A range that runs backwards is an error in POSIX, and empty in the default dialect.
+// A descending range is an error in POSIX, but empty in the default dialect.
 bool isAscending(const BracketElement& first, const BracketElement& last) {
     return first.byte && last.byte && *first.byte <= *last.byte;
 }
 
-// The length of the bracket expression at the start of `text`, or 0 when the dialects differ in it.
+// The length of the bracket expression at the start of `text`; 0 when the dialects differ in it.
 std::size_t commonBracketLength(std::string_view text) {
     std::size_t at = text.substr(1).starts_with('^') ? 2 : 1;
     for (const auto first = at; at < text.size() && (text[at] != ']' || at == first);) {
@@ -48,15 +48,15 @@ std::size_t commonBracketLength(std::string_view text) {
     return std::min(at + 1, text.size());
 }
 
-// Intervals are POSIX only. The operators that have a backslash in POSIX have none in the default dialect.
+// Only POSIX has intervals. Operators that are written with a backslash in POSIX have none in the default dialect.
 std::size_t commonEscapeLength(std::string_view text, Before before) {
     if (text.size() < 2) return 1;  // an error in both
     if (text[1] == '{' || (before == Before::atom && (text[1] == '+' || text[1] == '?'))) return 0;
     return 2;
 }
 
-// The length of the element at the start of `text`, which is not empty, or 0 when the dialects differ in it. A second
-// star is an error in POSIX. An operator of repetition with nothing to repeat is an ordinary character in both.
+// The length of the element at the start of `text`, which must not be empty; 0 when the dialects differ in it. A second
+// star is an error in POSIX. A repetition operator with nothing to repeat is an ordinary character in both.
 std::size_t commonElementLength(std::string_view text, Before before) {
     const bool repeatable = before == Before::atom;
     switch (text[0]) {
@@ -69,7 +69,7 @@ std::size_t commonElementLength(std::string_view text, Before before) {
     }
 }
 
-// What `element` is to the one after it. `^` is an anchor only at the start.
+// What `element` is for the element after it. `^` is an anchor only at the start.
 Before kindOf(std::string_view element, Before before) {
     if (element == "^") return before == Before::start ? Before::anchor : Before::atom;
     if (element == "\\(" || element == "\\|") return Before::start;

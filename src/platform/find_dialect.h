@@ -1,4 +1,4 @@
-// The regular expressions that GNU find and the configuration read differently.
+// Regular expressions that mean one thing to GNU find and another in the configuration.
 #pragma once
 
 #include <string>
@@ -6,11 +6,11 @@
 
 namespace tarnwick {
 
-// Directives are written in POSIX basic regular expressions; GNU find's default dialect is another one. Returns
-// "-regextype posix-basic " when the two read something in the expression differently, otherwise the empty text. `find`
-// must run in the C locale, where ranges follow the values of bytes.
-// One difference is ignored, because almost every expression has it: in the default dialect the dot does not match a
-// line feed, so without the option a path with a line feed is not found by ".*".
+// Directives use POSIX basic regular expressions; the default dialect of GNU find differs. Returns "-regextype
+// posix-basic " when the two interpret the expression differently, otherwise an empty text. `find` must run in the C
+// locale, where ranges follow byte values.
+// One difference is ignored because it concerns almost every expression: in the default dialect the dot does not match
+// a line feed, so without the option ".*" does not find a path with a line feed.
 std::string regexTypeOption(std::string_view expression);
 
 }  // namespace tarnwick

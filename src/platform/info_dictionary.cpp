@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
-// The linker sets these round the section that holds the dictionary. In a program without that section (a companion
-// tool, a test) nothing defines them, and both are null.
+// The linker defines these around the section with the dictionary. In a program without that section (a companion tool,
+// a test) nothing defines them, and both are null.
 extern "C" {
 [[gnu::weak, gnu::visibility("hidden")]] extern const char __start_tarnwick_info;
 [[gnu::weak, gnu::visibility("hidden")]] extern const char __stop_tarnwick_info;

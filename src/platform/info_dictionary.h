@@ -1,4 +1,4 @@
-// The executable's embedded information dictionary, and the information dictionaries of installed bundles.
+// The information dictionaries of this executable (embedded) and of installed bundles.
 #pragma once
 
 #include <optional>
@@ -8,15 +8,15 @@
 
 namespace tarnwick {
 
-// The value stored under `key` in the dictionary that the build placed in this executable, or nothing.
+// The value of `key` in the dictionary that the build embedded in this executable, or nothing.
 std::optional<PropertyListValue> lookupOwnInfoValue(std::string_view key);
 
 struct Bundle {
     PropertyListDictionary info;
 };
 
-// The installed bundle of that identifier, /usr/lib/tarnwick/bundles/<identifier>/Info.plist. The file must be
-// trustworthy in the sense of readTrustedPropertyListFile. An identifier that is not one plain file name finds nothing.
+// Finds the installed bundle /usr/lib/tarnwick/bundles/<identifier>/Info.plist. Reads it with
+// readTrustedPropertyListFile. Nothing for an identifier that is not a plain file name.
 std::optional<Bundle> findBundleByIdentifier(std::string_view identifier);
 
 std::optional<PropertyListValue> lookupBundleInfoValue(const Bundle& bundle, std::string_view key);

@@ -1,4 +1,4 @@
-// The mounts of this process's mount namespace, by their number.
+// The mounts of this mount namespace, by their number.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@ namespace tarnwick {
 // A line of /proc/self/mountinfo; see proc(5). Names are decoded bytes.
 struct MountEntry {
     std::uint64_t id = 0;
-    dev_t fileSystem = 0;  // one number for each mounted file system, whatever part of it a mount shows
+    dev_t fileSystem = 0;  // identifies the mounted file system, whichever part of it the mount shows
     std::string target;
     std::string source;
     std::string type;
@@ -23,8 +23,8 @@ struct MountEntry {
 // Empty when the table cannot be read.
 std::vector<MountEntry> readMountTable(const std::filesystem::path& mountinfo = "/proc/self/mountinfo");
 
-// The number of the mount that holds `name`, looked up in the directory `folder` without following it if it is a link;
-// of the directory itself when the name is empty. Nothing on failure, with errno set.
+// The number of the mount that `name` is on, looked up in the directory `folder` without following a link; that of the
+// directory itself when the name is empty. Nothing on failure, with errno set.
 std::optional<std::uint64_t> mountIdOf(int folder, const char* name);
 
 }  // namespace tarnwick

@@ -63,7 +63,7 @@ std::string textOf(const PropertyListDictionary& dictionary, std::string_view ke
     return text ? *text : std::string();
 }
 
-// False when the value is there but is not a whole number from 0 up. An absent one leaves `number` as it is.
+// Reads a whole number that is not negative. False for any other value; a missing one leaves `number` unchanged.
 bool readNumber(const PropertyListDictionary& dictionary, std::string_view key, std::int64_t& number) {
     if (!findValue(dictionary, key)) return true;
     const auto* found = findValueAs<std::int64_t>(dictionary, key);
@@ -90,7 +90,7 @@ AssetResult parseFile(const PropertyListValue& value, AssetFile& file) {
     return acceptableAssetPath(file.path) ? AssetResult::success : AssetResult::pathRefused;
 }
 
-// Whether one path is there twice, or is a file in one place and a folder in another.
+// Whether a path occurs twice, or is both a file and a folder.
 bool pathsCollide(const std::vector<AssetFile>& files) {
     std::set<std::string_view> taken;
     for (const auto& file : files)

@@ -1,5 +1,5 @@
-// The catalog: which assets there are, which files they have, and where to get them. An XML property list whose raw
-// bytes the publisher signs. tarnwick-assets(5) describes it for publishers.
+// The catalog: which assets exist, which files they have and where to download them. An XML property list; the
+// publisher signs its raw bytes. tarnwick-assets(5) describes it for publishers.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ namespace tarnwick {
 inline constexpr std::size_t largestCatalog = 1 << 20;  // bytes
 inline constexpr std::size_t largestSignature = 1 << 10;
 
-// Content version first, mastered version among equals.
+// Compared by content version, then by mastered version.
 struct AssetVersion {
     std::int64_t content = 0;
     std::int64_t mastered = 0;
@@ -33,7 +33,7 @@ struct AssetFile {
 struct Asset {
     std::string type;  // see acceptableAssetType
     AssetVersion version;
-    std::vector<AssetFile> files;  // empty: known only from having been found installed
+    std::vector<AssetFile> files;  // empty for an asset that was only found installed
 };
 
 struct AssetCatalog {
@@ -42,23 +42,24 @@ struct AssetCatalog {
     std::vector<Asset> assets;
 };
 
-// A catalog as it was received, nothing of it believed yet.
+// A catalog as it was received; not verified yet.
 struct SignedCatalog {
     std::string bytes;
     std::string signature;  // raw: ECDSA P-256 with SHA-256 in DER, or Ed25519
 };
 
-// Letters, digits and "._-", not beginning with a dot: the name of one folder, and never one of the store's own files.
+// Letters, digits and "._-", not beginning with a dot: a valid folder name that never collides with the files of the
+// store.
 bool acceptableAssetType(std::string_view type);
 
-// Stays below the folder it is taken from, wherever that is, and can be shown on a terminal.
+// Whether the path stays below the folder that it is relative to, and is safe to print on a terminal.
 bool acceptableAssetPath(std::string_view path);
 
-// Verifies the signature over the raw bytes with the PEM public key, and only then parses. `catalog` is filled on
-// success only. Neither the expiry nor the serial is compared here.
+// Verifies the signature over the raw bytes with the PEM public key, and parses only after that. Fills `catalog` on
+// success only. Does not check expiry or serial.
 AssetResult readCatalog(const SignedCatalog& received, const std::string& publicKey, AssetCatalog& catalog);
 
-// The second half of readCatalog. Believes its input: nothing but readCatalog and the fuzzer calls it.
+// The second half of readCatalog. It does not verify its input; only readCatalog and the fuzzer call it.
 AssetResult parseCatalog(std::string_view bytes, AssetCatalog& catalog);
 
 }  // namespace tarnwick

@@ -15,7 +15,7 @@ using CurlText = std::unique_ptr<char, FreeWith<curl_free>>;
 
 constexpr std::size_t largestKeyFile = 1 << 16;  // bytes
 
-// Empty when the file cannot be trusted or read, or is larger than it has reason to be.
+// Empty when the file cannot be trusted or read, or is too large.
 std::string readTrustedFile(const std::filesystem::path& path) {
     const auto file = openTrustedFile(path);
     return file ? readToEnd(file, largestKeyFile).value_or("") : "";

@@ -1,5 +1,5 @@
-// The result codes of the asset service. They are shown as numbers in the execution log and explained in
-// tarnwick-assets(5): a number, once given, keeps its meaning.
+// The result codes of the asset service. The execution log shows them as numbers, and tarnwick-assets(5) explains them,
+// so a number never changes its meaning.
 #pragma once
 
 #include <cstdint>
@@ -15,11 +15,11 @@ enum class AssetResult : std::int64_t {
     storeFailed = 4,            // the store cannot be read or written
 
     unreachable = 10,         // no connection
-    certificateRefused = 11,  // the server could not prove who it is
-    answerRefused = 12,       // the server has no such file, or answers with another error
-    redirectRefused = 13,     // sent to another scheme, to an address that is not allowed, or once too often
-    tooSlow = 14,             // below the minimum rate, or not done in the total time
-    transferFailed = 15,      // broken off
+    certificateRefused = 11,  // the certificate of the server was not accepted
+    answerRefused = 12,       // the server does not have the file, or answers with another error
+    redirectRefused = 13,     // redirected to another scheme, to an address that is not allowed, or too often
+    tooSlow = 14,             // below the minimum rate, or over the total time
+    transferFailed = 15,      // the transfer was interrupted
 
     catalogTooLarge = 20,
     signatureMissing = 21,

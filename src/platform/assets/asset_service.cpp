@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Short of the time for which a caller is ready to wait, so that a slow server is told from a silent service.
+// Less than the time for which callers wait, so that a slow server and a silent service give different results.
 constexpr auto catalogTime = 12s;  // for each of the catalog's two files
 constexpr auto assetTime = 1500s;  // for each file of an asset
 constexpr auto partingTime = 1s;
@@ -41,7 +41,7 @@ AssetResult fetchText(const std::string& url, std::size_t limit, AssetResult whe
     return fetchUrl(url, limitsFor(limit, whenLarger, catalogTime), append, stop);
 }
 
-// The signature's name is the catalog's with an ending: in the path, and so before a query part.
+// The name of the signature is that of the catalog with a suffix. The suffix is part of the path, before any query.
 std::string signatureUrl(const std::string& catalogUrl) {
     auto url = catalogUrl;
     return url.insert(std::min(url.find_first_of("?#"), url.size()), ".sig");
@@ -90,7 +90,8 @@ AssetResult downloadAsset(const AssetServicePlaces& places, const Asset& asset, 
     return store.install(asset, *staged);
 }
 
-// The stored catalog as far as it may be used: it needs a configured service, a good signature, and time left.
+// The assets of the stored catalog. Empty unless a service is configured, the signature is right and the catalog has
+// not expired.
 AssetCatalog usableCatalog(const AssetServicePlaces& places) {
     AssetConfiguration configuration;
     AssetCatalog catalog;
@@ -101,7 +102,7 @@ AssetCatalog usableCatalog(const AssetServicePlaces& places) {
     return usable ? catalog : AssetCatalog();
 }
 
-// Signals belong to the main thread. SIGPIPE blocked also turns a server that hangs up into an error of the write.
+// The main thread handles signals. With SIGPIPE blocked, a server that closes the connection causes a write error.
 void blockSignals() {
     sigset_t all;
     sigfillset(&all);
@@ -115,7 +116,7 @@ AssetService& theService() {
 
 }  // namespace
 
-// What the thread works on. It holds a share of its own, so that it may outlive the service.
+// The state of the thread. The thread owns a share of it, so it may outlive the service.
 struct AssetService::Work {
     struct Item {
         Job job;
@@ -128,7 +129,7 @@ struct AssetService::Work {
     bool ended = false;
     std::stop_source stop;
 
-    // Nothing when the service has stopped and every request has had its answer.
+    // The next request. Nothing when the service has stopped and every request has been answered.
     std::optional<Item> next() {
         std::unique_lock lock(mutex);
         changed.wait(lock, stop.get_token(), [this] { return !items.empty(); });
@@ -142,7 +143,7 @@ struct AssetService::Work {
         if (stop.stop_requested()) return AssetResult::stopped;
         try {
             return job(stop.get_token());
-        } catch (const std::exception&) {  // memory, or a folder that changed while it was looked at
+        } catch (const std::exception&) {  // out of memory, or a folder changed while it was read
             return AssetResult::storeFailed;
         }
     }
@@ -156,8 +157,8 @@ struct AssetService::Work {
     }
 };
 
-// The library is initialised here and never cleaned up: what it registers for the end of the process must run after
-// the destructor of the instance that lives until then.
+// curl_global_init without a cleanup: what the library registers for the end of the process must run after the
+// destructor of the instance that exists until then.
 AssetService::AssetService(AssetServicePlaces places) : places_(std::move(places)), work_(std::make_shared<Work>()) {
     curl_global_init(CURL_GLOBAL_DEFAULT);
 }
@@ -183,7 +184,7 @@ void AssetService::submit(Job job, CompletionCallback done) {
     if (thread_.joinable()) return;
     try {
         thread_ = std::thread([work = work_] { work->run(); });
-    } catch (const std::system_error&) {  // no thread is to be had
+    } catch (const std::system_error&) {  // no thread could be started
         work_->next()->done(static_cast<std::int64_t>(AssetResult::transferFailed));
     }
 }
@@ -220,7 +221,8 @@ std::int64_t AssetService::installState(const Asset& asset) const {
     return localDirectory(asset) ? assetStateInstalled : 0;
 }
 
-// The store comes first: if a site publishes the factory's version number, its files are used.
+// The store is searched first: when a site publishes a version that the factory folder also has, the files of the site
+// are used.
 std::optional<std::filesystem::path> AssetService::localDirectory(const Asset& asset) const {
     for (const AssetStore& store : {AssetStore(places_.store), AssetStore(places_.factory)})
         if (store.holdsComplete(asset)) return store.folderOf(asset);

@@ -1,8 +1,8 @@
-// The asset-download service: refreshing the catalog, asking which assets there are, downloading one.
+// The asset-download service: refreshes the catalog, lists assets, downloads one.
 //
-// Requests are answered on a thread of the service's own, one after the other: the callback is called exactly once,
-// on that thread (at once, with a failure, when no thread can be started), unless the process ends while the operating
-// system holds the thread in a call that does not return. Nothing here prints.
+// A thread of the service performs requests one after another. It calls each callback exactly once (when the thread
+// cannot be started, the caller's thread calls it at once, with a failure), unless the process ends while the thread is
+// in a system call that does not return. Nothing here prints.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ namespace tarnwick {
 
 using CompletionCallback = std::function<void(std::int64_t resultCode)>;  // an AssetResult; 0 is success
 
-// What the caller wishes; this service never defers a transfer and never looks at the power supply.
+// The wishes of the caller. This service never defers a transfer and never checks the power supply.
 struct DownloadOptions {
     bool discretionary = true;
     bool requiresExternalPower = true;
@@ -36,15 +36,16 @@ enum class AssetVersionKind { content, mastered };
 inline constexpr int assetQueryKindAll = 2;             // installed or known to the catalog
 inline constexpr std::int64_t assetStateInstalled = 2;  // installed and complete
 
-// Whether this machine has a service to refresh a catalog from. Without one the installed assets can still be queried.
+// Whether a service is configured from which a catalog can be refreshed. Without one, installed assets can still be
+// queried.
 bool assetServiceConfigured();
 
 void requestCatalogRefresh(const std::string& type, const DownloadOptions& options, CompletionCallback done);
 void requestAssetDownload(const Asset& asset, const DownloadOptions& options, CompletionCallback done);
 
-// Answers from what is on this machine: the stored catalog, verified again and left aside when it has expired, and the
-// installed versions, those that came with the package included. A store that cannot be trusted is a failure; a factory
-// folder that cannot be trusted counts as missing. Blocks for as long as the disk takes.
+// Answers from what is on this machine: the stored catalog (verified again, ignored when it has expired) and the
+// installed versions, including those of the package. A store that cannot be trusted is a failure; a factory folder
+// that cannot be trusted counts as missing. Blocks for as long as the disk needs.
 AssetQueryAnswer queryAssetsNow(const std::string& type, int kind);
 
 std::int64_t assetInstallState(const Asset& asset);
@@ -54,12 +55,13 @@ std::optional<std::filesystem::path> assetLocalDirectory(const Asset& asset);  /
 struct AssetServicePlaces {
     std::filesystem::path configuration = "/etc/tarnwick/asset-service.plist";
     std::filesystem::path store = "/var/lib/tarnwick/assets";
-    std::filesystem::path factory = "/usr/share/tarnwick/assets";  // laid out like the store; read only, the package's
+    std::filesystem::path factory =
+        "/usr/share/tarnwick/assets";  // same layout as the store; read-only, installed by the package
 };
 
-// The service itself. The functions above are those of one instance at the default places, made at first use. The
-// destructor ends a transfer at once and waits a moment for the thread; a thread that cannot be reached is left to
-// the end of the process, and touches nothing of the object.
+// The service itself. The functions above use one instance with the default places, made at first use. The destructor
+// stops a transfer at once and waits briefly for the thread. A thread that does not end in that time runs until the
+// process ends, and does not access the object.
 class AssetService {
 public:
     explicit AssetService(AssetServicePlaces places = {});
@@ -81,7 +83,7 @@ private:
 
     AssetServicePlaces places_;
     std::shared_ptr<Work> work_;  // shared with the thread
-    std::thread thread_;          // runs from the first request on
+    std::thread thread_;          // started by the first request
 };
 
 }  // namespace tarnwick

@@ -35,7 +35,7 @@ public:
         good_ = good_ && EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1;
     }
 
-    // In hexadecimal; empty on failure.
+    // The digest in hexadecimal; empty on failure.
     std::string finish() {
         std::array<unsigned char, 32> digest{};
         if (!good_ || EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) != 1) return {};
@@ -71,7 +71,7 @@ bool syncFolder(const fs::path& folder) {
     return opened && ::fsync(opened.get()) == 0;
 }
 
-// Syncs every folder below and including `folder`; the files were synced when they were written.
+// Syncs `folder` and every folder below it. The files were synced when they were written.
 bool syncFolders(const fs::path& folder) {
     bool synced = syncFolder(folder);
     for (const auto& entry : fs::recursive_directory_iterator(folder))
@@ -79,13 +79,13 @@ bool syncFolders(const fs::path& folder) {
     return synced;
 }
 
-// Up to `limit` bytes of a regular file; nothing when there is none, or more.
+// The content of a regular file of at most `limit` bytes; otherwise nothing.
 std::optional<std::string> readFile(const fs::path& path, std::size_t limit) {
     const auto file = openRegularFile(path, O_NOFOLLOW);
     return file ? readToEnd(file, limit) : std::nullopt;
 }
 
-// The lock must be held: the temporary name is the same for everybody.
+// The caller must hold the lock: all processes use the same temporary name.
 bool replaceFile(const fs::path& path, std::string_view bytes) {
     const fs::path temporary = path.native() + ".new";
     FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -105,7 +105,8 @@ FileDescriptor lockStore(const fs::path& root) {
 
 enum class Folder { good, missing, linked, bad };
 
-// A folder that decides what root does must be nobody else's: not a link, not a stranger's, not writable by others.
+// The content of the folder decides what root does, so it must not be a link, not owned by another user, and not
+// writable by others.
 Folder inspectFolder(const fs::path& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? Folder::missing : Folder::bad;
@@ -132,7 +133,7 @@ AssetResult makeRoot(const fs::path& root) {
     return error ? AssetResult::storeFailed : makeTrustedFolder(root);
 }
 
-// Opens a file below an open folder, no component of its path being a link; with O_CREAT its folders are made too.
+// Opens a file below an open folder without following a link in any component; with O_CREAT, missing folders are made.
 FileDescriptor openBeneath(FileDescriptor folder, std::string_view path, int flags) {
     for (auto slash = path.find('/'); folder && slash != std::string_view::npos; slash = path.find('/')) {
         const std::string name(path.substr(0, slash));
@@ -144,7 +145,8 @@ FileDescriptor openBeneath(FileDescriptor folder, std::string_view path, int fla
     return FileDescriptor(::openat(folder.get(), std::string(path).c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0644));
 }
 
-// With O_DIRECTORY a link in the way of a folder is ENOTDIR; so is a file, which no path of a catalog can run into.
+// With O_DIRECTORY, a link in place of a folder gives ENOTDIR. A file would too, but the paths of a catalog never
+// collide.
 AssetResult openFailure(int error) {
     return error == ELOOP || error == ENOTDIR || error == EEXIST ? AssetResult::pathThroughLink
                                                                  : AssetResult::storeFailed;
@@ -185,7 +187,7 @@ bool readNumber(std::string_view text, Number& number) {
     return error == std::errc() && end == text.data() + text.size() && number >= 0;
 }
 
-// Only the form that we write: "5.12" is a version, "05.12" is something else.
+// Accepts only the form that this program writes: "5.12" is a version, "05.12" is not.
 std::optional<AssetVersion> versionOf(const std::string& name) {
     const auto dot = name.find('.');
     AssetVersion version;
@@ -195,8 +197,8 @@ std::optional<AssetVersion> versionOf(const std::string& name) {
     return version;
 }
 
-// What a process left that was killed: its lock is gone with it. Ours to remove only under the store's lock, because a
-// place that was just made is not locked yet.
+// Removes what killed processes left; their locks ended with them. The caller must hold the lock of the store, because
+// a new staging folder is not locked at first.
 void removeLeftovers(const fs::path& typeFolder) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(typeFolder, ignored)) {
@@ -219,7 +221,8 @@ std::optional<SignedCatalog> decodeCatalog(std::string_view stored) {
     return SignedCatalog{std::string(stored.substr(length)), std::string(stored.substr(0, length))};
 }
 
-// The last serial accepted: -1 for none. False when there is one that cannot be read, which must not be taken for none.
+// Reads the last serial accepted; -1 when there is none. False when there is one that cannot be read, which must not
+// count as none.
 bool readLastSerial(const fs::path& path, std::int64_t& serial) {
     serial = -1;
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return true;
@@ -287,7 +290,8 @@ std::optional<SignedCatalog> AssetStore::storedCatalog() const {
     return stored ? decodeCatalog(*stored) : std::nullopt;
 }
 
-// The serial goes first: a kill between the two leaves the old catalog in use, and nothing older can come back.
+// The serial is written first: after a kill between the two writes, the old catalog is still used, and no older one is
+// accepted.
 AssetResult AssetStore::keepCatalog(const SignedCatalog& received, std::int64_t serial) const {
     const auto made = makeRoot(root_);
     if (made != AssetResult::success) return made;
@@ -323,8 +327,8 @@ AssetResult AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     if (!installed.empty() && installed.back() > asset.version) return AssetResult::versionTooLow;
     if (holdsComplete(asset)) return AssetResult::success;
 
-    // Something of that name that is not complete has to make room first. What is on its way out is renamed before
-    // it is removed, so that a half-removed version never bears a version's name.
+    // An incomplete folder with this name is removed first. It is renamed before that, so that a partly removed folder
+    // never has the name of a version.
     const auto place = folderOf(asset);
     std::error_code ignored;
     fs::rename(place, staged.folder_ / "replaced", ignored);

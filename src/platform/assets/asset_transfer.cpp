@@ -23,7 +23,7 @@ struct Exchange {
     const TransferLimits& limits;
     const ByteSink& sink;
     std::uint64_t received = 0;
-    AssetResult refusal = AssetResult::success;  // why the body was not wanted any more
+    AssetResult refusal = AssetResult::success;  // why the rest of the body was refused
 
     [[nodiscard]] long status() const {
         long code = 0;
@@ -34,7 +34,7 @@ struct Exchange {
     [[nodiscard]] bool isRedirect() const { return status() >= 300 && status() < 400; }
 
     bool take(std::string_view bytes) {
-        if (isRedirect()) return true;  // a page for people
+        if (isRedirect()) return true;  // the body of a redirect is a page for people
         received += bytes.size();
         refusal = received > limits.bytes ? limits.whenLarger : sink(bytes);
         return refusal == AssetResult::success;
@@ -44,7 +44,7 @@ struct Exchange {
 extern "C" std::size_t tarnwickTakeBytes(char* bytes, std::size_t size, std::size_t count, void* exchange) {
     try {
         return static_cast<Exchange*>(exchange)->take({bytes, size * count}) ? size * count : 0;
-    } catch (...) {  // an exception must not travel through the library
+    } catch (...) {  // an exception must not pass through libcurl
         static_cast<Exchange*>(exchange)->refusal = AssetResult::storeFailed;
         return 0;
     }
@@ -94,7 +94,7 @@ std::optional<CURLcode> finished(CURLM* multi) {
     return message->data.result;
 }
 
-// The multi interface for one transfer only, because it is the one that another thread can wake.
+// The multi interface, although there is only one transfer, because another thread can wake it.
 AssetResult perform(CURL* easy, const std::stop_token& stop) {
     const Multi multi(curl_multi_init());
     if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return AssetResult::transferFailed;
@@ -118,7 +118,7 @@ AssetResult perform(CURL* easy, const std::stop_token& stop) {
     return result;
 }
 
-// Where the answer sends us, if that is allowed.
+// The target of the redirect, if it is allowed.
 std::optional<std::string> redirectTarget(const Exchange& exchange, const std::string& from) {
     char* target = nullptr;
     curl_easy_getinfo(exchange.easy.get(), CURLINFO_REDIRECT_URL, &target);
