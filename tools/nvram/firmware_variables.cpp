@@ -142,8 +142,7 @@ private:
     FileDescriptor folder_;
     const std::function<void(const std::string&)>& write_;
     const ReadCall& read_;
-    std::string buffer_ =
-        std::string(attributesSize + variableLimit + 1, '\0');  // one byte more, to notice a longer value
+    std::string buffer_ = std::string(attributesSize + variableLimit + 1, '\0');  // 1 more shows a longer value
     std::size_t left_ = totalLimit;
     VariableDump result_;
 };

@@ -375,8 +375,7 @@ Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, 
     for (const auto& volume : volumes) {
         if (contains(volume.mountPoints, path)) return found(volume);
         if (identifier.empty() || (volume.name != identifier && visibleText(volume.name) != identifier)) continue;
-        if (named && !volume.leftOutBecause.empty())
-            continue;  // a USB stick must not make the name of a disk ambiguous
+        if (named && !volume.leftOutBecause.empty()) continue;  // a USB stick must not make a name ambiguous
         if (named && named->leftOutBecause.empty())
             return {std::nullopt, "more than one volume has this name: " + identifier};
         named = &volume;

@@ -55,8 +55,7 @@ std::optional<std::filesystem::path> assetLocalDirectory(const Asset& asset);  /
 struct AssetServicePlaces {
     std::filesystem::path configuration = "/etc/tarnwick/asset-service.plist";
     std::filesystem::path store = "/var/lib/tarnwick/assets";
-    std::filesystem::path factory =
-        "/usr/share/tarnwick/assets";  // same layout as the store; read-only, installed by the package
+    std::filesystem::path factory = "/usr/share/tarnwick/assets";  // same layout as the store; read-only
 };
 
 // The service itself. The functions above use one instance with the default places, made at first use. The destructor
