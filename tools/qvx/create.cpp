@@ -34,7 +34,7 @@ using ArchiveStreamHandle = std::unique_ptr<ArchiveStream, FreeWith<closeArchive
 
 constexpr const char* allFields = "UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL";
 constexpr int readers = 8;          // they mostly wait for the disk
-constexpr unsigned maxSealers = 8;  // each takes memory, and one thread fills the blocks for all
+constexpr unsigned maxSealers = 8;  // each needs memory, and a single thread fills the blocks for all of them
 
 struct FileIdentity {
     dev_t device = 0;
@@ -47,7 +47,7 @@ std::optional<FileIdentity> identify(const std::string& path) {
     return FileIdentity{status.st_dev, status.st_ino};
 }
 
-// Collects paths, made absolute, for the archive.
+// Collects absolute paths for the archive.
 class Collection {
 public:
     explicit Collection(std::optional<FileIdentity> output) : working_(fs::current_path().string()), output_(output) {}
@@ -66,7 +66,7 @@ public:
         return false;
     }
 
-    // The path itself and, if it is a directory, everything below it in order of names.
+    // Adds the path and, if it is a directory, everything below it in order of names.
     bool addTree(const std::string& path) {
         if (!add(path)) return false;
         struct stat status {};
@@ -78,7 +78,7 @@ public:
     }
 
     [[nodiscard]] const PathList* list() const { return &list_; }
-    [[nodiscard]] bool complete() const { return complete_; }  // no directory was unreadable
+    [[nodiscard]] bool complete() const { return complete_; }  // every directory could be read
 
 private:
     enum class Kind { directory, file, link, special };
@@ -93,8 +93,8 @@ private:
         return S_ISREG(type) ? Kind::file : Kind::special;
     }
 
-    // Kinds are as the directory itself says, mostly, without a look at the file. The standard library's iterator would
-    // end the process where memory runs out. False with errno set.
+    // Most directories store the kind of a file, which saves a look at the file. The iterator of the standard library
+    // would end the process when memory runs out. False with errno set.
     static bool readBelow(DIR* opened, std::vector<Found>& below) {
         for (errno = 0; const dirent* entry = readdir(opened); errno = 0) {
             const std::string_view name = entry->d_name;
@@ -120,7 +120,7 @@ private:
             sayError(escapedName(directory), errno);
             return false;
         }
-        opened.reset();  // the way down may be long
+        opened.reset();  // the recursion may be deep, and descriptors are limited
         std::sort(below.begin(), below.end(), [](const Found& a, const Found& b) { return a.name < b.name; });
         return std::all_of(below.begin(), below.end(), [&](const Found& found) {
             const std::string path = directory.ends_with('/') ? directory + found.name : directory + '/' + found.name;
@@ -128,7 +128,7 @@ private:
         });
     }
 
-    // What no archive can hold is left out below a directory, after saying so; and the archive itself.
+    // Below a directory, files that an archive cannot hold are left out with a message; so is the archive itself.
     [[nodiscard]] bool leftOut(const std::string& path, Kind kind) const {
         const bool special = kind == Kind::special;
         const bool output = kind == Kind::file && isOutput(path);
@@ -149,7 +149,7 @@ private:
     bool complete_ = true;
 };
 
-// Calls `take` for each name of the file. False, after saying why, when one is refused or the file cannot be read.
+// Calls `take` for each name in the file. False, after a message, when `take` refuses one or the file cannot be read.
 template <typename Take>
 bool readNames(const std::string& path, const Take& take) {
     const auto closeFile = [](std::FILE* file) {
@@ -199,7 +199,7 @@ bool setUp(EncryptionContext* context, const Point& recipient) {
            setContextFieldUInt(context, contextFieldBlockSize, blockSize) >= 0;
 }
 
-// `begun` tells whether the output was opened, and so is not what it was before.
+// `begun` becomes true when the output has been opened, and so truncated.
 Creation writeArchive(const PathList* list, const Point& recipient, const std::string& output, bool& begun) {
     const ContextHandle context(createEncryptionContext(profileHpke));
     if (!context || !setUp(context.get(), recipient)) return refuse("the recipient's key is not usable");
@@ -209,7 +209,7 @@ Creation writeArchive(const PathList* list, const Point& recipient, const std::s
     const ByteStreamHandle file(openFileByteStream(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     begun = file != nullptr;
     if (!begun) return refuse((escapedName(output) + ": cannot be written").c_str());
-    // More than there are cores only push each other out of the caches.
+    // More sealers than cores only evict one another's data from the caches.
     const auto sealers = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, maxSealers));
     const ByteStreamHandle encryption(openEncryptionOutputStream(file.get(), context.get(), streamFlags, sealers));
     if (!encryption) return refuse("the archive cannot be begun");

@@ -1,4 +1,4 @@
-// Making an archive.
+// Creates an archive.
 #pragma once
 
 #include <string>
@@ -15,9 +15,9 @@ struct CreateOptions {
 
 enum class Creation { complete, incomplete, failed };
 
-// Directories among the paths are taken with everything in them; names from a file are taken as they are. What
-// cannot be read is reported, and makes the archive incomplete. Failure is reported, too; then nothing is left of the
-// archive, and a file that stood there is gone only if it was written to.
+// Directories among the paths are archived with everything in them; names from a file are archived without. Files that
+// cannot be read are reported and make the archive incomplete. A failure is reported too; then the archive is removed,
+// and a file that existed there is lost only if it was written to.
 Creation createArchive(const CreateOptions& options);
 
 }  // namespace tarnwick::qvx

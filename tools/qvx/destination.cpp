@@ -29,8 +29,8 @@ std::string_view Destination::parentPathOf(std::string_view path) {
 int Destination::parentOf(std::string_view path, bool create) {
     const auto parentPath = parentPathOf(path);
     if (parentPath.empty()) return root_;
-    // What was a directory before may be a link by now, if the archive or somebody else has replaced it; but the
-    // descriptor still leads to where it led.
+    // What was a directory may have become a link, if the archive or somebody else has replaced it. The open descriptor
+    // still leads to the directory.
     if (parent_ && parentPath == parentPath_) return parent_->get();
     FileDescriptor directory;
     for (std::size_t begin = 0; begin < parentPath.size();) {

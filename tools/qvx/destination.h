@@ -1,4 +1,4 @@
-// The directory that an extraction goes to, and the way to places in it that no link can bend.
+// The directory that an extraction writes to, and access to places in it that no link can redirect.
 #pragma once
 
 #include <memory>
@@ -11,18 +11,18 @@ namespace tarnwick::qvx {
 
 class Destination {
 public:
-    // An open directory, which must outlive this.
+    // `root` is an open directory, which must outlive this object.
     explicit Destination(int root) : root_(root) {}
 
-    // The directory in which the last component of `path` stands; valid until the next call. Components are opened one
-    // after the other, never through a link; with `create`, missing ones are made. -1 with errno otherwise: ELOOP and
-    // ENOTDIR tell that something else than a directory is in the way. `path` has no empty, "." or ".." component.
+    // Opens the directory that contains the last component of `path`; valid until the next call. Opens one component
+    // after another, never through a link; with `create`, missing ones are made. -1 with errno on failure: ELOOP and
+    // ENOTDIR mean that something that is not a directory is in the way. `path` has no empty, "." or ".." component.
     int parentOf(std::string_view path, bool create);
 
-    // What holds the directory that parentOf() gave open, beyond the next call.
+    // Keeps the directory from parentOf() open beyond the next call.
     [[nodiscard]] std::shared_ptr<const void> holder() const { return parent_; }
 
-    // All but the last component.
+    // All components but the last.
     static std::string_view parentPathOf(std::string_view path);
 
     // The last component.

@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::size_t copyBufferSize = 1048576;
 constexpr std::size_t longestName = 255;
-constexpr std::size_t mostHandedOver = 4096;       // paths to be remembered
-constexpr std::size_t mostRemembered = 64U << 20;  // bytes of memory for attributes of directories
+constexpr std::size_t mostHandedOver = 4096;       // paths
+constexpr std::size_t mostRemembered = 64U << 20;  // bytes of memory for the attributes of directories
 
 FileDescriptor openRegular(int directory, const std::string& name) {
     FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -28,7 +28,7 @@ FileDescriptor openRegular(int directory, const std::string& name) {
     return file;
 }
 
-// Gives the content of an open file to `sink`, holes as holes. False at an error and when the sink stops.
+// Passes the content of an open file to `sink`, holes as holes. False at an error and when the sink stops.
 bool readFile(int file, EntrySink& sink) {
     const off_t size = lseek(file, 0, SEEK_END);
     std::vector<std::uint8_t> buffer(copyBufferSize);
@@ -48,7 +48,7 @@ bool readFile(int file, EntrySink& sink) {
     return size >= 0;
 }
 
-// Takes the digest of content, and hands it on where it is wanted.
+// Computes the digest of a content and passes the content on if there is a next sink.
 class DigestingSink : public EntrySink {
 public:
     explicit DigestingSink(TemporaryFile* file) : file_(file) {}
@@ -65,7 +65,7 @@ public:
     bool finish(const EntryTail&, const ContentReader&) override { return true; }
     void abandon() override {}
     Digest digest() { return digest_.finish(); }
-    [[nodiscard]] bool failed() const { return failed_; }  // the file did
+    [[nodiscard]] bool failed() const { return failed_; }  // writing the file failed
 
 private:
     TemporaryFile* file_;
@@ -138,7 +138,7 @@ bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
 void DiskSink::abandon() {
     if (keepIncomplete_ && !content_.empty()) openTemporary();
     if (keepIncomplete_ && temporary_.exists() && temporary_.finish({})) {
-        settle();  // the name may be one of theirs
+        settle();  // a writer may still create a file of this name
         constexpr std::string_view suffix = ".incomplete";
         const std::string stem = name_.substr(0, longestName - suffix.size() - 4) + std::string(suffix);
         std::string name = stem;
@@ -151,27 +151,27 @@ void DiskSink::abandon() {
 }
 
 void DiskSink::finishDirectories() {
-    temporary_.drop();  // of an entry that was begun when the reading ended
+    temporary_.drop();  // the file of an entry that was begun when the reading ended
     settle();
-    // Backwards: what stands in a directory comes before it.
+    // Backwards, so that a directory comes after those in it: its own mode may forbid access to them.
     for (auto directory = directories_.rbegin(); directory != directories_.rend(); ++directory) {
         const std::string name = Destination::nameOf(directory->first);
         const int parent = destination_.parentOf(directory->first, false);
         struct stat status {};
-        // A later entry of the same path may have replaced it.
+        // A later entry of the same path may have replaced the directory.
         if (parent >= 0 && fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISDIR(status.st_mode) && fchdir(parent) == 0)
             restoreDirectory(name, directory->second.head, directory->second.tail);
     }
 }
 
-// Entries are put on disk in any order only as long as none stands where another one does, or in its way.
+// Writers may finish files in any order, unless two entries have the same path or one path is a folder of the other.
 void DiskSink::settleAround(std::string_view path) {
     const std::string inside = std::string(path) + '/';
     const auto below = handedOver_.lower_bound(inside);
     bool meets = handedOver_.size() >= mostHandedOver || handedOver_.contains(path) ||
                  (below != handedOver_.end() && below->starts_with(inside));
-    // What was handed over last had no other above it.
+    // Files in the folder of the last one cannot conflict with a folder above it: that was checked then.
     for (auto folder = Destination::parentPathOf(path); !meets && !folder.empty() && folder != lastFolder_;
          folder = Destination::parentPathOf(folder))
         meets = handedOver_.contains(folder);
@@ -194,14 +194,14 @@ void DiskSink::makeDirectory() {
     failWithErrno();
 }
 
-// False when the content has become too long for that.
+// False when the content has become too long to be kept in memory.
 bool DiskSink::keepInMemory(Bytes bytes) {
     if (temporary_.exists() || content_.size() + bytes.size() > FileWriters::largest) return false;
     content_.insert(content_.end(), bytes.begin(), bytes.end());
     return true;
 }
 
-// Puts what was kept in memory there, too.
+// Also writes to it the content that was kept in memory.
 bool DiskSink::openTemporary() {
     if (temporary_.exists()) return true;
     if (!temporary_.create(parent_, head_, nullptr) || !temporary_.data(content_)) fail(temporary_.what());
@@ -209,8 +209,8 @@ bool DiskSink::openTemporary() {
     return temporary_.exists();
 }
 
-// Where an earlier entry holds the content, or is the same inode, the file that was made of it serves, if it still is
-// what this entry's digest says; otherwise the content comes from the archive once more.
+// When an earlier entry holds the content, or is the same inode, the file extracted from it is copied or linked, if its
+// content still has the digest of this entry. Otherwise the content is read from the archive once more.
 void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
     if (!tail.contentOf && !temporary_.exists()) return handToWriters(tail);
     if (tail.contentOf) settle();
@@ -234,7 +234,7 @@ void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
     commit(tail);
 }
 
-// What a directory is to have in the end is remembered until then, but not without bound.
+// The metadata of a directory is remembered until the end, in limited memory.
 void DiskSink::finishDirectory(const EntryTail& tail) {
     const std::size_t size = extrasSize(tail);
     const bool bearable = size <= mostRemembered - remembered_;
@@ -275,7 +275,7 @@ bool DiskSink::linkTo(std::string_view path, const EntryTail& tail) {
     return file && holds(file.get(), tail) && temporary_.link(parent_, file.get());
 }
 
-// A path that was listed twice would only be written once more.
+// When a path is listed twice, writing the same file again would change nothing.
 bool DiskSink::alreadyThere(const EntryTail& tail) {
     const FileDescriptor file = openRegular(parent_, name_);
     struct stat status {};

@@ -1,4 +1,4 @@
-// Puts the entries of an archive on disk.
+// Writes the entries of an archive to disk.
 #pragma once
 
 #include <map>
@@ -27,14 +27,14 @@ private:
     std::string text_;
 };
 
-// A file is written under another name and gets its own once its content has proved right, replacing what stood there.
-// An entry that cannot be put on disk is reported, and the next ones are not affected; so is one that was incomplete
-// when it was captured, which is written as it is. Threads write small files, some of them later; all is on disk after
-// finishDirectories(). Changes the working directory.
+// A file is written under a temporary name and renamed when its content is verified, replacing what had the name. An
+// entry that cannot be written is reported and does not affect the next ones. An entry that was incomplete when it was
+// captured is reported, and written as it is. Threads write small files, some of them later; everything is on disk
+// after finishDirectories(). Changes the working directory.
 class DiskSink : public EntrySink {
 public:
-    // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, what there is of an
-    // abandoned file stays as NAME.incomplete.
+    // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, the part that was read of
+    // an abandoned file is kept as NAME.incomplete.
     DiskSink(int directory, bool keepIncomplete)
         : destination_(directory), sources_(directory), keepIncomplete_(keepIncomplete) {}
 
@@ -44,11 +44,11 @@ public:
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override;
 
-    // Gives the directories their metadata, which writing into them would have spoilt. To be called at the end, also of
-    // a reading that was broken off.
+    // Sets the metadata of the directories, which writing into them would have changed. Call it at the end, also when
+    // the reading ended early.
     void finishDirectories();
 
-    // Whether an entry could not be put on disk, or was incomplete when it was captured. To be asked at the end.
+    // Whether an entry could not be written, or was incomplete when it was captured. Valid at the end.
     [[nodiscard]] bool failed() const { return failed_ || writers_.failed(); }
 
 private:
@@ -77,19 +77,19 @@ private:
     FileDescriptor openExtracted(std::string_view path);
 
     Destination destination_;
-    Destination sources_;  // the same, for looking elsewhere while parent_ stays open
+    Destination sources_;  // the same, for lookups elsewhere while parent_ stays open
     bool keepIncomplete_;
     EntryHead head_;
     std::string name_;  // the last component of the path
-    int parent_ = -1;   // the directory it stands in
+    int parent_ = -1;   // the directory that contains it
     TemporaryFile temporary_;
-    std::vector<std::uint8_t> content_;  // of a small file, until it is whole
+    std::vector<std::uint8_t> content_;  // content of a small file, until it is complete
     std::string linkTarget_;
     ExtractedPaths extracted_;
     std::map<std::string, Directory, std::less<>> directories_;
     std::size_t remembered_ = 0;                     // bytes of their attributes
-    std::set<std::string, std::less<>> handedOver_;  // paths that the writers may still be at
-    std::string lastFolder_;                         // of the last of these
+    std::set<std::string, std::less<>> handedOver_;  // paths that the writers may not have written yet
+    std::string lastFolder_;                         // folder of the last of these
     FileWriters writers_;
     bool skipping_ = false;  // this entry has failed
     bool failed_ = false;

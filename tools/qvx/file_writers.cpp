@@ -46,13 +46,13 @@ void FileWriters::handOver() {
     if (threads_.size() == mostThreads || batches_.size() <= threads_.size()) return;
     try {
         threads_.emplace_back([this] { work(); });
-    } catch (const std::system_error&) {  // the caller writes what threads do not
+    } catch (const std::system_error&) {  // without threads, the caller writes the files
     }
 }
 
 void FileWriters::work() {
-    // The disk writer makes files in the working directory and asks for the umask by changing it. Where a thread may
-    // not have its own of both, it does nothing.
+    // The disk writer creates files in the working directory and reads the umask by changing it. A thread that cannot
+    // have its own of both does nothing.
     if (::unshare(CLONE_FS) != 0) return;
     TemporaryFile temporary;
     std::unique_lock lock(mutex_);
@@ -60,7 +60,8 @@ void FileWriters::work() {
         if (!writeNext(lock, temporary)) changed_.wait(lock);
 }
 
-// Writes the first batch that is not begun and has no other of its directory before it. False when there is none.
+// Writes the first batch that is not in progress and has no earlier one of the same directory before it. False when
+// there is none.
 bool FileWriters::writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& temporary) {
     auto next = batches_.begin();
     for (; next != batches_.end(); ++next) {

@@ -1,5 +1,5 @@
-// Small files on their way to the disk. Making a file takes the kernel longer than reading it from an archive; but it
-// makes one at a time in a directory, so that threads are of use for different directories only.
+// Writes small files with several threads. To create a file takes the kernel longer than to read it from an archive.
+// But the kernel creates only one file at a time in a directory, so threads help only with different directories.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@
 
 namespace tarnwick::qvx {
 
-// A regular file whose content has proved right.
+// A regular file whose content is verified.
 struct SmallFile {
     std::string name;
     EntryHead head;
@@ -22,9 +22,9 @@ struct SmallFile {
     std::vector<std::uint8_t> content;
 };
 
-// Threads write what is put, those of one directory in order, and so does the caller when they do not keep up. Memory:
-// 8 MiB for contents and attributes, and at most as much again as the largest attributes of a file in each batch.
-// Changes the working directory of the caller.
+// Threads write the files, those of one directory in order; the caller writes too when they do not keep up. Memory: 8
+// MiB for contents and attributes, and at most as much again as the largest attributes of a file in each batch. Changes
+// the working directory of the caller.
 class FileWriters {
 public:
     static constexpr std::size_t largest = 65536;  // content of a file
@@ -32,12 +32,12 @@ public:
     FileWriters() = default;
     FileWriters(const FileWriters&) = delete;
     FileWriters& operator=(const FileWriters&) = delete;
-    ~FileWriters();  // what was put and not settled may be lost
+    ~FileWriters();  // files that were put but not settled may be lost
 
     // `holder` keeps `directory` open.
     void put(int directory, const std::shared_ptr<const void>& holder, SmallFile file);
 
-    // Comes back when everything that was put is on disk, or was reported.
+    // Waits until every file that was put is on disk or was reported.
     void settle();
 
     // Whether a file could not be written.
@@ -61,8 +61,8 @@ private:
     bool writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& temporary);
     void write(const SmallFile& file, int directory, TemporaryFile& temporary);
 
-    Batch batch_;              // not yet handed over
-    TemporaryFile temporary_;  // of the caller
+    Batch batch_;              // not given to the threads yet
+    TemporaryFile temporary_;  // used by the caller
     std::atomic<bool> failed_ = false;
 
     std::mutex mutex_;

@@ -8,7 +8,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-std::atomic<bool> raised = false;  // free of locks, as a handler needs it
+std::atomic<bool> raised = false;  // lock-free, as a signal handler requires
 
 void note(int) { raised = true; }
 

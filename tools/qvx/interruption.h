@@ -1,9 +1,9 @@
-// A wish to stop that comes from outside, so that no temporary file stays behind.
+// Signals that ask the program to stop, so that it can remove its temporary files first.
 #pragma once
 
 namespace tarnwick::qvx {
 
-// From now on SIGINT, SIGTERM and SIGHUP are taken note of instead of ending the process.
+// From this call on, SIGINT, SIGTERM and SIGHUP are recorded and do not end the process.
 void watchForInterruption();
 bool interrupted();
 

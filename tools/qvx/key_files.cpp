@@ -18,7 +18,8 @@ namespace {
 
 constexpr std::size_t keyFileLimit = 65536;
 
-// The whole file, or nothing with errno set. A key may come through a pipe, so this waits for what is not a file.
+// The whole file, or nothing with errno set. A key may come through a pipe, so other files than regular ones are waited
+// for.
 std::optional<std::string> readKeyFile(const std::string& path) {
     const FileDescriptor opened(path == "-" ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
     const int descriptor = path == "-" ? STDIN_FILENO : opened.get();
@@ -40,7 +41,7 @@ std::optional<std::string> readKeyFile(const std::string& path) {
     return text;
 }
 
-// Only a terminal is asked: a passphrase in a pipe or a script would be what it is meant to guard against.
+// Asks only on a terminal: a passphrase that is stored in a script protects nothing.
 std::optional<std::string> askPassphrase(const std::string& path) {
     if (!FileDescriptor(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC))) return std::nullopt;
     char buffer[1024];
@@ -73,7 +74,7 @@ bool writeWhole(int descriptor, std::string_view text) {
     return true;
 }
 
-// A file that must not exist yet; it goes again unless keep() was reached.
+// A new file, which must not exist yet; the destructor removes it unless keep() was called.
 class NewFile {
 public:
     NewFile(std::string path, mode_t mode)

@@ -1,4 +1,4 @@
-// Keys as qvx finds them on disk and makes them.
+// Reads and creates the key files of qvx.
 #pragma once
 
 #include <optional>
@@ -8,15 +8,15 @@
 
 namespace tarnwick::qvx {
 
-// Reads the private key at `path` ("-" is standard input), asking for its passphrase on the terminal. Null, after
-// saying why, when there is none.
+// Reads the private key at `path` ("-" is standard input); asks for its passphrase on the terminal. Null, after a
+// message, when that fails.
 KeyHandle loadPrivateKey(const std::string& path);
 
-// The recipient named on the command line: an SSH key line, or a file whose first such line counts. Nothing, after
-// saying why.
+// The recipient named on the command line: an SSH key line, or a file whose first such line is used. Nothing, after a
+// message, when there is none.
 std::optional<Point> loadRecipient(const std::string& lineOrPath);
 
-// Makes NAME.pem (0600) and NAME.pub, neither of which may exist. False after saying why, and then neither is left.
+// Creates NAME.pem (0600) and NAME.pub, neither of which may exist. False after a message; then neither is left.
 bool makeKeyFiles(const std::string& name);
 
 }  // namespace tarnwick::qvx

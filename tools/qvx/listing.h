@@ -1,4 +1,4 @@
-// Archives in words: lines for people, JSON for programs, and the bare content of one file.
+// Prints archives: lines for people, JSON for programs, and the plain content of one file.
 #pragma once
 
 #include <string>
@@ -10,11 +10,12 @@ namespace tarnwick::qvx {
 // "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" after the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
 
-// What an entry lacks that was incomplete when it was captured: "incomplete when it was captured: bytes 0 to 4095 could
-// not be read". For an entry whose tail has `unreadable`.
+// The text about an entry that was incomplete when it was captured: "incomplete when it was captured: bytes 0 to 4095
+// could not be read". The tail must have `unreadable`.
 std::string incompleteText(EntryType type, const EntryTail& tail);
 
-// Prints each entry as one JSON object on a line of its own, with all that the archive holds of it but the content.
+// Prints each entry as one JSON object on a line of its own, with everything that the archive holds about it except the
+// content.
 class JsonSink : public EntrySink {
 public:
     bool begin(const EntryHead& head) override;
@@ -28,7 +29,7 @@ private:
     std::string linkTarget_;
 };
 
-// Writes the content of the files it gets to standard output. Stops when that fails. Reports incomplete files.
+// Writes the content of its files to standard output. Stops when that fails. Reports incomplete files.
 class OutputSink : public EntrySink {
 public:
     bool begin(const EntryHead& head) override;
@@ -36,15 +37,14 @@ public:
     bool hole(std::uint64_t length) override;
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override {}
-    [[nodiscard]] bool incomplete() const { return incomplete_; }  // one of the files
+    [[nodiscard]] bool incomplete() const { return incomplete_; }  // one of the files was incomplete
 
 private:
     std::string path_;
     bool incomplete_ = false;
 };
 
-// For checking alone: reports the incomplete entries, each once, also when the archive is read again from its
-// beginning.
+// For a check only: reports each incomplete entry once, also when the archive is read a second time.
 class CheckSink : public EntrySink {
 public:
     explicit CheckSink(std::string archive) : archive_(std::move(archive)) {}
@@ -56,7 +56,7 @@ public:
     [[nodiscard]] std::uint64_t incomplete() const { return incomplete_; }  // count of entries
 
 private:
-    std::string archive_;  // its name, as it is reported
+    std::string archive_;  // its name in messages
     EntryHead head_;
     std::uint64_t next_ = 0;  // number of the first entry not seen yet
     std::uint64_t incomplete_ = 0;

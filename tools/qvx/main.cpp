@@ -1,4 +1,4 @@
-// qvx: makes, lists, checks and unpacks archives sealed to the holder of a P-256 key.
+// qvx: creates, lists, checks and extracts archives sealed to the owner of a P-256 key.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,7 +52,7 @@ int sayFault(const Options& options, const ReadFault& fault) {
     return exitFailed;
 }
 
-// A FIFO in the archive's place would be waited for without end.
+// O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
 std::unique_ptr<ArchiveFile> openFile(const Options& options) {
     ReadFault fault;
     FileDescriptor descriptor(open(options.archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -62,7 +62,7 @@ std::unique_ptr<ArchiveFile> openFile(const Options& options) {
     return file;
 }
 
-// Opens the archive with the key and does `work` with it, which gives the exit status.
+// Opens the archive with the key and calls `work`, which returns the exit status.
 int withArchive(const Options& options, const std::function<int(ArchiveReader&)>& work) {
     auto file = openFile(options);
     if (!file) return exitFailed;
@@ -79,7 +79,7 @@ int withArchive(const Options& options, const std::function<int(ArchiveReader&)>
     return reader ? work(*reader) : sayFault(options, fault);
 }
 
-// What was printed counts only once it has arrived.
+// The output counts only when all of it was written.
 int finishOutput(bool good, const Options& options, const ReadFault& fault) {
     const bool written = std::fflush(stdout) == 0 && !std::ferror(stdout);
     if (!written) sayError("standard output", errno);
@@ -101,7 +101,7 @@ int runList(const Options& options) {
     });
 }
 
-// The first damage, and then all that can be told of the rest.
+// Reports the first damage, then everything that can be found out about the rest.
 int sayDamage(const Options& options, ArchiveReader& reader, const ReadFault& first, CheckSink& sink) {
     sayFault(options, first);
     reader.salvage(sink, [&](const ReadFault& fault) {
@@ -122,7 +122,7 @@ int runVerify(const Options& options) {
     });
 }
 
-// As an entry of the archive has it: without slashes in front and behind.
+// The path in the form of an entry: without slashes at the beginning and the end.
 std::string entryPath(std::string path) {
     path.erase(0, std::min(path.find_first_not_of('/'), path.size()));
     path.erase(path.find_last_not_of('/') + 1);
@@ -148,7 +148,7 @@ bool extractChosen(const Options& options, ArchiveReader& reader, DiskSink& sink
     };
     std::uint64_t taken = 0;
     if (!reader.readChosen(chosen, sink, taken, fault)) return false;
-    fault = {};  // nothing is wrong with the archive when it lacks what was asked for
+    fault = {};  // a missing entry is not damage of the archive
     bool all = true;
     for (std::size_t i = 0; i < tops.size(); ++i) {
         if (met[i]) continue;
@@ -188,7 +188,7 @@ int runExtract(const Options& options) {
 int runCat(const Options& options) {
     return withArchive(options, [&](ArchiveReader& reader) {
         const std::string wanted = entryPath(options.paths.front());
-        std::optional<std::uint64_t> last;  // of several entries of one path, the last counts
+        std::optional<std::uint64_t> last;  // of several entries with one path, the last one is used
         ReadFault fault;
         const auto look = [&](std::uint64_t number, const IndexEntry& entry) {
             if (entry.path == wanted) last = number;
@@ -284,7 +284,7 @@ int run(int argc, char** argv) {
     return chosen(options);
 }
 
-// A standard stream that was closed would be the next file opened, and what is said would be written into that one.
+// The next file that is opened gets the number of a closed standard stream, and messages would be written into it.
 void occupyStandardStreams() {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fcntl(stream, F_GETFD) < 0)
@@ -294,7 +294,8 @@ void occupyStandardStreams() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader of our output that goes away is a failed write, not a death without a word.
+    // When the reader of the output closes it, the write fails and is handled; the signal would end the process
+    // silently.
     std::signal(SIGPIPE, SIG_IGN);
     occupyStandardStreams();
     try {

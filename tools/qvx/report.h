@@ -1,4 +1,4 @@
-// What qvx says and how it ends.
+// Messages and exit statuses of qvx.
 #pragma once
 
 #include <string>
@@ -8,13 +8,14 @@ namespace tarnwick::qvx {
 
 enum ExitStatus : int { exitFine = 0, exitFailed = 1, exitUsage = 2, exitOtherKey = 3 };
 
-// "qvx: MESSAGE" on standard error. Names from disk or from an archive go through escapedName first.
+// Prints "qvx: MESSAGE" on standard error. Names from disk or from an archive must be passed through escapedName first.
 void say(const std::string& message);
 
-// As say, with ": " and the text of an errno value behind the message.
+// Like say, followed by ": " and the text of an errno value.
 void sayError(const std::string& message, int error);
 
-// A path or name for one line of a terminal: what is not printable UTF-8, and the backslash, as \xHH. Reversible.
+// A path or name on one line of a terminal: the backslash, and bytes that are not printable UTF-8, become \xHH.
+// Reversible.
 std::string escapedName(std::string_view name);
 
 }  // namespace tarnwick::qvx

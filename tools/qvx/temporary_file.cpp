@@ -62,7 +62,7 @@ std::string randomName() {
     return text;
 }
 
-// The library's texts hold the names of files as they are.
+// The messages of the library contain file names unescaped.
 std::string problemOf(archive* disk, const char* otherwise) {
     const char* text = archive_error_string(disk);
     return text ? escapedName(text) : otherwise;
@@ -70,12 +70,11 @@ std::string problemOf(archive* disk, const char* otherwise) {
 
 void warn(const std::string& path, const std::string& what) { say(escapedName(path) + ": " + what); }
 
-// Of the extended attributes, those of the system and the trusted ones are for root to set; another user would only be
-// told so file by file.
+// Only root can set system and trusted attributes; another user would get a message for each file.
 bool mayRestore(const std::string& attribute) { return geteuid() == 0 || attribute.starts_with("user."); }
 
-// These come last in an archive, behind the content, when the disk writer has long wanted them; so they are set here.
-// The descriptor is one of O_PATH, whose entry in /proc leads to the file itself whatever has happened to its name.
+// In an archive these come after the content, but the disk writer needs them before it; so they are set here. The
+// descriptor is opened with O_PATH; its entry in /proc leads to the file itself, whatever has happened to the name.
 void restoreExtras(const std::string& path, const FileDescriptor& file, EntryType type, const EntryTail& tail) {
     const std::string place = "/proc/self/fd/" + std::to_string(file.get());
     if (tail.attributes)
@@ -87,7 +86,7 @@ void restoreExtras(const std::string& path, const FileDescriptor& file, EntryTyp
         if (!list || acl_set_file(place.c_str(), kind, list.get()) != 0)
             warn(path, std::string("access control list: ") + std::strerror(errno));
     };
-    // A list that is not in the archive was inherited from the directory, and might let in whom the mode does not.
+    // A list that is not in the archive was inherited from the directory, and might allow more than the mode.
     const auto restoreList = [&](const std::string& text, acl_type_t kind, const char* attribute) {
         if (!text.empty()) return setList(text, kind);
         if (removexattr(place.c_str(), attribute) != 0 && errno != ENODATA && errno != ENOTSUP)
@@ -114,7 +113,7 @@ void restoreDirectory(const std::string& name, const EntryHead& head, const Entr
     const FileDescriptor file(open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!file) return warn(head.path, std::strerror(errno));
     restoreExtras(head.path, file, EntryType::directory, tail);
-    // The disk writer gives directories their times when it is closed, so that each has one of its own.
+    // The disk writer sets the times of directories when it is closed, so each directory has its own disk writer.
     const std::unique_ptr<archive, FreeWith<archive_write_free>> disk(archive_write_disk_new());
     if (!disk) throw std::bad_alloc();
     archive_write_disk_set_options(disk.get(), diskFlags() | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
@@ -139,7 +138,7 @@ bool TemporaryFile::create(int directory, const EntryHead& head, const std::stri
     if (!disk_) {
         disk_.reset(archive_write_disk_new());
         if (!disk_) throw std::bad_alloc();
-        // The name has no directories in it that could be links.
+        // The name contains no directory that could be a link.
         archive_write_disk_set_options(disk_.get(), diskFlags() | ARCHIVE_EXTRACT_NO_OVERWRITE);
     }
     name_ = randomName();
@@ -154,8 +153,8 @@ bool TemporaryFile::create(int directory, const EntryHead& head, const std::stri
     return hold();
 }
 
-// Others may write in the directory and put a file of theirs under our name, which must get nothing that root alone
-// may give.
+// Other users may be able to write in the directory and put their own file under this name. It must not get rights that
+// only root can grant.
 bool TemporaryFile::hold() {
     struct stat status {};
     file_ = FileDescriptor(open(name_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -183,7 +182,7 @@ bool TemporaryFile::hole(std::uint64_t length) {
 
 bool TemporaryFile::finish(const EntryTail& tail) {
     static constexpr std::uint8_t zero = 0;
-    // The disk writer learns of the size only from the last byte written.
+    // The disk writer knows the size only from the last byte written.
     if (offset_ > written_) {
         --offset_;
         if (!data(Bytes(&zero, 1))) return false;
@@ -205,7 +204,7 @@ bool TemporaryFile::rename(const std::string& name, bool replace) {
     if (result != 0 && errno == EISDIR && unlinkat(directory_, name.c_str(), AT_REMOVEDIR) == 0)
         result = renameat(directory_, name_.c_str(), directory_, name.c_str());
     if (result != 0) return refuseWithErrno();
-    // Where both names are of one file already, a rename does nothing at all.
+    // When both names belong to the same file already, rename(2) does nothing.
     if (linked_) unlinkat(directory_, name_.c_str(), 0);
     name_.clear();
     return true;

@@ -1,5 +1,5 @@
-// A file or link under a name of its own in the directory where it will stand, written through libarchive, so that
-// owner, mode and times are set as there, and holes stay holes.
+// A file or link with a temporary name in its final directory, written through libarchive, which sets owner, mode and
+// times and keeps holes as holes.
 #pragma once
 
 #include <memory>
@@ -13,11 +13,11 @@ struct archive_entry;
 
 namespace tarnwick::qvx {
 
-// Bytes of memory for attributes and access control lists.
+// Bytes of memory that attributes and access control lists take.
 std::size_t extrasSize(const EntryTail& tail);
 
-// Sets owner (for root), mode and times of what stands under `name` in the working directory: a directory that exists.
-// What could not be set is reported.
+// Sets owner (as root only), mode and times of the existing directory `name` in the working directory. Reports what
+// could not be set.
 void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail);
 
 class TemporaryFile {
@@ -27,18 +27,18 @@ public:
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile() { drop(); }
 
-    // Makes the file, or with `linkTarget` the symbolic link, in the working directory, which must be `directory` until
-    // the file is renamed or dropped. False with what() on failure, likewise below.
+    // Creates the file, or with `linkTarget` the symbolic link, in the working directory, which must be `directory`
+    // until the file is renamed or dropped. False on failure, with what(); likewise the functions below.
     bool create(int directory, const EntryHead& head, const std::string* linkTarget);
     bool data(Bytes bytes);
     bool hole(std::uint64_t length);
 
-    // Completes content and metadata, and gives it its name; replaces what stands there, other than a directory that
-    // is not empty. With `replace` false, a name that is taken is a failure with errno EEXIST.
+    // finish() completes content and metadata; rename() gives the file its final name and replaces what has that name,
+    // except a directory that is not empty. With `replace` false, an existing name is a failure with errno EEXIST.
     bool finish(const EntryTail& tail);
     bool rename(const std::string& name, bool replace);
 
-    // Makes another name for the open file `source` instead of a file of its own.
+    // Creates a second name for the open file `source` instead of a new file.
     bool link(int directory, int source);
 
     void drop();
@@ -59,13 +59,13 @@ private:
     std::string path_;  // of the entry, for messages
     std::string name_;  // empty: none
     std::string what_;
-    FileDescriptor file_;  // O_PATH, of what was made; none where that could not be told
+    FileDescriptor file_;  // O_PATH, of what was created; none when that could not be determined
     EntryType type_ = EntryType::file;
     int directory_ = -1;
     std::uint64_t offset_ = 0;
     std::uint64_t written_ = 0;
-    bool open_ = false;    // the disk writer still has it
-    bool linked_ = false;  // another name of a file that is there
+    bool open_ = false;    // the disk writer has not closed it
+    bool linked_ = false;  // a second name of an existing file
 };
 
 }  // namespace tarnwick::qvx
