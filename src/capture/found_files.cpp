@@ -29,7 +29,7 @@ bool namesSomething(const std::string& path) {
 
 // Joins `path` with the fewest of the last paths that together name an existing file, and removes those. A directory
 // whose name ends with a line feed may contain folders named like the ones above it, so that the rest of a path looks
-// like a path of its own.
+// like a separate path.
 void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
     std::string whole = path;

@@ -83,7 +83,7 @@ CapturePlan buildCapturePlan() {
         const auto& container = requireDictionary(*item, "no item dict");
         const auto& groups = requireArray(&container, "VolumeGroups", "no VolumeGroups array");
         for (auto group = groups.rbegin(); group != groups.rend(); ++group) {
-            // A group that is not a dictionary counts as a group without volumes, not as an error of its own.
+            // A group that is not a dictionary counts as a group without volumes; it is not a separate error.
             const auto& volumes = requireArray(group->as<PropertyListDictionary>(), "Volumes", "no Volumes array");
             for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume)
                 planVolume(readVolume(requireDictionary(*volume, "no volume dict")), plan);

@@ -286,6 +286,7 @@ bool HpkeCipher::seal(std::uint64_t sequence, Bytes additional, MutableBytes mes
 
 bool HpkeCipher::open(std::uint64_t sequence, Bytes additional, MutableBytes message,
                       std::span<const std::uint8_t, tagSize> tag) {
+    // A copy, because OpenSSL takes the tag through a pointer that is not const.
     std::array<std::uint8_t, tagSize> expected{};
     std::copy(tag.begin(), tag.end(), expected.begin());
     std::uint8_t unused = 0;

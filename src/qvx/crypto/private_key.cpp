@@ -61,6 +61,7 @@ ParsedKey parsePrivateKey(std::string_view pem, const PassphraseSource& passphra
 }
 
 std::string privateKeyPem(EVP_PKEY* key) {
+    // Secure memory, which OpenSSL wipes when the BIO is freed.
     const Bio bio(BIO_new(BIO_s_secmem()));
     if (!bio || PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) return {};
     char* bytes = nullptr;

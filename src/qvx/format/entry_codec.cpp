@@ -7,6 +7,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
+// Bit i is set when field i is present, so the order of the arguments is part of the format.
 template <typename... Fields>
 std::uint8_t presentBits(const Fields&... fields) {
     unsigned bits = 0;
@@ -84,6 +85,7 @@ AccessLists takeAccessLists(WireReader& in) {
     return lists;
 }
 
+// An offset is stored as the distance from the end of the previous extent, so no input decodes to overlapping extents.
 void putExtents(WireWriter& out, const std::vector<Extent>& extents) {
     out.varint(extents.size());
     std::uint64_t end = 0;
@@ -305,6 +307,7 @@ void IndexPartEncoder::finish(std::vector<std::uint8_t>& bytes) {
     first_ += count_;
     count_ = 0;
     body_.clear();
+    // A reader decodes each part without those before it.
     before_ = {};
 }
 

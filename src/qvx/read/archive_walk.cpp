@@ -78,7 +78,7 @@ bool ArchiveWalk::takeIndexRecord(const Record& record, const EntryPlace& place)
     // A reader that starts at the trailer reads the root before it knows any leader, and from the beginning of a block.
     if (root && needsLeader_) return refuse("a block of the root is not to be read without another");
     if (root && place.offset != 0) return refuse("the root does not begin its block");
-    // The root has no limit of its own; it cannot be larger than the file.
+    // The format does not limit the size of the root; it cannot be larger than the file.
     const std::uint64_t limit = root ? file_.size() : maxIndexLength;
     switch (joiner_.take(record, static_cast<std::size_t>(limit))) {
         case RecordJoiner::State::partial: return true;

@@ -20,6 +20,7 @@ std::optional<Trailer> readTrailer(const ArchiveFile& file, const HpkeKeys& keys
     if (!header || !(header->flags & blockLast) || header->sealedLength != lastBlockSize - blockHeaderSize)
         return std::nullopt;
     OpenedBlock block{{header->sequence, position}, {}, {}, std::nullopt};
+    // The last block is never compressed, so it needs no leader.
     BlockOpener(file, keys).open(block, [] { return BlockPointer(); });
     if (block.fault) {
         fault = *block.fault;
@@ -84,6 +85,7 @@ bool ArchiveIndex::fillMap(const Trailer& trailer) {
     return place.position == trailer.rootPosition;
 }
 
+// partOf() relies on this order, and each part must cover at least one entry.
 bool ArchiveIndex::partsAreInOrder() const {
     std::uint64_t least = 0;
     for (const auto& part : root_.parts) {

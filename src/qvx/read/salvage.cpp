@@ -76,6 +76,7 @@ private:
 
 BlockMap scanForBlocks(const ArchiveFile& file, const HpkeKeys& keys) {
     auto found = Scanner(file, keys).run();
+    // Stable, so that of several copies of a block the first one in the file is used.
     std::stable_sort(found.begin(), found.end(),
                      [](const BlockPlace& a, const BlockPlace& b) { return a.sequence < b.sequence; });
     BlockMap map;

@@ -157,6 +157,7 @@ void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
             lock.lock();
             error_ = status;
         }
+        // Meaningless after an error; then nobody reads it.
         sealedLengths_.push_back(static_cast<std::uint32_t>(job->sealedLength - blockHeaderSize));
         ++next_;
         free_.push_back(std::move(job));

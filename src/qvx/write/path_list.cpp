@@ -23,6 +23,7 @@ void PathList::append(const Entry& entry) {
     if (pieces_.empty() || pieces_.back().coded.size() >= pieceSize) {
         if (!pieces_.empty()) pieces_.back().coded.shrink_to_fit();
         pieces_.push_back({count_, {}});
+        // Coding restarts, so that pathOf() can begin at any piece.
         last_ = {};
     }
     const auto shared = static_cast<std::size_t>(
@@ -43,6 +44,7 @@ void PathList::append(const Entry& entry) {
 }
 
 std::uint64_t PathList::deviceNumber(dev_t device) {
+    // A list names few devices, so a linear search is enough.
     auto known = std::find(devices_.begin(), devices_.end(), device);
     if (known == devices_.end()) known = devices_.insert(devices_.end(), device);
     return static_cast<std::uint64_t>(known - devices_.begin());
@@ -90,7 +92,7 @@ std::string realPath(std::string_view directory, std::string_view path) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return {};
     const auto whole = std::filesystem::path(directory) / path;
     const auto name = whole.filename();
-    // The last component is resolved only when it is no name of its own: a link is archived as a link.
+    // A link is archived as a link, so the last component is resolved only when it is no name.
     std::error_code error;
     if (name.empty() || name == "." || name == "..") return std::filesystem::canonical(whole, error);
     const auto folder = std::filesystem::canonical(whole.parent_path(), error);
