@@ -31,7 +31,7 @@ struct Volume {
 
 // Every volume, ordered by container and group. The container of / is first, in it the group of /, and in that the
 // volume of /. Each volume appears once, however many layers are between it and the disk. The file system at / is a
-// volume even when its device is not known here (a pool, a network, layers); it is then a container of its own.
+// volume even when its device is not known here (a pool, a network, layers); its container is then a separate one.
 std::vector<Volume> findVolumes(const Machine& machine);
 
 // Finds a volume by the role name Preboot, a device name, a mount point or a volume name, tried in this order. Finds
