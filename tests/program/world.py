@@ -225,7 +225,10 @@ class Scenario(unittest.TestCase):
 
     def tool(self, program, *words, typed=b"", environment=(), **options):
         """A run of a companion, put on record. It has no terminal, and finds no other command."""
-        done = subprocess.run([f"/media/programs/{program}", *words], env={"PATH": "/nowhere", **COUNTS, **dict(environment)},
+        everywhere = {"PATH": "/nowhere", **COUNTS}
+        if options.keys() & {"user", "preexec_fn"}:  # as in start()
+            everywhere.update(GCOV_PREFIX="/media/counts", GCOV_ERROR_FILE="/dev/null")
+        done = subprocess.run([f"/media/programs/{program}", *words], env={**everywhere, **dict(environment)},
                               input=typed, start_new_session=True, check=False,
                               **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
         self.told((program, *words), done.stdout or b"", done.stderr, done.returncode)
