@@ -46,7 +46,7 @@ public:
         require(!tail.unreadable || extentsFit(*tail.unreadable));
         if (tail.contentOf && !content(*this)) content_.clear();
         require(!tail.digest || tail.contentOf || sha256(content_) == *tail.digest);
-        require(!tail.sum || tail.contentOf || tail.sum->size == content_.size());
+        require(!tail.totals || tail.contentOf || tail.totals->size == content_.size());
         open_ = false;
         kept_ += content_.size();
         seen.push_back(path_ + '=' + content_);

@@ -19,8 +19,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t longestPath = qvx::maxPathLength + 1;  // archives omit the slash at the beginning
-constexpr std::size_t maxJoinedLines = 64;                   // limits the work that planted names can cause
+constexpr std::size_t maxPathLength = qvx::maxPathLength + 1;  // archives omit the slash at the beginning
+constexpr std::size_t maxJoinedLines = 64;                     // limits the work that planted names can cause
 
 bool namesSomething(const std::string& path) {
     struct stat status {};
@@ -33,7 +33,7 @@ bool namesSomething(const std::string& path) {
 void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
     std::string whole = path;
-    for (std::size_t first = paths.size(); first-- > last && whole.size() <= longestPath;) {
+    for (std::size_t first = paths.size(); first-- > last && whole.size() <= maxPathLength;) {
         whole.insert(0, paths[first] + '\n');
         if (!namesSomething(whole)) continue;
         paths.resize(first);
@@ -71,7 +71,7 @@ std::vector<std::string> splitFoundPaths(const std::string& output, const fs::pa
 }
 
 void FoundFiles::consider(const std::string& path, FilesList& files) {
-    if (path.size() > longestPath) return leaveOut(path, "the path is too long");
+    if (path.size() > maxPathLength) return leaveOut(path, "the path is too long");
     const std::size_t nameAt = path.rfind('/') + 1;
     if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) holdFolder(path.substr(0, nameAt));
     if (!folder_)

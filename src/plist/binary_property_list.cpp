@@ -15,7 +15,7 @@ constexpr int deepestNesting = 512;
 // The memory that one value takes besides its own bytes, and the limit for all values of a document. Many references of
 // one byte each can name the same large value, so the size of the file does not bound the memory.
 constexpr std::uint64_t valueCost = 64;
-constexpr std::uint64_t largestCost = 256 << 20;
+constexpr std::uint64_t maxCost = 256 << 20;
 constexpr std::uint64_t freeCost = 1 << 20;
 constexpr std::uint64_t costPerByte = 64;
 
@@ -110,7 +110,7 @@ public:
 
     Value read() {
         if (!readTrailer()) return std::nullopt;
-        budget_ = std::min(largestCost, freeCost + costPerByte * document_.size());
+        budget_ = std::min(maxCost, freeCost + costPerByte * document_.size());
         return object(topObject_, 0);
     }
 

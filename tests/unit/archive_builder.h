@@ -28,7 +28,7 @@ inline std::unique_ptr<ArchiveReader> openArchive(const ByteVector& bytes, ReadF
 
 struct Tail {
     std::optional<Digest> digest = std::nullopt;
-    std::optional<SparseSum> sum = std::nullopt;
+    std::optional<SparseTotals> totals = std::nullopt;
     std::optional<std::uint64_t> contentOf = std::nullopt, linkOf = std::nullopt;
     std::optional<std::vector<Extent>> unreadable = std::nullopt;
 };
@@ -77,7 +77,8 @@ public:
     }
     ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
         ByteVector payload;
-        encodeEntryTail({tail.digest, tail.sum, tail.contentOf, tail.linkOf, {}, {}, tail.unreadable, false}, payload);
+        encodeEntryTail({tail.digest, tail.totals, tail.contentOf, tail.linkOf, {}, {}, tail.unreadable, false},
+                        payload);
         index_.size = size;
         index_.incomplete = tail.unreadable.has_value();
         part_.add(index_);

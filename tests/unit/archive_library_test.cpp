@@ -113,7 +113,7 @@ TEST_F(ArchiveLibrary, ComesToAnEndWithAHoleOfTebibytes) {
     struct Sizes : CheckingSink {
         bool hole(std::uint64_t length) override { return length <= (std::uint64_t{1} << 41); }
         bool finish(const EntryTail& tail, const ContentReader&) override {
-            seen.push_back(std::to_string(tail.sum->size) + (tail.digest ? " with a digest" : ""));
+            seen.push_back(std::to_string(tail.totals->size) + (tail.digest ? " with a digest" : ""));
             return true;
         }
     };

@@ -180,13 +180,13 @@ TEST(ArchiveLies, OfEntriesThatDoNotGoTogetherAreFound) {
     const std::string filler(blockSize - 25, 'x');
     const Digest abc = sha256("abc");
     const std::pair<const char*, std::function<void(ArchiveBuilder&)>> lies[] = {
-        {"sum",
+        {"totals",
          [&](auto& b) {
-             b.begin("x").data("abc").end({.digest = abc, .sum = SparseSum{4, 0}}, 4);
+             b.begin("x").data("abc").end({.digest = abc, .totals = SparseTotals{4, 0}}, 4);
          }},
         {"holes",
          [&](auto& b) {
-             b.begin("x").data("abc").end({.digest = abc, .sum = SparseSum{3, 1}}, 3);
+             b.begin("x").data("abc").end({.digest = abc, .totals = SparseTotals{3, 1}}, 3);
          }},
         {"directory with content", [](auto& b) { b.begin("x", EntryType::directory).data("abc").end({}, 3); }},
         {"link without target", [](auto& b) { b.begin("x", EntryType::link).end({}, 0); }},

@@ -78,7 +78,7 @@ public:
             text << '\n'
                  << volume.container << ' ' << volume.group << ' ' << volume.deviceIdentifier << ' ' << volume.name
                  << ' ' << volume.role << (volume.mountPoint.empty() ? "" : " at ") << volume.mountPoint
-                 << (volume.locked ? " locked" : "") << (volume.leftOutBecause.empty() ? "" : " left out");
+                 << (volume.locked ? " locked" : "") << (volume.exclusionReason.empty() ? "" : " left out");
         const auto listing = writeXmlPropertyList(groupListing(volumes));
         const std::regex container("ContainerReference");
         text << "\nlisted in "

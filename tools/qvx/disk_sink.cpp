@@ -17,9 +17,9 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t copyBufferSize = 1048576;
-constexpr std::size_t longestName = 255;
-constexpr std::size_t mostHandedOver = 4096;       // paths
-constexpr std::size_t mostRemembered = 64U << 20;  // bytes of memory for the attributes of directories
+constexpr std::size_t maxNameLength = 255;
+constexpr std::size_t maxPendingPaths = 4096;          // paths
+constexpr std::size_t maxAttributeMemory = 64U << 20;  // bytes of memory for the attributes of directories
 
 FileDescriptor openRegular(int directory, const std::string& name) {
     FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -140,7 +140,7 @@ void DiskSink::abandon() {
     if (keepIncomplete_ && temporary_.exists() && temporary_.finish({})) {
         settle();  // a writer may still create a file of this name
         constexpr std::string_view suffix = ".incomplete";
-        const std::string stem = name_.substr(0, longestName - suffix.size() - 4) + std::string(suffix);
+        const std::string stem = name_.substr(0, maxNameLength - suffix.size() - 4) + std::string(suffix);
         std::string name = stem;
         for (int i = 1; i < 1000 && !temporary_.rename(name, false) && errno == EEXIST; ++i)
             name = stem + '.' + std::to_string(i);
@@ -169,7 +169,7 @@ void DiskSink::finishDirectories() {
 void DiskSink::settleAround(std::string_view path) {
     const std::string inside = std::string(path) + '/';
     const auto below = handedOver_.lower_bound(inside);
-    bool meets = handedOver_.size() >= mostHandedOver || handedOver_.contains(path) ||
+    bool meets = handedOver_.size() >= maxPendingPaths || handedOver_.contains(path) ||
                  (below != handedOver_.end() && below->starts_with(inside));
     // Files in the folder of the last one cannot conflict with a folder above it: that was checked then.
     for (auto folder = Destination::parentPathOf(path); !meets && !folder.empty() && folder != lastFolder_;
@@ -196,7 +196,7 @@ void DiskSink::makeDirectory() {
 
 // False when the content has become too long to be kept in memory.
 bool DiskSink::keepInMemory(Bytes bytes) {
-    if (temporary_.exists() || content_.size() + bytes.size() > FileWriters::largest) return false;
+    if (temporary_.exists() || content_.size() + bytes.size() > FileWriters::maxFileSize) return false;
     content_.insert(content_.end(), bytes.begin(), bytes.end());
     return true;
 }
@@ -237,7 +237,7 @@ void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
 // The metadata of a directory is remembered until the end, in limited memory.
 void DiskSink::finishDirectory(const EntryTail& tail) {
     const std::size_t size = extrasSize(tail);
-    const bool bearable = size <= mostRemembered - remembered_;
+    const bool bearable = size <= maxAttributeMemory - remembered_;
     directories_[head_.path] = {head_, bearable ? tail : EntryTail{}};
     if (bearable) {
         remembered_ += size;

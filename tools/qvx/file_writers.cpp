@@ -20,7 +20,7 @@ FileWriters::~FileWriters() {
 
 void FileWriters::put(int directory, const std::shared_ptr<const void>& holder, SmallFile file) {
     const std::size_t size = file.content.size() + extrasSize(file.tail);
-    const bool full = batch_.files.size() == mostFiles || batch_.bytes + size > mostBytes;
+    const bool full = batch_.files.size() == maxBatchFiles || batch_.bytes + size > maxBatchBytes;
     if (full || batch_.directory != directory) handOver();
     batch_.directory = directory;
     batch_.holder = holder;
@@ -36,14 +36,14 @@ void FileWriters::settle() {
 }
 
 void FileWriters::handOver() {
-    static const std::size_t mostThreads = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
+    static const std::size_t maxThreads = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
     if (batch_.files.empty()) return;
     std::unique_lock lock(mutex_);
-    while (batches_.size() >= mostBatches)
+    while (batches_.size() >= maxBatches)
         if (!writeNext(lock, temporary_)) changed_.wait(lock);
     batches_.push_back(std::exchange(batch_, {}));
     changed_.notify_all();
-    if (threads_.size() == mostThreads || batches_.size() <= threads_.size()) return;
+    if (threads_.size() == maxThreads || batches_.size() <= threads_.size()) return;
     try {
         threads_.emplace_back([this] { work(); });
     } catch (const std::system_error&) {  // without threads, the caller writes the files

@@ -27,7 +27,7 @@ struct SmallFile {
 // the working directory of the caller.
 class FileWriters {
 public:
-    static constexpr std::size_t largest = 65536;  // content of a file
+    static constexpr std::size_t maxFileSize = 65536;  // content of a file
 
     FileWriters() = default;
     FileWriters(const FileWriters&) = delete;
@@ -52,9 +52,9 @@ private:
         bool begun = false;
     };
 
-    static constexpr std::size_t mostFiles = 128;  // of a batch
-    static constexpr std::size_t mostBytes = 1048576;
-    static constexpr std::size_t mostBatches = 7;
+    static constexpr std::size_t maxBatchFiles = 128;  // of a batch
+    static constexpr std::size_t maxBatchBytes = 1048576;
+    static constexpr std::size_t maxBatches = 7;
 
     void handOver();
     void work();

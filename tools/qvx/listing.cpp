@@ -138,9 +138,9 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     object.number("flags", head_.flags);
     object.number("mtime_ns", head_.modified);
     object.number("ctime_ns", head_.changed);
-    object.number("btime_ns", head_.born);
-    if (tail.sum) object.number("size", tail.sum->size);
-    if (tail.sum) object.number("holes", tail.sum->holes);
+    object.number("btime_ns", head_.created);
+    if (tail.totals) object.number("size", tail.totals->size);
+    if (tail.totals) object.number("holes", tail.totals->holes);
     if (tail.digest) object.text("sha256", hexText(*tail.digest));
     if (head_.type == EntryType::link) object.text("target", linkTarget_);
     object.number("content_of", tail.contentOf);

@@ -79,7 +79,7 @@ Lookup lookUp(const Machine& machine, const std::vector<Volume>& volumes, const 
 std::vector<Volume> dataVolumes(const std::vector<Volume>& volumes) {
     std::vector<Volume> found;
     std::copy_if(volumes.begin(), volumes.end(), std::back_inserter(found),
-                 [](const Volume& volume) { return isDataVolume(volume) && volume.leftOutBecause.empty(); });
+                 [](const Volume& volume) { return isDataVolume(volume) && volume.exclusionReason.empty(); });
     return found;
 }
 

@@ -47,7 +47,7 @@ PropertyListValue groupListing(const std::vector<Volume>& volumes) {
     PropertyListDictionary root;
     ensureArray(root, "Containers");
     for (const auto& volume : volumes) {
-        if (!volume.leftOutBecause.empty()) continue;
+        if (!volume.exclusionReason.empty()) continue;
         auto& container = lastEntry(root, "Containers", "ContainerReference", visibleText(volume.container));
         ensureArray(container, "VolumeGroups");
         auto& group = lastEntry(container, "VolumeGroups", "GroupReference", visibleText(volume.group));

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "passphrase.h"
+#include "base/passphrase.h"
 
 namespace tarnwick {
 

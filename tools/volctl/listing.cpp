@@ -14,7 +14,7 @@ using Row = std::array<std::string, 8>;
 std::string shown(const std::string& text) { return text.empty() ? "-" : visibleText(text); }
 
 std::string stateOf(const Volume& volume) {
-    if (!volume.leftOutBecause.empty()) return "left out: " + volume.leftOutBecause;
+    if (!volume.exclusionReason.empty()) return "left out: " + volume.exclusionReason;
     if (volume.locked) return "locked";
     return volume.mountPoint.empty() ? "not mounted" : "mounted";
 }

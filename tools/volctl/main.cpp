@@ -39,8 +39,8 @@ int listGroups(bool asPropertyList) {
     const auto volumes = findVolumes(machine);
     if (!asPropertyList) return print(volumeTable(volumes));
     for (const auto& volume : volumes)
-        if (!volume.leftOutBecause.empty())
-            complain(volume.deviceIdentifier + " is left out: " + volume.leftOutBecause);
+        if (!volume.exclusionReason.empty())
+            complain(volume.deviceIdentifier + " is left out: " + volume.exclusionReason);
     return print(writeXmlPropertyList(groupListing(volumes)));
 }
 

@@ -11,17 +11,17 @@ namespace tarnwick {
 namespace {
 
 // While an object exists, a signal cannot end the program between two steps that belong together.
-class UninterruptedSteps {
+class BlockedSignals {
 public:
-    UninterruptedSteps() {
+    BlockedSignals() {
         sigset_t ending;
         sigemptyset(&ending);
         for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&ending, signal);
         sigprocmask(SIG_BLOCK, &ending, &before_);
     }
-    ~UninterruptedSteps() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-    UninterruptedSteps(const UninterruptedSteps&) = delete;
-    UninterruptedSteps& operator=(const UninterruptedSteps&) = delete;
+    ~BlockedSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    BlockedSignals(const BlockedSignals&) = delete;
+    BlockedSignals& operator=(const BlockedSignals&) = delete;
 
 private:
     sigset_t before_{};
@@ -81,12 +81,12 @@ std::string openAndMount(const Volume& volume, int keyDescriptor) {
 
 std::string unlockVolume(const Volume& volume, int keyDescriptor) {
     if (!volume.mountPoint.empty()) return {};
-    const UninterruptedSteps steps;
+    const BlockedSignals steps;
     return volume.locked ? openAndMount(volume, keyDescriptor) : mountPlain(volume);
 }
 
 std::string lockVolume(const Volume& volume, bool& undone) {
-    const UninterruptedSteps steps;
+    const BlockedSignals steps;
     const auto devices = readBlockDevices();
     for (const auto& name : volume.deviceNames) {
         const auto folder = mountFolder(name);

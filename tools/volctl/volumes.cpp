@@ -165,7 +165,7 @@ private:
         evidence.isImage = isOnImage(machine_.devices, top);
         evidence.isEncrypted = chain.size() > 1 && top.mapName == mappingName(chain[1]->name);
         if (!machine_.settings.includeRemovable && comesAndGoes(top))
-            volume.leftOutBecause = "removable or hot-pluggable";  // so it is never read: reading may wake a drive
+            volume.exclusionReason = "removable or hot-pluggable";  // so it is never read: reading may wake a drive
         else if (!addContent(volume, top, group) && mounts.empty())
             return;
         volumes_.push_back(std::move(volume));
@@ -274,11 +274,11 @@ private:
     }
 
     static void judge(Volume& volume) {
-        if (!volume.leftOutBecause.empty()) return;
+        if (!volume.exclusionReason.empty()) return;
         if (!isPlainName(volume.mountPoint))
-            volume.leftOutBecause = "its mount point holds a character that is not passed on";
+            volume.exclusionReason = "its mount point holds a character that is not passed on";
         else if (!isPlainName(volume.deviceIdentifier))
-            volume.leftOutBecause = "its device name holds a character that is not passed on";
+            volume.exclusionReason = "its device name holds a character that is not passed on";
     }
 
     // A capture searches the volumes from the last to the first, and keeps the files of the one searched last; so the
@@ -309,8 +309,8 @@ private:
 };
 
 Lookup found(const Volume& volume) {
-    if (volume.leftOutBecause.empty()) return {volume, {}};
-    return {std::nullopt, volume.deviceIdentifier + " is left out: " + volume.leftOutBecause};
+    if (volume.exclusionReason.empty()) return {volume, {}};
+    return {std::nullopt, volume.deviceIdentifier + " is left out: " + volume.exclusionReason};
 }
 
 Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& volumes) {
@@ -326,7 +326,7 @@ Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& v
     answer.deviceIdentifier = isPlainName(mount->source) ? mount->source : std::string();
     for (const auto& volume : volumes) {
         if (!contains(volume.mountPoints, mount->target)) continue;
-        if (!volume.leftOutBecause.empty()) return found(volume);
+        if (!volume.exclusionReason.empty()) return found(volume);
         answer = volume;
     }
     // A user-space driver is recognised by the content of its device.
@@ -343,7 +343,7 @@ Lookup lookUpPreboot(const Machine& machine, const std::vector<Volume>& volumes)
     const Volume* best = nullptr;
     for (const auto& volume : volumes) {
         const bool answers =
-            volume.role == "Preboot" && volume.leftOutBecause.empty() && allowsColons(volume.fileSystem);
+            volume.role == "Preboot" && volume.exclusionReason.empty() && allowsColons(volume.fileSystem);
         if (answers && (!best || (best->mountPoint.empty() && !volume.mountPoint.empty()))) best = &volume;
     }
     return best ? found(*best) : prebootFromDirectory(machine, volumes);
@@ -375,8 +375,8 @@ Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, 
     for (const auto& volume : volumes) {
         if (contains(volume.mountPoints, path)) return found(volume);
         if (identifier.empty() || (volume.name != identifier && visibleText(volume.name) != identifier)) continue;
-        if (named && !volume.leftOutBecause.empty()) continue;  // a USB stick must not make a name ambiguous
-        if (named && named->leftOutBecause.empty())
+        if (named && !volume.exclusionReason.empty()) continue;  // a USB stick must not make a name ambiguous
+        if (named && named->exclusionReason.empty())
             return {std::nullopt, "more than one volume has this name: " + identifier};
         named = &volume;
     }

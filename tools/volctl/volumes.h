@@ -26,7 +26,7 @@ struct Volume {
     std::vector<std::string> deviceNames;  // all devices that contain this volume and no other, the top one first
     std::uint64_t size = 0;                // bytes; 0: not known
     bool locked = false;
-    std::string leftOutBecause;  // empty: it is listed; else why the listing and the other commands leave it out
+    std::string exclusionReason;  // empty: it is listed; else why the listing and the other commands leave it out
 };
 
 // Every volume, ordered by container and group. The container of / is first, in it the group of /, and in that the

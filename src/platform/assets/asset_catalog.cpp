@@ -18,8 +18,8 @@ using Bio = std::unique_ptr<BIO, FreeWith<BIO_free_all>>;
 using PublicKey = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 using DigestContext = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>>;
 
-constexpr std::size_t longestPath = 1024;
-constexpr std::size_t longestName = 255;
+constexpr std::size_t maxPathLength = 1024;
+constexpr std::size_t maxNameLength = 255;
 constexpr double latestDate = 253402300800.0 - 978307200.0;  // the year 10000, in seconds since 2001
 
 bool isOneOf(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
@@ -127,15 +127,15 @@ bool readExpiry(const PropertyListDictionary& root, std::chrono::sys_seconds& ex
 }  // namespace
 
 bool acceptableAssetType(std::string_view type) {
-    return !type.empty() && type.size() <= longestName && type.front() != '.' &&
+    return !type.empty() && type.size() <= maxNameLength && type.front() != '.' &&
            std::all_of(type.begin(), type.end(), [](char c) { return isAlphanumeric(c) || isOneOf(c, "._-"); });
 }
 
 bool acceptableAssetPath(std::string_view path) {
-    if (path.size() > longestPath || std::any_of(path.begin(), path.end(), isControl)) return false;
+    if (path.size() > maxPathLength || std::any_of(path.begin(), path.end(), isControl)) return false;
     for (;;) {
         const auto name = path.substr(0, path.find('/'));
-        if (name.empty() || name == "." || name == ".." || name.size() > longestName) return false;
+        if (name.empty() || name == "." || name == ".." || name.size() > maxNameLength) return false;
         if (name.size() == path.size()) return true;
         path.remove_prefix(name.size() + 1);
     }

@@ -13,8 +13,8 @@
 
 namespace tarnwick {
 
-inline constexpr std::size_t largestCatalog = 1 << 20;  // bytes
-inline constexpr std::size_t largestSignature = 1 << 10;
+inline constexpr std::size_t maxCatalogSize = 1 << 20;  // bytes
+inline constexpr std::size_t maxSignatureSize = 1 << 10;
 
 // Compared by content version, then by mastered version.
 struct AssetVersion {

@@ -13,12 +13,12 @@ namespace {
 using Url = std::unique_ptr<CURLU, FreeWith<curl_url_cleanup>>;
 using CurlText = std::unique_ptr<char, FreeWith<curl_free>>;
 
-constexpr std::size_t largestKeyFile = 1 << 16;  // bytes
+constexpr std::size_t maxKeyFileSize = 1 << 16;  // bytes
 
 // Empty when the file cannot be trusted or read, or is too large.
 std::string readTrustedFile(const std::filesystem::path& path) {
     const auto file = openTrustedFile(path);
-    return file ? readToEnd(file, largestKeyFile).value_or("") : "";
+    return file ? readToEnd(file, maxKeyFileSize).value_or("") : "";
 }
 
 std::string partOf(const Url& url, CURLUPart part) {

@@ -48,10 +48,10 @@ std::string signatureUrl(const std::string& catalogUrl) {
 }
 
 AssetResult fetchCatalog(const std::string& url, SignedCatalog& received, const std::stop_token& stop) {
-    const auto result = fetchText(url, largestCatalog, AssetResult::catalogTooLarge, received.bytes, stop);
+    const auto result = fetchText(url, maxCatalogSize, AssetResult::catalogTooLarge, received.bytes, stop);
     if (result != AssetResult::success) return result;
     const auto signature =
-        fetchText(signatureUrl(url), largestSignature, AssetResult::signatureWrong, received.signature, stop);
+        fetchText(signatureUrl(url), maxSignatureSize, AssetResult::signatureWrong, received.signature, stop);
     return signature == AssetResult::answerRefused ? AssetResult::signatureMissing : signature;
 }
 

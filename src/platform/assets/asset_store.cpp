@@ -286,7 +286,7 @@ bool AssetStore::holdsComplete(const Asset& asset) const {
 fs::path AssetStore::folderOf(const Asset& asset) const { return root_ / asset.type / nameOf(asset.version); }
 
 std::optional<SignedCatalog> AssetStore::storedCatalog() const {
-    const auto stored = readFile(root_ / ".catalog", largestCatalog + largestSignature + 32);
+    const auto stored = readFile(root_ / ".catalog", maxCatalogSize + maxSignatureSize + 32);
     return stored ? decodeCatalog(*stored) : std::nullopt;
 }
 

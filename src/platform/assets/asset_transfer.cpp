@@ -15,7 +15,7 @@ namespace {
 using Easy = std::unique_ptr<CURL, FreeWith<curl_easy_cleanup>>;
 using Multi = std::unique_ptr<CURLM, FreeWith<curl_multi_cleanup>>;
 
-constexpr int mostRedirects = 5;
+constexpr int maxRedirects = 5;
 
 // One request and its answer.
 struct Exchange {
@@ -131,7 +131,7 @@ std::optional<std::string> redirectTarget(const Exchange& exchange, const std::s
 AssetResult fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
                      const std::stop_token& stop) {
     std::string next = url;
-    for (int redirects = 0; redirects <= mostRedirects; ++redirects) {
+    for (int redirects = 0; redirects <= maxRedirects; ++redirects) {
         Exchange exchange{.limits = limits, .sink = sink};
         if (!exchange.easy) return AssetResult::transferFailed;
         setOptions(exchange, next);

@@ -34,18 +34,18 @@ EntryType checkedType(WireReader& in, unsigned type) {
     return static_cast<EntryType>(type);
 }
 
-// A count of items that take at least `least` bytes each. A count that the rest of the input cannot hold is refused
-// before any memory is allocated for it.
-std::size_t takeCount(WireReader& in, std::size_t least) {
+// A count of items that take at least `minItemSize` bytes each. A count that the rest of the input cannot hold is
+// refused before any memory is allocated for it.
+std::size_t takeCount(WireReader& in, std::size_t minItemSize) {
     const std::uint64_t count = in.varint();
-    if (count > in.left() / least) in.fail();
+    if (count > in.left() / minItemSize) in.fail();
     return in.ok() ? static_cast<std::size_t>(count) : 0;
 }
 
 std::vector<ExtendedAttribute> takeAttributes(WireReader& in) {
-    constexpr std::size_t most = 65536;  // a list of names from the kernel holds fewer
+    constexpr std::size_t maxAttributes = 65536;  // a list of names from the kernel holds fewer
     const std::size_t count = takeCount(in, 3);
-    if (count > most) in.fail();
+    if (count > maxAttributes) in.fail();
     std::vector<ExtendedAttribute> attributes(in.ok() ? count : 0);
     for (auto& attribute : attributes) {
         attribute.name = in.text();
@@ -198,7 +198,7 @@ void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes) {
     out.varint(head.number);
     out.byte(static_cast<std::uint8_t>(head.type));
     out.text(head.path);
-    out.byte(presentBits(head.userId, head.groupId, head.mode, head.flags, head.modified, head.changed, head.born));
+    out.byte(presentBits(head.userId, head.groupId, head.mode, head.flags, head.modified, head.changed, head.created));
     putOptional(out, head.userId);
     putOptional(out, head.groupId);
     putOptional(out, head.mode);
@@ -206,7 +206,7 @@ void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes) {
     const std::int64_t base = head.modified.value_or(0);
     if (head.modified) out.fixed64(static_cast<std::uint64_t>(base));
     if (head.changed) out.signedVarint(wrappingSubtract(*head.changed, base));
-    if (head.born) out.signedVarint(wrappingSubtract(*head.born, base));
+    if (head.created) out.signedVarint(wrappingSubtract(*head.created, base));
 }
 
 std::optional<EntryHead> decodeEntryHead(Bytes payload) {
@@ -223,19 +223,19 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload) {
     if (present & 0x10) head.modified = static_cast<std::int64_t>(in.fixed64());
     const std::int64_t base = head.modified.value_or(0);
     if (present & 0x20) head.changed = wrappingAdd(base, in.signedVarint());
-    if (present & 0x40) head.born = wrappingAdd(base, in.signedVarint());
+    if (present & 0x40) head.created = wrappingAdd(base, in.signedVarint());
     if (!in.ok() || !in.atEnd() || (present & 0x80) || !isPathOf(head.type, head.path)) return std::nullopt;
     return head;
 }
 
 void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes) {
     WireWriter out(bytes);
-    out.byte(static_cast<std::uint8_t>(presentBits(tail.digest, tail.sum, tail.contentOf, tail.linkOf, tail.attributes,
-                                                   tail.accessLists, tail.unreadable) |
+    out.byte(static_cast<std::uint8_t>(presentBits(tail.digest, tail.totals, tail.contentOf, tail.linkOf,
+                                                   tail.attributes, tail.accessLists, tail.unreadable) |
                                        (tail.attributesOmitted ? 0x80U : 0U)));
     if (tail.digest) out.bytes(*tail.digest);
-    if (tail.sum) out.varint(tail.sum->size);
-    if (tail.sum) out.varint(tail.sum->holes);
+    if (tail.totals) out.varint(tail.totals->size);
+    if (tail.totals) out.varint(tail.totals->holes);
     putOptional(out, tail.contentOf);
     putOptional(out, tail.linkOf);
     if (tail.attributes) {
@@ -263,7 +263,7 @@ std::optional<EntryTail> decodeEntryTail(Bytes payload) {
     }
     if (present & 0x02) {
         const std::uint64_t size = in.varint();
-        tail.sum = SparseSum{size, in.varint()};
+        tail.totals = SparseTotals{size, in.varint()};
     }
     if (present & 0x04) tail.contentOf = in.varint();
     if (present & 0x08) tail.linkOf = in.varint();

@@ -54,10 +54,10 @@ struct EntryHead {
     std::optional<std::uint32_t> flags;
     std::optional<std::int64_t> modified;
     std::optional<std::int64_t> changed;
-    std::optional<std::int64_t> born;
+    std::optional<std::int64_t> created;
 };
 
-struct SparseSum {
+struct SparseTotals {
     std::uint64_t size = 0;   // of the content
     std::uint64_t holes = 0;  // count of HOLE records
 };
@@ -82,7 +82,7 @@ struct Extent {
 
 struct EntryTail {
     std::optional<Digest> digest;
-    std::optional<SparseSum> sum;
+    std::optional<SparseTotals> totals;
     std::optional<std::uint64_t> contentOf;  // number of the earlier entry that holds the content
     std::optional<std::uint64_t> linkOf;     // number of the earlier entry that is the same inode
     std::optional<std::vector<ExtendedAttribute>> attributes;

@@ -11,7 +11,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr unsigned mostWorkers = 32;
+constexpr unsigned maxWorkers = 32;
 
 const char* describe(BlockFault fault) {
     switch (fault) {
@@ -122,7 +122,7 @@ BlockPointer RandomBlocks::open(std::uint64_t sequence) {
 
 BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supplier supplier)
     : file_(file), keys_(keys), supplier_(std::move(supplier)) {
-    const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, mostWorkers);
+    const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxWorkers);
     limit_ = 2UL * workers + 8;
     threads_.reserve(workers);
     for (unsigned i = 0; i < workers; ++i) {

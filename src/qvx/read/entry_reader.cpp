@@ -44,9 +44,9 @@ EntryReader::Step EntryReader::take(const Record& record) {
     return damaged("the end of the entry is malformed");
 }
 
-void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum) {
+void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional<SparseTotals>& totals) {
     tail_.digest = digest;
-    tail_.sum = sum;
+    tail_.totals = totals;
 }
 
 bool EntryReader::deliver(const EntrySink::ContentReader& content) {
@@ -54,7 +54,7 @@ bool EntryReader::deliver(const EntrySink::ContentReader& content) {
     return sink_.finish(tail_, content);
 }
 
-std::uint64_t EntryReader::size() const { return tail_.sum ? tail_.sum->size : size_; }
+std::uint64_t EntryReader::size() const { return tail_.totals ? tail_.totals->size : size_; }
 
 void EntryReader::abandon() {
     if (inEntry_) sink_.abandon();
@@ -108,7 +108,7 @@ EntryReader::Step EntryReader::finish(Bytes payload) {
     if (!tail) return damaged("the end of the entry is malformed");
     tail_ = std::move(*tail);
     if (const char* fault = faultOfTail()) return damaged(fault);
-    if (head_.type == EntryType::file && !tail_.contentOf) tail_.sum = SparseSum{size_, holes_};
+    if (head_.type == EntryType::file && !tail_.contentOf) tail_.totals = SparseTotals{size_, holes_};
     return Step::whole;
 }
 
@@ -129,10 +129,11 @@ const char* EntryReader::faultOfTail() {
         const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;
         return file && back && !own ? nullptr : "the reference to the entry's content is malformed";
     }
-    if (tail_.linkOf || (tail_.sum && !file) || (tail_.digest && head_.type == EntryType::directory))
+    if (tail_.linkOf || (tail_.totals && !file) || (tail_.digest && head_.type == EntryType::directory))
         return "the entry has fields that do not go together";
     if (tail_.digest && zeros_ > maxDigestedHoles) return "the entry has a digest of more zeros than it may";
-    if (tail_.sum && (tail_.sum->size != size_ || tail_.sum->holes != holes_)) return "the size does not match";
+    if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
+        return "the size does not match";
     if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish())) return "the digest does not match";
     if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return "the link has no target";
     return nullptr;

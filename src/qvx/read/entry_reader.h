@@ -24,7 +24,7 @@ public:
     virtual bool hole(std::uint64_t length) = 0;  // zero bytes, `length` of them
 
     // The entry is complete, and what was passed is its content. With tail.contentOf nothing was passed, and `content`
-    // reads it. Digest and sum are then those of the entry that holds the content, if that entry was read too.
+    // reads it. Digest and totals are then those of the entry that holds the content, if that entry was read too.
     virtual bool finish(const EntryTail& tail, const ContentReader& content) = 0;
 
     // The entry cannot be completed.
@@ -63,15 +63,15 @@ public:
     // Consumes an ENTRY, DATA, HOLE or END record.
     Step take(const Record& record);
 
-    // Sets digest and sum of the tail to those of the entry that holds the content.
-    void adopt(const std::optional<Digest>& digest, const std::optional<SparseSum>& sum);
+    // Sets digest and totals of the tail to those of the entry that holds the content.
+    void adopt(const std::optional<Digest>& digest, const std::optional<SparseTotals>& totals);
 
     // Calls finish() of the sink and returns its result.
     bool deliver(const EntrySink::ContentReader& content);
 
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
-    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // for a file with its sum, stored or counted
+    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // for a file with its totals, stored or counted
     [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry holds it
     [[nodiscard]] const std::string& what() const { return what_; }
 

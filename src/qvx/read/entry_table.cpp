@@ -35,7 +35,7 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail&
             if (step == EntryReader::Step::more) continue;
             return step == EntryReader::Step::whole && entry.head().number == place.number && !entry.tail().contentOf &&
                    (!wanted.digest || wanted.digest == entry.tail().digest) &&
-                   (!wanted.sum || wanted.sum->size == entry.size());
+                   (!wanted.totals || wanted.totals->size == entry.size());
         }
         if (cursor.damaged()) return false;
     }
@@ -44,9 +44,9 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail&
 void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
     if (entry.head().type != EntryType::file) return;
     const EntryTail& tail = entry.tail();
-    const SparseSum sum = tail.sum.value_or(SparseSum{entry.size(), 0});
+    const SparseTotals totals = tail.totals.value_or(SparseTotals{entry.size(), 0});
     const bool unreadable = tail.unreadable && !tail.unreadable->empty();
-    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, sum, unreadable});
+    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, totals, unreadable});
 }
 
 const char* EntryTable::resolve(EntryReader& entry) const {
@@ -60,9 +60,9 @@ const char* EntryTable::resolve(EntryReader& entry) const {
         if (!link || link->content != *tail.contentOf) return "the entry that it is linked to is lost or another";
     }
     const bool sameDigest = !tail.digest || tail.digest == content->digest;
-    const bool sameSum = !tail.sum || tail.sum->size == content->sum.size;
-    if (!sameDigest || !sameSum) return "digest or size are not those of the entry that holds its content";
-    entry.adopt(content->digest, content->sum);
+    const bool sameSize = !tail.totals || tail.totals->size == content->totals.size;
+    if (!sameDigest || !sameSize) return "digest or size are not those of the entry that holds its content";
+    entry.adopt(content->digest, content->totals);
     return nullptr;
 }
 

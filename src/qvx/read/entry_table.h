@@ -33,7 +33,7 @@ private:
         EntryPlace place;
         std::uint64_t content = 0;  // number of the entry that holds the content: this one or an earlier one
         std::optional<Digest> digest;
-        SparseSum sum;            // `holes` is 0 when the entry does not state it
+        SparseTotals totals;      // `holes` is 0 when the entry does not state it
         bool unreadable = false;  // a part of the content could not be read
     };
 

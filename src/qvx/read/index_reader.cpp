@@ -85,15 +85,15 @@ bool ArchiveIndex::fillMap(const Trailer& trailer) {
     return place.position == trailer.rootPosition;
 }
 
-// partOf() relies on this order, and each part must cover at least one entry.
+// partOf() relies on this order, and each part must cover at minFirst one entry.
 bool ArchiveIndex::partsAreInOrder() const {
-    std::uint64_t least = 0;
+    std::uint64_t minFirst = 0;
     for (const auto& part : root_.parts) {
         const bool first = &part == &root_.parts.front();
-        if (first ? part.first != 0 : part.first < least) return false;
-        least = part.first + 1;
+        if (first ? part.first != 0 : part.first < minFirst) return false;
+        minFirst = part.first + 1;
     }
-    return root_.parts.empty() ? root_.entries == 0 : least <= root_.entries;
+    return root_.parts.empty() ? root_.entries == 0 : minFirst <= root_.entries;
 }
 
 bool ArchiveIndex::visitPart(std::size_t part, const Visitor& visit, ReadFault& fault) {

@@ -9,7 +9,7 @@ namespace {
 
 // A false header costs an attempt to unseal as many bytes as it claims. When the attempts add up to this many times the
 // size of the file, somebody has planted such headers to keep the reader busy, and the scan ends.
-constexpr std::uint64_t mostFutileWork = 16;
+constexpr std::uint64_t maxFutileFactor = 16;
 
 class Scanner {
 public:
@@ -17,7 +17,7 @@ public:
 
     std::vector<BlockPlace> run() {
         std::uint64_t position = plainHeaderSize;
-        while (position < file_.size() && futile_ / mostFutileWork <= file_.size()) {
+        while (position < file_.size() && futile_ / maxFutileFactor <= file_.size()) {
             if (const auto length = tryBlock(position)) {
                 position += *length;
             } else {

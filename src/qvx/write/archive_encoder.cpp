@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t indexPartSize = 256 * 1024;  // bytes of payload; bounds the memory for an index part
 constexpr std::uint64_t unsizedContent = 1048576;  // bytes; read at most from a file whose size is reported as 0
-constexpr std::size_t leastData = 512;             // bytes; a block with less room left is padded
+constexpr std::size_t minDataRoom = 512;           // bytes; a block with less room left is padded
 
 // A dying disk takes seconds for each read that fails, so the number of such reads is limited.
 constexpr unsigned maxFailedReads = 256;  // for each file
@@ -81,7 +81,7 @@ void ArchiveEncoder::writeHead(Entry& entry) {
     if (!wants("FLG")) head.flags.reset();
     if (!wants("MTM")) head.modified.reset();
     if (!wants("CTM")) head.changed.reset();
-    if (!wants("BTM")) head.born.reset();
+    if (!wants("BTM")) head.created.reset();
     payload_.clear();
     encodeEntryHead(head, payload_);
     if (stream_.room().size() < recordHeaderSize + payload_.size()) stream_.pad();
@@ -102,7 +102,7 @@ int ArchiveEncoder::writeFile(Entry& entry) {
         writeContent(entry, found.content);
     }
     if (wants("SH2") && entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
-    if (wants("SLC") && entry.holes > 0) entry.tail.sum = SparseSum{entry.size, entry.holes};
+    if (wants("SLC") && entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
     if (entry.size == found.status.stx_size && entry.contentError == 0)
         stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
     return 0;
@@ -129,16 +129,16 @@ bool ArchiveEncoder::reuseContent(Entry& entry) {
 }
 
 bool ArchiveEncoder::isOld(const struct statx& status) const {
-    constexpr std::int64_t coarsest = 2;  // seconds: the resolution of file systems without fractions of a second
+    constexpr std::int64_t timeResolution = 2;  // seconds: the resolution of file systems without fractions of a second
     const auto& changed = status.stx_ctime;
-    if (changed.tv_nsec == 0) return changed.tv_sec + coarsest < started_.tv_sec;
+    if (changed.tv_nsec == 0) return changed.tv_sec + timeResolution < started_.tv_sec;
     return changed.tv_sec < started_.tv_sec ||
            (changed.tv_sec == started_.tv_sec && changed.tv_nsec < started_.tv_nsec);
 }
 
 // Begins a new block when the room left in this one is too small for a useful part of `content` bytes.
 void ArchiveEncoder::makeRoom(std::uint64_t content) {
-    if (stream_.room().size() < std::min<std::uint64_t>(content, leastData) + recordHeaderSize) stream_.pad();
+    if (stream_.room().size() < std::min<std::uint64_t>(content, minDataRoom) + recordHeaderSize) stream_.pad();
 }
 
 void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {

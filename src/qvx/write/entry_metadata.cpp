@@ -96,7 +96,7 @@ void takeStatus(const struct statx& status, EntryHead& head) {
     head.mode = static_cast<std::uint16_t>(status.stx_mode & 07777);
     head.modified = nanoseconds(status.stx_mtime);
     head.changed = nanoseconds(status.stx_ctime);
-    if (status.stx_mask & STATX_BTIME) head.born = nanoseconds(status.stx_btime);
+    if (status.stx_mask & STATX_BTIME) head.created = nanoseconds(status.stx_btime);
 }
 
 int MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,

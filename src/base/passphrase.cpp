@@ -1,4 +1,4 @@
-#include "passphrase.h"
+#include "base/passphrase.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -67,9 +67,9 @@ private:
 };
 
 // While an object exists, the terminal does not show what is typed.
-class SilentTerminal {
+class EchoOff {
 public:
-    explicit SilentTerminal(int descriptor) : descriptor_(descriptor) {
+    explicit EchoOff(int descriptor) : descriptor_(descriptor) {
         if (tcgetattr(descriptor, &before_) != 0) return;
         auto silent = before_;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
@@ -77,11 +77,11 @@ public:
         // TCSAFLUSH also discards input that was typed before the question.
         isSilent_ = tcsetattr(descriptor, TCSAFLUSH, &silent) == 0;
     }
-    ~SilentTerminal() {
+    ~EchoOff() {
         if (isSilent_) tcsetattr(descriptor_, TCSANOW, &before_);
     }
-    SilentTerminal(const SilentTerminal&) = delete;
-    SilentTerminal& operator=(const SilentTerminal&) = delete;
+    EchoOff(const EchoOff&) = delete;
+    EchoOff& operator=(const EchoOff&) = delete;
 
     [[nodiscard]] bool isSilent() const { return isSilent_; }
 
@@ -134,7 +134,7 @@ std::string askPassphrase(Passphrase& passphrase, const std::string& question) {
     const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!terminal) return "no terminal to ask for the passphrase on";
     const DelayedSignals delayed;
-    const SilentTerminal silent(terminal.get());
+    const EchoOff silent(terminal.get());
     if (!silent.isSilent()) return "cannot turn off the echo of the terminal";
     write(terminal.get(), visibleText(question));
     auto problem = readLine(passphrase, terminal.get(), delayed);

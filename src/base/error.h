@@ -1,0 +1,55 @@
+// The one form in which the libraries and the companion programs report a failure.
+#pragma once
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace tarnwick {
+
+struct Error {
+    std::string text;     // for people: lower case, no full stop, no hostile bytes
+    int code = 0;         // a positive errno value; 0 when no call of the system failed
+    std::string subject;  // what it is about, mostly a path; hostile bytes; empty when there is nothing to name
+};
+
+// A failed call of the system: its errno value and the text for it.
+inline Error systemError(int code, std::string subject = {}) { return {std::strerror(code), code, std::move(subject)}; }
+
+// A value or the reason why there is none. `Failure` is Error, or a type that adds to it. To read the value of a
+// failure, or the error of a success, throws std::bad_variant_access.
+template <typename Value, typename Failure = Error>
+class [[nodiscard]] Result {
+public:
+    Result(Value value) : state_(std::in_place_index<0>, std::move(value)) {}
+    Result(Failure failure) : state_(std::in_place_index<1>, std::move(failure)) {}
+
+    explicit operator bool() const { return state_.index() == 0; }
+    Value& operator*() { return std::get<0>(state_); }
+    const Value& operator*() const { return std::get<0>(state_); }
+    Value* operator->() { return &std::get<0>(state_); }
+    const Value* operator->() const { return &std::get<0>(state_); }
+    [[nodiscard]] const Failure& error() const { return std::get<1>(state_); }
+
+private:
+    std::variant<Value, Failure> state_;
+};
+
+// Success, or the reason of the failure.
+template <typename Failure>
+class [[nodiscard]] Result<void, Failure> {
+public:
+    Result() = default;
+    Result(Failure failure) : failure_(std::move(failure)) {}
+
+    explicit operator bool() const { return !failure_; }
+    [[nodiscard]] const Failure& error() const { return failure_.value(); }
+
+private:
+    std::optional<Failure> failure_;
+};
+using Status = Result<void>;
+
+}  // namespace tarnwick
