@@ -10,9 +10,9 @@
 namespace tarnwick {
 
 struct Error {
-    std::string text;     // for people: lower case, no full stop, no hostile bytes
-    int code = 0;         // a positive errno value; 0 when no call of the system failed
-    std::string subject;  // what it is about, mostly a path; hostile bytes; empty when there is nothing to name
+    std::string text;       // for people: lower case, no full stop, no hostile bytes
+    int code = 0;           // a positive errno value; 0 when no call of the system failed
+    std::string subject{};  // what it is about, mostly a path; hostile bytes; empty when there is nothing to name
 };
 
 // A failed call of the system: its errno value and the text for it.
