@@ -14,6 +14,7 @@
 #include "base/write_piece.h"
 #include "platform/encryption_context.h"
 #include "qvx/crypto/ssh_key.h"
+#include "qvx/format/file_header.h"
 #include "qvx/write/archive_encoder.h"
 #include "qvx/write/block_stream.h"
 #include "qvx/write/path_list.h"

@@ -24,14 +24,14 @@ public:
         while (next_ < chosen_.size() && chosen_[next_].lastBlock < sequence_) ++next_;
         if (next_ == chosen_.size()) return std::nullopt;
         sequence_ = std::max(sequence_, chosen_[next_].place.block);
-        const std::uint64_t leader = sequence_ - sequence_ % groupLength_;
+        const std::uint64_t leader = leaderOf(sequence_, groupLength_);
         if (sequence_ != leader && leader_ != leader) return task(leader, false);
         return task(sequence_++, true);
     }
 
 private:
     BlockPipeline::Task task(std::uint64_t sequence, bool wanted) {
-        if (sequence % groupLength_ == 0) leader_ = sequence;
+        if (sequence == leaderOf(sequence, groupLength_)) leader_ = sequence;
         const auto place = map_.find(sequence);
         if (place) return {*place, std::nullopt, wanted};
         return {{sequence, 0}, ReadFault{"there is no such block", sequence, std::nullopt, std::nullopt}, wanted};

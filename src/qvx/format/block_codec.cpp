@@ -33,7 +33,7 @@ bool looksLikeNoise(Bytes plain) {
 }
 
 // For a block with its dictionary right before it in memory. Both are whole blocks.
-ZSTD_parameters parametersBehind() {
+ZSTD_parameters dictionaryParameters() {
     ZSTD_parameters parameters = ZSTD_getParams(compressionLevel, blockSize, blockSize);
     // The level has 5 and 16. These are faster, and with a dictionary the result is hardly larger.
     parameters.cParams.minMatch = 6;
@@ -42,37 +42,6 @@ ZSTD_parameters parametersBehind() {
 }
 
 }  // namespace
-
-std::array<std::uint8_t, plainHeaderSize> encodePlainHeader(const PlainHeader& header) {
-    std::array<std::uint8_t, plainHeaderSize> bytes{};
-    std::copy(fileMagic.begin(), fileMagic.end(), bytes.begin());
-    putLittleEndian<2>(bytes.data() + 8, formatVersion);
-    putLittleEndian<2>(bytes.data() + 10, profileHpke);
-    putLittleEndian<4>(bytes.data() + 12, compressionZstd);
-    putLittleEndian<8>(bytes.data() + 16, streamFlags);
-    putLittleEndian<4>(bytes.data() + 24, blockSize);
-    putLittleEndian<4>(bytes.data() + 28, header.groupLength);
-    std::copy(header.recipient.begin(), header.recipient.end(), bytes.begin() + 32);
-    std::copy(header.encapsulated.begin(), header.encapsulated.end(), bytes.begin() + boundHeaderSize);
-    return bytes;
-}
-
-std::optional<PlainHeader> decodePlainHeader(Bytes file, HeaderFault& fault) {
-    fault = HeaderFault::notAnArchive;
-    if (file.size() < fileMagic.size() || !std::equal(fileMagic.begin(), fileMagic.end(), file.begin()))
-        return std::nullopt;
-    fault = HeaderFault::cut;
-    if (file.size() < plainHeaderSize) return std::nullopt;
-    PlainHeader header;
-    header.groupLength = static_cast<std::uint32_t>(getLittleEndian<4>(file.data() + 28));
-    std::copy_n(file.begin() + 32, header.recipient.size(), header.recipient.begin());
-    std::copy_n(file.begin() + boundHeaderSize, header.encapsulated.size(), header.encapsulated.begin());
-    // Every other field has one valid value, so a valid header is exactly the one that we would write.
-    const auto expected = encodePlainHeader(header);
-    fault = HeaderFault::unsupported;
-    if (header.groupLength == 0 || !std::equal(expected.begin(), expected.end(), file.begin())) return std::nullopt;
-    return header;
-}
 
 std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& header) {
     std::array<std::uint8_t, blockHeaderSize> bytes{};
@@ -109,7 +78,7 @@ BlockEncoder::Compressor::Compressor(std::size_t size)
 BlockEncoder::BlockEncoder(const HpkeKeys& keys)
     : cipher_(keys, HpkeCipher::Direction::seal),
       region_(2 * blockSize),
-      prepared_(ZSTD_estimateCCtxSize_usingCParams(parametersBehind().cParams)),
+      prepared_(ZSTD_estimateCCtxSize_usingCParams(dictionaryParameters().cParams)),
       compressor_(ZSTD_estimateCCtxSize(compressionLevel)) {}
 
 std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
@@ -133,7 +102,7 @@ std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain,
 
 // Returns 0 when the block does not shrink: `out` is one byte shorter than the block, and zstd fails when it is full.
 std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out) {
-    const std::size_t length = dictionary ? compressBehind(*dictionary, plain, out)
+    const std::size_t length = dictionary ? compressAfterDictionary(*dictionary, plain, out)
                                           : ZSTD_compressCCtx(compressor_.context(), out, plain.size() - 1,
                                                               plain.data(), plain.size(), compressionLevel);
     return ZSTD_isError(length) ? 0 : length;
@@ -141,28 +110,28 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
 
 // Copies the block to the place right after its dictionary, because zstd is a seventh faster on one contiguous region
 // than with a dictionary elsewhere. That gain outweighs the copies and a dictionary in every encoder.
-std::size_t BlockEncoder::compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
-    if (!learn(dictionary)) return 0;
+std::size_t BlockEncoder::compressAfterDictionary(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
+    if (!loadDictionary(dictionary)) return 0;
     const std::size_t copied = ZSTD_copyCCtx(compressor_.context(), prepared_.context(), plain.size());
     if (ZSTD_isError(copied)) return 0;
-    std::uint8_t* behind = region_.data() + blockSize;
-    std::copy(plain.begin(), plain.end(), behind);
-    return ZSTD_compressEnd(compressor_.context(), out, plain.size() - 1, behind, plain.size());
+    std::uint8_t* input = region_.data() + blockSize;
+    std::copy(plain.begin(), plain.end(), input);
+    return ZSTD_compressEnd(compressor_.context(), out, plain.size() - 1, input, plain.size());
 }
 
 // A ZSTD_CDict would give the same result but takes three times as long to make: it indexes every position of the
 // dictionary, this function every third. zstd would parse bytes that begin with the magic number of its own dictionary
 // format; a leader begins with a record header, which never equals that number.
-bool BlockEncoder::learn(const GroupDictionary& dictionary) {
-    if (learned_ == dictionary.leader) return true;
-    learned_.reset();
+bool BlockEncoder::loadDictionary(const GroupDictionary& dictionary) {
+    if (loaded_ == dictionary.leader) return true;
+    loaded_.reset();
     const std::size_t size = dictionary.bytes.size();
     std::uint8_t* place = region_.data() + blockSize - size;
     std::copy(dictionary.bytes.begin(), dictionary.bytes.end(), place);
     const std::size_t begun =
-        ZSTD_compressBegin_advanced(prepared_.context(), place, size, parametersBehind(), blockSize);
-    if (!ZSTD_isError(begun)) learned_ = dictionary.leader;
-    return learned_.has_value();
+        ZSTD_compressBegin_advanced(prepared_.context(), place, size, dictionaryParameters(), blockSize);
+    if (!ZSTD_isError(begun)) loaded_ = dictionary.leader;
+    return loaded_.has_value();
 }
 
 BlockDecoder::BlockDecoder(const HpkeKeys& keys)

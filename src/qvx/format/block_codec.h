@@ -1,9 +1,10 @@
-// Encodes one block of an archive (compress, seal) and decodes it (unseal, decompress). Also the two headers that are
-// not encrypted: the plain header of the file, and the header of a block.
+// Encodes one block of an archive (compress, seal) and decodes it (unseal, decompress). Also the header of a block,
+// which is not encrypted.
 #pragma once
 
 #include <zstd.h>
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -13,23 +14,6 @@
 #include "qvx/format/format.h"
 
 namespace tarnwick::qvx {
-
-struct PlainHeader {
-    std::uint32_t groupLength = 1;
-    Digest recipient{};  // fingerprint of the recipient's key
-    Point encapsulated{};
-};
-
-enum class HeaderFault {
-    notAnArchive,  // another magic, or too short for it
-    cut,           // shorter than a header
-    unsupported,   // a version, profile, compression, block size, group length or flag that is not supported
-};
-
-std::array<std::uint8_t, plainHeaderSize> encodePlainHeader(const PlainHeader& header);
-
-// Decodes the header at the beginning of `file`. None when there is no valid one; `fault` says why.
-std::optional<PlainHeader> decodePlainHeader(Bytes file, HeaderFault& fault);
 
 struct BlockHeader {
     std::uint32_t sealedLength = 0;  // tag included
@@ -66,8 +50,8 @@ public:
 
 private:
     std::size_t compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out);
-    std::size_t compressBehind(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out);
-    bool learn(const GroupDictionary& dictionary);
+    std::size_t compressAfterDictionary(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out);
+    bool loadDictionary(const GroupDictionary& dictionary);
 
     // The context is in memory that we allocate: ZSTD_copyCCtx crashes when it copies a context and zstd cannot
     // allocate memory for it.
@@ -83,8 +67,8 @@ private:
 
     HpkeCipher cipher_;
     std::vector<std::uint8_t> region_;  // the dictionary, and the block right after it
-    std::optional<std::uint64_t> learned_;
-    Compressor prepared_;  // has loaded the dictionary `learned_`, and is copied for each block
+    std::optional<std::uint64_t> loaded_;
+    Compressor prepared_;  // has loaded the dictionary `loaded_`, and is copied for each block
     Compressor compressor_;
 };
 

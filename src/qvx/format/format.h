@@ -24,6 +24,9 @@ inline constexpr std::uint8_t blockLast = 0x01;
 inline constexpr std::uint8_t blockCompressed = 0x02;
 inline constexpr std::uint8_t blockWithDictionary = 0x04;
 
+// The leader of the group that a block belongs to. Both are sequence numbers; a leader is its own leader.
+constexpr std::uint64_t leaderOf(std::uint64_t block, std::uint64_t groupLength) { return block - block % groupLength; }
+
 enum class RecordType : std::uint8_t {
     pad = 0,
     entry = 1,

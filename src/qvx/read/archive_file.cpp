@@ -9,19 +9,6 @@
 
 namespace tarnwick::qvx {
 
-namespace {
-
-const char* describe(HeaderFault fault) {
-    switch (fault) {
-        case HeaderFault::notAnArchive: return "not a qvx archive";
-        case HeaderFault::cut: return "the archive ends within its header";
-        case HeaderFault::unsupported: return "the header is damaged, or of a version that is not supported";
-    }
-    return "";
-}
-
-}  // namespace
-
 std::unique_ptr<ArchiveFile> ArchiveFile::open(FileDescriptor descriptor, ReadFault& fault) {
     struct stat status {};
     if (fstat(descriptor.get(), &status) != 0) {
@@ -36,10 +23,9 @@ std::unique_ptr<ArchiveFile> ArchiveFile::open(FileDescriptor descriptor, ReadFa
         new ArchiveFile(std::move(descriptor), static_cast<std::uint64_t>(status.st_size)));
     file->headerBytes_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(file->size_, plainHeaderSize)));
     if (!file->read(0, file->headerBytes_, fault.what)) return nullptr;
-    HeaderFault headerFault{};
-    const auto header = decodePlainHeader(file->headerBytes_, headerFault);
+    const auto header = decodePlainHeader(file->headerBytes_);
     if (!header) {
-        fault.what = describe(headerFault);
+        fault.what = header.error().text;
         return nullptr;
     }
     file->header_ = *header;

@@ -9,6 +9,7 @@
 
 #include "base/handle.h"
 #include "qvx/format/block_codec.h"
+#include "qvx/format/file_header.h"
 
 namespace tarnwick::qvx {
 

@@ -64,7 +64,7 @@ std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_
     if (!file.read(position, bytes, what)) return std::nullopt;
     const auto header = decodeBlockHeader(bytes);
     // A leader that needed a dictionary would wait for itself.
-    const bool leads = header && header->sequence % file.header().groupLength == 0;
+    const bool leads = header && header->sequence == leaderOf(header->sequence, file.header().groupLength);
     if (header && !(leads && (header->flags & blockWithDictionary))) return header;
     what = "the block header is damaged";
     return std::nullopt;
@@ -103,7 +103,7 @@ std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
 }
 
 BlockPointer RandomBlocks::get(std::uint64_t sequence) {
-    auto& kept = sequence % groupLength_ == 0 ? leader_ : other_;
+    auto& kept = sequence == leaderOf(sequence, groupLength_) ? leader_ : other_;
     if (!kept || kept->place.sequence != sequence) kept = open(sequence);
     return kept;
 }
@@ -113,7 +113,7 @@ BlockPointer RandomBlocks::open(std::uint64_t sequence) {
     const auto place = map_.find(sequence);
     block->place = place.value_or(BlockPlace{sequence, 0});
     if (place) {
-        opener_.open(*block, [&] { return get(sequence - sequence % groupLength_); });
+        opener_.open(*block, [&] { return get(leaderOf(sequence, groupLength_)); });
     } else {
         block->fault = ReadFault{"there is no such block", sequence, std::nullopt, std::nullopt};
     }
@@ -193,7 +193,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     slot->digest = task->digest;
     const std::uint64_t groupLength = file_.header().groupLength;
     const std::uint64_t group = task->place.sequence / groupLength;
-    const bool leads = task->place.sequence % groupLength == 0;
+    const bool leads = task->place.sequence == leaderOf(task->place.sequence, groupLength);
     if (!leads && leader_ && leader_->block.place.sequence / groupLength == group) slot->leader = leader_;
     queue_.push_back(slot);
     if (leads) leader_ = slot;  // only now, when this worker is certain to open it

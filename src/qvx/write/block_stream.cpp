@@ -79,7 +79,7 @@ void BlockStream::send(bool last) {
     job->sequence = block_;
     job->last = last;
     job->length = offset_;
-    if (block_ % groupLength_ == 0) {
+    if (block_ == leaderOf(block_, groupLength_)) {
         const Bytes plain = Bytes(job->plain).first(offset_);
         // A copy: the buffer of the leader is reused as soon as the leader is written, maybe before its group is
         // compressed.
