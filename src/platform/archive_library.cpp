@@ -104,17 +104,8 @@ int mergePathLists(PathList* target, const PathList* source) {
 void destroyPathList(PathList* list) { delete list; }
 
 FieldKeySet* fieldKeySetFromString(std::string_view keys) {
-    qvx::FieldMask fields = 0;
-    while (true) {
-        const std::string_view key = keys.substr(0, keys.find(','));
-        const auto known = std::find(qvx::fieldKeys.begin(), qvx::fieldKeys.end(), key);
-        const qvx::FieldMask bit = known == qvx::fieldKeys.end() ? 0 : 1u << (known - qvx::fieldKeys.begin());
-        if (bit == 0 || fields & bit) return nullptr;
-        fields |= bit;
-        if (key.size() == keys.size()) break;
-        keys.remove_prefix(key.size() + 1);
-    }
-    return new (std::nothrow) FieldKeySet{fields};
+    const auto fields = qvx::parseFieldKeys(keys);
+    return fields ? new (std::nothrow) FieldKeySet{*fields} : nullptr;
 }
 
 void destroyFieldKeySet(FieldKeySet* keys) { delete keys; }

@@ -47,6 +47,7 @@ enum class EntryType : std::uint8_t { file = 1, directory = 2, link = 3 };
 inline constexpr std::uint8_t indexIncomplete = 0x80;  // bit in the byte of the type of an index entry
 
 inline constexpr std::size_t maxPathLength = 4095;
+inline constexpr unsigned maxMode = 07777;
 inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry; likewise the next three
 inline constexpr std::size_t maxAttributeBytes = 1048576;                  // names and values together
 inline constexpr std::uint64_t maxDigestedHoles = std::uint64_t{1} << 40;  // bytes

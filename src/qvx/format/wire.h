@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <limits>
 #include <string_view>
 #include <type_traits>
 #include <vector>
@@ -86,17 +87,17 @@ public:
             fail();
             return {};
         }
-        const Bytes taken = rest_.first(static_cast<std::size_t>(count));
-        rest_ = rest_.subspan(taken.size());
-        return taken;
+        const Bytes read = rest_.first(static_cast<std::size_t>(count));
+        rest_ = rest_.subspan(read.size());
+        return read;
     }
     std::uint8_t byte() {
-        const Bytes taken = bytes(1);
-        return taken.empty() ? std::uint8_t{0} : taken[0];
+        const Bytes read = bytes(1);
+        return read.empty() ? std::uint8_t{0} : read[0];
     }
     std::uint64_t fixed64() {
-        const Bytes taken = bytes(8);
-        return taken.empty() ? 0 : getLittleEndian<8>(taken.data());
+        const Bytes read = bytes(8);
+        return read.empty() ? 0 : getLittleEndian<8>(read.data());
     }
     // Refuses a number of more than 64 bits and a form longer than needed: each number has exactly one form.
     std::uint64_t varint() {
@@ -111,9 +112,25 @@ public:
         return 0;
     }
     std::int64_t signedVarint() { return unzigzag(varint()); }
+
+    // A number that must fit the type of its field.
+    template <typename Number>
+    Number number(std::uint64_t max = std::numeric_limits<Number>::max()) {
+        const std::uint64_t number = varint();
+        if (number > max) fail();
+        return static_cast<Number>(number);
+    }
+
+    // A count of items that take at least `minItemSize` bytes each. Refuses a count that the rest of the input cannot
+    // contain, before any memory is allocated for it.
+    std::size_t count(std::size_t minItemSize) {
+        const std::uint64_t count = varint();
+        if (count > left() / minItemSize) fail();
+        return ok_ ? static_cast<std::size_t>(count) : 0;
+    }
     std::string_view text() {
-        const Bytes taken = bytes(varint());
-        return {reinterpret_cast<const char*>(taken.data()), taken.size()};
+        const Bytes read = bytes(varint());
+        return {reinterpret_cast<const char*>(read.data()), read.size()};
     }
 
 private:

@@ -1,6 +1,7 @@
 // Compares index, root and trailer with the entries and blocks that were read.
 #pragma once
 
+#include "qvx/format/index_codec.h"
 #include "qvx/read/entry_table.h"
 
 namespace tarnwick::qvx {

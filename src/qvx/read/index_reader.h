@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "qvx/format/entry_codec.h"
+#include "qvx/format/index_codec.h"
 #include "qvx/read/block_reader.h"
 
 namespace tarnwick::qvx {

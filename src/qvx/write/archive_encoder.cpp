@@ -37,7 +37,11 @@ struct ArchiveEncoder::Entry {
 };
 
 ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers)
-    : stream_(stream), fields_(fields), readers_(readers) {}
+    : stream_(stream),
+      fields_(fields),
+      storesContent_(fields & fieldBit("DAT")),
+      storesReferences_(fields & fieldBit("CLC")),
+      readers_(readers) {}
 
 int ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
     // The kernel stamps files with the coarse clock, so only its time can be compared with change times.
@@ -52,11 +56,6 @@ int ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
     return complete(filePosition);
 }
 
-bool ArchiveEncoder::wants(std::string_view key) const {
-    const auto found = std::find(fieldKeys.begin(), fieldKeys.end(), key);
-    return fields_ >> (found - fieldKeys.begin()) & 1;
-}
-
 int ArchiveEncoder::writeEntry(DiskEntry& found) {
     if (found.error != 0) return found.error;
     Entry entry{found};
@@ -65,7 +64,7 @@ int ArchiveEncoder::writeEntry(DiskEntry& found) {
         if (const int status = writeFile(entry)) return status;
     } else if (found.listed.type == EntryType::link) {
         writeContent(entry, found.content);
-        if (wants("SH2") && entry.size > 0) entry.tail.digest = found.digest;
+        if (entry.size > 0) entry.tail.digest = found.digest;
     }
     markIncomplete(entry);
     writeTail(entry);
@@ -75,13 +74,7 @@ int ArchiveEncoder::writeEntry(DiskEntry& found) {
 void ArchiveEncoder::writeHead(Entry& entry) {
     EntryHead& head = entry.found.head;
     head.number = root_.entries;
-    if (!wants("UID")) head.userId.reset();
-    if (!wants("GID")) head.groupId.reset();
-    if (!wants("MOD")) head.mode.reset();
-    if (!wants("FLG")) head.flags.reset();
-    if (!wants("MTM")) head.modified.reset();
-    if (!wants("CTM")) head.changed.reset();
-    if (!wants("BTM")) head.created.reset();
+    removeOtherFields(fields_, head);
     payload_.clear();
     encodeEntryHead(head, payload_);
     if (stream_.room().size() < recordHeaderSize + payload_.size()) stream_.pad();
@@ -92,7 +85,7 @@ void ArchiveEncoder::writeHead(Entry& entry) {
 
 int ArchiveEncoder::writeFile(Entry& entry) {
     DiskEntry& found = entry.found;
-    if (reuseContent(entry) || !wants("DAT")) return 0;
+    if (reuseContent(entry) || !storesContent_) return 0;
     Digest digest = found.digest;
     if (found.file || found.unopened) {
         digest_.restart();
@@ -101,8 +94,8 @@ int ArchiveEncoder::writeFile(Entry& entry) {
     } else {
         writeContent(entry, found.content);
     }
-    if (wants("SH2") && entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
-    if (wants("SLC") && entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
+    if (entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
+    if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
     if (entry.size == found.status.stx_size && entry.contentError == 0)
         stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
     return 0;
@@ -119,11 +112,11 @@ void ArchiveEncoder::markIncomplete(Entry& entry) {
 // older than the start of this run, the content is still the one that was stored.
 bool ArchiveEncoder::reuseContent(Entry& entry) {
     const DiskEntry& found = entry.found;
-    if (!wants("CLC") || !isOld(found.status)) return false;
+    if (!storesReferences_ || !isOld(found.status)) return false;
     const auto number = stored_->find(found.listed.device, found.status.stx_ino);
     if (!number) return false;
     entry.tail.contentOf = number;
-    if (wants("HLC") && list_->pathOf(*number) != found.listed.path) entry.tail.linkOf = number;
+    if (list_->pathOf(*number) != found.listed.path) entry.tail.linkOf = number;
     entry.size = found.status.stx_size;
     return true;
 }
@@ -246,8 +239,7 @@ void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
 
 void ArchiveEncoder::writeTail(Entry& entry) {
     EntryHead& head = entry.found.head;
-    if (!wants("XAT")) entry.tail.attributes.reset();
-    if (!wants("ACL")) entry.tail.accessLists.reset();
+    removeOtherFields(fields_, entry.tail);
     payload_.clear();
     encodeEntryTail(entry.tail, payload_);
     writeRecord(RecordType::end, payload_);

@@ -7,17 +7,14 @@
 #include <optional>
 #include <string_view>
 
+#include "qvx/format/field_table.h"
+#include "qvx/format/index_codec.h"
 #include "qvx/write/block_stream.h"
 #include "qvx/write/disk_entry.h"
 #include "qvx/write/path_list.h"
 #include "qvx/write/stored_contents.h"
 
 namespace tarnwick::qvx {
-
-// The fields that an entry may carry; bit i is the i-th key of fieldKeys.
-inline constexpr std::array<std::string_view, 14> fieldKeys = {"UID", "GID", "MOD", "FLG", "MTM", "CTM", "BTM",
-                                                               "DAT", "SH2", "SLC", "CLC", "HLC", "XAT", "ACL"};
-using FieldMask = std::uint32_t;
 
 struct IncompleteEntry {
     std::uint64_t number = 0;  // in the path list, from 0
@@ -57,11 +54,12 @@ private:
     void makeRoom(std::uint64_t content);
     void flushIndexPart();
     int complete(std::uint64_t filePosition);
-    [[nodiscard]] bool wants(std::string_view key) const;
     [[nodiscard]] bool isOld(const struct statx& status) const;
 
     BlockStream& stream_;
     const FieldMask fields_;
+    const bool storesContent_;
+    const bool storesReferences_;  // instead of a content that an earlier entry has
     const unsigned readers_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;

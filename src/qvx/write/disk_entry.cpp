@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/guarded_open.h"
+#include "qvx/format/field_table.h"
 
 namespace tarnwick::qvx {
 
@@ -88,7 +89,7 @@ void DiskEntryReader::describeUnopened(DiskEntry& entry, int error) {
     entry.file = FileDescriptor();
     entry.head.type = entry.listed.type;
     entry.head.path = entry.listed.path.substr(1);
-    if (entry.status.stx_mask != 0) takeStatus(entry.status, entry.head);
+    if (entry.status.stx_mask != 0) captureFields({entry.status}, entry.head);
 }
 
 int DiskEntryReader::hold(const PathList::Entry& listed) {

@@ -18,9 +18,6 @@ namespace tarnwick::qvx {
 // value.
 int readStatus(int descriptor, const char* name, struct statx& status);
 
-// Fills the fields of `head` that a status contains.
-void takeStatus(const struct statx& status, EntryHead& head);
-
 // Reads one file after another. For one thread at a time.
 class MetadataReader {
 public:
@@ -30,7 +27,7 @@ public:
     int read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
 
 private:
-    int readAttributes(const std::string& path, int descriptor, EntryTail& tail);
+    int readAttributes(const std::string& path, int descriptor, const struct statx& status, EntryTail& tail);
 
     std::unique_ptr<archive, FreeWith<archive_read_free>> disk_;
     std::unique_ptr<archive_entry, FreeWith<archive_entry_free>> entry_;

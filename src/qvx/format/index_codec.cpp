@@ -1,0 +1,130 @@
+#include "qvx/format/index_codec.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "qvx/format/entry_codec.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+std::size_t sharedLength(std::string_view a, std::string_view b) {
+    return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+}
+
+// Turns `entry` from the previous entry into the next one.
+void readIndexEntry(WireReader& in, IndexEntry& entry) {
+    const std::uint64_t step = in.varint();
+    if (step > std::numeric_limits<std::uint64_t>::max() - entry.block) in.fail();
+    entry.block += step;
+    entry.offset = in.number<std::uint64_t>(blockSize - 1);
+    const unsigned type = in.byte();
+    entry.type = readEntryType(in, type & ~unsigned{indexIncomplete});
+    entry.incomplete = type & indexIncomplete;
+    const auto shared = in.number<std::uint64_t>(entry.path.size());
+    if (in.ok()) entry.path.resize(static_cast<std::size_t>(shared));
+    entry.path += in.text();
+    entry.mode = in.number<std::uint16_t>(maxMode);
+    entry.userId = in.number<std::uint32_t>();
+    entry.groupId = in.number<std::uint32_t>();
+    entry.size = in.varint();
+    entry.modifiedSeconds = wrappingAdd(entry.modifiedSeconds, in.signedVarint());
+    if (!isPathOf(entry.type, entry.path)) in.fail();
+}
+
+}  // namespace
+
+void IndexPartEncoder::add(const IndexEntry& entry) {
+    WireWriter out(body_);
+    const std::size_t shared = sharedLength(before_.path, entry.path);
+    out.varint(entry.block - before_.block);
+    out.varint(entry.offset);
+    out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(entry.type) | (entry.incomplete ? indexIncomplete : 0U)));
+    out.varint(shared);
+    out.text(std::string_view(entry.path).substr(shared));
+    out.varint(entry.mode);
+    out.varint(entry.userId);
+    out.varint(entry.groupId);
+    out.varint(entry.size);
+    out.signedVarint(wrappingSubtract(entry.modifiedSeconds, before_.modifiedSeconds));
+    before_ = entry;
+    ++count_;
+}
+
+void IndexPartEncoder::finish(std::vector<std::uint8_t>& bytes) {
+    WireWriter out(bytes);
+    out.varint(first_);
+    out.varint(count_);
+    out.bytes(body_);
+    first_ += count_;
+    count_ = 0;
+    body_.clear();
+    // A reader decodes each part without those before it.
+    before_ = {};
+}
+
+IndexPartDecoder::IndexPartDecoder(Bytes payload)
+    : in_(payload.size() > maxIndexLength ? Bytes{} : payload), first_(in_.varint()), count_(in_.varint()) {
+    if (count_ == 0 || first_ > std::numeric_limits<std::uint64_t>::max() - count_) in_.fail();
+}
+
+const IndexEntry* IndexPartDecoder::next() {
+    if (!in_.ok()) return nullptr;
+    if (given_ == count_) {
+        if (!in_.atEnd()) in_.fail();
+        return nullptr;
+    }
+    readIndexEntry(in_, entry_);
+    ++given_;
+    return in_.ok() ? &entry_ : nullptr;
+}
+
+void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes) {
+    WireWriter out(bytes);
+    out.varint(root.entries);
+    out.varint(root.parts.size());
+    for (const auto& part : root.parts) {
+        out.varint(part.first);
+        out.varint(part.block);
+        out.varint(part.offset);
+    }
+    out.varint(root.sealedLengths.size());
+    for (const auto length : root.sealedLengths) out.varint(length);
+}
+
+std::optional<ArchiveRoot> decodeRoot(Bytes payload) {
+    WireReader in(payload);
+    ArchiveRoot root;
+    root.entries = in.varint();
+    root.parts.resize(in.count(3));
+    for (auto& part : root.parts) {
+        part.first = in.varint();
+        part.block = in.varint();
+        part.offset = in.number<std::uint64_t>(blockSize - 1);
+    }
+    root.sealedLengths.resize(in.count(1));
+    for (auto& length : root.sealedLengths) {
+        length = in.number<std::uint32_t>(blockSize + tagSize);
+        if (length <= tagSize) in.fail();
+    }
+    if (!in.ok() || !in.atEnd()) return std::nullopt;
+    return root;
+}
+
+std::array<std::uint8_t, trailerSize> encodeTrailer(const Trailer& trailer) {
+    std::array<std::uint8_t, trailerSize> bytes{};
+    putLittleEndian<8>(bytes.data(), trailer.rootPosition);
+    putLittleEndian<8>(bytes.data() + 8, trailer.rootSequence);
+    putLittleEndian<8>(bytes.data() + 16, trailer.entries);
+    putLittleEndian<8>(bytes.data() + 24, trailer.blocks);
+    return bytes;
+}
+
+std::optional<Trailer> decodeTrailer(Bytes payload) {
+    if (payload.size() != trailerSize) return std::nullopt;
+    return Trailer{getLittleEndian<8>(payload.data()), getLittleEndian<8>(payload.data() + 8),
+                   getLittleEndian<8>(payload.data() + 16), getLittleEndian<8>(payload.data() + 24)};
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,89 @@
+// Encodes and decodes the index, its root and the trailer. As hostile as the records of entries (entry_codec.h).
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qvx/format/wire.h"
+
+namespace tarnwick::qvx {
+
+struct IndexEntry {
+    std::uint64_t block = 0;   // of the ENTRY record
+    std::uint64_t offset = 0;  // in that block
+    EntryType type = EntryType::file;
+    std::string path;
+    std::uint16_t mode = 0;
+    std::uint32_t userId = 0;
+    std::uint32_t groupId = 0;
+    std::uint64_t size = 0;
+    std::int64_t modifiedSeconds = 0;
+    bool incomplete = false;  // the entry's tail has `unreadable`
+};
+
+// Builds index parts, one after the other.
+class IndexPartEncoder {
+public:
+    void add(const IndexEntry& entry);
+    [[nodiscard]] std::size_t size() const { return body_.size(); }  // bytes of the part so far, roughly
+    [[nodiscard]] std::uint64_t count() const { return count_; }
+
+    // Appends the payload of the part to `bytes` and begins the next part.
+    void finish(std::vector<std::uint8_t>& bytes);
+
+private:
+    std::vector<std::uint8_t> body_;
+    std::uint64_t first_ = 0;
+    std::uint64_t count_ = 0;
+    IndexEntry before_;
+};
+
+// Reads the entries of one index part in order. A path is stored as its difference from the path before, so only one
+// entry is in memory at a time.
+class IndexPartDecoder {
+public:
+    explicit IndexPartDecoder(Bytes payload);
+
+    [[nodiscard]] std::uint64_t first() const { return first_; }  // entry number of the first
+    [[nodiscard]] std::uint64_t count() const { return count_; }
+
+    // The next entry, valid until the next call. Null at the end, and at damage.
+    const IndexEntry* next();
+    [[nodiscard]] bool damaged() const { return !in_.ok(); }
+
+private:
+    WireReader in_;
+    std::uint64_t first_;
+    std::uint64_t count_;
+    std::uint64_t given_ = 0;
+    IndexEntry entry_;
+};
+
+struct IndexPartPlace {
+    std::uint64_t first = 0;   // entry number of the first entry covered
+    std::uint64_t block = 0;   // block of its INDEX record
+    std::uint64_t offset = 0;  // in that block
+};
+
+struct ArchiveRoot {
+    std::uint64_t entries = 0;
+    std::vector<IndexPartPlace> parts;
+    std::vector<std::uint32_t> sealedLengths;  // of all blocks before the root's
+};
+
+void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes);
+std::optional<ArchiveRoot> decodeRoot(Bytes payload);
+
+struct Trailer {
+    std::uint64_t rootPosition = 0;  // in the file, of the block header
+    std::uint64_t rootSequence = 0;
+    std::uint64_t entries = 0;
+    std::uint64_t blocks = 0;  // count, the last block included
+};
+
+std::array<std::uint8_t, trailerSize> encodeTrailer(const Trailer& trailer);
+std::optional<Trailer> decodeTrailer(Bytes payload);
+
+}  // namespace tarnwick::qvx
