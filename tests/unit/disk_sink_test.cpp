@@ -36,7 +36,7 @@ protected:
         const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         ReadFault fault;
         const auto reader = openArchive(bytes, fault);
-        DiskSink sink(directory.get(), salvage);
+        DiskSink sink(directory.get(), {.keepIncomplete = salvage});
         const bool good = reader && (salvage ? reader->salvage(sink, [](auto&) {}) : reader->readAll(sink, fault));
         sink.finishDirectories();
         return good && !sink.failed();
@@ -111,7 +111,7 @@ TEST_F(Extraction, KeepsTheOrderOfWhatMeets) {
 
 TEST_F(Extraction, LeavesNothingOfAReadingThatIsBrokenOff) {
     const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    DiskSink sink(directory.get(), true);
+    DiskSink sink(directory.get(), {.keepIncomplete = true});
     EntryHead head;
     head.type = EntryType::directory;
     head.path = "other/folder";

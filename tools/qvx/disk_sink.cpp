@@ -8,9 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "interruption.h"
-#include "listing.h"
-#include "report.h"
+#include "base/visible_text.h"
+#include "qvx/read/incomplete_text.h"
 
 namespace tarnwick::qvx {
 
@@ -51,16 +50,16 @@ bool readFile(int file, EntrySink& sink) {
 // Computes the digest of a content and passes the content on if there is a next sink.
 class DigestingSink : public EntrySink {
 public:
-    explicit DigestingSink(TemporaryFile* file) : file_(file) {}
+    DigestingSink(const ExtractionRun& run, TemporaryFile* file) : run_(run), file_(file) {}
     bool begin(const EntryHead&) override { return true; }
     bool data(Bytes bytes) override {
         digest_.add(bytes);
         failed_ = file_ && !file_->data(bytes);
-        return !failed_ && !interrupted();
+        return !failed_ && !run_.interrupted();
     }
     bool hole(std::uint64_t length) override {
         digest_.addZeros(length);
-        return !interrupted() && (!file_ || file_->hole(length));
+        return !run_.interrupted() && (!file_ || file_->hole(length));
     }
     bool finish(const EntryTail&, const ContentReader&) override { return true; }
     void abandon() override {}
@@ -68,13 +67,14 @@ public:
     [[nodiscard]] bool failed() const { return failed_; }  // writing the file failed
 
 private:
+    const ExtractionRun& run_;
     TemporaryFile* file_;
     ContentDigest digest_;
     bool failed_ = false;
 };
 
-bool holds(int file, const EntryTail& tail) {
-    DigestingSink sink(nullptr);
+bool holds(const ExtractionRun& run, int file, const EntryTail& tail) {
+    DigestingSink sink(run, nullptr);
     return tail.digest && readFile(file, sink) && sink.digest() == *tail.digest;
 }
 
@@ -99,7 +99,7 @@ bool DiskSink::begin(const EntryHead& head) {
     content_.clear();
     name_ = Destination::nameOf(head.path);
     skipping_ = head.path.empty();  // the destination itself
-    if (skipping_) return !interrupted();
+    if (skipping_) return !run_.interrupted();
     settleAround(head.path);
     parent_ = destination_.parentOf(head.path, true);
     if (parent_ < 0) {
@@ -107,7 +107,7 @@ bool DiskSink::begin(const EntryHead& head) {
     } else if (head.type == EntryType::directory) {
         makeDirectory();
     }
-    return !interrupted();
+    return !run_.interrupted();
 }
 
 bool DiskSink::data(Bytes bytes) {
@@ -116,36 +116,35 @@ bool DiskSink::data(Bytes bytes) {
     } else if (!skipping_ && !keepInMemory(bytes) && openTemporary() && !temporary_.data(bytes)) {
         fail(temporary_.what());
     }
-    return !interrupted();
+    return !run_.interrupted();
 }
 
 bool DiskSink::hole(std::uint64_t length) {
     if (!skipping_ && openTemporary()) temporary_.hole(length);
-    return !interrupted();
+    return !run_.interrupted();
 }
 
 bool DiskSink::finish(const EntryTail& tail, const ContentReader& content) {
-    if (skipping_) return !interrupted();
+    if (skipping_) return !run_.interrupted();
     if (tail.unreadable) reportIncomplete(tail);
     switch (head_.type) {
         case EntryType::directory: finishDirectory(tail); break;
         case EntryType::link: finishLink(tail); break;
         case EntryType::file: finishFile(tail, content); break;
     }
-    return !interrupted();
+    return !run_.interrupted();
 }
 
 void DiskSink::abandon() {
-    if (keepIncomplete_ && !content_.empty()) openTemporary();
-    if (keepIncomplete_ && temporary_.exists() && temporary_.finish({})) {
+    if (run_.keepsIncomplete() && !content_.empty()) openTemporary();
+    if (run_.keepsIncomplete() && temporary_.exists() && temporary_.finish({})) {
         settle();  // a writer may still create a file of this name
         constexpr std::string_view suffix = ".incomplete";
         const std::string stem = name_.substr(0, maxNameLength - suffix.size() - 4) + std::string(suffix);
         std::string name = stem;
         for (int i = 1; i < 1000 && !temporary_.rename(name, false) && errno == EEXIST; ++i)
             name = stem + '.' + std::to_string(i);
-        if (!temporary_.exists())
-            say(escapedName(head_.path) + ": what there is of it is kept as " + escapedName(name));
+        if (!temporary_.exists()) run_.warn({"what there is of it is kept as " + visibleText(name), 0, head_.path});
     }
     temporary_.drop();
 }
@@ -161,7 +160,7 @@ void DiskSink::finishDirectories() {
         // A later entry of the same path may have replaced the directory.
         if (parent >= 0 && fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISDIR(status.st_mode) && fchdir(parent) == 0)
-            restoreDirectory(name, directory->second.head, directory->second.tail);
+            restoreDirectory(run_, name, directory->second.head, directory->second.tail);
     }
 }
 
@@ -221,13 +220,13 @@ void DiskSink::finishFile(const EntryTail& tail, const ContentReader& content) {
         return;
     }
     const bool done = (linked && linkTo(*linked, tail)) || (source && copyFrom(*source, tail));
-    if (skipping_ || interrupted()) return;
+    if (skipping_ || run_.interrupted()) return;
     if (!done && tail.contentOf) {
         temporary_.drop();
-        DigestingSink sink(&temporary_);
+        DigestingSink sink(run_, &temporary_);
         if (!openTemporary()) return;
         const bool written = content(sink);
-        if (interrupted()) return;
+        if (run_.interrupted()) return;
         if (!written) return fail(sink.failed() ? temporary_.what() : "its content cannot be read");
     }
     if (!openTemporary()) return;
@@ -253,10 +252,7 @@ void DiskSink::handToWriters(const EntryTail& tail) {
     writers_.put(parent_, destination_.holder(), {name_, head_, tail, std::move(content_)});
 }
 
-void DiskSink::reportIncomplete(const EntryTail& tail) {
-    say(escapedName(head_.path) + ": " + incompleteText(head_.type, tail));
-    failed_ = true;
-}
+void DiskSink::reportIncomplete(const EntryTail& tail) { run_.fail({incompleteText(head_.type, tail), 0, head_.path}); }
 
 void DiskSink::finishLink(const EntryTail& tail) {
     if (linkTarget_.empty()) return fail("the link has no target");
@@ -272,7 +268,7 @@ FileDescriptor DiskSink::openExtracted(std::string_view path) {
 
 bool DiskSink::linkTo(std::string_view path, const EntryTail& tail) {
     const FileDescriptor file = openExtracted(path);
-    return file && holds(file.get(), tail) && temporary_.link(parent_, file.get());
+    return file && holds(run_, file.get(), tail) && temporary_.link(parent_, file.get());
 }
 
 // When a path is listed twice, writing the same file again would change nothing.
@@ -281,13 +277,13 @@ bool DiskSink::alreadyThere(const EntryTail& tail) {
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0 || !head_.mode || !head_.modified) return false;
     const std::int64_t modified = status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec;
-    return (status.st_mode & 07777) == *head_.mode && modified == *head_.modified && holds(file.get(), tail);
+    return (status.st_mode & 07777) == *head_.mode && modified == *head_.modified && holds(run_, file.get(), tail);
 }
 
 bool DiskSink::copyFrom(std::string_view path, const EntryTail& tail) {
     const FileDescriptor file = openExtracted(path);
     if (!file || !tail.digest || !openTemporary()) return false;
-    DigestingSink sink(&temporary_);
+    DigestingSink sink(run_, &temporary_);
     return readFile(file.get(), sink) && sink.digest() == *tail.digest;
 }
 
@@ -298,11 +294,10 @@ void DiskSink::commit(const EntryTail& tail) {
 }
 
 void DiskSink::fail(const std::string& why) {
-    say(escapedName(head_.path) + ": " + why);
+    run_.fail({why, 0, head_.path});
     temporary_.drop();
     content_.clear();
     skipping_ = true;
-    failed_ = true;
 }
 
 void DiskSink::failWithErrno() {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "destination.h"
+#include "extraction_run.h"
 #include "file_writers.h"
 #include "qvx/read/entry_reader.h"
 
@@ -33,10 +34,9 @@ private:
 // after finishDirectories(). Changes the working directory.
 class DiskSink : public EntrySink {
 public:
-    // `directory` is an open directory, which must outlive the sink. With `keepIncomplete`, the part that was read of
-    // an abandoned file is kept as NAME.incomplete.
-    DiskSink(int directory, bool keepIncomplete)
-        : destination_(directory), sources_(directory), keepIncomplete_(keepIncomplete) {}
+    // `directory` is an open directory, which must outlive the sink.
+    DiskSink(int directory, ExtractOptions options)
+        : run_(std::move(options)), destination_(directory), sources_(directory) {}
 
     bool begin(const EntryHead& head) override;
     bool data(Bytes bytes) override;
@@ -49,7 +49,7 @@ public:
     void finishDirectories();
 
     // Whether an entry could not be written, or was incomplete when it was captured. Valid at the end.
-    [[nodiscard]] bool failed() const { return failed_ || writers_.failed(); }
+    [[nodiscard]] bool failed() const { return run_.failed(); }
 
 private:
     struct Directory {
@@ -76,13 +76,13 @@ private:
 
     FileDescriptor openExtracted(std::string_view path);
 
+    ExtractionRun run_;  // first: the writers use it until they end
     Destination destination_;
     Destination sources_;  // the same, for lookups elsewhere while parent_ stays open
-    bool keepIncomplete_;
     EntryHead head_;
     std::string name_;  // the last component of the path
     int parent_ = -1;   // the directory that contains it
-    TemporaryFile temporary_;
+    TemporaryFile temporary_{run_};
     std::vector<std::uint8_t> content_;  // content of a small file, until it is complete
     std::string linkTarget_;
     ExtractedPaths extracted_;
@@ -90,9 +90,8 @@ private:
     std::size_t remembered_ = 0;                     // bytes of their attributes
     std::set<std::string, std::less<>> handedOver_;  // paths that the writers may not have written yet
     std::string lastFolder_;                         // folder of the last of these
-    FileWriters writers_;
+    FileWriters writers_{run_};
     bool skipping_ = false;  // this entry has failed
-    bool failed_ = false;
 };
 
 }  // namespace tarnwick::qvx

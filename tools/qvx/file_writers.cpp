@@ -3,12 +3,10 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <system_error>
 #include <utility>
-
-#include "interruption.h"
-#include "report.h"
 
 namespace tarnwick::qvx {
 
@@ -54,7 +52,7 @@ void FileWriters::work() {
     // The disk writer creates files in the working directory and reads the umask by changing it. A thread that cannot
     // have its own of both does nothing.
     if (::unshare(CLONE_FS) != 0) return;
-    TemporaryFile temporary;
+    TemporaryFile temporary(run_);
     std::unique_lock lock(mutex_);
     while (!closed_)
         if (!writeNext(lock, temporary)) changed_.wait(lock);
@@ -73,7 +71,7 @@ bool FileWriters::writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& t
     next->begun = true;
     lock.unlock();
     for (const auto& file : next->files)
-        if (!interrupted()) write(file, next->directory, temporary);
+        if (!run_.interrupted()) write(file, next->directory, temporary);
     lock.lock();
     batches_.erase(next);
     changed_.notify_all();
@@ -85,12 +83,13 @@ void FileWriters::write(const SmallFile& file, int directory, TemporaryFile& tem
         if (temporary.create(directory, file.head, nullptr) && temporary.data(file.content) &&
             temporary.finish(file.tail) && temporary.rename(file.name, true))
             return;
-        say(escapedName(file.head.path) + ": " + temporary.what());
+        run_.fail({temporary.what(), 0, file.head.path});
     } catch (const std::bad_alloc&) {
-        say("out of memory");
+        run_.fail({"out of memory", ENOMEM, {}});
+    } catch (const std::system_error& error) {  // no random numbers for the temporary name
+        run_.fail(systemError(error.code().value(), file.head.path));
     }
     temporary.drop();
-    failed_ = true;
 }
 
 }  // namespace tarnwick::qvx

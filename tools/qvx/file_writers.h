@@ -2,7 +2,6 @@
 // But the kernel creates only one file at a time in a directory, so threads help only with different directories.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <list>
 #include <memory>
@@ -29,7 +28,7 @@ class FileWriters {
 public:
     static constexpr std::size_t maxFileSize = 65536;  // content of a file
 
-    FileWriters() = default;
+    explicit FileWriters(ExtractionRun& run) : run_(run), temporary_(run) {}
     FileWriters(const FileWriters&) = delete;
     FileWriters& operator=(const FileWriters&) = delete;
     ~FileWriters();  // files that were put but not settled may be lost
@@ -39,9 +38,6 @@ public:
 
     // Waits until every file that was put is on disk or was reported.
     void settle();
-
-    // Whether a file could not be written.
-    [[nodiscard]] bool failed() const { return failed_; }
 
 private:
     struct Batch {  // of one directory
@@ -61,9 +57,9 @@ private:
     bool writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& temporary);
     void write(const SmallFile& file, int directory, TemporaryFile& temporary);
 
+    ExtractionRun& run_;
     Batch batch_;              // not given to the threads yet
     TemporaryFile temporary_;  // used by the caller
-    std::atomic<bool> failed_ = false;
 
     std::mutex mutex_;
     std::condition_variable changed_;

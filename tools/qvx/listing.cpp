@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "base/json_string.h"
+#include "qvx/read/incomplete_text.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
@@ -98,22 +99,6 @@ std::string listingLine(const IndexEntry& entry) {
     line += ' ' + std::to_string(entry.userId) + '/' + std::to_string(entry.groupId);
     line += ' ' + std::to_string(entry.size) + ' ' + timeText(entry.modifiedSeconds);
     return line + ' ' + (entry.path.empty() ? "/" : escapedName(entry.path));
-}
-
-std::string incompleteText(EntryType type, const EntryTail& tail) {
-    constexpr std::size_t maxShown = 8;
-    const std::vector<Extent>& extents = *tail.unreadable;
-    std::string text = "incomplete when it was captured: ";
-    if (extents.empty()) {
-        text += type == EntryType::directory ? "its metadata"
-                : type == EntryType::link    ? "its target or its metadata"
-                                             : "its metadata or the end of its content";
-    }
-    for (std::size_t i = 0; i < std::min(extents.size(), maxShown); ++i)
-        text += (i == 0 ? "bytes " : ", ") + std::to_string(extents[i].offset) + " to " +
-                std::to_string(extents[i].end() - 1);
-    if (extents.size() > maxShown) text += " and " + std::to_string(extents.size() - maxShown) + " more extents";
-    return text + " could not be read";
 }
 
 bool JsonSink::begin(const EntryHead& head) {

@@ -10,10 +10,6 @@ namespace tarnwick::qvx {
 // "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" after the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
 
-// The text about an entry that was incomplete when it was captured: "incomplete when it was captured: bytes 0 to 4095
-// could not be read". The tail must have `unreadable`.
-std::string incompleteText(EntryType type, const EntryTail& tail);
-
 // Prints each entry as one JSON object on a line of its own, with everything that the archive holds about it except the
 // content.
 class JsonSink : public EntrySink {

@@ -166,7 +166,9 @@ int runExtract(const Options& options) {
     }
     return withArchive(options, [&](ArchiveReader& reader) {
         watchForInterruption();
-        DiskSink sink(directory.get(), options.salvage);
+        DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
+                                        .report = [](const Error& problem) { say(problem); },
+                                        .interrupted = interrupted});
         ReadFault fault;
         bool good = true;
         if (options.salvage) {

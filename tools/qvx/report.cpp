@@ -16,6 +16,8 @@ constexpr char digits[] = "0123456789abcdef";
 
 void say(const std::string& message) { std::fprintf(stderr, "qvx: %s\n", message.c_str()); }
 
+void say(const Error& error) { say((error.subject.empty() ? "" : escapedName(error.subject) + ": ") + error.text); }
+
 void sayError(const std::string& message, int error) { say(message + ": " + std::strerror(error)); }
 
 std::string escapedName(std::string_view name) {

@@ -4,12 +4,17 @@
 #include <string>
 #include <string_view>
 
+#include "base/error.h"
+
 namespace tarnwick::qvx {
 
 enum ExitStatus : int { exitFine = 0, exitFailed = 1, exitUsage = 2, exitOtherKey = 3 };
 
 // Prints "qvx: MESSAGE" on standard error. Names from disk or from an archive must be passed through escapedName first.
 void say(const std::string& message);
+
+// The same for an error, whose subject it prints first, escaped.
+void say(const Error& error);
 
 // Like say, followed by ": " and the text of an errno value.
 void sayError(const std::string& message, int error);

@@ -4,7 +4,6 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <sys/acl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -14,8 +13,9 @@
 #include <cstring>
 
 #include "base/handle.h"
+#include "base/random_name.h"
+#include "base/visible_text.h"
 #include "base/write_piece.h"
-#include "report.h"
 
 namespace tarnwick::qvx {
 
@@ -54,43 +54,36 @@ Entry makeEntry(const std::string& name, const EntryHead& head) {
     return entry;
 }
 
-std::string randomName() {
-    std::uint64_t number = 0;
-    if (getrandom(&number, sizeof number, 0) != sizeof number) return {};
-    char text[32];
-    std::snprintf(text, sizeof text, ".qvx-%016llx", static_cast<unsigned long long>(number));
-    return text;
-}
+std::string randomName() { return ".qvx-" + randomDigits(); }
 
 // The messages of the library contain file names unescaped.
 std::string problemOf(archive* disk, const char* otherwise) {
     const char* text = archive_error_string(disk);
-    return text ? escapedName(text) : otherwise;
+    return text ? visibleText(text) : otherwise;
 }
-
-void warn(const std::string& path, const std::string& what) { say(escapedName(path) + ": " + what); }
 
 // Only root can set system and trusted attributes; another user would get a message for each file.
 bool mayRestore(const std::string& attribute) { return geteuid() == 0 || attribute.starts_with("user."); }
 
 // In an archive these come after the content, but the disk writer needs them before it; so they are set here. The
 // descriptor is opened with O_PATH; its entry in /proc leads to the file itself, whatever has happened to the name.
-void restoreExtras(const std::string& path, const FileDescriptor& file, EntryType type, const EntryTail& tail) {
+void restoreExtras(ExtractionRun& run, const std::string& path, const FileDescriptor& file, EntryType type,
+                   const EntryTail& tail) {
     const std::string place = "/proc/self/fd/" + std::to_string(file.get());
     if (tail.attributes)
         for (const auto& [attribute, value] : *tail.attributes)
             if (mayRestore(attribute) && setxattr(place.c_str(), attribute.c_str(), value.data(), value.size(), 0) != 0)
-                warn(path, "extended attribute " + escapedName(attribute) + ": " + std::strerror(errno));
+                run.warn({"extended attribute " + visibleText(attribute) + ": " + std::strerror(errno), 0, path});
     const auto setList = [&](const std::string& text, acl_type_t kind) {
         const Acl list(acl_from_text(text.c_str()));
         if (!list || acl_set_file(place.c_str(), kind, list.get()) != 0)
-            warn(path, std::string("access control list: ") + std::strerror(errno));
+            run.warn({std::string("access control list: ") + std::strerror(errno), 0, path});
     };
     // A list that is not in the archive was inherited from the directory, and might allow more than the mode.
     const auto restoreList = [&](const std::string& text, acl_type_t kind, const char* attribute) {
         if (!text.empty()) return setList(text, kind);
         if (removexattr(place.c_str(), attribute) != 0 && errno != ENODATA && errno != ENOTSUP)
-            warn(path, std::string("inherited access control list: ") + std::strerror(errno));
+            run.warn({std::string("inherited access control list: ") + std::strerror(errno), 0, path});
     };
     if (type == EntryType::link) return;
     const auto lists = tail.accessLists.value_or(AccessLists{});
@@ -109,10 +102,10 @@ std::size_t extrasSize(const EntryTail& tail) {
     return size;
 }
 
-void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail) {
+void restoreDirectory(ExtractionRun& run, const std::string& name, const EntryHead& head, const EntryTail& tail) {
     const FileDescriptor file(open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!file) return warn(head.path, std::strerror(errno));
-    restoreExtras(head.path, file, EntryType::directory, tail);
+    if (!file) return run.warn({std::strerror(errno), 0, head.path});
+    restoreExtras(run, head.path, file, EntryType::directory, tail);
     // The disk writer sets the times of directories when it is closed, so each directory has its own disk writer.
     const std::unique_ptr<archive, FreeWith<archive_write_free>> disk(archive_write_disk_new());
     if (!disk) throw std::bad_alloc();
@@ -122,7 +115,7 @@ void restoreDirectory(const std::string& name, const EntryHead& head, const Entr
     const Entry entry = makeEntry(name, head);
     if (archive_write_header(disk.get(), entry.get()) != ARCHIVE_OK ||
         archive_write_finish_entry(disk.get()) != ARCHIVE_OK || archive_write_close(disk.get()) != ARCHIVE_OK)
-        warn(head.path, problemOf(disk.get(), "metadata not restored"));
+        run.warn({problemOf(disk.get(), "metadata not restored"), 0, head.path});
 }
 
 void TemporaryFile::Free::operator()(archive* disk) const noexcept { archive_write_free(disk); }
@@ -190,11 +183,11 @@ bool TemporaryFile::finish(const EntryTail& tail) {
     open_ = false;
     const int result = archive_write_finish_entry(disk_.get());
     if (result < ARCHIVE_WARN) return refuse();
-    if (result < ARCHIVE_OK) warn(path_, problemOf(disk_.get(), "metadata not restored"));
+    if (result < ARCHIVE_OK) run_.warn({problemOf(disk_.get(), "metadata not restored"), 0, path_});
     if (file_) {
-        restoreExtras(path_, file_, type_, tail);
+        restoreExtras(run_, path_, file_, type_, tail);
     } else {
-        warn(path_, "attributes and access control lists are not restored: the file has another owner");
+        run_.warn({"attributes and access control lists are not restored: the file has another owner", 0, path_});
     }
     return true;
 }

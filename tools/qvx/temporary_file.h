@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/handle.h"
+#include "extraction_run.h"
 #include "qvx/format/entry_codec.h"
 
 struct archive;
@@ -18,11 +19,11 @@ std::size_t extrasSize(const EntryTail& tail);
 
 // Sets owner (as root only), mode and times of the existing directory `name` in the working directory. Reports what
 // could not be set.
-void restoreDirectory(const std::string& name, const EntryHead& head, const EntryTail& tail);
+void restoreDirectory(ExtractionRun& run, const std::string& name, const EntryHead& head, const EntryTail& tail);
 
 class TemporaryFile {
 public:
-    TemporaryFile() = default;
+    explicit TemporaryFile(ExtractionRun& run) : run_(run) {}
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile() { drop(); }
@@ -55,6 +56,7 @@ private:
     bool refuse();
     bool refuseWithErrno();
 
+    ExtractionRun& run_;
     std::unique_ptr<archive, Free> disk_;
     std::string path_;  // of the entry, for messages
     std::string name_;  // empty: none
