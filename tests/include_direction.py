@@ -6,7 +6,7 @@ import sys
 
 # From the lowest up; a folder may include itself and the layers below it, never a neighbour.
 LAYERS = [["base"], ["log", "plist", "qvx"], ["platform"], ["config", "volumes"], ["capture", "store"], ["app"]]
-QVX_LAYERS = [["crypto"], ["format"], ["write", "read"], ["extract"]]  # of the library's own folders
+QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": "format crypto", "extract": "read format"}
 LINKED_TOOLS = {("tarnwick-consent", "volctl")}  # a tool that is built on the modules of another
 TOOLS_SEE = {"base", "plist", "qvx", "platform"}
 LIBRARY_FOLDERS = {"plist", "qvx", "platform"}  # the folders that may see third-party libraries
@@ -14,12 +14,12 @@ THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|arc
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 
 
-def height(layers, folder):
-    return next(number for number, layer in enumerate(layers) if folder in layer)
+def height(folder):
+    return next(number for number, layer in enumerate(LAYERS) if folder in layer)
 
 
-def below(layers, source, target):
-    return source == target or height(layers, target) < height(layers, source)
+def below(source, target):
+    return source == target or height(target) < height(source)
 
 
 def qvx_folder(path):
@@ -39,8 +39,8 @@ def allowed(source: str, quote: str, target: str) -> bool:
     if home == folder == "qvx":
         inner, outer = qvx_folder(target), qvx_folder(source.removeprefix("src/"))
         return inner is None and (outer is None or target == "qvx/bytes.h") or \
-            inner is not None and (outer is None or below(QVX_LAYERS, outer, inner))
-    return below(LAYERS, home, folder)
+            inner is not None and (outer is None or inner in (outer, *QVX_SEES[outer].split()))
+    return below(home, folder)
 
 
 root = pathlib.Path(__file__).resolve().parent.parent

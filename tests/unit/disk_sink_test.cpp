@@ -1,4 +1,4 @@
-#include "qvx/disk_sink.h"
+#include "qvx/extract/disk_sink.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -15,12 +15,12 @@
 #include <vector>
 
 #include "create.h"
-#include "disk_sink.h"
 #include "interruption.h"
 #include "key_files.h"
 #include "listing.h"
 #include "qvx/archive_reader.h"
 #include "qvx/crypto/ssh_key.h"
+#include "qvx/extract/disk_sink.h"
 #include "report.h"
 
 using namespace tarnwick;

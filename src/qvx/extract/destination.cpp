@@ -1,4 +1,4 @@
-#include "destination.h"
+#include "qvx/extract/destination.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "temporary_file.h"
+#include "qvx/extract/temporary_file.h"
 
 namespace tarnwick::qvx {
 

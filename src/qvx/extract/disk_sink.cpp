@@ -1,4 +1,4 @@
-#include "disk_sink.h"
+#include "qvx/extract/disk_sink.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

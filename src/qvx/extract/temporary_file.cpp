@@ -1,4 +1,4 @@
-#include "temporary_file.h"
+#include "qvx/extract/temporary_file.h"
 
 #include <archive.h>
 #include <archive_entry.h>

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "base/handle.h"
-#include "extraction_run.h"
+#include "qvx/extract/extraction_run.h"
 #include "qvx/format/entry_codec.h"
 
 struct archive;

@@ -1,4 +1,4 @@
-#include "file_writers.h"
+#include "qvx/extract/file_writers.h"
 
 #include <sched.h>
 

@@ -5,9 +5,9 @@
 #include <set>
 #include <vector>
 
-#include "destination.h"
-#include "extraction_run.h"
-#include "file_writers.h"
+#include "qvx/extract/destination.h"
+#include "qvx/extract/extraction_run.h"
+#include "qvx/extract/file_writers.h"
 #include "qvx/read/entry_reader.h"
 
 namespace tarnwick::qvx {
