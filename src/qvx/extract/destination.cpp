@@ -10,12 +10,21 @@ namespace tarnwick::qvx {
 
 namespace {
 
-FileDescriptor enter(int directory, const std::string& name, bool create) {
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    FileDescriptor entered(openat(directory, name.c_str(), flags));
-    if (!entered && errno == ENOENT && create && (mkdirat(directory, name.c_str(), 0777) == 0 || errno == EEXIST))
-        entered = FileDescriptor(openat(directory, name.c_str(), flags));
-    return entered;
+FileDescriptor openDirectory(int directory, const std::string& name) {
+    return FileDescriptor(openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+FileDescriptor makeDirectory(int directory, const std::string& name) {
+    FileDescriptor opened = openDirectory(directory, name);
+    if (opened || errno != ENOENT) return opened;
+    if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) return {};
+    return openDirectory(directory, name);
+}
+
+Error openError(int code, std::string_view path) {
+    Error error = systemError(code, std::string(path));
+    if (code == ELOOP || code == ENOTDIR) error.text = "something that is no directory is in the way";
+    return error;
 }
 
 }  // namespace
@@ -26,7 +35,11 @@ std::string_view Destination::parentPathOf(std::string_view path) {
     return path.substr(0, std::max(path.rfind('/') + 1, std::size_t{1}) - 1);
 }
 
-int Destination::parentOf(std::string_view path, bool create) {
+Result<int> Destination::openParent(std::string_view path) { return parent(path, openDirectory); }
+
+Result<int> Destination::makeParent(std::string_view path) { return parent(path, makeDirectory); }
+
+Result<int> Destination::parent(std::string_view path, OpenDirectory openOne) {
     const auto parentPath = parentPathOf(path);
     if (parentPath.empty()) return root_;
     // What was a directory may have become a link, if the archive or somebody else has replaced it. The open descriptor
@@ -36,8 +49,9 @@ int Destination::parentOf(std::string_view path, bool create) {
     for (std::size_t begin = 0; begin < parentPath.size();) {
         const std::size_t end = std::min(parentPath.find('/', begin), parentPath.size());
         const int from = directory ? directory.get() : root_;
-        directory = enter(from, std::string(parentPath.substr(begin, end - begin)), create);
-        if (!directory) return -1;
+        FileDescriptor next = openOne(from, std::string(parentPath.substr(begin, end - begin)));
+        if (!next) return openError(errno, path);
+        directory = std::move(next);
         begin = end + 1;
     }
     parent_ = std::make_shared<const FileDescriptor>(std::move(directory));

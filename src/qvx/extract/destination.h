@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/error.h"
 #include "base/handle.h"
 
 namespace tarnwick::qvx {
@@ -14,13 +15,16 @@ public:
     // `root` is an open directory, which must outlive this object.
     explicit Destination(int root) : root_(root) {}
 
-    // Opens the directory that contains the last component of `path`; valid until the next call. Opens one component
-    // after another, never through a link; with `create`, missing ones are made. -1 with errno on failure: ELOOP and
-    // ENOTDIR mean that something that is not a directory is in the way. `path` has no empty, "." or ".." component.
-    int parentOf(std::string_view path, bool create);
+    // Opens the directory that contains the last component of `path`, one component after another, never through a
+    // link. The descriptor is valid until the next call. `path` has no empty, "." or ".." component. An error with the
+    // code ELOOP or ENOTDIR means that something that is not a directory is in the way; its subject is `path`.
+    Result<int> openParent(std::string_view path);
 
-    // Keeps the directory from parentOf() open beyond the next call.
-    [[nodiscard]] std::shared_ptr<const void> holder() const { return parent_; }
+    // The same, and makes the directories that are missing.
+    Result<int> makeParent(std::string_view path);
+
+    // Keeps the directory that was opened last open beyond the next call.
+    [[nodiscard]] std::shared_ptr<const void> keepOpen() const { return parent_; }
 
     // All components but the last.
     static std::string_view parentPathOf(std::string_view path);
@@ -29,6 +33,10 @@ public:
     static std::string nameOf(std::string_view path);
 
 private:
+    using OpenDirectory = FileDescriptor (*)(int, const std::string&);
+
+    Result<int> parent(std::string_view path, OpenDirectory openOne);
+
     int root_;
     std::shared_ptr<const FileDescriptor> parent_;
     std::string parentPath_;

@@ -1,32 +1,16 @@
 // Writes the entries of an archive to disk.
 #pragma once
 
-#include <map>
-#include <set>
-#include <vector>
-
+#include "qvx/extract/buffered_file.h"
 #include "qvx/extract/destination.h"
+#include "qvx/extract/directory_metadata.h"
+#include "qvx/extract/extracted_files.h"
 #include "qvx/extract/extraction_run.h"
 #include "qvx/extract/file_writers.h"
+#include "qvx/extract/pending_paths.h"
 #include "qvx/read/entry_reader.h"
 
 namespace tarnwick::qvx {
-
-// The paths of the files extracted so far, by entry number.
-class ExtractedPaths {
-public:
-    void add(std::uint64_t number, std::string_view path);  // numbers ascend
-    [[nodiscard]] std::optional<std::string_view> find(std::uint64_t number) const;
-
-private:
-    struct Place {
-        std::uint64_t number = 0;
-        std::size_t end = 0;
-    };
-
-    std::vector<Place> places_;
-    std::string text_;
-};
 
 // A file is written under a temporary name and renamed when its content is verified, replacing what had the name. An
 // entry that cannot be written is reported and does not affect the next ones. An entry that was incomplete when it was
@@ -36,7 +20,7 @@ class DiskSink : public EntrySink {
 public:
     // `directory` is an open directory, which must outlive the sink.
     DiskSink(int directory, ExtractOptions options)
-        : run_(std::move(options)), destination_(directory), sources_(directory) {}
+        : run_(std::move(options)), destination_(directory), extracted_(run_, directory) {}
 
     bool begin(const EntryHead& head) override;
     bool data(Bytes bytes) override;
@@ -52,46 +36,31 @@ public:
     [[nodiscard]] bool failed() const { return run_.failed(); }
 
 private:
-    struct Directory {
-        EntryHead head;
-        EntryTail tail;
-    };
+    Status beginEntry();
+    Status finishEntry(const EntryTail& tail, const ContentReader& content);
+    Status finishLink(const EntryTail& tail);
+    Status finishReference(const EntryTail& tail, const ContentReader& content);
+    Status copyContent(const EntryTail& tail, const ContentReader& content);
+    Status submitToWriters(const EntryTail& tail);
+    Status commit(const EntryTail& tail);
+    Status keepIncomplete();
+    void waitForPending();
+    void skipIfFailed(const Status& status);
 
-    void settleAround(std::string_view path);
-    void settle();
-    void makeDirectory();
-    bool keepInMemory(Bytes bytes);
-    bool openTemporary();
-    void finishDirectory(const EntryTail& tail);
-    void handToWriters(const EntryTail& tail);
-    void finishFile(const EntryTail& tail, const ContentReader& content);
-    void finishLink(const EntryTail& tail);
-    bool linkTo(std::string_view path, const EntryTail& tail);
-    bool alreadyThere(const EntryTail& tail);
-    bool copyFrom(std::string_view path, const EntryTail& tail);
-    void commit(const EntryTail& tail);
-    void reportIncomplete(const EntryTail& tail);
-    void fail(const std::string& why);
-    void failWithErrno();
-
-    FileDescriptor openExtracted(std::string_view path);
-
-    ExtractionRun run_;  // first: the writers use it until they end
+    ExtractionRun run_;
     Destination destination_;
-    Destination sources_;  // the same, for lookups elsewhere while parent_ stays open
-    EntryHead head_;
+    DirectoryMetadata directories_;
+    ExtractedFiles extracted_;
+    PendingPaths pending_;
+
+    EntryHead head_;    // of the entry that was begun; likewise below
     std::string name_;  // the last component of the path
     int parent_ = -1;   // the directory that contains it
-    TemporaryFile temporary_{run_};
-    std::vector<std::uint8_t> content_;  // content of a small file, until it is complete
     std::string linkTarget_;
-    ExtractedPaths extracted_;
-    std::map<std::string, Directory, std::less<>> directories_;
-    std::size_t remembered_ = 0;                     // bytes of their attributes
-    std::set<std::string, std::less<>> handedOver_;  // paths that the writers may not have written yet
-    std::string lastFolder_;                         // folder of the last of these
+    BufferedFile file_{run_};
+    bool skipping_ = false;  // the entry has failed
+
     FileWriters writers_{run_};
-    bool skipping_ = false;  // this entry has failed
 };
 
 }  // namespace tarnwick::qvx

@@ -1,4 +1,4 @@
-// What the parts of one extraction share: the way to report problems, and the question whether to stop.
+// What the parts of one extraction share: the options of the caller, its report of problems, and whether to stop.
 #pragma once
 
 #include <atomic>
@@ -13,25 +13,26 @@ namespace tarnwick::qvx {
 struct ExtractOptions {
     bool keepIncomplete = false;  // keep the part that was read of an abandoned file as NAME.incomplete
 
-    // Receives each problem; the subject is the path of the entry. Threads call it, but never two at the same time.
+    // Receives each problem; the subject is the path of the entry. Several threads call it, one at a time. It must not
+    // throw.
     std::function<void(const Error&)> report = [](const Error&) {};
 
-    // Whether the extraction is to stop. Threads call it at the same time.
+    // Whether to stop early. Several threads call it, also at the same time.
     std::function<bool()> interrupted = [] { return false; };
 };
 
-// Every function may be called by several threads at the same time.
+// Any thread may call any function at any time.
 class ExtractionRun {
 public:
     explicit ExtractionRun(ExtractOptions options) : options_(std::move(options)) {}
 
-    // Reports a problem that leaves the content of the entry as it should be.
+    // Reports a problem that does not make the extraction fail: metadata that could not be set.
     void warn(const Error& problem) {
         const std::lock_guard lock(mutex_);
         options_.report(problem);
     }
 
-    // Reports a problem because of which the extraction counts as failed.
+    // Reports a problem that makes the extraction fail.
     void fail(const Error& problem) {
         failed_ = true;
         warn(problem);
@@ -43,7 +44,7 @@ public:
 
 private:
     const ExtractOptions options_;
-    std::mutex mutex_;
+    std::mutex mutex_;  // for calls of options_.report
     std::atomic<bool> failed_ = false;
 };
 

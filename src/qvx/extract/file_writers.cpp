@@ -10,86 +10,114 @@
 
 namespace tarnwick::qvx {
 
+namespace {
+
+constexpr std::size_t maxBatchFiles = 128;
+constexpr std::size_t maxBatchBytes = 1048576;
+constexpr std::size_t maxBatches = 7;
+
+std::size_t maxThreads() {
+    static const std::size_t threads = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
+    return threads;
+}
+
+Status writeSmallFile(const SmallFile& file, int directory, TemporaryFile& temporary) {
+    auto done = temporary.create(directory, file.head);
+    if (done) done = temporary.append(file.content);
+    if (done) done = temporary.finish(file.tail);
+    if (done) done = temporary.rename(file.name);
+    return done;
+}
+
+}  // namespace
+
 FileWriters::~FileWriters() {
     const std::lock_guard lock(mutex_);
     closed_ = true;
     changed_.notify_all();
 }
 
-void FileWriters::put(int directory, const std::shared_ptr<const void>& holder, SmallFile file) {
-    const std::size_t size = file.content.size() + extrasSize(file.tail);
+void FileWriters::add(int directory, std::shared_ptr<const void> owner, SmallFile file) {
+    const std::size_t size = file.content.size() + attributeMemory(file.tail);
     const bool full = batch_.files.size() == maxBatchFiles || batch_.bytes + size > maxBatchBytes;
-    if (full || batch_.directory != directory) handOver();
+    if (full || batch_.directory != directory) submitBatch();
     batch_.directory = directory;
-    batch_.holder = holder;
+    batch_.owner = std::move(owner);
     batch_.bytes += size;
     batch_.files.push_back(std::move(file));
 }
 
-void FileWriters::settle() {
-    handOver();
-    std::unique_lock lock(mutex_);
-    while (!batches_.empty())
-        if (!writeNext(lock, temporary_)) changed_.wait(lock);
+void FileWriters::flush() {
+    submitBatch();
+    Lock lock(mutex_);
+    writeUntil([this] { return batches_.empty(); }, lock, temporary_);
 }
 
-void FileWriters::handOver() {
-    static const std::size_t maxThreads = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
+void FileWriters::submitBatch() {
     if (batch_.files.empty()) return;
-    std::unique_lock lock(mutex_);
-    while (batches_.size() >= maxBatches)
-        if (!writeNext(lock, temporary_)) changed_.wait(lock);
+    Lock lock(mutex_);
+    writeUntil([this] { return batches_.size() < maxBatches; }, lock, temporary_);
     batches_.push_back(std::exchange(batch_, {}));
     changed_.notify_all();
-    if (threads_.size() == maxThreads || batches_.size() <= threads_.size()) return;
+    if (threads_.size() < maxThreads() && threads_.size() < batches_.size()) startThread();
+}
+
+void FileWriters::startThread() {
     try {
-        threads_.emplace_back([this] { work(); });
+        threads_.emplace_back([this] { runThread(); });
     } catch (const std::system_error&) {  // without threads, the caller writes the files
     }
 }
 
-void FileWriters::work() {
+void FileWriters::runThread() {
     // The disk writer creates files in the working directory and reads the umask by changing it. A thread that cannot
     // have its own of both does nothing.
     if (::unshare(CLONE_FS) != 0) return;
     TemporaryFile temporary(run_);
-    std::unique_lock lock(mutex_);
-    while (!closed_)
-        if (!writeNext(lock, temporary)) changed_.wait(lock);
+    Lock lock(mutex_);
+    writeUntil([this] { return closed_; }, lock, temporary);
 }
 
-// Writes the first batch that is not in progress and has no earlier one of the same directory before it. False when
-// there is none.
-bool FileWriters::writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& temporary) {
-    auto next = batches_.begin();
-    for (; next != batches_.end(); ++next) {
-        const auto first = std::find_if(batches_.begin(), next,
-                                        [&](const Batch& batch) { return batch.directory == next->directory; });
-        if (first == next && !next->begun) break;
-    }
-    if (next == batches_.end()) return false;
-    next->begun = true;
+template <typename Condition>
+void FileWriters::writeUntil(Condition condition, Lock& lock, TemporaryFile& temporary) {
+    while (!condition())
+        if (!writeNextBatch(lock, temporary)) changed_.wait(lock);
+}
+
+// Unlocks while it writes. False when no batch can be started.
+bool FileWriters::writeNextBatch(Lock& lock, TemporaryFile& temporary) {
+    const auto batch = nextBatch();
+    if (batch == batches_.end()) return false;
+    batch->started = true;
     lock.unlock();
-    for (const auto& file : next->files)
-        if (!run_.interrupted()) write(file, next->directory, temporary);
+    for (const auto& file : batch->files)
+        if (!run_.interrupted()) writeFile(file, batch->directory, temporary);
     lock.lock();
-    batches_.erase(next);
+    batches_.erase(batch);
     changed_.notify_all();
     return true;
 }
 
-void FileWriters::write(const SmallFile& file, int directory, TemporaryFile& temporary) {
+// The first batch that is not started and has none of the same directory before it.
+std::list<FileWriters::Batch>::iterator FileWriters::nextBatch() {
+    for (auto batch = batches_.begin(); batch != batches_.end(); ++batch) {
+        const auto sameDirectory = [&](const Batch& earlier) { return earlier.directory == batch->directory; };
+        if (!batch->started && std::none_of(batches_.begin(), batch, sameDirectory)) return batch;
+    }
+    return batches_.end();
+}
+
+// An exception would end the program when it leaves a thread.
+void FileWriters::writeFile(const SmallFile& file, int directory, TemporaryFile& temporary) {
     try {
-        if (temporary.create(directory, file.head, nullptr) && temporary.data(file.content) &&
-            temporary.finish(file.tail) && temporary.rename(file.name, true))
-            return;
-        run_.fail({temporary.what(), 0, file.head.path});
+        const Status written = writeSmallFile(file, directory, temporary);
+        if (!written) run_.fail(written.error());
     } catch (const std::bad_alloc&) {
         run_.fail({"out of memory", ENOMEM, {}});
     } catch (const std::system_error& error) {  // no random numbers for the temporary name
         run_.fail(systemError(error.code().value(), file.head.path));
     }
-    temporary.drop();
+    temporary.discard();
 }
 
 }  // namespace tarnwick::qvx

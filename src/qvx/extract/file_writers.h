@@ -15,55 +15,55 @@ namespace tarnwick::qvx {
 
 // A regular file whose content is verified.
 struct SmallFile {
-    std::string name;
+    std::string name;  // in its directory
     EntryHead head;
     EntryTail tail;
     std::vector<std::uint8_t> content;
 };
 
-// Threads write the files, those of one directory in order; the caller writes too when they do not keep up. Memory: 8
-// MiB for contents and attributes, and at most as much again as the largest attributes of a file in each batch. Changes
-// the working directory of the caller.
+// Files of one directory are written in the order in which they were added. The caller writes too when the threads do
+// not keep up. Files that cannot be written are reported; interruption skips the rest. Memory: 8 MiB for contents and
+// attributes, and at most as much again as the largest attributes of a file in each batch. Changes the working
+// directory of the caller.
 class FileWriters {
 public:
-    static constexpr std::size_t maxFileSize = 65536;  // content of a file
-
     explicit FileWriters(ExtractionRun& run) : run_(run), temporary_(run) {}
     FileWriters(const FileWriters&) = delete;
     FileWriters& operator=(const FileWriters&) = delete;
-    ~FileWriters();  // files that were put but not settled may be lost
+    ~FileWriters();  // does not flush: files may be lost
 
-    // `holder` keeps `directory` open.
-    void put(int directory, const std::shared_ptr<const void>& holder, SmallFile file);
+    // `owner` keeps `directory` open.
+    void add(int directory, std::shared_ptr<const void> owner, SmallFile file);
 
-    // Waits until every file that was put is on disk or was reported.
-    void settle();
+    // Waits until every added file is on disk or was reported.
+    void flush();
 
 private:
     struct Batch {  // of one directory
         int directory = -1;
-        std::shared_ptr<const void> holder;
+        std::shared_ptr<const void> owner;
         std::vector<SmallFile> files;
         std::size_t bytes = 0;
-        bool begun = false;
+        bool started = false;
     };
+    using Lock = std::unique_lock<std::mutex>;
 
-    static constexpr std::size_t maxBatchFiles = 128;  // of a batch
-    static constexpr std::size_t maxBatchBytes = 1048576;
-    static constexpr std::size_t maxBatches = 7;
-
-    void handOver();
-    void work();
-    bool writeNext(std::unique_lock<std::mutex>& lock, TemporaryFile& temporary);
-    void write(const SmallFile& file, int directory, TemporaryFile& temporary);
+    void submitBatch();
+    void startThread();
+    void runThread();
+    template <typename Condition>
+    void writeUntil(Condition condition, Lock& lock, TemporaryFile& temporary);
+    bool writeNextBatch(Lock& lock, TemporaryFile& temporary);
+    std::list<Batch>::iterator nextBatch();
+    void writeFile(const SmallFile& file, int directory, TemporaryFile& temporary);
 
     ExtractionRun& run_;
-    Batch batch_;              // not given to the threads yet
-    TemporaryFile temporary_;  // used by the caller
+    Batch batch_;              // of the files added last; the threads do not know of it
+    TemporaryFile temporary_;  // for the caller
 
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::list<Batch> batches_;
+    std::condition_variable changed_;  // batches_ or closed_
+    std::list<Batch> batches_;         // in the order of submission; those in progress too
     bool closed_ = false;
     std::vector<std::jthread> threads_;  // last: they use all of the above
 };

@@ -1,73 +1,58 @@
-// A file or link with a temporary name in its final directory, written through libarchive, which sets owner, mode and
-// times and keeps holes as holes.
+// A file or symbolic link with a temporary name in its final directory.
 #pragma once
 
-#include <memory>
 #include <string>
 
-#include "base/handle.h"
-#include "qvx/extract/extraction_run.h"
-#include "qvx/format/entry_codec.h"
-
-struct archive;
-struct archive_entry;
+#include "qvx/extract/restored_metadata.h"
 
 namespace tarnwick::qvx {
 
-// Bytes of memory that attributes and access control lists take.
-std::size_t extrasSize(const EntryTail& tail);
-
-// Sets owner (as root only), mode and times of the existing directory `name` in the working directory. Reports what
-// could not be set.
-void restoreDirectory(ExtractionRun& run, const std::string& name, const EntryHead& head, const EntryTail& tail);
-
+// create() or link() makes the file, finish() completes it, rename() gives it its name. The destructor removes a file
+// that was not renamed. The directory must stay open, and be the working directory, until then. The subject of an error
+// is the path of the entry.
 class TemporaryFile {
 public:
     explicit TemporaryFile(ExtractionRun& run) : run_(run) {}
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
-    ~TemporaryFile() { drop(); }
+    ~TemporaryFile() { discard(); }
 
-    // Creates the file, or with `linkTarget` the symbolic link, in the working directory, which must be `directory`
-    // until the file is renamed or dropped. False on failure, with what(); likewise the functions below.
-    bool create(int directory, const EntryHead& head, const std::string* linkTarget);
-    bool data(Bytes bytes);
-    bool hole(std::uint64_t length);
+    // Makes an empty file, or with `linkTarget` a symbolic link, and makes `directory` the working directory.
+    Status create(int directory, const EntryHead& head, const std::string* linkTarget = nullptr);
 
-    // finish() completes content and metadata; rename() gives the file its final name and replaces what has that name,
-    // except a directory that is not empty. With `replace` false, an existing name is a failure with errno EEXIST.
-    bool finish(const EntryTail& tail);
-    bool rename(const std::string& name, bool replace);
+    // Makes a second name for the open file `source`. It is complete.
+    Status link(int directory, int source);
 
-    // Creates a second name for the open file `source` instead of a new file.
-    bool link(int directory, int source);
+    Status append(Bytes bytes);
+    void appendHole(std::uint64_t length) { size_ += length; }
 
-    void drop();
+    // Completes content and metadata; warns of metadata that could not be set.
+    Status finish(const EntryTail& tail);
+
+    // Replaces what has that name, except a directory that is not empty.
+    Status rename(const std::string& name);
+
+    // An existing file of that name is an error with the code EEXIST.
+    Status renameIfFree(const std::string& name);
+
+    void discard();
     [[nodiscard]] bool exists() const { return !name_.empty(); }
-    [[nodiscard]] bool isLink() const { return exists() && !open_; }  // made by link(), or finished
-    [[nodiscard]] const std::string& what() const { return what_; }
 
 private:
-    struct Free {
-        void operator()(archive* disk) const noexcept;
-    };
-
-    bool hold();
-    bool refuse();
-    bool refuseWithErrno();
+    Status openCreated();
+    Status renamed(int result);
+    [[nodiscard]] Error writeError() const;
 
     ExtractionRun& run_;
-    std::unique_ptr<archive, Free> disk_;
-    std::string path_;  // of the entry, for messages
-    std::string name_;  // empty: none
-    std::string what_;
-    FileDescriptor file_;  // O_PATH, of what was created; none when that could not be determined
-    EntryType type_ = EntryType::file;
+    DiskWriter writer_;
+    EntryHead head_;
+    std::string name_;     // empty: none
+    FileDescriptor file_;  // O_PATH, of what was created; none when another user may have made it
     int directory_ = -1;
-    std::uint64_t offset_ = 0;
-    std::uint64_t written_ = 0;
-    bool open_ = false;    // the disk writer has not closed it
-    bool linked_ = false;  // a second name of an existing file
+    std::uint64_t size_ = 0;
+    std::uint64_t written_ = 0;  // end of the last byte that is not in a hole
+    bool open_ = false;          // the disk writer has not closed it
+    bool linked_ = false;        // made by link()
 };
 
 }  // namespace tarnwick::qvx

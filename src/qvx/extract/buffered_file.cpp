@@ -1,0 +1,39 @@
+#include "qvx/extract/buffered_file.h"
+
+namespace tarnwick::qvx {
+
+void BufferedFile::begin(int directory, const EntryHead& head) {
+    discard();
+    directory_ = directory;
+    head_ = &head;
+}
+
+Status BufferedFile::append(Bytes bytes) {
+    if (isInMemory() && content_.size() + bytes.size() <= maxMemory) {
+        content_.insert(content_.end(), bytes.begin(), bytes.end());
+        return {};
+    }
+    if (auto made = writeOut(); !made) return made;
+    return temporary_.append(bytes);
+}
+
+Status BufferedFile::appendHole(std::uint64_t length) {
+    if (auto made = writeOut(); !made) return made;
+    temporary_.appendHole(length);
+    return {};
+}
+
+Status BufferedFile::writeOut() {
+    if (temporary_.exists()) return {};
+    if (auto made = temporary_.create(directory_, *head_); !made) return made;
+    const std::vector<std::uint8_t> content = std::move(content_);
+    content_.clear();
+    return temporary_.append(content);
+}
+
+void BufferedFile::discard() {
+    temporary_.discard();
+    content_.clear();
+}
+
+}  // namespace tarnwick::qvx

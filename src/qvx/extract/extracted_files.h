@@ -1,0 +1,51 @@
+// The regular files extracted so far, for later entries with the same content.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qvx/extract/destination.h"
+#include "qvx/extract/file_content.h"
+
+namespace tarnwick::qvx {
+
+// Files are found again by their paths, where anything may be by now: a content counts only if it has the digest of the
+// entry.
+class ExtractedFiles {
+public:
+    // `directory` is the destination.
+    ExtractedFiles(const ExtractionRun& run, int directory) : run_(run), destination_(directory) {}
+
+    void add(std::uint64_t number, std::string_view path);  // entry numbers ascend
+    [[nodiscard]] std::optional<std::string_view> pathOf(std::uint64_t number) const;
+
+    // Makes `file` a second name in `directory` for the file of entry `number`. False when that is not possible.
+    bool link(std::uint64_t number, const EntryTail& tail, int directory, TemporaryFile& file);
+
+    // Appends the content of the file of entry `number` to `file`. False when that is not possible; what was appended
+    // is then of no use.
+    bool copy(std::uint64_t number, const EntryTail& tail, TemporaryFile& file);
+
+    // Whether `name` in `directory` is the file that the entry describes, with its mode, time and content.
+    [[nodiscard]] bool isInPlace(int directory, const std::string& name, const EntryHead& head,
+                                 const EntryTail& tail) const;
+
+private:
+    struct PathEnd {
+        std::uint64_t number = 0;
+        std::size_t end = 0;  // in text_
+    };
+
+    FileDescriptor open(std::uint64_t number);
+    [[nodiscard]] bool hasContent(const FileDescriptor& file, const EntryTail& tail) const;
+
+    const ExtractionRun& run_;
+    Destination destination_;  // another one than the sink's, in which a directory stays open meanwhile
+    std::vector<PathEnd> ends_;
+    std::string text_;  // all paths, one after another
+};
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,72 @@
+#include "qvx/extract/file_content.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::size_t bufferSize = 1048576;
+
+// The end of the data or of the hole at `at`. File systems that cannot tell them apart have data only.
+off_t seek(int file, off_t at, int whence, off_t otherwise, off_t size) {
+    const off_t found = lseek(file, at, whence);
+    if (found >= 0) return found;
+    return errno == ENXIO ? size : otherwise;
+}
+
+bool readData(int file, off_t begin, off_t end, MutableBytes buffer, EntrySink& sink) {
+    for (off_t at = begin; at < end;) {
+        const auto want = std::min(buffer.size(), static_cast<std::size_t>(end - at));
+        const ssize_t got = pread(file, buffer.data(), want, at);
+        if (got <= 0 || !sink.data(buffer.first(static_cast<std::size_t>(got)))) return false;
+        at += got;
+    }
+    return true;
+}
+
+bool readAll(int file, EntrySink& sink) {
+    const off_t size = lseek(file, 0, SEEK_END);
+    std::vector<std::uint8_t> buffer(bufferSize);
+    for (off_t at = 0; at < size;) {
+        const off_t begin = seek(file, at, SEEK_DATA, at, size);
+        const off_t end = seek(file, begin, SEEK_HOLE, size, size);
+        if (begin > at && !sink.hole(static_cast<std::uint64_t>(begin - at))) return false;
+        if (!readData(file, begin, end, buffer, sink)) return false;
+        at = end;
+    }
+    return size >= 0;
+}
+
+}  // namespace
+
+FileDescriptor openRegularFile(int directory, const std::string& name) {
+    FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) return {};
+    return file;
+}
+
+bool DigestingSink::data(Bytes bytes) {
+    digest_.add(bytes);
+    if (file_) written_ = file_->append(bytes);
+    return written_ && !run_.interrupted();
+}
+
+bool DigestingSink::hole(std::uint64_t length) {
+    digest_.addZeros(length);
+    if (file_) file_->appendHole(length);
+    return !run_.interrupted();
+}
+
+bool readFile(int file, DigestingSink& sink, const Digest& expected) {
+    return readAll(file, sink) && sink.digest() == expected;
+}
+
+}  // namespace tarnwick::qvx
