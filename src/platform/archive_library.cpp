@@ -1,30 +1,21 @@
 #include "platform/archive_library.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <optional>
 #include <system_error>
 
-#include "base/handle.h"
-#include "base/write_piece.h"
 #include "platform/encryption_context.h"
-#include "qvx/crypto/ssh_key.h"
-#include "qvx/format/file_header.h"
-#include "qvx/write/archive_encoder.h"
-#include "qvx/write/block_stream.h"
-#include "qvx/write/path_list.h"
+#include "qvx/archive_writer.h"
 
 namespace tarnwick {
 
-// A file, or the blocks on their way to one.
+// A file, or the writer of an archive into one.
 struct ByteStream {
     FileDescriptor file;
-    std::unique_ptr<qvx::BlockStream> blocks;
+    std::optional<qvx::ArchiveWriter> writer;
 };
 
 struct FieldKeySet {
@@ -32,19 +23,16 @@ struct FieldKeySet {
 };
 
 struct ArchiveStream {
-    qvx::BlockStream* blocks = nullptr;
+    qvx::ArchiveWriter* writer = nullptr;
     int workers = 0;
-    bool used = false;
     std::vector<IncompleteEntry> incomplete{};
 };
 
 namespace {
 
-constexpr std::uint32_t groupLength = 16;
-
 // The library throws only when memory or threads are not available; then the result is `onFailure`.
-template <typename Result, typename Operation>
-Result guarded(Result onFailure, Operation operation) noexcept {
+template <typename Value, typename Operation>
+Value guarded(Value onFailure, Operation operation) noexcept {
     try {
         return operation();
     } catch (const std::bad_alloc&) {
@@ -52,31 +40,6 @@ Result guarded(Result onFailure, Operation operation) noexcept {
     } catch (const std::system_error&) {
         return onFailure;
     }
-}
-
-int writeAll(int file, qvx::Bytes bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(file, bytes.data(), std::min(bytes.size(), writePiece));
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return count < 0 ? -errno : -EIO;
-        bytes = bytes.subspan(static_cast<std::size_t>(count));
-    }
-    return 0;
-}
-
-std::optional<qvx::HpkeKeys> writeHeader(int file, const EncryptionContext& context) {
-    const auto recipient = qvx::publicKeyFromPoint(*context.recipient);
-    const auto generated = context.ephemeral ? nullptr : qvx::generatePrivateKey();
-    auto* ephemeral = context.ephemeral ? context.ephemeral.get() : generated.get();
-    if (!recipient || !ephemeral) return std::nullopt;
-    qvx::PlainHeader header{groupLength, qvx::sshFingerprint(*context.recipient), {}};
-    const auto bound = qvx::encodePlainHeader(header);
-    const auto sender =
-        qvx::hpkeSend(qvx::Aead::aes256Gcm, recipient.get(), ephemeral, qvx::Bytes(bound).first(qvx::boundHeaderSize));
-    if (!sender) return std::nullopt;
-    header.encapsulated = sender->encapsulated;
-    if (writeAll(file, qvx::encodePlainHeader(header)) != 0) return std::nullopt;
-    return sender->keys;
 }
 
 }  // namespace
@@ -111,11 +74,10 @@ FieldKeySet* fieldKeySetFromString(std::string_view keys) {
 void destroyFieldKeySet(FieldKeySet* keys) { delete keys; }
 
 ByteStream* openFileByteStream(const char* path, int openFlags, mode_t mode) {
-    FileDescriptor file(::open(path, openFlags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
-    if (::fchmod(file.get(), mode) != 0) return nullptr;
-    return new (std::nothrow) ByteStream{std::move(file), nullptr};
+    return guarded<ByteStream*>(nullptr, [&]() -> ByteStream* {
+        auto file = qvx::openArchiveFile(path, openFlags, mode);
+        return file ? new ByteStream{std::move(*file), std::nullopt} : nullptr;
+    });
 }
 
 EncryptionContext* createEncryptionContext(int profile) {
@@ -157,31 +119,28 @@ ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionC
         return nullptr;
     return guarded<ByteStream*>(nullptr, [&]() -> ByteStream* {
         auto stream = std::make_unique<ByteStream>();
-        const int file = underlying->file.get();
-        const auto keys = writeHeader(file, *context);
-        if (!keys) return nullptr;
-        stream->blocks = std::make_unique<qvx::BlockStream>(*keys, groupLength, static_cast<unsigned>(workers),
-                                                            [file](qvx::Bytes bytes) { return writeAll(file, bytes); });
+        auto writer = qvx::ArchiveWriter::open(*context->recipient, static_cast<unsigned>(workers),
+                                               qvx::fileSink(underlying->file.get(), {}), context->ephemeral.get());
+        if (!writer) return nullptr;
+        stream->writer = std::move(*writer);
         return stream.release();
     });
 }
 
 ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void*, MessageCallback, std::uint64_t flags,
                                         int workers) {
-    if (!underlying || !underlying->blocks || flags != 0 || workers < 1) return nullptr;
-    return new (std::nothrow) ArchiveStream{underlying->blocks.get(), workers};
+    if (!underlying || !underlying->writer || flags != 0 || workers < 1) return nullptr;
+    return new (std::nothrow) ArchiveStream{&*underlying->writer, workers};
 }
 
 int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
                   void*, MessageCallback, std::uint64_t flags, int workers) {
-    if (!archive || archive->used || !list || !keys || directory != "/" || flags != 0 || workers != archive->workers)
-        return -EINVAL;
-    archive->used = true;
+    if (!archive || !list || !keys || directory != "/" || flags != 0 || workers != archive->workers) return -EINVAL;
     return guarded(-ENOMEM, [&] {
-        qvx::ArchiveEncoder encoder(*archive->blocks, keys->fields, static_cast<unsigned>(workers));
-        const int status = encoder.write(*list, qvx::plainHeaderSize);
-        archive->incomplete = std::move(encoder.incomplete());
-        return status;
+        auto written = archive->writer->write(*list, keys->fields, static_cast<unsigned>(workers));
+        if (!written) return written.error().code != 0 ? -written.error().code : -EIO;
+        archive->incomplete = std::move(*written);
+        return 0;
     });
 }
 
@@ -197,7 +156,7 @@ int closeArchiveStream(ArchiveStream* archive) {
 int closeByteStream(ByteStream* stream) {
     if (!stream) return 0;
     const std::unique_ptr<ByteStream> closed(stream);
-    closed->blocks.reset();
+    closed->writer.reset();
     const int file = closed->file.release();
     return file < 0 || ::close(file) == 0 ? 0 : -errno;
 }

@@ -1,5 +1,5 @@
-// The encrypted-archive library: writes one archive, sealed to the owner of a P-256 private key. docs/qvx-format.md
-// describes the format; qvx/archive_reader.h reads it.
+// The encrypted-archive library: writes one archive, sealed to the owner of a P-256 private key. A thin layer
+// in the form of a C library over qvx/archive_writer.h.
 //
 // Objects are plain pointers that the caller releases with the function named for the type; null means "none", and
 // every such function accepts it. A status is 0 for success or a negative errno value. Nothing here throws, prints or

@@ -1,5 +1,5 @@
 // Reads an archive: lists it from its index, extracts chosen entries, checks all of it, and salvages a damaged one.
-// docs/qvx-format.md describes the format; writing is in platform/archive_library.h.
+// docs/qvx-format.md describes the format; qvx/archive_writer.h writes it.
 //
 // An archive is hostile until it is checked: anybody can seal one to a public key. No function here allocates more than
 // a small multiple of what it has read from the file. EntrySink::finish() is called only for entries that match the

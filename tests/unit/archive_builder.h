@@ -46,7 +46,7 @@ public:
                         [this](Bytes block) {
                             file_.insert(file_.end(), block.begin(), block.end());
                             positions.push_back(file_.size());
-                            return 0;
+                            return Status();
                         });
     }
 
@@ -112,15 +112,15 @@ public:
     ByteVector finish() {
         if (part_.count() > 0) endIndexPart();
         endBlock();
-        stream_->drain();
-        stream_->standAlone();
+        static_cast<void>(stream_->drain());
+        stream_->stopUsingLeaders();
         root_.entries = entries_;
         root_.sealedLengths = stream_->sealedLengths();
         const auto trailer = encodeTrailer({file_.size(), stream_->block(), entries_, stream_->block() + 2});
         ByteVector payload;
         encodeRoot(root_, payload);
         record(RecordType::root, payload).endBlock().record(RecordType::trailer, {trailer.begin(), trailer.end()});
-        stream_->finish({});
+        static_cast<void>(stream_->finish({}));
         return file_;
     }
 

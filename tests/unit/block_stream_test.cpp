@@ -7,6 +7,7 @@
 #include <random>
 
 using namespace tarnwick::qvx;
+using tarnwick::Status;
 
 namespace {
 
@@ -30,15 +31,15 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
             BlockStream stream(HpkeKeys(), 3, workers, [&](Bytes bytes) {
                 EXPECT_EQ(decodeBlockHeader(bytes)->sequence, calls);  // and a race, if two are at the sink
                 file.insert(file.end(), bytes.begin(), bytes.end());
-                return calls++ == failing ? -ENOSPC : 0;
+                return calls++ == failing ? Status(tarnwick::systemError(ENOSPC)) : Status();
             });
             fill(stream);
-            EXPECT_EQ(stream.finish(std::vector<std::uint8_t>(36)), failing < blocks ? -ENOSPC : 0);
+            EXPECT_EQ(bool(stream.finish(std::vector<std::uint8_t>(36))), failing == blocks);
             EXPECT_EQ(calls, std::min(failing + 1, blocks)) << "nothing is written behind a gap";
         }
         if (first.empty()) first = file;
         EXPECT_TRUE(file == first) << workers;
-        BlockStream unfinished(HpkeKeys(), 3, workers, [](Bytes) { return 0; });
+        BlockStream unfinished(HpkeKeys(), 3, workers, [](Bytes) { return Status(); });
         fill(unfinished);
     }
     // What only the beginning of a leader holds is referred to as well, so the noise stands there three times.

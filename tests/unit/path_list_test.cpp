@@ -31,16 +31,16 @@ TEST(PathList, GivesBackWhatWasPutInByWalkAndByNumber) {
         one.append(entryOf(i));
         list.append(one);
     }
-    PathList::Walk walk(list);
+    PathList::Cursor cursor(list);
     for (std::uint64_t i = 0; i < 20000; ++i) {
-        const auto* entry = walk.next();
+        const auto* entry = cursor.next();
         const auto [path, type, device, inode, folderDevice, folderInode] = entryOf(i);
         ASSERT_TRUE(entry && entry->path == path && entry->type == type) << i;
         EXPECT_TRUE(entry->device == device && entry->inode == inode) << i;
         EXPECT_TRUE(entry->folderDevice == folderDevice && entry->folderInode == folderInode) << i;
         EXPECT_TRUE(i % 501 != 0 || list.pathOf(i) == path) << i;
     }
-    EXPECT_EQ(walk.next(), nullptr);
+    EXPECT_EQ(cursor.next(), nullptr);
 }
 
 TEST(PathList, TakesPathsAsTheyWillStandInTheArchive) {

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t indexPartSize = 256 * 1024;  // bytes of payload; bounds the memory for an index part
 constexpr std::uint64_t unsizedContent = 1048576;  // bytes; read at most from a file whose size is reported as 0
-constexpr std::size_t minDataRoom = 512;           // bytes; a block with less room left is padded
+constexpr std::size_t minDataSpace = 512;          // bytes; a block with less space left is padded
 
 // A dying disk takes seconds for each read that fails, so the number of such reads is limited.
 constexpr unsigned maxFailedReads = 256;  // for each file
@@ -30,7 +30,7 @@ struct ArchiveEncoder::Entry {
     std::uint64_t holes = 0;
     std::uint64_t zeros = 0;  // bytes in the holes
     bool ended = false;    // the file was shorter than its status said, or reading was given up after too many failures
-    int contentError = 0;  // negative errno value of the first read that failed
+    int contentError = 0;  // errno value of the first read that failed
     unsigned failedReads = 0;
     std::uint64_t step = minStep;      // bytes to skip after the next failed read
     std::vector<Extent> unreadable{};  // parts of the content
@@ -43,32 +43,32 @@ ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned r
       storesReferences_(fields & fieldBit("CLC")),
       readers_(readers) {}
 
-int ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
+Status ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
     // The kernel stamps files with the coarse clock, so only its time can be compared with change times.
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
     stored_.emplace(list);
     ReadAhead ahead(list, readers_);
     while (DiskEntry* found = ahead.next()) {
-        if (const int status = writeEntry(*found)) return status;
-        if (const int status = stream_.error()) return status;
+        if (Status written = writeEntry(*found); !written) return written;
+        if (Status status = stream_.status(); !status) return status;
     }
     return complete(filePosition);
 }
 
-int ArchiveEncoder::writeEntry(DiskEntry& found) {
-    if (found.error != 0) return found.error;
+Status ArchiveEncoder::writeEntry(DiskEntry& found) {
+    if (found.error != 0) return systemError(found.error, found.listed.path);
     Entry entry{found};
     writeHead(entry);
     if (found.listed.type == EntryType::file) {
-        if (const int status = writeFile(entry)) return status;
+        if (Status written = writeFile(entry); !written) return written;
     } else if (found.listed.type == EntryType::link) {
         writeContent(entry, found.content);
         if (entry.size > 0) entry.tail.digest = found.digest;
     }
     markIncomplete(entry);
     writeTail(entry);
-    return 0;
+    return {};
 }
 
 void ArchiveEncoder::writeHead(Entry& entry) {
@@ -77,19 +77,19 @@ void ArchiveEncoder::writeHead(Entry& entry) {
     removeOtherFields(fields_, head);
     payload_.clear();
     encodeEntryHead(head, payload_);
-    if (stream_.room().size() < recordHeaderSize + payload_.size()) stream_.pad();
+    if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
     entry.place.block = stream_.block();
     entry.place.offset = stream_.offset();
     writeRecord(RecordType::entry, payload_);
 }
 
-int ArchiveEncoder::writeFile(Entry& entry) {
+Status ArchiveEncoder::writeFile(Entry& entry) {
     DiskEntry& found = entry.found;
-    if (reuseContent(entry) || !storesContent_) return 0;
+    if (reuseContent(entry) || !storesContent_) return {};
     Digest digest = found.digest;
     if (found.file || found.unopened) {
         digest_.restart();
-        if (const int status = writeExtents(entry)) return status;
+        if (Status written = writeExtents(entry); !written) return written;
         digest = digest_.finish();
     } else {
         writeContent(entry, found.content);
@@ -98,14 +98,14 @@ int ArchiveEncoder::writeFile(Entry& entry) {
     if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
     if (entry.size == found.status.stx_size && entry.contentError == 0)
         stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
-    return 0;
+    return {};
 }
 
 void ArchiveEncoder::markIncomplete(Entry& entry) {
     const int error = entry.found.unreadable != 0 ? entry.found.unreadable : entry.contentError;
     if (error == 0) return;
     entry.tail.unreadable = std::move(entry.unreadable);
-    incomplete_.push_back({root_.entries, -error});
+    incomplete_.push_back({root_.entries, error});
 }
 
 // A file is not stored twice, unless it was changed after writing began. Only the kernel sets the change time: if it is
@@ -129,54 +129,59 @@ bool ArchiveEncoder::isOld(const struct statx& status) const {
            (changed.tv_sec == started_.tv_sec && changed.tv_nsec < started_.tv_nsec);
 }
 
-// Begins a new block when the room left in this one is too small for a useful part of `content` bytes.
-void ArchiveEncoder::makeRoom(std::uint64_t content) {
-    if (stream_.room().size() < std::min<std::uint64_t>(content, minDataRoom) + recordHeaderSize) stream_.pad();
+// Begins a new block when the space left in this one is too small for a useful part of `content` bytes.
+void ArchiveEncoder::reserveSpace(std::uint64_t content) {
+    if (stream_.freeSpace().size() < std::min<std::uint64_t>(content, minDataSpace) + recordHeaderSize) stream_.pad();
 }
 
 void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {
     entry.size = content.size();
     while (!content.empty()) {
-        makeRoom(content.size());
-        const Bytes part = content.first(std::min(content.size(), stream_.room().size() - recordHeaderSize));
+        reserveSpace(content.size());
+        const Bytes part = content.first(std::min(content.size(), stream_.freeSpace().size() - recordHeaderSize));
         writeRecord(RecordType::data, part);
         content = content.subspan(part.size());
     }
 }
 
-int ArchiveEncoder::writeExtents(Entry& entry) {
-    const int file = entry.found.file.get();
+Status ArchiveEncoder::writeExtents(Entry& entry) {
     const std::uint64_t size = entry.found.status.stx_size;
     if (entry.found.unopened) {
         entry.contentError = entry.found.unreadable;
         writeUnreadable(entry, size);
-        return 0;
+        return {};
     }
     // Pseudo file systems report size 0 for files that have content.
     if (size == 0) return writeExtent(entry, unsizedContent);
-    const bool sparse = entry.found.status.stx_blocks * 512 < size;
     while (entry.size < size && !entry.ended) {
-        std::uint64_t begin = entry.size;
-        std::uint64_t end = size;
-        if (sparse) {
-            const off_t data = ::lseek(file, static_cast<off_t>(entry.size), SEEK_DATA);
-            if (data < 0 && !isUnreadable(-errno)) return -errno;
-            const off_t hole = data < 0 ? data : ::lseek(file, data, SEEK_HOLE);
-            // ENXIO means that the rest is a hole. A file system that cannot report holes is read as one extent.
-            if (data < 0 && errno == ENXIO) begin = size;
-            if (data >= 0) begin = std::min(static_cast<std::uint64_t>(data), size);
-            if (hole >= 0) end = std::min(static_cast<std::uint64_t>(hole), size);
-        }
-        if (begin > entry.size) writeHole(entry, begin - entry.size);
-        if (const int status = writeExtent(entry, end)) return status;
+        const auto next = nextExtent(entry);
+        if (!next) return next.error();
+        if (next->offset > entry.size) writeHole(entry, next->offset - entry.size);
+        if (Status written = writeExtent(entry, next->end()); !written) return written;
     }
-    return 0;
+    return {};
+}
+
+// The next part of the file that is not a hole; it is empty when the rest is one.
+Result<Extent> ArchiveEncoder::nextExtent(const Entry& entry) {
+    const std::uint64_t size = entry.found.status.stx_size;
+    const Extent rest{entry.size, size - entry.size};
+    if (entry.found.status.stx_blocks * 512 >= size) return rest;
+    const int file = entry.found.file.get();
+    const off_t data = ::lseek(file, static_cast<off_t>(entry.size), SEEK_DATA);
+    if (data < 0 && errno == ENXIO) return Extent{size, 0};
+    if (data < 0 && !isUnreadable(errno)) return systemError(errno, entry.found.listed.path);
+    if (data < 0) return rest;  // a file system that cannot report holes
+    const off_t hole = ::lseek(file, data, SEEK_HOLE);
+    const std::uint64_t begin = std::min(static_cast<std::uint64_t>(data), size);
+    const std::uint64_t end = hole < 0 ? size : std::min(static_cast<std::uint64_t>(hole), size);
+    return Extent{begin, end - begin};
 }
 
 void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
     payload_.clear();
     WireWriter(payload_).varint(length);
-    if (stream_.room().size() < recordHeaderSize + payload_.size()) stream_.pad();
+    if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
     writeRecord(RecordType::hole, payload_);
     entry.size += length;
     entry.zeros += length;
@@ -187,31 +192,31 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
 
 // Reads directly into the block. When the file has become shorter, the missing rest is left out; what was appended
 // since its status was read is ignored.
-int ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
+Status ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
     while (entry.size < end && !entry.ended) {
-        makeRoom(end - entry.size);
-        const MutableBytes room = stream_.room().subspan(recordHeaderSize);
-        const auto part = room.first(static_cast<std::size_t>(std::min<std::uint64_t>(room.size(), end - entry.size)));
-        const std::int64_t count = readAt(entry.found.file.get(), part, entry.size);
-        if (count >= 0) {
-            takePart(entry, part.first(static_cast<std::size_t>(count)));
-        } else if (isUnreadable(static_cast<int>(count))) {
-            skipUnreadable(entry, static_cast<int>(count), end);
+        reserveSpace(end - entry.size);
+        const MutableBytes space = stream_.freeSpace().subspan(recordHeaderSize);
+        const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(space.size(), end - entry.size));
+        const auto count = readAt(entry.found.file.get(), space.first(length), entry.size);
+        if (count) {
+            appendPart(entry, space.first(*count));
+        } else if (isUnreadable(count.error().code)) {
+            skipUnreadable(entry, count.error().code, end);
         } else {
-            return static_cast<int>(count);
+            return systemError(count.error().code, entry.found.listed.path);
         }
-        if (const int status = stream_.error()) return status;
+        if (Status status = stream_.status(); !status) return status;
     }
-    return 0;
+    return {};
 }
 
-void ArchiveEncoder::takePart(Entry& entry, Bytes part) {
+void ArchiveEncoder::appendPart(Entry& entry, Bytes part) {
     entry.ended = part.empty();
     if (entry.ended) return;
     entry.step = minStep;
     entry.size += part.size();
     digest_.add(part);
-    encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(part.size())}, stream_.room().data());
+    encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(part.size())}, stream_.freeSpace().data());
     stream_.commit(recordHeaderSize + part.size());
 }
 
@@ -263,12 +268,12 @@ void ArchiveEncoder::writeTail(Entry& entry) {
 // A payload that does not fit continues in the next block.
 void ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     do {
-        if (stream_.room().size() <= recordHeaderSize) stream_.pad();
-        const std::size_t length = std::min(stream_.room().size() - recordHeaderSize, payload.size());
+        if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
+        const std::size_t length = std::min(stream_.freeSpace().size() - recordHeaderSize, payload.size());
         std::array<std::uint8_t, recordHeaderSize> header{};
         encodeRecordHeader({type, length < payload.size(), static_cast<std::uint32_t>(length)}, header.data());
-        std::copy(header.begin(), header.end(), stream_.room().begin());
-        std::copy_n(payload.begin(), length, stream_.room().begin() + recordHeaderSize);
+        std::copy(header.begin(), header.end(), stream_.freeSpace().begin());
+        std::copy_n(payload.begin(), length, stream_.freeSpace().begin() + recordHeaderSize);
         stream_.commit(recordHeaderSize + length);
         payload = payload.subspan(length);
     } while (!payload.empty());
@@ -279,18 +284,18 @@ void ArchiveEncoder::flushIndexPart() {
     const std::uint64_t first = root_.entries - part_.count();
     payload_.clear();
     part_.finish(payload_);
-    if (stream_.room().size() <= recordHeaderSize) stream_.pad();
+    if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
     root_.parts.push_back({first, stream_.block(), stream_.offset()});
     writeRecord(RecordType::index, payload_);
 }
 
-int ArchiveEncoder::complete(std::uint64_t filePosition) {
+Status ArchiveEncoder::complete(std::uint64_t filePosition) {
     flushIndexPart();
     stream_.pad();
     // The root lists the sealed lengths of all blocks before it, so they must be written first.
-    if (const int status = stream_.drain()) return status;
+    if (Status drained = stream_.drain(); !drained) return drained;
     // The root must not need a leader: a reader that starts at the trailer has none yet.
-    stream_.standAlone();
+    stream_.stopUsingLeaders();
     root_.sealedLengths = stream_.sealedLengths();
     Trailer trailer{filePosition, stream_.block(), root_.entries, 0};
     for (const auto length : root_.sealedLengths) trailer.rootPosition += blockHeaderSize + length;

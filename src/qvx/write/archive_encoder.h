@@ -21,15 +21,15 @@ struct IncompleteEntry {
     int error = 0;             // the errno value of the first failure
 };
 
-// Encodes one archive. Throws std::bad_alloc and std::system_error. A status is 0 or a negative errno value.
+// Encodes one archive. Throws std::bad_alloc and std::system_error.
 class ArchiveEncoder {
 public:
     // `readers` threads read from the disk.
     ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
 
     // Reads every entry of `list` from the disk and completes the archive. `filePosition` is where its first block is
-    // in the file.
-    int write(const PathList& list, std::uint64_t filePosition);
+    // in the file. When a file is to blame for a failure, the error names it.
+    Status write(const PathList& list, std::uint64_t filePosition);
 
     // The entries that were marked as incomplete, in ascending order.
     [[nodiscard]] std::vector<IncompleteEntry>& incomplete() { return incomplete_; }
@@ -37,11 +37,12 @@ public:
 private:
     struct Entry;
 
-    int writeEntry(DiskEntry& found);
-    int writeFile(Entry& entry);
-    int writeExtents(Entry& entry);
-    int writeExtent(Entry& entry, std::uint64_t end);
-    void takePart(Entry& entry, Bytes part);
+    Status writeEntry(DiskEntry& found);
+    Status writeFile(Entry& entry);
+    Status writeExtents(Entry& entry);
+    static Result<Extent> nextExtent(const Entry& entry);
+    Status writeExtent(Entry& entry, std::uint64_t end);
+    void appendPart(Entry& entry, Bytes part);
     void skipUnreadable(Entry& entry, int error, std::uint64_t end);
     void writeUnreadable(Entry& entry, std::uint64_t end);
     void markIncomplete(Entry& entry);
@@ -51,9 +52,9 @@ private:
     void writeHead(Entry& entry);
     void writeTail(Entry& entry);
     void writeRecord(RecordType type, Bytes payload);
-    void makeRoom(std::uint64_t content);
+    void reserveSpace(std::uint64_t content);
     void flushIndexPart();
-    int complete(std::uint64_t filePosition);
+    Status complete(std::uint64_t filePosition);
     [[nodiscard]] bool isOld(const struct statx& status) const;
 
     BlockStream& stream_;

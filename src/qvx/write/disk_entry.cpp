@@ -33,10 +33,11 @@ dev_t deviceOf(const struct statx& status) { return ::makedev(status.stx_dev_maj
 // The name may belong to another file by now. Another file of the same kind on the same device is accepted: a log was
 // rotated. Anything else was not asked for. A rotated log has one link; a file with more may be another person's file
 // that a user has linked under this name.
-int expectListed(const PathList::Entry& listed, const struct statx& status) {
+Status expectListed(const PathList::Entry& listed, const struct statx& status) {
     const bool same = deviceOf(status) == listed.device && entryTypeOf(status.stx_mode) == listed.type;
     const bool rotated = status.stx_ino != listed.inode;
-    return same && !(listed.isGuarded() && rotated && status.stx_nlink > 1) ? 0 : -ESTALE;
+    if (same && !(listed.isGuarded() && rotated && status.stx_nlink > 1)) return {};
+    return systemError(ESTALE);
 }
 
 // Where the name begins in the path; what is before it is the folder, with a slash at its end.
@@ -51,40 +52,45 @@ const char* nameOf(const PathList::Entry& listed) {
 
 bool isUnreadable(int error) {
     constexpr int others[] = {ENOENT, ENOTDIR, ELOOP, ESTALE, ENOMEM, EMFILE, ENFILE};
-    return error != 0 && std::ranges::find(others, -error) == std::end(others);
+    return std::ranges::find(others, error) == std::end(others);
 }
 
-std::int64_t readAt(int file, MutableBytes room, std::uint64_t position) {
+Result<std::size_t> readAt(int file, MutableBytes buffer, std::uint64_t position) {
     for (;;) {
-        const ssize_t count = ::pread(file, room.data(), room.size(), static_cast<off_t>(position));
-        if (count >= 0) return count;
-        if (errno != EINTR) return -errno;
+        const ssize_t count = ::pread(file, buffer.data(), buffer.size(), static_cast<off_t>(position));
+        if (count >= 0) return static_cast<std::size_t>(count);
+        if (errno != EINTR) return systemError(errno);
     }
 }
 
-void DiskEntryReader::begin(DiskEntry& entry, MutableBytes room) {
-    if (const int error = open(entry)) return describeUnopened(entry, error);
+void DiskEntryReader::begin(DiskEntry& entry, MutableBytes buffer) {
+    if (const Status opened = open(entry); !opened) {
+        record(opened, entry);
+        return describeUnopened(entry);
+    }
     // A symbolic link is not opened. Its attributes are read through the path of the open folder.
     const std::string link =
         entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
-    note(entry,
-         metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head, entry.tail));
+    record(
+        metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head, entry.tail),
+        entry);
     // A directory has no content that is read later.
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
-    if (entry.listed.type == EntryType::link) note(entry, readLink(entry, room));
-    if (entry.listed.type == EntryType::file) note(entry, readSmall(entry, room));
+    if (entry.listed.type == EntryType::link) record(readLink(entry, buffer), entry);
+    if (entry.listed.type == EntryType::file) record(readSmall(entry, buffer), entry);
 }
 
 void DiskEntryReader::finish(DiskEntry& entry) {
-    if (!entry.awaited.empty()) note(entry, readWhole(entry, std::exchange(entry.awaited, {})));
+    if (!entry.awaited.empty()) record(readWhole(entry, std::exchange(entry.awaited, {})), entry);
 }
 
-void DiskEntryReader::note(DiskEntry& entry, int error) {
-    if (error != 0) (isUnreadable(error) ? entry.unreadable : entry.error) = error;
+void DiskEntryReader::record(const Status& status, DiskEntry& entry) {
+    if (status) return;
+    const int code = status.error().code;
+    (isUnreadable(code) ? entry.unreadable : entry.error) = code;
 }
 
-void DiskEntryReader::describeUnopened(DiskEntry& entry, int error) {
-    note(entry, error);
+void DiskEntryReader::describeUnopened(DiskEntry& entry) {
     entry.unopened = true;
     entry.file = FileDescriptor();
     entry.head.type = entry.listed.type;
@@ -92,80 +98,83 @@ void DiskEntryReader::describeUnopened(DiskEntry& entry, int error) {
     if (entry.status.stx_mask != 0) captureFields({entry.status}, entry.head);
 }
 
-int DiskEntryReader::hold(const PathList::Entry& listed) {
+Status DiskEntryReader::openFolder(const PathList::Entry& listed) {
     const auto path = std::string_view(listed.path).substr(0, nameStart(listed));
     if (!folder_ || path != folderPath_ || listed.isGuarded() != folderGuarded_) {
         folderPath_ = path;
         folderGuarded_ = listed.isGuarded();
         folder_ = folderGuarded_ ? openDirectoryGuarded(folderPath_)
                                  : FileDescriptor(::open(folderPath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        const int error = folder_ ? readStatus(folder_.get(), "", folderStatus_) : -errno;
-        if (error != 0) folder_ = FileDescriptor();
-        if (error != 0) return error;
+        if (!folder_) return systemError(errno);
+        Status read = readStatus(folder_.get(), "", folderStatus_);
+        if (!read) folder_ = FileDescriptor();
+        if (!read) return read;
     }
     const bool same = deviceOf(folderStatus_) == listed.folderDevice && folderStatus_.stx_ino == listed.folderInode;
-    return same || !listed.isGuarded() ? 0 : -ESTALE;
+    if (same || !listed.isGuarded()) return {};
+    return systemError(ESTALE);
 }
 
 // `statx` before `open`, so that no device is opened; again after it, because the name may have changed in between.
-int DiskEntryReader::open(DiskEntry& entry) {
-    if (const int error = hold(entry.listed)) return error;
+Status DiskEntryReader::open(DiskEntry& entry) {
+    if (Status opened = openFolder(entry.listed); !opened) return opened;
     const char* name = nameOf(entry.listed);
-    if (const int error = readStatus(folder_.get(), name, entry.status)) return error;
-    if (const int error = expectListed(entry.listed, entry.status)) return error;
+    if (Status read = readStatus(folder_.get(), name, entry.status); !read) return read;
+    if (Status same = expectListed(entry.listed, entry.status); !same) return same;
     entry.head.type = entry.listed.type;
     entry.head.path = entry.listed.path.substr(1);
-    if (entry.listed.type == EntryType::link) return 0;
+    if (entry.listed.type == EntryType::link) return {};
     entry.file = openListed(folder_.get(), name, entry.listed);
-    if (!entry.file) return -errno;
-    if (const int error = readStatus(entry.file.get(), "", entry.status)) return error;
+    if (!entry.file) return systemError(errno);
+    if (Status read = readStatus(entry.file.get(), "", entry.status); !read) return read;
     return expectListed(entry.listed, entry.status);
 }
 
-int DiskEntryReader::readLink(DiskEntry& entry, MutableBytes room) {
+Status DiskEntryReader::readLink(DiskEntry& entry, MutableBytes buffer) {
     const ssize_t length =
-        ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(room.data()), room.size());
-    if (length < 0) return -errno;
-    if (length == 0) return -EIO;  // only a damaged file system has such a link, and readers refuse an empty target
-    take(entry, room.first(static_cast<std::size_t>(length)));
-    return 0;
+        ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(buffer.data()), buffer.size());
+    if (length < 0) return systemError(errno);
+    if (length == 0) return systemError(EIO);  // only on a damaged file system; readers refuse an empty target
+    setContent(entry, buffer.first(static_cast<std::size_t>(length)));
+    return {};
 }
 
-int DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes room) {
+Status DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes buffer) {
     const std::uint64_t size = entry.status.stx_size;
     // A file with holes is left to the encoder, which stores the holes.
-    if (size <= room.size() && entry.status.stx_blocks * 512 < size) return 0;
+    if (size <= buffer.size() && entry.status.stx_blocks * 512 < size) return {};
     // Pseudo file systems report size 0 for files that have content. One byte shows whether the file is really empty.
-    if (size == 0) return room.empty() ? 0 : readWhole(entry, room.first(1));
-    if (size <= room.size()) {
-        entry.awaited = room.first(static_cast<std::size_t>(size));
+    if (size == 0) return buffer.empty() ? Status() : readWhole(entry, buffer.first(1));
+    if (size <= buffer.size()) {
+        entry.awaited = buffer.first(static_cast<std::size_t>(size));
         // RWF_NOWAIT reads only what is in the page cache, so that one slow file does not hold up the batch.
         const iovec place{entry.awaited.data(), entry.awaited.size()};
         if (::preadv2(entry.file.get(), &place, 1, 0, RWF_NOWAIT) == static_cast<ssize_t>(size)) {
-            take(entry, std::exchange(entry.awaited, {}));
-            return 0;
+            setContent(entry, std::exchange(entry.awaited, {}));
+            return {};
         }
     }
     // Requests the file, or the beginning of a large one that the encoder reads later, so that the disk works on many
     // requests at a time.
     ::posix_fadvise(entry.file.get(), 0, fetchedAhead, POSIX_FADV_WILLNEED);
-    return 0;
+    return {};
 }
 
-int DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes room) {
+Status DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes buffer) {
     std::size_t length = 0;
-    while (length < room.size()) {
-        const std::int64_t count = readAt(entry.file.get(), room.subspan(length), length);
+    while (length < buffer.size()) {
+        const auto count = readAt(entry.file.get(), buffer.subspan(length), length);
         // The encoder reads such a file again and skips only the parts that fail.
-        if (count < 0) return isUnreadable(static_cast<int>(count)) ? 0 : static_cast<int>(count);
-        if (count == 0) break;
-        length += static_cast<std::size_t>(count);
+        if (!count && isUnreadable(count.error().code)) return {};
+        if (!count) return count.error();
+        if (*count == 0) break;
+        length += *count;
     }
-    if (entry.status.stx_size > 0 || length == 0) take(entry, room.first(length));
-    return 0;
+    if (entry.status.stx_size > 0 || length == 0) setContent(entry, buffer.first(length));
+    return {};
 }
 
-void DiskEntryReader::take(DiskEntry& entry, Bytes content) {
+void DiskEntryReader::setContent(DiskEntry& entry, Bytes content) {
     entry.content = content;
     entry.file = FileDescriptor();
     digest_.restart();

@@ -1,6 +1,7 @@
 // One entry of a path list with what the disk holds for it: its metadata and, when it is small, its content.
 #pragma once
 
+#include "base/error.h"
 #include "qvx/format/content_digest.h"
 #include "qvx/write/entry_metadata.h"
 #include "qvx/write/path_list.h"
@@ -9,8 +10,8 @@ namespace tarnwick::qvx {
 
 struct DiskEntry {
     PathList::Entry listed;
-    int error = 0;  // negative errno value: the file has vanished or was replaced, or memory or descriptors ran out
-    int unreadable = 0;     // negative errno value: the file is there, but a part of it could not be read
+    int error = 0;          // errno value: the file has vanished or was replaced, or memory or descriptors ran out
+    int unreadable = 0;     // errno value: the file is there, but a part of it could not be read
     bool unopened = false;  // the file could not be opened: at most its size is known; `unreadable` is set
     struct statx status {};
     EntryHead head;  // all but the number
@@ -24,23 +25,23 @@ struct DiskEntry {
 // Reads one entry after another. For one thread at a time.
 class DiskEntryReader {
 public:
-    // Fills `entry`, whose `listed` is set. A content of at most `room.size()` bytes is read into the front of `room`,
-    // unless the file has holes, reports size 0 but has content, or cannot be read. A content that is not in the page
-    // cache is only requested from the disk; finish() reads it. Throws std::bad_alloc.
-    void begin(DiskEntry& entry, MutableBytes room);
+    // Fills `entry`, whose `listed` is set. A content of at most `buffer.size()` bytes is read into the front of
+    // `buffer`, unless the file has holes, reports size 0 but has content, or cannot be read. A content that is not in
+    // the page cache is only requested from the disk; finish() reads it. Throws std::bad_alloc.
+    void begin(DiskEntry& entry, MutableBytes buffer);
 
     // Reads the content that begin() only requested.
     void finish(DiskEntry& entry);
 
 private:
-    static void note(DiskEntry& entry, int error);
-    static void describeUnopened(DiskEntry& entry, int error);
-    int hold(const PathList::Entry& listed);
-    int open(DiskEntry& entry);
-    int readLink(DiskEntry& entry, MutableBytes room);
-    int readSmall(DiskEntry& entry, MutableBytes room);
-    int readWhole(DiskEntry& entry, MutableBytes room);
-    void take(DiskEntry& entry, Bytes content);
+    static void record(const Status& status, DiskEntry& entry);
+    static void describeUnopened(DiskEntry& entry);
+    Status openFolder(const PathList::Entry& listed);
+    Status open(DiskEntry& entry);
+    Status readLink(DiskEntry& entry, MutableBytes buffer);
+    Status readSmall(DiskEntry& entry, MutableBytes buffer);
+    Status readWhole(DiskEntry& entry, MutableBytes buffer);
+    void setContent(DiskEntry& entry, Bytes content);
 
     // The folder of the previous entry. The next one is mostly in the same folder, so its path need not be resolved
     // again.
@@ -52,11 +53,11 @@ private:
     ContentDigest digest_;
 };
 
-// Whether a negative errno value of an open or a read means that the file is there but cannot be read. False when the
-// file has vanished or was replaced, and when memory or descriptors ran out.
+// Whether an errno value of an open or a read means that the file is there but cannot be read. False when the file has
+// vanished or was replaced, and when memory or descriptors ran out.
 bool isUnreadable(int error);
 
-// pread() that is repeated after EINTR. Returns the count, or a negative errno value.
-std::int64_t readAt(int file, MutableBytes room, std::uint64_t position);
+// pread() that is repeated after EINTR. Returns the count.
+Result<std::size_t> readAt(int file, MutableBytes buffer, std::uint64_t position);
 
 }  // namespace tarnwick::qvx

@@ -24,36 +24,38 @@ ssize_t attributeLength(const std::string& path, int descriptor, const char* nam
 
 // libarchive silently skips attributes and lists that it cannot read, so each one is tried here. When the list of names
 // has grown in the meantime, this is not checked.
-int probeAttributes(const std::string& path, int descriptor, std::size_t length) {
+Status probeAttributes(const std::string& path, int descriptor, std::size_t length) {
     std::string names(length, '\0');
     const ssize_t listed = listAttributes(path, descriptor, names.data(), names.size());
-    if (listed < 0) return errno == ERANGE ? 0 : -errno;
+    if (listed < 0) return errno == ERANGE ? Status() : systemError(errno);
     names.resize(static_cast<std::size_t>(listed));
     for (std::size_t at = 0; at < names.size(); at += std::char_traits<char>::length(&names[at]) + 1)
-        if (attributeLength(path, descriptor, &names[at]) < 0 && errno != ENODATA && errno != ENOTSUP) return -errno;
-    return 0;
+        if (attributeLength(path, descriptor, &names[at]) < 0 && errno != ENODATA && errno != ENOTSUP)
+            return systemError(errno);
+    return {};
 }
 
 }  // namespace
 
-int readStatus(int descriptor, const char* name, struct statx& status) {
+Status readStatus(int descriptor, const char* name, struct statx& status) {
     constexpr int flags = AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
-    return ::statx(descriptor, name, flags, STATX_BASIC_STATS | STATX_BTIME, &status) == 0 ? 0 : -errno;
+    if (::statx(descriptor, name, flags, STATX_BASIC_STATS | STATX_BTIME, &status) == 0) return {};
+    return systemError(errno);
 }
 
-int MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,
-                         EntryTail& tail) {
+Status MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,
+                            EntryTail& tail) {
     captureFields({status, descriptor}, head);
     // Most files have no attributes; this one call shows it.
     const ssize_t length = listAttributes(path, descriptor, nullptr, 0);
-    if (length < 0) return errno == ENOTSUP || errno == ENOSYS ? 0 : -errno;
-    if (length == 0) return 0;
-    if (const int error = readAttributes(path, descriptor, status, tail)) return error;
+    if (length < 0) return errno == ENOTSUP || errno == ENOSYS ? Status() : systemError(errno);
+    if (length == 0) return {};
+    if (Status read = readAttributes(path, descriptor, status, tail); !read) return read;
     return probeAttributes(path, descriptor, static_cast<std::size_t>(length));
 }
 
-int MetadataReader::readAttributes(const std::string& path, int descriptor, const struct statx& status,
-                                   EntryTail& tail) {
+Status MetadataReader::readAttributes(const std::string& path, int descriptor, const struct statx& status,
+                                      EntryTail& tail) {
     if (!disk_) {
         disk_.reset(archive_read_disk_new());
         entry_.reset(archive_entry_new());
@@ -70,8 +72,8 @@ int MetadataReader::readAttributes(const std::string& path, int descriptor, cons
     if (result >= ARCHIVE_WARN) {
         captureFields({status, descriptor, entry_.get()}, tail);
     }
-    if (result >= ARCHIVE_OK) return 0;
-    return archive_errno(disk_.get()) > 0 ? -archive_errno(disk_.get()) : -EIO;
+    if (result >= ARCHIVE_OK) return {};
+    return systemError(archive_errno(disk_.get()) > 0 ? archive_errno(disk_.get()) : EIO);
 }
 
 }  // namespace tarnwick::qvx

@@ -8,26 +8,26 @@
 #include <memory>
 #include <string>
 
+#include "base/error.h"
 #include "base/handle.h"
 #include "qvx/format/entry_codec.h"
 
 namespace tarnwick::qvx {
 
 // Reads the status of the file `name` in the open folder `descriptor`, without following a link; of the open file
-// itself when `name` is empty. The birth time is included where the file system has it. Returns 0 or a negative errno
-// value.
-int readStatus(int descriptor, const char* name, struct statx& status);
+// itself when `name` is empty. The birth time is included where the file system has it.
+Status readStatus(int descriptor, const char* name, struct statx& status);
 
 // Reads one file after another. For one thread at a time.
 class MetadataReader {
 public:
     // Fills the fields of `head` and the attributes and access lists of `tail` for the open file `descriptor`. A
     // symbolic link is not open (-1) and is read by its path. Attributes past their size limit are left out, and the
-    // tail says so. Returns 0 or a negative errno value, after filling in what could be read. Throws std::bad_alloc.
-    int read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
+    // tail says so. On a failure, what could be read is filled in. Throws std::bad_alloc.
+    Status read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
 
 private:
-    int readAttributes(const std::string& path, int descriptor, const struct statx& status, EntryTail& tail);
+    Status readAttributes(const std::string& path, int descriptor, const struct statx& status, EntryTail& tail);
 
     std::unique_ptr<archive, FreeWith<archive_read_free>> disk_;
     std::unique_ptr<archive_entry, FreeWith<archive_entry_free>> entry_;

@@ -51,20 +51,20 @@ std::uint64_t PathList::deviceNumber(dev_t device) {
 }
 
 void PathList::append(const PathList& other) {
-    Walk walk(other);
-    while (const Entry* entry = walk.next()) append(*entry);
+    Cursor cursor(other);
+    while (const Entry* entry = cursor.next()) append(*entry);
 }
 
 std::string PathList::pathOf(std::uint64_t number) const {
-    const auto behind = std::upper_bound(pieces_.begin(), pieces_.end(), number,
-                                         [](std::uint64_t wanted, const Piece& piece) { return wanted < piece.first; });
-    Walk walk(*this);
-    walk.piece_ = static_cast<std::size_t>(behind - pieces_.begin()) - 1;
-    for (std::uint64_t at = pieces_[walk.piece_].first; at < number; ++at) walk.next();
-    return walk.next()->path;
+    const auto after = std::upper_bound(pieces_.begin(), pieces_.end(), number,
+                                        [](std::uint64_t wanted, const Piece& piece) { return wanted < piece.first; });
+    Cursor cursor(*this);
+    cursor.piece_ = static_cast<std::size_t>(after - pieces_.begin()) - 1;
+    for (std::uint64_t at = pieces_[cursor.piece_].first; at < number; ++at) cursor.next();
+    return cursor.next()->path;
 }
 
-const PathList::Entry* PathList::Walk::next() {
+const PathList::Entry* PathList::Cursor::next() {
     if (piece_ < list_.pieces_.size() && position_ == list_.pieces_[piece_].coded.size()) {
         ++piece_;
         position_ = 0;

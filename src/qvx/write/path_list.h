@@ -43,9 +43,9 @@ private:
 
 public:
     // Reads the entries in order. The list must not grow in the meantime.
-    class Walk {
+    class Cursor {
     public:
-        explicit Walk(const PathList& list) : list_(list) {}
+        explicit Cursor(const PathList& list) : list_(list) {}
 
         // The next entry, valid until the next call; null at the end.
         const Entry* next();

@@ -9,13 +9,13 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t linkRoom = maxPathLength + 1;  // bytes kept for each entry, which may be a link
+constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes kept for each entry, which may be a link
 
-void readBatch(std::span<DiskEntry> entries, MutableBytes room, DiskEntryReader& reader) {
+void readBatch(std::span<DiskEntry> entries, MutableBytes buffer, DiskEntryReader& reader) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
-        const std::size_t kept = (entries.size() - 1 - i) * linkRoom;
-        reader.begin(entries[i], room.first(std::min(ReadAhead::smallSize, room.size() - kept)));
-        room = room.subspan(entries[i].content.size() + entries[i].awaited.size());
+        const std::size_t kept = (entries.size() - 1 - i) * linkSpace;
+        reader.begin(entries[i], buffer.first(std::min(ReadAhead::smallSize, buffer.size() - kept)));
+        buffer = buffer.subspan(entries[i].content.size() + entries[i].awaited.size());
     }
     for (auto& entry : entries) reader.finish(entry);
 }
@@ -23,7 +23,7 @@ void readBatch(std::span<DiskEntry> entries, MutableBytes room, DiskEntryReader&
 }  // namespace
 
 ReadAhead::ReadAhead(const PathList& list, unsigned threads)
-    : batches_(std::max<std::size_t>(threads, minDepth)), walk_(list) {
+    : batches_(std::max<std::size_t>(threads, minDepth)), cursor_(list) {
     for (auto& batch : batches_) batch.contents.resize(batchBytes);
     try {
         while (workers_.size() < threads) workers_.emplace_back([this] { work(); });
@@ -45,9 +45,9 @@ void ReadAhead::stop(bool failed) {
 
 DiskEntry* ReadAhead::next() {
     Batch* batch = &batches_[finished_ % batches_.size()];
-    if (holding_ && ++given_ < batch->count) return &batch->entries[given_];
+    if (inBatch_ && ++index_ < batch->count) return &batch->entries[index_];
     std::unique_lock lock(mutex_);
-    if (holding_) {
+    if (inBatch_) {
         batch->ready = false;
         ++finished_;
         free_.notify_one();
@@ -56,9 +56,9 @@ DiskEntry* ReadAhead::next() {
     ready_.wait(lock, [&] { return batch->ready || failed_ || (listEnded_ && finished_ == begun_); });
     // A thread sets failed_ only when memory runs out.
     if (failed_) throw std::bad_alloc();
-    holding_ = batch->ready;
-    given_ = 0;
-    return holding_ ? &batch->entries[0] : nullptr;
+    inBatch_ = batch->ready;
+    index_ = 0;
+    return inBatch_ ? &batch->entries[0] : nullptr;
 }
 
 void ReadAhead::work() {
@@ -89,7 +89,7 @@ ReadAhead::Batch* ReadAhead::begin(std::unique_lock<std::mutex>& lock) {
     Batch& batch = batches_[begun_ % batches_.size()];
     batch.count = 0;
     while (batch.count < batchEntries) {
-        const PathList::Entry* listed = walk_.next();
+        const PathList::Entry* listed = cursor_.next();
         listEnded_ = !listed;
         if (listEnded_) break;
         DiskEntry& entry = batch.entries[batch.count++];

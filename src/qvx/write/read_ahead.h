@@ -52,15 +52,15 @@ private:
     std::mutex mutex_;
     std::condition_variable free_;
     std::condition_variable ready_;
-    PathList::Walk walk_;
+    PathList::Cursor cursor_;
     std::uint64_t begun_ = 0;     // batches taken from the list
-    std::uint64_t finished_ = 0;  // batches of which the caller has had every entry
+    std::uint64_t finished_ = 0;  // batches of which the caller has read every entry
     bool listEnded_ = false;
     bool closing_ = false;
     bool failed_ = false;  // a thread ran out of memory
 
-    std::size_t given_ = 0;  // index of the current entry in its batch
-    bool holding_ = false;   // the caller is using an entry of a batch
+    std::size_t index_ = 0;  // of the caller's entry in its batch
+    bool inBatch_ = false;   // the caller is using an entry of a batch
 
     std::vector<std::jthread> workers_;  // last: they use all of the above
 };

@@ -22,8 +22,8 @@ bool isWide(dev_t device) { return device > std::numeric_limits<std::uint32_t>::
 StoredContents::StoredContents(const PathList& list) : again_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
     // A Bloom filter with one hash: it may report a file as repeated that is not, never the reverse.
     std::vector<bool> once(again_.size());
-    PathList::Walk walk(list);
-    while (const PathList::Entry* entry = walk.next()) {
+    PathList::Cursor cursor(list);
+    while (const PathList::Entry* entry = cursor.next()) {
         const auto bit = static_cast<std::size_t>(hashOf(entry->device, entry->inode) % once.size());
         if (once[bit]) again_[bit] = true;
         once[bit] = true;
@@ -50,10 +50,10 @@ void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
     // correct.
     if (isWide(device) || number >= none || !again_[static_cast<std::size_t>(hashOf(device, inode) % again_.size())])
         return;
-    if ((taken_ + 1) * 4 > slots_.size() * 3) grow();
+    if ((used_ + 1) * 4 > slots_.size() * 3) grow();
     const auto narrow = static_cast<std::uint32_t>(device);
     Slot& slot = slots_[place(narrow, inode)];
-    if (slot.number == none) ++taken_;
+    if (slot.number == none) ++used_;
     slot = {inode, narrow, static_cast<std::uint32_t>(number)};
 }
 

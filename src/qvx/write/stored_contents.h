@@ -36,8 +36,8 @@ private:
     void grow();
 
     std::vector<bool> again_;  // by hash of device and inode: listed more than once
-    std::vector<Slot> slots_;  // open addressing; at most three in four are taken
-    std::size_t taken_ = 0;
+    std::vector<Slot> slots_;  // open addressing; at most three in four are used
+    std::size_t used_ = 0;
 };
 
 }  // namespace tarnwick::qvx

@@ -1,0 +1,54 @@
+// Writes an archive that is sealed to the owner of a P-256 private key. docs/qvx-format.md describes the format;
+// qvx/archive_reader.h reads it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/error.h"
+#include "base/handle.h"
+#include "qvx/crypto/hpke.h"
+#include "qvx/write/archive_encoder.h"
+#include "qvx/write/block_stream.h"
+#include "qvx/write/path_list.h"
+
+namespace tarnwick::qvx {
+
+// One archive. An archive that is destroyed before write() has succeeded is truncated, which readers refuse. For one
+// thread at a time. Throws std::bad_alloc, and std::system_error when a thread cannot be started.
+class ArchiveWriter {
+public:
+    // Receives the bytes of the file in order, one call at a time, in any thread of the writer.
+    using Sink = BlockStream::Sink;
+
+    // Writes the header to `sink` and starts exactly `sealers` threads, which compress and seal, each with about 7 MiB
+    // of memory. Fails when `recipient` is not on the curve. `ephemeral` is the sender's key of this archive; it is
+    // null, and a new one is generated, but in tests that must get the same bytes every time.
+    static Result<ArchiveWriter> open(const Point& recipient, unsigned sealers, Sink sink,
+                                      EVP_PKEY* ephemeral = nullptr);
+
+    // Reads every entry of `list` from the disk with exactly `readers` threads and completes the archive; can be called
+    // once. On success the whole archive has been given to the sink. A file that shrinks or grows while it is read is
+    // stored as it was read. A file that is there but cannot be read, wholly or in part (EIO, EACCES), is stored as far
+    // as possible and is among the incomplete entries that are returned, in ascending order. A file that has vanished
+    // or is no longer what the list says is a failure, and the error names it. A guarded entry is opened only in the
+    // directory in which it was listed, even if another directory has that path by now; another file with its name
+    // there is taken for a rotated log.
+    Result<std::vector<IncompleteEntry>> write(const PathList& list, FieldMask fields, unsigned readers);
+
+private:
+    explicit ArchiveWriter(std::unique_ptr<BlockStream> blocks) : blocks_(std::move(blocks)) {}
+
+    std::unique_ptr<BlockStream> blocks_;
+    bool used_ = false;
+};
+
+// Opens a regular file for an archive; a symbolic link in the last component is not followed. The mode does not depend
+// on the umask.
+Result<FileDescriptor> openArchiveFile(const std::string& path, int openFlags, mode_t mode);
+
+// A sink that writes to an open file, which the caller keeps open. Its errors are about `path`.
+ArchiveWriter::Sink fileSink(int file, std::string path);
+
+}  // namespace tarnwick::qvx
