@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include "base/guarded_open.h"
@@ -87,22 +88,28 @@ const PathList::Entry* PathList::Cursor::next() {
 
 namespace {
 
-// Only the kernel can resolve "..", because the component before it may be a link. Empty when the path leads nowhere.
-std::string realPath(std::string_view directory, std::string_view path) {
-    if (path.empty() || path.find('\0') != std::string_view::npos) return {};
+// Only the kernel can resolve "..", because the component before it may be a link.
+std::string realPath(std::string_view directory, std::string_view path, std::error_code& error) {
     const auto whole = std::filesystem::path(directory) / path;
     const auto name = whole.filename();
     // A link is archived as a link, so the last component is resolved only when it is no name.
-    std::error_code error;
     if (name.empty() || name == "." || name == "..") return std::filesystem::canonical(whole, error);
-    const auto folder = std::filesystem::canonical(whole.parent_path(), error);
-    if (error) return {};
-    return folder / name;
+    return std::filesystem::canonical(whole.parent_path(), error) / name;
 }
 
-std::optional<std::string> listedPath(std::string_view directory, std::string_view path) {
-    auto normal = normalPath(directory, path);
-    return normal ? normal : normalPath("/", realPath(directory, path));
+Result<std::string> listedPath(std::string_view directory, std::string_view path) {
+    if (path.empty()) return Error{"an empty path names no file"};
+    if (path.find('\0') != std::string_view::npos) return systemError(EINVAL, std::string(path));
+    if (auto normal = normalPath(directory, path)) return std::move(*normal);
+    std::error_code error;
+    const std::string real = realPath(directory, path, error);
+    if (error) return systemError(error.value(), std::string(path));
+    if (auto normal = normalPath("/", real)) return std::move(*normal);
+    return systemError(ENAMETOOLONG, std::string(path));
+}
+
+Error unsupportedType(std::string_view path) {
+    return {"neither a regular file, a directory nor a symbolic link", 0, std::string(path)};
 }
 
 }  // namespace
@@ -122,27 +129,28 @@ std::optional<std::string> normalPath(std::string_view directory, std::string_vi
     return normal.empty() ? "/" : normal;
 }
 
-std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path) {
+Result<PathList::Entry> lookUp(std::string_view directory, std::string_view path) {
     auto listed = listedPath(directory, path);
+    if (!listed) return listed.error();
     struct stat status {};
-    if (!listed || ::lstat(listed->c_str(), &status) != 0) return std::nullopt;
+    if (::lstat(listed->c_str(), &status) != 0) return systemError(errno, std::string(path));
     const auto type = entryTypeOf(status.st_mode);
-    if (!type) return std::nullopt;
+    if (!type) return unsupportedType(path);
     return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino};
 }
 
-std::optional<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path) {
+Result<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path) {
     auto listed = listedPath(directory, path);
-    if (!listed) return std::nullopt;
+    if (!listed) return listed.error();
     const std::size_t nameAt = listed->rfind('/') + 1;
     const auto folder = openDirectoryGuarded(listed->substr(0, nameAt));
     struct stat own {
     }, status{};
     if (!folder || ::fstat(folder.get(), &own) != 0 ||
         ::fstatat(folder.get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
-        return std::nullopt;
+        return systemError(errno, std::string(path));
     const auto type = entryTypeOf(status.st_mode);
-    if (!type) return std::nullopt;
+    if (!type) return unsupportedType(path);
     return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino, own.st_dev, own.st_ino};
 }
 

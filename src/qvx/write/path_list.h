@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/error.h"
 #include "qvx/format/format.h"
 
 namespace tarnwick::qvx {
@@ -71,12 +72,12 @@ private:
 // cannot hold the path. That includes a path with "..": the component before it may be a link, so it cannot be removed.
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
 
-// The file at `path`, relative to `directory` unless absolute. Nothing when it does not exist or an archive cannot hold
-// it.
-std::optional<PathList::Entry> lookUp(std::string_view directory, std::string_view path);
+// The file at `path`, relative to `directory` unless absolute. Fails when it does not exist or an archive cannot
+// contain it.
+Result<PathList::Entry> lookUp(std::string_view directory, std::string_view path);
 
-// The same as a guarded entry. Nothing also when the path leads through a link of another user.
-std::optional<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path);
+// The same as a guarded entry. Fails also when the path leads through a link of another user.
+Result<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path);
 
 // Nothing for a kind of file that an archive cannot hold (a FIFO, a socket, a device).
 std::optional<EntryType> entryTypeOf(mode_t mode);
