@@ -15,7 +15,7 @@ const std::string publicKey =
     "MCowBQYDK2VwAyEASu6Ghp2Ta4w+ZZMnOZbDsSFwNXQsSsqlz3VDRQSoPck=\n"
     "-----END PUBLIC KEY-----\n";
 
-// Decided apart from the rule under test: by where the standard library says that the path leads.
+// Independent of the rule under test: checks where the standard library says that the path leads.
 void requireInside(const std::string& path) {
     const auto joined = std::filesystem::path("/store") / path;
     require(joined.lexically_normal() == joined && joined.native().starts_with("/store/"));
@@ -26,25 +26,24 @@ void requireInside(const std::string& path) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(textOf(data, size));
-    AssetCatalog catalog;
-    if (size <= 80)  // a verification costs as much as a thousand parses
-        require(readCatalog({"<plist/>", input}, publicKey, catalog) == AssetResult::signatureWrong);
-    if (acceptableAssetPath(input)) requireInside(input);
-    if (parseCatalog(input, catalog) != AssetResult::success) {
-        require(catalog.assets.empty());
-        return 0;
+    if (size <= 80) {  // a verification costs as much as a thousand parses
+        const auto read = readCatalog({"<plist/>", input}, publicKey);
+        require(!read && read.error() == AssetError::signatureWrong);
     }
-    require(catalog.serial >= 0);
-    for (const auto& asset : catalog.assets) {
+    if (acceptableAssetPath(input)) requireInside(input);
+    const auto catalog = parseCatalog(input);
+    if (!catalog) return 0;
+    require(catalog->serial >= 0);
+    for (const auto& asset : catalog->assets) {
         require(acceptableAssetType(asset.type) && asset.type.find('/') == std::string::npos &&
                 asset.type.front() != '.');
         require(asset.version >= AssetVersion{} && !asset.files.empty());
-        std::string taken = "\n";  // no path holds a line's end
+        std::string paths = "\n";  // no path contains a line feed
         for (const auto& file : asset.files) {
             requireInside(file.path);
-            require(taken.find('\n' + file.path + '\n') == std::string::npos);
-            require(taken.find('\n' + file.path + '/') == std::string::npos);
-            taken += file.path + '\n';
+            require(paths.find('\n' + file.path + '\n') == std::string::npos);
+            require(paths.find('\n' + file.path + '/') == std::string::npos);
+            paths += file.path + '\n';
             require(file.sha256.size() == 64 && file.sha256.find_first_not_of("0123456789abcdef") == std::string::npos);
             require(!file.url.empty() && file.size <= INT64_MAX);
         }

@@ -10,41 +10,44 @@ namespace tarnwick {
 
 namespace {
 
-constexpr std::size_t firstRoom = 1 << 16;
+constexpr std::size_t initialSize = 1 << 16;
 
 }  // namespace
 
-FileDescriptor openRegularFile(const std::filesystem::path& path, int flags) {
+Result<FileDescriptor> openRegularFile(const std::filesystem::path& path, int flags) {
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | flags));
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    if (!file || ::fstat(file.get(), &status) != 0) return systemError(errno, path);
+    if (!S_ISREG(status.st_mode)) return Error{"not a regular file", 0, path};
     return file;
 }
 
-FileDescriptor openTrustedFile(const std::filesystem::path& path) {
+Result<FileDescriptor> openTrustedFile(const std::filesystem::path& path) {
     auto file = openRegularFile(path, O_NOFOLLOW);
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return {};
+    if (!file) return file;
+    if (::fstat(file->get(), &status) != 0) return systemError(errno, path);
+    if (status.st_uid != 0) return Error{"not owned by root", 0, path};
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return Error{"writable by others", 0, path};
     return file;
 }
 
 // Does not use the size of the file: the file may grow while it is read.
-std::optional<std::string> readToEnd(const FileDescriptor& file, std::size_t limit) {
+Result<std::string> readToEnd(const FileDescriptor& file, std::size_t limit) {
     std::string bytes;
     std::size_t filled = 0;
     while (filled <= limit) {
-        if (filled == bytes.size()) bytes.resize(filled + std::max(filled, firstRoom));
+        if (filled == bytes.size()) bytes.resize(filled + std::max(filled, initialSize));
         const auto count = ::read(file.get(), bytes.data() + filled, bytes.size() - filled);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return std::nullopt;
+        if (count < 0) return systemError(errno);
         if (count == 0) {
             bytes.resize(filled);
             return bytes;
         }
         filled += static_cast<std::size_t>(count);
     }
-    return std::nullopt;
+    return systemError(EFBIG);
 }
 
 }  // namespace tarnwick

@@ -3,22 +3,22 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <optional>
 #include <string>
 
+#include "base/error.h"
 #include "base/handle.h"
 
 namespace tarnwick {
 
 // Opens a file for reading if it is a regular file; does not block on a FIFO in its place. `flags` are added to those
-// of open(2). None on failure.
-FileDescriptor openRegularFile(const std::filesystem::path& path, int flags = 0);
+// of open(2).
+Result<FileDescriptor> openRegularFile(const std::filesystem::path& path, int flags = 0);
 
 // For a file that decides what root does: opens it only if it is a regular file, not itself a link, owned by root and
 // not writable by group or others.
-FileDescriptor openTrustedFile(const std::filesystem::path& path);
+Result<FileDescriptor> openTrustedFile(const std::filesystem::path& path);
 
-// The rest of an open file. Nothing on an error, and when there are more than `limit` bytes.
-std::optional<std::string> readToEnd(const FileDescriptor& file, std::size_t limit);
+// The rest of an open file. More than `limit` bytes are a failure with the code EFBIG.
+Result<std::string> readToEnd(const FileDescriptor& file, std::size_t limit);
 
 }  // namespace tarnwick

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <sstream>
 
 #include "base/guarded_open.h"
@@ -78,7 +77,7 @@ void FoundFiles::consider(const std::string& path, FilesList& files) {
         return leaveOut(path, folderError_ == ELOOP ? "reached through a link that others can replace"
                                                     : std::strerror(folderError_));
     const auto mountId = mountOf(path.c_str() + nameAt);
-    if (!mountId) return leaveOut(path, std::string("its volume is not known: ") + std::strerror(errno));
+    if (!mountId) return leaveOut(path, "its volume is not known: " + mountId.error().text);
     if (!consented_.allows(*mountId)) {
         const auto mount = consented_.describe(*mountId);
         if (reported_.insert(mount.fileSystem).second) reportVolume(mount);
@@ -102,9 +101,10 @@ void FoundFiles::holdFolder(const std::string& path) {
 }
 
 // A log that is being rotated is missing for a moment. Its folder is on the same volume.
-std::optional<std::uint64_t> FoundFiles::mountOf(const char* name) {
-    const auto ofFile = folderError_ == 0 ? mountIdOf(folder_.get(), name) : std::nullopt;
-    return ofFile ? ofFile : mountIdOf(folder_.get(), "");
+Result<std::uint64_t> FoundFiles::mountOf(const char* name) {
+    if (folderError_ == 0)
+        if (auto ofFile = mountIdOf(folder_.get(), name)) return ofFile;
+    return mountIdOf(folder_.get(), "");
 }
 
 void FoundFiles::leaveOut(const std::string& path, const std::string& reason) {

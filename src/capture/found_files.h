@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -35,7 +34,7 @@ public:
 
 private:
     void holdFolder(const std::string& path);
-    std::optional<std::uint64_t> mountOf(const char* name);
+    Result<std::uint64_t> mountOf(const char* name);
     void leaveOut(const std::string& path, const std::string& reason);
     void reportVolume(const MountEntry& mount);
 

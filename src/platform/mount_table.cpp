@@ -31,13 +31,12 @@ std::vector<MountEntry> readMountTable(const std::filesystem::path& mountinfo) {
     return entries;
 }
 
-std::optional<std::uint64_t> mountIdOf(int folder, const char* name) {
+Result<std::uint64_t> mountIdOf(int folder, const char* name) {
     struct statx status {};
     if (::statx(folder, name, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0)
-        return std::nullopt;
-    if (status.stx_mask & STATX_MNT_ID) return status.stx_mnt_id;
-    errno = ENOSYS;
-    return std::nullopt;
+        return systemError(errno);
+    if ((status.stx_mask & STATX_MNT_ID) == 0) return systemError(ENOSYS);  // a kernel before 5.8
+    return std::uint64_t{status.stx_mnt_id};
 }
 
 }  // namespace tarnwick

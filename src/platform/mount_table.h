@@ -5,9 +5,10 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
+
+#include "base/error.h"
 
 namespace tarnwick {
 
@@ -20,11 +21,11 @@ struct MountEntry {
     std::string type;
 };
 
-// Empty when the table cannot be read.
+// In the order of the table. Empty when it cannot be read: then no mount is known.
 std::vector<MountEntry> readMountTable(const std::filesystem::path& mountinfo = "/proc/self/mountinfo");
 
 // The number of the mount that `name` is on, looked up in the directory `folder` without following a link; that of the
-// directory itself when the name is empty. Nothing on failure, with errno set.
-std::optional<std::uint64_t> mountIdOf(int folder, const char* name);
+// directory itself when the name is empty.
+Result<std::uint64_t> mountIdOf(int folder, const char* name);
 
 }  // namespace tarnwick

@@ -9,8 +9,8 @@ namespace tarnwick {
 
 namespace {
 
-std::optional<PropertyListDictionary> parseFile(const FileDescriptor& file) {
-    const auto bytes = file ? readToEnd(file, maxPropertyListFile) : std::nullopt;
+std::optional<PropertyListDictionary> parseFile(const Result<FileDescriptor>& file) {
+    const auto bytes = file ? readToEnd(*file, maxPropertyListFile) : file.error();
     return bytes ? parsePropertyListText(*bytes) : std::nullopt;
 }
 

@@ -75,10 +75,10 @@ bool isHiddenName(const std::string& name) {
 
 // A run holds the lock on the hidden file that it writes.
 void removeIfAbandoned(const fs::path& path) {
-    const FileDescriptor file = openRegularFile(path, O_RDWR | O_NOFOLLOW);
+    const auto file = openRegularFile(path, O_RDWR | O_NOFOLLOW);
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || status.st_uid != ::geteuid()) return;
-    if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
+    if (!file || ::fstat(file->get(), &status) != 0 || status.st_uid != ::geteuid()) return;
+    if (::flock(file->get(), LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
 }
 
 // A run that was killed leaves its hidden file, which would take up space forever.

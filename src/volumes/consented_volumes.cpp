@@ -20,7 +20,8 @@ bool isKernelMemory(const std::string& type) {
 
 void ConsentedVolumes::add(const std::string& mountPoint) {
     const FileDescriptor directory(::open(mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const auto id = directory ? mountIdOf(directory.get(), "") : std::nullopt;
+    if (!directory) return;
+    const auto id = mountIdOf(directory.get(), "");
     if (!id) return;
     const auto mount = describe(*id);
     if (mount.id == *id) fileSystems_.insert(mount.fileSystem);

@@ -147,9 +147,8 @@ FileDescriptor openRecord(const FileDescriptor& folder) {
 std::optional<PropertyListDictionary> readFrom(const FileDescriptor& folder) {
     const auto file = openRecord(folder);
     if (!file) return std::nullopt;
-    errno = EFBIG;  // if the file grew past the limit
     const auto bytes = readToEnd(file, maxPropertyListFile);
-    if (!bytes) fail("the record", errno);
+    if (!bytes) fail("the record", bytes.error().code);
     auto record = parsePropertyListText(*bytes);
     if (!record) throw RecordError("the record is not a property list with a dictionary");
     return record;

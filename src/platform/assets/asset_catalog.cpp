@@ -20,7 +20,7 @@ using DigestContext = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>>;
 
 constexpr std::size_t maxPathLength = 1024;
 constexpr std::size_t maxNameLength = 255;
-constexpr double latestDate = 253402300800.0 - 978307200.0;  // the year 10000, in seconds since 2001
+constexpr double maxDate = 253402300800.0 - 978307200.0;  // the year 10000, in seconds since 2001
 
 bool isOneOf(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
 
@@ -42,20 +42,21 @@ bool isP256(const EVP_PKEY* key) {
            std::string_view(group) == "prime256v1";
 }
 
-AssetResult verifySignature(const SignedCatalog& received, const std::string& publicKey) {
+AssetResult<> verifySignature(const SignedCatalog& received, const std::string& publicKey) {
     const auto key = readPublicKey(publicKey);
     const bool isEd25519 = key && EVP_PKEY_is_a(key.get(), "ED25519");
-    if (!key || !(isEd25519 || isP256(key.get()))) return AssetResult::keyUnusable;
+    if (!key || !(isEd25519 || isP256(key.get()))) return AssetError::keyUnusable;
 
     const DigestContext context(EVP_MD_CTX_new());
     const EVP_MD* digest = isEd25519 ? nullptr : EVP_sha256();
     if (!context || EVP_DigestVerifyInit(context.get(), nullptr, digest, nullptr, key.get()) != 1)
-        return AssetResult::keyUnusable;
+        return AssetError::keyUnusable;
     const auto* bytes = reinterpret_cast<const unsigned char*>(received.bytes.data());
     const auto* signature = reinterpret_cast<const unsigned char*>(received.signature.data());
     const int verified =
         EVP_DigestVerify(context.get(), signature, received.signature.size(), bytes, received.bytes.size());
-    return verified == 1 ? AssetResult::success : AssetResult::signatureWrong;
+    if (verified != 1) return AssetError::signatureWrong;
+    return {};
 }
 
 std::string textOf(const PropertyListDictionary& dictionary, std::string_view key) {
@@ -63,13 +64,15 @@ std::string textOf(const PropertyListDictionary& dictionary, std::string_view ke
     return text ? *text : std::string();
 }
 
-// Reads a whole number that is not negative. False for any other value; a missing one leaves `number` unchanged.
-bool readNumber(const PropertyListDictionary& dictionary, std::string_view key, std::int64_t& number) {
-    if (!findValue(dictionary, key)) return true;
-    const auto* found = findValueAs<std::int64_t>(dictionary, key);
-    if (!found || *found < 0) return false;
-    number = *found;
-    return true;
+// A whole number that is not negative. Nothing for any other value.
+std::optional<std::int64_t> readNumber(const PropertyListDictionary& dictionary, std::string_view key) {
+    const auto* number = findValueAs<std::int64_t>(dictionary, key);
+    return number && *number >= 0 ? std::optional(*number) : std::nullopt;
+}
+
+// A missing version counts as 0.
+std::optional<std::int64_t> readVersion(const PropertyListDictionary& dictionary, std::string_view key) {
+    return findValue(dictionary, key) ? readNumber(dictionary, key) : 0;
 }
 
 bool isSha256Text(std::string_view text) {
@@ -77,51 +80,52 @@ bool isSha256Text(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return isOneOf(c, "0123456789abcdef"); });
 }
 
-AssetResult parseFile(const PropertyListValue& value, AssetFile& file) {
+AssetResult<AssetFile> parseFile(const PropertyListValue& value) {
     const auto* dictionary = value.as<PropertyListDictionary>();
-    if (!dictionary) return AssetResult::catalogMalformed;
-    file.path = textOf(*dictionary, "Path");
-    file.sha256 = textOf(*dictionary, "SHA256");
-    file.url = textOf(*dictionary, "URL");
-    std::int64_t size = -1;
-    if (!readNumber(*dictionary, "Size", size) || size < 0) return AssetResult::catalogMalformed;
-    file.size = static_cast<std::uint64_t>(size);
-    if (!isSha256Text(file.sha256) || file.url.empty()) return AssetResult::catalogMalformed;
-    return acceptableAssetPath(file.path) ? AssetResult::success : AssetResult::pathRefused;
+    const auto size = dictionary ? readNumber(*dictionary, "Size") : std::nullopt;
+    if (!size) return AssetError::catalogMalformed;
+    AssetFile file{textOf(*dictionary, "Path"), static_cast<std::uint64_t>(*size), textOf(*dictionary, "SHA256"),
+                   textOf(*dictionary, "URL")};
+    if (!isSha256Text(file.sha256) || file.url.empty()) return AssetError::catalogMalformed;
+    if (!acceptableAssetPath(file.path)) return AssetError::pathRefused;
+    return file;
 }
 
 // Whether a path occurs twice, or is both a file and a folder.
 bool pathsCollide(const std::vector<AssetFile>& files) {
-    std::set<std::string_view> taken;
+    std::set<std::string_view> paths;
     for (const auto& file : files)
-        if (!taken.insert(file.path).second) return true;
+        if (!paths.insert(file.path).second) return true;
     for (const auto& file : files)
         for (auto slash = file.path.find('/'); slash != std::string::npos; slash = file.path.find('/', slash + 1))
-            if (taken.contains(std::string_view(file.path).substr(0, slash))) return true;
+            if (paths.contains(std::string_view(file.path).substr(0, slash))) return true;
     return false;
 }
 
-AssetResult parseAsset(const PropertyListValue& value, Asset& asset) {
+AssetResult<Asset> parseAsset(const PropertyListValue& value) {
     const auto* dictionary = value.as<PropertyListDictionary>();
     const auto* files = dictionary ? findValueAs<PropertyListArray>(*dictionary, "Files") : nullptr;
-    if (!files || files->empty()) return AssetResult::catalogMalformed;
-    asset.type = textOf(*dictionary, "Type");
-    if (!acceptableAssetType(asset.type) || !readNumber(*dictionary, "ContentVersion", asset.version.content) ||
-        !readNumber(*dictionary, "MasteredVersion", asset.version.mastered))
-        return AssetResult::catalogMalformed;
+    if (!files || files->empty()) return AssetError::catalogMalformed;
+    const auto content = readVersion(*dictionary, "ContentVersion");
+    const auto mastered = readVersion(*dictionary, "MasteredVersion");
+    auto type = textOf(*dictionary, "Type");
+    if (!acceptableAssetType(type) || !content || !mastered) return AssetError::catalogMalformed;
+    Asset asset{std::move(type), {*content, *mastered}, {}};
     for (const auto& each : *files) {
-        const auto result = parseFile(each, asset.files.emplace_back());
-        if (result != AssetResult::success) return result;
+        auto file = parseFile(each);
+        if (!file) return file.error();
+        asset.files.push_back(std::move(*file));
     }
-    return pathsCollide(asset.files) ? AssetResult::catalogMalformed : AssetResult::success;
+    if (pathsCollide(asset.files)) return AssetError::catalogMalformed;
+    return asset;
 }
 
-bool readExpiry(const PropertyListDictionary& root, std::chrono::sys_seconds& expiry) {
+std::optional<std::chrono::sys_seconds> readExpiry(const PropertyListDictionary& root) {
     const auto* date = findValueAs<PropertyListDate>(root, "Expiry");
-    if (!date || !(std::abs(date->secondsSince2001) < latestDate)) return false;
+    // Any date that a property list can express passes; beyond that, the conversion to an integer could overflow.
+    if (!date || !(std::abs(date->secondsSince2001) < maxDate)) return std::nullopt;
     constexpr std::chrono::sys_seconds reference = std::chrono::sys_days(std::chrono::year(2001) / 1 / 1);
-    expiry = reference + std::chrono::seconds(static_cast<std::int64_t>(date->secondsSince2001));
-    return true;
+    return reference + std::chrono::seconds(static_cast<std::int64_t>(date->secondsSince2001));
 }
 
 }  // namespace
@@ -141,29 +145,28 @@ bool acceptableAssetPath(std::string_view path) {
     }
 }
 
-AssetResult readCatalog(const SignedCatalog& received, const std::string& publicKey, AssetCatalog& catalog) {
+AssetResult<AssetCatalog> readCatalog(const SignedCatalog& received, const std::string& publicKey) {
     const auto verified = verifySignature(received, publicKey);
-    return verified == AssetResult::success ? parseCatalog(received.bytes, catalog) : verified;
+    if (!verified) return verified.error();
+    return parseCatalog(received.bytes);
 }
 
-AssetResult parseCatalog(std::string_view bytes, AssetCatalog& catalog) {
+AssetResult<AssetCatalog> parseCatalog(std::string_view bytes) {
     const auto document = parseXmlPropertyList(bytes);
     const auto* root = document ? document->as<PropertyListDictionary>() : nullptr;
     const auto* assets = root ? findValueAs<PropertyListArray>(*root, "Assets") : nullptr;
-    AssetCatalog parsed;
-    parsed.serial = -1;
-    if (!assets || !readNumber(*root, "Serial", parsed.serial) || parsed.serial < 0 ||
-        !readExpiry(*root, parsed.expiry))
-        return AssetResult::catalogMalformed;
+    const auto serial = assets ? readNumber(*root, "Serial") : std::nullopt;
+    const auto expiry = assets ? readExpiry(*root) : std::nullopt;
+    if (!serial || !expiry) return AssetError::catalogMalformed;
+    AssetCatalog catalog{*serial, *expiry, {}};
     std::set<std::pair<std::string, AssetVersion>> known;
     for (const auto& each : *assets) {
-        auto& asset = parsed.assets.emplace_back();
-        const auto result = parseAsset(each, asset);
-        if (result != AssetResult::success) return result;
-        if (!known.emplace(asset.type, asset.version).second) return AssetResult::catalogMalformed;
+        auto asset = parseAsset(each);
+        if (!asset) return asset.error();
+        if (!known.emplace(asset->type, asset->version).second) return AssetError::catalogMalformed;
+        catalog.assets.push_back(std::move(*asset));
     }
-    catalog = std::move(parsed);
-    return AssetResult::success;
+    return catalog;
 }
 
 }  // namespace tarnwick

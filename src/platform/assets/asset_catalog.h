@@ -55,11 +55,11 @@ bool acceptableAssetType(std::string_view type);
 // Whether the path stays below the folder that it is relative to, and is safe to print on a terminal.
 bool acceptableAssetPath(std::string_view path);
 
-// Verifies the signature over the raw bytes with the PEM public key, and parses only after that. Fills `catalog` on
-// success only. Does not check expiry or serial.
-AssetResult readCatalog(const SignedCatalog& received, const std::string& publicKey, AssetCatalog& catalog);
+// Verifies the signature over the raw bytes with the PEM public key, and parses only after that. Does not check expiry
+// or serial.
+AssetResult<AssetCatalog> readCatalog(const SignedCatalog& received, const std::string& publicKey);
 
 // The second half of readCatalog. It does not verify its input; only readCatalog and the fuzzer call it.
-AssetResult parseCatalog(std::string_view bytes, AssetCatalog& catalog);
+AssetResult<AssetCatalog> parseCatalog(std::string_view bytes);
 
 }  // namespace tarnwick

@@ -15,12 +15,6 @@ using CurlText = std::unique_ptr<char, FreeWith<curl_free>>;
 
 constexpr std::size_t maxKeyFileSize = 1 << 16;  // bytes
 
-// Empty when the file cannot be trusted or read, or is too large.
-std::string readTrustedFile(const std::filesystem::path& path) {
-    const auto file = openTrustedFile(path);
-    return file ? readToEnd(file, maxKeyFileSize).value_or("") : "";
-}
-
 std::string partOf(const Url& url, CURLUPart part) {
     char* text = nullptr;
     if (!url || curl_url_get(url.get(), part, &text, 0) != CURLUE_OK) return {};
@@ -48,14 +42,15 @@ bool acceptable(const Url& url) {
 
 bool assetServiceConfigured(const std::filesystem::path& file) { return static_cast<bool>(openTrustedFile(file)); }
 
-AssetResult readAssetConfiguration(const std::filesystem::path& file, AssetConfiguration& configuration) {
+AssetResult<AssetConfiguration> readAssetConfiguration(const std::filesystem::path& file) {
     const auto dictionary = readTrustedPropertyListFile(file);
     const auto* url = dictionary ? findValueAs<std::string>(*dictionary, "CatalogURL") : nullptr;
     const auto* key = dictionary ? findValueAs<std::string>(*dictionary, "CatalogKey") : nullptr;
-    if (!url || !key || !acceptableUrl(*url)) return AssetResult::configurationUnusable;
-    configuration.catalogUrl = *url;
-    configuration.catalogKey = readTrustedFile(*key);
-    return configuration.catalogKey.empty() ? AssetResult::keyUnusable : AssetResult::success;
+    if (!url || !key || !acceptableUrl(*url)) return AssetError::configurationUnusable;
+    const auto keyFile = openTrustedFile(*key);
+    const auto keyText = keyFile ? readToEnd(*keyFile, maxKeyFileSize) : keyFile.error();
+    if (!keyText || keyText->empty()) return AssetError::keyUnusable;
+    return AssetConfiguration{*url, *keyText};
 }
 
 bool acceptableUrl(const std::string& url) { return acceptable(parseUrl(url)); }

@@ -19,7 +19,7 @@ struct AssetConfiguration {
 bool assetServiceConfigured(const std::filesystem::path& file);
 
 // Reads the file and the key that it names. The key file must be owned and protected in the same way.
-AssetResult readAssetConfiguration(const std::filesystem::path& file, AssetConfiguration& configuration);
+AssetResult<AssetConfiguration> readAssetConfiguration(const std::filesystem::path& file);
 
 // https, file, or http to a loopback address: plain HTTP must not leave the machine.
 bool acceptableUrl(const std::string& url);

@@ -1,14 +1,14 @@
-// The result codes of the asset service. The execution log shows them as numbers, and tarnwick-assets(5) explains them,
-// so a number never changes its meaning.
+// How the asset service reports a failure: by a code instead of a text. The execution log shows the codes as numbers,
+// and tarnwick-assets(5) explains them, so a number never changes its meaning.
 #pragma once
 
 #include <cstdint>
 
+#include "base/error.h"
+
 namespace tarnwick {
 
-enum class AssetResult : std::int64_t {
-    success = 0,
-
+enum class AssetError : std::int64_t {
     configurationUnusable = 1,  // the configuration file lacks a key, or names a URL of a kind that is not allowed
     keyUnusable = 2,            // the catalog key cannot be trusted, read, or used to verify
     stopped = 3,                // the process ended first
@@ -27,7 +27,7 @@ enum class AssetResult : std::int64_t {
     catalogMalformed = 23,
     catalogExpired = 24,
     serialTooLow = 25,
-    pathRefused = 26,  // a path of the catalog is absolute, holds "..", an empty component or a control character
+    pathRefused = 26,  // a path of the catalog is absolute, or has "..", an empty component or a control character
 
     fileSizeWrong = 30,
     fileDigestWrong = 31,
@@ -35,5 +35,14 @@ enum class AssetResult : std::int64_t {
     versionTooLow = 33,      // a higher version is installed
     nothingToDownload = 34,  // the asset is not in the catalog
 };
+
+template <typename Value = void>
+using AssetResult = Result<Value, AssetError>;
+
+// The number that callers of the service get; 0 is success.
+template <typename Value>
+std::int64_t resultCode(const AssetResult<Value>& result) {
+    return result ? 0 : static_cast<std::int64_t>(result.error());
+}
 
 }  // namespace tarnwick

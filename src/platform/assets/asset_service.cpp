@@ -22,23 +22,26 @@ using namespace std::chrono_literals;
 // Less than the time for which callers wait, so that a slow server and a silent service give different results.
 constexpr auto catalogTime = 12s;  // for each of the catalog's two files
 constexpr auto assetTime = 1500s;  // for each file of an asset
-constexpr auto partingTime = 1s;
+constexpr auto shutdownTime = 1s;
 
 std::chrono::seconds rateWindowFor(std::chrono::seconds total) { return std::min(total * 3 / 4, 15s); }
 
-TransferLimits limitsFor(std::uint64_t bytes, AssetResult whenLarger, std::chrono::seconds total) {
+TransferLimits limitsFor(std::uint64_t bytes, AssetError whenLarger, std::chrono::seconds total) {
     TransferLimits limits{.bytes = bytes, .whenLarger = whenLarger, .totalTime = total};
     limits.rateWindow = rateWindowFor(total);
     return limits;
 }
 
-AssetResult fetchText(const std::string& url, std::size_t limit, AssetResult whenLarger, std::string& text,
-                      const std::stop_token& stop) {
-    const auto append = [&text](std::string_view bytes) {
+AssetResult<std::string> fetchText(const std::string& url, std::size_t limit, AssetError whenLarger,
+                                   const std::stop_token& stop) {
+    std::string text;
+    const auto append = [&text](std::string_view bytes) -> AssetResult<> {
         text += bytes;
-        return AssetResult::success;
+        return {};
     };
-    return fetchUrl(url, limitsFor(limit, whenLarger, catalogTime), append, stop);
+    const auto fetched = fetchUrl(url, limitsFor(limit, whenLarger, catalogTime), append, stop);
+    if (!fetched) return fetched.error();
+    return text;
 }
 
 // The name of the signature is that of the catalog with a suffix. The suffix is part of the path, before any query.
@@ -47,59 +50,66 @@ std::string signatureUrl(const std::string& catalogUrl) {
     return url.insert(std::min(url.find_first_of("?#"), url.size()), ".sig");
 }
 
-AssetResult fetchCatalog(const std::string& url, SignedCatalog& received, const std::stop_token& stop) {
-    const auto result = fetchText(url, maxCatalogSize, AssetResult::catalogTooLarge, received.bytes, stop);
-    if (result != AssetResult::success) return result;
-    const auto signature =
-        fetchText(signatureUrl(url), maxSignatureSize, AssetResult::signatureWrong, received.signature, stop);
-    return signature == AssetResult::answerRefused ? AssetResult::signatureMissing : signature;
+AssetResult<SignedCatalog> fetchCatalog(const std::string& url, const std::stop_token& stop) {
+    auto bytes = fetchText(url, maxCatalogSize, AssetError::catalogTooLarge, stop);
+    if (!bytes) return bytes.error();
+    auto signature = fetchText(signatureUrl(url), maxSignatureSize, AssetError::signatureWrong, stop);
+    if (signature) return SignedCatalog{std::move(*bytes), std::move(*signature)};
+    return signature.error() == AssetError::answerRefused ? AssetError::signatureMissing : signature.error();
 }
 
 bool hasExpired(const AssetCatalog& catalog) { return catalog.expiry <= std::chrono::system_clock::now(); }
 
-AssetResult refreshCatalog(const AssetServicePlaces& places, const std::stop_token& stop) {
-    AssetConfiguration configuration;
-    SignedCatalog received;
-    AssetCatalog catalog;
-    auto result = readAssetConfiguration(places.configuration, configuration);
-    if (result == AssetResult::success) result = fetchCatalog(configuration.catalogUrl, received, stop);
-    if (result == AssetResult::success) result = readCatalog(received, configuration.catalogKey, catalog);
-    if (result != AssetResult::success) return result;
-    if (hasExpired(catalog)) return AssetResult::catalogExpired;
-    return AssetStore(places.store).keepCatalog(received, catalog.serial);
+AssetResult<> refreshCatalog(const AssetServicePlaces& places, const std::stop_token& stop) {
+    const auto configuration = readAssetConfiguration(places.configuration);
+    if (!configuration) return configuration.error();
+    const auto received = fetchCatalog(configuration->catalogUrl, stop);
+    if (!received) return received.error();
+    const auto catalog = readCatalog(*received, configuration->catalogKey);
+    if (!catalog) return catalog.error();
+    if (hasExpired(*catalog)) return AssetError::catalogExpired;
+    return AssetStore(places.store).storeCatalog(*received, catalog->serial);
 }
 
-AssetResult downloadAsset(const AssetServicePlaces& places, const Asset& asset, const std::stop_token& stop) {
-    AssetConfiguration configuration;
-    if (asset.files.empty()) return AssetResult::nothingToDownload;
-    const auto configured = readAssetConfiguration(places.configuration, configuration);
-    if (configured != AssetResult::success) return configured;
+AssetResult<> downloadFile(const std::string& catalogUrl, const AssetFile& file, StagedAsset& staged,
+                           const std::stop_token& stop) {
+    const auto url = resolveUrl(catalogUrl, file.url);
+    if (!url) return AssetError::redirectRefused;
+    return staged.addFile(file, [&](const ByteSink& sink) {
+        return fetchUrl(*url, limitsFor(file.size, AssetError::fileSizeWrong, assetTime), sink, stop);
+    });
+}
 
+AssetResult<> downloadAsset(const AssetServicePlaces& places, const Asset& asset, const std::stop_token& stop) {
+    if (asset.files.empty()) return AssetError::nothingToDownload;
+    const auto configuration = readAssetConfiguration(places.configuration);
+    if (!configuration) return configuration.error();
     const AssetStore store(places.store);
-    std::optional<StagedAsset> staged;
-    const auto made = store.stage(asset.type, staged);
-    if (made != AssetResult::success) return made;
-    for (const auto& file : asset.files) {
-        const auto url = resolveUrl(configuration.catalogUrl, file.url);
-        if (!url) return AssetResult::redirectRefused;
-        const auto result = staged->addFile(file, [&](const ByteSink& sink) {
-            return fetchUrl(*url, limitsFor(file.size, AssetResult::fileSizeWrong, assetTime), sink, stop);
-        });
-        if (result != AssetResult::success) return result;
-    }
+    auto staged = store.stage(asset.type);
+    if (!staged) return staged.error();
+    for (const auto& file : asset.files)
+        if (const auto added = downloadFile(configuration->catalogUrl, file, *staged, stop); !added) return added;
     return store.install(asset, *staged);
 }
 
-// The assets of the stored catalog. Empty unless a service is configured, the signature is right and the catalog has
-// not expired.
-AssetCatalog usableCatalog(const AssetServicePlaces& places) {
-    AssetConfiguration configuration;
-    AssetCatalog catalog;
+// The assets of the stored catalog. None unless a service is configured, the signature is right and the catalog has not
+// expired.
+std::vector<Asset> knownAssets(const AssetServicePlaces& places) {
     const auto stored = AssetStore(places.store).storedCatalog();
-    const bool usable = stored && readAssetConfiguration(places.configuration, configuration) == AssetResult::success &&
-                        readCatalog(*stored, configuration.catalogKey, catalog) == AssetResult::success &&
-                        !hasExpired(catalog);
-    return usable ? catalog : AssetCatalog();
+    const auto configuration = readAssetConfiguration(places.configuration);
+    if (!stored || !configuration) return {};
+    auto catalog = readCatalog(*stored, configuration->catalogKey);
+    return catalog && !hasExpired(*catalog) ? std::move(catalog->assets) : std::vector<Asset>();
+}
+
+// Appends the installed versions that are not among the assets yet.
+void addUnknownVersions(std::vector<Asset>& assets, const std::string& type,
+                        const std::vector<AssetVersion>& installed) {
+    for (const auto& version : installed) {
+        const bool known = std::any_of(assets.begin(), assets.end(),
+                                       [&version](const Asset& asset) { return asset.version == version; });
+        if (!known) assets.push_back({.type = type, .version = version, .files = {}});
+    }
 }
 
 // The main thread handles signals. With SIGPIPE blocked, a server that closes the connection causes a write error.
@@ -109,7 +119,7 @@ void blockSignals() {
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
-AssetService& theService() {
+AssetService& defaultService() {
     static AssetService service;
     return service;
 }
@@ -139,18 +149,18 @@ struct AssetService::Work {
         return item;
     }
 
-    [[nodiscard]] AssetResult perform(const Job& job) const {
-        if (stop.stop_requested()) return AssetResult::stopped;
+    [[nodiscard]] AssetResult<> perform(const Job& job) const {
+        if (stop.stop_requested()) return AssetError::stopped;
         try {
             return job(stop.get_token());
         } catch (const std::exception&) {  // out of memory, or a folder changed while it was read
-            return AssetResult::storeFailed;
+            return AssetError::storeFailed;
         }
     }
 
     void run() {
         blockSignals();
-        while (const auto item = next()) item->done(static_cast<std::int64_t>(perform(item->job)));
+        while (const auto item = next()) item->done(resultCode(perform(item->job)));
         const std::lock_guard lock(mutex);
         ended = true;
         changed.notify_all();
@@ -167,7 +177,7 @@ AssetService::~AssetService() {
     if (!thread_.joinable()) return;
     work_->stop.request_stop();
     std::unique_lock lock(work_->mutex);
-    const bool ended = work_->changed.wait_for(lock, partingTime, [this] { return work_->ended; });
+    const bool ended = work_->changed.wait_for(lock, shutdownTime, [this] { return work_->ended; });
     lock.unlock();
     if (ended)
         thread_.join();
@@ -185,7 +195,7 @@ void AssetService::submit(Job job, CompletionCallback done) {
     try {
         thread_ = std::thread([work = work_] { work->run(); });
     } catch (const std::system_error&) {  // no thread could be started
-        work_->next()->done(static_cast<std::int64_t>(AssetResult::transferFailed));
+        work_->next()->done(static_cast<std::int64_t>(AssetError::transferFailed));
     }
 }
 
@@ -201,19 +211,14 @@ void AssetService::requestAssetDownload(const Asset& asset, CompletionCallback d
 }
 
 AssetQueryAnswer AssetService::queryAssetsNow(const std::string& type) const {
-    AssetQueryAnswer answer;
-    std::vector<AssetVersion> installed;
-    const auto listed = AssetStore(places_.store).listInstalled(type, installed);
-    answer.resultCode = static_cast<std::int64_t>(listed);
-    if (listed != AssetResult::success) return answer;
-    AssetStore(places_.factory).listInstalled(type, installed);
-    for (auto& asset : usableCatalog(places_).assets)
+    const auto installed = AssetStore(places_.store).listInstalled(type);
+    AssetQueryAnswer answer{.resultCode = resultCode(installed), .assets = {}};
+    if (!installed) return answer;
+    for (auto& asset : knownAssets(places_))
         if (asset.type == type) answer.assets.push_back(std::move(asset));
-    for (const auto& version : installed) {
-        const auto known = std::any_of(answer.assets.begin(), answer.assets.end(),
-                                       [&version](const Asset& asset) { return asset.version == version; });
-        if (!known) answer.assets.push_back({.type = type, .version = version, .files = {}});
-    }
+    addUnknownVersions(answer.assets, type, *installed);
+    if (const auto factory = AssetStore(places_.factory).listInstalled(type))
+        addUnknownVersions(answer.assets, type, *factory);
     return answer;
 }
 
@@ -225,33 +230,33 @@ std::int64_t AssetService::installState(const Asset& asset) const {
 // are used.
 std::optional<std::filesystem::path> AssetService::localDirectory(const Asset& asset) const {
     for (const AssetStore& store : {AssetStore(places_.store), AssetStore(places_.factory)})
-        if (store.holdsComplete(asset)) return store.folderOf(asset);
+        if (store.isComplete(asset)) return store.folderOf(asset);
     return std::nullopt;
 }
 
-bool assetServiceConfigured() { return theService().configured(); }
+bool assetServiceConfigured() { return defaultService().configured(); }
 
 void requestCatalogRefresh(const std::string&, const DownloadOptions&, CompletionCallback done) {
-    theService().requestCatalogRefresh(std::move(done));  // one catalog for all types
+    defaultService().requestCatalogRefresh(std::move(done));  // one catalog for all types
 }
 
 void requestAssetDownload(const Asset& asset, const DownloadOptions&, CompletionCallback done) {
-    theService().requestAssetDownload(asset, std::move(done));
+    defaultService().requestAssetDownload(asset, std::move(done));
 }
 
 AssetQueryAnswer queryAssetsNow(const std::string& type, int kind) {
     if (kind != assetQueryKindAll) return {};
-    return theService().queryAssetsNow(type);
+    return defaultService().queryAssetsNow(type);
 }
 
-std::int64_t assetInstallState(const Asset& asset) { return theService().installState(asset); }
+std::int64_t assetInstallState(const Asset& asset) { return defaultService().installState(asset); }
 
 std::int64_t assetVersionAttribute(const Asset& asset, AssetVersionKind kind) {
     return kind == AssetVersionKind::content ? asset.version.content : asset.version.mastered;
 }
 
 std::optional<std::filesystem::path> assetLocalDirectory(const Asset& asset) {
-    return theService().localDirectory(asset);
+    return defaultService().localDirectory(asset);
 }
 
 }  // namespace tarnwick

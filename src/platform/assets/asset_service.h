@@ -18,7 +18,7 @@
 
 namespace tarnwick {
 
-using CompletionCallback = std::function<void(std::int64_t resultCode)>;  // an AssetResult; 0 is success
+using CompletionCallback = std::function<void(std::int64_t resultCode)>;  // an AssetError; 0 is success
 
 // The wishes of the caller. This service never defers a transfer and never checks the power supply.
 struct DownloadOptions {
@@ -27,7 +27,7 @@ struct DownloadOptions {
 };
 
 struct AssetQueryAnswer {
-    std::int64_t resultCode = 0;  // an AssetResult
+    std::int64_t resultCode = 0;  // an AssetError; 0 is success
     std::vector<Asset> assets;
 };
 
@@ -77,7 +77,7 @@ public:
 
 private:
     struct Work;
-    using Job = std::function<AssetResult(const std::stop_token&)>;
+    using Job = std::function<AssetResult<>(const std::stop_token&)>;
     void submit(Job job, CompletionCallback done);
 
     AssetServicePlaces places_;

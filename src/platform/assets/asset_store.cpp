@@ -22,7 +22,7 @@ namespace {
 using DigestContext = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>>;
 
 constexpr std::string_view stagingPrefix = ".staging.";
-constexpr std::size_t versionsKept = 2;
+constexpr std::size_t maxVersions = 2;
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 class Sha256 {
@@ -52,6 +52,11 @@ private:
     bool good_;
 };
 
+AssetResult<> statusOf(bool succeeded) {
+    if (!succeeded) return AssetError::storeFailed;
+    return {};
+}
+
 bool writeAll(int file, std::string_view bytes) {
     while (!bytes.empty()) {
         const auto count = ::write(file, bytes.data(), bytes.size());
@@ -79,13 +84,12 @@ bool syncFolders(const fs::path& folder) {
     return synced;
 }
 
-// The content of a regular file of at most `limit` bytes; otherwise nothing.
-std::optional<std::string> readFile(const fs::path& path, std::size_t limit) {
+Result<std::string> readFile(const fs::path& path, std::size_t limit) {
     const auto file = openRegularFile(path, O_NOFOLLOW);
-    return file ? readToEnd(file, limit) : std::nullopt;
+    return file ? readToEnd(*file, limit) : file.error();
 }
 
-// The caller must hold the lock: all processes use the same temporary name.
+// The caller must have locked the store: all processes use the same temporary name.
 bool replaceFile(const fs::path& path, std::string_view bytes) {
     const fs::path temporary = path.native() + ".new";
     FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -111,8 +115,8 @@ Folder inspectFolder(const fs::path& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? Folder::missing : Folder::bad;
     if (S_ISLNK(status.st_mode)) return Folder::linked;
-    const bool ours = status.st_uid == 0 || status.st_uid == ::geteuid();
-    return S_ISDIR(status.st_mode) && ours && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? Folder::good : Folder::bad;
+    const bool owned = status.st_uid == 0 || status.st_uid == ::geteuid();
+    return S_ISDIR(status.st_mode) && owned && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? Folder::good : Folder::bad;
 }
 
 bool makeFolder(const fs::path& path) {
@@ -120,49 +124,57 @@ bool makeFolder(const fs::path& path) {
     return syncFolder(path.parent_path());
 }
 
-AssetResult makeTrustedFolder(const fs::path& path) {
-    if (!makeFolder(path)) return AssetResult::storeFailed;
+AssetResult<> makeTrustedFolder(const fs::path& path) {
+    if (!makeFolder(path)) return AssetError::storeFailed;
     const auto folder = inspectFolder(path);
-    if (folder == Folder::linked) return AssetResult::pathThroughLink;
-    return folder == Folder::good ? AssetResult::success : AssetResult::storeFailed;
+    if (folder == Folder::linked) return AssetError::pathThroughLink;
+    if (folder != Folder::good) return AssetError::storeFailed;
+    return {};
 }
 
-AssetResult makeRoot(const fs::path& root) {
+AssetResult<> makeRoot(const fs::path& root) {
     std::error_code error;
     fs::create_directories(root.parent_path(), error);
-    return error ? AssetResult::storeFailed : makeTrustedFolder(root);
-}
-
-// Opens a file below an open folder without following a link in any component; with O_CREAT, missing folders are made.
-FileDescriptor openBeneath(FileDescriptor folder, std::string_view path, int flags) {
-    for (auto slash = path.find('/'); folder && slash != std::string_view::npos; slash = path.find('/')) {
-        const std::string name(path.substr(0, slash));
-        if ((flags & O_CREAT) != 0 && ::mkdirat(folder.get(), name.c_str(), 0755) != 0 && errno != EEXIST) return {};
-        folder = FileDescriptor(::openat(folder.get(), name.c_str(), folderFlags));
-        path.remove_prefix(slash + 1);
-    }
-    if (!folder) return {};
-    return FileDescriptor(::openat(folder.get(), std::string(path).c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (error) return AssetError::storeFailed;
+    return makeTrustedFolder(root);
 }
 
 // With O_DIRECTORY, a link in place of a folder gives ENOTDIR. A file would too, but the paths of a catalog never
 // collide.
-AssetResult openFailure(int error) {
-    return error == ELOOP || error == ENOTDIR || error == EEXIST ? AssetResult::pathThroughLink
-                                                                 : AssetResult::storeFailed;
+AssetError openError(int error) {
+    return error == ELOOP || error == ENOTDIR || error == EEXIST ? AssetError::pathThroughLink
+                                                                 : AssetError::storeFailed;
+}
+
+AssetResult<FileDescriptor> openedOrError(int descriptor) {
+    if (descriptor < 0) return openError(errno);
+    return FileDescriptor(descriptor);
+}
+
+// Opens a file below `root` without following a link in any component; with O_CREAT, missing folders are made.
+AssetResult<FileDescriptor> openBelow(const fs::path& root, std::string_view path, int flags) {
+    auto folder = openedOrError(::open(root.c_str(), folderFlags));
+    for (auto slash = path.find('/'); folder && slash != std::string_view::npos; slash = path.find('/')) {
+        const std::string name(path.substr(0, slash));
+        if ((flags & O_CREAT) != 0 && ::mkdirat(folder->get(), name.c_str(), 0755) != 0 && errno != EEXIST)
+            return openError(errno);
+        folder = openedOrError(::openat(folder->get(), name.c_str(), folderFlags));
+        path.remove_prefix(slash + 1);
+    }
+    if (!folder) return folder;
+    return openedOrError(::openat(folder->get(), std::string(path).c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0644));
 }
 
 bool fileIsComplete(const fs::path& folder, const AssetFile& expected) {
-    const auto file =
-        openBeneath(FileDescriptor(::open(folder.c_str(), folderFlags)), expected.path, O_RDONLY | O_NONBLOCK);
+    const auto file = openBelow(folder, expected.path, O_RDONLY | O_NONBLOCK);
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+    if (!file || ::fstat(file->get(), &status) != 0 || !S_ISREG(status.st_mode) ||
         static_cast<std::uint64_t>(status.st_size) != expected.size)
         return false;
     Sha256 digest;
     std::vector<char> buffer(1 << 16);
     for (;;) {
-        const auto count = ::read(file.get(), buffer.data(), buffer.size());
+        const auto count = ::read(file->get(), buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return false;
         if (count == 0) return digest.finish() == expected.sha256;
@@ -170,7 +182,7 @@ bool fileIsComplete(const fs::path& folder, const AssetFile& expected) {
     }
 }
 
-bool holdsAFile(const fs::path& folder) {
+bool containsFile(const fs::path& folder) {
     std::error_code error;
     for (fs::recursive_directory_iterator each(folder, error), end; !error && each != end; each.increment(error))
         if (fs::is_regular_file(each->symlink_status(error))) return true;
@@ -181,24 +193,24 @@ std::string nameOf(const AssetVersion& version) {
     return std::to_string(version.content) + '.' + std::to_string(version.mastered);
 }
 
-template <typename Number>
-bool readNumber(std::string_view text, Number& number) {
+std::optional<std::int64_t> parseNumber(std::string_view text) {
+    std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && number >= 0;
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole && number >= 0 ? std::optional(number) : std::nullopt;
 }
 
 // Accepts only the form that this program writes: "5.12" is a version, "05.12" is not.
 std::optional<AssetVersion> versionOf(const std::string& name) {
-    const auto dot = name.find('.');
-    AssetVersion version;
-    if (dot == std::string::npos || !readNumber(std::string_view(name).substr(0, dot), version.content) ||
-        !readNumber(std::string_view(name).substr(dot + 1), version.mastered) || nameOf(version) != name)
-        return std::nullopt;
-    return version;
+    const auto dot = std::min(name.find('.'), name.size());
+    const auto content = parseNumber(name.substr(0, dot));
+    const auto mastered = parseNumber(name.substr(std::min(dot + 1, name.size())));
+    if (!content || !mastered || nameOf({*content, *mastered}) != name) return std::nullopt;
+    return AssetVersion{*content, *mastered};
 }
 
-// Removes what killed processes left; their locks ended with them. The caller must hold the lock of the store, because
-// a new staging folder is not locked at first.
+// Removes the staging folders of killed processes, whose locks ended with them. The caller must have locked the store,
+// because a new staging folder is not locked at first.
 void removeLeftovers(const fs::path& typeFolder) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(typeFolder, ignored)) {
@@ -214,20 +226,22 @@ std::string encodeCatalog(const SignedCatalog& catalog) {
 
 std::optional<SignedCatalog> decodeCatalog(std::string_view stored) {
     const auto lineEnd = stored.find('\n');
-    std::size_t length = 0;
-    if (lineEnd == std::string_view::npos || !readNumber(stored.substr(0, lineEnd), length)) return std::nullopt;
+    const auto length = lineEnd == std::string_view::npos ? std::nullopt : parseNumber(stored.substr(0, lineEnd));
+    if (!length) return std::nullopt;
     stored.remove_prefix(lineEnd + 1);
-    if (length > stored.size()) return std::nullopt;
-    return SignedCatalog{std::string(stored.substr(length)), std::string(stored.substr(0, length))};
+    const auto signatureSize = static_cast<std::uint64_t>(*length);
+    if (signatureSize > stored.size()) return std::nullopt;
+    return SignedCatalog{std::string(stored.substr(signatureSize)), std::string(stored.substr(0, signatureSize))};
 }
 
-// Reads the last serial accepted; -1 when there is none. False when there is one that cannot be read, which must not
-// count as none.
-bool readLastSerial(const fs::path& path, std::int64_t& serial) {
-    serial = -1;
-    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return true;
+// The last serial accepted; -1 when there is none. One that cannot be read is a failure: it must not count as none.
+AssetResult<std::int64_t> readLastSerial(const fs::path& path) {
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return -1;
     const auto text = readFile(path, 32);
-    return text && text->ends_with('\n') && readNumber(std::string_view(*text).substr(0, text->size() - 1), serial);
+    if (!text || !text->ends_with('\n')) return AssetError::storeFailed;
+    const auto serial = parseNumber(std::string_view(*text).substr(0, text->size() - 1));
+    if (!serial) return AssetError::storeFailed;
+    return *serial;
 }
 
 }  // namespace
@@ -239,46 +253,45 @@ StagedAsset::~StagedAsset() {
     if (lock_) fs::remove_all(folder_, ignored);
 }
 
-AssetResult StagedAsset::addFile(const AssetFile& file, const std::function<AssetResult(const ByteSink&)>& transfer) {
-    const auto content = folder_ / "content";
-    auto out =
-        openBeneath(FileDescriptor(::open(content.c_str(), folderFlags)), file.path, O_WRONLY | O_CREAT | O_EXCL);
-    if (!out) return openFailure(errno);
+AssetResult<> StagedAsset::addFile(const AssetFile& file,
+                                   const std::function<AssetResult<>(const ByteSink&)>& transfer) {
+    auto out = openBelow(folder_ / "content", file.path, O_WRONLY | O_CREAT | O_EXCL);
+    if (!out) return out.error();
     Sha256 digest;
     std::uint64_t size = 0;
-    const auto received = transfer([&](std::string_view bytes) {
+    const auto received = transfer([&](std::string_view bytes) -> AssetResult<> {
         size += bytes.size();
-        if (size > file.size) return AssetResult::fileSizeWrong;
+        if (size > file.size) return AssetError::fileSizeWrong;
         digest.add(bytes);
-        return writeAll(out.get(), bytes) ? AssetResult::success : AssetResult::storeFailed;
+        return statusOf(writeAll(out->get(), bytes));
     });
-    if (received != AssetResult::success) return received;
-    if (size != file.size) return AssetResult::fileSizeWrong;
-    if (digest.finish() != file.sha256) return AssetResult::fileDigestWrong;
-    return syncAndClose(out) ? AssetResult::success : AssetResult::storeFailed;
+    if (!received) return received;
+    if (size != file.size) return AssetError::fileSizeWrong;
+    if (digest.finish() != file.sha256) return AssetError::fileDigestWrong;
+    return statusOf(syncAndClose(*out));
 }
 
-AssetResult AssetStore::listInstalled(const std::string& type, std::vector<AssetVersion>& versions) const {
-    if (!acceptableAssetType(type)) return AssetResult::storeFailed;
+AssetResult<std::vector<AssetVersion>> AssetStore::listInstalled(const std::string& type) const {
+    if (!acceptableAssetType(type)) return AssetError::storeFailed;
+    std::vector<AssetVersion> versions;
     for (const auto& folder : {root_, root_ / type}) {
         const auto state = inspectFolder(folder);
-        if (state == Folder::missing) return AssetResult::success;
-        if (state != Folder::good) return AssetResult::storeFailed;
+        if (state == Folder::missing) return versions;
+        if (state != Folder::good) return AssetError::storeFailed;
     }
     std::error_code error;
     for (fs::directory_iterator each(root_ / type, error), end; !error && each != end; each.increment(error)) {
         const auto version = versionOf(each->path().filename());
-        if (version && inspectFolder(each->path()) == Folder::good && holdsAFile(each->path()))
+        if (version && inspectFolder(each->path()) == Folder::good && containsFile(each->path()))
             versions.push_back(*version);
     }
-    return error ? AssetResult::storeFailed : AssetResult::success;
+    if (error) return AssetError::storeFailed;
+    return versions;
 }
 
-bool AssetStore::holdsComplete(const Asset& asset) const {
-    std::vector<AssetVersion> installed;
-    if (listInstalled(asset.type, installed) != AssetResult::success ||
-        std::find(installed.begin(), installed.end(), asset.version) == installed.end())
-        return false;
+bool AssetStore::isComplete(const Asset& asset) const {
+    const auto installed = listInstalled(asset.type);
+    if (!installed || std::find(installed->begin(), installed->end(), asset.version) == installed->end()) return false;
     return std::all_of(asset.files.begin(), asset.files.end(),
                        [folder = folderOf(asset)](const AssetFile& file) { return fileIsComplete(folder, file); });
 }
@@ -292,40 +305,42 @@ std::optional<SignedCatalog> AssetStore::storedCatalog() const {
 
 // The serial is written first: after a kill between the two writes, the old catalog is still used, and no older one is
 // accepted.
-AssetResult AssetStore::keepCatalog(const SignedCatalog& received, std::int64_t serial) const {
-    const auto made = makeRoot(root_);
-    if (made != AssetResult::success) return made;
+AssetResult<> AssetStore::storeCatalog(const SignedCatalog& received, std::int64_t serial) const {
+    if (const auto made = makeRoot(root_); !made) return made;
     const auto lock = lockStore(root_);
-    std::int64_t last = -1;
-    if (!lock || !readLastSerial(root_ / ".serial", last)) return AssetResult::storeFailed;
-    if (serial < last) return AssetResult::serialTooLow;
-    const bool kept = replaceFile(root_ / ".serial", std::to_string(serial) + '\n') &&
-                      replaceFile(root_ / ".catalog", encodeCatalog(received));
-    return kept ? AssetResult::success : AssetResult::storeFailed;
+    if (!lock) return AssetError::storeFailed;
+    const auto last = readLastSerial(root_ / ".serial");
+    if (!last) return last.error();
+    if (serial < *last) return AssetError::serialTooLow;
+    return statusOf(replaceFile(root_ / ".serial", std::to_string(serial) + '\n') &&
+                    replaceFile(root_ / ".catalog", encodeCatalog(received)));
 }
 
-AssetResult AssetStore::stage(const std::string& type, std::optional<StagedAsset>& staged) const {
-    if (!acceptableAssetType(type)) return AssetResult::storeFailed;
-    for (const auto made : {makeRoot(root_), makeTrustedFolder(root_ / type)})
-        if (made != AssetResult::success) return made;
+AssetResult<StagedAsset> AssetStore::stage(const std::string& type) const {
+    if (!acceptableAssetType(type)) return AssetError::storeFailed;
+    for (const auto& made : {makeRoot(root_), makeTrustedFolder(root_ / type)})
+        if (!made) return made.error();
     const auto lock = lockStore(root_);
-    if (!lock) return AssetResult::storeFailed;
+    if (!lock) return AssetError::storeFailed;
     removeLeftovers(root_ / type);
     std::string folder = root_ / type / (std::string(stagingPrefix) + "XXXXXX");
-    if (::mkdtemp(folder.data()) == nullptr) return AssetResult::storeFailed;
-    FileDescriptor owned(::open(folder.c_str(), folderFlags));
-    if (!owned || ::flock(owned.get(), LOCK_EX | LOCK_NB) != 0) return AssetResult::storeFailed;
-    staged.emplace(folder, std::move(owned));
-    return makeFolder(fs::path(folder) / "content") ? AssetResult::success : AssetResult::storeFailed;
+    if (::mkdtemp(folder.data()) == nullptr) return AssetError::storeFailed;
+    FileDescriptor opened(::open(folder.c_str(), folderFlags));
+    if (!opened || ::flock(opened.get(), LOCK_EX | LOCK_NB) != 0) return AssetError::storeFailed;
+    StagedAsset staged(folder, std::move(opened));
+    if (!makeFolder(fs::path(folder) / "content")) return AssetError::storeFailed;
+    return staged;
 }
 
-AssetResult AssetStore::install(const Asset& asset, StagedAsset& staged) const {
+AssetResult<> AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     const auto lock = lockStore(root_);
-    std::vector<AssetVersion> installed;
-    if (!lock || listInstalled(asset.type, installed) != AssetResult::success) return AssetResult::storeFailed;
+    if (!lock) return AssetError::storeFailed;
+    auto listed = listInstalled(asset.type);
+    if (!listed) return listed.error();
+    auto& installed = *listed;
     std::sort(installed.begin(), installed.end());
-    if (!installed.empty() && installed.back() > asset.version) return AssetResult::versionTooLow;
-    if (holdsComplete(asset)) return AssetResult::success;
+    if (!installed.empty() && installed.back() > asset.version) return AssetError::versionTooLow;
+    if (isComplete(asset)) return {};
 
     // An incomplete folder with this name is removed first. It is renamed before that, so that a partly removed folder
     // never has the name of a version.
@@ -334,13 +349,13 @@ AssetResult AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     fs::rename(place, staged.folder_ / "replaced", ignored);
     const auto content = staged.folder_ / "content";
     if (!syncFolders(content) || ::rename(content.c_str(), place.c_str()) != 0 || !syncFolder(place.parent_path()))
-        return AssetResult::storeFailed;
+        return AssetError::storeFailed;
     std::erase(installed, asset.version);
-    for (std::size_t oldest = 0; oldest + versionsKept <= installed.size(); ++oldest) {
+    for (std::size_t oldest = 0; oldest + maxVersions <= installed.size(); ++oldest) {
         const auto name = nameOf(installed[oldest]);
         fs::rename(root_ / asset.type / name, staged.folder_ / name, ignored);
     }
-    return AssetResult::success;
+    return {};
 }
 
 }  // namespace tarnwick

@@ -6,8 +6,8 @@
 //   <store>/<type>/.staging.XXXXXX/         a version in progress, locked by the process that makes it
 //
 // A kill at any moment leaves the old state or the new one: everything is written under another name, synced and
-// renamed. Any number of processes may use a store at once. A lock on the store is held for renames, never during a
-// transfer.
+// renamed. Any number of processes may use a store at once. A process locks the store for renames, never during
+// a transfer.
 #pragma once
 
 #include <filesystem>
@@ -32,7 +32,7 @@ public:
 
     // Writes one file from what `transfer` passes to the sink. Size and digest must be those in the catalog; the sink
     // refuses the first byte too many. On success the file is written and synced.
-    AssetResult addFile(const AssetFile& file, const std::function<AssetResult(const ByteSink&)>& transfer);
+    AssetResult<> addFile(const AssetFile& file, const std::function<AssetResult<>(const ByteSink&)>& transfer);
 
 private:
     friend class AssetStore;
@@ -46,11 +46,11 @@ public:
 
     // In no particular order. A folder that is a link, belongs to another user or can be written by others is not an
     // installed version; nor is a folder without a file.
-    AssetResult listInstalled(const std::string& type, std::vector<AssetVersion>& versions) const;
+    [[nodiscard]] AssetResult<std::vector<AssetVersion>> listInstalled(const std::string& type) const;
 
     // Whether the version is installed and complete: every file of the asset has the size and digest in the catalog.
     // For an asset without files, being installed is enough.
-    [[nodiscard]] bool holdsComplete(const Asset& asset) const;
+    [[nodiscard]] bool isComplete(const Asset& asset) const;
 
     // The folder of the version when it is installed.
     [[nodiscard]] std::filesystem::path folderOf(const Asset& asset) const;
@@ -60,14 +60,14 @@ public:
 
     // Stores the catalog unless its serial is lower than the last one accepted, however long ago that was and even if
     // that catalog is gone.
-    AssetResult keepCatalog(const SignedCatalog& received, std::int64_t serial) const;
+    [[nodiscard]] AssetResult<> storeCatalog(const SignedCatalog& received, std::int64_t serial) const;
 
     // Creates an empty staging folder next to the installed versions, and removes those that killed processes left.
-    AssetResult stage(const std::string& type, std::optional<StagedAsset>& staged) const;
+    [[nodiscard]] AssetResult<StagedAsset> stage(const std::string& type) const;
 
     // Renames the staged folder to that of the asset, unless a higher version is installed. When another process has
     // installed the same version in the meantime, its files stay. Keeps the newest two versions.
-    AssetResult install(const Asset& asset, StagedAsset& staged) const;
+    [[nodiscard]] AssetResult<> install(const Asset& asset, StagedAsset& staged) const;
 
 private:
     std::filesystem::path root_;

@@ -23,7 +23,7 @@ struct Exchange {
     const TransferLimits& limits;
     const ByteSink& sink;
     std::uint64_t received = 0;
-    AssetResult refusal = AssetResult::success;  // why the rest of the body was refused
+    AssetResult<> accepted{};  // the failure, when the rest of the body was refused
 
     [[nodiscard]] long status() const {
         long code = 0;
@@ -33,19 +33,19 @@ struct Exchange {
 
     [[nodiscard]] bool isRedirect() const { return status() >= 300 && status() < 400; }
 
-    bool take(std::string_view bytes) {
+    bool receive(std::string_view bytes) {
         if (isRedirect()) return true;  // the body of a redirect is a page for people
         received += bytes.size();
-        refusal = received > limits.bytes ? limits.whenLarger : sink(bytes);
-        return refusal == AssetResult::success;
+        accepted = received > limits.bytes ? limits.whenLarger : sink(bytes);
+        return static_cast<bool>(accepted);
     }
 };
 
-extern "C" std::size_t tarnwickTakeBytes(char* bytes, std::size_t size, std::size_t count, void* exchange) {
+extern "C" std::size_t tarnwickReceiveBytes(char* bytes, std::size_t size, std::size_t count, void* exchange) {
     try {
-        return static_cast<Exchange*>(exchange)->take({bytes, size * count}) ? size * count : 0;
+        return static_cast<Exchange*>(exchange)->receive({bytes, size * count}) ? size * count : 0;
     } catch (...) {  // an exception must not pass through libcurl
-        static_cast<Exchange*>(exchange)->refusal = AssetResult::storeFailed;
+        static_cast<Exchange*>(exchange)->accepted = AssetError::storeFailed;
         return 0;
     }
 }
@@ -68,22 +68,22 @@ void setOptions(Exchange& exchange, const std::string& url) {
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.totalTime.count()));
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, limits.minimumRate);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(limits.rateWindow.count()));
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &tarnwickTakeBytes);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &tarnwickReceiveBytes);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &exchange);
     setAuthorities(easy);
 }
 
-AssetResult resultOf(CURLcode code) {
+AssetResult<> resultOf(CURLcode code) {
     switch (code) {
-        case CURLE_OK: return AssetResult::success;
+        case CURLE_OK: return {};
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_RESOLVE_PROXY:
-        case CURLE_COULDNT_CONNECT: return AssetResult::unreachable;
-        case CURLE_PEER_FAILED_VERIFICATION: return AssetResult::certificateRefused;
+        case CURLE_COULDNT_CONNECT: return AssetError::unreachable;
+        case CURLE_PEER_FAILED_VERIFICATION: return AssetError::certificateRefused;
         case CURLE_HTTP_RETURNED_ERROR:
-        case CURLE_FILE_COULDNT_READ_FILE: return AssetResult::answerRefused;
-        case CURLE_OPERATION_TIMEDOUT: return AssetResult::tooSlow;
-        default: return AssetResult::transferFailed;
+        case CURLE_FILE_COULDNT_READ_FILE: return AssetError::answerRefused;
+        case CURLE_OPERATION_TIMEDOUT: return AssetError::tooSlow;
+        default: return AssetError::transferFailed;
     }
 }
 
@@ -95,10 +95,10 @@ std::optional<CURLcode> finished(CURLM* multi) {
 }
 
 // The multi interface, although there is only one transfer, because another thread can wake it.
-AssetResult perform(CURL* easy, const std::stop_token& stop) {
+AssetResult<> perform(CURL* easy, const std::stop_token& stop) {
     const Multi multi(curl_multi_init());
-    if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return AssetResult::transferFailed;
-    auto result = AssetResult::stopped;
+    if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return AssetError::transferFailed;
+    AssetResult<> result = AssetError::stopped;
     {
         const std::stop_callback wake(stop, [&multi] { curl_multi_wakeup(multi.get()); });
         for (int running = 0; !stop.stop_requested();) {
@@ -109,7 +109,7 @@ AssetResult perform(CURL* easy, const std::stop_token& stop) {
             }
             healthy = healthy && curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr) == CURLM_OK;
             if (!healthy) {
-                result = AssetResult::transferFailed;
+                result = AssetError::transferFailed;
                 break;
             }
         }
@@ -128,21 +128,21 @@ std::optional<std::string> redirectTarget(const Exchange& exchange, const std::s
 
 }  // namespace
 
-AssetResult fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
-                     const std::stop_token& stop) {
+AssetResult<> fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
+                       const std::stop_token& stop) {
     std::string next = url;
     for (int redirects = 0; redirects <= maxRedirects; ++redirects) {
         Exchange exchange{.limits = limits, .sink = sink};
-        if (!exchange.easy) return AssetResult::transferFailed;
+        if (!exchange.easy) return AssetError::transferFailed;
         setOptions(exchange, next);
         const auto result = perform(exchange.easy.get(), stop);
-        if (exchange.refusal != AssetResult::success) return exchange.refusal;
-        if (result != AssetResult::success || !exchange.isRedirect()) return result;
+        if (!exchange.accepted) return exchange.accepted;
+        if (!result || !exchange.isRedirect()) return result;
         const auto target = redirectTarget(exchange, next);
-        if (!target) return AssetResult::redirectRefused;
+        if (!target) return AssetError::redirectRefused;
         next = *target;
     }
-    return AssetResult::redirectRefused;
+    return AssetError::redirectRefused;
 }
 
 }  // namespace tarnwick

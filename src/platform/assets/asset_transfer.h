@@ -14,19 +14,19 @@
 namespace tarnwick {
 
 struct TransferLimits {
-    std::uint64_t bytes = 0;                               // the transfer ends at the first byte more,
-    AssetResult whenLarger = AssetResult::transferFailed;  // with this result
+    std::uint64_t bytes = 0;                             // the transfer ends at the first byte more,
+    AssetError whenLarger = AssetError::transferFailed;  // with this error
     std::chrono::milliseconds totalTime{};
     long minimumRate = 100;               // bytes a second, on average over
     std::chrono::seconds rateWindow{15};  // this long
 };
 
-// Receives the next bytes of the body. Any result but success ends the transfer with that result.
-using ByteSink = std::function<AssetResult(std::string_view)>;
+// Receives the next bytes of the body. A failure ends the transfer with that failure.
+using ByteSink = std::function<AssetResult<>(std::string_view)>;
 
-// Blocks until the transfer has ended. A stop takes effect at once and gives AssetResult::stopped. Follows up to five
+// Blocks until the transfer has ended. A stop takes effect at once and gives AssetError::stopped. Follows up to five
 // redirects, each to a URL that is allowed and has the same scheme. The thread must have blocked SIGPIPE.
-AssetResult fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
-                     const std::stop_token& stop);
+AssetResult<> fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
+                       const std::stop_token& stop);
 
 }  // namespace tarnwick
