@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 #include <future>
 
 #include "base/handle.h"
@@ -24,14 +23,12 @@ namespace {
 struct SilentServer {
     SilentServer() {
         sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-        socklen_t length = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
+        socklen_t length = sizeof address;
         EXPECT_EQ(::bind(socket.get(), generic, length) | ::listen(socket.get(), 4), 0);
         EXPECT_EQ(::getsockname(socket.get(), generic, &length), 0);
         url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/catalog.plist";
     }
-    FileDescriptor accept() const { return FileDescriptor(::accept(socket.get(), nullptr, nullptr)); }
-
     FileDescriptor socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     std::string url;
 };
@@ -50,26 +47,21 @@ protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "only a configuration file of root is trusted";
     }
-    void write(const fs::path& name, const std::string& text, mode_t mode = 0644) const {
-        fs::create_directories((folder_.path / name).parent_path());
-        std::ofstream(folder_.path / name) << text;
-        ::chmod((folder_.path / name).c_str(), mode);
+    void configure(const std::string& url, mode_t keyMode = 0644) const {
+        const auto key = folder_.write("key.pem", "not a key, but the catalog is fetched first");
+        ::chmod(key.c_str(), keyMode);
+        folder_.write("service.plist", "<plist><dict><key>CatalogURL</key><string>" + url +
+                                           "</string><key>CatalogKey</key><string>" + key.native() +
+                                           "</string></dict></plist>");
     }
-    void configure(const std::string& url) const {
-        write("service.plist", "<plist version=\"1.0\"><dict><key>CatalogURL</key><string>" + url +
-                                   "</string><key>CatalogKey</key><string>" + (folder_.path / "key.pem").native() +
-                                   "</string></dict></plist>");
-    }
-    // The newest version of the asset "t", relative to the folder of the test, or why there is none.
-    [[nodiscard]] std::string inUse() const {
+    // The newest version of the asset "t", relative to the folder of the test, or the result code if there is none.
+    [[nodiscard]] std::string newest() const {
         const AssetService service(places_);
-        auto answer = service.queryAssetsNow("t");
-        if (answer.resultCode != 0) return "code " + std::to_string(answer.resultCode);
-        if (answer.assets.empty()) return "none";
-        const auto newest = *std::max_element(answer.assets.begin(), answer.assets.end(),
-                                              [](const auto& a, const auto& b) { return a.version < b.version; });
-        EXPECT_EQ(service.installState(newest), assetStateInstalled);
-        return service.localDirectory(newest)->lexically_relative(folder_.path);
+        const auto answer = service.queryAssetsNow("t");
+        if (answer.assets.empty()) return std::to_string(answer.resultCode);
+        const auto asset = std::ranges::max(answer.assets, {}, &Asset::version);
+        EXPECT_EQ(service.installState(asset), assetStateInstalled);
+        return service.localDirectory(asset)->lexically_relative(folder_.path);
     }
 
     TemporaryFolder folder_;
@@ -80,14 +72,13 @@ constexpr auto stopped = static_cast<std::int64_t>(AssetError::stopped);
 
 TEST_F(Service, AnswersEveryRequestWhenStoppedDuringTransfer) {
     const SilentServer server;
-    write("key.pem", "read after the catalog only");
     configure(server.url);
     FileDescriptor connection;
     const auto codes = std::make_shared<std::vector<std::int64_t>>();
     {
         AssetService service(places_);
-        for (int i = 0; i < 3; ++i) service.requestCatalogRefresh([=](std::int64_t code) { codes->push_back(code); });
-        connection = server.accept();
+        for (int i = 0; i < 3; ++i) service.requestCatalogRefresh([=](auto code) { codes->push_back(code); });
+        connection = FileDescriptor(::accept(server.socket.get(), nullptr, nullptr));
     }
     EXPECT_EQ(*codes, std::vector(3, stopped));
 }
@@ -95,63 +86,54 @@ TEST_F(Service, AnswersEveryRequestWhenStoppedDuringTransfer) {
 // A callback that does not return is like a system call that does not: no stop reaches the thread. It outlives the
 // service and must not access it.
 TEST_F(Service, IsDestroyedWhileItsThreadIsBlocked) {
-    static std::promise<void> blocked, release, answered;
+    static std::promise<void> blocked, release;
+    static std::promise<std::int64_t> answered;
     {
         AssetService service(places_);
-        service.requestCatalogRefresh([](std::int64_t) {
-            blocked.set_value();
-            release.get_future().wait();
-        });
-        service.requestCatalogRefresh([](std::int64_t code) {
-            EXPECT_EQ(code, stopped);
-            answered.set_value();
-        });
+        service.requestCatalogRefresh([](auto) { blocked.set_value(), release.get_future().wait(); });
+        service.requestCatalogRefresh([](auto code) { answered.set_value(code); });
         blocked.get_future().wait();
     }
     release.set_value();
-    answered.get_future().wait();
+    EXPECT_EQ(answered.get_future().get(), stopped);
 }
 
 TEST_F(Service, RejectsUntrustedConfigurationAndKey) {
-    const std::tuple<const char*, const char*, mode_t, AssetError> cases[] = {
-        {"plain HTTP to another machine", "http://192.0.2.1/c", 0644, AssetError::configurationUnusable},
-        {"key that others can write", "file:///nowhere", 0666, AssetError::keyUnusable},
-        {"neither", "file:///nowhere", 0644, AssetError::answerRefused},
-    };
-    for (const auto& [name, url, keyMode, expected] : cases) {
-        configure(url);
-        write("key.pem", "x", keyMode);
+    const auto refresh = [this](const char* url, mode_t keyMode) {
+        configure(url, keyMode);
         std::promise<std::int64_t> code;
         AssetService service(places_);
-        service.requestCatalogRefresh([&code](std::int64_t result) { code.set_value(result); });
-        EXPECT_EQ(code.get_future().get(), static_cast<std::int64_t>(expected)) << name;
-        EXPECT_TRUE(service.configured());
-    }
+        service.requestCatalogRefresh([&code](auto result) { code.set_value(result); });
+        return static_cast<AssetError>(code.get_future().get());
+    };
+    EXPECT_EQ(refresh("http://192.0.2.1/c", 0644), AssetError::configurationUnusable) << "plain HTTP";
+    EXPECT_EQ(refresh("file:///nowhere", 0666), AssetError::keyUnusable) << "others can write the key";
+    EXPECT_EQ(refresh("file:///nowhere", 0644), AssetError::answerRefused);
+    EXPECT_TRUE(AssetService(places_).configured());
     ::chmod(places_.configuration.c_str(), 0664);
     EXPECT_FALSE(AssetService(places_).configured());
 }
 
 TEST_F(Service, UsesTheNewestVersionAndTheStoreBeforeTheFactory) {
-    EXPECT_EQ(inUse(), "none");
-    const std::pair<std::string, const char*> steps[] = {{"factory/t/0.1", "factory/t/0.1"},
-                                                         {"store/t/0.0", "factory/t/0.1"},
-                                                         {"store/t/0.1", "store/t/0.1"},
-                                                         {"store/t/1.0", "store/t/1.0"}};
-    for (const auto& [installed, used] : steps) {
-        write(installed + "/f", "x");
-        EXPECT_EQ(inUse(), used) << installed;
+    EXPECT_EQ(newest(), "0");
+    for (const auto& [installed, expected] : {std::pair("factory/t/0.1/f", "factory/t/0.1"),
+                                              {"store/t/0.0/f", "factory/t/0.1"},
+                                              {"store/t/0.1/f", "store/t/0.1"},
+                                              {"store/t/1.0/f", "store/t/1.0"}}) {
+        folder_.write(installed, "x");
+        EXPECT_EQ(newest(), expected) << installed;
     }
 }
 
 TEST_F(Service, IgnoresUntrustedFactoryFolderAndFailsOnUntrustedStore) {
-    for (const auto* file : {"factory/t/0.1/f", "store/t/0.0/f"}) write(file, "x");
+    for (const auto* file : {"factory/t/0.1/f", "store/t/0.0/f"}) folder_.write(file, "x");
     for (const auto* folder : {"factory", "factory/t", "factory/t/0.1"}) {
         ::chmod((folder_.path / folder).c_str(), 0777);
-        EXPECT_EQ(inUse(), "store/t/0.0") << folder;
+        EXPECT_EQ(newest(), "store/t/0.0") << folder;
         ::chmod((folder_.path / folder).c_str(), 0755);
     }
     ::chmod(places_.store.c_str(), 0777);
-    EXPECT_EQ(inUse(), "code 4");
+    EXPECT_EQ(newest(), "4");
 }
 
 }  // namespace

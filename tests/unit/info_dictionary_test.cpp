@@ -17,7 +17,7 @@ using namespace tarnwick;
 
 namespace {
 
-TEST(OwnInfoDictionary, HoldsTheDefaultDirectivesInOrderAndARecipientKey) {
+TEST(OwnInfoDictionary, ContainsDefaultDirectivesInOrderAndRecipientKey) {
     std::ostringstream expected, embedded;
     expected << std::ifstream(TEST_DATA "/default-directives.txt").rdbuf();
     const auto spec = lookupOwnInfoValue("CaptureSpec"), key = lookupOwnInfoValue("archive_public_key");
@@ -30,9 +30,9 @@ TEST(OwnInfoDictionary, HoldsTheDefaultDirectivesInOrderAndARecipientKey) {
     EXPECT_TRUE(line.size() == 160 && line.starts_with("ecdsa-sha2-nistp256 AAAA")) << line;
 }
 
-// In a mount namespace of its own, with empty folders in place of the system's: nothing reaches the machine. Owner,
-// links and other types of the policies are tried by the program itself.
-TEST(SystemFiles, AreFoundByOnePlainNameAndTrustedOnlyWhenNobodyElseWritesThem) {
+// In its own mount namespace, with empty folders over those of the system. The program test covers the owner, links and
+// other types of the policies.
+TEST(SystemFiles, RejectPathsAsIdentifiersAndFilesThatOthersCanWrite) {
     if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0) GTEST_SKIP() << "needs root and a mount namespace";
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     for (const char* place : {"/etc", "/usr/lib"}) ASSERT_EQ(mount("none", place, "tmpfs", 0, nullptr), 0);

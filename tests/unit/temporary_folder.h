@@ -1,10 +1,11 @@
-// A folder of a test's own, gone with it.
+// A folder for one test, removed at its end.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 namespace tarnwick {
 
@@ -13,6 +14,13 @@ struct TemporaryFolder {
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
     ~TemporaryFolder() { std::filesystem::remove_all(path); }
+
+    // Creates or overwrites a file below the folder, and returns its path. Creates the folders that it is in.
+    std::filesystem::path write(const std::filesystem::path& name, std::string_view text) const {
+        std::filesystem::create_directories((path / name).parent_path());
+        std::ofstream(path / name, std::ios::binary) << text;
+        return path / name;
+    }
 
     std::filesystem::path path;
 };
