@@ -182,8 +182,8 @@ class Volctl(Scenario):
              "1000", "--key-file", "-", path, input=b"right")
         before, device = call("sha256sum", path), self.attach(path)
         for key in b"wrong", b"right\n", b"", b"x" * 10000:
-            self.unlock(device, "--key-file", "0", typed=key)
-        self.unlock(device, "--key-file", "99")
+            self.unlock(device, "--key-fd", "0", typed=key)
+        self.unlock(device, "--key-fd", "99")
         self.unlock(device)  # there is no terminal
         for lines, kill in ([b"guess-1\n", b"guess-2\n", b"guess-3\n"], None), ([b"\x04"], None), ([b"\x03"], None), \
                 ([b"half"], signal.SIGTERM):
@@ -196,6 +196,6 @@ class Volctl(Scenario):
                 file.seek(4096)
                 file.write(damage)
             before = call("sha256sum", path)
-            self.unlock(device, "--key-file", "0", typed=b"wrong")
+            self.unlock(device, "--key-fd", "0", typed=b"wrong")
             self.assert_nothing_open(device)
             self.assertEqual(call("sha256sum", path), before)

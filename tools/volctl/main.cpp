@@ -108,7 +108,7 @@ int run(int count, char** values) {
     groupsCommand->callback([&] { status = listGroups(asPropertyList); });
     auto* unlockCommand = zkfs->add_subcommand("unlockVolume", "Open and mount a volume, read-only");
     takeIdentifier(unlockCommand, "DEVICE");
-    unlockCommand->add_option("--key-file", keyDescriptor, "number of the descriptor that the passphrase is read from")
+    unlockCommand->add_option("--key-fd", keyDescriptor, "number of the descriptor that the passphrase is read from")
         ->check(CLI::NonNegativeNumber);
     unlockCommand->callback([&] { status = unlock(identifier, keyDescriptor); });
     auto* lockCommand = zkfs->add_subcommand("lockVolume", "Undo what unlockVolume did");
