@@ -23,6 +23,7 @@ import struct
 import subprocess
 import termios
 import unittest
+import uuid
 
 
 CLONE_NEWNS = 0x20000
@@ -129,6 +130,12 @@ def read(path):
 
 def clear(folder):
     call("find", folder, "-mindepth", "1", "-delete")
+
+
+# The file systems of the tests: the size in MiB (xfs needs 300; the images are sparse) and the command that makes one.
+FORMATS = {"ext4": (64, "mkfs.ext4 -q -U {}"), "xfs": (320, "mkfs.xfs -q -m uuid={}"),
+           "btrfs": (128, "mkfs.btrfs -q -U {}")}
+LUKS = "cryptsetup luksFormat -q --type luks2 --pbkdf pbkdf2 --pbkdf-force-iterations 1000 --key-file -"
 
 
 class Scenario(unittest.TestCase):
@@ -278,3 +285,51 @@ class Scenario(unittest.TestCase):
         """The paths in an archive, in its order."""
         self.qvx("verify", "--key", self.key, archive)
         return [line.split()[-1] for line in self.qvx("list", "--key", self.key, archive).splitlines()]
+
+
+class Disks(Scenario):
+    """Scenarios with real file systems on loop devices. Their numbers are left out of the record."""
+
+    def setUp(self):
+        super().setUp()
+        self.lay("/run", "mode=755")
+        self.roles = {}
+
+    def normal(self, text):
+        return [re.sub(r"loop\d+", "LOOP", re.sub(" +", " ", line)) for line in super().normal(text)]
+
+    def image(self, megabytes):
+        os.truncate(path := write(f"/media/images/{uuid.uuid4()}"), megabytes << 20)
+        return path
+
+    def formatted(self, *options, format="ext4", role=None):
+        """An image with a file system on it, and the identity of that, which volumes.plist gives the role."""
+        (megabytes, make), identity = FORMATS[format], str(uuid.uuid4())
+        call(*make.format(identity).split(), *options, path := self.image(megabytes))
+        self.known[identity] = "<identity>"
+        if role:
+            self.set_role(identity, role)
+        return path, identity
+
+    def locked(self, key):
+        """An encrypted image for data."""
+        call(*LUKS.split(), path := self.image(20), input=key)
+        self.set_role(call("cryptsetup", "luksUUID", path).strip(), "Data")
+        return path
+
+    def set_role(self, identity, role):
+        self.roles[identity] = role
+        write("/etc/tarnwick/volumes.plist", property_list({"Roles": self.roles}))
+
+    def attach(self, path):
+        """The name of a loop device over the image."""
+        device = call("losetup", "-f", "--show", path).strip()
+        self.addCleanup(call, "losetup", "-d", device)
+        return os.path.basename(device)
+
+    def mount(self, path, folder):
+        """Mounts the image on the folder. The name of its loop device."""
+        os.makedirs(folder, exist_ok=True)
+        call("mount", "/dev/" + (device := self.attach(path)), folder)
+        self.addCleanup(call, "umount", "--lazy", folder)
+        return device
