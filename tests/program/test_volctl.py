@@ -70,14 +70,12 @@ class Volctl(Disks):
         self.mounted_and_left_without_a_byte_changed("btrfs")
 
     def test_hostile_names_and_mounts_of_others(self):
-        path, _ = self.formatted("-L", "$(reboot)\x1b[2J")
         for folder in "/media/a mount", "/media/$(reboot)":
-            device = self.mount(path, folder)
+            device = self.mount(self.formatted("-L", "$(reboot)\x1b[2J")[0], folder)
             for words in ("zkfs", "unlockVolume", device), ("zkfs", "lockVolume", device), ("info", "-plist", folder):
                 self.volctl(*words)
             table = call("/media/programs/volctl", "list")
             self.note("listed", "".join(line + "\n" for line in table.splitlines() if line.startswith(device + " ")))
-            call("umount", folder)
 
     def test_in_doubt_or_damaged(self):
         doubtful, damaged = self.formatted()[0], self.formatted()[0]
