@@ -7,14 +7,14 @@ import stat
 import time
 
 import world
-from world import YES, Answer, Scenario, read, write
+from world import SPECIFIED, YES, Answer, Scenario, read, write
+
+EXCHANGE = 316, 4, 2, errno.EINVAL  # renameat2; see world.refuse()
 
 
 def only_log():
-    [name] = (name for name in os.listdir("/tmp") if name.endswith(".log"))
-    return read("/tmp/" + name)
-
-EXCHANGE = 316, 4, 2, errno.EINVAL  # renameat2; see world.refuse()
+    [path] = glob.glob("/tmp/*.log")
+    return read(path)
 
 
 def identity(path):
@@ -41,7 +41,7 @@ class Console(Scenario):
         os.mkfifo("/media/passphrase")
         self.volume("locked", YES, mounted=False)
         self.answer("volctl zkfs unlockVolume disk1", Answer(do="cat /media/passphrase >/dev/null"))
-        process = self.start("--capturespec", "/media/spec.plist")
+        process = self.start(*SPECIFIED)
         # Opening waits for the reader, which the run starts only after both lines.
         with open("/media/passphrase", "w", encoding="utf-8"):
             self.note("said", os.read(process.stdout.fileno(), 1 << 16).decode())
@@ -64,9 +64,7 @@ class Console(Scenario):
         """What the library says of an abnormal end does not land in the log."""
         self.volume("one", YES)
         self.specification(CaptureSpec=[{"BasePath": ""}])
-        process = self.start("--capturespec", "/media/spec.plist", limits=lambda: os.close(2))
-        process.communicate()
-        self.assertEqual(process.returncode, -6)
+        self.assertEqual(self.unrecorded(*SPECIFIED, limits=lambda: os.close(2))[0].status, -6)
         self.note("log", only_log())
 
     def test_stamp_is_local_time_and_the_run_waits_its_second_out(self):
@@ -78,35 +76,33 @@ class Console(Scenario):
         self.assertGreaterEqual(os.stat("/media/first").st_mtime, stamp + 1)
 
     def test_what_has_the_logs_name_is_kept_under_another(self):
-        """Every log name of the next minutes is taken. The run succeeds and writes a new log."""
-        for place in (lambda path: os.symlink("/media/precious", path), lambda path: os.link("/tmp/precious", path),
-                      lambda path: os.chown(write(path, "planted"), 1000, 1000), lambda path: write(path, "a log"),
-                      os.mkdir, os.mkfifo, lambda path: os.mknod(path, stat.S_IFSOCK)):
-            world.clear("/tmp")
-            precious = [write(f"{folder}/precious", "old") for folder in ("/media", "/tmp")]
-            planted = plant(place)
-            result = self.result(*self.finish())
-            log = f"/tmp/tarnwick-{result.stamp}.log"
-            [kept] = glob.glob(log + ".*")
-            self.assertRegex(kept, r"\.log\.[0-9a-f]{16}$")
-            self.assertEqual((result.status, identity(kept)), (0, planted[log]))
-            self.assertEqual((stat.filemode(os.lstat(log).st_mode), os.lstat(log).st_uid), ("-rw-r--r--", 0))
-            self.assertIn("TRACE: Running command: 'volctl info", read(log))
-            self.assertEqual([*map(read, precious)], ["old", "old"])
-            os.remove(result.archive)
-
-    def test_names_in_tmp_that_the_file_system_cannot_exchange(self):
-        planted = plant(write)
-        result = self.result(*self.finish(limits=lambda: world.refuse(EXCHANGE)))
-        log = f"/tmp/tarnwick-{result.stamp}.log"
-        self.assertEqual((result.status, [*map(identity, glob.glob(log + ".*"))]), (0, [planted[log]]))
-        self.assertIn("TRACE: Running command: 'volctl info", read(log))
+        """Every log name of the next minutes is in use. The run succeeds and writes a new log."""
+        for name, place, refused in (
+                ("a link", lambda path: os.symlink("/media/precious", path), ()),
+                ("a hard link", lambda path: os.link("/tmp/precious", path), ()),
+                ("a file of another user", lambda path: os.chown(write(path, "planted"), 1000, 1000), ()),
+                ("a file", write, ()), ("a file on a file system that exchanges no names", write, (EXCHANGE,)),
+                ("a folder", os.mkdir, ()), ("a FIFO", os.mkfifo, ()),
+                ("a socket", lambda path: os.mknod(path, stat.S_IFSOCK), ())):
+            with self.subTest(name):
+                world.clear("/tmp")
+                precious = [write(f"{folder}/precious", "old") for folder in ("/media", "/tmp")]
+                planted = plant(place)
+                result, _ = self.unrecorded(*SPECIFIED, limits=lambda calls=refused: world.refuse(*calls))
+                log = f"/tmp/tarnwick-{result.stamp}.log"
+                [kept] = glob.glob(log + ".*")
+                self.assertRegex(kept, r"\.log\.[0-9a-f]{16}$")
+                self.assertEqual((result.status, identity(kept)), (0, planted[log]))
+                self.assertEqual((stat.filemode(os.lstat(log).st_mode), os.lstat(log).st_uid), ("-rw-r--r--", 0))
+                self.assertIn("TRACE: Running command: 'volctl info", read(log))
+                self.assertEqual([*map(read, precious)], ["old", "old"])
+                os.remove(result.archive)
 
     def test_log_name_that_a_plain_user_may_not_free(self):
         plant(write)
-        out, status = self.finish("--verbose", limits=lambda: os.setresuid(65534, 65534, 65534))
-        self.note("said", out.decode())
-        self.assertEqual((status, glob.glob("/tmp/*.log.*")), (1, []))
+        result, out = self.unrecorded(*SPECIFIED, "--verbose", limits=lambda: os.setresuid(65534, 65534, 65534))
+        self.note("said", out)
+        self.assertEqual((result.status, glob.glob("/tmp/*.log.*")), (1, []))
 
     def test_archive_holds_the_log_of_the_run_and_not_what_has_its_name_later(self):
         self.answer("nvram -p", Answer(do="for log in /tmp/*.log; do mv $log /tmp/moved; echo planted >$log; done"))
@@ -114,7 +110,3 @@ class Console(Scenario):
         log = os.path.basename(result.temporary).replace(".qvx", ".log")
         copy = self.qvx("cat", "--key", self.key, result.archive, os.path.join(os.path.dirname(result.temporary), log))
         self.assertEqual(copy, read("/tmp/moved"))
-
-    def finish(self, *arguments, **more):
-        process = self.start("--capturespec", "/media/spec.plist", *arguments, **more)
-        return process.communicate()[0], process.returncode

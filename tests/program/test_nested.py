@@ -1,8 +1,7 @@
 """Volumes below volumes, links and odd names: which of the files that a search prints are captured."""
 import os
-import re
 
-from world import CONSENT, NO, YES, Answer, Scenario, call, property_list, read, write
+from world import CONSENT, NO, YES, Answer, Disks, call, property_list, read, write
 
 LOGS = ".*/[a-z]*.log"
 
@@ -12,22 +11,18 @@ def link(target, path, owner):
     os.chown(path, owner, owner, follow_symlinks=False)
 
 
-class Nested(Scenario):
-    def mount(self, path, files=()):
-        """A real file system: what is in memory needs no consent."""
-        os.makedirs(path, exist_ok=True)
-        os.truncate(image := write(f"/media/images{path}.ext4"), 8 << 20)
-        call("mkfs.ext4", "-q", "-O", "^dir_index", image)  # entries are found in the order in which they were made
-        call("mount", "-o", "loop", image, path)
+class Nested(Disks):
+    def mounted(self, path, files=()):
+        """A real file system: what is in memory needs no consent. Its loop device."""
+        image, _ = self.formatted("-O", "^dir_index")  # entries are found in the order in which they were made
+        device = self.mount(image, path)
         for file in files:
             write(path + file, f"content of {path}{file}\n")
-
-    def normal(self, text):
-        return [re.sub(r"loop\d+", "LOOP", line) for line in super().normal(text)]
+        return device
 
     def planned(self, name, consent, files=()):
         self.volume(name)
-        self.mount(f"/media/{name}", files)
+        self.mounted(f"/media/{name}", files)
         write(f"/media/{name}/{CONSENT}", property_list(consent))
 
     def test_files_of_another_volume_need_its_consent(self):
@@ -35,12 +30,12 @@ class Nested(Scenario):
         self.planned("root", YES, ["/logs/own.log", "/deep/in/x.log"])
         self.planned("root/var", NO, ["/log/denied.log", "/log/more.log"])
         self.planned("root/srv", YES, ["/log/granted.log"])
-        self.mount("/media/root/stick", ["/unplanned.log"])
+        self.mounted("/media/root/stick", ["/unplanned.log"])
         for source, target in ("logs", "again"), ("var/log", "bound"):
             os.mkdir(f"/media/root/{target}")
             call("mount", "--bind", f"/media/root/{source}", f"/media/root/{target}")
         os.mkdir("/media/root/run")
-        call("mount", "-t", "tmpfs", "memory", "/media/root/run")
+        self.lay("/media/root/run", "mode=755")
         write("/media/root/run/volatile.log")
         link("srv", "/media/root/trusted", 0)
         link("trusted/log/..", "/media/root/chain", 0)
@@ -59,13 +54,12 @@ class Nested(Scenario):
 
     def test_mount_number_that_was_of_another_mount_gives_no_consent(self):
         self.planned("root", YES, ["/logs/own.log"])
-        self.mount("/media/stick", ["/private.log"])
-        stick = call("findmnt", "-no", "SOURCE", "/media/stick").strip()
+        stick = self.mounted("/media/stick", ["/private.log"])
         for folder in "memory", "stick":
             os.mkdir(f"/media/root/{folder}")
         call("mount", "-t", "tmpfs", "memory", "/media/root/memory")
         self.specification(("/", LOGS))
-        exchange = f"umount /media/root/memory && mount {stick} /media/root/stick"
+        exchange = f"umount /media/root/memory && mount /dev/{stick} /media/root/stick"
         self.assertEqual(self.found(f'{exchange} && exec /usr/bin/find "$@"'), ["media/root/logs/own.log"])
         self.assertTrue(os.path.exists("/media/root/stick/private.log"))
 

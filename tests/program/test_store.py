@@ -1,13 +1,14 @@
 """The store on the destination volume: listing, pruning, placing, removing."""
 import errno
 import fcntl
+import functools
 import os
 import resource
 import shutil
 import signal
 
 import world
-from world import PREBOOT, STORE, YES, Answer, Scenario, call, read, write
+from world import PREBOOT, SPECIFIED, STORE, YES, Answer, Scenario, call, write
 
 LIMIT, MIB = 1 << 30, 1 << 20
 NAME = f'{STORE}/"${{folder##*/}}.qvx"'  # of the capture, for a stand-in
@@ -47,6 +48,11 @@ class Store(Scenario):
             os.remove(self.capture().archive)
         self.assertTrue(os.path.exists(precious))
 
+    def test_capture_that_appears_between_the_pruning_and_the_last_check(self):
+        self.sparse("tarnwick-old.qvx")
+        self.then(":", f"truncate -s {LIMIT} {STORE}/tarnwick-new.qvx")
+        self.capture()
+
     def test_oldest_by_change_time_goes_first_and_no_more_than_needed(self):
         """Whoever has the bare name counts; a time before the epoch counts as late."""
         captures = [("tarnwick-a.qvx", 300 * MIB, 2022), ("tarnwick.qvx", 500 * MIB, 2020),
@@ -65,23 +71,8 @@ class Store(Scenario):
         self.tarnwick("--cleanup")
         self.tarnwick("--summarize", "--plist")
 
-    def test_still_above_the_limit_after_pruning(self):
-        """Brought over it by a capture that appears between the pruning and the last check."""
-        self.sparse("tarnwick-old.qvx")
-        self.then(":", f"truncate -s {LIMIT} {STORE}/tarnwick-new.qvx")
-        self.capture()
-
     def test_archive_that_cannot_be_placed(self):
-        """A name that is taken is not overwritten, a link under it not followed; a full volume keeps nothing, a
-        read-only one all; nor is a file in the way of the store touched."""
-        os.mkdir(STORE)
-        for do in f"echo old >{NAME}", f"ln -sf /media/target {NAME}":
-            self.answer("nvram -p", Answer(do=do))
-            self.capture()
-        self.assertEqual(call("find", STORE, "-type", "f", "-exec", "cat", "{}", "+"), "old\n")
-        self.assertFalse(os.path.exists("/media/target"))
-        self.answer("nvram -p", "")
-        world.clear(STORE)
+        """A full volume keeps nothing, a read-only one all; a file in the place of the store is not touched."""
         self.sparse("tarnwick-old.qvx")
         call("mount", "--bind", "/media/preboot", "/media/preboot")
         call("mount", "-o", "remount,bind,ro", "/media/preboot")
@@ -101,7 +92,7 @@ class Store(Scenario):
                                         (["--cleanup"], "removing ", "WARNING: error when cleaning up ")):
             for number in range(40):
                 self.sparse(f"tarnwick-{number:0200}.qvx")
-            process = self.start("--capturespec", "/media/spec.plist", *words, bufsize=0, pipesize=4096)
+            process = self.start(*SPECIFIED, *words, bufsize=0, pipesize=4096)
             while not (line := process.stdout.readline().decode()).startswith(removing):
                 self.assertTrue(line)
             shutil.rmtree(STORE, ignore_errors=True)
@@ -122,17 +113,19 @@ class Store(Scenario):
             self.assertIn(b" 0 captures", self.start("--summarize").communicate()[0])
             os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
 
-    def test_file_systems_with_fewer_features(self):
-        """Without files that have no name, and without renaming that replaces nothing: a capture is stored, a name
-        that is taken is not overwritten, and nothing remains of an unfinished copy."""
-        for refused in (UNNAMED_FILE,), (UNNAMED_FILE, NO_REPLACING):
+    def test_name_that_is_in_use_is_neither_overwritten_nor_followed(self):
+        """Also on file systems without files that have no name, and without renaming that replaces nothing. Nothing
+        remains of an unfinished copy."""
+        for refused in (), (UNNAMED_FILE,), (UNNAMED_FILE, NO_REPLACING):
+            limits = functools.partial(world.refuse, *refused)
             self.answer("nvram -p", "")
-            os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
-            self.answer("nvram -p", Answer(do=f"echo old >{NAME}"))
-            self.capture(limits=lambda: world.refuse(*refused))
-            [kept] = os.listdir(STORE)
-            self.assertEqual(read(f"{STORE}/{kept}"), "old\n")
-            os.remove(f"{STORE}/{kept}")
+            os.remove(self.capture(limits=limits).archive)
+            for do, kept in (f"echo old >{NAME}", "old\n"), (f"ln -s /media/target {NAME}", ""):
+                self.answer("nvram -p", Answer(do=do))
+                self.capture(limits=limits)
+                self.assertEqual(call("find", STORE, "-type", "f", "-exec", "cat", "{}", "+"), kept)
+                world.clear(STORE)
+        self.assertFalse(os.path.exists("/media/target"))
 
     def test_only_abandoned_copies_are_removed(self):
         abandoned, locked, foreign, link, folder = (f"{STORE}/.tarnwick-{digit * 16}" for digit in "0123f")
@@ -145,9 +138,5 @@ class Store(Scenario):
         os.mkdir(folder)
         with open(locked, "rb") as held:
             fcntl.flock(held, fcntl.LOCK_EX)
-            stored = self.result(*self.finish()).archive
+            stored = self.unrecorded(*SPECIFIED)[0].archive
         self.assertEqual({entry.path for entry in os.scandir(STORE)}, {stored, locked, foreign, link, folder, *others})
-
-    def finish(self):
-        process = self.start("--capturespec", "/media/spec.plist")
-        return process.communicate()[0], process.returncode

@@ -48,6 +48,7 @@ DATA = HERE + "/../data"
 STORE = "/media/preboot/tarnwick"
 PATH = "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 PREBOOT = "volctl info -plist Preboot"
+SPECIFIED = "--capturespec", "/media/spec.plist"
 GROUPS = "volctl zkfs listGroups -plist"
 CONSENT = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.plist"
 YES, NO = {"AutoSubmit": True}, {"AutoSubmit": False}
@@ -225,10 +226,16 @@ class Scenario(unittest.TestCase):
         process = self.start(*arguments, **more)
         return self.ended(arguments, *process.communicate(answers.encode()), process.returncode)
 
+    def unrecorded(self, *arguments, **more):
+        """A run that is not put on record: its result and what it printed."""
+        process = self.start(*arguments, **more)
+        out, _ = process.communicate()
+        return self.result(out, process.returncode), out.decode()
+
     def capture(self, *arguments, **more):
         """With the capture specification made before, and nothing yet in /tmp."""
         clear("/tmp")
-        return self.tarnwick("--capturespec", "/media/spec.plist", *arguments, **more)
+        return self.tarnwick(*SPECIFIED, *arguments, **more)
 
     def tool(self, program, *words, typed=b"", environment=(), **options):
         """A run of a companion, put on record. It has no terminal, and finds no other command."""
