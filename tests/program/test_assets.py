@@ -38,8 +38,8 @@ class Assets(Scenario):
         os.mkdir(SITE)
 
     def serve(self, tls=None):
-        """A web server over SITE that the service is configured for. `tricks` answer the paths with their ending in
-        their own way; `over` is set at its end."""
+        """A web server over SITE that the service is configured for. Each of `tricks` answers the paths that have its
+        ending; `over` is set when the server ends."""
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         server.tricks, server.over = {}, threading.Event()
         if tls:
@@ -48,8 +48,8 @@ class Assets(Scenario):
         write("/etc/tarnwick/asset-service.plist", property_list(
             {"CatalogURL": server.url + "/catalog.plist", "CatalogKey": "/etc/tarnwick/catalog.pem"}))
         threading.Thread(target=server.serve_forever).start()
-        for deed in server.server_close, server.shutdown, server.over.set:
-            self.addCleanup(deed)
+        for ending in server.server_close, server.shutdown, server.over.set:
+            self.addCleanup(ending)
         return server
 
     def make_key(self, *kind):
@@ -70,7 +70,7 @@ class Assets(Scenario):
         self.tool("fetch_config", **options)
 
     def test_from_nothing_to_the_newest_over_tls(self):
-        """Silent where nothing is configured; an administrator's own, then what is newer."""
+        """Quiet where nothing is configured; an administrator's own, then what is newer."""
         self.fetch()
         new = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout /media/server.key -subj /CN=server"
         call("openssl", "req", "-x509", *new.split(), "-addext", "subjectAltName=IP:127.0.0.1",
@@ -100,9 +100,9 @@ class Assets(Scenario):
         write(f"{FACTORY}/{NAME}", content(f"{world.BIN}/../share/linux.plist"))
         self.key = f"{world.BIN}/../dev-recipient.pem"
         self.volume("root", YES, ["/var/log/kern.log", "/var/log/dnf.log", "/var/log/auth.log"])
-        out = self.start().communicate()[0]
-        self.assertTrue(out.startswith(f'using external config: "{FACTORY}/{NAME}"\n'.encode()), out)
-        captured = [path for path in self.entries(self.result(out, 0).archive) if "/var/" in path]
+        result, out = self.unrecorded()
+        self.assertTrue(out.startswith(f'using external config: "{FACTORY}/{NAME}"\n'), out)
+        captured = [path for path in self.entries(result.archive) if "/var/" in path]
         self.assertEqual(captured, ["media/root/var/log/kern.log", "media/root/var/log/dnf.log"])
         server = self.serve()
         for version in "0.0", "0.1", "1.0":
@@ -122,18 +122,25 @@ class Assets(Scenario):
         other, server = self.serve(), self.serve()
         self.fetch()
         good = content(CATALOG)
-        for damage in (
-                lambda: redirect(other.url + "/catalog.plist"),  # which is fine
-                lambda: redirect("file:///etc/passwd"), lambda: redirect("https://127.0.0.1/"),
-                lambda: redirect("http://192.0.2.1/"), lambda: redirect("/catalog.plist"),
-                lambda: server.tricks.update({".plist": lambda handler: server.over.wait()}),
-                lambda: self.sign(good + b"\n" * (1 << 20)), lambda: os.unlink(CATALOG + ".sig"),
-                lambda: write(CATALOG, good + b"\n"), lambda: self.sign(b"<plist>"),
-                lambda: self.publish("6.0", days=-1), lambda: self.publish("6.0", serial=6),
-                lambda: self.sign(good.replace(NAME.encode(), b"../x")), lambda: os.unlink(CATALOG)):
+        for name, damage in {
+                "allowed redirect": lambda: redirect(other.url + "/catalog.plist"),
+                "redirect to a file": lambda: redirect("file:///etc/passwd"),
+                "redirect to another scheme": lambda: redirect("https://127.0.0.1/"),
+                "redirect to another machine": lambda: redirect("http://192.0.2.1/"),
+                "redirect to itself": lambda: redirect("/catalog.plist"),
+                "no answer": lambda: server.tricks.update({".plist": lambda handler: server.over.wait()}),
+                "too large": lambda: self.sign(good + b"\n" * (1 << 20)),
+                "no signature": lambda: os.unlink(CATALOG + ".sig"),
+                "changed after signing": lambda: write(CATALOG, good + b"\n"),
+                "no property list": lambda: self.sign(b"<plist>"),
+                "expired": lambda: self.publish("6.0", days=-1),
+                "older than the last one": lambda: self.publish("6.0", serial=6),
+                "a path out of the asset": lambda: self.sign(good.replace(NAME.encode(), b"../x")),
+                "missing": lambda: os.unlink(CATALOG)}.items():
             server.tricks.clear()
             self.sign(good)
             damage()
+            self.note("catalog", name)
             self.fetch()
         self.assertEqual(os.listdir(STORE), ["5.0"])
 
@@ -142,11 +149,15 @@ class Assets(Scenario):
         self.serve()
         self.fetch()
         self.publish("6.0")
-        for text in "<plist/> ", "<plist/", "<plisT/>":
-            write(f"{SITE}/{TYPE}/6.0/{NAME}", text)
+        file = f"{SITE}/{TYPE}/6.0/{NAME}"
+        for name, damage in {
+                "longer than published": lambda: write(file, "<plist/> "),
+                "shorter": lambda: write(file, "<plist/"),
+                "changed": lambda: write(file, "<plisT/>"),
+                "missing": lambda: os.unlink(file)}.items():
+            damage()
+            self.note("file", name)
             self.fetch()
-        os.unlink(f"{SITE}/{TYPE}/6.0/{NAME}")
-        self.fetch()
         self.assertEqual(os.listdir(STORE), ["5.0"])
         shutil.rmtree(STORE)
         os.mkdir("/media/elsewhere")

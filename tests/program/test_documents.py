@@ -8,7 +8,7 @@ import re
 import shutil
 
 import world
-from world import YES, Scenario, call, on_terminal, property_list, read, write
+from world import SPECIFIED, YES, Disks, call, on_terminal, property_list, read, write
 
 TOP = world.HERE + "/../.."
 TYPE, NAME = "com.vexlor.Provisor.tarnwick.config", "tarnwick.config.plist"
@@ -29,7 +29,7 @@ def presets_in(text):
     return set(" ".join(sum(PRESET.findall(text), ())).split())
 
 
-class Documents(Scenario):
+class Documents(Disks):
     def test_every_block_says_who_runs_it(self):
         self.assertLessEqual({mark for mark, _ in BLOCKS}, {"sh world", "sh package", "sh ci", "sh hand"})
         for text in TEXTS:
@@ -64,17 +64,13 @@ class Documents(Scenario):
         if not os.path.exists("/media/cwd/service.pub"):
             self.qvx("keygen", "-o", "/media/cwd/service")
         self.specification(("/private/var/log", ".*"), archive_public_key=read("/media/cwd/service.pub").strip())
-        shutil.copy(self.result(self.start("--capturespec", "/media/spec.plist").communicate()[0], 0).archive,
-                    "/media/cwd")
+        shutil.copy(self.unrecorded(*SPECIFIED)[0].archive, "/media/cwd")
 
     def leave_volume(self):
-        """The device of the examples, with nothing standing in for `volctl` and `nvram`."""
+        """The device of the examples, with the real `volctl` and `nvram`."""
         for name in "volctl", "nvram":
             os.remove(f"/media/bin/{name}")
-        call("mkfs.ext4", "-q", "/media/image", "64M")
-        device = call("losetup", "-f", "--show", "/media/image").strip()
-        self.addCleanup(call, "losetup", "-d", device)
-        return os.path.basename(device)
+        return self.attach(self.formatted()[0])
 
     def test_blocks_in_their_order(self):
         """On a machine with the package, and with the configuration that a site would publish."""
@@ -84,8 +80,7 @@ class Documents(Scenario):
         write(f"/usr/share/tarnwick/assets/{TYPE}/0.1/{NAME}", factory)
         write(f"/media/cwd/{NAME}", factory)
         self.volume("data", YES, ["/private/var/log/system.log"])
-        for folder in "/var/log", "/run":
-            self.lay(folder, "mode=755")
+        self.lay("/var/log", "mode=755")
         for path in "/var/log/dpkg.log", "/var/log/apt/history.log", "/media/cwd/volume.key":
             write(path, path)
         write("/media/efivars/BootOrder-8be4df61-93ca-11d2-aa0d-00e098032b8c", b"\7\0\0\0\1\0")
@@ -120,6 +115,6 @@ class Documents(Scenario):
         """The configuration that an example installed or published is used, and its directive finds a file."""
         self.key = f"{world.BIN}/../dev-recipient.pem"
         write("/media/data/var/log/cups/error_log")
-        out = self.start().communicate()[0]
-        self.assertIn(f'using external config: "/var/lib/tarnwick/assets/{TYPE}/{version}/{NAME}"', out.decode())
-        self.assertIn("media/data/var/log/cups/error_log", self.entries(self.result(out, 0).archive))
+        result, out = self.unrecorded()
+        self.assertIn(f'using external config: "/var/lib/tarnwick/assets/{TYPE}/{version}/{NAME}"', out)
+        self.assertIn("media/data/var/log/cups/error_log", self.entries(result.archive))
