@@ -14,7 +14,7 @@ import tempfile
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-EXCHANGE = "96M"  # the size of the disks that files are given and taken by
+EXCHANGE = "96M"  # the size of the disks by which files are sent and fetched
 USER, PASSWORD = "owner", "a longer word"
 MACHINE_ID = "5eed" * 8
 
@@ -81,7 +81,7 @@ KERNEL_LINE = "rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=
 
 
 class Failure(Exception):
-    """What did not go as it must; ends the test."""
+    """A mismatch; it ends the test."""
 
 
 def command(*words, **settings):
@@ -92,15 +92,15 @@ def command(*words, **settings):
 
 
 def say(text=""):
-    text = re.sub("[^\n]*\r", "", text)  # what was written over
+    text = re.sub("[^\n]*\r", "", text)  # overwritten lines
     print("".join(c if c in "\n\t" or c.isprintable() else f"\\x{ord(c):02x}" for c in text), flush=True)
 
 
 class Console:
-    """One end of a terminal: text is sent, answers are waited for, each with a limit of silence in seconds."""
+    """One end of a terminal. A wait ends when nothing has come for so many seconds."""
 
     def __init__(self):
-        self.socket, self.theirs = socket.socketpair()
+        self.socket, self.far_end = socket.socketpair()
         self.unread = ""
         self.decode = codecs.getincrementaldecoder("utf-8")("replace").decode
 
@@ -139,7 +139,7 @@ class Machine:
     def __init__(self, folder):
         self.folder, self.operator, self.control = folder, Console(), Console()
 
-    def give(self, files):
+    def send(self, files):
         """Unpacks files (name in the guest -> path here) below / in the guest."""
         with tarfile.open(self.folder / "tools", "w") as tar:
             for name, path in files.items():
@@ -147,15 +147,15 @@ class Machine:
         command("truncate", "-s", EXCHANGE, self.folder / "tools")
         self.control.run("blockdev --flushbufs /dev/disk/by-id/virtio-tools; tar xf /dev/disk/by-id/virtio-tools -C /")
 
-    def take(self, names, target):
-        """Brings files of the guest into the folder `target`."""
+    def fetch(self, names, target):
+        """Copies files of the guest into the folder `target`."""
         self.control.run(f"tar cf /dev/disk/by-id/virtio-out --format=posix -C / {names} && sync")
         command("tar", "xpf", self.folder / "out", "-C", target)
 
 
 @contextlib.contextmanager
 def running(folder, form, kernel, design):
-    """At the end the power is taken away; should this process be killed, too."""
+    """At the end, and when this process is killed, the power is cut."""
     machine, words = Machine(folder), []
     disks, root = design
     for name in "tools", "out":
@@ -164,7 +164,7 @@ def running(folder, form, kernel, design):
         words += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
         words += (["-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"] if name == "stick" else
                   ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={8 + number}"])
-    lines = [console.theirs.fileno() for console in (machine.operator, machine.control)]
+    lines = [console.far_end.fileno() for console in (machine.operator, machine.control)]
     for line in lines:
         words += ["-chardev", f"socket,id=line{line},fd={line}", "-serial", f"chardev:line{line}"]
     with subprocess.Popen(
@@ -177,7 +177,7 @@ def running(folder, form, kernel, design):
             stdin=subprocess.DEVNULL, pass_fds=lines) as qemu:
         try:
             for console in machine.operator, machine.control:
-                console.theirs.close()
+                console.far_end.close()
                 console.expect("@shell@\n", 400)
             yield machine
         finally:
@@ -238,11 +238,11 @@ def makeDisks(folder):
 
 
 def makeImage(image, folder, passphrase):
-    """Disks with everything planted on them, as they are when the power was cut."""
+    """Disks with everything planted on them, as a power cut leaves them."""
     makeDisks(folder)
     say("packages and disks are made")
     with running(folder, "raw", folder, PLANTING) as machine:
-        machine.give({"root/plant": HERE / "plant"})
+        machine.send({"root/plant": HERE / "plant"})
         machine.control.run(f"bash /root/plant {shlex.quote(passphrase)} {ROOT_SIZE} {VAR_SIZE}", seconds=600)
     say("everything is planted and the power cut")
     folder.rename(image)
@@ -254,8 +254,8 @@ def plantedImage(cache, passphrase):
     recipe = hashlib.sha256((HERE / "machine.py").read_bytes() + (HERE / "plant").read_bytes() + passphrase.encode())
     image, lock = cache / f"image-{recipe.hexdigest()[:16]}", cache / "lock"
     cache.mkdir(parents=True, exist_ok=True)
-    with open(lock, "w") as held:
-        fcntl.flock(held, fcntl.LOCK_EX)
+    with open(lock, "w") as locked:
+        fcntl.flock(locked, fcntl.LOCK_EX)
         for leftover in set(cache.iterdir()) - {image, lock}:
             shutil.rmtree(leftover)
         if not image.exists():
