@@ -5,31 +5,29 @@ import random
 import subprocess
 import time
 
-from world import YES, Scenario, call, content, write
+from world import YES, Disks, call, content, write
 
 BLOCK, FOLDER, LOGS, OUT = 4096, "/media/worn", "/media/worn/log", "/media/out"
 ARCHIVE, KEY, WRITE_ONLY = "/media/archive.qvx", ("--key", "/media/key.pem"), "/proc/sys/vm/compact_memory"
 COARSE_CLOCK = 5  # CLOCK_REALTIME_COARSE, the clock that stamps files
-LOST = {"first": [0], "middle": [3, 100, 101], "last": [9], "all": range(4), "shreds": range(0, 600, 2)}
+# Of each file: its blocks, the damaged ones, and what is marked as unreadable, as (block, count). The step over what
+# cannot be read doubles while reads fail; after 256 of them the rest is given up.
+FILES = {"first": (10, [0], [(0, 1)]), "middle": (200, [3, 100, 101], [(3, 1), (100, 3)]), "last": (10, [9], [(9, 1)]),
+         "all": (4, range(4), [(0, 4)]), "fine": (3, [], []),
+         "shreds": (601, range(0, 600, 2), [*((at, 1) for at in range(0, 510, 2)), (510, 91)])}
 CAPTURED = "middle", "fine"  # one by one: the order of a folder is the file system's
-BLOCKS = {"first": 10, "middle": 200, "last": 10, "all": 4, "shreds": 601, "fine": 3}
 
 
-# The step over what cannot be read doubles while reads fail; after 256 of them the rest is given up. As (block, count).
-UNREADABLE = {"first": [(0, 1)], "middle": [(3, 1), (100, 3)], "last": [(9, 1)], "all": [(0, 4)],
-              "shreds": [*((at, 1) for at in range(0, 510, 2)), (510, 91)]}
-
-
-class Unreadable(Scenario):
+class Unreadable(Disks):
     def setUp(self):
         super().setUp()
         self.volume("worn", YES)
         dice = random.Random(7)
-        self.files = {f"{LOGS}/{name}": dice.randbytes(count * BLOCK - 5) for name, count in BLOCKS.items()}
+        self.files = {f"{LOGS}/{name}": dice.randbytes(blocks * BLOCK - 5) for name, (blocks, _, _) in FILES.items()}
         for path, data in self.files.items():
             write(path, data)
         self.wear_out()
-        for name in "fine", "middle":
+        for name in CAPTURED:
             os.link(f"{LOGS}/{name}", f"{LOGS}/{name}-again")
         for path in (*self.files, LOGS):
             os.utime(path, (1767323045, 1767323045))
@@ -38,26 +36,23 @@ class Unreadable(Scenario):
         self.specification(*(("/log", f".*/{name}") for name in CAPTURED))
 
     def wear_out(self):
-        """Moves the volume to a disk and spoils the first bytes of the blocks that are to be lost."""
-        with open("/media/disk", "wb") as disk:
-            disk.truncate(128 << 20)
-        call("mkfs.btrfs", "-q", "--rootdir", FOLDER, "/media/disk")
-        image = content("/media/disk")
-        with open("/media/disk", "r+b") as disk:
-            for name, blocks in LOST.items():
+        """Moves the volume to a disk and spoils the first bytes of the damaged blocks."""
+        call("mkfs.btrfs", "-q", "--rootdir", FOLDER, path := self.image(128))
+        image = content(path)
+        with open(path, "r+b") as disk:
+            for name, (_, damaged, _) in FILES.items():
                 data, at = self.files[f"{LOGS}/{name}"], 0
-                for block in blocks:
+                for block in damaged:
                     at = image.index(data[block * BLOCK:][:64], at)
                     disk.seek(at)
                     disk.write(b"worn out")
-        call("mount", "-o", "loop", "/media/disk", FOLDER)
-        self.addCleanup(call, "umount", FOLDER)
+        self.mount(path, FOLDER)
 
     def listed(self, archive):
         lines = self.qvx("list", "--json", *KEY, archive).splitlines()
         return {entry["path"]: entry for entry in map(json.loads, lines)}
 
-    def agrees(self, archive, names=tuple(BLOCKS)):
+    def agrees(self, archive, names=tuple(FILES)):
         """The marks in the archive, and the contents when it is extracted."""
         listed = self.listed(archive)
         os.mkdir(OUT)
@@ -65,7 +60,7 @@ class Unreadable(Scenario):
         for path, name in ((f"{LOGS}/{name}", name) for name in names):
             entry, data, unreadable = listed[path[1:]], self.files[path], []
             expected = bytearray(data)
-            for at, count in UNREADABLE.get(name, []):
+            for at, count in FILES[name][2]:
                 begin, end = at * BLOCK, min((at + count) * BLOCK, len(data))
                 expected[begin:end] = bytes(end - begin)
                 unreadable.append({"offset": begin, "length": end - begin})
@@ -84,13 +79,12 @@ class Unreadable(Scenario):
         self.agrees(ARCHIVE)
         references = [path for path, entry in self.listed(ARCHIVE).items() if "content_of" in entry]
         self.assertEqual(references, [f"{LOGS}/fine-again"[1:]])
-        self.tool("qvx", "cat", *KEY, ARCHIVE, LOGS + "/all", stdout=subprocess.DEVNULL)
-        self.tool("qvx", "cat", *KEY, ARCHIVE, LOGS + "/fine", stdout=subprocess.DEVNULL)
+        for name in "all", "fine":
+            self.tool("qvx", "cat", *KEY, ARCHIVE, f"{LOGS}/{name}", stdout=subprocess.DEVNULL)
 
     def test_what_cannot_be_opened_is_marked(self):
         """The time of this file is the machine's."""
-        write("/media/source/file", "x")
-        self.tool("qvx", "create", "-r", "/media/key.pub", "-o", ARCHIVE, "/media/source/file", WRITE_ONLY)
+        self.tool("qvx", "create", "-r", "/media/key.pub", "-o", ARCHIVE, "/media/spec.plist", WRITE_ONLY)
         self.tool("qvx", "verify", *KEY, ARCHIVE)
         entry = self.listed(ARCHIVE)[WRITE_ONLY[1:]]
         self.assertEqual((entry["mode"], entry["size"], entry["incomplete"], entry["unreadable"]), ("0200", 0, True, []))
