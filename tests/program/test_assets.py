@@ -95,8 +95,8 @@ class Assets(Scenario):
         self.tarnwick()
         self.assertEqual(sorted(os.listdir(STORE)), ["5.12", "6.0"])
 
-    def test_factory_configuration_until_a_site_publishes_its_own(self):
-        """As the package installs it, on a machine where nothing is configured. A site may use the same version."""
+    def test_factory_configuration_where_nothing_is_configured(self):
+        """As the package installs it."""
         write(f"{FACTORY}/{NAME}", content(f"{world.BIN}/../share/linux.plist"))
         self.key = f"{world.BIN}/../dev-recipient.pem"
         self.volume("root", YES, ["/var/log/kern.log", "/var/log/dnf.log", "/var/log/auth.log"])
@@ -104,14 +104,6 @@ class Assets(Scenario):
         self.assertTrue(out.startswith(f'using external config: "{FACTORY}/{NAME}"\n'), out)
         captured = [path for path in self.entries(result.archive) if "/var/" in path]
         self.assertEqual(captured, ["media/root/var/log/kern.log", "media/root/var/log/dnf.log"])
-        server = self.serve()
-        for version in "0.0", "0.1", "1.0":
-            self.publish(version)
-            self.fetch()
-        self.assertEqual(os.listdir(FACTORY), [NAME])
-        server.tricks[NAME] = lambda handler: handler.send_error(404)
-        self.publish("2.0")
-        self.fetch()
 
     def test_every_refused_catalog_leaves_the_installed_asset_in_use(self):
         def redirect(url):

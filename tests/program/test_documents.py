@@ -1,5 +1,5 @@
-"""The commands in the documents and in the EXAMPLES of the manual pages. The word behind `sh`, on a fence or in a
-comment above an example, says who runs the block; see CONTRIBUTING.md."""
+"""The commands in the documents and in the EXAMPLES of the manual pages. The word after `sh`, on a fence or in a
+comment above an example, says how the block is tested; see CONTRIBUTING.md."""
 import glob
 import json
 import os
@@ -39,34 +39,32 @@ class Documents(Disks):
         for text in (text for mark, text in EXAMPLES if mark == "plist"):
             self.assertTrue(plistlib.loads(text.encode()))
 
-    def test_what_takes_long_exists_and_is_what_runs(self):
+    def test_scripts_presets_and_options_exist_and_those_marked_ci_are_run(self):
         known = {each["name"] for each in json.loads(read(f"{TOP}/CMakePresets.json"))["configurePresets"]}
         settings = "".join(map(read, [f"{TOP}/CMakeLists.txt", *glob.glob(f"{TOP}/cmake/*.cmake")]))
-        runs = {".ci/run", "scripts/test-package", "scripts/test-vm"}
-        while more := {name for script in runs for name in SCRIPT.findall(read(f"{TOP}/{script}"))
-                       if os.path.isfile(f"{TOP}/{name}")} - runs:
-            runs |= more
-        built = set().union(*(presets_in(read(f"{TOP}/{script}")) for script in runs))
+        called = SCRIPT.findall(read(f"{TOP}/.ci/run") + read(f"{TOP}/scripts/common.sh"))
+        runs = {".ci/run", "scripts/test-package", "scripts/test-vm", *called}
+        built = presets_in("".join(read(f"{TOP}/{script}") for script in runs))
         for mark, line in ((mark, line) for mark, text in BLOCKS for line in text.splitlines()):
             if mark in ("sh ci", "sh hand"):
                 line, _, _ = line.partition(" #")
                 scripts, presets = set(SCRIPT.findall(line)), presets_in(line)
                 self.assertTrue(scripts or presets, line)
                 self.assertLessEqual(presets, built if mark == "sh ci" else known, line)
-                self.assertTrue(all(option in settings for option in re.findall(r"-D(\w+)", line)), line)
                 self.assertLessEqual(scripts, runs if mark == "sh ci" else scripts, line)
+                self.assertTrue(all(option in settings for option in re.findall(r"-D(\w+)", line)), line)
                 for script in scripts:
                     self.assertTrue(os.access(f"{TOP}/{script}", os.X_OK), line)
                     self.assertTrue(all(map(read(f"{TOP}/{script}").count, re.findall(r" (--\w+)", line))), line)
 
-    def leave_archive(self):
+    def make_archive(self):
         """What an engineer has: an archive sealed to the key that the document made, or to one made before."""
         if not os.path.exists("/media/cwd/service.pub"):
             self.qvx("keygen", "-o", "/media/cwd/service")
         self.specification(("/private/var/log", ".*"), archive_public_key=read("/media/cwd/service.pub").strip())
         shutil.copy(self.unrecorded(*SPECIFIED)[0].archive, "/media/cwd")
 
-    def leave_volume(self):
+    def make_volume(self):
         """The device of the examples, with the real `volctl` and `nvram`."""
         for name in "volctl", "nvram":
             os.remove(f"/media/bin/{name}")
@@ -92,9 +90,9 @@ class Documents(Disks):
                 for path in glob.glob("/media/cwd/service.*") + glob.glob("/media/cwd/tarnwick-*.qvx"):
                     os.remove(path)
             if "tarnwick-*.qvx" in block and not glob.glob("/media/cwd/tarnwick-*.qvx"):
-                self.leave_archive()
+                self.make_archive()
             if "sda3" in block or "BootOrder" in block or "/home" in block:
-                device = device or self.leave_volume()
+                device = device or self.make_volume()
             if "/home" in block:  # a data volume, which a loop device is only where it is named
                 write("/etc/tarnwick/volumes.plist", property_list({"Roles": {device: "Data"}}))
                 call("mount", f"/dev/{device}", "/home")

@@ -15,12 +15,15 @@ class Entry(Scenario):
     def test_root_is_asked_for_before_anything_else(self):
         """Internal builds do not ask where the policies are beyond doubt; there, --capturespec comes before help."""
         self.tarnwick("--help", "--cleanup", limits=as_nobody)
-        for doubt in (lambda: os.chmod(POLICIES, 0o664), lambda: os.chmod(POLICIES, 0o646),
-                      lambda: os.chown(POLICIES, 65534, 0),
-                      lambda: write(POLICIES, property_list({"com.vexlor.tarnwick": 1})),
-                      lambda: (os.rename(POLICIES, POLICIES + ".old"), os.symlink(POLICIES + ".old", POLICIES))):
+        for name, change in {
+                "a group can write": lambda: os.chmod(POLICIES, 0o664),
+                "all can write": lambda: os.chmod(POLICIES, 0o646),
+                "of another owner": lambda: os.chown(POLICIES, 65534, 0),
+                "no boolean": lambda: write(POLICIES, property_list({"com.vexlor.tarnwick": 1})),
+                "a link": lambda: (os.rename(POLICIES, POLICIES + "-"), os.symlink(POLICIES + "-", POLICIES))}.items():
             self.specification()
-            doubt()
+            change()
+            self.note("policies", name)
             self.tarnwick("--testmode", limits=as_nobody)
             os.remove(POLICIES)
         self.specification()
