@@ -1,11 +1,11 @@
-# shellcheck shell=bash disable=SC2034  # the names set here are for the others
-# What the scripts beside it share. Sourced, not run.
+# shellcheck shell=bash disable=SC2034  # the other scripts use the names that are set here
+# Shared by the scripts in this folder. Sourced, not run.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 top=$PWD
 jobs=$(nproc)
 
-# The outermost script shows the times of all steps, those of the scripts that it calls included, and what failed.
+# The outermost script prints the time of each step, also of the scripts that it calls, and the step that failed.
 finish() {
     local status=$?
     [ $status = 0 ] || [ -z "$current" ] || printf ' FAILED  %s\n' "$current" >>"$STEP_TIMES"
@@ -27,7 +27,7 @@ needRoot() {
     exit 1
 }
 
-# step NAME COMMAND...: runs one step and tells how long it took.
+# step NAME COMMAND...: runs one step and records how long it took.
 step() {
     local start=$SECONDS
     current=$1
@@ -45,7 +45,7 @@ setUp() {
     fi
 }
 
-# quietly NAME COMMAND...: shows what the command says only when it fails.
+# quietly NAME COMMAND...: shows the output of the command only when it fails.
 quietly() {
     local output=build/$1.out
     shift

@@ -1,7 +1,7 @@
-"""hardening.py PROGRAM...: what the optimised build promises of its programs, read from the finished files.
+"""hardening.py PROGRAM...: checks that the programs of the optimised build are hardened.
 
-The stack clash protection leaves no trace but in the code, so the compiler's own record of its options is asked, for
-each translation unit; a stripped file has no such record and is refused."""
+Stack clash protection is visible in the machine code only, so the options that the compiler recorded for each
+translation unit are checked. A stripped file has no such record and is refused."""
 import re
 import subprocess
 import sys
@@ -14,7 +14,7 @@ def readelf(path, *options):
                           env={"LC_ALL": "C", "PATH": "/usr/bin:/bin"}).stdout
 
 
-def promises(path):
+def hardening(path):
     header, segments, dynamic, symbols = (readelf(path, option) for option in ("-h", "-l", "-d", "--dyn-syms"))
     debug = readelf(path, "--debug-dump=info", "--dwarf-depth=1")
     units = [set(unit.split()) for unit in re.findall(r"DW_AT_producer.*(GNU C\+\+.*)", debug)]
@@ -34,6 +34,6 @@ def promises(path):
     }
 
 
-broken = [f"{path}: {name}: no" for path in sys.argv[1:] for name, holds in promises(path).items() if not holds]
+broken = [f"{path}: {name}: no" for path in sys.argv[1:] for name, present in hardening(path).items() if not present]
 print("\n".join(broken))
 sys.exit(len(sys.argv) == 1 or len(broken) > 0)

@@ -1,4 +1,4 @@
-// Prints what fetching the configuration asset logs, then the configuration file that came of it.
+// Fetches the configuration asset, which prints messages, then prints the path of the resulting configuration file.
 #include <cstdio>
 
 #include "config/config_file.h"

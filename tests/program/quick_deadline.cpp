@@ -1,4 +1,4 @@
-// Stands in for the deadlines of downloads: 30 seconds become three.
+// Replaces the deadlines of downloads: 30 seconds become three.
 #include "config/download_deadline.h"
 
 namespace tarnwick {

@@ -157,7 +157,7 @@ class Assets(Scenario):
         self.fetch()
         self.assertEqual(os.listdir("/media/elsewhere"), [])
 
-    def test_a_kill_in_mid_download_leaves_the_old_state_and_the_next_runs_clear_up(self):
+    def test_kill_during_a_download_leaves_the_old_asset_and_the_next_runs_clean_up(self):
         self.publish("5.0")
         server = self.serve()
         self.fetch()

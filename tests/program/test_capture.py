@@ -1,4 +1,4 @@
-"""Captures from end to end: what is said, what is logged, what is archived."""
+"""Captures from end to end: what is printed, what is logged, what is archived."""
 import filecmp
 import os
 import signal
@@ -12,7 +12,7 @@ LOGS = ("/logs", ".*/[a-z]*.log")
 class Capture(Scenario):
     def test_of_two_volumes_the_last_reaches_the_archive(self):
         """The walk is backwards, the directives as well as the volumes, and a volume that is skipped keeps the files of
-        an earlier one. What the caller hands down changes nothing."""
+        an earlier one. Neither the caller's umask nor its signals change anything."""
         self.specification(LOGS, ("/crash", ".*"))
         self.volume("denied", NO, ["/logs/no.log"])
         self.volume("last", YES, ["/logs/a.log", "/crash/core"])

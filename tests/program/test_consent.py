@@ -179,7 +179,7 @@ class Consent(Disks):
                 call("mount", "--rbind", root, root)
             for words in ["ask"], ["show", "--json"], ["grant", "/"]:
                 done = subprocess.run(["chroot", root, "/program", *words], capture_output=True, check=False)
-                self.told(("tarnwick-consent", *words), done.stdout, done.stderr, done.returncode)
+                self.report(("tarnwick-consent", *words), done.stdout, done.stderr, done.returncode)
             self.assertTrue(os.path.exists(f"{root}/{CONSENT}"))
             shutil.rmtree(f"{root}/Library")
         self.assertFalse(os.path.exists(f"/{CONSENT}"))

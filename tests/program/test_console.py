@@ -36,8 +36,8 @@ class Console(Scenario):
         super().setUp()
         self.specification(("/logs", ".*"))
 
-    def test_every_line_is_out_before_a_command_blocks(self):
-        """The unlocking waits for the passphrase: until it has one, console and log must already tell so."""
+    def test_lines_are_flushed_before_a_command_blocks(self):
+        """Console and log must report the unlocking while it waits for the passphrase."""
         os.mkfifo("/media/passphrase")
         self.volume("locked", YES, mounted=False)
         self.answer("volctl zkfs unlockVolume disk1", Answer(do="cat /media/passphrase >/dev/null"))
@@ -51,7 +51,7 @@ class Console(Scenario):
     def test_locale_of_the_user_changes_nothing(self):
         """Neither a twelve-hour clock nor a decimal comma shows, and names in no encoding are found."""
         world.call("localedef", "-i", "sq_AL", "-f", "UTF-8", "/media/sq_AL.UTF-8")
-        # The C library loses its copy of LOCPATH at every start, which is no leak of ours.
+        # The C library loses its copy of LOCPATH at every start, which is not our leak.
         locale = {"LOCPATH": "/media", "LC_ALL": "sq_AL.UTF-8", "ASAN_OPTIONS": "detect_leaks=0"}
         self.assertRegex(world.call("locale", "t_fmt", "decimal_point", env=locale), "%I.*\n,", "not in force")
         self.volume("one", YES)
@@ -60,14 +60,14 @@ class Console(Scenario):
         write(f"{world.STORE}/tarnwick-1.qvx", b"x" * 1536)
         self.tarnwick("--summarize", environment=locale)
 
-    def test_closed_standard_streams_are_not_taken_for_files(self):
+    def test_library_messages_go_to_no_file_when_standard_error_is_closed(self):
         """What the library says of an abnormal end does not land in the log."""
         self.volume("one", YES)
         self.specification(CaptureSpec=[{"BasePath": ""}])
         self.assertEqual(self.unrecorded(*SPECIFIED, limits=lambda: os.close(2))[0].status, -6)
         self.note("log", only_log())
 
-    def test_stamp_is_local_time_and_the_run_waits_its_second_out(self):
+    def test_stamp_is_local_time_and_no_later_run_gets_the_same(self):
         before = int(time.time())
         self.answer(world.PREBOOT, Answer(status=1, do="touch /media/first"))
         result = self.capture(environment={"TZ": "UTC-05:30"})
@@ -75,7 +75,7 @@ class Console(Scenario):
         self.assertGreaterEqual(stamp, before)
         self.assertGreaterEqual(os.stat("/media/first").st_mtime, stamp + 1)
 
-    def test_what_has_the_logs_name_is_kept_under_another(self):
+    def test_existing_files_with_the_name_of_the_log_are_kept(self):
         """Every log name of the next minutes is in use. The run succeeds and writes a new log."""
         for name, place, refused in (
                 ("a link", lambda path: os.symlink("/media/precious", path), ()),
@@ -104,7 +104,7 @@ class Console(Scenario):
         self.note("said", out)
         self.assertEqual((result.status, glob.glob("/tmp/*.log.*")), (1, []))
 
-    def test_archive_holds_the_log_of_the_run_and_not_what_has_its_name_later(self):
+    def test_archived_log_is_not_the_file_that_replaced_it(self):
         self.answer("nvram -p", Answer(do="for log in /tmp/*.log; do mv $log /tmp/moved; echo planted >$log; done"))
         result = self.capture()
         log = os.path.basename(result.temporary).replace(".qvx", ".log")

@@ -12,7 +12,7 @@ def as_nobody():
 
 
 class Entry(Scenario):
-    def test_root_is_asked_for_before_anything_else(self):
+    def test_root_is_required_before_anything_else(self):
         """Internal builds do not ask where the policies are beyond doubt; there, --capturespec comes before help."""
         self.tarnwick("--help", "--cleanup", limits=as_nobody)
         for name, change in {

@@ -1,4 +1,4 @@
-"""Everything that ends a capture early: what is said, and what is left behind."""
+"""All that ends a capture early: what is printed, and which files are left."""
 import base64
 import os
 import resource
@@ -14,10 +14,10 @@ class Fatal(Scenario):
         self.specification(("/logs", ".*"))
 
     def nvram_does(self, do):
-        """The last command before the archive; what it does to the capture folder makes the fault."""
+        """The last command before the archive is written. What it does to the capture folder is the fault."""
         self.answer("nvram -p", Answer("", 0, do))
 
-    def test_before_the_volumes(self):
+    def test_faults_before_the_volumes(self):
         for faulty in (*(property_list({"archive_public_key": key}) for key in (7, "", "ecdsa-sha2-nistp256 \u00e4")),
                        property_list({}), property_list(["array"]), "no list"):
             write("/media/spec.plist", faulty)
@@ -27,7 +27,7 @@ class Fatal(Scenario):
             self.answer(PREBOOT, answer)
             self.capture()
 
-    def test_no_room(self):
+    def test_no_space_for_the_capture_folder_or_the_log(self):
         """For the capture folder; then for the log as well."""
         for options in "nr_inodes=3", "ro":
             call("mount", "-o", "remount," + options, "/tmp")
@@ -41,7 +41,7 @@ class Fatal(Scenario):
 
         self.capture(environment={"ASAN_OPTIONS": "detect_leaks=0"}, limits=as_lonely_user)
 
-    def test_keys(self):
+    def test_keys_that_cannot_be_used(self):
         """A point of another form, one off the curve, no point, and no more than the type, which ends abnormally."""
         text = read("/media/key.pub").split()[1]
         for at, change in (39, 6), (40, 1), (0, 1):
@@ -53,7 +53,7 @@ class Fatal(Scenario):
         self.specification(archive_public_key="ecdsa-sha2-nistp256")
         self.capture()
 
-    def test_at_the_archive(self):
+    def test_faults_at_the_archive(self):
         """A folder that has its name, and a file that has the name of the log's copy; no nvram is no fault."""
         for do in (f"mkdir {NAME}.qvx", f"echo >{NAME}.log", "echo no firmware >&2; exit 1",
                    f"yes | head -c 99999 >{NAME}.qvx"):

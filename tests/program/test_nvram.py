@@ -10,7 +10,7 @@ class Nvram(Scenario):
     def nvram(self, *words, **options):
         self.tool("nvram", *words, environment={"TARNWICK_EFIVARS_DIR": "/media/efivars"}, **options)
 
-    def test_shows_the_good_names_the_bad_and_fails_without_any(self):
+    def test_unreadable_variables_are_named_and_none_at_all_is_a_failure(self):
         write(f"/media/efivars/Bad\x1b-{GUID}", b"\7")
         for words in ["-p"], [], ["-p", "-x"]:
             self.nvram(*words)

@@ -1,4 +1,4 @@
-"""qvx as a whole program, and archives made once and kept: every later qvx must read the good ones and refuse the
+"""qvx as a whole program, and archives that were made once: every later qvx must read the good ones and refuse the
 others for the right reason."""
 import json
 import os
@@ -13,7 +13,7 @@ KEY, ARCHIVE, SOURCE, OUT = ["--key", "/media/key.pem"], "/media/archive.qvx", "
 
 
 def entries(listing):
-    """What a list tells of each entry, without what no copy can keep, and what older archives know not of links."""
+    """The entries of a list, without what no copy can keep and what older archives do not store of links."""
     found = [json.loads(line) for line in listing.splitlines()]
     for entry in found:
         for key in ("ctime_ns", "btime_ns", "flags", *["sha256"] * (entry["type"] == "link")):
@@ -40,8 +40,8 @@ class Qvx(Scenario):
     def files(self):
         self.note("files", "\n".join(sorted(call("find", OUT, "-type", "f", "-printf", "%s %p\n").splitlines())))
 
-    def test_reads_the_frozen_ones(self):
-        """Odd names are made harmless for the terminal."""
+    def test_frozen_archives_are_read(self):
+        """Control characters in their names are escaped."""
         for name in GOOD:
             self.assertEqual(self.qvx("list", "--json", "--key", SAMPLES + "recipient.pem", f"{SAMPLES}{name}.qvx"),
                              read(f"{SAMPLES}{name}.json"))
@@ -50,7 +50,7 @@ class Qvx(Scenario):
         for name in "kinds", "incomplete":
             self.frozen("list", name)
 
-    def test_refuses_the_damaged_ones(self):
+    def test_damaged_archives_are_refused(self):
         for name in sorted(name[:-4] for name in os.listdir(SAMPLES) if name.endswith(".qvx")):
             if name not in GOOD:
                 self.frozen("verify", name)
@@ -60,8 +60,8 @@ class Qvx(Scenario):
                 self.files()
                 world.clear(OUT)
 
-    def test_makes_again_what_it_brought_back(self):
-        """Through the disk, something of every kind; the second time over what is there."""
+    def test_archive_of_extracted_files_has_the_same_entries(self):
+        """Of every kind; the second time, the files are there already."""
         wanted = content(SAMPLES + "kinds.json").replace(b'"tmp/', b'"media/out/tmp/')
         for _ in range(2):
             self.frozen("extract", "kinds", "-C", OUT)
@@ -69,7 +69,7 @@ class Qvx(Scenario):
             self.assertEqual(entries(self.qvx("list", "--json", *KEY, ARCHIVE)), entries(wanted))
         self.assertLess(os.stat(OUT + "/tmp/sample/sparse").st_blocks * 512, 1 << 20)
 
-    def test_shows_no_name_as_it_is_when_its_owner_cannot_be_set(self):
+    def test_hostile_name_in_a_warning_is_escaped(self):
         os.makedirs(SOURCE + "/\x1b[2J")
         os.chown(SOURCE + "/\x1b[2J", 1000, 0)
         self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, SOURCE)
@@ -77,14 +77,14 @@ class Qvx(Scenario):
                                *KEY, "-C", OUT, ARCHIVE], check=False, capture_output=True)
         self.assertRegex(done.stderr, rb"\A[ -~]*Can't set[ -~]*\n\Z")
 
-    def test_takes_names_from_a_file_as_they_are_and_keeps_duplicates(self):
+    def test_names_from_a_file_are_stored_unchanged_with_duplicates(self):
         write(SOURCE + "/first", "1")
         names = [SOURCE + "/first", SOURCE, SOURCE + "/first", "source/first"]
         for listed in names, ["source/first", ""]:
             self.create("--files0-from", "-", typed="\0".join([*listed, ""]).encode(), cwd="/media")
         self.assertEqual(["/" + path for path in self.entries(ARCHIVE)], names[:3] + [SOURCE + "/first"])
 
-    def test_takes_out_what_is_asked_for(self):
+    def test_extracts_only_the_paths_that_are_named(self):
         for name in "d/one", "d/two", "dd", "e":
             write(f"{SOURCE}/{name}", name)
         self.create()
@@ -97,7 +97,7 @@ class Qvx(Scenario):
             with open("/dev/full", "wb") as full:
                 self.run_qvx(command[0], *KEY, ARCHIVE, *command[1:], stdout=full)
 
-    def test_refuses_and_leaves_nothing_when_it_cannot_create(self):
+    def test_failed_create_leaves_no_archive(self):
         write(SOURCE + "/file", "x")
         key = "/media/key.pub"
         kind, point = read(key).split()
@@ -112,7 +112,7 @@ class Qvx(Scenario):
         self.run_qvx("verify", *KEY, ARCHIVE)  # the one made before
         self.run_qvx("keygen", "-o", "/media/key")
 
-    def test_reads_every_form_of_key_and_no_other_file(self):
+    def test_keys_of_every_form_and_files_that_are_no_keys(self):
         write(SOURCE + "/file", "x")
         self.create()
         self.qvx("keygen", "-o", "/media/other")

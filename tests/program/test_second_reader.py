@@ -43,7 +43,7 @@ class SecondReader(Scenario):
         self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, TREE, TREE + "/noise")
 
     def read(self, archive, key):
-        shutil.copy(READER, "/media/second_reader.mjs")  # node resolves the name that holds in a world, and loses it
+        shutil.copy(READER, "/media/second_reader.mjs")  # node cannot run it from /proc/PID/fd
         return subprocess.run(["node", "/media/second_reader.mjs", key, archive], capture_output=True, check=False)
 
     def agree(self, archive, key):

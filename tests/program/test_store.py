@@ -28,7 +28,7 @@ class Store(Scenario):
         self.answer(PREBOOT, *(Answer(self.preboot, do=do) for do in (":", *deeds, ":")))
 
     def sparse(self, name, size=LIMIT):
-        """A stored capture, or a file beside one, that takes no room."""
+        """A stored capture, or another file in the store, that uses no space."""
         path = write(f"{STORE}/{name}")
         os.truncate(path, size)
         return path
@@ -54,7 +54,7 @@ class Store(Scenario):
         self.capture()
 
     def test_oldest_by_change_time_goes_first_and_no_more_than_needed(self):
-        """Whoever has the bare name counts; a time before the epoch counts as late."""
+        """A capture with no more than the bare name counts; a time before the epoch counts as late."""
         captures = [("tarnwick-a.qvx", 300 * MIB, 2022), ("tarnwick.qvx", 500 * MIB, 2020),
                     ("tarnwickX.qvx", 400 * MIB, 2021), ("tarnwick-d.qvx", 1536, 2023),
                     ("tarnwick-<e>&.qvx", 500 * MIB, 1965), ("notes.qvx", 1, 2019)]
@@ -108,7 +108,8 @@ class Store(Scenario):
         write("/media/one/logs/large", os.urandom(200_000))
         for refused in (), (UNNAMED_FILE,):
             self.then(":", limit)
-            killed = self.capture(limits=lambda: (resource.setrlimit(resource.RLIMIT_CORE, (0, 0)), world.refuse(*refused)))
+            killed = self.capture(limits=lambda: (
+                resource.setrlimit(resource.RLIMIT_CORE, (0, 0)), world.refuse(*refused)))
             self.assertEqual((killed.status, os.path.getsize(killed.temporary) > 200_000), (-signal.SIGXFSZ, True))
             self.assertIn(b" 0 captures", self.start("--summarize").communicate()[0])
             os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
@@ -136,7 +137,7 @@ class Store(Scenario):
         os.chown(foreign, 1000, 1000)
         os.symlink(others[0], link)
         os.mkdir(folder)
-        with open(locked, "rb") as held:
-            fcntl.flock(held, fcntl.LOCK_EX)
+        with open(locked, "rb") as file:
+            fcntl.flock(file, fcntl.LOCK_EX)
             stored = self.unrecorded(*SPECIFIED)[0].archive
         self.assertEqual({entry.path for entry in os.scandir(STORE)}, {stored, locked, foreign, link, folder, *others})

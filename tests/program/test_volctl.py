@@ -121,7 +121,7 @@ class Volctl(Disks):
         self.assertIn(">/media/cwd<", call("/media/programs/volctl", "info", "-plist", "Preboot"))
 
     def listed(self, **options):
-        """Records the messages of `volctl list`. The table is that of the machine, so only its first line is checked."""
+        """Records the messages of `volctl list`. Of the table, which is the machine's, only one line is checked."""
         with open("/media/table", "wb") as table:
             self.volctl("list", stdout=table, **options)
         self.assertRegex(read("/media/table").splitlines()[1], " Data +[^/]* / +mounted$")

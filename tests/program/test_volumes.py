@@ -1,4 +1,4 @@
-"""Which volumes are searched, in which order and with whose consent, and what is said of the others."""
+"""Which volumes are searched, in which order and with whose consent, and what is printed about the others."""
 import os
 
 import world
@@ -31,7 +31,7 @@ class Volumes(Scenario):
             self.capture()
 
     def test_plan(self):
-        """Backwards at every level; other roles and what cannot be asked for silently, the rest with a word."""
+        """Backwards at every level; other roles and what cannot be asked for without a message, the rest with one."""
         for number, role in enumerate(("data", "Data ", "Preboot", "D\u00e4ta")):
             self.volume(f"v{number}", YES, role=role)
         for name in "lost", "stays", "refused", "opened", "failing", "unparsable":
@@ -60,7 +60,7 @@ class Volumes(Scenario):
         self.capture()
 
     def test_consent(self):
-        """Asked for once at every run; a file that cannot be read asks nobody, whoever sits at the terminal."""
+        """Asked for once at every run; where the file cannot be read, nobody is asked."""
         for number, (consent, _) in enumerate(reversed(ASKED)):
             self.volume(f"v{len(ASKED) - number}", consent, ["/logs/a.log"])
         for name, consent in ("missing", None), ("fifo", None), ("file", None), ("plist", "<plist>"), ("list", [True]):
@@ -77,7 +77,7 @@ class Volumes(Scenario):
         words = "/usr/bin/env", "PATH=" + world.PATH, "/media/programs/tarnwick", "--capturespec", "/media/spec.plist"
         out, status, echoes = on_terminal(words, b"(yes/no)", b"yes\n", secret=False)
         self.assertTrue(echoes)
-        self.ended(["--capturespec", "/media/spec.plist"], out, b"", status)
+        self.report_run(["--capturespec", "/media/spec.plist"], out, b"", status)
 
     def test_force_is_for_internal_builds_only(self):
         self.volume("one")

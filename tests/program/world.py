@@ -1,4 +1,4 @@
-"""A private world for the programs under test, and a record of what they say and leave in it.
+"""A private world for the programs under test, and a record of what they print and which files they leave.
 
 A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick, /usr/share/tarnwick and /var/lib/tarnwick
 in a mount namespace of its own; the machine outside sees none of it. Everything that it makes is below /media:
@@ -32,18 +32,18 @@ if ENTERED:
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
 
 
-def held(folder):
-    """A name for the folder that also holds where a world covers it."""
+def lasting(folder):
+    """A path of the folder that still works where the mounts of a world cover it."""
     return f"/proc/{os.getpid()}/fd/{os.open(folder, os.O_PATH | os.O_DIRECTORY)}"
 
 
 # A build below /tmp is covered by the world. One that counts lines writes the counts where the build is.
 COUNTS = {}
 if os.path.realpath(os.environ["TARNWICK_BIN"]).startswith("/tmp/"):
-    COUNTS = {"GCOV_PREFIX": held("/tmp"), "GCOV_PREFIX_STRIP": "1"}
+    COUNTS = {"GCOV_PREFIX": lasting("/tmp"), "GCOV_PREFIX_STRIP": "1"}
     os.environ.update(COUNTS)
-HERE = held(os.path.dirname(os.path.abspath(__file__)))
-BIN = held(os.environ["TARNWICK_BIN"])
+HERE = lasting(os.path.dirname(os.path.abspath(__file__)))
+BIN = lasting(os.environ["TARNWICK_BIN"])
 DATA = HERE + "/../data"
 STORE = "/media/preboot/tarnwick"
 PATH = "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin"
@@ -54,9 +54,9 @@ CONSENT = "Library/Application Support/FaultKeeper/DiagnosticMessagesHistory.pli
 YES, NO = {"AutoSubmit": True}, {"AutoSubmit": False}
 STAMP = re.compile(r"\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d")
 
-# What a stand-in answers once. `do` is shell text that it runs first; $folder is the run's capture folder.
+# One answer of a stand-in. `do` is shell text that it runs first; $folder is the run's capture folder.
 Answer = collections.namedtuple("Answer", "out status do", defaults=("", 0, ":"))
-# What a run came to. `archive` and `temporary` are its archive in the store and before the copy.
+# The outcome of a run. `archive` and `temporary` are its archive in the store and before the copy.
 Result = collections.namedtuple("Result", "status stamp archive temporary")
 
 
@@ -78,8 +78,8 @@ def refuse(*calls):
 
 
 def on_terminal(words, prompt, *lines, secret=True, kill=None):
-    """Answers each prompt on a new terminal, what is secret once that shows no more what is typed. What was shown in
-    all, the exit status, and whether it shows again what is typed."""
+    """Types a line at each prompt on a new terminal; a secret only when the echo is off. Returns all that was shown, the
+    exit status, and whether the echo is on again."""
     def echoes():
         return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
 
@@ -105,7 +105,7 @@ def on_terminal(words, prompt, *lines, secret=True, kill=None):
 
 
 def property_list(value):
-    """On one line, and without the document type line, which no reader needs."""
+    """On one line, and without the document type, which no reader needs."""
     return re.sub(r"<!DOCTYPE.*\n|(?<=>)\s+(?=<)", "", plistlib.dumps(value).decode())
 
 
@@ -172,12 +172,12 @@ class Scenario(unittest.TestCase):
         self.assertEqual(self.record, read(path) if self.record else "")
 
     def lay(self, target, options, kind="tmpfs"):
-        """Whatever else is mounted below goes with it."""
+        """Mounts a file system until the end of the test, with all that is mounted below it."""
         call("mount", "-t", kind, "-o", options, "world", target)
         self.addCleanup(call, "umount", "--lazy", target)
 
     def answer(self, line, *answers):
-        """Answers to `line`, in turn; the last one again and again. A text stands for that text and status 0."""
+        """Answers to `line`, in turn; the last one is repeated. A text means that text and status 0."""
         table = "/media/answers/" + line.replace("/", "%")
         shutil.rmtree(table, ignore_errors=True)
         for turn, answer in enumerate(answers):
@@ -215,19 +215,19 @@ class Scenario(unittest.TestCase):
 
     def start(self, *arguments, program="tarnwick", argv0=None, environment=(), limits=None, **more):
         everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root", **COUNTS}
-        if limits:  # a build that counts lines complains where it may not write them down
+        if limits:  # a build that counts lines complains where it cannot write the counts
             everywhere["GCOV_PREFIX"] = "/media/counts"
         options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more}
         return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
                                 env={**everywhere, **dict(environment)}, cwd="/media/cwd", preexec_fn=limits, **options)
 
     def tarnwick(self, *arguments, answers="", **more):
-        """A whole run, put on record. `answers` is what standard input holds."""
+        """A run that is recorded. `answers` is its standard input."""
         process = self.start(*arguments, **more)
-        return self.ended(arguments, *process.communicate(answers.encode()), process.returncode)
+        return self.report_run(arguments, *process.communicate(answers.encode()), process.returncode)
 
     def unrecorded(self, *arguments, **more):
-        """A run that is not put on record: its result and what it printed."""
+        """A run that is not recorded: its result and what it printed."""
         process = self.start(*arguments, **more)
         out, _ = process.communicate()
         return self.result(out, process.returncode), out.decode()
@@ -238,18 +238,18 @@ class Scenario(unittest.TestCase):
         return self.tarnwick(*SPECIFIED, *arguments, **more)
 
     def tool(self, program, *words, typed=b"", environment=(), **options):
-        """A run of a companion, put on record. It has no terminal, and finds no other command."""
+        """A recorded run of a companion. It has no terminal, and finds no other command."""
         everywhere = {"PATH": "/nowhere", **COUNTS}
         if options.keys() & {"user", "preexec_fn"}:  # as in start()
             everywhere.update(GCOV_PREFIX="/media/counts", GCOV_ERROR_FILE="/dev/null")
         done = subprocess.run([f"/media/programs/{program}", *words], env={**everywhere, **dict(environment)},
                               input=typed, start_new_session=True, check=False,
                               **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
-        self.told((program, *words), done.stdout or b"", done.stderr, done.returncode)
+        self.report((program, *words), done.stdout or b"", done.stderr, done.returncode)
         return done
 
-    def ended(self, arguments, out, errors, status):
-        self.told(("tarnwick", *arguments), out, errors, status)
+    def report_run(self, arguments, out, errors, status):
+        self.report(("tarnwick", *arguments), out, errors, status)
         result = self.result(out, status)
         log = f"/tmp/tarnwick-{result.stamp}.log"
         self.note("log", read(log) if os.path.exists(log) else "")
@@ -264,13 +264,14 @@ class Scenario(unittest.TestCase):
         return Result(status, stamp and stamp[1], archive and os.path.join("/media/cwd", archive[1]),
                       temporary and temporary[1])
 
-    def told(self, words, out, errors, status):
+    def report(self, words, out, errors, status):
         self.record += "".join(line + "\n" for line in self.normal("$ " + shlex.join(words)))
         self.note("said", f"{out.decode(errors='backslashreplace')}[status {status}]")
-        self.note("errors", errors.decode() if status >= 0 else "")  # what an abort says is the library's own
+        self.note("errors", errors.decode() if status >= 0 else "")  # the library prints the reason of an abort
 
     def note(self, title, text):
-        """One part of the record; of what begins or ends as the last one of this title did, the number of lines."""
+        """One part of the record. Lines at its beginning and end that equal those of the last part of this title are
+        only counted."""
         lines, before = self.normal(text), self.noted.get(title, [])
         head = len(os.path.commonprefix([lines, before]))
         tail = len(os.path.commonprefix([lines[head:][::-1], before[head:][::-1]]))

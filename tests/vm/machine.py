@@ -134,7 +134,7 @@ class Console:
 
 
 class Machine:
-    """A running machine. `folder` holds its disks."""
+    """A running machine. Its disks are in `folder`."""
 
     def __init__(self, folder):
         self.folder, self.operator, self.control = folder, Console(), Console()
