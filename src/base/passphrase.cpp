@@ -96,19 +96,25 @@ void write(int terminal, const std::string& text) {
     [[maybe_unused]] const auto written = ::write(terminal, text.data(), text.size());
 }
 
-std::string readLine(Passphrase& passphrase, int terminal, const DelayedSignals& delayed) {
+Error readError(int code) { return {std::string("cannot read the passphrase: ") + std::strerror(code), code, {}}; }
+
+Error endOfInput() { return {"end of input instead of a passphrase", 0, {}}; }
+
+Error tooLong() { return {"the passphrase is too long", 0, {}}; }
+
+Status readLine(Passphrase& passphrase, int terminal, const DelayedSignals& delayed) {
     while (delayed.waitForInput(terminal)) {
         char byte = 0;
         const auto count = ::read(terminal, &byte, 1);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return std::string("cannot read the passphrase: ") + std::strerror(errno);
-        if (count == 0) return "end of input instead of a passphrase";
+        if (count < 0) return readError(errno);
+        if (count == 0) return endOfInput();
         if (byte == '\n') return {};
-        if (passphrase.isFull()) return "the passphrase is too long";
+        if (passphrase.remaining() == 0) return tooLong();
         passphrase.append(byte);
         explicit_bzero(&byte, 1);
     }
-    return "interrupted";
+    return Error{"interrupted", 0, {}};
 }
 
 }  // namespace
@@ -129,29 +135,30 @@ void Passphrase::clear() {
     size_ = 0;
 }
 
-std::string askPassphrase(Passphrase& passphrase, const std::string& question) {
+Status askPassphrase(Passphrase& passphrase, const std::string& question) {
     passphrase.clear();
     const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
-    if (!terminal) return "no terminal to ask for the passphrase on";
+    if (!terminal) return Error{"no terminal to ask for the passphrase on", errno, {}};
     const DelayedSignals delayed;
     const EchoOff silent(terminal.get());
-    if (!silent.isSilent()) return "cannot turn off the echo of the terminal";
+    if (!silent.isSilent()) return Error{"cannot turn off the echo of the terminal", 0, {}};
     write(terminal.get(), visibleText(question));
-    auto problem = readLine(passphrase, terminal.get(), delayed);
+    auto status = readLine(passphrase, terminal.get(), delayed);
     write(terminal.get(), "\n");
-    return problem;
+    return status;
 }
 
-std::string readPassphrase(Passphrase& passphrase, int descriptor) {
+Status readPassphrase(Passphrase& passphrase, int descriptor) {
     passphrase.clear();
-    while (passphrase.room() > 0) {
-        const auto count = ::read(descriptor, passphrase.end(), passphrase.room());
+    while (passphrase.remaining() > 0) {
+        const auto count = ::read(descriptor, passphrase.end(), passphrase.remaining());
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return std::string("cannot read the passphrase: ") + std::strerror(errno);
-        if (count == 0) return passphrase.size() == 0 ? "end of input instead of a passphrase" : "";
+        if (count < 0) return readError(errno);
+        if (count == 0 && passphrase.size() == 0) return endOfInput();
+        if (count == 0) return {};
         passphrase.grow(static_cast<std::size_t>(count));
     }
-    return "the passphrase is too long";
+    return tooLong();
 }
 
 }  // namespace tarnwick

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "base/error.h"
+
 namespace tarnwick {
 
 // Bytes that are kept out of swap where that is allowed; the destructor wipes them.
@@ -19,13 +21,12 @@ public:
 
     [[nodiscard]] const char* data() const { return bytes_.data(); }
     [[nodiscard]] std::size_t size() const { return size_; }
-    [[nodiscard]] bool isFull() const { return size_ == capacity; }
     void append(char byte);
     void clear();
 
     // Where the next bytes may be written, and how many; then `grow` adds their count to the size.
     [[nodiscard]] char* end() { return bytes_.data() + size_; }
-    [[nodiscard]] std::size_t room() const { return capacity - size_; }
+    [[nodiscard]] std::size_t remaining() const { return capacity - size_; }
     void grow(std::size_t count) { size_ += count; }
 
 private:
@@ -33,12 +34,13 @@ private:
     std::size_t size_ = 0;
 };
 
-// Asks on the controlling terminal with echo off; input typed before the question is discarded. Returns the problem,
-// empty on success: no terminal, end of input before a line end, a line longer than the capacity. A signal that ends
-// the program takes effect only after the terminal has its old settings again.
-std::string askPassphrase(Passphrase& passphrase, const std::string& question);
+// Asks on the controlling terminal with echo off; input typed before the question is discarded. Fails without a
+// terminal, at an end of input before a line end, and on a line longer than the capacity. A signal that ends the
+// program takes effect only after the terminal has its old settings again.
+Status askPassphrase(Passphrase& passphrase, const std::string& question);
 
-// Reads the descriptor to its end. Every byte counts, a line end too. Returns the problem, empty on success.
-std::string readPassphrase(Passphrase& passphrase, int descriptor);
+// Reads the descriptor to its end. Every byte counts, a line end too. Fails on an empty input and on one that fills the
+// capacity.
+Status readPassphrase(Passphrase& passphrase, int descriptor);
 
 }  // namespace tarnwick

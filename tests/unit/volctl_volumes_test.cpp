@@ -13,78 +13,80 @@
 
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "base/visible_text.h"
 #include "plist/xml_property_list.h"
 #include "temporary_folder.h"
 #include "volctl/answers.h"
+#include "volctl/volume_lookup.h"
 
 namespace fs = std::filesystem;
 using namespace tarnwick;
 
 namespace {
 
-ProbeAnswer answerOf(std::map<std::string, std::string>& values) {
+using Values = std::map<std::string, std::string>;
+
+ProbeAnswer answerOf(Values& values) {
     const auto& has = values["has"];
-    const auto content = has.empty()                 ? Content::nothing
-                         : has == "unknown"          ? Content::unknown
-                         : has == "swap"             ? Content::swap
-                         : has == "member"           ? Content::member
-                         : has.starts_with("crypto") ? Content::encrypted
-                                                     : Content::fileSystem;
-    return {content,        has == "unknown" ? "" : has, values["uuid"],    values["label"],
-            values["part"], values["partuuid"],          values["partname"]};
+    const auto content = has.empty()            ? Content::nothing
+                         : has == "unknown"     ? Content::unknown
+                         : has == "swap"        ? Content::swap
+                         : has == "member"      ? Content::member
+                         : has == "crypto_LUKS" ? Content::encrypted
+                                                : Content::fileSystem;
+    return {content,           content == Content::unknown ? "" : has,
+            values["uuid"],    values["label"],
+            values["part"],    values["partuuid"],
+            values["partname"]};
+}
+
+SettingsReading settingsOf(const std::string& keys) {
+    const auto list = parsePropertyList("<plist version=\"1.0\"><dict>" + keys + "</dict></plist>");
+    return readVolumeSettings(*list->as<PropertyListDictionary>());
 }
 
 class RecordedMachine {
 public:
-    RecordedMachine() { fs::create_directories(root_ / "class/block"); }
+    RecordedMachine() {
+        fs::create_directories(root_ / "class/block");
+        std::ofstream(root_ / "mountinfo").flush();
+    }
 
     void add(const std::string& line) {
         std::istringstream words(line);
         std::string first, rest;
         std::getline(std::getline(words, first, ' '), rest);
-        if (first == "mount") {
-            mounts_ += rest + '\n';
-        } else if (first == "settings") {
-            const auto list = parsePropertyList("<plist version=\"1.0\"><dict>" + rest + "</dict></plist>");
-            const auto reading = readVolumeSettings(*list->as<PropertyListDictionary>());
-            EXPECT_EQ(reading.problem, "");
-            settings_ = reading.settings;
-        } else if (first == "ask") {
-            asked_.push_back(rest);
-        } else {
+        if (first.find('/') == std::string::npos)
+            lines_[first].push_back(rest);
+        else
             addFolder(root_ / "devices" / first, std::istringstream(rest));
-        }
     }
 
     // The mounts, the volumes, the number of containers in the listing, and the answers.
     std::string found() {
-        std::ofstream(root_ / "mountinfo") << mounts_;
-        const Machine machine{readBlockDevices(root_),
-                              readVisibleMounts(root_ / "mountinfo"),
-                              settings_,
-                              [&](const BlockDevice& device) { return answers_[device.name]; },
-                              [](const std::string& path) { return !path.ends_with("file"); },
-                              [](const std::string& path) { return path == "/dev/disk/link" ? makedev(8, 77) : 0; },
-                              {}};
+        for (const auto& keys : lines_["settings"]) machine_.settings = settingsOf(keys).settings;
+        for (const auto& mount : lines_["mount"]) std::ofstream(root_ / "mountinfo", std::ios::app) << mount << '\n';
+        machine_.devices = readBlockDevices(root_);
+        machine_.mounts = *readVisibleMounts(root_ / "mountinfo");
+        machine_.probe = [&](const BlockDevice& device) { return answers_[device.name]; };
+        machine_.isDirectory = [](const std::string& path) { return !path.ends_with("file"); };
+        machine_.nodeNumber = [](const std::string& path) { return path == "/dev/disk/link" ? makedev(8, 77) : 0; };
         std::ostringstream text;
-        for (const auto& mount : machine.mounts)
+        for (const auto& mount : machine_.mounts)
             text << (text.tellp() > 0 ? " " : "") << mount.type << ':' << mount.target;
-        const auto volumes = findVolumes(machine);
+        const auto volumes = findVolumes(machine_);
         for (const auto& volume : volumes)
             text << '\n'
                  << volume.container << ' ' << volume.group << ' ' << volume.deviceIdentifier << ' ' << volume.name
                  << ' ' << volume.role << (volume.mountPoint.empty() ? "" : " at ") << volume.mountPoint
                  << (volume.locked ? " locked" : "") << (volume.exclusionReason.empty() ? "" : " left out");
-        const auto listing = writeXmlPropertyList(groupListing(volumes));
-        const std::regex container("ContainerReference");
+        const auto listing = groupListing(volumes);
         text << "\nlisted in "
-             << std::distance(std::sregex_iterator(listing.begin(), listing.end(), container), std::sregex_iterator());
-        for (const auto& identifier : asked_) {
-            const auto answer = lookUpVolume(machine, volumes, identifier).volume;
+             << findValueAs<PropertyListArray>(*listing.as<PropertyListDictionary>(), "Containers")->size();
+        for (const auto& identifier : lines_["ask"]) {
+            const auto answer = lookUpVolume(machine_, volumes, identifier);
             text << "\n\"" << identifier << "\": " << (answer ? answer->deviceIdentifier : "none")
                  << (answer && !answer->mountPoint.empty() ? " " + answer->mountPoint : "");
         }
@@ -93,7 +95,7 @@ public:
 
 private:
     void addFolder(const fs::path& home, std::istringstream words) {
-        std::map<std::string, std::string> values;
+        Values values;
         for (std::string word; words >> word;) values[word.substr(0, word.find('='))] = word.substr(word.find('=') + 1);
         fs::create_directories(home / "slaves");
         if (home.native().find("/block/") == std::string::npos) {
@@ -117,13 +119,12 @@ private:
 
     TemporaryFolder temporary_;
     const fs::path root_ = temporary_.path;
-    std::string mounts_;
-    VolumeSettings settings_;
+    std::map<std::string, std::vector<std::string>> lines_;  // by first word
+    Machine machine_;
     std::map<std::string, ProbeAnswer> answers_;
-    std::vector<std::string> asked_;
 };
 
-TEST(Volumes, AreThoseThatTheMachineHas) {
+TEST(Volumes, MatchEachRecordedMachine) {
     std::ifstream file(TEST_DATA "/machines.txt");
     int machines = 0;
     for (std::string title, line; std::getline(file, title); ++machines) {
@@ -139,38 +140,36 @@ TEST(Volumes, AreThoseThatTheMachineHas) {
     EXPECT_GT(machines, 30);
 }
 
-TEST(VolumeSettings, RejectsValuesOfAnotherTypeAndUnknownRoles) {
-    struct Row {
-        std::string keys;
-        std::string problem;
-        std::string prebootDirectory;  // a listing shows the settings that can be used
-    };
-    const auto* const goodKey = "<key>PrebootDirectory</key><string>/service</string>";
-    const Row rows[] = {
-        {"<key>Roles</key><dict><key>a</key><string>Swap</string></dict>", "", "/service"},
-        {"<key>Roles</key><array/>", "Roles is not a dictionary", "/boot"},
-        {"<key>Roles</key><dict><key>a</key><true/></dict>", "the role of a is not a string", "/boot"},
-        {"<key>PrebootDirectory</key><true/>", "PrebootDirectory is not a string", "/boot"},
-        {"<key>IncludeRemovable</key><integer>1</integer>", "IncludeRemovable is not a boolean", "/boot"},
-        {"<key>Roles</key><dict><key>a</key><string>data</string></dict>",
+TEST(VolumeSettings, RejectsWrongTypesAndUnknownRoles) {
+    const struct {
+        const char* name;
+        std::string keys, problem;
+        const char* prebootDirectory = "/boot";  // the defaults, after a value of a wrong type
+    } rows[] = {
+        {"good", "<key>Roles</key><dict><key>a</key><string>Swap</string></dict>", "", "/service"},
+        {"roles in an array", "<key>Roles</key><array/>", "Roles is not a dictionary"},
+        {"role as a boolean", "<key>Roles</key><dict><key>a</key><true/></dict>", "the role of a is not a string"},
+        {"folder as a boolean", "<key>PrebootDirectory</key><true/>", "PrebootDirectory is not a string"},
+        {"number for a boolean", "<key>IncludeRemovable</key><integer>1</integer>",
+         "IncludeRemovable is not a boolean"},
+        {"role in lower case", "<key>Roles</key><dict><key>a</key><string>data</string></dict>",
          "unknown role \"data\" of a; the roles are Preboot, Data, System, Swap and Other", "/service"},
     };
     for (const auto& row : rows) {
-        const auto list = parsePropertyList("<plist version=\"1.0\"><dict>" + (goodKey + row.keys) + "</dict></plist>");
-        const auto reading = readVolumeSettings(*list->as<PropertyListDictionary>());
-        EXPECT_EQ(reading.problem, row.problem);
-        EXPECT_EQ(reading.settings.prebootDirectory, row.prebootDirectory) << row.keys;
+        const auto reading = settingsOf("<key>PrebootDirectory</key><string>/service</string>" + row.keys);
+        EXPECT_EQ(reading.status ? "" : reading.status.error().text, row.problem) << row.name;
+        EXPECT_EQ(reading.settings.prebootDirectory, row.prebootDirectory) << row.name;
     }
 }
 
-TEST(VisibleText, LetsNoControlOrForeignByteThrough) {
-    EXPECT_EQ(visibleText("\xc3\xa9\xf0\x9f\x92\xbe [~"), "\xc3\xa9\xf0\x9f\x92\xbe [~");
-    for (const auto* raw :
-         {"\x1b", "\n", "\x7f", "\xc2\x9b", "\xe2\x80\xae", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"}) {
-        const auto visible = visibleText(raw);
-        EXPECT_TRUE(visible.size() == 4 * std::strlen(raw) && visible.starts_with("\\x")) << visible;
-    }
-    EXPECT_EQ(visibleText("\xe2\x82["), "\\xe2\\x82[");
+TEST(VisibleText, EscapesControlAndInvalidBytes) {
+    EXPECT_EQ(visibleText("\xc3\xa9\xf0\x9f\x92\xbe [~\xe2\x82["), "\xc3\xa9\xf0\x9f\x92\xbe [~\\xe2\\x82[");
+    for (const std::string raw :
+         {"\x1b", "\n", "\x7f", "\xc2\x9b", "\xe2\x80\xae", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
+        EXPECT_EQ(visibleText(raw).size(), 4 * raw.size()) << visibleText(raw);
+}
+
+TEST(PlainName, RejectsWhatAShellExpands) {
     EXPECT_TRUE(isPlainName("/mnt/A b_1.x-y:@+,=~"));
     for (const char each : {'$', '"', '\'', '\\', ';', '\n', '\t', '*', '%', '!', '\xc3'})
         EXPECT_FALSE(isPlainName(std::string("a") + each)) << each;

@@ -1,29 +1,22 @@
 // tarnwick-consent: shows and changes the consent records of this machine's data volumes.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
 #include <array>
-#include <cstdio>
 #include <filesystem>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
+#include <iterator>
 
-#include "base/visible_text.h"
+#include "companion.h"
 #include "platform/consent_record.h"
 #include "record_file.h"
-#include "volctl/volumes.h"
+#include "volctl/volume_lookup.h"
 #include "volume_consent.h"
 
 namespace {
 
 using namespace tarnwick;
 
-constexpr int failed = 1;
-constexpr int badUsage = 2;
-constexpr int overridden = 3;
+constexpr const char* program = "tarnwick-consent";
+constexpr int exitOverridden = 3;
 
 struct Decision {
     const char* command;
@@ -34,33 +27,25 @@ struct Decision {
 constexpr std::array decisions{
     Decision{"grant", "Record that diagnostic data may be collected", ConsentState::Granted},
     Decision{"deny", "Record that diagnostic data may not be collected", ConsentState::ExplicitlyDenied},
-    Decision{"ask", "Leave it open, so that each capture asks at the terminal", ConsentState::Indeterminate},
+    Decision{"ask", "Record no decision, so that each capture asks at the terminal", ConsentState::Indeterminate},
 };
 
-int complain(const std::string& problem) {
-    std::fprintf(stderr, "tarnwick-consent: %s\n", visibleText(problem).c_str());
-    return failed;
+struct Options {
+    bool asJson = false;
+    std::vector<std::string> identifiers;
+};
+
+// Devices cannot be read without root, so even the states that are shown would be wrong.
+Status requireRoot() {
+    return ::geteuid() == 0 ? Status() : Error{"only root can do this: try again with sudo", 0, {}};
 }
 
-// Devices cannot be read without root, so that even showing would be wrong.
-void requireRoot() {
-    if (::geteuid() != 0) throw std::runtime_error("only root can do this: try again with sudo");
-}
-
-int print(const std::string& text) {
-    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-    return written ? 0 : complain("cannot write the answer");
-}
-
-// With settings that cannot be followed, captures find no volume at all.
-Machine machineWithSettings() {
+// With settings that cannot be used, captures find no volume at all, so this is an error.
+Result<Machine> machineWithSettings() {
+    if (const auto root = requireRoot(); !root) return root.error();
     auto machine = thisMachine();
-    if (!machine.settingsProblem.empty()) throw std::runtime_error(machine.settingsProblem);
+    if (machine && !machine->settingsStatus) return machine->settingsStatus.error();
     return machine;
-}
-
-bool isMountedAtRoot(const Volume& volume) {
-    return std::find(volume.mountPoints.begin(), volume.mountPoints.end(), "/") != volume.mountPoints.end();
 }
 
 // In a chroot on a plain folder no mount is known at "/". A record made there is that of an image's root volume.
@@ -71,8 +56,9 @@ Volume unknownRoot() {
     return volume;
 }
 
-Lookup lookUp(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
-    if (identifier == "/" && std::none_of(volumes.begin(), volumes.end(), isMountedAtRoot)) return {unknownRoot(), {}};
+Result<Volume> lookUp(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
+    const auto isRoot = [](const Volume& each) { return isMountedAt(each, "/"); };
+    if (identifier == "/" && std::none_of(volumes.begin(), volumes.end(), isRoot)) return unknownRoot();
     return lookUpVolume(machine, volumes, identifier);
 }
 
@@ -89,116 +75,115 @@ std::vector<VolumeConsent> consentOfAll(const std::vector<Volume>& volumes) {
     return all;
 }
 
-int show(const std::vector<std::string>& identifiers, bool asJson) {
-    requireRoot();
+Result<int> show(const Options& options) {
     const auto machine = machineWithSettings();
-    const auto volumes = findVolumes(machine);
-    auto shown = identifiers.empty() ? dataVolumes(volumes) : std::vector<Volume>{};
+    if (!machine) return machine.error();
+    const auto volumes = findVolumes(*machine);
+    auto shown = options.identifiers.empty() ? dataVolumes(volumes) : std::vector<Volume>{};
     int status = 0;
-    for (const auto& identifier : identifiers) {
-        const auto answer = lookUp(machine, volumes, identifier);
-        if (answer.volume) {
-            shown.push_back(*answer.volume);
+    for (const auto& identifier : options.identifiers) {
+        const auto volume = lookUp(*machine, volumes, identifier);
+        if (volume) {
+            shown.push_back(*volume);
         } else {
-            status = complain(answer.problem);
+            report(program, volume.error());
+            status = exitFailed;
         }
     }
     const auto all = consentOfAll(shown);
-    return std::max(status, print(asJson ? consentJson(all) : consentTable(all)));
+    const auto printed = print(options.asJson ? consentJson(all) : consentTable(all));
+    return printed ? status : printed;
 }
 
-void requireChangeable(const Volume& volume) {
+Status requireChangeable(const Volume& volume) {
     const auto& device = volume.deviceIdentifier;
     if (!isDataVolume(volume))
-        throw std::runtime_error(device + " is never captured: its role is " + volume.role +
-                                 "; see Roles in volctl(8)");
-    const auto problem = obstacle(volume);
-    if (!problem.empty())
-        throw std::runtime_error(device + " is " + problem +
-                                 ": unlock it if needed, mount it for writing and try again");
+        return Error{"never captured, since its role is " + volume.role + "; see Roles in volctl(8)", 0, device};
+    if (const auto readable = requireMounted(volume); !readable)
+        return Error{readable.error().text + "; unlock it if needed, mount it for writing and try again", 0, device};
+    return {};
 }
 
 // All volumes are looked up before the first record is changed.
-std::vector<Volume> volumesToChange(const std::vector<std::string>& identifiers) {
+Result<std::vector<Volume>> volumesToChange(const std::vector<std::string>& identifiers) {
     const auto machine = machineWithSettings();
-    const auto volumes = findVolumes(machine);
+    if (!machine) return machine.error();
+    const auto volumes = findVolumes(*machine);
     std::vector<Volume> found;
     for (const auto& identifier : identifiers) {
-        auto answer = lookUp(machine, volumes, identifier);
-        if (!answer.volume) throw std::runtime_error(answer.problem);
-        found.push_back(std::move(*answer.volume));
+        const auto volume = lookUp(*machine, volumes, identifier);
+        if (!volume) return volume.error();
+        found.push_back(*volume);
     }
-    std::for_each(found.begin(), found.end(), requireChangeable);
+    for (const auto& volume : found)
+        if (const auto changeable = requireChangeable(volume); !changeable) return changeable.error();
     return found;
 }
 
-int changeRecord(const std::string& mountPoint, ConsentState wanted) {
+// The state that the changed record has: not `wanted` if SeedAutoSubmit decides otherwise.
+Result<ConsentState> recordDecision(const std::string& mountPoint, ConsentState wanted) {
     ConsentState result = wanted;
-    try {
-        changeConsentRecord(mountPoint, [&](PropertyListDictionary& record) {
-            record.erase(std::string(consentKey));
-            if (wanted != ConsentState::Indeterminate)
-                record[std::string(consentKey)] = PropertyListValue{wanted == ConsentState::Granted};
-            result = decideConsent(record).state;
-        });
-    } catch (const RecordError& error) {
-        return complain(mountPoint + ": " + error.what());
+    const auto changed = changeConsentRecord(mountPoint, [&](PropertyListDictionary& record) {
+        record.erase(std::string(consentKey));
+        if (wanted != ConsentState::Indeterminate)
+            record[std::string(consentKey)] = PropertyListValue{wanted == ConsentState::Granted};
+        result = decideConsent(record).state;
+    });
+    return changed ? Result<ConsentState>(result) : changed.error();
+}
+
+// Changes one record and reports what went wrong. Returns the exit status.
+int changeAndReport(const std::string& mountPoint, ConsentState wanted) {
+    const auto result = recordDecision(mountPoint, wanted);
+    if (!result) {
+        report(program, {result.error().text, result.error().code, mountPoint});
+        return exitFailed;
     }
-    if (result == wanted) return 0;
+    if (*result == wanted) return 0;
     const auto path = std::filesystem::path(mountPoint) / consentRecordPath;
-    complain(
-        mountPoint +
-        ": recorded, but without effect, because SeedAutoSubmit decides; to change that, remove SeedAutoSubmit from " +
-        path.native());
-    return overridden;
+    report(program, {"recorded, but SeedAutoSubmit overrides it; remove SeedAutoSubmit from " + path.native() +
+                         " to change that",
+                     0, mountPoint});
+    return exitOverridden;
 }
 
-int change(const std::vector<std::string>& identifiers, ConsentState wanted) {
-    requireRoot();
-    const auto volumes = volumesToChange(identifiers.empty() ? std::vector<std::string>{"/"} : identifiers);
+Result<int> change(const Options& options, ConsentState wanted) {
+    const auto volumes =
+        volumesToChange(options.identifiers.empty() ? std::vector<std::string>{"/"} : options.identifiers);
+    if (!volumes) return volumes.error();
     bool someFailed = false, someOverridden = false;
-    for (const auto& volume : volumes) {
-        const int status = changeRecord(volume.mountPoint, wanted);
-        someFailed |= status == failed;
-        someOverridden |= status == overridden;
+    for (const auto& volume : *volumes) {
+        const int status = changeAndReport(volume.mountPoint, wanted);
+        someFailed |= status == exitFailed;
+        someOverridden |= status == exitOverridden;
     }
-    someFailed |= print(consentTable(consentOfAll(volumes))) != 0;
-    return someFailed ? failed : someOverridden ? overridden : 0;
+    if (const auto printed = print(consentTable(consentOfAll(*volumes))); !printed) return printed;
+    return someFailed ? exitFailed : someOverridden ? exitOverridden : 0;
 }
 
-int run(int count, char** values) {
-    CLI::App app("Show and change the consent records of this machine's data volumes", "tarnwick-consent");
-    app.set_version_flag("--version", "tarnwick-consent " TARNWICK_VERSION, "print the version and end");
-    app.require_subcommand(1);
-    int status = 0;
-    bool asJson = false;
-    std::vector<std::string> identifiers;
+using Command = std::function<Result<int>(const Options&)>;
 
+void declareCommands(CLI::App& app, Options& options, Command& chosen) {
+    app.require_subcommand(1);
     auto* showCommand = app.add_subcommand("show", "Show what is recorded");
-    showCommand->add_flag("--json", asJson, "one JSON object a line");
-    showCommand->add_option("VOLUME", identifiers,
+    showCommand->add_flag("--json", options.asJson, "one JSON object a line");
+    showCommand->add_option("VOLUME", options.identifiers,
                             "device name, mount point or volume name; without, all data volumes");
-    showCommand->callback([&] { status = show(identifiers, asJson); });
+    showCommand->callback([&chosen] { chosen = show; });
     for (const auto& decision : decisions) {
         auto* command = app.add_subcommand(decision.command, decision.help);
-        command->add_option("VOLUME", identifiers, "device name, mount point or volume name; without, the volume at /");
-        command->callback([&] { status = change(identifiers, decision.state); });
+        command->add_option("VOLUME", options.identifiers,
+                            "device name, mount point or volume name; without, the volume at /");
+        command->callback([&] { chosen = [&](const Options& given) { return change(given, decision.state); }; });
     }
-
-    try {
-        app.parse(count, values);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : badUsage;
-    }
-    return status;
 }
 
 }  // namespace
 
 int main(int count, char** values) {
-    try {
-        return run(count, values);
-    } catch (const std::exception& error) {
-        return complain(error.what());
-    }
+    CLI::App app("Show and change the consent records of this machine's data volumes", program);
+    Options options;
+    Command chosen;
+    declareCommands(app, options, chosen);
+    return runCompanion(app, argumentsOf(count, values), [&] { return chosen(options); });
 }

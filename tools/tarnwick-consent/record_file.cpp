@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <utility>
@@ -18,6 +17,7 @@
 #include "base/random_name.h"
 #include "platform/consent_record.h"
 #include "plist/xml_property_list.h"
+#include "volctl/blocked_signals.h"
 
 namespace tarnwick {
 
@@ -26,13 +26,14 @@ namespace {
 constexpr mode_t folderMode = 0755;
 constexpr mode_t recordMode = 0644;
 
-[[noreturn]] void fail(const std::string& subject, int error) {
-    switch (error) {
-        case ELOOP: throw RecordError(subject + " is a symbolic link");
-        case EXDEV: throw RecordError(subject + " is the mount point of another file system");
-        case ENOTDIR: throw RecordError(subject + " is not a folder");
-        case EROFS: throw RecordError("the volume is read-only: mount it for writing and try again");
-        default: throw RecordError(subject + ": " + std::strerror(error));
+// A failed call of the system on the file or folder `name`.
+Error callError(const std::string& name, int code) {
+    switch (code) {
+        case ELOOP: return {name + " is a symbolic link", code, {}};
+        case EXDEV: return {name + " is the mount point of another file system", code, {}};
+        case ENOTDIR: return {name + " is not a folder", code, {}};
+        case EROFS: return {"the volume is read-only: mount it for writing and try again", code, {}};
+        default: return {name + ": " + std::strerror(code), code, {}};
     }
 }
 
@@ -49,30 +50,31 @@ FileDescriptor openBelow(const FileDescriptor& folder, const std::string& name, 
 }
 
 // In a chroot, "/" need not be a mount point.
-void requireMounted(const FileDescriptor& folder, const std::string& mountPoint) {
+Status requireMountRoot(const FileDescriptor& folder, const std::string& mountPoint) {
     struct statx status {};
-    if (::statx(folder.get(), "", AT_EMPTY_PATH, 0, &status) != 0) fail(mountPoint, errno);
+    if (::statx(folder.get(), "", AT_EMPTY_PATH, 0, &status) != 0) return callError(mountPoint, errno);
     const bool isKnown = (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
     if (mountPoint != "/" && isKnown && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
-        throw RecordError("nothing is mounted there any more");
+        return Error{"no longer mounted", 0, {}};
+    return {};
 }
 
-FileDescriptor openMountPoint(const std::string& mountPoint) {
+Result<FileDescriptor> openMountPoint(const std::string& mountPoint) {
     auto folder = openWithRules(AT_FDCWD, mountPoint, O_RDONLY | O_DIRECTORY, 0);
-    if (!folder) fail(mountPoint, errno);
-    requireMounted(folder, mountPoint);
+    if (!folder) return callError(mountPoint, errno);
+    if (const auto mounted = requireMountRoot(folder, mountPoint); !mounted) return mounted.error();
     return folder;
 }
 
 // Syncs a file or folder.
-void sync(const FileDescriptor& file, const std::string& name) {
-    if (::fsync(file.get()) != 0) fail(name, errno);
+Status sync(const FileDescriptor& file, const std::string& name) {
+    return ::fsync(file.get()) == 0 ? Status() : callError(name, errno);
 }
 
 // The folders from the mount point to the record. The destructor removes those that were made unless keep() was called.
 class RecordFolders {
 public:
-    explicit RecordFolders(const std::string& mountPoint) { open_.push_back(openMountPoint(mountPoint)); }
+    explicit RecordFolders(FileDescriptor mountPoint) { open_.push_back(std::move(mountPoint)); }
     RecordFolders(const RecordFolders&) = delete;
     RecordFolders& operator=(const RecordFolders&) = delete;
     ~RecordFolders() {
@@ -80,13 +82,27 @@ public:
             ::unlinkat(made_.back().parent, made_.back().name.c_str(), AT_REMOVEDIR);
     }
 
-    // Opens the folders one below the other. Returns false when one is missing.
-    bool open() { return descend(false); }
-    void openOrMake() { descend(true); }
+    // Opens the folders one below the other. False when one is missing; with `make`, it is made.
+    Result<bool> open(bool make) {
+        for (const auto& name : std::filesystem::path(consentRecordPath).parent_path()) {
+            auto folder = openBelow(last(), name, O_RDONLY | O_DIRECTORY);
+            if (!folder && errno == ENOENT) {
+                if (!make) return false;
+                if (const auto made = this->make(name); !made) return made.error();
+                folder = openBelow(last(), name, O_RDONLY | O_DIRECTORY);
+            }
+            if (!folder) return callError(name, errno);
+            open_.push_back(std::move(folder));
+        }
+        return true;
+    }
 
-    void keep() {
-        for (auto folder = open_.rbegin(); folder != open_.rend() && !made_.empty(); ++folder) sync(*folder, "folder");
+    // Syncs the folders into which a new one was made.
+    Status keep() {
+        for (auto folder = open_.rbegin(); folder != open_.rend() && !made_.empty(); ++folder)
+            if (auto synced = sync(*folder, "folder"); !synced) return synced;
         made_.clear();
+        return {};
     }
 
     [[nodiscard]] const FileDescriptor& last() const { return open_.back(); }
@@ -97,26 +113,13 @@ private:
         std::string name;
     };
 
-    bool descend(bool make) {
-        for (const auto& name : std::filesystem::path(consentRecordPath).parent_path()) {
-            auto folder = openBelow(last(), name, O_RDONLY | O_DIRECTORY);
-            if (!folder && errno == ENOENT) {
-                if (!make) return false;
-                this->make(name);
-                folder = openBelow(last(), name, O_RDONLY | O_DIRECTORY);
-            }
-            if (!folder) fail(name, errno);
-            open_.push_back(std::move(folder));
-        }
-        return true;
-    }
-
-    void make(const std::string& name) {
+    Status make(const std::string& name) {
         if (::mkdirat(last().get(), name.c_str(), folderMode) == 0) {
             made_.push_back({last().get(), name});
         } else if (errno != EEXIST) {
-            fail(name, errno);
+            return callError(name, errno);
         }
+        return {};
     }
 
     std::vector<FileDescriptor> open_;  // the mount point first
@@ -125,128 +128,130 @@ private:
 
 std::string recordName() { return std::filesystem::path(consentRecordPath).filename(); }
 
-void requireRegular(const struct stat& status) {
-    if (!S_ISREG(status.st_mode)) throw RecordError("the record is not a regular file");
+Status requireRegular(const struct stat& status) {
+    return S_ISREG(status.st_mode) ? Status() : Error{"the record is not a regular file", 0, {}};
 }
 
-// fstatat before the open, so that no device is opened; fstat again after it, since the name may have changed.
-FileDescriptor openRecord(const FileDescriptor& folder) {
+// No descriptor when there is no record. fstatat before the open, so that no device is opened; fstat again after it,
+// since the name may have changed.
+Result<FileDescriptor> openRecord(const FileDescriptor& folder) {
     struct stat status {};
-    if (::fstatat(folder.get(), recordName().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) return {};
-        fail("the record", errno);
-    }
-    requireRegular(status);
+    if (::fstatat(folder.get(), recordName().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? Result<FileDescriptor>(FileDescriptor()) : callError("the record", errno);
+    if (const auto regular = requireRegular(status); !regular) return regular.error();
     auto file = openBelow(folder, recordName(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    if (!file || ::fstat(file.get(), &status) != 0) fail("the record", errno);
-    requireRegular(status);
-    if (status.st_size > static_cast<off_t>(maxPropertyListFile)) throw RecordError("the record is larger than 16 MiB");
+    if (!file || ::fstat(file.get(), &status) != 0) return callError("the record", errno);
+    if (const auto regular = requireRegular(status); !regular) return regular.error();
+    if (status.st_size > static_cast<off_t>(maxPropertyListFile))
+        return Error{"the record is larger than 16 MiB", EFBIG, {}};
     return file;
 }
 
-std::optional<PropertyListDictionary> readFrom(const FileDescriptor& folder) {
+Result<std::optional<PropertyListDictionary>> readFrom(const FileDescriptor& folder) {
     const auto file = openRecord(folder);
-    if (!file) return std::nullopt;
-    const auto bytes = readToEnd(file, maxPropertyListFile);
-    if (!bytes) fail("the record", bytes.error().code);
+    if (!file) return file.error();
+    if (!*file) return std::optional<PropertyListDictionary>();
+    const auto bytes = readToEnd(*file, maxPropertyListFile);
+    if (!bytes) return callError("the record", bytes.error().code);
     auto record = parsePropertyListText(*bytes);
-    if (!record) throw RecordError("the record is not a property list with a dictionary");
+    if (!record) return Error{"the record is not a property list with a dictionary as its root", 0, {}};
     return record;
 }
 
 // A new file with a random name. The destructor removes it unless it was renamed.
 class TemporaryFile {
 public:
-    explicit TemporaryFile(const FileDescriptor& folder)
-        : folder_(folder.get()), name_(".tarnwick-consent-" + randomDigits()) {
-        file_ = openBelow(folder, name_, O_WRONLY | O_CREAT | O_EXCL);
-        if (!file_) {
-            const int error = errno;
-            name_.clear();
-            fail("the new record", error);
-        }
-    }
+    explicit TemporaryFile(const FileDescriptor& folder) : folder_(folder) {}
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile() {
-        if (!name_.empty()) ::unlinkat(folder_, name_.c_str(), 0);
+        if (!name_.empty()) ::unlinkat(folder_.get(), name_.c_str(), 0);
     }
 
-    void write(std::string_view bytes) {
+    Status create() {
+        const auto name = ".tarnwick-consent-" + randomDigits();
+        file_ = openBelow(folder_, name, O_WRONLY | O_CREAT | O_EXCL);
+        if (!file_) return failure(errno);
+        name_ = name;
+        return {};
+    }
+
+    Status write(std::string_view bytes) {
         while (!bytes.empty()) {
             const auto count = ::write(file_.get(), bytes.data(), bytes.size());
             if (count < 0 && errno == EINTR) continue;
-            if (count < 0) fail("the new record", errno);
+            if (count < 0) return failure(errno);
             bytes.remove_prefix(static_cast<std::size_t>(count));
         }
+        return {};
     }
 
     // A file system without owners and modes refuses every change, so nothing is changed without need.
-    void setOwnerAndMode() {
+    Status setOwnerAndMode() {
         struct stat status {};
         bool done = ::fstat(file_.get(), &status) == 0;
         if (done && (status.st_uid != 0 || status.st_gid != 0)) done = ::fchown(file_.get(), 0, 0) == 0;
         if (done && (status.st_mode & 07777) != recordMode) done = ::fchmod(file_.get(), recordMode) == 0;
-        if (!done) fail("the new record", errno);
+        return done ? Status() : failure(errno);
     }
 
-    void close() {
-        sync(file_, "the new record");
-        if (::close(file_.release()) != 0) fail("the new record", errno);
+    Status close() {
+        if (auto synced = sync(file_, "the new record"); !synced) return synced;
+        return ::close(file_.release()) == 0 ? Status() : failure(errno);
     }
 
-    void rename(const std::string& name) {
-        if (::renameat(folder_, name_.c_str(), folder_, name.c_str()) != 0) fail("the record", errno);
+    Status rename(const std::string& name) {
+        if (::renameat(folder_.get(), name_.c_str(), folder_.get(), name.c_str()) != 0)
+            return callError("the record", errno);
         name_.clear();
+        return {};
     }
 
 private:
-    int folder_;
+    static Error failure(int code) { return callError("the new record", code); }
+
+    const FileDescriptor& folder_;
     std::string name_;
     FileDescriptor file_;
 };
 
-// Holds back the signals by which people end a program, so that it does not end with a temporary file left.
-class SignalHold {
-public:
-    SignalHold() {
-        sigset_t held;
-        sigemptyset(&held);
-        for (const int each : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&held, each);
-        ::pthread_sigmask(SIG_BLOCK, &held, &before_);
-    }
-    SignalHold(const SignalHold&) = delete;
-    SignalHold& operator=(const SignalHold&) = delete;
-    ~SignalHold() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-private:
-    sigset_t before_{};
-};
+Status replaceRecord(const FileDescriptor& folder, std::string_view text) {
+    TemporaryFile file(folder);
+    if (auto created = file.create(); !created) return created;
+    if (auto written = file.write(text); !written) return written;
+    if (auto set = file.setOwnerAndMode(); !set) return set;
+    if (auto closed = file.close(); !closed) return closed;
+    if (auto renamed = file.rename(recordName()); !renamed) return renamed;
+    return sync(folder, "folder");
+}
 
 }  // namespace
 
-std::optional<PropertyListDictionary> readConsentRecord(const std::string& mountPoint) {
-    RecordFolders folders(mountPoint);
-    return folders.open() ? readFrom(folders.last()) : std::nullopt;
+Result<std::optional<PropertyListDictionary>> readConsentRecord(const std::string& mountPoint) {
+    auto opened = openMountPoint(mountPoint);
+    if (!opened) return opened.error();
+    RecordFolders folders(std::move(*opened));
+    const auto found = folders.open(false);
+    if (!found) return found.error();
+    return *found ? readFrom(folders.last()) : std::optional<PropertyListDictionary>();
 }
 
-void changeConsentRecord(const std::string& mountPoint, const std::function<void(PropertyListDictionary&)>& change) {
-    const SignalHold hold;
+Status changeConsentRecord(const std::string& mountPoint, const std::function<void(PropertyListDictionary&)>& change) {
+    const BlockedSignals untilDone;  // so that no temporary file remains
     ::umask(0777 & ~folderMode);
-    RecordFolders folders(mountPoint);
-    folders.openOrMake();
-    auto record = readFrom(folders.last()).value_or(PropertyListDictionary{});
+    auto opened = openMountPoint(mountPoint);
+    if (!opened) return opened.error();
+    RecordFolders folders(std::move(*opened));
+    if (const auto found = folders.open(true); !found) return found.error();
+    auto old = readFrom(folders.last());
+    if (!old) return old.error();
+    auto record = std::move(*old).value_or(PropertyListDictionary{});
     change(record);
     const auto text = writeXmlPropertyList(PropertyListValue{std::move(record)});
-    if (text.size() > maxPropertyListFile) throw RecordError("the XML form of the record would be larger than 16 MiB");
-
-    TemporaryFile file(folders.last());
-    file.write(text);
-    file.setOwnerAndMode();
-    file.close();
-    file.rename(recordName());
-    sync(folders.last(), "folder");
-    folders.keep();
+    if (text.size() > maxPropertyListFile)
+        return Error{"the XML form of the record would be larger than 16 MiB", EFBIG, {}};
+    if (auto replaced = replaceRecord(folders.last(), text); !replaced) return replaced;
+    return folders.keep();
 }
 
 }  // namespace tarnwick

@@ -10,12 +10,11 @@
 #include "base/visible_text.h"
 #include "platform/consent_record.h"
 #include "record_file.h"
+#include "volctl/listing.h"
 
 namespace tarnwick {
 
 namespace {
-
-using Row = std::array<std::string, 3>;
 
 const char* wordFor(ConsentState state) {
     switch (state) {
@@ -26,16 +25,21 @@ const char* wordFor(ConsentState state) {
     return "not decided";
 }
 
-void decide(VolumeConsent& consent, const PropertyListDictionary& record) {
+void setDecision(VolumeConsent& consent, const PropertyListDictionary& record) {
     const auto decision = decideConsent(record);
     consent.state = wordFor(decision.state);
     if (decision.state != ConsentState::Indeterminate)
         consent.decidedBy = decision.fromSeed ? seedConsentKey : consentKey;
 }
 
+Result<std::optional<PropertyListDictionary>> readRecord(const Volume& volume) {
+    const auto mounted = requireMounted(volume);
+    return mounted ? readConsentRecord(volume.mountPoint) : mounted.error();
+}
+
 std::string shown(const std::string& text) { return text.empty() ? "-" : visibleText(text); }
 
-Row rowOf(const VolumeConsent& consent) {
+std::vector<std::string> rowOf(const VolumeConsent& consent) {
     auto state = consent.state;
     if (!consent.reason.empty()) state += ": " + visibleText(consent.reason);
     if (consent.decidedBy == seedConsentKey) state += " by " + consent.decidedBy;
@@ -58,46 +62,30 @@ std::string jsonLine(const VolumeConsent& consent) {
 
 bool isDataVolume(const Volume& volume) { return volume.role == "Data"; }
 
-std::string obstacle(const Volume& volume) {
-    if (volume.locked) return "locked";
-    return volume.mountPoint.empty() ? "not mounted" : "";
+Status requireMounted(const Volume& volume) {
+    if (volume.locked) return Error{"locked", 0, volume.deviceIdentifier};
+    return volume.mountPoint.empty() ? Error{"not mounted", 0, volume.deviceIdentifier} : Status();
 }
 
 VolumeConsent consentOf(const Volume& volume) {
-    VolumeConsent consent{volume.deviceIdentifier, volume.mountPoint, {}, {}, {}};
+    VolumeConsent consent{volume.deviceIdentifier, volume.mountPoint, "no record", {}, {}};
     if (!isDataVolume(volume)) {
         consent.state = "never captured";
         consent.reason = "its role is " + volume.role;
-        return consent;
-    }
-    consent.reason = obstacle(volume);
-    try {
-        const auto record = consent.reason.empty() ? readConsentRecord(volume.mountPoint) : std::nullopt;
-        consent.state = consent.reason.empty() ? "no record" : "unreadable";
-        if (record) decide(consent, *record);
-    } catch (const RecordError& error) {
+    } else if (const auto record = readRecord(volume); !record) {
         consent.state = "unreadable";
-        consent.reason = error.what();
+        consent.reason = record.error().text;
+    } else if (*record) {
+        setDecision(consent, **record);
     }
     return consent;
 }
 
-// Device names and mount points of listed volumes are plain ASCII, so a byte is a column.
 std::string consentTable(const std::vector<VolumeConsent>& volumes) {
     if (volumes.empty()) return {};
-    std::vector<Row> rows{{"DEVICE", "MOUNT POINT", "STATE"}};
+    std::vector<std::vector<std::string>> rows{{"DEVICE", "MOUNT POINT", "STATE"}};
     std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
-    std::array<std::size_t, 2> widths{};
-    for (const auto& row : rows)
-        for (std::size_t column = 0; column < widths.size(); ++column)
-            widths[column] = std::max(widths[column], row[column].size());
-    std::string table;
-    for (const auto& row : rows) {
-        for (std::size_t column = 0; column < widths.size(); ++column)
-            table += row[column] + std::string(widths[column] + 2 - row[column].size(), ' ');
-        table += row.back() + "\n";
-    }
-    return table;
+    return alignedTable(rows);
 }
 
 std::string consentJson(const std::vector<VolumeConsent>& volumes) {

@@ -1,9 +1,10 @@
-// What the consent record of a volume comes to, and how that is shown.
+// The decision that the consent record of a volume contains, and its output.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "volctl/volumes.h"
 
 namespace tarnwick {
@@ -16,16 +17,16 @@ struct VolumeConsent {
     std::string decidedBy;   // the key of the record that decided; else empty
 };
 
-// Whether a capture takes files from the volume, if its owner consents.
+// Whether a capture includes the volume, if its owner consents.
 bool isDataVolume(const Volume& volume);
 
-// "locked" or "not mounted", if no record can be read or changed for that reason; else empty.
-std::string obstacle(const Volume& volume);
+// Fails with the text "locked" or "not mounted" when no record can be read or changed for that reason.
+Status requireMounted(const Volume& volume);
 
 // Reads the record of a mounted data volume.
 VolumeConsent consentOf(const Volume& volume);
 
-// One line a volume under a line of titles; empty without a volume.
+// One line for each volume under a line of titles; empty without a volume.
 std::string consentTable(const std::vector<VolumeConsent>& volumes);
 
 // One JSON object a line.

@@ -125,7 +125,7 @@ std::optional<BlockDevice> readDevice(const fs::path& entry) {
 }
 
 const BlockDevice* findByNodeName(const BlockDevices& devices, const std::string& name) {
-    if (const auto found = devices.find(name); found != devices.end()) return &found->second;
+    if (const auto* found = findDevice(devices, name)) return found;
     for (const auto& [key, device] : devices)
         if (!device.mapName.empty() && name == "mapper/" + device.mapName) return &device;
     return nullptr;
@@ -165,12 +165,16 @@ BlockDevices readBlockDevices(const fs::path& sysfs) {
     return devices;
 }
 
+const BlockDevice* findDevice(const BlockDevices& devices, const std::string& name) {
+    const auto found = devices.find(name);
+    return found == devices.end() ? nullptr : &found->second;
+}
+
 std::vector<const BlockDevice*> deviceStack(const BlockDevices& devices, const BlockDevice& top) {
     std::vector<const BlockDevice*> stack{&top};
     const auto add = [&](const std::string& name) {
-        const auto found = devices.find(name);
-        if (found != devices.end() && std::find(stack.begin(), stack.end(), &found->second) == stack.end())
-            stack.push_back(&found->second);
+        const auto* device = findDevice(devices, name);
+        if (device && std::find(stack.begin(), stack.end(), device) == stack.end()) stack.push_back(device);
     };
     for (std::size_t i = 0; i < stack.size(); ++i) {
         const auto& device = *stack[i];
@@ -180,7 +184,7 @@ std::vector<const BlockDevice*> deviceStack(const BlockDevices& devices, const B
     return stack;
 }
 
-std::string devicePath(const BlockDevice& device) {
+Result<std::string> devicePath(const BlockDevice& device) {
     std::vector<std::string> candidates{"/dev/" + device.name};
     if (!device.mapName.empty()) candidates.push_back("/dev/mapper/" + device.mapName);
     candidates.push_back("/dev/block/" + std::to_string(major(device.number)) + ":" +
@@ -189,19 +193,18 @@ std::string devicePath(const BlockDevice& device) {
         struct stat status {};
         if (::stat(path.c_str(), &status) == 0 && isNodeOf(status, device)) return path;
     }
-    return {};
+    return Error{"no device node in /dev", ENXIO, device.name};
 }
 
-FileDescriptor openDevice(const BlockDevice& device) {
+Result<FileDescriptor> openDevice(const BlockDevice& device) {
     const auto path = devicePath(device);
+    if (!path) return path.error();
     // O_NONBLOCK, so that a drive without a medium does not block.
-    FileDescriptor opened(path.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    FileDescriptor opened(::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (path.empty()) errno = ENXIO;
-    if (!opened) return opened;
-    if (::fstat(opened.get(), &status) == 0 && isNodeOf(status, device)) return opened;
-    errno = ENXIO;
-    return {};
+    if (!opened || ::fstat(opened.get(), &status) != 0) return systemError(errno, *path);
+    if (!isNodeOf(status, device)) return Error{"replaced by another device", ENXIO, *path};
+    return opened;
 }
 
 }  // namespace tarnwick

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "base/handle.h"
 
 namespace tarnwick {
@@ -38,14 +39,17 @@ using BlockDevices = std::map<std::string, BlockDevice, VersionOrder>;
 // backing file, and devices that vanish in the meantime.
 BlockDevices readBlockDevices(const std::filesystem::path& sysfs = "/sys");
 
+// The device of this name, or null.
+const BlockDevice* findDevice(const BlockDevices& devices, const std::string& name);
+
 // The device, the disk of its partition and everything below it, each once, the device itself first.
 std::vector<const BlockDevice*> deviceStack(const BlockDevices& devices, const BlockDevice& top);
 
 // The path of the device node: the first of /dev/NAME, /dev/mapper/MAPNAME and /dev/block/MAJOR:MINOR that is a block
-// device with the right number; empty when there is none.
-std::string devicePath(const BlockDevice& device);
+// device with the right number. Fails when there is none.
+Result<std::string> devicePath(const BlockDevice& device);
 
-// Opens the device read-only. No descriptor (errno set) when that fails or the node has another number.
-FileDescriptor openDevice(const BlockDevice& device);
+// Opens the device read-only. Fails also when the node has another number by then.
+Result<FileDescriptor> openDevice(const BlockDevice& device);
 
 }  // namespace tarnwick

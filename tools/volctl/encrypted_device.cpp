@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -16,9 +15,10 @@ namespace {
 
 using CryptDevice = std::unique_ptr<crypt_device, FreeWith<crypt_free>>;
 
-constexpr int tries = 3;
+constexpr int maxQuestions = 3;
+constexpr const char* wrongPassphrase = "Wrong passphrase, try again. ";
 
-// The last message of the library: it says more than its error numbers.
+// The first error message of a call of the library: it says more than its error numbers.
 void keepMessage(int level, const char* message, void* kept) {
     auto& text = *static_cast<std::string*>(kept);
     if (level != CRYPT_LOG_ERROR || !text.empty()) return;
@@ -26,29 +26,23 @@ void keepMessage(int level, const char* message, void* kept) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
 }
 
-std::string problemText(const std::string& what, int error, const std::string& message) {
-    return what + ": " + (message.empty() ? std::strerror(-error) : message);
+Error libraryError(const std::string& what, int error, const std::string& message, const std::string& subject) {
+    return {what + ": " + (message.empty() ? std::strerror(-error) : message), -error, subject};
 }
 
-CryptDevice loadHeader(const BlockDevice& device, std::string& message, std::string& problem) {
+// The container on the device. The library writes its later messages to `message`.
+Result<CryptDevice> readHeader(const BlockDevice& device, std::string& message) {
     const auto path = devicePath(device);
+    if (!path) return path.error();
     crypt_device* raw = nullptr;
-    if (path.empty()) {
-        problem = "no device node for " + device.name;
-        return nullptr;
-    }
-    if (const int error = crypt_init(&raw, path.c_str()); error < 0) {
-        problem = problemText("cannot open " + path, error, message);
-        return nullptr;
-    }
+    if (const int error = crypt_init(&raw, path->c_str()); error < 0)
+        return libraryError("cannot open the device", error, {}, device.name);
     CryptDevice opened(raw);
     crypt_set_log_callback(opened.get(), keepMessage, &message);
     // Without its locks the library does not repair a damaged copy of the header, so nothing is written.
     crypt_metadata_locking(opened.get(), 0);
-    if (const int error = crypt_load(opened.get(), CRYPT_LUKS, nullptr); error < 0) {
-        problem = problemText("no usable LUKS header on " + device.name, error, message);
-        return nullptr;
-    }
+    if (const int error = crypt_load(opened.get(), CRYPT_LUKS, nullptr); error < 0)
+        return libraryError("no usable LUKS header", error, message, device.name);
     return opened;
 }
 
@@ -77,31 +71,30 @@ std::string mappingName(const std::string& deviceName) {
     return name;
 }
 
-std::string openEncryptedDevice(const BlockDevice& device, int keyDescriptor) {
+Status openEncryptedDevice(const BlockDevice& device, int keyDescriptor) {
     std::string message;
-    std::string problem;
-    const auto opened = loadHeader(device, message, problem);
-    if (!opened) return problem;
+    const auto opened = readHeader(device, message);
+    if (!opened) return opened.error();
     Passphrase passphrase;
-    for (int left = keyDescriptor < 0 ? tries : 1; left > 0; --left) {
-        problem = keyDescriptor < 0 ? askPassphrase(passphrase, "Passphrase for " + device.name + ": ")
-                                    : readPassphrase(passphrase, keyDescriptor);
-        if (!problem.empty()) return problem;
+    const int attempts = keyDescriptor < 0 ? maxQuestions : 1;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        const std::string question = (attempt > 0 ? wrongPassphrase : "") + ("Passphrase for " + device.name + ": ");
+        auto read = keyDescriptor < 0 ? askPassphrase(passphrase, question) : readPassphrase(passphrase, keyDescriptor);
+        if (!read) return read;
         message.clear();
-        const int result = activate(opened.get(), mappingName(device.name), passphrase);
+        const int result = activate(opened->get(), mappingName(device.name), passphrase);
         if (result >= 0) return {};
-        if (result != -EPERM) return problemText("cannot open " + device.name, result, message);
-        if (left > 1) std::fputs("volctl: wrong passphrase, try again\n", stderr);
+        if (result != -EPERM) return libraryError("cannot open the volume", result, message, device.name);
     }
-    return "wrong passphrase for " + device.name;
+    return Error{"wrong passphrase", EPERM, device.name};
 }
 
-std::string closeEncryptedDevice(const std::string& mapping) {
+Status closeEncryptedDevice(const std::string& mapping) {
     std::string message;
     crypt_set_log_callback(nullptr, keepMessage, &message);
     const int error = crypt_deactivate(nullptr, mapping.c_str());
     crypt_set_log_callback(nullptr, nullptr, nullptr);
-    return error < 0 ? problemText("cannot close " + mapping, error, message) : std::string();
+    return error < 0 ? libraryError("cannot close the mapping", error, message, mapping) : Status();
 }
 
 }  // namespace tarnwick

@@ -9,8 +9,6 @@ namespace tarnwick {
 
 namespace {
 
-using Row = std::array<std::string, 8>;
-
 std::string shown(const std::string& text) { return text.empty() ? "-" : visibleText(text); }
 
 std::string stateOf(const Volume& volume) {
@@ -19,7 +17,7 @@ std::string stateOf(const Volume& volume) {
     return volume.mountPoint.empty() ? "not mounted" : "mounted";
 }
 
-Row rowOf(const Volume& volume) {
+std::vector<std::string> rowOf(const Volume& volume) {
     return {shown(volume.container), shown(volume.group),   shown(volume.deviceIdentifier), shown(volume.name),
             shown(volume.role),      sizeText(volume.size), shown(volume.mountPoint),       stateOf(volume)};
 }
@@ -44,19 +42,25 @@ std::string sizeText(std::uint64_t bytes) {
     return std::to_string(bytes) + (unit > 0 ? "." + std::to_string(tenths) : "") + " " + units[unit];
 }
 
-std::string volumeTable(const std::vector<Volume>& volumes) {
-    std::vector<Row> rows{{"CONTAINER", "GROUP", "DEVICE", "NAME", "ROLE", "SIZE", "MOUNT POINT", "STATE"}};
-    std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
+std::string alignedTable(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths(rows.empty() ? 0 : rows.front().size());
+    for (const auto& row : rows)
+        for (std::size_t column = 0; column < widths.size(); ++column)
+            widths[column] = std::max(widths[column], width(row[column]));
     std::string table;
     for (const auto& row : rows) {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
-            std::size_t widest = 0;
-            for (const auto& other : rows) widest = std::max(widest, width(other[column]));
-            table += row[column] + std::string(widest - width(row[column]) + 2, ' ');
-        }
+        for (std::size_t column = 0; column + 1 < widths.size(); ++column)
+            table += row[column] + std::string(widths[column] + 2 - width(row[column]), ' ');
         table += row.back() + "\n";
     }
     return table;
+}
+
+std::string volumeTable(const std::vector<Volume>& volumes) {
+    std::vector<std::vector<std::string>> rows{
+        {"CONTAINER", "GROUP", "DEVICE", "NAME", "ROLE", "SIZE", "MOUNT POINT", "STATE"}};
+    std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
+    return alignedTable(rows);
 }
 
 }  // namespace tarnwick

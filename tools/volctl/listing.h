@@ -12,6 +12,10 @@ namespace tarnwick {
 // that is left out gives the reason. Ends with a line end.
 std::string volumeTable(const std::vector<Volume>& volumes);
 
+// The rows one below the other, each column as wide as its widest cell, with two blanks between columns. A row has at
+// least one cell, and all have as many as the first.
+std::string alignedTable(const std::vector<std::vector<std::string>>& rows);
+
 // A size in units that people use: "512 B", "1.5 GiB"; "-" for 0.
 std::string sizeText(std::uint64_t bytes);
 

@@ -11,24 +11,27 @@ namespace {
 
 constexpr const char* settingsPath = "/etc/tarnwick/volumes.plist";
 
-// An automount point is mounted when the folder is opened. Mounts are listed by paths without links.
-void demandPreboot(std::string& folder) {
+// The folder without links, as mounts are listed; mounted, if it is an automount point, since it is opened. Unchanged
+// if that fails.
+std::string resolveMounted(const std::string& folder) {
     const FileDescriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::error_code error;
-    const auto real = std::filesystem::canonical(folder, error);
-    if (opened && !error && folder.starts_with('/')) folder = real;
+    const auto resolved = std::filesystem::canonical(folder, error);
+    return opened && !error && folder.starts_with('/') ? resolved.native() : folder;
 }
 
 }  // namespace
 
-Machine thisMachine() {
+Result<Machine> thisMachine() {
     Machine machine;
     auto reading = loadVolumeSettings(settingsPath);
     machine.settings = std::move(reading.settings);
-    machine.settingsProblem = std::move(reading.problem);
+    machine.settingsStatus = std::move(reading.status);
     machine.devices = readBlockDevices();
-    demandPreboot(machine.settings.prebootDirectory);
-    machine.mounts = readVisibleMounts();
+    machine.settings.prebootDirectory = resolveMounted(machine.settings.prebootDirectory);
+    auto mounts = readVisibleMounts();
+    if (!mounts) return mounts.error();
+    machine.mounts = std::move(*mounts);
     machine.probe = probeDevice;
     machine.isDirectory = [](const std::string& path) {
         struct stat status {};

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "block_devices.h"
 #include "mounts.h"
 #include "probe.h"
@@ -21,12 +22,12 @@ struct Machine {
     Prober probe;
     std::function<bool(const std::string&)> isDirectory;  // called for mount points that show part of a file system
     std::function<dev_t(const std::string&)> nodeNumber;  // of a path below /dev, links followed; 0: no block device
-    // Why volumes.plist cannot be used, and how to correct it; empty: no problem. Volumes are found all the same, so
-    // that they can be listed for people. A program that acts on their roles must refuse, as lookUpVolume does.
-    std::string settingsProblem;
+    // Whether volumes.plist can be used; the error says how to correct it. Volumes are found all the same, so that they
+    // can be listed for people. A program that acts on their roles must refuse, as lookUpVolume does.
+    Status settingsStatus;
 };
 
-// This machine, with /etc/tarnwick/volumes.plist.
-Machine thisMachine();
+// This machine, with /etc/tarnwick/volumes.plist. Fails when the mounts cannot be read.
+Result<Machine> thisMachine();
 
 }  // namespace tarnwick

@@ -1,134 +1,112 @@
 // volctl: lists the volumes of this machine and where they are mounted; unlocks locked ones.
-#include <CLI/CLI.hpp>
-#include <cstdio>
-#include <exception>
-#include <string>
-
 #include "answers.h"
-#include "base/visible_text.h"
+#include "companion.h"
 #include "listing.h"
 #include "plist/xml_property_list.h"
 #include "unlock.h"
+#include "volume_lookup.h"
 
 namespace {
 
 using namespace tarnwick;
 
-constexpr int failed = 1;
-constexpr int badUsage = 2;
+constexpr const char* program = "volctl";
 
-int complain(const std::string& problem) {
-    std::fprintf(stderr, "volctl: %s\n", visibleText(problem).c_str());
-    return failed;
-}
-
-int print(const std::string& text) {
-    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-    return written ? 0 : complain("cannot write the answer");
-}
-
-int list() {
-    const auto machine = thisMachine();
-    if (!machine.settingsProblem.empty()) complain("warning: " + machine.settingsProblem);
-    return print(volumeTable(findVolumes(machine)));
-}
-
-int listGroups(bool asPropertyList) {
-    const auto machine = thisMachine();
-    if (!machine.settingsProblem.empty()) return complain(machine.settingsProblem);
-    const auto volumes = findVolumes(machine);
-    if (!asPropertyList) return print(volumeTable(volumes));
-    for (const auto& volume : volumes)
-        if (!volume.exclusionReason.empty())
-            complain(volume.deviceIdentifier + " is left out: " + volume.exclusionReason);
-    return print(writeXmlPropertyList(groupListing(volumes)));
-}
-
-int information(const std::string& identifier, bool asPropertyList) {
-    const auto machine = thisMachine();
-    const auto answer = lookUpVolume(machine, findVolumes(machine), identifier);
-    if (!answer.volume) return complain(answer.problem);
-    if (!asPropertyList) return print(volumeTable({*answer.volume}));
-    return print(writeXmlPropertyList(volumeInformation(*answer.volume)));
-}
-
-int unlock(const std::string& identifier, int keyDescriptor) {
-    const auto machine = thisMachine();
-    const auto answer = lookUpVolume(machine, findVolumes(machine), identifier);
-    if (!answer.volume) return complain(answer.problem);
-    const auto problem = unlockVolume(*answer.volume, keyDescriptor);
-    return problem.empty() ? 0 : complain(problem);
-}
-
-int lock(const std::string& identifier) {
-    const auto machine = thisMachine();
-    const auto answer = lookUpVolume(machine, findVolumes(machine), identifier);
-    if (!answer.volume) return complain(answer.problem);
-    bool undone = false;
-    const auto problem = lockVolume(*answer.volume, undone);
-    if (!problem.empty()) return complain(problem);
-    if (!undone) complain(identifier + " was not unlocked by volctl, nothing done");
-    return 0;
-}
-
-// The parser supports long options with two dashes only; this one has always been written with one.
-std::vector<std::string> reversedArguments(int count, char** values) {
-    std::vector<std::string> arguments(values + 1, values + count);
-    for (auto& argument : arguments)
-        if (argument == "-plist") argument = "--plist";
-    return {arguments.rbegin(), arguments.rend()};
-}
-
-int run(int count, char** values) {
-    CLI::App app("Show the volumes of this machine and unlock them", "volctl");
-    app.set_version_flag("--version", "volctl " TARNWICK_VERSION, "print the version and end");
-    app.require_subcommand(1);
-    int status = 0;
+struct Options {
     bool asPropertyList = false;
     std::string identifier;
     int keyDescriptor = -1;
-    const auto takeIdentifier = [&](CLI::App* command, const char* name) {
-        command->add_option(name, identifier, "device name, mount point, volume name or Preboot")->required();
+};
+
+using Command = std::function<Result<int>(const Machine&, const Options&)>;
+
+Result<int> list(const Machine& machine, const Options&) {
+    if (!machine.settingsStatus) {
+        auto warning = machine.settingsStatus.error();
+        warning.subject = "warning: " + warning.subject;
+        report(program, warning);
+    }
+    return print(volumeTable(findVolumes(machine)));
+}
+
+Result<int> listGroups(const Machine& machine, const Options& options) {
+    if (!machine.settingsStatus) return machine.settingsStatus.error();
+    const auto volumes = findVolumes(machine);
+    if (!options.asPropertyList) return print(volumeTable(volumes));
+    for (const auto& volume : volumes)
+        if (!volume.exclusionReason.empty())
+            report(program, {"left out: " + volume.exclusionReason, 0, volume.deviceIdentifier});
+    return print(writeXmlPropertyList(groupListing(volumes)));
+}
+
+Result<int> information(const Volume& volume, const Options& options) {
+    return print(options.asPropertyList ? writeXmlPropertyList(volumeInformation(volume)) : volumeTable({volume}));
+}
+
+Result<int> unlock(const Volume& volume, const Options& options) {
+    const auto unlocked = unlockVolume(volume, options.keyDescriptor);
+    return unlocked ? Result<int>(0) : unlocked.error();
+}
+
+Result<int> lock(const Volume& volume, const Options& options) {
+    const auto undone = lockVolume(volume);
+    if (!undone) return undone.error();
+    if (!*undone) report(program, {"not unlocked by volctl, so nothing was done", 0, options.identifier});
+    return 0;
+}
+
+// The command that runs `action` on the volume that the options name.
+Command onVolume(Result<int> (*action)(const Volume&, const Options&)) {
+    return [action](const Machine& machine, const Options& options) {
+        const auto volume = lookUpVolume(machine, findVolumes(machine), options.identifier);
+        return volume ? action(*volume, options) : volume.error();
     };
-    const auto takePropertyList = [&](CLI::App* command) {
-        command->add_flag("--plist", asPropertyList, "answer as an XML property list (also -plist)");
+}
+
+void declareCommands(CLI::App& app, Options& options, Command& chosen) {
+    const auto addCommand = [&](CLI::App& parent, const char* name, const char* help, const Command& command) {
+        auto* added = parent.add_subcommand(name, help);
+        added->callback([&chosen, command] { chosen = command; });
+        return added;
+    };
+    const auto addIdentifier = [&](CLI::App* command, const char* name) {
+        command->add_option(name, options.identifier, "device name, mount point, volume name or Preboot")->required();
+    };
+    const auto addPropertyListFlag = [&](CLI::App* command) {
+        command->add_flag("--plist", options.asPropertyList, "answer as an XML property list (also -plist)");
     };
 
-    auto* listCommand = app.add_subcommand("list", "All volumes as a table");
-    listCommand->callback([&] { status = list(); });
-    auto* infoCommand = app.add_subcommand("info", "One volume");
-    takePropertyList(infoCommand);
-    takeIdentifier(infoCommand, "ID");
-    infoCommand->callback([&] { status = information(identifier, asPropertyList); });
+    app.require_subcommand(1);
+    addCommand(app, "list", "All volumes as a table", list);
+    auto* infoCommand = addCommand(app, "info", "One volume", onVolume(information));
+    addPropertyListFlag(infoCommand);
+    addIdentifier(infoCommand, "ID");
 
     auto* zkfs = app.add_subcommand("zkfs", "Containers, groups and locked volumes");
     zkfs->require_subcommand(1);
-    auto* groupsCommand = zkfs->add_subcommand("listGroups", "Containers, their groups and volumes");
-    takePropertyList(groupsCommand);
-    groupsCommand->callback([&] { status = listGroups(asPropertyList); });
-    auto* unlockCommand = zkfs->add_subcommand("unlockVolume", "Open and mount a volume, read-only");
-    takeIdentifier(unlockCommand, "DEVICE");
-    unlockCommand->add_option("--key-fd", keyDescriptor, "number of the descriptor that the passphrase is read from")
+    addPropertyListFlag(addCommand(*zkfs, "listGroups", "Containers, their groups and volumes", listGroups));
+    auto* unlockCommand = addCommand(*zkfs, "unlockVolume", "Open and mount a volume, read-only", onVolume(unlock));
+    addIdentifier(unlockCommand, "DEVICE");
+    unlockCommand->add_option("--key-fd", options.keyDescriptor, "descriptor number to read the passphrase from")
         ->check(CLI::NonNegativeNumber);
-    unlockCommand->callback([&] { status = unlock(identifier, keyDescriptor); });
-    auto* lockCommand = zkfs->add_subcommand("lockVolume", "Undo what unlockVolume did");
-    takeIdentifier(lockCommand, "DEVICE");
-    lockCommand->callback([&] { status = lock(identifier); });
+    addIdentifier(addCommand(*zkfs, "lockVolume", "Undo what unlockVolume did", onVolume(lock)), "DEVICE");
+}
 
-    try {
-        app.parse(reversedArguments(count, values));
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : badUsage;
-    }
-    return status;
+// The parser supports long options with two dashes only; this one has always been written with one.
+std::vector<std::string> withDoubleDash(std::vector<std::string> arguments) {
+    std::replace(arguments.begin(), arguments.end(), std::string("-plist"), std::string("--plist"));
+    return arguments;
 }
 
 }  // namespace
 
 int main(int count, char** values) {
-    try {
-        return run(count, values);
-    } catch (const std::exception& error) {
-        return complain(error.what());
-    }
+    CLI::App app("Show the volumes of this machine and unlock them", program);
+    Options options;
+    Command chosen;
+    declareCommands(app, options, chosen);
+    return runCompanion(app, withDoubleDash(argumentsOf(count, values)), [&]() -> Result<int> {
+        const auto machine = thisMachine();
+        return machine ? chosen(*machine, options) : machine.error();
+    });
 }

@@ -2,9 +2,9 @@
 
 #include <libmount/libmount.h>
 
+#include <cerrno>
 #include <map>
 #include <memory>
-#include <stdexcept>
 
 #include "base/handle.h"
 
@@ -23,10 +23,10 @@ struct Entry {
 
 std::string text(const char* value) { return value ? value : ""; }
 
-std::vector<Entry> readEntries(const std::filesystem::path& mountinfo) {
+Result<std::vector<Entry>> readEntries(const std::filesystem::path& mountinfo) {
     const MountTable table(mnt_new_table_from_file(mountinfo.c_str()));
     const MountIterator iterator(mnt_new_iter(MNT_ITER_FORWARD));
-    if (!table || !iterator) throw std::runtime_error("cannot read " + mountinfo.native());
+    if (!table || !iterator) return Error{"cannot read the mounts", errno, mountinfo.native()};
     std::vector<Entry> entries;
     for (libmnt_fs* fs = nullptr; mnt_table_next_fs(table.get(), iterator.get(), &fs) == 0;) {
         entries.push_back({mnt_fs_get_id(fs),
@@ -80,20 +80,26 @@ bool isAtOrBelow(const std::string& path, const std::string& folder) {
 
 }  // namespace
 
-std::vector<Mount> readVisibleMounts(const std::filesystem::path& mountinfo) {
+Result<std::vector<Mount>> readVisibleMounts(const std::filesystem::path& mountinfo) {
     const auto entries = readEntries(mountinfo);
-    const PathWalk walk(entries);
+    if (!entries) return entries.error();
+    const PathWalk walk(*entries);
     std::vector<Mount> visible;
-    for (const auto& entry : entries)
+    for (const auto& entry : *entries)
         if (walk.mountAt(entry.mount.target) == &entry) visible.push_back(entry.mount);
     return visible;
 }
 
-const Mount* mountHolding(const std::vector<Mount>& mounts, const std::string& path) {
+const Mount* mountContaining(const std::vector<Mount>& mounts, const std::string& path) {
     const Mount* best = nullptr;
     for (const auto& mount : mounts)
         if (isAtOrBelow(path, mount.target) && (!best || mount.target.size() >= best->target.size())) best = &mount;
     return best;
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
 }
 
 }  // namespace tarnwick

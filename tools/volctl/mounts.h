@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
+
 namespace tarnwick {
 
 // One mount; names are bytes, already decoded.
@@ -19,10 +21,13 @@ struct Mount {
 };
 
 // Reads a mountinfo text. Leaves out a mount that no path leads to, because another mount covers it or a folder above
-// it. Throws std::runtime_error when the file cannot be read.
-std::vector<Mount> readVisibleMounts(const std::filesystem::path& mountinfo = "/proc/self/mountinfo");
+// it.
+Result<std::vector<Mount>> readVisibleMounts(const std::filesystem::path& mountinfo = "/proc/self/mountinfo");
 
 // The mount that `path` (absolute) is on, or null.
-const Mount* mountHolding(const std::vector<Mount>& mounts, const std::string& path);
+const Mount* mountContaining(const std::vector<Mount>& mounts, const std::string& path);
+
+// The path in the form of a mount's target, with no slash at its end except in "/".
+std::string withoutTrailingSlashes(std::string path);
 
 }  // namespace tarnwick

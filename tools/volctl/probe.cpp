@@ -5,6 +5,8 @@
 #include <cstring>
 #include <memory>
 
+#include "file_systems.h"
+
 namespace tarnwick {
 
 namespace {
@@ -31,11 +33,10 @@ std::string lowerCase(std::string text) {
 }
 
 Content contentOf(const std::string& type, const std::string& usage) {
+    const auto known = fileSystem(type).usage;
     if (usage == "crypto") return Content::encrypted;
-    if (type == "swap" || type == "swsuspend") return Content::swap;
-    // What is mounted of a pool is a dataset, not one of its devices.
-    if (usage == "filesystem" && type != "zfs_member") return Content::fileSystem;
-    return Content::member;
+    if (known == Usage::swap) return Content::swap;
+    return usage == "filesystem" && known != Usage::poolMember ? Content::fileSystem : Content::member;
 }
 
 void probeContent(ProbeAnswer& answer, int descriptor) {
@@ -72,8 +73,8 @@ ProbeAnswer probeDevice(const BlockDevice& device) {
     ProbeAnswer answer;
     const auto opened = openDevice(device);
     if (!opened) return answer;
-    probeContent(answer, opened.get());
-    probePartitionEntry(answer, opened.get());
+    probeContent(answer, opened->get());
+    probePartitionEntry(answer, opened->get());
     return answer;
 }
 

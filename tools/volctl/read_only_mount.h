@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "block_devices.h"
 
 namespace tarnwick {
@@ -11,14 +12,13 @@ namespace tarnwick {
 // The folder where this program mounts a device.
 std::string mountFolder(const std::string& deviceName);
 
-// Creates `folder` and mounts the file system of type `type` there: read-only, nosuid, nodev, noexec. Some drivers
-// delete orphaned inodes even then, so the device is mounted through a read-only loop device. Not so for btrfs, which
-// writes nothing and may span several `devices`. Returns the problem, empty on success; on a problem nothing is left
-// mounted.
-std::string mountReadOnly(const std::vector<const BlockDevice*>& devices, const std::string& type,
-                          const std::string& folder);
+// Creates `folder` and mounts the file system of type `type` there: read-only, nosuid, nodev, noexec, without a replay
+// of its journal. `devices` has more than one only for a file system that spans devices. After a failure nothing is
+// left mounted.
+Status mountReadOnly(const std::vector<const BlockDevice*>& devices, const std::string& type,
+                     const std::string& folder);
 
-// Unmounts what mountReadOnly mounted and removes the folder. Returns the problem, empty on success.
-std::string unmount(const std::string& folder);
+// Unmounts what mountReadOnly mounted and removes the folder.
+Status unmount(const std::string& folder);
 
 }  // namespace tarnwick

@@ -6,6 +6,8 @@
 #include <array>
 #include <optional>
 
+#include "file_systems.h"
+
 namespace tarnwick {
 
 namespace {
@@ -44,7 +46,7 @@ bool sameUuid(const std::string& left, const std::string& right) {
     return !left.empty() && strcasecmp(left.c_str(), right.c_str()) == 0;
 }
 
-bool names(const std::string& key, const RoleEvidence& evidence) {
+bool matches(const std::string& key, const RoleEvidence& evidence) {
     const auto isDevice = [&](const std::string& device) { return key == device || key == "/dev/" + device; };
     return sameUuid(evidence.uuid, key) || sameUuid(evidence.partitionUuid, key) ||
            std::any_of(evidence.deviceNames.begin(), evidence.deviceNames.end(), isDevice) ||
@@ -57,7 +59,7 @@ std::optional<std::string> roleBySettings(const RoleEvidence& evidence, const Vo
     withoutLabel.label.clear();
     for (const auto& known : {withoutLabel, evidence})
         for (const auto& [key, role] : settings.roles)
-            if (names(key, known)) return role;
+            if (matches(key, known)) return role;
     return std::nullopt;
 }
 
@@ -67,19 +69,13 @@ std::string_view roleByPartitionType(std::string_view type) {
     return known == partitionRoles.end() ? std::string_view() : known->role;
 }
 
-// Formats of images that are written once, as a whole, to ship software.
-bool isImageFormat(std::string_view fileSystem) {
-    static constexpr std::array formats{"squashfs", "erofs", "cramfs", "romfs", "iso9660"};
-    return std::find(formats.begin(), formats.end(), fileSystem) != formats.end();
-}
-
 std::string_view roleByEvidence(const RoleEvidence& evidence, std::string_view prebootDirectoryRole) {
     const auto& mounts = evidence.mountPoints;
     if (std::find(mounts.begin(), mounts.end(), "/") != mounts.end()) return "Data";
-    if (evidence.isImage || isImageFormat(evidence.fileSystem)) return "Other";
+    if (evidence.isImage || fileSystem(evidence.fileSystem).isImage) return "Other";
     const auto byType = roleByPartitionType(evidence.partitionType);
     if (evidence.atPrebootDirectory && (byType.empty() || byType == "Data"))
-        return allowsColons(evidence.fileSystem) ? prebootDirectoryRole : "Other";
+        return fileSystem(evidence.fileSystem).allowsColons ? prebootDirectoryRole : "Other";
     if (!byType.empty()) return byType;
     return evidence.isEncrypted || std::any_of(mounts.begin(), mounts.end(), isBelowDataFolder) ? "Data" : "Other";
 }
@@ -104,12 +100,6 @@ bool isBelowDataFolder(std::string_view path) {
     for (const std::string_view folder : {"/home", "/srv", "/var"})
         if (path == folder || (path.starts_with(folder) && path[folder.size()] == '/')) return true;
     return false;
-}
-
-bool allowsColons(std::string_view fileSystemType) {
-    // fuseblk: a user-space driver for one of these; the mount does not say which.
-    static constexpr std::array refused{"vfat", "msdos", "fat", "umsdos", "exfat", "ntfs", "ntfs3", "fuseblk"};
-    return std::find(refused.begin(), refused.end(), fileSystemType) == refused.end();
 }
 
 }  // namespace tarnwick

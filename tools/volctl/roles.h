@@ -36,7 +36,4 @@ std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings,
 // At or below /home, /srv or /var.
 bool isBelowDataFolder(std::string_view path);
 
-// Whether file names on this file system may contain a colon, as the names of captures do.
-bool allowsColons(std::string_view fileSystemType);
-
 }  // namespace tarnwick

@@ -3,10 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
 
 #include "roles.h"
 
@@ -23,16 +20,19 @@ bool readValue(const PropertyListDictionary& dictionary, std::string_view key, T
     return typed || !value;
 }
 
-SettingsReading broken(const std::string& problem) { return {{}, problem}; }
+SettingsReading broken(const std::string& problem) { return {{}, Error{problem, 0, {}}}; }
 
-// Why a file that exists could not be read. Only a message depends on this second check of the file.
-std::string whyRefused(const std::filesystem::path& file, const struct stat& status) {
-    if (S_ISLNK(status.st_mode)) return "it is a link; put the file itself there";
-    if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-    if (status.st_uid != 0) return "root does not own it; run chown root on it";
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "group or others can write to it; run chmod go-w on it";
-    if (::access(file.c_str(), R_OK) != 0) return std::string("cannot read it: ") + std::strerror(errno);
-    return "it is not a property list with a dictionary as its root";
+// Why a file could not be read. Only a message depends on this second check of the file.
+Status whyRefused(const std::filesystem::path& file) {
+    struct stat status {};
+    if (::lstat(file.c_str(), &status) != 0) return errno == ENOENT ? Status() : systemError(errno, file);
+    const auto error = [&](const char* text) { return Error{text, 0, file}; };
+    if (S_ISLNK(status.st_mode)) return error("a link; put the file itself there");
+    if (!S_ISREG(status.st_mode)) return error("not a regular file");
+    if (status.st_uid != 0) return error("not owned by root; run chown root on it");
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return error("writable by group or others; run chmod go-w on it");
+    if (::access(file.c_str(), R_OK) != 0) return systemError(errno, file);
+    return error("not a property list with a dictionary as its root");
 }
 
 }  // namespace
@@ -50,22 +50,18 @@ SettingsReading readVolumeSettings(const PropertyListDictionary& dictionary) {
         const auto* role = value.as<std::string>();
         if (!role) return broken("the role of " + key + " is not a string");
         settings.roles[key] = *role;
-        if (reading.problem.empty() && !isRoleName(*role))
-            reading.problem = "unknown role \"" + *role + "\" of " + key + "; the roles are " + roleNames();
+        if (reading.status && !isRoleName(*role))
+            reading.status =
+                Error{"unknown role \"" + *role + "\" of " + key + "; the roles are " + roleNames(), 0, {}};
     }
     return reading;
 }
 
 SettingsReading loadVolumeSettings(const std::filesystem::path& file) {
-    SettingsReading reading;
-    struct stat status {};
-    if (const auto dictionary = readTrustedPropertyListFile(file))
-        reading = readVolumeSettings(*dictionary);
-    else if (::lstat(file.c_str(), &status) == 0)
-        reading.problem = whyRefused(file, status);
-    else if (errno != ENOENT)
-        reading.problem = std::string("cannot read it: ") + std::strerror(errno);
-    if (!reading.problem.empty()) reading.problem = file.native() + ": " + reading.problem;
+    const auto dictionary = readTrustedPropertyListFile(file);
+    if (!dictionary) return {{}, whyRefused(file)};
+    auto reading = readVolumeSettings(*dictionary);
+    if (!reading.status) reading.status = Error{reading.status.error().text, 0, file};
     return reading;
 }
 

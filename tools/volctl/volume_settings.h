@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "base/error.h"
 #include "plist/property_list.h"
 
 namespace tarnwick {
@@ -15,19 +16,19 @@ struct VolumeSettings {
     bool includeRemovable = false;
 };
 
-// When there is a `problem`, `settings` may only be used for a list that people read: they lack what could not be read,
-// and decisions made with them could be the opposite of what the owner wrote.
+// When `status` is a failure, `settings` may only be used for a list that people read: they lack what could not be
+// read, and decisions made with them could be the opposite of what the owner wrote. The error says how to correct the
+// file.
 struct SettingsReading {
     VolumeSettings settings;
-    std::string problem;  // what is wrong and how to correct it; empty: nothing
+    Status status;
 };
 
-// A missing key keeps its default. A value of a wrong type is a problem, and all settings are then the defaults. An
-// unknown role name is a problem, and the settings are then as written.
+// A missing key keeps its default. After a value of a wrong type, all settings are the defaults. After an unknown role
+// name, which is an error too, the settings are as written.
 SettingsReading readVolumeSettings(const PropertyListDictionary& dictionary);
 
-// The same for a file. A missing file is not a problem. A file that openTrustedFile refuses, or that does not parse, is
-// one.
+// The same for a file. A missing file is no error. A file that openTrustedFile refuses, or that does not parse, is one.
 SettingsReading loadVolumeSettings(const std::filesystem::path& file);
 
 }  // namespace tarnwick

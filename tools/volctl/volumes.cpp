@@ -9,6 +9,7 @@
 
 #include "base/visible_text.h"
 #include "encrypted_device.h"
+#include "file_systems.h"
 #include "roles.h"
 
 namespace tarnwick {
@@ -18,21 +19,16 @@ namespace {
 constexpr std::string_view logicalVolumePrefix = "LVM-";
 constexpr std::size_t logicalVolumeUuidSize = 4 + 32 + 32;  // prefix, volume group, volume; hidden layers add a suffix
 
-const BlockDevice* find(const BlockDevices& devices, const std::string& name) {
-    const auto found = devices.find(name);
-    return found == devices.end() ? nullptr : &found->second;
-}
-
 bool isLogicalVolume(const BlockDevice& device) { return device.mapUuid.starts_with(logicalVolumePrefix); }
 
 bool isHiddenLayer(const BlockDevice& device) {
     return isLogicalVolume(device) && device.mapUuid.size() > logicalVolumeUuidSize;
 }
 
-// Whether the device shows all of the single device below it and nothing else.
+// The single device below, if this device shows all of it and nothing else; else null.
 const BlockDevice* shownBelow(const BlockDevices& devices, const BlockDevice& device) {
     const bool shows = device.mapUuid.starts_with("CRYPT-") || !device.viewOf.empty();
-    return shows && device.lower.size() == 1 ? find(devices, device.lower.front()) : nullptr;
+    return shows && device.lower.size() == 1 ? findDevice(devices, device.lower.front()) : nullptr;
 }
 
 // The partition, logical volume or disk that `top` is built on, and every device between them, `top` first.
@@ -66,7 +62,7 @@ std::string containerName(const BlockDevice& group) {
 // Mounts of a file system that spans devices have a device number of their own; their source names the device.
 bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& device) {
     if (mount.device == device.number) return true;
-    if (mount.type != "btrfs" || !mount.source.starts_with("/dev/")) return false;
+    if (!fileSystem(mount.type).spansDevices || !mount.source.starts_with("/dev/")) return false;
     const auto name = mount.source.substr(5);
     return name == device.name || (!device.mapName.empty() && name == "mapper/" + device.mapName) ||
            machine.nodeNumber(mount.source) == device.number;
@@ -79,15 +75,12 @@ bool isOnImage(const BlockDevices& devices, const BlockDevice& top) {
                        [](const auto* each) { return each->name.starts_with("loop") && each->viewOf.empty(); });
 }
 
-bool contains(const std::vector<std::string>& list, const std::string& text) {
-    return std::find(list.begin(), list.end(), text) != list.end();
-}
+bool isRoot(const Volume& volume) { return isMountedAt(volume, "/"); }
 
-bool holdsRoot(const Volume& volume) { return contains(volume.mountPoints, "/"); }
-
-std::string withoutEndingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
+// Whether both are devices of one file system.
+bool areOneFileSystem(const Volume& left, const Volume& right) {
+    return fileSystem(left.fileSystem).spansDevices && left.fileSystem == right.fileSystem && !left.uuid.empty() &&
+           left.uuid == right.uuid;
 }
 
 // Of several mounts of one file system, the smallest in this order is used.
@@ -99,7 +92,7 @@ std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
 class VolumeFinder {
 public:
     explicit VolumeFinder(const Machine& machine)
-        : machine_(machine), prebootDirectory_(withoutEndingSlashes(machine.settings.prebootDirectory)) {
+        : machine_(machine), prebootDirectory_(withoutTrailingSlashes(machine.settings.prebootDirectory)) {
         for (const auto& [name, device] : machine_.devices)
             for (const auto* mount : mountsOf(device))
                 if (mount->target == "/") rootDevices_ = deviceStack(machine_.devices, device);
@@ -109,10 +102,10 @@ public:
         for (const auto& [name, device] : machine_.devices)
             if (isCandidate(device)) addDevice(device);
         joinSpanning();
-        for (auto& volume : volumes_) settle(volume);
+        for (auto& volume : volumes_) addMounts(volume);
         addUnknownRoot();
         assignRoles();
-        for (auto& volume : volumes_) judge(volume);
+        for (auto& volume : volumes_) leaveOutSpecialNames(volume);
         sort();
         return std::move(volumes_);
     }
@@ -140,7 +133,7 @@ private:
     }
 
     // The disks that / is on belong to the machine, whatever they are plugged into.
-    [[nodiscard]] bool comesAndGoes(const BlockDevice& top) const {
+    [[nodiscard]] bool isRemovable(const BlockDevice& top) const {
         const auto stack = deviceStack(machine_.devices, top);
         return std::any_of(stack.begin(), stack.end(), [&](const BlockDevice* each) {
             return each->detachable && std::find(rootDevices_.begin(), rootDevices_.end(), each) == rootDevices_.end();
@@ -164,7 +157,7 @@ private:
         auto& evidence = evidence_[top.name];
         evidence.isImage = isOnImage(machine_.devices, top);
         evidence.isEncrypted = chain.size() > 1 && top.mapName == mappingName(chain[1]->name);
-        if (!machine_.settings.includeRemovable && comesAndGoes(top))
+        if (!machine_.settings.includeRemovable && isRemovable(top))
             volume.exclusionReason = "removable or hot-pluggable";  // so it is never read: reading may wake a drive
         else if (!addContent(volume, top, group) && mounts.empty())
             return;
@@ -189,56 +182,65 @@ private:
         return answer.content != Content::nothing && answer.content != Content::member;
     }
 
-    // btrfs: a file system on several devices is one volume, named after the first of them.
+    // A file system on several devices is one volume, named after the first of them.
     void joinSpanning() {
         std::vector<Volume> joined;
         for (auto& volume : volumes_) {
-            const bool isBtrfs = volume.fileSystem == "btrfs" && !volume.uuid.empty();
-            const auto same = std::find_if(joined.begin(), joined.end(), [&](const Volume& other) {
-                return isBtrfs && other.fileSystem == "btrfs" && other.uuid == volume.uuid;
-            });
-            if (same == joined.end()) {
-                if (isBtrfs) volume.container = volume.group;
-                joined.push_back(std::move(volume));
+            const auto first = std::find_if(joined.begin(), joined.end(),
+                                            [&](const Volume& other) { return areOneFileSystem(volume, other); });
+            if (first != joined.end()) {
+                addMember(*first, volume);
                 continue;
             }
-            same->size += volume.size;
-            same->deviceNames.insert(same->deviceNames.end(), volume.deviceNames.begin(), volume.deviceNames.end());
-            auto& mounts = mounts_[same->deviceIdentifier];
-            for (const auto* mount : mounts_[volume.deviceIdentifier])
-                if (std::find(mounts.begin(), mounts.end(), mount) == mounts.end()) mounts.push_back(mount);
+            if (areOneFileSystem(volume, volume)) volume.container = volume.group;
+            joined.push_back(std::move(volume));
         }
         volumes_ = std::move(joined);
     }
 
-    // Decides what requires all mounts of the volume to be known.
-    void settle(Volume& volume) {
+    void addMember(Volume& volume, const Volume& member) {
+        volume.size += member.size;
+        volume.deviceNames.insert(volume.deviceNames.end(), member.deviceNames.begin(), member.deviceNames.end());
+        auto& mounts = mounts_[volume.deviceIdentifier];
+        for (const auto* mount : mounts_[member.deviceIdentifier])
+            if (std::find(mounts.begin(), mounts.end(), mount) == mounts.end()) mounts.push_back(mount);
+    }
+
+    // Sets what depends on all mounts of the volume.
+    void addMounts(Volume& volume) {
         const auto& mounts = mounts_[volume.deviceIdentifier];
-        const Mount* best = nullptr;
-        for (const auto* mount : mounts) {
-            if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;  // a bind mount of a single file
-            volume.mountPoints.push_back(mount->target);
-            if (!best || preference(*mount) < preference(*best)) best = mount;
+        if (const auto* best = chooseMount(volume, mounts)) {
+            volume.mountPoint = best->target;
+            if (volume.fileSystem.empty()) volume.fileSystem = best->type;
+            volume.locked = false;
         }
-        if (best) volume.mountPoint = best->target;
-        if (best && volume.fileSystem.empty()) volume.fileSystem = best->type;
-        if (best) volume.locked = false;
         if (volume.name.empty()) volume.name = volume.deviceIdentifier;
         auto& evidence = evidence_[volume.deviceIdentifier];
         evidence.deviceNames = volume.deviceNames;
         evidence.fileSystem = volume.fileSystem;
         evidence.mountPoints = volume.mountPoints;
-        evidence.atPrebootDirectory = !holdsRoot(volume) && isMountedAtPrebootDirectory(mounts);
+        evidence.atPrebootDirectory = !isRoot(volume) && isMountedAtPrebootDirectory(mounts);
         if (evidence.atPrebootDirectory) volume.mountPoint = prebootDirectory_;
+    }
+
+    // Adds the mount points to the volume, without those of single files, and returns the preferred mount or null.
+    const Mount* chooseMount(Volume& volume, const std::vector<const Mount*>& mounts) const {
+        const Mount* best = nullptr;
+        for (const auto* mount : mounts) {
+            if (mount->root != "/" && !machine_.isDirectory(mount->target)) continue;
+            volume.mountPoints.push_back(mount->target);
+            if (!best || preference(*mount) < preference(*best)) best = mount;
+        }
+        return best;
     }
 
     // A subvolume or bind mount there is only a folder of a file system that is also mounted at /home.
     [[nodiscard]] bool isMountedAtPrebootDirectory(const std::vector<const Mount*>& mounts) const {
-        const bool holdsData = std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
+        const bool hasData = std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
             return mount->target != prebootDirectory_ && isBelowDataFolder(mount->target);
         });
         return std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
-            return mount->target == prebootDirectory_ && (mount->root == "/" || !holdsData);
+            return mount->target == prebootDirectory_ && (mount->root == "/" || !hasData);
         });
     }
 
@@ -255,7 +257,7 @@ private:
 
     // Named by its source if that can be found from the devices, else by its number.
     void addUnknownRoot() {
-        if (std::any_of(volumes_.begin(), volumes_.end(), holdsRoot)) return;
+        if (std::any_of(volumes_.begin(), volumes_.end(), isRoot)) return;
         const auto root = std::find_if(machine_.mounts.begin(), machine_.mounts.end(),
                                        [](const Mount& mount) { return mount.target == "/"; });
         if (root == machine_.mounts.end()) return;
@@ -273,12 +275,12 @@ private:
         volumes_.push_back(std::move(volume));
     }
 
-    static void judge(Volume& volume) {
+    static void leaveOutSpecialNames(Volume& volume) {
         if (!volume.exclusionReason.empty()) return;
         if (!isPlainName(volume.mountPoint))
-            volume.exclusionReason = "its mount point holds a character that is not passed on";
+            volume.exclusionReason = "its mount point has a special character";
         else if (!isPlainName(volume.deviceIdentifier))
-            volume.exclusionReason = "its device name holds a character that is not passed on";
+            volume.exclusionReason = "its device name has a special character";
     }
 
     // A capture searches the volumes from the last to the first, and keeps the files of the one searched last; so the
@@ -289,13 +291,13 @@ private:
             return left.container != right.container ? before(left.container, right.container)
                                                      : before(left.group, right.group);
         });
-        const auto found = std::find_if(volumes_.begin(), volumes_.end(), holdsRoot);
+        const auto found = std::find_if(volumes_.begin(), volumes_.end(), isRoot);
         if (found == volumes_.end()) return;
         const auto root = *found;
         const auto bringForward = [&](const auto& condition) {
             std::stable_partition(volumes_.begin(), volumes_.end(), condition);
         };
-        bringForward(holdsRoot);
+        bringForward(isRoot);
         bringForward([&](const Volume& each) { return each.group == root.group; });
         bringForward([&](const Volume& each) { return each.container == root.container; });
     }
@@ -308,80 +310,12 @@ private:
     std::map<std::string, RoleEvidence> evidence_;             // by top device
 };
 
-Lookup found(const Volume& volume) {
-    if (volume.exclusionReason.empty()) return {volume, {}};
-    return {std::nullopt, volume.deviceIdentifier + " is left out: " + volume.exclusionReason};
-}
-
-Lookup prebootFromDirectory(const Machine& machine, const std::vector<Volume>& volumes) {
-    const auto folder = withoutEndingSlashes(machine.settings.prebootDirectory);
-    if (!folder.starts_with('/') || !isPlainName(folder))
-        return {std::nullopt, "PrebootDirectory is no plain absolute path: " + folder};
-    if (!machine.isDirectory(folder))
-        return {std::nullopt, "no volume has the role Preboot, and no directory " + folder};
-    const auto* mount = mountHolding(machine.mounts, folder);
-    if (!mount) return {std::nullopt, "cannot tell which file system holds " + folder};
-    Volume answer;
-    answer.fileSystem = mount->type;
-    answer.deviceIdentifier = isPlainName(mount->source) ? mount->source : std::string();
-    for (const auto& volume : volumes) {
-        if (!contains(volume.mountPoints, mount->target)) continue;
-        if (!volume.exclusionReason.empty()) return found(volume);
-        answer = volume;
-    }
-    // A user-space driver is recognised by the content of its device.
-    const auto& type = mount->type == "fuseblk" && answer.fileSystem != "fuseblk" ? answer.fileSystem : mount->type;
-    if (!allowsColons(type) || !allowsColons(answer.fileSystem))
-        return {std::nullopt, folder + " is on a " + type + " file system, whose file names cannot hold a colon"};
-    answer.role = "Preboot";
-    answer.mountPoint = folder;
-    return {answer, {}};
-}
-
-// The first Preboot volume that is mounted, else the first one.
-Lookup lookUpPreboot(const Machine& machine, const std::vector<Volume>& volumes) {
-    const Volume* best = nullptr;
-    for (const auto& volume : volumes) {
-        const bool answers =
-            volume.role == "Preboot" && volume.exclusionReason.empty() && allowsColons(volume.fileSystem);
-        if (answers && (!best || (best->mountPoint.empty() && !volume.mountPoint.empty()))) best = &volume;
-    }
-    return best ? found(*best) : prebootFromDirectory(machine, volumes);
-}
-
-const Volume* findByDevice(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
-    const bool isPath = identifier.starts_with("/dev/");
-    const auto name = isPath ? identifier.substr(5) : identifier;
-    for (const auto& volume : volumes)
-        if (contains(volume.deviceNames, name)) return &volume;
-    const auto number = isPath ? machine.nodeNumber(identifier) : 0;
-    for (const auto& volume : volumes)
-        for (const auto& device : volume.deviceNames)
-            if (const auto* known = find(machine.devices, device); number != 0 && known && known->number == number)
-                return &volume;
-    return nullptr;
-}
-
 }  // namespace
 
-std::vector<Volume> findVolumes(const Machine& machine) { return VolumeFinder(machine).find(); }
-
-Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
-    if (!machine.settingsProblem.empty()) return {std::nullopt, machine.settingsProblem};
-    if (identifier == "Preboot") return lookUpPreboot(machine, volumes);
-    if (const auto* volume = findByDevice(machine, volumes, identifier)) return found(*volume);
-    const auto path = withoutEndingSlashes(identifier);
-    const Volume* named = nullptr;
-    for (const auto& volume : volumes) {
-        if (contains(volume.mountPoints, path)) return found(volume);
-        if (identifier.empty() || (volume.name != identifier && visibleText(volume.name) != identifier)) continue;
-        if (named && !volume.exclusionReason.empty()) continue;  // a USB stick must not make a name ambiguous
-        if (named && named->exclusionReason.empty())
-            return {std::nullopt, "more than one volume has this name: " + identifier};
-        named = &volume;
-    }
-    if (named) return found(*named);
-    return {std::nullopt, "no such volume: " + identifier};
+bool isMountedAt(const Volume& volume, const std::string& path) {
+    return std::find(volume.mountPoints.begin(), volume.mountPoints.end(), path) != volume.mountPoints.end();
 }
+
+std::vector<Volume> findVolumes(const Machine& machine) { return VolumeFinder(machine).find(); }
 
 }  // namespace tarnwick

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,12 +33,7 @@ struct Volume {
 // volume even when its device is not known here (a pool, a network, layers); its container is then a separate one.
 std::vector<Volume> findVolumes(const Machine& machine);
 
-// Finds a volume by the role name Preboot, a device name, a mount point or a volume name, tried in this order. Finds
-// none while machine.settingsProblem is set; that text is then the problem.
-struct Lookup {
-    std::optional<Volume> volume;
-    std::string problem;  // why no volume was found
-};
-Lookup lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier);
+// Whether `path` is one of the mount points of the volume.
+bool isMountedAt(const Volume& volume, const std::string& path);
 
 }  // namespace tarnwick

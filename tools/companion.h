@@ -1,0 +1,59 @@
+// The frame of the companion programs: their messages, exit statuses and command lines.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/error.h"
+#include "base/visible_text.h"
+
+namespace tarnwick {
+
+constexpr int exitFailed = 1;
+constexpr int exitUsage = 2;
+
+// Prints "PROGRAM: SUBJECT: TEXT" on standard error, with hostile bytes escaped.
+inline void report(const std::string& program, const Error& error) {
+    const auto message = error.subject.empty() ? error.text : error.subject + ": " + error.text;
+    std::fprintf(stderr, "%s: %s\n", program.c_str(), visibleText(message).c_str());
+}
+
+// Writes a result to standard output, at once. The value is the exit status 0.
+inline Result<int> print(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return 0;
+    return systemError(errno, "standard output");
+}
+
+// The command line without the name of the program.
+inline std::vector<std::string> argumentsOf(int count, char** values) {
+    return {values + std::min(count, 1), values + count};
+}
+
+// Parses the command line (`arguments` without the name of the program) and runs `command`, which returns the exit
+// status. An error or exception is reported; the exit status is then exitFailed, or exitUsage for a wrong command line.
+inline int runCompanion(CLI::App& app, std::vector<std::string> arguments,
+                        const std::function<Result<int>()>& command) {
+    const auto program = app.get_name();
+    try {
+        app.set_version_flag("--version", program + " " TARNWICK_VERSION, "print the version and end");
+        std::reverse(arguments.begin(), arguments.end());  // the parser expects the last argument first
+        app.parse(std::move(arguments));
+        const auto status = command();
+        if (status) return *status;
+        report(program, status.error());
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : exitUsage;
+    } catch (const std::exception& error) {
+        report(program, {error.what(), 0, {}});
+    }
+    return exitFailed;
+}
+
+}  // namespace tarnwick
