@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t attributesSize = 4;
 constexpr std::size_t guidSize = 36;
-constexpr int interruptedReads = 10;
+constexpr int maxReads = 11;
 
 struct VariableName {
     std::string_view name;
@@ -71,79 +71,72 @@ public:
     Dump(const std::filesystem::path& folder, const std::function<void(const std::string&)>& write,
          const ReadCall& read)
         : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), write_(write), read_(read) {}
-    ~Dump() { forget(); }
+    ~Dump() { wipeBuffer(); }
     Dump(const Dump&) = delete;
     Dump& operator=(const Dump&) = delete;
 
     VariableDump run(const std::vector<std::string>& files) {
         for (std::size_t i = 0; i < files.size(); ++i) {
             result_.found = true;
-            if (left_ <= files[i].size()) {
+            if (remaining_ <= files[i].size()) {
                 write_("%[cut: " + std::to_string(files.size() - i) + " more variables]\n");
                 break;
             }
-            dumpOne(files[i]);
+            if (auto dumped = dumpOne(files[i]); !dumped) result_.problems.push_back(dumped.error());
         }
         return std::move(result_);
     }
 
 private:
-    void dumpOne(const std::string& file) {
+    Status dumpOne(const std::string& file) {
         const auto name = splitName(file);
-        if (!name) return complain(file, "not the name of a variable");
+        if (!name) return Error{"not the name of a variable", 0, file};
         const auto size = readFile(file);
-        if (!size) return;
-        left_ -= file.size();
+        if (!size) return size.error();
+        remaining_ -= file.size();
         const auto value = std::string_view(buffer_).substr(attributesSize, *size - attributesSize);
         write_(escaped(file) + "\t" + shown(name->name, value) + "\n");
-        forget();
+        wipeBuffer();
         ++result_.shown;
+        return {};
     }
 
     std::string shown(std::string_view name, std::string_view value) {
-        const auto secret = secretIn(name);
+        const auto secret = whySecret(name);
         const std::string size =
-            value.size() > variableLimit ? "more than " + std::to_string(variableLimit) : std::to_string(value.size());
-        if (!secret.empty()) return "%[withheld: " + std::string(secret) + ", " + size + " bytes]";
-        const auto part = value.substr(0, std::min(variableLimit, left_));
-        left_ -= part.size();
+            value.size() > maxValueBytes ? "more than " + std::to_string(maxValueBytes) : std::to_string(value.size());
+        if (secret) return "%[withheld: " + std::string(*secret) + ", " + size + " bytes]";
+        const auto part = value.substr(0, std::min(maxValueBytes, remaining_));
+        remaining_ -= part.size();
         const bool whole = part.size() == value.size();
         return escaped(part) + (whole ? "" : "%[cut: " + std::to_string(part.size()) + " of " + size + " bytes]");
     }
 
-    // The size of the content in the buffer; none when the file holds no variable.
-    std::optional<std::size_t> readFile(const std::string& file) {
+    // Reads the file into the buffer and returns the size of its content.
+    Result<std::size_t> readFile(const std::string& file) {
         constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
         const FileDescriptor opened(::openat(folder_.get(), file.c_str(), flags));
         struct stat status {};
-        if (!opened || ::fstat(opened.get(), &status) != 0) return refuse(file, std::strerror(errno));
-        if (!S_ISREG(status.st_mode)) return refuse(file, "not a regular file");
+        if (!opened || ::fstat(opened.get(), &status) != 0) return systemError(errno, file);
+        if (!S_ISREG(status.st_mode)) return Error{"not a regular file", 0, file};
         ssize_t count = -1;
-        for (int attempt = 0; attempt <= interruptedReads; ++attempt) {
+        for (int attempt = 0; attempt < maxReads; ++attempt) {
             count = read_(opened.get(), buffer_.data(), buffer_.size());
             if (count >= 0 || errno != EINTR) break;
         }
-        if (count < 0) return refuse(file, std::strerror(errno));
-        if (count < static_cast<ssize_t>(attributesSize)) return refuse(file, "no attributes in it");
+        if (count < 0) return systemError(errno, file);
+        if (count < static_cast<ssize_t>(attributesSize))
+            return Error{"too short: a variable has 4 bytes of attributes", 0, file};
         return static_cast<std::size_t>(count);
     }
 
-    std::nullopt_t refuse(const std::string& file, const char* reason) {
-        complain(file, reason);
-        return std::nullopt;
-    }
-
-    void complain(const std::string& file, const std::string& reason) {
-        result_.problems.push_back(escaped(file) + ": " + reason);
-    }
-
-    void forget() { explicit_bzero(buffer_.data(), buffer_.size()); }
+    void wipeBuffer() { explicit_bzero(buffer_.data(), buffer_.size()); }
 
     FileDescriptor folder_;
     const std::function<void(const std::string&)>& write_;
     const ReadCall& read_;
-    std::string buffer_ = std::string(attributesSize + variableLimit + 1, '\0');  // 1 more shows a longer value
-    std::size_t left_ = totalLimit;
+    std::string buffer_ = std::string(attributesSize + maxValueBytes + 1, '\0');  // 1 more shows a longer value
+    std::size_t remaining_ = maxDumpBytes;
     VariableDump result_;
 };
 

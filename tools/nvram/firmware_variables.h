@@ -8,18 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
+
 namespace tarnwick {
 
-inline constexpr std::size_t variableLimit = 64 * 1024;     // bytes shown of one value
-inline constexpr std::size_t totalLimit = 4 * 1024 * 1024;  // bytes of all names and values that are shown
+inline constexpr std::size_t maxValueBytes = 64 * 1024;       // bytes shown of one value
+inline constexpr std::size_t maxDumpBytes = 4 * 1024 * 1024;  // bytes of all names and values that are shown
 
 // One read(2): fills `buffer` and returns the count, or -1 with errno.
 using ReadCall = std::function<ssize_t(int descriptor, void* buffer, std::size_t size)>;
 
 struct VariableDump {
-    std::size_t shown = 0;              // lines written
-    std::vector<std::string> problems;  // one for each variable that could not be read
-    bool found = false;                 // whether the folder exists and is not empty
+    std::size_t shown = 0;        // lines written
+    std::vector<Error> problems;  // one for each file that was not dumped, about its name
+    bool found = false;           // whether the folder exists and is not empty
 };
 
 // Writes one line for each variable, ordered by name: NAME-GUID, a tab, the value. Bytes that are not printable ASCII,

@@ -63,14 +63,14 @@ bool matches(const std::string& name, const SecretName& secret) {
 
 }  // namespace
 
-std::string_view secretIn(std::string_view name) {
+std::optional<std::string_view> whySecret(std::string_view name) {
     std::string lower;
     for (const char letter : name)
         if (letter != '_' && letter != '-' && letter != ' ')
             lower += letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
     const auto* found = std::find_if(secretNames.begin(), secretNames.end(),
                                      [&](const SecretName& secret) { return matches(lower, secret); });
-    return found == secretNames.end() ? std::string_view() : found->reason;
+    return found == secretNames.end() ? std::nullopt : std::optional(found->reason);
 }
 
 }  // namespace tarnwick
