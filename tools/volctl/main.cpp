@@ -1,4 +1,6 @@
 // volctl: lists the volumes of this machine and where they are mounted; unlocks locked ones.
+#include <limits>
+
 #include "answers.h"
 #include "companion.h"
 #include "listing.h"
@@ -88,7 +90,7 @@ void declareCommands(CLI::App& app, Options& options, Command& chosen) {
     auto* unlockCommand = addCommand(*zkfs, "unlockVolume", "Open and mount a volume, read-only", onVolume(unlock));
     addIdentifier(unlockCommand, "DEVICE");
     unlockCommand->add_option("--key-fd", options.keyDescriptor, "descriptor number to read the passphrase from")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, std::numeric_limits<int>::max()));
     addIdentifier(addCommand(*zkfs, "lockVolume", "Undo what unlockVolume did", onVolume(lock)), "DEVICE");
 }
 
