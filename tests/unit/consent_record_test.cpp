@@ -29,7 +29,7 @@ constexpr Case cases[] = {
     {"keys in other letter case", "<key>autosubmit</key><true/>", ConsentState::Indeterminate, false},
 };
 
-TEST(ConsentRecord, WhichKeyDecides) {
+TEST(ConsentRecord, PrefersTheSeedKeyAndIgnoresOtherTypes) {
     for (const auto& each : cases) {
         SCOPED_TRACE(each.name);
         const auto record = parsePropertyListText("<plist><dict>" + std::string(each.entries) + "</dict></plist>");

@@ -11,11 +11,9 @@
 #include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 
-#include <cstring>
 #include <fstream>
 #include <sstream>
 
-#include "base/visible_text.h"
 #include "plist/xml_property_list.h"
 #include "temporary_folder.h"
 #include "volctl/answers.h"
@@ -26,9 +24,7 @@ using namespace tarnwick;
 
 namespace {
 
-using Values = std::map<std::string, std::string>;
-
-ProbeAnswer answerOf(Values& values) {
+ProbeAnswer answerOf(std::map<std::string, std::string>& values) {
     const auto& has = values["has"];
     const auto content = has.empty()            ? Content::nothing
                          : has == "unknown"     ? Content::unknown
@@ -36,10 +32,8 @@ ProbeAnswer answerOf(Values& values) {
                          : has == "member"      ? Content::member
                          : has == "crypto_LUKS" ? Content::encrypted
                                                 : Content::fileSystem;
-    return {content,           content == Content::unknown ? "" : has,
-            values["uuid"],    values["label"],
-            values["part"],    values["partuuid"],
-            values["partname"]};
+    const auto type = content == Content::unknown ? std::string() : has;
+    return {content, type, values["uuid"], values["label"], values["part"], values["partuuid"], values["partname"]};
 }
 
 SettingsReading settingsOf(const std::string& keys) {
@@ -49,27 +43,24 @@ SettingsReading settingsOf(const std::string& keys) {
 
 class RecordedMachine {
 public:
-    RecordedMachine() {
-        fs::create_directories(root_ / "class/block");
-        std::ofstream(root_ / "mountinfo").flush();
-    }
+    RecordedMachine() { fs::create_directories(root_.path / "class/block"); }
 
     void add(const std::string& line) {
         std::istringstream words(line);
         std::string first, rest;
-        std::getline(std::getline(words, first, ' '), rest);
-        if (first.find('/') == std::string::npos)
-            lines_[first].push_back(rest);
-        else
-            addFolder(root_ / "devices" / first, std::istringstream(rest));
+        std::getline(words, first, ' ');
+        if (first.find('/') != std::string::npos) return addFolder(root_.path / "devices" / first, words);
+        std::getline(words, rest);
+        lines_[first].push_back(rest);
     }
 
     // The mounts, the volumes, the number of containers in the listing, and the answers.
     std::string found() {
         for (const auto& keys : lines_["settings"]) machine_.settings = settingsOf(keys).settings;
-        for (const auto& mount : lines_["mount"]) std::ofstream(root_ / "mountinfo", std::ios::app) << mount << '\n';
-        machine_.devices = readBlockDevices(root_);
-        machine_.mounts = *readVisibleMounts(root_ / "mountinfo");
+        std::ofstream mountinfo(root_.path / "mountinfo");
+        for (const auto& mount : lines_["mount"]) mountinfo << mount << std::endl;
+        machine_.devices = readBlockDevices(root_.path);
+        machine_.mounts = *readVisibleMounts(root_.path / "mountinfo");
         machine_.probe = [&](const BlockDevice& device) { return answers_[device.name]; };
         machine_.isDirectory = [](const std::string& path) { return !path.ends_with("file"); };
         machine_.nodeNumber = [](const std::string& path) { return path == "/dev/disk/link" ? makedev(8, 77) : 0; };
@@ -82,9 +73,8 @@ public:
                  << volume.container << ' ' << volume.group << ' ' << volume.deviceIdentifier << ' ' << volume.name
                  << ' ' << volume.role << (volume.mountPoint.empty() ? "" : " at ") << volume.mountPoint
                  << (volume.locked ? " locked" : "") << (volume.exclusionReason.empty() ? "" : " left out");
-        const auto listing = groupListing(volumes);
-        text << "\nlisted in "
-             << findValueAs<PropertyListArray>(*listing.as<PropertyListDictionary>(), "Containers")->size();
+        const auto listing = *groupListing(volumes).as<PropertyListDictionary>();
+        text << "\nlisted in " << findValueAs<PropertyListArray>(listing, "Containers")->size();
         for (const auto& identifier : lines_["ask"]) {
             const auto answer = lookUpVolume(machine_, volumes, identifier);
             text << "\n\"" << identifier << "\": " << (answer ? answer->deviceIdentifier : "none")
@@ -94,22 +84,21 @@ public:
     }
 
 private:
-    void addFolder(const fs::path& home, std::istringstream words) {
-        Values values;
+    void addFolder(const fs::path& home, std::istream& words) {
+        std::map<std::string, std::string> values;
         for (std::string word; words >> word;) values[word.substr(0, word.find('='))] = word.substr(word.find('=') + 1);
         fs::create_directories(home / "slaves");
         if (home.native().find("/block/") == std::string::npos) {
-            fs::create_symlink(root_ / "bus" / values["bus"], home / "subsystem");
+            fs::create_symlink(root_.path / "bus" / values["bus"], home / "subsystem");
         } else {
-            values.emplace("dev", "8:" + std::to_string(200 + answers_.size()));
-            values.emplace("size", "2048");
-            fs::create_symlink(home, root_ / "class/block" / home.filename());
+            values.insert({{"dev", "8:" + std::to_string(200 + answers_.size())}, {"size", "2048"}});
+            fs::create_symlink(home, root_.path / "class/block" / home.filename());
             answers_[home.filename()] = answerOf(values);
         }
         std::istringstream names(values["on"]);
         for (std::string name; std::getline(names, name, ',');) {
             fs::create_directory(home / "slaves" / name);
-            fs::create_directories(root_ / "class/block" / name / "holders" / home.filename());
+            fs::create_directories(root_.path / "class/block" / name / "holders" / home.filename());
         }
         for (const auto& [name, text] : values) {
             fs::create_directories((home / name).parent_path());
@@ -117,8 +106,7 @@ private:
         }
     }
 
-    TemporaryFolder temporary_;
-    const fs::path root_ = temporary_.path;
+    TemporaryFolder root_;
     std::map<std::string, std::vector<std::string>> lines_;  // by first word
     Machine machine_;
     std::map<std::string, ProbeAnswer> answers_;
@@ -132,7 +120,7 @@ TEST(Volumes, MatchEachRecordedMachine) {
         std::string expected;
         while (std::getline(file, line) && !line.empty())
             if (line.front() == '>')
-                expected += line.substr(std::min<std::size_t>(line.size(), 2)) + '\n';
+                expected += line.erase(0, 2) + '\n';
             else
                 machine.add(line);
         EXPECT_EQ(machine.found(), expected) << title;
@@ -160,19 +148,6 @@ TEST(VolumeSettings, RejectsWrongTypesAndUnknownRoles) {
         EXPECT_EQ(reading.status ? "" : reading.status.error().text, row.problem) << row.name;
         EXPECT_EQ(reading.settings.prebootDirectory, row.prebootDirectory) << row.name;
     }
-}
-
-TEST(VisibleText, EscapesControlAndInvalidBytes) {
-    EXPECT_EQ(visibleText("\xc3\xa9\xf0\x9f\x92\xbe [~\xe2\x82["), "\xc3\xa9\xf0\x9f\x92\xbe [~\\xe2\\x82[");
-    for (const std::string raw :
-         {"\x1b", "\n", "\x7f", "\xc2\x9b", "\xe2\x80\xae", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
-        EXPECT_EQ(visibleText(raw).size(), 4 * raw.size()) << visibleText(raw);
-}
-
-TEST(PlainName, RejectsWhatAShellExpands) {
-    EXPECT_TRUE(isPlainName("/mnt/A b_1.x-y:@+,=~"));
-    for (const char each : {'$', '"', '\'', '\\', ';', '\n', '\t', '*', '%', '!', '\xc3'})
-        EXPECT_FALSE(isPlainName(std::string("a") + each)) << each;
 }
 
 }  // namespace
