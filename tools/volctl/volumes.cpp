@@ -59,6 +59,20 @@ std::string containerName(const BlockDevice& group) {
     return mappedPartition && group.lower.size() == 1 ? group.lower.front() : group.name;
 }
 
+// A volume with the names and the size of the devices from its top to its group.
+Volume volumeOn(const std::vector<const BlockDevice*>& chain) {
+    Volume volume;
+    volume.deviceIdentifier = chain.front()->name;
+    volume.group = chain.back()->name;
+    volume.container = containerName(*chain.back());
+    volume.size = chain.front()->size;
+    for (const auto* device : chain) {
+        volume.deviceNames.push_back(device->name);
+        if (!device->mapName.empty()) volume.deviceNames.push_back("mapper/" + device->mapName);
+    }
+    return volume;
+}
+
 // Mounts of a file system that spans devices have a device number of their own; their source names the device.
 bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& device) {
     if (mount.device == device.number) return true;
@@ -142,24 +156,14 @@ private:
 
     void addDevice(const BlockDevice& top) {
         const auto chain = downToGroup(machine_.devices, top);
-        const auto& group = *chain.back();
-        Volume volume;
-        volume.deviceIdentifier = top.name;
-        volume.group = group.name;
-        volume.container = containerName(group);
-        volume.size = top.size;
-        for (const auto* device : chain) {
-            volume.deviceNames.push_back(device->name);
-            if (!device->mapName.empty()) volume.deviceNames.push_back("mapper/" + device->mapName);
-        }
-        const auto mounts = mountsOf(top);
-        for (const auto* mount : mounts) mounts_[top.name].push_back(mount);
+        auto volume = volumeOn(chain);
+        const auto& mounts = mounts_[top.name] = mountsOf(top);
         auto& evidence = evidence_[top.name];
         evidence.isImage = isOnImage(machine_.devices, top);
         evidence.isEncrypted = chain.size() > 1 && top.mapName == mappingName(chain[1]->name);
         if (!machine_.settings.includeRemovable && isRemovable(top))
             volume.exclusionReason = "removable or hot-pluggable";  // so it is never read: reading may wake a drive
-        else if (!addContent(volume, top, group) && mounts.empty())
+        else if (!addContent(volume, top, *chain.back()) && mounts.empty())
             return;
         volumes_.push_back(std::move(volume));
     }

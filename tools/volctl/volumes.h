@@ -1,5 +1,5 @@
-// The volumes of the machine: containers (a disk, a volume group, an array, a btrfs file system) hold groups (a
-// partition, a logical volume), and groups hold volumes (a file system, a swap area, a locked container).
+// The volumes of the machine: containers (a disk, a volume group, an array, a btrfs file system) contain groups (a
+// partition, a logical volume), and groups contain volumes (a file system, a swap area, a locked container).
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 namespace tarnwick {
 
 struct Volume {
-    std::string deviceIdentifier;  // name of the topmost device that holds it
+    std::string deviceIdentifier;  // name of the topmost device that contains it
     std::string container;
     std::string group;
     std::string name;        // label, else partition name, else name of the mapping, else device; bytes as on the disk
