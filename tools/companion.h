@@ -51,7 +51,7 @@ inline int runCompanion(CLI::App& app, std::vector<std::string> arguments,
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : exitUsage;
     } catch (const std::exception& error) {
-        report(program, {error.what(), 0, {}});
+        report(program, {error.what()});
     }
     return exitFailed;
 }

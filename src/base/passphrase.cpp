@@ -96,11 +96,11 @@ void write(int terminal, const std::string& text) {
     [[maybe_unused]] const auto written = ::write(terminal, text.data(), text.size());
 }
 
-Error readError(int code) { return {std::string("cannot read the passphrase: ") + std::strerror(code), code, {}}; }
+Error readError(int code) { return {std::string("cannot read the passphrase: ") + std::strerror(code), code}; }
 
-Error endOfInput() { return {"end of input instead of a passphrase", 0, {}}; }
+Error endOfInput() { return {"end of input instead of a passphrase"}; }
 
-Error tooLong() { return {"the passphrase is too long", 0, {}}; }
+Error tooLong() { return {"the passphrase is too long"}; }
 
 Status readLine(Passphrase& passphrase, int terminal, const DelayedSignals& delayed) {
     while (delayed.waitForInput(terminal)) {
@@ -114,7 +114,7 @@ Status readLine(Passphrase& passphrase, int terminal, const DelayedSignals& dela
         passphrase.append(byte);
         explicit_bzero(&byte, 1);
     }
-    return Error{"interrupted", 0, {}};
+    return Error{"interrupted"};
 }
 
 }  // namespace
@@ -138,10 +138,10 @@ void Passphrase::clear() {
 Status askPassphrase(Passphrase& passphrase, const std::string& question) {
     passphrase.clear();
     const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
-    if (!terminal) return Error{"no terminal to ask for the passphrase on", errno, {}};
+    if (!terminal) return Error{"no terminal to ask for the passphrase on", errno};
     const DelayedSignals delayed;
     const EchoOff silent(terminal.get());
-    if (!silent.isSilent()) return Error{"cannot turn off the echo of the terminal", 0, {}};
+    if (!silent.isSilent()) return Error{"cannot turn off the echo of the terminal"};
     write(terminal.get(), visibleText(question));
     auto status = readLine(passphrase, terminal.get(), delayed);
     write(terminal.get(), "\n");

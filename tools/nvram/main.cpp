@@ -20,8 +20,8 @@ Result<int> printVariables() {
     };
     const auto dump = dumpVariables(forTests ? forTests : variablesFolder, write, ::read);
     for (const auto& problem : dump.problems) report(program, problem);
-    if (std::fflush(stdout) != 0 || std::ferror(stdout)) return Error{"cannot write the variables", 0, {}};
-    if (!dump.found) return Error{"this machine shows no firmware variables", 0, {}};
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) return Error{"cannot write the variables"};
+    if (!dump.found) return Error{"this machine shows no firmware variables"};
     return dump.shown > 0 ? 0 : exitFailed;
 }
 

@@ -36,9 +36,7 @@ struct Options {
 };
 
 // Devices cannot be read without root, so even the states that are shown would be wrong.
-Status requireRoot() {
-    return ::geteuid() == 0 ? Status() : Error{"only root can do this: try again with sudo", 0, {}};
-}
+Status requireRoot() { return ::geteuid() == 0 ? Status() : Error{"only root can do this: try again with sudo"}; }
 
 // With settings that cannot be used, captures find no volume at all, so this is an error.
 Result<Machine> machineWithSettings() {

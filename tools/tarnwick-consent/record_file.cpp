@@ -29,11 +29,11 @@ constexpr mode_t recordMode = 0644;
 // A failed call of the system on the file or folder `name`.
 Error callError(const std::string& name, int code) {
     switch (code) {
-        case ELOOP: return {name + " is a symbolic link", code, {}};
-        case EXDEV: return {name + " is the mount point of another file system", code, {}};
-        case ENOTDIR: return {name + " is not a folder", code, {}};
-        case EROFS: return {"the volume is read-only: mount it for writing and try again", code, {}};
-        default: return {name + ": " + std::strerror(code), code, {}};
+        case ELOOP: return {name + " is a symbolic link", code};
+        case EXDEV: return {name + " is the mount point of another file system", code};
+        case ENOTDIR: return {name + " is not a folder", code};
+        case EROFS: return {"the volume is read-only: mount it for writing and try again", code};
+        default: return {name + ": " + std::strerror(code), code};
     }
 }
 
@@ -55,7 +55,7 @@ Status requireMountRoot(const FileDescriptor& folder, const std::string& mountPo
     if (::statx(folder.get(), "", AT_EMPTY_PATH, 0, &status) != 0) return callError(mountPoint, errno);
     const bool isKnown = (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
     if (mountPoint != "/" && isKnown && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
-        return Error{"no longer mounted", 0, {}};
+        return Error{"no longer mounted"};
     return {};
 }
 
@@ -129,7 +129,7 @@ private:
 std::string recordName() { return std::filesystem::path(consentRecordPath).filename(); }
 
 Status requireRegular(const struct stat& status) {
-    return S_ISREG(status.st_mode) ? Status() : Error{"the record is not a regular file", 0, {}};
+    return S_ISREG(status.st_mode) ? Status() : Error{"the record is not a regular file"};
 }
 
 // No descriptor when there is no record. fstatat before the open, so that no device is opened; fstat again after it,
@@ -143,7 +143,7 @@ Result<FileDescriptor> openRecord(const FileDescriptor& folder) {
     if (!file || ::fstat(file.get(), &status) != 0) return callError("the record", errno);
     if (const auto regular = requireRegular(status); !regular) return regular.error();
     if (status.st_size > static_cast<off_t>(maxPropertyListFile))
-        return Error{"the record is larger than 16 MiB", EFBIG, {}};
+        return Error{"the record is larger than 16 MiB", EFBIG};
     return file;
 }
 
@@ -154,7 +154,7 @@ Result<std::optional<PropertyListDictionary>> readFrom(const FileDescriptor& fol
     const auto bytes = readToEnd(*file, maxPropertyListFile);
     if (!bytes) return callError("the record", bytes.error().code);
     auto record = parsePropertyListText(*bytes);
-    if (!record) return Error{"the record is not a property list with a dictionary as its root", 0, {}};
+    if (!record) return Error{"the record is not a property list with a dictionary as its root"};
     return record;
 }
 
@@ -249,7 +249,7 @@ Status changeConsentRecord(const std::string& mountPoint, const std::function<vo
     change(record);
     const auto text = writeXmlPropertyList(PropertyListValue{std::move(record)});
     if (text.size() > maxPropertyListFile)
-        return Error{"the XML form of the record would be larger than 16 MiB", EFBIG, {}};
+        return Error{"the XML form of the record would be larger than 16 MiB", EFBIG};
     if (auto replaced = replaceRecord(folders.last(), text); !replaced) return replaced;
     return folders.keep();
 }

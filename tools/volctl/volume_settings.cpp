@@ -20,7 +20,7 @@ bool readValue(const PropertyListDictionary& dictionary, std::string_view key, T
     return typed || !value;
 }
 
-SettingsReading broken(const std::string& problem) { return {{}, Error{problem, 0, {}}}; }
+SettingsReading broken(const std::string& problem) { return {{}, Error{problem}}; }
 
 // Why a file could not be read. Only a message depends on this second check of the file.
 Status whyRefused(const std::filesystem::path& file) {
@@ -51,8 +51,7 @@ SettingsReading readVolumeSettings(const PropertyListDictionary& dictionary) {
         if (!role) return broken("the role of " + key + " is not a string");
         settings.roles[key] = *role;
         if (reading.status && !isRoleName(*role))
-            reading.status =
-                Error{"unknown role \"" + *role + "\" of " + key + "; the roles are " + roleNames(), 0, {}};
+            reading.status = Error{"unknown role \"" + *role + "\" of " + key + "; the roles are " + roleNames()};
     }
     return reading;
 }
