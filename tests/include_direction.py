@@ -7,8 +7,8 @@ import sys
 # From the lowest up; a folder may include itself and the layers below it, never a neighbour.
 LAYERS = [["base"], ["log", "plist", "qvx"], ["platform"], ["config", "volumes"], ["capture", "store"], ["app"]]
 QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": "format crypto", "extract": "read format"}
-LINKED_TOOLS = {("tarnwick-consent", "volctl")}  # a tool that is built on the modules of another
-TOOLS_SEE = {"base", "plist", "qvx", "platform"}
+LINKED_TOOLS = {("tarnwick-consent", "volctl"), ("tarnwick-consent", "platform")}  # built on modules of another folder
+TOOLS_SEE = {"base", "plist", "qvx"}
 LIBRARY_FOLDERS = {"plist", "qvx", "platform"}  # the folders that may see third-party libraries
 THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|archive|libcryptsetup|sys/acl)\b(?!_)")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
@@ -35,7 +35,7 @@ def allowed(source: str, quote: str, target: str) -> bool:
     if all(folder not in layer for layer in LAYERS):
         return tree == "tools" and ("/" not in target or folder == home or (home, folder) in LINKED_TOOLS)
     if tree == "tools":
-        return folder in TOOLS_SEE
+        return folder in TOOLS_SEE or (home, folder) in LINKED_TOOLS
     if home == folder == "qvx":
         inner, outer = qvx_folder(target), qvx_folder(source.removeprefix("src/"))
         return inner is None and (outer is None or target == "qvx/bytes.h") or \
