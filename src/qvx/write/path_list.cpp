@@ -66,11 +66,12 @@ std::string PathList::pathOf(std::uint64_t number) const {
 }
 
 const PathList::Entry* PathList::Cursor::next() {
-    if (piece_ < list_.pieces_.size() && position_ == list_.pieces_[piece_].coded.size()) {
+    if (piece_ == list_.pieces_.size()) return nullptr;
+    if (position_ == list_.pieces_[piece_].coded.size()) {
         ++piece_;
         position_ = 0;
+        return next();
     }
-    if (piece_ == list_.pieces_.size()) return nullptr;
     if (position_ == 0) entry_ = {};
     const auto& coded = list_.pieces_[piece_].coded;
     WireReader in(Bytes(coded).subspan(position_));

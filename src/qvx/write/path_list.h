@@ -29,6 +29,7 @@ struct PathList {
         ino_t folderInode = 0;  // 0: not known
 
         [[nodiscard]] bool isGuarded() const { return folderInode != 0; }
+        bool operator==(const Entry&) const = default;
     };
 
     void append(const Entry& entry);
