@@ -7,7 +7,6 @@
 #include <optional>
 #include <system_error>
 
-#include "platform/encryption_context.h"
 #include "qvx/archive_writer.h"
 
 namespace tarnwick {
@@ -20,6 +19,12 @@ struct ByteStream {
 
 struct FieldKeySet {
     qvx::FieldMask fields = 0;
+};
+
+struct EncryptionContext {
+    std::optional<qvx::Point> recipient;
+    bool compressionSet = false;
+    bool blockSizeSet = false;
 };
 
 struct ArchiveStream {
@@ -120,7 +125,7 @@ ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionC
     return guarded<ByteStream*>(nullptr, [&]() -> ByteStream* {
         auto stream = std::make_unique<ByteStream>();
         auto writer = qvx::ArchiveWriter::open(*context->recipient, static_cast<unsigned>(workers),
-                                               qvx::fileSink(underlying->file.get(), {}), context->ephemeral.get());
+                                               qvx::fileSink(underlying->file.get(), {}));
         if (!writer) return nullptr;
         stream->writer = std::move(*writer);
         return stream.release();

@@ -2,20 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <fstream>
 #include <random>
-#include <regex>
 
-#include "platform/encryption_context.h"
-#include "qvx/crypto/private_key.h"
 #include "qvx/write/path_list.h"
 #include "unit/archive_builder.h"
-#include "unit/hex.h"
+#include "unit/clock_tick.h"
 #include "unit/temporary_folder.h"
 
 namespace fs = std::filesystem;
@@ -27,6 +21,7 @@ namespace {
 using StreamHandle = std::unique_ptr<ByteStream, FreeWith<closeByteStream>>;
 using EncoderHandle = std::unique_ptr<ArchiveStream, FreeWith<closeArchiveStream>>;
 using KeySetHandle = std::unique_ptr<FieldKeySet, FreeWith<destroyFieldKeySet>>;
+using ContextHandle = std::unique_ptr<EncryptionContext, FreeWith<destroyEncryptionContext>>;
 using ListHandle = std::unique_ptr<PathList, FreeWith<destroyPathList>>;
 
 StreamHandle newFile(const fs::path& path) {
@@ -39,25 +34,28 @@ PathList listOf(const Seen& paths) {
     return list;
 }
 
+// All settings made; the point is on the curve unless `flipped` changes it.
+ContextHandle newContext(std::uint8_t flipped = 0) {
+    ContextHandle context(createEncryptionContext(profileHpke));
+    Point point = *publicPointOf(recipient());
+    point.back() ^= flipped;
+    const auto* bytes = reinterpret_cast<const std::byte*>(point.data());
+    EXPECT_EQ(setContextFieldBlob(context.get(), contextFieldRecipient, representationUncompressed, bytes, 65), 0);
+    EXPECT_EQ(setContextFieldUInt(context.get(), contextFieldCompression, compressionZstd), 0);
+    EXPECT_EQ(setContextFieldUInt(context.get(), contextFieldBlockSize, blockSize), 0);
+    return context;
+}
+
 // Writes an archive. Returns its bytes, or none on a failure.
-ByteVector write(const PathList& list, const fs::path& archive, const EncryptionContext& context,
-                 const char* fields = "UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL") {
-    const KeySetHandle keys(fieldKeySetFromString(fields));
+ByteVector write(const PathList& list, const fs::path& archive) {
+    const auto context = newContext();
+    const KeySetHandle keys(fieldKeySetFromString("UID,GID,MOD,FLG,MTM,CTM,BTM,DAT,SH2,SLC,CLC,HLC,XAT,ACL"));
     const auto output = newFile(archive);
-    const StreamHandle sealed(openEncryptionOutputStream(output.get(), &context, streamFlags, 4));
+    const StreamHandle sealed(openEncryptionOutputStream(output.get(), context.get(), streamFlags, 4));
     const EncoderHandle encoder(openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, 4));
     if (writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4) != 0) return {};
     std::ifstream stream(archive, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-// A file that changes in the tick of the clock in which writing begins is not stored by reference.
-void waitForTick() {
-    const auto tick = [](struct timespec now = {}) {
-        ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-        return now.tv_nsec;
-    };
-    for (const auto begin = tick(); tick() == begin;) continue;
 }
 
 class ArchiveLibrary : public testing::Test {
@@ -70,7 +68,7 @@ protected:
 
     // What a complete and careful reading of an archive of these gives, the folder's own name left out.
     Seen roundTrip(const Seen& paths, CheckingSink&& sink = {}) {
-        bytes_ = write(listOf(paths), at("archive.qvx"), {publicPointOf(recipient()), true, true, nullptr});
+        bytes_ = write(listOf(paths), at("archive.qvx"));
         ReadFault fault;
         const auto reader = openArchive(bytes_, fault);
         EXPECT_TRUE(reader && reader->readAll(sink, fault)) << fault.what;
@@ -153,7 +151,7 @@ TEST_F(ArchiveLibrary, FollowsNoUserToAnotherFolderOrFile) {
         file("secret/log", "secret");
         const auto list = listOf({at("logs/log")});
         row.change();
-        const auto written = write(list, at("archive.qvx"), {publicPointOf(recipient()), true, true, nullptr});
+        const auto written = write(list, at("archive.qvx"));
         EXPECT_EQ(!written.empty(), row.stored) << row.title;
         EXPECT_EQ(ListHandle(pathListForPath("/", at("logs/log").native())) != nullptr, row.listed) << row.title;
     }
@@ -164,12 +162,13 @@ TEST_F(ArchiveLibrary, RefusesWhatIsNoRegularFileAndArgumentsThatDoNotFit) {
     fs::create_symlink(at("target"), at("link"));
     for (const auto* name : {"fifo", "link", "."}) EXPECT_FALSE(newFile(at(name))) << name;
     const auto output = newFile(at("archive.qvx"));
-    EncryptionContext context{publicPointOf(recipient()), true, true, nullptr};
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), &context, streamFlags, 0));
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), &context, 0, 4));
-    const StreamHandle sealed(openEncryptionOutputStream(output.get(), &context, streamFlags, 4));
-    (*context.recipient)[64] ^= 1;
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), &context, streamFlags, 4)) << "not on the curve";
+    const auto context = newContext(), offCurve = newContext(1);
+    const ContextHandle unset(createEncryptionContext(profileHpke));
+    EXPECT_FALSE(openEncryptionOutputStream(output.get(), context.get(), streamFlags, 0));
+    EXPECT_FALSE(openEncryptionOutputStream(output.get(), context.get(), 0, 4));
+    EXPECT_FALSE(openEncryptionOutputStream(output.get(), offCurve.get(), streamFlags, 4));
+    EXPECT_FALSE(openEncryptionOutputStream(output.get(), unset.get(), streamFlags, 4));
+    const StreamHandle sealed(openEncryptionOutputStream(output.get(), context.get(), streamFlags, 4));
     EXPECT_FALSE(openArchiveEncoderStream(output.get(), nullptr, nullptr, 0, 4)) << "not encrypted";
     const EncoderHandle encoder(openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, 4));
     const KeySetHandle keys(fieldKeySetFromString("DAT"));
@@ -177,76 +176,6 @@ TEST_F(ArchiveLibrary, RefusesWhatIsNoRegularFileAndArgumentsThatDoNotFit) {
     EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 5), -EINVAL);
     EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4), 0);
     EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4), -EINVAL) << "twice";
-}
-
-// The lines of the block of text that comes behind `heading` in docs/qvx-format.md.
-std::string blockBehind(const std::string& heading) {
-    std::ostringstream page;
-    page << std::ifstream(TEST_DATA "/../../docs/qvx-format.md").rdbuf();
-    const auto at = page.str().find("\n    ", page.str().find(heading));
-    return std::regex_replace(page.str().substr(at, page.str().find("\n\n", at) - at), std::regex("\n    "), "\n");
-}
-
-// A listing: in every line an offset, bytes, and perhaps a remark.
-ByteVector listing(const std::string& heading) {
-    ByteVector bytes;
-    std::istringstream block(blockBehind(heading));
-    for (std::string line; std::getline(block, line);)
-        for (std::size_t at = 6; at < line.size() && std::isxdigit(line[at]); at += 3)
-            bytes.push_back(fromHex(line.substr(at, 2)).at(0));
-    return bytes;
-}
-
-KeyHandle keyBehind(const std::string& heading) { return parsePrivateKey(blockBehind(heading), nullptr).key; }
-
-// The files of the page's example, in an archive. For a process of its own, whose /mnt is nobody else's.
-ByteVector writeExample(const fs::path& archive) {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("example", "/mnt", "tmpfs", 0, "mode=755") != 0)
-        return {};
-    std::ofstream("/mnt/hello") << "hello, world\n";
-    std::ofstream("/mnt/sparse").seekp(8192) << "end";
-    fs::permissions("/mnt/hello", fs::perms(0644));
-    fs::permissions("/mnt/sparse", fs::perms(0600));
-    fs::create_hard_link("/mnt/hello", "/mnt/again");
-    fs::create_symlink("hello", "/mnt/link");
-    waitForTick();
-    const Seen paths{"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"};
-    const struct timespec time { 1767323045, 500000000 }, times[] = {time, time};
-    for (const auto& path : paths) ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
-    return write(
-        listOf(paths), archive,
-        {publicPointOf(keyBehind("The recipient's key").get()), true, true, keyBehind("The sender's ephemeral key")},
-        "UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC");
-}
-
-TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
-    auto file = listing("The file, 715 bytes");
-    const TemporaryFolder folder;
-    const pid_t child = fork();
-    if (child == 0) ::_exit(writeExample(folder.path / "example.qvx") == file ? 0 : 1);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-
-    const auto key = keyBehind("The recipient's key");
-    const Bytes header = Bytes(file).first(plainHeaderSize);
-    const auto keys =
-        hpkeReceive(Aead::aes256Gcm, key.get(), header.subspan(boundHeaderSize), header.first(boundHeaderSize));
-    ByteVector schedule(keys->key.begin(), keys->key.end());
-    schedule.insert(schedule.end(), keys->baseNonce.begin(), keys->baseNonce.end());
-    EXPECT_EQ(schedule, listing("HPKE's key schedule"));
-    std::size_t at = plainHeaderSize;
-    for (const char* heading : {"The plain bytes of block 0", "Of block 1", "Of block 2"}) {
-        const auto block = decodeBlockHeader(Bytes(file).subspan(at));
-        const auto sealed = MutableBytes(file).subspan(at + blockHeaderSize);
-        ByteVector plain, shown = listing(heading);
-        ASSERT_EQ(BlockDecoder(*keys).decode(*block, sealed, {}, plain), BlockFault::none) << heading;
-        shown.resize(plain.size());
-        EXPECT_TRUE(shown == plain) << heading;
-        at += blockHeaderSize + block->sealedLength;
-    }
 }
 
 }  // namespace

@@ -1,0 +1,101 @@
+// docs/qvx-format.md shows an archive byte for byte.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "qvx/archive_writer.h"
+#include "qvx/crypto/private_key.h"
+#include "unit/archive_builder.h"
+#include "unit/clock_tick.h"
+#include "unit/hex.h"
+
+namespace fs = std::filesystem;
+using namespace tarnwick;
+using namespace tarnwick::test;
+
+namespace {
+
+// The lines of the block of text that follows `heading` in docs/qvx-format.md.
+std::string blockAfter(const std::string& heading) {
+    std::ostringstream page;
+    page << std::ifstream(TEST_DATA "/../../docs/qvx-format.md").rdbuf();
+    const auto at = page.str().find("\n    ", page.str().find(heading));
+    return std::regex_replace(page.str().substr(at, page.str().find("\n\n", at) - at), std::regex("\n    "), "\n");
+}
+
+// A listing: in every line an offset, bytes, and perhaps a remark.
+ByteVector listing(const std::string& heading) {
+    ByteVector bytes;
+    std::istringstream block(blockAfter(heading));
+    for (std::string line; std::getline(block, line);)
+        for (std::size_t at = 6; at < line.size() && std::isxdigit(line[at]); at += 3)
+            bytes.push_back(fromHex(line.substr(at, 2)).at(0));
+    return bytes;
+}
+
+KeyHandle keyAfter(const std::string& heading) { return parsePrivateKey(blockAfter(heading), nullptr).key; }
+
+// Writes the files of the page's example into an archive. For a process of its own, which gets its own /mnt.
+ByteVector writeExample() {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("example", "/mnt", "tmpfs", 0, "mode=755") != 0)
+        return {};
+    std::ofstream("/mnt/hello") << "hello, world\n";
+    std::ofstream("/mnt/sparse").seekp(8192) << "end";
+    fs::permissions("/mnt/hello", fs::perms(0644));
+    fs::permissions("/mnt/sparse", fs::perms(0600));
+    fs::create_hard_link("/mnt/hello", "/mnt/again");
+    fs::create_symlink("hello", "/mnt/link");
+    waitForTick();
+    PathList list;
+    const struct timespec time { 1767323045, 500000000 }, times[] = {time, time};
+    for (const char* path : {"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"}) {
+        ::utimensat(AT_FDCWD, path, times, AT_SYMLINK_NOFOLLOW);
+        list.append(*lookUpGuarded("/", path));
+    }
+    ByteVector written;
+    const auto sink = [&](Bytes bytes) {
+        written.insert(written.end(), bytes.begin(), bytes.end());
+        return Status();
+    };
+    auto writer = ArchiveWriter::open(*publicPointOf(keyAfter("The recipient's key").get()), 4, sink,
+                                      keyAfter("The sender's ephemeral key").get());
+    return writer->write(list, *parseFieldKeys("UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC"), 4) ? written : ByteVector();
+}
+
+TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
+    auto file = listing("The file, 715 bytes");
+    const pid_t child = fork();
+    if (child == 0) ::_exit(writeExample() == file ? 0 : 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+
+    const auto key = keyAfter("The recipient's key");
+    const Bytes header = Bytes(file).first(plainHeaderSize);
+    const auto keys =
+        hpkeReceive(Aead::aes256Gcm, key.get(), header.subspan(boundHeaderSize), header.first(boundHeaderSize));
+    ByteVector schedule(keys->key.begin(), keys->key.end());
+    schedule.insert(schedule.end(), keys->baseNonce.begin(), keys->baseNonce.end());
+    EXPECT_EQ(schedule, listing("HPKE's key schedule"));
+    std::size_t at = plainHeaderSize;
+    for (const char* heading : {"The plain bytes of block 0", "Of block 1", "Of block 2"}) {
+        const auto block = decodeBlockHeader(Bytes(file).subspan(at));
+        const auto sealed = MutableBytes(file).subspan(at + blockHeaderSize);
+        ByteVector plain, shown = listing(heading);
+        ASSERT_EQ(BlockDecoder(*keys).decode(*block, sealed, {}, plain), BlockFault::none) << heading;
+        shown.resize(plain.size());
+        EXPECT_TRUE(shown == plain) << heading;
+        at += blockHeaderSize + block->sealedLength;
+    }
+}
+
+}  // namespace
