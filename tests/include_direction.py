@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Fails when an include points up the layers of src/, or leaves what the tools may see."""
+"""Fails when an include points up the layers of src/, or to what the tools may not include."""
 import pathlib
 import re
 import sys
 
 # From the lowest up; a folder may include itself and the layers below it, never a neighbour.
 LAYERS = [["base"], ["log", "plist", "qvx"], ["platform"], ["config", "volumes"], ["capture", "store"], ["app"]]
+HEIGHT = {folder: number for number, layer in enumerate(LAYERS) for folder in layer}
 QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": "format crypto", "extract": "read format"}
 LINKED_TOOLS = {("tarnwick-consent", "volctl"), ("tarnwick-consent", "platform")}  # built on modules of another folder
 TOOLS_SEE = {"base", "plist", "qvx"}
@@ -14,16 +15,8 @@ THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|arc
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 
 
-def height(folder):
-    return next(number for number, layer in enumerate(LAYERS) if folder in layer)
-
-
-def below(source, target):
-    return source == target or height(target) < height(source)
-
-
 def qvx_folder(path):
-    """The folder inside src/qvx, or nothing for a header that all of the library shares or that is its face."""
+    """The folder inside src/qvx; None for a public header and for one that all of the library shares."""
     return path.split("/")[1] if path.count("/") > 1 else None
 
 
@@ -32,15 +25,14 @@ def allowed(source: str, quote: str, target: str) -> bool:
     folder = target.split("/")[0]
     if quote == "<":
         return tree == "tools" or home in LIBRARY_FOLDERS or not THIRD_PARTY.match(target)
-    if all(folder not in layer for layer in LAYERS):
+    if folder not in HEIGHT:
         return tree == "tools" and ("/" not in target or folder == home or (home, folder) in LINKED_TOOLS)
     if tree == "tools":
         return folder in TOOLS_SEE or (home, folder) in LINKED_TOOLS
     if home == folder == "qvx":
         inner, outer = qvx_folder(target), qvx_folder(source.removeprefix("src/"))
-        return inner is None and (outer is None or target == "qvx/bytes.h") or \
-            inner is not None and (outer is None or inner in (outer, *QVX_SEES[outer].split()))
-    return below(home, folder)
+        return outer is None or target == "qvx/bytes.h" or inner in (outer, *QVX_SEES[outer].split())
+    return home == folder or HEIGHT[folder] < HEIGHT[home]
 
 
 root = pathlib.Path(__file__).resolve().parent.parent

@@ -18,17 +18,19 @@ def offered(*words):
 
 class Completion(Scenario):
     def test_words_of_the_companions(self):
-        """The long options and the commands that the program's own help names."""
-        for line in ("qvx", *(f"qvx {each}" for each in "create list verify extract cat info keygen".split()), "volctl",
-                     *(f"volctl {each}" for each in ("list", "info", "zkfs", "zkfs listGroups", "zkfs unlockVolume",
-                                                     "zkfs lockVolume")), "tarnwick-consent",
-                     *(f"tarnwick-consent {each}" for each in ("show", "grant", "deny", "ask"))):
-            words = line.split()
-            text, _, commands = call(f"{BIN}/{words[0]}", *words[1:], "--help").partition("Subcommands:\n")
-            known = re.findall(r"--[a-z0-9-]+", (text + commands).replace("-plist)", ""))
-            known += re.findall(r"^  (\w+)", commands, re.M)
-            more = offered(*words, "") if commands else set()
-            self.assertEqual((offered(*words, "-") | more) - {"-plist"}, set(known), line)
+        for program in "qvx", "volctl", "tarnwick-consent":
+            self.offers_what_help_names(program)
+
+    def offers_what_help_names(self, *words):
+        """The long options and the commands, and the same after each of the commands."""
+        text, _, commands = call(f"{BIN}/{words[0]}", *words[1:], "--help").partition("Subcommands:\n")
+        options = re.findall(r"--[a-z0-9-]+", (text + commands).replace("-plist)", ""))
+        names = re.findall(r"^  (\w+)", commands, re.M)
+        self.assertTrue(names or words[1:], "a program without commands")
+        more = offered(*words, "") if names else set()
+        self.assertEqual((offered(*words, "-") | more) - {"-plist"}, {*options, *names}, words)
+        for name in names:
+            self.offers_what_help_names(*words, name)
 
     def test_words_of_the_main_program_and_files(self):
         general, _, internal = read(f"{TOP}/man/tarnwick.8").partition("On internal builds")

@@ -1,7 +1,7 @@
-// A second reader of qvx archives, written from docs/qvx-format.md alone, so that the page and the programs cannot err
-// together. `node second_reader.mjs KEY.pem ARCHIVE` goes through the archive once from front to back, prints one line
-// of JSON an entry (bytes that need not be text in base64), and holds index, root and trailer to what it saw. Status 1:
-// the archive breaks a rule; the lines printed so far are of whole entries, but nothing vouches for what is missing.
+// A second reader of qvx archives, written from docs/qvx-format.md alone, so that an error in both the page and the
+// programs is found. `node second_reader.mjs KEY.pem ARCHIVE` reads the archive once from front to back, prints a line
+// of JSON for each entry (bytes that need not be text in base64), and compares index, root and trailer with them.
+// Status 1: the archive breaks a rule. The lines printed so far are of complete entries; others may be missing.
 import { spawnSync } from "node:child_process";
 import { createDecipheriv, createECDH, createHash, createHmac, createPrivateKey } from "node:crypto";
 import { mkdtempSync, openSync, readFileSync, readSync, rmSync, writeFileSync } from "node:fs";
@@ -9,7 +9,7 @@ import { tmpdir } from "node:os";
 
 const PLAIN_HEADER = "89515658" + "0d0a1a0a" + "0100" + "0300" + "01080000" + "00000000000000c0" + "00001000";
 const BLOCK = 1 << 20, TAG = 16, RECORD_HEADER = 4;
-const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, GOES_ON = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
+const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, CONTINUES = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
 const PAD = 0, ENTRY = 1, DATA = 2, HOLE = 3, END = 4, INDEX = 5, ROOT = 6, TRAILER = 7;
 const SPLIT_LIMIT = { [END]: 2 << 20, [INDEX]: 1 << 20, [ROOT]: Infinity };
 const BAD_PATH = /\0|^(?=.)\.{0,2}(\/|$)|\/\.{0,2}(\/|$)/s;
@@ -28,10 +28,10 @@ const wholeSeconds = (time = 0n) => (time - (((time % 1000000000n) + 1000000000n
 class Fields {
   constructor(bytes) { Object.assign(this, { bytes, at: 0 }); }
 
-  byte() { return this.take(1)[0]; }
-  text() { return this.take(this.count()); }
+  byte() { return this.read(1)[0]; }
+  text() { return this.read(this.count()); }
 
-  take(count) {
+  read(count) {
     demand(count <= this.bytes.length - this.at, "a payload is too short");
     return this.bytes.subarray(this.at, (this.at += count));
   }
@@ -92,7 +92,7 @@ function receive(jwk, encapsulated, info) {
   return { key: suite.expand(secret, "key", context, 32), nonce: suite.expand(secret, "base_nonce", context, 12) };
 }
 
-// The plain bytes of message `number`; null where the seal is broken.
+// The plain bytes of message `number`; null if the seal is broken.
 function unseal({ key, nonce }, number, sealed, aad) {
   const iv = Buffer.from(nonce);
   iv.writeBigUInt64BE(iv.readBigUInt64BE(4) ^ BigInt(number), 4);
@@ -113,7 +113,7 @@ function openHeader(header, pem) {
 }
 
 function decompress(frame, dictionary) {
-  demand(frame.length > 4 && frame.readUInt32LE() === 0xfd2fb528 && frame[4] >> 5, "no frame that says its size");
+  demand(frame.length > 4 && frame.readUInt32LE() === 0xfd2fb528 && frame[4] >> 5, "a frame without its size");
   const result = spawnSync("zstd", ["-qdc", ...dictionary], { input: frame, maxBuffer: BLOCK });
   demand(result.status === 0, `a frame does not open: ${result.error ?? result.stderr}`);
   return result.stdout;
@@ -131,28 +131,28 @@ function* readBlocks(file, { groupLength, keys }, leader) {
     demand(stored, `block ${number} does not open`);
     const plain = flags & COMPRESSED ? decompress(stored, flags & DICTIONARY ? ["-D", leader] : []) : stored;
     demand(flags === LAST ? plain.length < BLOCK : plain.length === BLOCK, "wrong size of a block");
-    // The command takes a dictionary as a file. The zero in front keeps it from passing for one of the trained kind.
+    // zstd reads a dictionary from a file. With a zero in front, it is not mistaken for a trained dictionary.
     if (leads) writeFileSync(leader, Buffer.concat([Buffer.of(0), plain]));
     yield { number, position, length, flags, plain };
   }
   demand(readSync(file, Buffer.alloc(1)) === 0, "something follows the last block");
 }
 
-// The logical records of a block; one that goes on is kept in `state.open` until the next block.
+// The logical records of a block; one that continues in the next block is kept in `state.open` until then.
 function* readRecords(block, state) {
   const { plain } = block;
   let at = 0;
   while (plain.length - at >= RECORD_HEADER) {
-    const type = plain[at] & ~GOES_ON, goesOn = plain[at] & GOES_ON;
+    const type = plain[at] & ~CONTINUES, continues = plain[at] & CONTINUES;
     const begin = at + RECORD_HEADER, end = begin + plain.readUIntLE(at + 1, 3);
     demand(end <= plain.length, "a record crosses the end of its block");
-    demand(!state.open || (at === 0 && type === state.open.type), "a split record does not go on");
-    demand(!goesOn || (type in SPLIT_LIMIT && plain.length - end < RECORD_HEADER), "a record is split wrongly");
+    demand(!state.open || (at === 0 && type === state.open.type), "a split record does not continue");
+    demand(!continues || (type in SPLIT_LIMIT && plain.length - end < RECORD_HEADER), "a record is split wrongly");
     const record = (state.open ??= { type, block, offset: at, payload: Buffer.alloc(0) });
     record.payload = Buffer.concat([record.payload, plain.subarray(begin, end)]);
     demand(record.payload.length <= (SPLIT_LIMIT[type] ?? BLOCK), "a record is too long");
     at = end;
-    if (goesOn) break;
+    if (continues) break;
     state.open = null;
     if (type !== PAD) yield record;
     else demand(at === plain.length && isZero(record.payload), "padding is not zero or not up to the end");
@@ -177,10 +177,10 @@ class Archive {
   [ENTRY](fields, ...place) {
     const entry = { number: fields.count(), type: fields.byte(), path: fields.text() };
     demand(entry.number === this.entries.length && [FILE, DIRECTORY, LINK].includes(entry.type), "no such entry");
-    demand(entry.path.length <= 4095 && !BAD_PATH.test(entry.path.toString("latin1")), "a path that must not be");
+    demand(entry.path.length <= 4095 && !BAD_PATH.test(entry.path.toString("latin1")), "a path that is not allowed");
     const present = fields.byte();
     ["uid", "gid", "mode", "flags"].forEach((key, bit) => { if (present & (1 << bit)) entry[key] = fields.count(); });
-    if (present & 0x10) entry.mtime_ns = fields.take(8).readBigInt64LE();
+    if (present & 0x10) entry.mtime_ns = fields.read(8).readBigInt64LE();
     if (present & 0x20) entry.ctime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
     if (present & 0x40) entry.btime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
     demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777, "an entry has an unknown field or mode");
@@ -196,13 +196,13 @@ class Archive {
 
   [DATA](fields) {
     demand(this.open.entry.type !== DIRECTORY, "a directory has content");
-    this.add(fields.take(fields.bytes.length));
+    this.add(fields.read(fields.bytes.length));
   }
 
   [HOLE](fields) {
-    demand(this.open.entry.type === FILE, "a hole in what is no file");
+    demand(this.open.entry.type === FILE, "a hole outside a file");
     let rest = fields.varint();
-    demand(rest > 0n, "a hole of nothing");
+    demand(rest > 0n, "an empty hole");
     this.open.zeros += rest;
     for (; rest >= BLOCK; rest -= BigInt(BLOCK)) this.add(ZEROS);
     this.add(ZEROS.subarray(0, Number(rest)));
@@ -215,7 +215,7 @@ class Archive {
     const isFile = entry.type === FILE;
     demand((has(1) ? isFile : holes === 0), "an end has the wrong fields");
     demand(!has(0) || entry.type !== DIRECTORY, "a digest of no content");
-    const digestSaid = has(0) && fields.take(32).toString("hex"), sum = has(1) && [fields.varint(), fields.count()];
+    const wanted = has(0) && fields.read(32).toString("hex"), sum = has(1) && [fields.varint(), fields.count()];
     if (has(2)) entry.content_of = fields.count();
     if (has(3)) entry.link_of = fields.count();
     if (has(4)) entry.xattrs = repeat(fields.count(), () => [fields.text(), fields.text()]);
@@ -233,7 +233,7 @@ class Archive {
     demand(!has(3) || (has(2) && entry.link_of < entry.number), "a wrong link reference");
     if (isFile) Object.assign(entry, { size: holder.size, holes: holder.holes });
     if (isFile || has(0)) entry.sha256 = holder.sha256;
-    demand(!has(0) || digestSaid === entry.sha256, "the content's digest differs");
+    demand(!has(0) || wanted === entry.sha256, "the content's digest differs");
     demand(!has(1) || same(sum, [entry.size, entry.holes]), "the content's sum differs");
     if (entry.type === LINK) Object.assign(entry, { size, target: Buffer.concat(target) });
     this.entries.push(Object.assign(entry, { place }));
@@ -258,13 +258,13 @@ class Archive {
     demand(first === this.indexed, "an index part covers the wrong entries");
     let block = 0, path = Buffer.alloc(0), seconds = 0n;
     for (const entry of entries) {
-      const said = [(block += fields.count()), fields.count(), fields.byte()];
+      const found = [(block += fields.count()), fields.count(), fields.byte()];
       path = Buffer.concat([path.subarray(0, fields.count()), fields.text()]);
-      said.push(fields.count(), fields.count(), fields.count(), fields.varint(), (seconds += zigzag(fields.varint())));
+      found.push(fields.count(), fields.count(), fields.count(), fields.varint(), (seconds += zigzag(fields.varint())));
       const { mode = 0, uid = 0, gid = 0, size = 0n } = entry;
       const type = entry.type | (entry.incomplete ? 0x80 : 0);
-      const meant = [...entry.place, type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
-      demand(same(said, meant) && path.equals(entry.path), `the index tells otherwise of entry ${entry.number}`);
+      const expected = [...entry.place, type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
+      demand(same(found, expected) && path.equals(entry.path), `the index differs for entry ${entry.number}`);
     }
     this.parts.push([first, ...place]);
     this.indexed += entries.length;
@@ -275,25 +275,25 @@ class Archive {
     const parts = repeat(fields.count(), () => [fields.count(), fields.count(), fields.count()]);
     const lengths = repeat(fields.count(), () => fields.count());
     demand(offset === 0 && this.indexed === entries && entries === this.entries.length, "entries are not indexed");
-    demand(same(parts, this.parts) && same(lengths, before), "the root tells otherwise");
+    demand(same(parts, this.parts) && same(lengths, before), "the root differs");
     demand(this.blocks.slice(number).every((each) => !(each.flags & DICTIONARY)), "the root needs a dictionary");
     this.root = this.blocks[number];
   }
 
   [TRAILER](fields, number, offset) {
-    const said = repeat(4, () => fields.take(8).readBigUInt64LE());
-    this.whole = same(said, [this.root?.position, this.root?.number, this.entries.length, number + 1]);
-    demand(this.whole && this.blocks[number].flags === LAST && offset === 0, "the trailer tells otherwise");
+    const found = repeat(4, () => fields.read(8).readBigUInt64LE());
+    this.whole = same(found, [this.root?.position, this.root?.number, this.entries.length, number + 1]);
+    demand(this.whole && this.blocks[number].flags === LAST && offset === 0, "the trailer differs");
   }
 }
 
 function print({ place, size, ...entry }) {
   const base64 = (value) => (Buffer.isBuffer(value) ? value.toString("base64") : value?.map(base64));
-  const told = { ...entry, type: TYPES[entry.type], mode: entry.mode?.toString(8).padStart(4, "0") };
-  for (const key of ["path", "target", "xattrs"]) told[key] = base64(entry[key]);
-  if (entry.type === FILE) told.size = size;
+  const shown = { ...entry, type: TYPES[entry.type], mode: entry.mode?.toString(8).padStart(4, "0") };
+  for (const key of ["path", "target", "xattrs"]) shown[key] = base64(entry[key]);
+  if (entry.type === FILE) shown.size = size;
   const mark = (_, value) => (typeof value === "bigint" ? `#${value}` : value);
-  console.log(JSON.stringify(told, mark).replace(/"#(-?\d+)"/g, "$1"));
+  console.log(JSON.stringify(shown, mark).replace(/"#(-?\d+)"/g, "$1"));
 }
 
 const folder = mkdtempSync(`${tmpdir()}/second-reader-`);
