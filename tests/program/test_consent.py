@@ -73,7 +73,9 @@ class Consent(Disks):
         self.assertEqual(os.listdir(f"{folder}/{FOLDER}"), [NAME])
 
     def test_volumes_without_a_record_that_can_be_changed(self):
-        denied, record = self.data("denied", "-L", "\x1b[2J")
+        label = f"\x1b[2J{os.getpid():07}"  # other volumes of the machine have other names
+        self.known[label[1:]] = "[2J"
+        denied, record = self.data("denied", "-L", label)
         write(record, plistlib.dumps(NO))
         other, hostile = self.data("other", role="Other")[0], self.data("$(reboot)")[0]
         unmounted, locked = self.attach(self.formatted(role="Data")[0]), self.attach(self.locked(b"key"))
@@ -87,8 +89,8 @@ class Consent(Disks):
         os.chmod("/etc/tarnwick/volumes.plist", 0o644)
         call("mount", "-o", "remount,ro", denied)
         for command in "grant", "ask":
-            self.refuses(command, "\x1b[2J", folder=denied)
-            self.refuses(command, r"\x1b[2J", folder=denied, user=65534)
+            self.refuses(command, label, folder=denied)
+            self.refuses(command, label, folder=denied, user=65534)
         self.consent("show", denied, user=65534)
         for words in [], ["grow"], ["show", "--all"], ["grant", "--json"]:
             self.assertEqual(self.consent(*words, denied).returncode, 2)
@@ -137,9 +139,9 @@ class Consent(Disks):
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
 
-        self.refuses("grant", folder, folder=folder, preexec_fn=small_files)  # removes its new folders again
+        self.refuses("grant", folder, folder=folder, limits=small_files)  # removes its new folders again
         write(record, plistlib.dumps(old))
-        self.refuses("grant", folder, folder=folder, preexec_fn=small_files)
+        self.refuses("grant", folder, folder=folder, limits=small_files)
         for number, granted in (signal.SIGTERM, True), (signal.SIGKILL, False):
             write(record, plistlib.dumps(old))
             self.assertEqual(os.listdir(f"{folder}/{FOLDER}"), [NAME])

@@ -215,11 +215,11 @@ class Scenario(unittest.TestCase):
 
     def start(self, *arguments, program="tarnwick", argv0=None, environment=(), limits=None, **more):
         everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root", **COUNTS}
-        if limits:  # a build that counts lines complains where it cannot write the counts
-            everywhere["GCOV_PREFIX"] = "/media/counts"
-        options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more}
+        if limits or "user" in more:  # a build that counts lines complains where it cannot write the counts
+            everywhere.update(GCOV_PREFIX="/media/counts", GCOV_ERROR_FILE="/dev/null")
+        options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "cwd": "/media/cwd"}
         return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
-                                env={**everywhere, **dict(environment)}, cwd="/media/cwd", preexec_fn=limits, **options)
+                                env={**everywhere, **dict(environment)}, preexec_fn=limits, **{**options, **more})
 
     def tarnwick(self, *arguments, answers="", **more):
         """A run that is recorded. `answers` is its standard input."""
@@ -237,16 +237,13 @@ class Scenario(unittest.TestCase):
         clear("/tmp")
         return self.tarnwick(*SPECIFIED, *arguments, **more)
 
-    def tool(self, program, *words, typed=b"", environment=(), **options):
+    def tool(self, program, *words, typed=b"", environment=(), **more):
         """A recorded run of a companion. It has no terminal, and finds no other command."""
-        everywhere = {"PATH": "/nowhere", **COUNTS}
-        if options.keys() & {"user", "preexec_fn"}:  # as in start()
-            everywhere.update(GCOV_PREFIX="/media/counts", GCOV_ERROR_FILE="/dev/null")
-        done = subprocess.run([f"/media/programs/{program}", *words], env={**everywhere, **dict(environment)},
-                              input=typed, start_new_session=True, check=False,
-                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
-        self.report((program, *words), done.stdout or b"", done.stderr, done.returncode)
-        return done
+        process = self.start(*words, program=program, environment={"PATH": "/nowhere", **dict(environment)},
+                             start_new_session=True, **more)
+        out, errors = process.communicate(typed)
+        self.report((program, *words), out or b"", errors, process.returncode)
+        return subprocess.CompletedProcess(words, process.returncode, out, errors)
 
     def report_run(self, arguments, out, errors, status):
         self.report(("tarnwick", *arguments), out, errors, status)
