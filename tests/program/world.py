@@ -19,6 +19,7 @@ import pty
 import re
 import shlex
 import shutil
+import signal
 import struct
 import subprocess
 import termios
@@ -85,6 +86,7 @@ def on_terminal(words, prompt, *lines, secret=True, kill=None):
 
     child, terminal = pty.fork()
     if child == 0:
+        signal.signal(signal.SIGINT, signal.SIG_DFL)  # a shell ignores it for what it runs in the background
         os.execv(words[0], words)
     shown = b""
     with contextlib.suppress(OSError):  # the other end is closed
