@@ -7,7 +7,8 @@ import sys
 # From the lowest up; a folder may include itself and the layers below it, never a neighbour.
 LAYERS = [["base"], ["log", "plist", "qvx"], ["platform"], ["config", "volumes"], ["capture", "store"], ["app"]]
 HEIGHT = {folder: number for number, layer in enumerate(LAYERS) for folder in layer}
-QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": "format crypto", "extract": "read format"}
+QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": "format crypto",
+            "extract": "read format"}
 LINKED_TOOLS = {("tarnwick-consent", "volctl"), ("tarnwick-consent", "platform")}  # built on modules of another folder
 TOOLS_SEE = {"base", "plist", "qvx"}
 LIBRARY_FOLDERS = {"plist", "qvx", "platform"}  # the folders that may see third-party libraries
@@ -36,7 +37,7 @@ def allowed(source: str, quote: str, target: str) -> bool:
 
 
 root = pathlib.Path(__file__).resolve().parent.parent
-sources = sorted(path for tree in ("src", "tools") for path in (root / tree).rglob("*") if path.suffix in (".h", ".cpp"))
+sources = sorted(path for tree in ("src", "tools") for end in ("h", "cpp") for path in (root / tree).rglob("*." + end))
 includes = [(str(path.relative_to(root)), *found) for path in sources for found in INCLUDE.findall(path.read_text())]
 wrong = [f"{include[0]}: may not include {include[2]}" for include in includes if not allowed(*include)]
 print("\n".join(wrong))

@@ -79,8 +79,8 @@ def refuse(*calls):
 
 
 def on_terminal(words, prompt, *lines, secret=True, kill=None):
-    """Types a line at each prompt on a new terminal; a secret only when the echo is off. Returns all that was shown, the
-    exit status, and whether the echo is on again."""
+    """Types a line at each prompt on a new terminal; a secret only when the echo is off. Returns all that was shown,
+    the exit status, and whether the echo is on again."""
     def echoes():
         return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
 
