@@ -96,8 +96,9 @@ std::optional<int> applyInternalOptions(const ArgumentMap& arguments, RunOptions
     return std::nullopt;
 }
 
-// Internal builds may run without root. Everybody else is refused before anything else happens, even --help.
-std::optional<int> settlePrivileges(const ArgumentMap& arguments, RunOptions& options) {
+// Internal builds may run without root. Otherwise even --help is refused. Returns an exit status when the run ends
+// here.
+std::optional<int> checkPrivileges(const ArgumentMap& arguments, RunOptions& options) {
     if (internalPoliciesAllowed(subsystemIdentifier)) return applyInternalOptions(arguments, options);
     if (::getuid() == 0) return std::nullopt;
     std::cout << "This utility must run with sudo, e.g. 'sudo tarnwick'\n";
@@ -109,7 +110,7 @@ int summarize(const RunOptions& options, bool asPlist) {
     return 0;
 }
 
-void settleConfiguration(RunOptions& options) {
+void chooseConfiguration(RunOptions& options) {
     if (options.captureSpecPath.empty()) options.captureSpecPath = resolveConfigFile(configurationFile);
     if (options.captureSpecPath.empty()) {
         std::cout << "using internal config\n" << std::flush;
@@ -123,7 +124,7 @@ int capture(const ArgumentMap& arguments, RunOptions& options) {
         options.nonInteractive = options.skipEncrypted = true;
         std::cout << "Non-Interactive mode: encrypted and/or unconsented volumes will be skipped\n";
     }
-    settleConfiguration(options);
+    chooseConfiguration(options);
     printIntroduction();
     try {
         runCapture(options);
@@ -146,7 +147,7 @@ int main(int argc, char** argv) {
     fixInheritedSettings();
     RunOptions options;
     const ArgumentMap arguments = parseArguments(argc, argv);
-    if (const auto status = settlePrivileges(arguments, options)) return *status;
+    if (const auto status = checkPrivileges(arguments, options)) return *status;
     if (arguments.contains("--verbose")) setVerboseConsole(true);
     if (arguments.contains("--help") || arguments.contains("-h")) return printUsage();
     if (arguments.contains("--cleanup")) return cleanupCaptures(options) ? 0 : 1;

@@ -15,6 +15,8 @@ constexpr std::size_t initialSize = 1 << 16;
 }  // namespace
 
 Result<FileDescriptor> openRegularFile(const std::filesystem::path& path, int flags) {
+    // O_NONBLOCK, because a FIFO would wait for a writer. O_NOCTTY, because a terminal would become that of the
+    // process.
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | flags));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return systemError(errno, path);

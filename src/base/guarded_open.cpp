@@ -38,12 +38,12 @@ void pushComponents(std::string_view path, std::vector<std::string>& pending) {
     }
 }
 
-bool isOurs(const struct stat& status) { return status.st_uid == 0 || status.st_uid == ::geteuid(); }
+bool hasTrustedOwner(const struct stat& status) { return status.st_uid == 0 || status.st_uid == ::geteuid(); }
 
 // A user who can write to the folder can rename a link of root in it, or replace the link.
 bool isTrusted(const struct stat& link, const FileDescriptor& folder) {
     struct stat status {};
-    if (!isOurs(link) || ::fstat(folder.get(), &status) != 0 || !isOurs(status)) return false;
+    if (!hasTrustedOwner(link) || ::fstat(folder.get(), &status) != 0 || !hasTrustedOwner(status)) return false;
     return (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (status.st_mode & S_ISVTX) != 0;
 }
 

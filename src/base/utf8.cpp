@@ -35,9 +35,9 @@ bool isUtf8(std::string_view text) {
 bool isPrintable(const Character& character) {
     const auto point = character.point;
     const bool control = point < 0x20 || (point >= 0x7f && point < 0xa0);
-    const bool unseen = (point >= 0x200b && point <= 0x200f) || (point >= 0x2028 && point <= 0x202e) ||
-                        (point >= 0x2060 && point <= 0x206f) || point == 0xfeff || point == 0x061c;
-    return character.length > 0 && !control && !unseen;
+    const bool invisible = (point >= 0x200b && point <= 0x200f) || (point >= 0x2028 && point <= 0x202e) ||
+                           (point >= 0x2060 && point <= 0x206f) || point == 0xfeff || point == 0x061c;
+    return character.length > 0 && !control && !invisible;
 }
 
 }  // namespace tarnwick

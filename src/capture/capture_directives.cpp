@@ -11,7 +11,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void announce(const CaptureDirective& directive) {
+void logDirective(const CaptureDirective& directive) {
     logInfo("Capturing: " + directive.DocString);
     logTrace(std::string(32, '#'));
     logTrace("DocString: " + directive.DocString);
@@ -32,7 +32,7 @@ std::string searchCommand(const fs::path& baseDirectory, const std::string& expr
 }
 
 void runDirective(const CaptureDirective& directive, const fs::path& mountPoint, FoundFiles& found, FilesList& files) {
-    announce(directive);
+    logDirective(directive);
     const fs::path baseDirectory = baseDirectoryOn(mountPoint, directive.BasePath);
     if (!fs::is_directory(baseDirectory)) {
         logTrace("BasePath does not exist on the target volume, skipping...");
@@ -41,11 +41,12 @@ void runDirective(const CaptureDirective& directive, const fs::path& mountPoint,
     const std::string command = searchCommand(baseDirectory, directive.Expression);
     logTrace("search command: " + command);
     std::string output;
+    // find also fails when it cannot read one folder of many; then its list may be incomplete.
     if (runCommand(command, output, false) != 0) {
         logWarning("search command returned an error, skipping this capture directive");
         return;
     }
-    for (const auto& path : splitFoundPaths(output, baseDirectory)) found.consider(path, files);
+    for (const auto& path : splitFoundPaths(output, baseDirectory)) found.appendIfAllowed(path, files);
 }
 
 }  // namespace

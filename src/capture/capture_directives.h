@@ -9,7 +9,7 @@
 namespace tarnwick {
 
 // Empties `files`, then searches the volume at `mountPoint` for each directive in turn and appends the paths that
-// `find` prints, except those that may not be captured (found_files.h). The list holds the files of this one call;
+// `find` prints, except those that may not be captured (found_files.h). The list has the files of this one call;
 // callers that need earlier ones must keep them elsewhere. Reads the configuration on every call (capture_spec.h). A
 // directive whose directory is missing is skipped. A directive whose search fails adds nothing, not even the paths that
 // were printed before the failure.

@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t maxPathLength = qvx::maxPathLength + 1;  // archives omit the slash at the beginning
 constexpr std::size_t maxJoinedLines = 64;                     // limits the work that planted names can cause
 
-bool namesSomething(const std::string& path) {
+bool exists(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0;
 }
@@ -34,7 +34,7 @@ void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     std::string whole = path;
     for (std::size_t first = paths.size(); first-- > last && whole.size() <= maxPathLength;) {
         whole.insert(0, paths[first] + '\n');
-        if (!namesSomething(whole)) continue;
+        if (!exists(whole)) continue;
         paths.resize(first);
         path = std::move(whole);
         return;
@@ -59,36 +59,36 @@ std::vector<std::string> linesBeginningWith(const std::string& prefix, const std
 
 std::vector<std::string> splitFoundPaths(const std::string& output, const fs::path& directory) {
     std::vector<std::string> paths;
-    bool lastNamesSomething = true;
+    bool lastExists = true;
     for (auto& path : linesBeginningWith(directory / "", output)) {
-        const bool alone = namesSomething(path);
-        if (!alone || !lastNamesSomething) joinWithLast(paths, path);
-        lastNamesSomething = alone || namesSomething(path);
+        const bool alone = exists(path);
+        if (!alone || !lastExists) joinWithLast(paths, path);
+        lastExists = alone || exists(path);
         paths.push_back(std::move(path));
     }
     return paths;
 }
 
-void FoundFiles::consider(const std::string& path, FilesList& files) {
-    if (path.size() > maxPathLength) return leaveOut(path, "the path is too long");
+void FoundFiles::appendIfAllowed(const std::string& path, FilesList& files) {
+    if (path.size() > maxPathLength) return logSkipped(path, "the path is too long");
     const std::size_t nameAt = path.rfind('/') + 1;
-    if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) holdFolder(path.substr(0, nameAt));
+    if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) openFolder(path.substr(0, nameAt));
     if (!folder_)
-        return leaveOut(path, folderError_ == ELOOP ? "reached through a link that others can replace"
-                                                    : std::strerror(folderError_));
+        return logSkipped(path, folderError_ == ELOOP ? "reached through a link that others can replace"
+                                                      : std::strerror(folderError_));
     const auto mountId = mountOf(path.c_str() + nameAt);
-    if (!mountId) return leaveOut(path, "its volume is not known: " + mountId.error().text);
+    if (!mountId) return logSkipped(path, "its volume is not known: " + mountId.error().text);
     if (!consented_.allows(*mountId)) {
         const auto mount = consented_.describe(*mountId);
         if (reported_.insert(mount.fileSystem).second) reportVolume(mount);
-        return leaveOut(path, "no consent for '" + visibleText(mount.target) + "'");
+        return logSkipped(path, "no consent for '" + visibleText(mount.target) + "'");
     }
     logTrace("capturing: " + path);
     files.emplace_back(path);
 }
 
 // When the folder is gone, opens the nearest one above it that exists.
-void FoundFiles::holdFolder(const std::string& path) {
+void FoundFiles::openFolder(const std::string& path) {
     folderPath_ = path;
     folderError_ = 0;
     fs::path nearest = path;
@@ -107,7 +107,7 @@ Result<std::uint64_t> FoundFiles::mountOf(const char* name) {
     return mountIdOf(folder_.get(), "");
 }
 
-void FoundFiles::leaveOut(const std::string& path, const std::string& reason) {
+void FoundFiles::logSkipped(const std::string& path, const std::string& reason) {
     logTrace("not captured: " + path + " (" + reason + ")");
 }
 

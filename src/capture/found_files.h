@@ -30,12 +30,12 @@ public:
     // reached through a link that others can replace, or is too long for an archive. A path that no longer exists
     // counts as being on the volume of the nearest folder that exists. If it is appended, the archive writer decides
     // what to do with it.
-    void consider(const std::string& path, FilesList& files);
+    void appendIfAllowed(const std::string& path, FilesList& files);
 
 private:
-    void holdFolder(const std::string& path);
+    void openFolder(const std::string& path);
     Result<std::uint64_t> mountOf(const char* name);
-    void leaveOut(const std::string& path, const std::string& reason);
+    void logSkipped(const std::string& path, const std::string& reason);
     void reportVolume(const MountEntry& mount);
 
     ConsentedVolumes& consented_;

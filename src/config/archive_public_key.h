@@ -12,7 +12,7 @@ namespace tarnwick {
 
 inline constexpr std::size_t publicPointLength = 65;
 
-// Fills `point` (room for 65 bytes) and `pointLength` from a key line. True if and only if it found a point. The
+// Fills `point` (65 bytes) and `pointLength` from a key line. True if and only if it found a point. The
 // archive library checks whether the point is on the curve. Throws std::out_of_range when the line ends right after the
 // key type.
 bool parseArchivePublicKey(const std::string& keyText, std::byte* point, std::uint64_t& pointLength);

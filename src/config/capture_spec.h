@@ -2,7 +2,7 @@
 //
 // Both come from one property-list dictionary: the file at the configuration path or, when that path is empty, the
 // dictionary embedded in the executable (on internal builds without one, that of the test bundle). When a file is
-// named, it is the only source: nothing it lacks is taken from elsewhere. Every failure silently gives an empty result.
+// named, it is the only source: what it lacks is not read from elsewhere. Every failure silently gives an empty result.
 #pragma once
 
 #include <string>

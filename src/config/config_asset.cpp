@@ -54,7 +54,7 @@ bool download(const std::string& what, std::chrono::seconds timeAllowed, const R
 
 bool isOlder(const Asset& left, const Asset& right) { return compareAssetVersions(left, right) < 0; }
 
-bool makePresent(const Asset& asset) {
+bool ensureInstalled(const Asset& asset) {
     if (assetInstallState(asset) == assetStateInstalled) return true;
     logInfo("Start downloading asset...");
     if (!downloadAsset(asset)) return false;
@@ -74,7 +74,7 @@ std::string fetchConfigAsset() {
         return {};
     }
     const auto newest = pickNewestAsset(answer.assets);
-    if (!newest || !makePresent(*newest)) return {};
+    if (!newest || !ensureInstalled(*newest)) return {};
     return assetLocalDirectory(*newest).value_or(std::filesystem::path());
 }
 

@@ -58,7 +58,8 @@ FileDescriptor createFile(const std::string& path) {
     return FileDescriptor(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
 }
 
-// Exchanging two names is one step. If the name were freed first, another user could take it again before the log does.
+// Exchanging two names is one step. If the name were freed first, another user could create it again before the log
+// does.
 FileDescriptor createInPlaceOf(const std::string& path) {
     const std::string unguessable = path + "." + randomDigits();
     FileDescriptor file = createFile(unguessable);
@@ -70,7 +71,9 @@ FileDescriptor createInPlaceOf(const std::string& path) {
 }
 
 // For file systems that cannot exchange names.
-bool moveAway(const std::string& path) { return ::rename(path.c_str(), (path + "." + randomDigits()).c_str()) == 0; }
+bool renameExisting(const std::string& path) {
+    return ::rename(path.c_str(), (path + "." + randomDigits()).c_str()) == 0;
+}
 
 // Every user can create files in /tmp, and the time stamp is easy to guess. A file that has the name is renamed, not
 // removed: it may be the log of another run. If it vanishes between the two calls, the next attempt succeeds.
@@ -79,7 +82,7 @@ FileDescriptor createLogFile(const std::string& path) {
         FileDescriptor file = createFile(path);
         if (file || errno != EEXIST) return file;
         file = createInPlaceOf(path);
-        if (file || (errno != ENOENT && !(errno == EINVAL && moveAway(path)))) return file;
+        if (file || (errno != ENOENT && !(errno == EINVAL && renameExisting(path)))) return file;
     }
     return {};
 }

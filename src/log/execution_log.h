@@ -5,10 +5,10 @@
 //   WARNING  "WARNING: " + text           "WARNING: " + text
 //   TRACE    "TRACE: " + text             "TRACE: " + text, only when verbose
 //
-// A line is one prefix, the text and one line end, also when the text itself holds line ends. It is written to the file
+// A line is one prefix, the text and one line end, also when the text itself has line ends. It is written to the file
 // first and flushed on both sides at once, so that the log is complete up to its last line when the process dies or a
-// command blocks. Write errors on the file lose lines silently. The console is std::cout, synchronized with stdio.
-// Used from the main thread only.
+// command blocks. After a write error, lines are missing from the file without a message. The console is std::cout,
+// synchronized with stdio. Used from the main thread only.
 #pragma once
 
 #include <filesystem>

@@ -9,7 +9,7 @@ namespace {
 
 // What precedes an element: the start of the expression, of a group or of an alternative; an anchor; or something that
 // can be repeated.
-enum class Before { start, anchor, atom };
+enum class Preceding { start, anchor, atom };
 
 // An element of a bracket expression.
 struct BracketElement {
@@ -49,42 +49,42 @@ std::size_t commonBracketLength(std::string_view text) {
 }
 
 // Only POSIX has intervals. Operators that are written with a backslash in POSIX have none in the default dialect.
-std::size_t commonEscapeLength(std::string_view text, Before before) {
+std::size_t commonEscapeLength(std::string_view text, Preceding preceding) {
     if (text.size() < 2) return 1;  // an error in both
-    if (text[1] == '{' || (before == Before::atom && (text[1] == '+' || text[1] == '?'))) return 0;
+    if (text[1] == '{' || (preceding == Preceding::atom && (text[1] == '+' || text[1] == '?'))) return 0;
     return 2;
 }
 
 // The length of the element at the start of `text`, which must not be empty; 0 when the dialects differ in it. A second
 // star is an error in POSIX. A repetition operator with nothing to repeat is an ordinary character in both.
-std::size_t commonElementLength(std::string_view text, Before before) {
-    const bool repeatable = before == Before::atom;
+std::size_t commonElementLength(std::string_view text, Preceding preceding) {
+    const bool repeatable = preceding == Preceding::atom;
     switch (text[0]) {
         case '+':
         case '?': return repeatable ? 0 : 1;
         case '*': return repeatable && text.starts_with("**") ? 0 : 1;
         case '[': return commonBracketLength(text);
-        case '\\': return commonEscapeLength(text, before);
+        case '\\': return commonEscapeLength(text, preceding);
         default: return 1;
     }
 }
 
 // What `element` is for the element after it. `^` is an anchor only at the start.
-Before kindOf(std::string_view element, Before before) {
-    if (element == "^") return before == Before::start ? Before::anchor : Before::atom;
-    if (element == "\\(" || element == "\\|") return Before::start;
+Preceding kindOf(std::string_view element, Preceding preceding) {
+    if (element == "^") return preceding == Preceding::start ? Preceding::anchor : Preceding::atom;
+    if (element == "\\(" || element == "\\|") return Preceding::start;
     const bool isAnchor = element.size() == 2 && std::string_view("bB<>`'").find(element[1]) != std::string_view::npos;
-    return isAnchor ? Before::anchor : Before::atom;
+    return isAnchor ? Preceding::anchor : Preceding::atom;
 }
 
 }  // namespace
 
 std::string regexTypeOption(std::string_view expression) {
-    auto before = Before::start;
+    auto preceding = Preceding::start;
     while (!expression.empty()) {
-        const auto length = commonElementLength(expression, before);
+        const auto length = commonElementLength(expression, preceding);
         if (length == 0) return "-regextype posix-basic ";
-        before = kindOf(expression.substr(0, length), before);
+        preceding = kindOf(expression.substr(0, length), preceding);
         expression.remove_prefix(length);
     }
     return {};

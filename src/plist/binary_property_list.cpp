@@ -10,18 +10,18 @@ namespace {
 
 constexpr std::string_view magic = "bplist00";
 constexpr std::size_t trailerSize = 32;
-constexpr int deepestNesting = 512;
+constexpr int maxNesting = 512;
 
-// The memory that one value takes besides its own bytes, and the limit for all values of a document. Many references of
+// The memory that one value needs besides its own bytes, and the limit for all values of a document. Many references of
 // one byte each can name the same large value, so the size of the file does not bound the memory.
 constexpr std::uint64_t valueCost = 64;
 constexpr std::uint64_t maxCost = 256 << 20;
-constexpr std::uint64_t freeCost = 1 << 20;
+constexpr std::uint64_t baseCost = 1 << 20;
 constexpr std::uint64_t costPerByte = 64;
 
-// The years 1 to 9999, which every reader of dates supports.
-constexpr double earliestDate = -63113904000;
-constexpr double latestDate = 252423993600;
+// The years 1 to 9999, which every reader of dates supports. The end is the first moment after them.
+constexpr double minDate = -63113904000;
+constexpr double endDate = 252423993600;
 
 using Value = std::optional<PropertyListValue>;
 
@@ -51,7 +51,7 @@ Value realFrom(std::string_view bytes) {
 
 Value dateFrom(std::string_view bytes) {
     const auto seconds = std::bit_cast<double>(bigEndian(bytes));
-    if (!(seconds >= earliestDate && seconds < latestDate)) return std::nullopt;
+    if (!(seconds >= minDate && seconds < endDate)) return std::nullopt;
     return PropertyListValue{PropertyListDate{seconds}};
 }
 
@@ -96,11 +96,11 @@ Value utf16From(std::string_view bytes) {
 struct Cursor {
     std::string_view rest;
 
-    std::optional<std::string_view> take(std::uint64_t count) {
+    std::optional<std::string_view> read(std::uint64_t count) {
         if (count > rest.size()) return std::nullopt;
-        const auto taken = rest.substr(0, count);
+        const auto bytes = rest.substr(0, count);
         rest.remove_prefix(count);
-        return taken;
+        return bytes;
     }
 };
 
@@ -110,7 +110,7 @@ public:
 
     Value read() {
         if (!readTrailer()) return std::nullopt;
-        budget_ = std::min(maxCost, freeCost + costPerByte * document_.size());
+        budget_ = std::min(maxCost, baseCost + costPerByte * document_.size());
         return object(topObject_, 0);
     }
 
@@ -134,11 +134,11 @@ private:
 
     // A cycle of references is not detected as such: it reaches the nesting limit.
     Value object(std::uint64_t reference, int depth) {
-        if (reference >= objectCount_ || depth > deepestNesting || !charge(valueCost)) return std::nullopt;
+        if (reference >= objectCount_ || depth > maxNesting || !charge(valueCost)) return std::nullopt;
         const auto offset = bigEndian(offsets_.substr(reference * offsetWidth_, offsetWidth_));
         if (offset < magic.size() || offset >= objects_.size()) return std::nullopt;
         Cursor cursor{objects_.substr(offset)};
-        const auto token = static_cast<unsigned char>(cursor.take(1)->front());
+        const auto token = static_cast<unsigned char>(cursor.read(1)->front());
         switch (token >> 4) {
             case 0xa: return array(cursor, token, depth);
             case 0xd: return dictionary(cursor, token, depth);
@@ -152,10 +152,10 @@ private:
             case 0x0:
                 if (low == 8 || low == 9) return PropertyListValue{low == 9};
                 return std::nullopt;
-            case 0x1: return low <= 4 ? decode(cursor.take(1U << low), integerFrom) : std::nullopt;
-            case 0x2: return low == 2 || low == 3 ? decode(cursor.take(1U << low), realFrom) : std::nullopt;
-            case 0x3: return low == 3 ? decode(cursor.take(8), dateFrom) : std::nullopt;
-            case 0x8: return low < 8 ? decode(cursor.take(low + 1), uidFrom) : std::nullopt;
+            case 0x1: return low <= 4 ? decode(cursor.read(1U << low), integerFrom) : std::nullopt;
+            case 0x2: return low == 2 || low == 3 ? decode(cursor.read(1U << low), realFrom) : std::nullopt;
+            case 0x3: return low == 3 ? decode(cursor.read(8), dateFrom) : std::nullopt;
+            case 0x8: return low < 8 ? decode(cursor.read(low + 1), uidFrom) : std::nullopt;
             case 0x4: return decode(counted(cursor, token, 1), dataFrom);
             case 0x5: return decode(counted(cursor, token, 1), asciiFrom);
             case 0x6: return decode(counted(cursor, token, 2), utf16From);
@@ -202,14 +202,14 @@ private:
     static std::optional<std::string_view> counted(Cursor& cursor, unsigned token, std::uint64_t width) {
         std::uint64_t count = token & 0xf;
         if (count == 0xf) {
-            const auto marker = cursor.take(1);
+            const auto marker = cursor.read(1);
             if (!marker || (marker->front() & 0xfc) != 0x10) return std::nullopt;
-            const auto bytes = cursor.take(1U << (marker->front() & 3));
+            const auto bytes = cursor.read(1U << (marker->front() & 3));
             if (!bytes) return std::nullopt;
             count = bigEndian(*bytes);
         }
         if (count > cursor.rest.size() / width) return std::nullopt;
-        return cursor.take(count * width);
+        return cursor.read(count * width);
     }
 
     std::uint64_t nextReference(std::string_view& references) const {

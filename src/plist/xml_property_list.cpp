@@ -17,7 +17,7 @@ namespace tarnwick {
 
 namespace {
 
-constexpr std::size_t deepestNesting = 512;
+constexpr std::size_t maxNesting = 512;
 constexpr std::string_view blanks = " \t\r\n";
 constexpr std::string_view base64Alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::chrono::sys_seconds epoch = std::chrono::sys_days(std::chrono::year(2001) / 1 / 1);
@@ -46,6 +46,7 @@ std::string_view withoutPlus(std::string_view text) {
 
 Value integerFrom(std::string_view text) {
     text = trimmed(text);
+    // from_chars does not know the prefix, and would accept a minus sign after it.
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     text = hexadecimal ? text.substr(2) : withoutPlus(text);
     if (hexadecimal && text.starts_with('-')) return std::nullopt;
@@ -77,6 +78,7 @@ Value dateFrom(std::string_view text) {
     return PropertyListValue{PropertyListDate{static_cast<double>((moment - epoch).count())}};
 }
 
+// Base64 with blanks anywhere. Digits after padding, and an incomplete group at the end, are errors.
 Value dataFrom(std::string_view text) {
     PropertyListData data;
     std::uint32_t group = 0;
@@ -156,7 +158,7 @@ public:
     }
 
     [[nodiscard]] bool failed() const { return failed_; }
-    Value takeRoot() { return std::move(root_); }
+    Value releaseRoot() { return std::move(root_); }
 
 private:
     enum class Kind { root, array, dictionary };
@@ -183,7 +185,8 @@ private:
 
     template <typename Container>
     void startContainer(Kind kind, Container container) {
-        if (open_.size() > deepestNesting) return fail();
+        // Readers of the value recurse, so the nesting must be limited.
+        if (open_.size() > maxNesting) return fail();
         open_.push_back({kind, PropertyListValue{std::move(container)}, {}});
     }
 
@@ -222,33 +225,33 @@ private:
 
 using Parser = std::unique_ptr<XML_ParserStruct, FreeWith<XML_ParserFree>>;
 
-Builder* live(void* userData) {
+Builder* activeBuilder(void* userData) {
     auto* builder = static_cast<Builder*>(userData);
     return builder->failed() ? nullptr : builder;
 }
 
 // noexcept: an exception must not pass through the frames of expat, so running out of memory ends the program here.
 void onStart(void* userData, const XML_Char* name, const XML_Char**) noexcept {
-    if (auto* builder = live(userData)) builder->start(name);
+    if (auto* builder = activeBuilder(userData)) builder->start(name);
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): on purpose, see above
 void onEnd(void* userData, const XML_Char*) noexcept {
-    if (auto* builder = live(userData)) builder->end();
+    if (auto* builder = activeBuilder(userData)) builder->end();
 }
 
 void onText(void* userData, const XML_Char* text, int length) noexcept {
-    if (auto* builder = live(userData)) builder->text({text, static_cast<std::size_t>(length)});
+    if (auto* builder = activeBuilder(userData)) builder->text({text, static_cast<std::size_t>(length)});
 }
 
 // Refused, because everything that makes a small document large, or a reader slow, is declared in an internal subset.
 void onDoctype(void* userData, const XML_Char*, const XML_Char*, const XML_Char*, int hasInternalSubset) noexcept {
-    if (auto* builder = live(userData); builder && hasInternalSubset != 0) builder->fail();
+    if (auto* builder = activeBuilder(userData); builder && hasInternalSubset != 0) builder->fail();
 }
 
 // After a document type, expat would silently skip a reference to an entity that is not declared.
 void onSkippedEntity(void* userData, const XML_Char*, int) noexcept {
-    if (auto* builder = live(userData)) builder->fail();
+    if (auto* builder = activeBuilder(userData)) builder->fail();
 }
 
 struct Prolog {
@@ -258,7 +261,7 @@ struct Prolog {
 
 // Summaries written by this program have a document type line in which the public and the system identifier are joined
 // inside one pair of quotes. No XML parser accepts that, so such a line in its usual place is removed.
-Prolog cutRunTogetherDocumentType(std::string_view bytes) {
+Prolog removeMalformedDocumentType(std::string_view bytes) {
     constexpr std::string_view opening = "<!DOCTYPE plist PUBLIC \"";
     auto at = bytes.starts_with("<?xml") ? bytes.find("?>") : 0;
     if (at == std::string_view::npos) return {bytes, {}};
@@ -269,7 +272,7 @@ Prolog cutRunTogetherDocumentType(std::string_view bytes) {
     return {bytes.substr(0, at), bytes.substr(quote + 2)};
 }
 
-bool feed(XML_Parser parser, std::string_view bytes, bool last) {
+bool parsePiece(XML_Parser parser, std::string_view bytes, bool last) {
     return XML_Parse(parser, bytes.data(), static_cast<int>(bytes.size()), last) == XML_STATUS_OK;
 }
 
@@ -285,7 +288,7 @@ void appendCharacter(std::string& out, std::string_view character) {
         case '&': out += "&amp;"; break;
         case '<': out += "&lt;"; break;
         case '>': out += "&gt;"; break;
-        case '\r':  // otherwise a reader turns it into a line feed
+        case '\r':  // otherwise a reader turns it into a line parsePiece
             out += "&#13;";
             break;
         default: out += character;
@@ -345,7 +348,7 @@ public:
     explicit Writer(std::string& out) : out_(out) {}
 
     void write(const PropertyListValue& value) {
-        std::visit([this](const auto& held) { put(held); }, value.value);
+        std::visit([this](const auto& content) { put(content); }, value.value);
     }
 
 private:
@@ -394,7 +397,7 @@ private:
 }  // namespace
 
 std::optional<PropertyListValue> parseXmlPropertyList(std::string_view bytes) {
-    if (bytes.size() > INT_MAX) return std::nullopt;
+    if (bytes.size() > INT_MAX) return std::nullopt;  // expat counts in int
     const Parser parser(XML_ParserCreate(nullptr));
     if (!parser) return std::nullopt;
     Builder builder(parser.get());
@@ -403,9 +406,9 @@ std::optional<PropertyListValue> parseXmlPropertyList(std::string_view bytes) {
     XML_SetCharacterDataHandler(parser.get(), onText);
     XML_SetStartDoctypeDeclHandler(parser.get(), onDoctype);
     XML_SetSkippedEntityHandler(parser.get(), onSkippedEntity);
-    const auto [before, after] = cutRunTogetherDocumentType(bytes);
-    if (!feed(parser.get(), before, false) || !feed(parser.get(), after, true)) return std::nullopt;
-    return builder.takeRoot();
+    const auto [before, after] = removeMalformedDocumentType(bytes);
+    if (!parsePiece(parser.get(), before, false) || !parsePiece(parser.get(), after, true)) return std::nullopt;
+    return builder.releaseRoot();
 }
 
 std::string writeXmlPropertyList(const PropertyListValue& root) {

@@ -60,6 +60,7 @@ void pruneOldest(const std::vector<CaptureRecord>& captures, std::uint64_t archi
 
 bool copyBytes(int source, int target) {
     for (;;) {
+        // At most 1 GiB a call: the kernel copies no more than 2 GiB at once.
         const auto count = ::sendfile(target, source, nullptr, std::size_t{1} << 30);
         if (count == 0) return true;
         if (count < 0 && errno != EINTR) return false;
@@ -73,7 +74,7 @@ bool isHiddenName(const std::string& name) {
            name.find_first_not_of("0123456789abcdef", hiddenPrefix.size()) == std::string::npos;
 }
 
-// A run holds the lock on the hidden file that it writes.
+// A run locks the hidden file that it writes.
 void removeIfAbandoned(const fs::path& path) {
     const auto file = openRegularFile(path, O_RDWR | O_NOFOLLOW);
     struct stat status {};
@@ -81,7 +82,7 @@ void removeIfAbandoned(const fs::path& path) {
     if (::flock(file->get(), LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
 }
 
-// A run that was killed leaves its hidden file, which would take up space forever.
+// A run that was killed leaves its hidden file, which would use space forever.
 void removeAbandonedCopies(const fs::path& folder) {
     for (const auto& path : listDirectory(folder, false, false))
         if (isHiddenName(path.filename())) removeIfAbandoned(path);
@@ -124,8 +125,8 @@ bool renameHidden(int folder, const char* hidden, const char* name) {
     return true;
 }
 
-// Fails when the name is taken.
-bool giveName(int folder, const UnfinishedCopy& copy, const char* name) {
+// Fails when a file of that name exists.
+bool linkUnderName(int folder, const UnfinishedCopy& copy, const char* name) {
     if (!copy.hiddenName.empty()) return renameHidden(folder, copy.hiddenName.c_str(), name);
     const std::string nameless = "/proc/self/fd/" + std::to_string(copy.file.get());
     return ::linkat(AT_FDCWD, nameless.c_str(), folder, name, AT_SYMLINK_FOLLOW) == 0;
@@ -134,7 +135,7 @@ bool giveName(int folder, const UnfinishedCopy& copy, const char* name) {
 bool placeCopy(int source, int folder, const char* name) {
     const UnfinishedCopy copy = createCopy(folder);
     if (!copy.file) return false;
-    if (completeCopy(source, copy.file.get()) && giveName(folder, copy, name)) return ::fsync(folder) == 0;
+    if (completeCopy(source, copy.file.get()) && linkUnderName(folder, copy, name)) return ::fsync(folder) == 0;
     if (!copy.hiddenName.empty()) ::unlinkat(folder, copy.hiddenName.c_str(), 0);
     return false;
 }

@@ -22,15 +22,15 @@ struct ListedVolume {
 }
 
 const PropertyListArray& requireArray(const PropertyListDictionary* dictionary, std::string_view key,
-                                      const std::string& complaint) {
+                                      const std::string& problem) {
     const auto* array = dictionary ? findValueAs<PropertyListArray>(*dictionary, key) : nullptr;
-    if (!array) raiseImplausible(complaint);
+    if (!array) raiseImplausible(problem);
     return *array;
 }
 
-const PropertyListDictionary& requireDictionary(const PropertyListValue& item, const std::string& complaint) {
+const PropertyListDictionary& requireDictionary(const PropertyListValue& item, const std::string& problem) {
     const auto* dictionary = item.as<PropertyListDictionary>();
-    if (!dictionary) raiseImplausible(complaint);
+    if (!dictionary) raiseImplausible(problem);
     return *dictionary;
 }
 

@@ -34,7 +34,7 @@ void traceVerdict(std::string_view source, const std::string& mountPoint, Consen
 }
 
 std::optional<PropertyListDictionary> readRecord(const fs::path& path) {
-    std::error_code error;
+    std::error_code error;  // a status that cannot be read counts as a missing file
     if (!fs::is_regular_file(path, error)) {
         logWarning("consent check failed: missing file - " + path.native());
         return std::nullopt;
@@ -65,7 +65,7 @@ bool checkConsent(const VolumeInfo& volume, const RunOptions& options, bool& gra
         traceVerdict("ad-hoc consent", volume.mountPoint,
                      granted ? ConsentState::Granted : ConsentState::ExplicitlyDenied);
     }
-    logInfo("\n");
+    logInfo("\n");  // separates the volumes
     return true;
 }
 
@@ -86,6 +86,7 @@ bool askOneTimeConsent() {
 bool askYesNo(const std::string& question) {
     std::string answer;
     bool inputAvailable = true;
+    // Without a check for the end of the input, a closed terminal would repeat the question forever.
     while (answer != "yes" && answer != "no" && inputAvailable) {
         inputAvailable = readAnswerLine(question, answer);
         std::transform(answer.begin(), answer.end(), answer.begin(),

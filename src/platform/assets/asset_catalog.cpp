@@ -36,6 +36,7 @@ PublicKey readPublicKey(const std::string& pem) {
     return PublicKey(source ? PEM_read_bio_PUBKEY(source.get(), nullptr, noPassphrase, nullptr) : nullptr);
 }
 
+// OpenSSL verifies with any curve, weak ones included.
 bool isP256(const EVP_PKEY* key) {
     char group[32] = {};
     return EVP_PKEY_is_a(key, "EC") && EVP_PKEY_get_group_name(key, group, sizeof group, nullptr) == 1 &&
@@ -48,6 +49,7 @@ AssetResult<> verifySignature(const SignedCatalog& received, const std::string& 
     if (!key || !(isEd25519 || isP256(key.get()))) return AssetError::keyUnusable;
 
     const DigestContext context(EVP_MD_CTX_new());
+    // Ed25519 has its own digest and accepts no other.
     const EVP_MD* digest = isEd25519 ? nullptr : EVP_sha256();
     if (!context || EVP_DigestVerifyInit(context.get(), nullptr, digest, nullptr, key.get()) != 1)
         return AssetError::keyUnusable;
@@ -152,6 +154,7 @@ AssetResult<AssetCatalog> readCatalog(const SignedCatalog& received, const std::
 }
 
 AssetResult<AssetCatalog> parseCatalog(std::string_view bytes) {
+    // The XML form only, so that a publisher can read what was signed.
     const auto document = parseXmlPropertyList(bytes);
     const auto* root = document ? document->as<PropertyListDictionary>() : nullptr;
     const auto* assets = root ? findValueAs<PropertyListArray>(*root, "Assets") : nullptr;
@@ -159,6 +162,7 @@ AssetResult<AssetCatalog> parseCatalog(std::string_view bytes) {
     const auto expiry = assets ? readExpiry(*root) : std::nullopt;
     if (!serial || !expiry) return AssetError::catalogMalformed;
     AssetCatalog catalog{*serial, *expiry, {}};
+    // Two assets of the same version would have the same folder.
     std::set<std::pair<std::string, AssetVersion>> known;
     for (const auto& each : *assets) {
         auto asset = parseAsset(each);

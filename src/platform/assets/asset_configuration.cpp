@@ -33,6 +33,7 @@ bool isLoopback(const std::string& host) {
     return host == "localhost" || host == "[::1]";
 }
 
+// By the parser that also performs the transfer: another one could find another host in the same text.
 bool acceptable(const Url& url) {
     const auto scheme = partOf(url, CURLUPART_SCHEME);
     return scheme == "https" || scheme == "file" || (scheme == "http" && isLoopback(partOf(url, CURLUPART_HOST)));

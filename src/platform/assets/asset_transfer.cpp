@@ -61,9 +61,10 @@ void setOptions(Exchange& exchange, const std::string& url) {
     auto* easy = exchange.easy.get();
     const auto& limits = exchange.limits;
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    // libcurl follows no redirect by itself: fetchUrl checks each target first.
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, url.substr(0, url.find(':')).c_str());
     curl_easy_setopt(easy, CURLOPT_USERAGENT, "tarnwick");
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);  // signals belong to the main thread
     curl_easy_setopt(easy, CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.totalTime.count()));
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, limits.minimumRate);
