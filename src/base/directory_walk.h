@@ -6,12 +6,12 @@
 
 namespace tarnwick {
 
-// Lists the regular files in `directory`, links followed, in the order of the file system. With `includeDirectories`
-// also the directories; with `recurse` also everything below them, each directory before its contents. Other kinds of
-// file are skipped. A path that is not a directory, or may not be opened, gives an empty list.
-// Throws std::filesystem::filesystem_error on any other error. Below `directory`, only EPERM skips a subtree silently:
-// there the operating system itself forbids access. After any other error the list would be incomplete without a sign
-// of it.
+// Lists the regular files in `directory` in the order of the file system. Links are followed. With
+// `includeDirectories`, directories are listed too; with `recurse`, also everything below them, each directory before
+// its contents. Other kinds of file are skipped. A path that is not a directory, or that may not be opened, gives an
+// empty list.
+// Throws std::filesystem::filesystem_error on any other error, so that no list is silently incomplete. The exception is
+// EPERM below `directory`, which skips the subtree: the operating system itself forbids access there.
 std::vector<std::filesystem::path> listDirectory(const std::filesystem::path& directory, bool recurse,
                                                  bool includeDirectories);
 

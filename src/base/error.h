@@ -12,13 +12,13 @@ namespace tarnwick {
 struct Error {
     std::string text;       // for people: lower case, no full stop, no hostile bytes
     int code = 0;           // a positive errno value; 0 when no call of the system failed
-    std::string subject{};  // what it is about, mostly a path; hostile bytes; empty when there is nothing to name
+    std::string subject{};  // what the error is about, mostly a path; hostile bytes; empty if there is none
 };
 
 // A failed call of the system: its errno value and the text for it.
 inline Error systemError(int code, std::string subject = {}) { return {std::strerror(code), code, std::move(subject)}; }
 
-// A value or the reason why there is none. `Failure` is Error, or a type that adds to it. To read the value of a
+// A value or the reason why there is none. `Failure` is Error, or a type that adds to it. Reading the value of a
 // failure, or the error of a success, throws std::bad_variant_access.
 template <typename Value, typename Failure = Error>
 class [[nodiscard]] Result {

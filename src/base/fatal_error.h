@@ -1,4 +1,4 @@
-// How a run ends with a message.
+// Ends a run with a message.
 #pragma once
 
 #include <stdexcept>

@@ -1,4 +1,4 @@
-// Owns a C handle: std::unique_ptr with a deleter without state, so that it is as large as one pointer.
+// Owns a C handle: std::unique_ptr with a stateless deleter, so it is as large as a pointer.
 //
 //   using PrivateKey = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 #pragma once

@@ -5,8 +5,7 @@
 
 namespace tarnwick {
 
-// 16 hexadecimal digits from the random numbers of the kernel, so that nobody can guess the name and create it first.
-// Throws std::system_error when the kernel returns none.
+// 16 random hexadecimal digits from the kernel, so that others cannot guess a name and create it first. Throws std::system_error when the kernel returns none.
 std::string randomDigits();
 
 }  // namespace tarnwick

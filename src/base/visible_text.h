@@ -9,8 +9,8 @@ namespace tarnwick {
 // The text with every control byte, and every byte that is not part of valid UTF-8, written as \xNN.
 std::string visibleText(std::string_view bytes);
 
-// Whether the text contains only letters, digits, blanks and the bytes / . _ - : @ + , = ~. A program that calls this
-// one pastes mount points and device names into shell commands, so no other byte may be printed.
+// Whether the text contains only letters, digits, blanks and the bytes / . _ - : @ + , = ~. The caller of volctl
+// puts mount points and device names into shell commands, so volctl prints no other bytes in them.
 bool isPlainName(std::string_view bytes);
 
 }  // namespace tarnwick

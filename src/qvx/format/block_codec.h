@@ -1,5 +1,5 @@
-// Encodes one block of an archive (compress, seal) and decodes it (unseal, decompress). Also the header of a block,
-// which is not encrypted.
+// Encodes one block of an archive (compress, seal) and decodes it (unseal, decompress), and its block header, which is
+// not encrypted.
 #pragma once
 
 #include <zstd.h>
@@ -43,8 +43,8 @@ public:
     explicit BlockEncoder(const HpkeKeys& keys);
 
     // Writes the header and the sealed bytes of one block to `out` (`capacity` bytes) and returns their length; 0 on a
-    // failure of the libraries. `dictionary` is null for a leader and for a block that must not need its leader. The
-    // last block is not compressed.
+    // failure of the libraries. `dictionary` is null for a leader and for a block that must not depend on its leader.
+    // The last block is not compressed.
     std::size_t encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
                        std::uint8_t* out);
 
@@ -53,8 +53,7 @@ private:
     std::size_t compressAfterDictionary(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out);
     bool loadDictionary(const GroupDictionary& dictionary);
 
-    // The context is in memory that we allocate: ZSTD_copyCCtx crashes when it copies a context and zstd cannot
-    // allocate memory for it.
+    // The context is in memory that we allocate: ZSTD_copyCCtx crashes if zstd cannot allocate memory for the copy.
     class Compressor {
     public:
         explicit Compressor(std::size_t size);
@@ -75,11 +74,11 @@ private:
 enum class BlockFault {
     none,
     seal,     // changed, cut, of another archive, or with another sequence number
-    content,  // the seal is right, but the content is not one frame or has a wrong size: a faulty writer
+    content,  // unseals, but is not one frame or has a wrong size: a faulty writer
     memory,
 };
 
-// Opens and decompresses. One thread at a time.
+// Unseals and decompresses. One thread at a time.
 class BlockDecoder {
 public:
     explicit BlockDecoder(const HpkeKeys& keys);

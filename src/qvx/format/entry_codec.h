@@ -1,6 +1,6 @@
 // Encodes and decodes records, and the payloads of those that make up an entry (the others are in index_codec.h). The
-// input of a decoder is hostile: it returns nothing for bytes that our encoder would not write, and never allocates
-// more than a small multiple of its input.
+// input of a decoder is hostile: it returns nothing for malformed bytes, and never allocates more than a small
+// multiple of its input.
 #pragma once
 
 #include <optional>
@@ -56,7 +56,7 @@ std::optional<std::uint64_t> decodeHole(Bytes payload);  // never 0
 bool isEntryPath(std::string_view path);
 bool isPathOf(EntryType type, std::string_view path);
 
-// The type with this number; fails the reader when there is none.
+// The type with this number. Calls in.fail() when there is none.
 EntryType readEntryType(WireReader& in, unsigned number);
 
 }  // namespace tarnwick::qvx

@@ -1,4 +1,4 @@
-// The fields of an entry: one row for each, with its key, its two encodings and its source on the disk.
+// The fields of an entry: one row for each, with its key, its encoder and decoder, and its source on the disk.
 //
 // The position of a row in its table is the presence bit of the field, so a new field is a new row at the end.
 #pragma once
@@ -16,7 +16,7 @@ struct archive_entry;
 
 namespace tarnwick::qvx {
 
-// What the disk contains about a file that is captured.
+// Data from the disk about a file that is captured.
 struct CaptureSource {
     const struct statx& status;
     int descriptor = -1;              // of the open file; -1 when it is not open
@@ -30,7 +30,7 @@ struct FieldRow {
     bool (*isPresent)(const Part&);
     void (*clear)(Part&);
     void (*encode)(const Part&, WireWriter&);
-    void (*decode)(WireReader&, Part&);            // an invalid value fails the reader
+    void (*decode)(WireReader&, Part&);            // calls in.fail() on an invalid value
     void (*capture)(const CaptureSource&, Part&);  // null: the field describes the content, and the encoder fills it in
 };
 
@@ -53,7 +53,7 @@ void encodeFields(const Part& part, WireWriter& out) {
         if (row.isPresent(part)) row.encode(part, out);
 }
 
-// Fails the reader at a presence bit without a row.
+// Calls in.fail() on a presence bit without a row.
 template <typename Part>
 void decodeFields(WireReader& in, Part& part) {
     const auto table = fieldTable<Part>();
@@ -69,7 +69,7 @@ void captureFields(const CaptureSource& source, Part& part) {
         if (row.capture) row.capture(source, part);
 }
 
-// A set of fields, one bit for each key. The content has a key ("DAT") as well, although it is no field of a record.
+// A set of fields, one bit for each key. The content has a key ("DAT") as well, although it is not a field of a record.
 using FieldMask = std::uint32_t;
 
 inline constexpr FieldMask allFields = ~FieldMask{0};
@@ -77,7 +77,7 @@ inline constexpr FieldMask allFields = ~FieldMask{0};
 // 0 for a key that does not exist.
 FieldMask fieldBit(std::string_view key);
 
-// Parses keys separated by commas. None when a key does not exist or is there twice.
+// Parses keys separated by commas. None when a key does not exist or is given twice.
 std::optional<FieldMask> parseFieldKeys(std::string_view keys);
 
 // Removes the fields whose key is not in `kept`.

@@ -48,11 +48,11 @@ inline constexpr std::uint8_t indexIncomplete = 0x80;  // bit in the byte of the
 
 inline constexpr std::size_t maxPathLength = 4095;
 inline constexpr unsigned maxMode = 07777;
-inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry; likewise the next three
+inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry, as are the next three
 inline constexpr std::size_t maxAttributeBytes = 1048576;                  // names and values together
 inline constexpr std::uint64_t maxDigestedHoles = std::uint64_t{1} << 40;  // bytes
 inline constexpr std::size_t maxUnreadableExtents = 4096;
-inline constexpr std::size_t maxEndLength = 2097152;  // bytes of the joined payload; likewise below
+inline constexpr std::size_t maxEndLength = 2097152;  // bytes of the joined payload, as in the next row
 inline constexpr std::size_t maxIndexLength = 1048576;
 
 }  // namespace tarnwick::qvx

@@ -1,4 +1,4 @@
-// Encodes and decodes the index, its root and the trailer. As hostile as the records of entries (entry_codec.h).
+// Encodes and decodes the index, its root and the trailer. The input of a decoder is hostile, as in entry_codec.h.
 #pragma once
 
 #include <array>
@@ -23,7 +23,7 @@ struct IndexEntry {
     bool incomplete = false;  // the entry's tail has `unreadable`
 };
 
-// Builds index parts, one after the other.
+// Encodes index parts, one after the other.
 class IndexPartEncoder {
 public:
     void add(const IndexEntry& entry);
@@ -40,8 +40,8 @@ private:
     IndexEntry before_;
 };
 
-// Reads the entries of one index part in order. A path is stored as its difference from the path before, so only one
-// entry is in memory at a time.
+// Reads the entries of one index part in order. A path is stored as its difference from the previous path, so the
+// decoder keeps only one entry in memory.
 class IndexPartDecoder {
 public:
     explicit IndexPartDecoder(Bytes payload);
@@ -70,7 +70,7 @@ struct IndexPartPlace {
 struct ArchiveRoot {
     std::uint64_t entries = 0;
     std::vector<IndexPartPlace> parts;
-    std::vector<std::uint32_t> sealedLengths;  // of all blocks before the root's
+    std::vector<std::uint32_t> sealedLengths;  // of all blocks before the one where ROOT begins
 };
 
 void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes);

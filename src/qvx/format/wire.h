@@ -33,8 +33,8 @@ inline std::int64_t unzigzag(std::uint64_t number) {
     return static_cast<std::int64_t>((number >> 1) ^ (~(number & 1) + 1));
 }
 
-// Sums and differences of times wrap around: values from a hostile archive must not overflow, and adding what was
-// subtracted gives the original value again.
+// Sums and differences of times wrap around: values from a hostile archive must not overflow, and the sum undoes the
+// difference exactly.
 inline std::int64_t wrappingAdd(std::int64_t a, std::int64_t b) {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
