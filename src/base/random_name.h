@@ -5,7 +5,8 @@
 
 namespace tarnwick {
 
-// 16 random hexadecimal digits from the kernel, so that others cannot guess a name and create it first. Throws std::system_error when the kernel returns none.
+// 16 random hexadecimal digits from the kernel, so that others cannot guess a name and create it first. Throws
+// std::system_error when the kernel returns none.
 std::string randomDigits();
 
 }  // namespace tarnwick
