@@ -6,13 +6,18 @@
 
 namespace tarnwick {
 
-std::string visibleText(std::string_view bytes) {
+namespace {
+
+// Each byte of a character that is not kept becomes \xNN.
+template <typename IsKept>
+std::string escape(std::string_view bytes, const IsKept& isKept) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string text;
+    text.reserve(bytes.size());
     while (!bytes.empty()) {
         const auto character = firstCharacter(bytes);
         const auto length = std::max<std::size_t>(character.length, 1);
-        if (isPrintable(character)) {
+        if (isKept(character)) {
             text.append(bytes.substr(0, length));
         } else {
             for (const char each : bytes.substr(0, length)) {
@@ -23,6 +28,14 @@ std::string visibleText(std::string_view bytes) {
         bytes.remove_prefix(length);
     }
     return text;
+}
+
+}  // namespace
+
+std::string visibleText(std::string_view bytes) { return escape(bytes, isPrintable); }
+
+std::string escapedName(std::string_view name) {
+    return escape(name, [](const Character& each) { return isPrintable(each) && each.point != '\\'; });
 }
 
 bool isPlainName(std::string_view bytes) {

@@ -9,6 +9,9 @@ namespace tarnwick {
 // The text with every control byte, and every byte that is not part of valid UTF-8, written as \xNN.
 std::string visibleText(std::string_view bytes);
 
+// The same for a path or name in a message, with the backslash escaped too, so that the original bytes can be restored.
+std::string escapedName(std::string_view name);
+
 // Whether the text contains only letters, digits, blanks and the bytes / . _ - : @ + , = ~. The caller of volctl
 // puts mount points and device names into shell commands, so volctl prints no other bytes in them.
 bool isPlainName(std::string_view bytes);

@@ -2,7 +2,8 @@
 #pragma once
 
 #include <string>
-#include <string_view>
+
+#include "base/visible_text.h"
 
 #include "base/error.h"
 
@@ -18,9 +19,5 @@ void say(const Error& error);
 
 // Like say, followed by ": " and the text of an errno value.
 void sayError(const std::string& message, int error);
-
-// A path or name on one line of a terminal: the backslash, and bytes that are not printable UTF-8, become \xHH.
-// Reversible.
-std::string escapedName(std::string_view name);
 
 }  // namespace tarnwick::qvx
