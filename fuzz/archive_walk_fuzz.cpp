@@ -1,7 +1,7 @@
 // The records of an archive, in blocks as short as the fuzzer likes: two bytes of length, then the plain block.
 #include "checking_sink.h"
-#include "qvx/read/archive_walk.h"
-#include "qvx/read/salvage.h"
+#include "qvx/read/salvage_reader.h"
+#include "qvx/read/sequential_reader.h"
 
 using namespace tarnwick;
 using namespace tarnwick::qvx;
@@ -23,13 +23,12 @@ std::vector<OpenedBlock> blocksOf(Bytes input) {
     return blocks;
 }
 
-// A file that has nothing but a header: content is not read again from here.
+// A file with a header and no blocks: content that entries refer to cannot be read from it.
 std::unique_ptr<ArchiveFile> emptyFile() {
     const auto header = encodePlainHeader({2, {}, {}});
     ByteVector bytes(header.begin(), header.end());
     bytes.resize(1 << 20);
-    ReadFault fault;
-    return archiveFile(bytes, fault);
+    return std::move(*archiveFile(bytes));
 }
 
 }  // namespace
@@ -38,19 +37,20 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::unique_ptr<ArchiveFile> file = emptyFile();
     const std::vector<OpenedBlock> blocks = blocksOf({data, size});
     CheckingSink strict;
-    ArchiveWalk walk(*file, HpkeKeys(), strict);
-    const bool goOn = std::ranges::all_of(blocks, [&](const auto& block) { return walk.take(block); });
-    require(goOn || walk.stopped() || !walk.fault().what.empty());
-    require(!goOn || !walk.complete() || !strict.open());
+    SequentialReader reader(*file, HpkeKeys(), strict);
+    ReadOutcome outcome;
+    for (auto block = blocks.begin(); outcome && block != blocks.end(); ++block) outcome = reader.consume(*block);
+    require(!outcome.fault() || !outcome.fault()->text.empty());
+    require(!outcome || !reader.finish() || !strict.open());
 
     // Leniently, and with every third block lost.
     CheckingSink lenient;
     const BlockMap map;
-    SalvageWalk salvage(
+    SalvageReader salvage(
         *file, HpkeKeys(), map, lenient, [](const ReadFault&) {}, [](std::uint64_t, std::uint64_t) {});
     for (const auto& block : blocks)
-        if (block.place.sequence % 3 != 2 && !salvage.take(block)) return 0;
-    salvage.end();
+        if (block.place.sequence % 3 != 2 && !salvage.consume(block)) return 0;
+    salvage.finish();
     require(!lenient.open());
     return 0;
 }

@@ -1,10 +1,11 @@
-// A sink that holds a reader to its promises and keeps what it is given.
+// A sink that checks what a reader promises, and keeps what it receives.
 #pragma once
 
 #include <openssl/sha.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "qvx/read/archive_file.h"
 #include "qvx/read/entry_reader.h"
 #include "require.h"
 
@@ -18,11 +19,11 @@ inline Digest sha256(std::string_view text) {
     return digest;
 }
 
-// An archive that stands in no folder.
-inline std::unique_ptr<ArchiveFile> archiveFile(const ByteVector& bytes, ReadFault& fault) {
+// An archive that is in no folder.
+inline Result<std::unique_ptr<ArchiveFile>, ReadFault> archiveFile(const ByteVector& bytes) {
     FileDescriptor memory(memfd_create("archive", MFD_CLOEXEC));
     require(pwrite(memory.get(), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
-    return ArchiveFile::open(std::move(memory), fault);
+    return ArchiveFile::open(std::move(memory));
 }
 
 class CheckingSink : public EntrySink {
@@ -37,10 +38,10 @@ public:
     bool data(Bytes bytes) override {
         require(open_);
         content_.append(bytes.begin(), bytes.end());
-        return kept_ + content_.size() <= longest;
+        return kept_ + content_.size() <= maxKept;
     }
-    // Zeros are only counted and hashed, and nobody waits for exabytes of them here.
-    bool hole(std::uint64_t length) override { return length <= longest && data(ByteVector(length)); }
+    // A hole may have exabytes of zeros.
+    bool hole(std::uint64_t length) override { return length <= maxKept && data(ByteVector(length)); }
     bool finish(const EntryTail& tail, const ContentReader& content) override {
         require(open_ && (!tail.contentOf || content_.empty()));
         require(!tail.unreadable || extentsFit(*tail.unreadable));
@@ -59,11 +60,11 @@ public:
     }
     [[nodiscard]] bool open() const { return open_; }
 
-    // "path=content" for each entry that came to a good end, "path!" for each that was abandoned.
+    // "path=content" for each entry that was finished, "path!" for each that was abandoned.
     std::vector<std::string> seen;
 
 private:
-    static constexpr std::size_t longest = 1U << 23;
+    static constexpr std::size_t maxKept = 1U << 23;
 
     [[nodiscard]] bool extentsFit(const std::vector<Extent>& extents) const {
         std::uint64_t end = 0;

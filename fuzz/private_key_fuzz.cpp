@@ -1,17 +1,17 @@
-// The PEM file of a private key. A key that is read must survive being written.
+// The PEM file of a private key. A key that is read is the same after it was written and read again.
 #include "qvx/crypto/private_key.h"
 #include "require.h"
 
 using namespace tarnwick::qvx;
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const auto none = [] { return std::optional<std::string>(); };
-    const ParsedKey parsed = parsePrivateKey(textOf(data, size), none);
-    require((parsed.fault == KeyFault::none) == (parsed.key != nullptr));
-    if (!parsed.key) return 0;
-    const auto point = publicPointOf(parsed.key.get());
+    const auto key = parsePrivateKey(textOf(data, size));
+    require(key ? *key != nullptr : !key.error().text.empty());
+    if (!key) return 0;
+    const auto point = publicPointOf(key->get());
     require(point && publicKeyFromPoint(*point) != nullptr);
-    const ParsedKey again = parsePrivateKey(privateKeyPem(parsed.key.get()), none);
-    require(again.key && publicPointOf(again.key.get()) == point);
+    const auto pem = privateKeyPem(key->get());
+    const auto again = parsePrivateKey(*pem);
+    require(publicPointOf(again->get()) == point);
     return 0;
 }

@@ -7,44 +7,41 @@
 #pragma once
 
 #include <functional>
-#include <string_view>
+#include <memory>
 
-#include "qvx/read/entry_reader.h"
-#include "qvx/read/index_reader.h"
+#include "qvx/read/chosen_entry_reader.h"
 
 namespace tarnwick::qvx {
 
 class ArchiveReader {
 public:
     using FaultReport = std::function<void(const ReadFault&)>;
-    using Choice = std::function<bool(std::uint64_t number, std::string_view path)>;
 
-    // Derives the keys of the archive from its header and the private key of the recipient. Null when the header is
-    // damaged; `fault` says why. A private key that does not belong to the archive is not noticed here: the fingerprint
-    // in the header differs, and no block can be unsealed.
-    static std::unique_ptr<ArchiveReader> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key, ReadFault& fault);
+    // Derives the keys of the archive from its header and the private key of the recipient. Fails when the header is
+    // damaged. A private key that does not belong to the archive is not noticed here: the fingerprint in the header
+    // differs, and no block can be unsealed.
+    static Result<std::unique_ptr<ArchiveReader>, ReadFault> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key);
 
-    // Calls `visit` for the index entries in archive order until it returns false. Reads only the index. False when the
+    // Calls `visit` for the index entries in archive order until it returns false. Reads only the index. Fails when the
     // index is damaged.
-    bool list(const ArchiveIndex::Visitor& visit, ReadFault& fault);
+    Result<void, ReadFault> list(const ArchiveIndex::Visitor& visit);
 
-    // Reads the chosen entries in archive order, and only the blocks that hold them. `taken` becomes their count. False
-    // at the first damage, and when the sink stops (`fault` is empty then).
-    bool readChosen(const Choice& chosen, EntrySink& sink, std::uint64_t& taken, ReadFault& fault);
+    // Reads the chosen entries in archive order, and only the blocks that hold them. Ends at the first damage.
+    ReadOutcome readChosen(const EntryChoice& choice, EntrySink& sink);
 
     // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each
-    // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block. False
-    // at the first damage, and when the sink stops (`fault` is empty then).
-    bool readAll(EntrySink& sink, ReadFault& fault);
+    // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block. Ends
+    // at the first damage.
+    ReadOutcome readAll(EntrySink& sink);
 
     // Reads every entry whose blocks are intact, wherever they are in the file, and reports what is damaged or lost.
-    // False when the sink stops.
-    bool salvage(EntrySink& sink, const FaultReport& report);
+    // Complete also when something was reported.
+    ReadOutcome salvage(EntrySink& sink, const FaultReport& report);
 
 private:
     ArchiveReader(std::unique_ptr<ArchiveFile> file, const HpkeKeys& keys) : file_(std::move(file)), keys_(keys) {}
 
-    bool loadIndex(ReadFault& fault);
+    Result<void, ReadFault> loadIndex();
     void reportNames(std::uint64_t first, std::uint64_t end, const FaultReport& report);
 
     std::unique_ptr<ArchiveFile> file_;

@@ -21,9 +21,10 @@ inline EVP_PKEY* recipient() {
     return key.get();
 }
 
-inline std::unique_ptr<ArchiveReader> openArchive(const ByteVector& bytes, ReadFault& fault) {
-    auto file = archiveFile(bytes, fault);
-    return file ? ArchiveReader::open(std::move(file), recipient(), fault) : nullptr;
+inline Result<std::unique_ptr<ArchiveReader>, ReadFault> openArchive(const ByteVector& bytes) {
+    auto file = archiveFile(bytes);
+    if (!file) return file.error();
+    return ArchiveReader::open(std::move(*file), recipient());
 }
 
 struct Tail {

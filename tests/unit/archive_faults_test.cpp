@@ -72,14 +72,17 @@ protected:
     }
 
     // What the writer said of the archive; a capture says nothing of incomplete files.
-    Creation write(Writer writer) const {
+    std::optional<Creation> write(Writer writer) const {
         try {
-            if (writer == byQvx) return createArchive({recipientLine, archive_, "", {source_}});
+            if (writer == byQvx) {
+                const auto made = createArchive({recipientLine, archive_, "", {source_}});
+                return made ? std::optional(*made) : std::nullopt;
+            }
             encryptFile(files_, recipientLine, archive_);
             return Creation::complete;
         } catch (const std::exception& error) {  // qvx has others for its main()
             if (writer == byCapture && !dynamic_cast<const FatalError*>(&error)) throw;
-            return Creation::failed;
+            return std::nullopt;
         }
     }
 
@@ -103,21 +106,20 @@ protected:
     Verdict readBack() const {
         Scalar scalar{};
         scalar.fill(0x11);
-        ReadFault fault;
         MarkSink sink;
-        auto file = ArchiveFile::open(FileDescriptor(::open(archive_.c_str(), O_RDONLY | O_CLOEXEC)), fault);
-        const auto reader =
-            file ? ArchiveReader::open(std::move(file), privateKeyFromScalar(scalar).get(), fault) : nullptr;
-        if (!reader || !reader->readAll(sink, fault) || !matches(sink)) return damaged;
+        auto file = ArchiveFile::open(FileDescriptor(::open(archive_.c_str(), O_RDONLY | O_CLOEXEC)));
+        if (!file) return damaged;
+        const auto reader = ArchiveReader::open(std::move(*file), privateKeyFromScalar(scalar).get());
+        if (!reader || !(*reader)->readAll(sink) || !matches(sink)) return damaged;
         return std::ranges::any_of(sink.marks, [](const auto& mark) { return bool(mark); }) ? incomplete : whole;
     }
     Verdict judge(Writer writer, const Fault& fault) const noexcept {
         const auto files = openFiles();
         arm(fault);
-        const Creation made = write(writer);
+        const auto made = write(writer);
         const bool reached = disarm() > fault.first;
         if (openFiles() != files) return leaking;
-        if (made == Creation::failed) return fs::exists(archive_) ? left : refused;
+        if (!made) return fs::exists(archive_) ? left : refused;
         const Verdict verdict = readBack();
         if (writer == byQvx && (made == Creation::incomplete) != (verdict == incomplete)) return damaged;
         return verdict == whole && !reached ? notReached : verdict;

@@ -26,19 +26,22 @@ struct Reading {
     std::string told;
 };
 
+std::string message(const ReadFault& fault) {
+    return (fault.subject.empty() ? "" : fault.subject + ": ") + fault.text + "; ";
+}
+
 Reading read(const ByteVector& bytes, Way way, std::string_view wanted = {}) {
-    ReadFault fault;
+    const auto reader = openArchive(bytes);
+    if (!reader) return {false, {}, message(reader.error())};
     CheckingSink sink;
-    std::uint64_t taken = 0;
+    std::string told;
     const auto chosen = [&](std::uint64_t, std::string_view path) { return wanted.empty() || path == wanted; };
-    const auto tell = [told = &fault.what](const ReadFault& found) {
-        *told += (found.path ? *found.path + ": " + found.what : "a block") + "; ";
-    };
-    const auto reader = openArchive(bytes, fault);
-    const bool good = reader && (way == whole     ? reader->readAll(sink, fault)
-                                 : way == byIndex ? reader->readChosen(chosen, sink, taken, fault)
-                                                  : reader->salvage(sink, tell));
-    return {good, sink.seen, fault.what};
+    const auto report = [&](const ReadFault& fault) { told += message(fault); };
+    const auto outcome = way == whole     ? (*reader)->readAll(sink)
+                         : way == byIndex ? (*reader)->readChosen(chosen, sink)
+                                          : (*reader)->salvage(sink, report);
+    if (outcome.fault()) report(*outcome.fault());
+    return {static_cast<bool>(outcome), sink.seen, told};
 }
 
 // Four entries in five blocks: two groups of two and the third's leader; then root and trailer.
@@ -82,10 +85,7 @@ TEST(ArchiveReader, ReadsAllAndTakesOut) {
     struct : CheckingSink {
         bool data(Bytes) override { return false; }
     } stopping;
-    ReadFault fault;
-    std::uint64_t taken = 0;
-    EXPECT_FALSE(openArchive(archive.bytes, fault)->readChosen([](auto...) { return true; }, stopping, taken, fault));
-    EXPECT_EQ(fault.what, "");
+    EXPECT_TRUE((*openArchive(archive.bytes))->readChosen([](auto...) { return true; }, stopping).isStopped());
 }
 
 // What is missing was so when it was captured, and is no damage.
@@ -102,14 +102,12 @@ TEST(ArchiveReader, TakesIncompleteEntries) {
     builder.end({.digest = sha256({"ab\0\0\0c\0\0", 8}), .unreadable = {{{2, 3}, {6, 2}}}}, 8);
     builder.begin("b").data("b").end({.unreadable = std::vector<Extent>()}, 1).reference("c", 1, 1, 1);
     builder.begin("d", EntryType::link).end({.unreadable = std::vector<Extent>()}, 0).file("e", "e");
-    ReadFault fault;
-    const auto reader = openArchive(builder.finish(), fault);
-    EXPECT_TRUE(reader->readAll(sink, fault)) << fault.what;
+    const auto reader = std::move(*openArchive(builder.finish()));
+    EXPECT_TRUE(reader->readAll(sink));
     EXPECT_EQ(sink.told, "20-0-");
     EXPECT_EQ(sink.seen, (Seen{{"a=ab\0\0\0c\0\0", 10}, "b=b", "c=b", "d=", "e=e"}));
     std::string marks;
-    EXPECT_TRUE(reader->list([&](auto, const IndexEntry& entry) { return marks += entry.incomplete ? '!' : '-', true; },
-                             fault));
+    EXPECT_TRUE(reader->list([&](auto, const IndexEntry& entry) { return marks += entry.incomplete ? '!' : '-', true; }));
     EXPECT_EQ(marks, "!!-!-");
 }
 
@@ -281,7 +279,7 @@ TEST(ArchiveSalvage, NamesLostEntriesFromTheIndexAndAbandonsTheCutOnes) {
     for (const std::size_t block : {1U, 2U}) bytes[builder.positions[block] + 20] ^= 1;
     const auto reading = read(bytes, salvaged);
     EXPECT_EQ(reading.seen, (Seen{"a!", "c=c"}));
-    EXPECT_EQ(reading.told, "a block; a: a part of its content is lost; a block; b: lost; ");
+    EXPECT_EQ(reading.told, "blocks are missing or damaged up to block 2; a: a part of its content is lost; entry 1 is lost; b: lost; ");
 }
 
 }  // namespace

@@ -34,10 +34,9 @@ protected:
     // Whether all went well, on disk and in the archive.
     bool extract(const ByteVector& bytes, bool salvage = false) {
         const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        ReadFault fault;
-        const auto reader = openArchive(bytes, fault);
+        const auto opened = openArchive(bytes);
         DiskSink sink(directory.get(), {.keepIncomplete = salvage});
-        const bool good = reader && (salvage ? reader->salvage(sink, [](auto&) {}) : reader->readAll(sink, fault));
+        const bool good = opened && (salvage ? (*opened)->salvage(sink, [](auto&) {}) : (*opened)->readAll(sink));
         sink.finishDirectories();
         return good && !sink.failed();
     }

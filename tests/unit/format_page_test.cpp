@@ -40,7 +40,7 @@ ByteVector listing(const std::string& heading) {
     return bytes;
 }
 
-KeyHandle keyAfter(const std::string& heading) { return parsePrivateKey(blockAfter(heading), nullptr).key; }
+KeyHandle keyAfter(const std::string& heading) { return std::move(*parsePrivateKey(blockAfter(heading))); }
 
 // Writes the files of the page's example into an archive. For a process of its own, which gets its own /mnt.
 ByteVector writeExample() {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <optional>
 #include <thread>
 
+#include "commands.h"
 #include "key_files.h"
 #include "qvx/archive_writer.h"
 #include "qvx/write/disk_entry.h"
@@ -197,12 +199,31 @@ Result<Creation> create(const Point& recipient, const CreateOptions& options) {
 
 }  // namespace
 
-Creation createArchive(const CreateOptions& options) {
+Result<Creation> createArchive(const CreateOptions& options) {
     const auto recipient = loadRecipient(options.recipient);
-    if (!recipient) return Creation::failed;
-    const auto made = create(*recipient, options);
-    if (!made) say(made.error());
-    return made ? *made : Creation::failed;
+    if (!recipient) return recipient.error();
+    return create(*recipient, options);
+}
+
+namespace {
+
+CommandResult runCreate(const CreateOptions& options) {
+    if (options.paths.empty() && options.namesFrom.empty())
+        return CommandError{{"there is nothing to put into the archive"}, exitUsage};
+    const auto made = createArchive(options);
+    if (!made) return CommandError{made.error()};
+    return *made == Creation::complete ? exitFine : exitFailed;
+}
+
+}  // namespace
+
+CommandRun declareCreate(CLI::App& command) {
+    const auto options = std::make_shared<CreateOptions>();
+    command.add_option("-r,--recipient", options->recipient, "key line, or a file that holds one")->required();
+    command.add_option("-o,--output", options->output, "the archive to make")->required();
+    command.add_option("--files0-from", options->namesFrom, "file of names ending with a zero byte, - for input");
+    command.add_option("PATH", options->paths, "what to put in; directories with all below them");
+    return [options] { return runCreate(*options); };
 }
 
 }  // namespace tarnwick::qvx

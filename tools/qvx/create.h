@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
+
 namespace tarnwick::qvx {
 
 struct CreateOptions {
@@ -13,11 +15,11 @@ struct CreateOptions {
     std::vector<std::string> paths;
 };
 
-enum class Creation { complete, incomplete, failed };
+enum class Creation { complete, incomplete };
 
 // Directories among the paths are archived with everything in them; names from a file are archived without. Files that
-// cannot be read are reported and make the archive incomplete. A failure is reported too; then the archive is removed,
-// and a file that existed there is lost only if it was written to.
-Creation createArchive(const CreateOptions& options);
+// cannot be read are reported and make the archive incomplete. On failure the archive is removed; a file that existed
+// there is lost only if it was written to.
+Result<Creation> createArchive(const CreateOptions& options);
 
 }  // namespace tarnwick::qvx

@@ -8,19 +8,19 @@ namespace tarnwick::qvx {
 
 namespace {
 
-std::atomic<bool> raised = false;  // lock-free, as a signal handler requires
+std::atomic<bool> wasRaised = false;  // lock-free, as a signal handler requires
 
-void note(int) { raised = true; }
+void remember(int) { wasRaised = true; }
 
 }  // namespace
 
 void watchForInterruption() {
     struct sigaction action {};
-    action.sa_handler = note;
+    action.sa_handler = remember;
     action.sa_flags = SA_RESTART;
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
 }
 
-bool interrupted() { return raised; }
+bool interrupted() { return wasRaised; }
 
 }  // namespace tarnwick::qvx

@@ -98,7 +98,7 @@ std::string listingLine(const IndexEntry& entry) {
     std::string line = modeText(entry.type, entry.mode) + (entry.incomplete ? "!" : "");
     line += ' ' + std::to_string(entry.userId) + '/' + std::to_string(entry.groupId);
     line += ' ' + std::to_string(entry.size) + ' ' + timeText(entry.modifiedSeconds);
-    return line + ' ' + (entry.path.empty() ? "/" : escapedName(entry.path));
+    return line + ' ' + escapedName(entryName(entry.path));
 }
 
 bool JsonSink::begin(const EntryHead& head) {
@@ -175,8 +175,7 @@ bool CheckSink::finish(const EntryTail& tail, const ContentReader&) {
     next_ = head_.number + 1;
     if (!tail.unreadable) return true;
     ++incomplete_;
-    say(archive_ + ": " + (head_.path.empty() ? "/" : escapedName(head_.path)) + ": " +
-        incompleteText(head_.type, tail));
+    say(archive_ + ": " + escapedName(entryName(head_.path)) + ": " + incompleteText(head_.type, tail));
     return true;
 }
 

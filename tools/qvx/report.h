@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "base/error.h"
 #include "base/visible_text.h"
 
 #include "base/error.h"
@@ -10,6 +11,12 @@
 namespace tarnwick::qvx {
 
 enum ExitStatus : int { exitFine = 0, exitFailed = 1, exitUsage = 2, exitOtherKey = 3 };
+
+// Why a command ended. The program prints it and exits with the status.
+struct CommandError : Error {
+    ExitStatus status = exitFailed;
+};
+using CommandResult = Result<ExitStatus, CommandError>;
 
 // Prints "qvx: MESSAGE" on standard error. Names from disk or from an archive must be passed through escapedName first.
 void say(const std::string& message);

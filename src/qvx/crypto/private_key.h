@@ -2,29 +2,24 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 
+#include "base/error.h"
+#include "base/passphrase.h"
 #include "qvx/crypto/hpke.h"
 
 namespace tarnwick::qvx {
 
-// Called at most once for a key, and only if the key is encrypted. Returns nothing when there is no passphrase. The
-// text is wiped after use.
-using PassphraseSource = std::function<std::optional<std::string>()>;
+// Fills in the passphrase, or fails with the reason why there is none. Called at most once for a key, and only if the
+// key is encrypted.
+using PassphraseSource = std::function<Status(Passphrase&)>;
 
-enum class KeyFault { none, notAKey, openSshForm, notP256, noPassphrase, wrongPassphrase };
+// Parses a P-256 key in PKCS#8 (plain or encrypted) or SEC1 form. Other PEM blocks before it are skipped. Without a
+// source, encrypted keys are refused.
+Result<KeyHandle> parsePrivateKey(std::string_view pem, const PassphraseSource& passphrase = {});
 
-struct ParsedKey {
-    KeyHandle key;  // null if and only if there is a fault
-    KeyFault fault = KeyFault::none;
-};
-
-// Parses a P-256 key in PKCS#8 (plain or encrypted) or SEC1 form. Other PEM blocks before it are skipped.
-ParsedKey parsePrivateKey(std::string_view pem, const PassphraseSource& passphrase);
-
-// The key in unencrypted PKCS#8 form. Empty on failure. The caller wipes it.
-std::string privateKeyPem(EVP_PKEY* key);
+// The key in unencrypted PKCS#8 form. The caller wipes it. Fails when the library does.
+Result<std::string> privateKeyPem(EVP_PKEY* key);
 
 }  // namespace tarnwick::qvx

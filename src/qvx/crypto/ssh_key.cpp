@@ -60,9 +60,9 @@ std::string sshKeyLine(const Point& point) { return std::string(keyType) + ' ' +
 std::optional<Point> parseSshKeyLine(std::string_view line) {
     if (!line.starts_with(keyType) || line.substr(keyType.size(), 1) != " ") return std::nullopt;
     const auto base64 = line.substr(keyType.size() + 1, base64Size);
-    const auto behind = line.substr(keyType.size() + 1 + base64.size()).substr(0, 1);
+    const auto next = line.substr(keyType.size() + 1 + base64.size()).substr(0, 1);
     if (base64.size() != base64Size || !std::all_of(base64.begin(), base64.end(), isBase64Character) ||
-        std::string_view(" \t\r\n").find(behind) == std::string_view::npos)
+        std::string_view(" \t\r\n").find(next) == std::string_view::npos)
         return std::nullopt;
 
     std::array<std::uint8_t, base64Size / 4 * 3> decoded{};

@@ -18,7 +18,7 @@ std::string fingerprintText(const Digest& fingerprint);
 // The line of a key, without a comment and without a line end.
 std::string sshKeyLine(const Point& point);
 
-// Parses a key line and returns its point. What follows the base64 text after a blank or line end is a comment. Nothing
+// Parses a key line and returns its point. What follows the base64 text after a blank or line end is a comment. None
 // for another key type or a blob that is not exactly right. Does not check that the point is on the curve.
 std::optional<Point> parseSshKeyLine(std::string_view line);
 

@@ -5,49 +5,41 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 namespace tarnwick::qvx {
 
-std::unique_ptr<ArchiveFile> ArchiveFile::open(FileDescriptor descriptor, ReadFault& fault) {
+namespace {
+
+Error endsHere() { return {"the archive ends here"}; }
+
+}  // namespace
+
+Result<std::unique_ptr<ArchiveFile>, ReadFault> ArchiveFile::open(FileDescriptor descriptor) {
     struct stat status {};
-    if (fstat(descriptor.get(), &status) != 0) {
-        fault.what = std::strerror(errno);
-        return nullptr;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        fault.what = "not a regular file";
-        return nullptr;
-    }
+    if (fstat(descriptor.get(), &status) != 0) return ReadFault{systemError(errno)};
+    if (!S_ISREG(status.st_mode)) return readFault("not a regular file");
     std::unique_ptr<ArchiveFile> file(
         new ArchiveFile(std::move(descriptor), static_cast<std::uint64_t>(status.st_size)));
     file->headerBytes_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(file->size_, plainHeaderSize)));
-    if (!file->read(0, file->headerBytes_, fault.what)) return nullptr;
+    if (auto header = file->read(0, file->headerBytes_); !header) return ReadFault{header.error()};
     const auto header = decodePlainHeader(file->headerBytes_);
-    if (!header) {
-        fault.what = header.error().text;
-        return nullptr;
-    }
+    if (!header) return ReadFault{header.error()};
     file->header_ = *header;
     return file;
 }
 
-bool ArchiveFile::read(std::uint64_t position, MutableBytes bytes, std::string& what) const {
-    if (position > size_ || bytes.size() > size_ - position) {
-        what = "the archive ends here";
-        return false;
-    }
+Status ArchiveFile::read(std::uint64_t position, MutableBytes bytes) const {
+    // Checked first, because a position of a hostile header may be too large for pread.
+    if (position > size_ || bytes.size() > size_ - position) return endsHere();
     while (!bytes.empty()) {
         const ssize_t got = pread(descriptor_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) {
-            what = got < 0 ? std::strerror(errno) : "the archive ends here";
-            return false;
-        }
+        if (got < 0) return systemError(errno);
+        if (got == 0) return endsHere();  // somebody has shortened the file
         bytes = bytes.subspan(static_cast<std::size_t>(got));
         position += static_cast<std::uint64_t>(got);
     }
-    return true;
+    return {};
 }
 
 }  // namespace tarnwick::qvx

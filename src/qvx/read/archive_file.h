@@ -1,31 +1,22 @@
-// An archive file opened for reading: its bytes and its plain header. Also the form in which readers report damage.
+// An archive file opened for reading: its bytes and its plain header.
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <optional>
-#include <string>
 #include <vector>
 
 #include "base/handle.h"
 #include "qvx/format/block_codec.h"
 #include "qvx/format/file_header.h"
+#include "qvx/read/read_outcome.h"
 
 namespace tarnwick::qvx {
-
-// What is wrong, and where, as far as that is known.
-struct ReadFault {
-    std::string what;                       // lower case, no full stop
-    std::optional<std::uint64_t> block;     // sequence number
-    std::optional<std::uint64_t> position;  // in the file, of that block's header
-    std::optional<std::string> path;        // path of the entry; hostile bytes
-};
 
 // Every read states its position, so any number of threads may share one object.
 class ArchiveFile {
 public:
-    // Opens a regular file with a valid plain header. Otherwise null, and `fault` says why.
-    static std::unique_ptr<ArchiveFile> open(FileDescriptor descriptor, ReadFault& fault);
+    // Fails when the descriptor is not of a regular file with a valid plain header.
+    static Result<std::unique_ptr<ArchiveFile>, ReadFault> open(FileDescriptor descriptor);
 
     [[nodiscard]] const PlainHeader& header() const { return header_; }
     [[nodiscard]] std::uint64_t size() const { return size_; }
@@ -33,8 +24,8 @@ public:
     // The first bytes of the file, which are bound into the seal of every block.
     [[nodiscard]] Bytes boundHeader() const { return Bytes(headerBytes_).first(boundHeaderSize); }
 
-    // Fills `bytes` from the file. False at an error and when the file ends too early; `what` says which.
-    bool read(std::uint64_t position, MutableBytes bytes, std::string& what) const;
+    // Fills `bytes` from the file. Fails also when the file ends too early.
+    [[nodiscard]] Status read(std::uint64_t position, MutableBytes bytes) const;
 
 private:
     ArchiveFile(FileDescriptor descriptor, std::uint64_t size) : descriptor_(std::move(descriptor)), size_(size) {}

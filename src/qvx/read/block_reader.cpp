@@ -23,7 +23,7 @@ const char* describe(BlockFault fault) {
     return "";
 }
 
-std::string wrongNumber(std::uint64_t found) { return "block " + std::to_string(found) + " stands in its place"; }
+Error wrongNumber(std::uint64_t found) { return {"block " + std::to_string(found) + " is in its place"}; }
 
 std::vector<PlacedDigest> digestContents(Bytes plain) {
     std::vector<PlacedDigest> digests;
@@ -55,41 +55,44 @@ std::vector<PlacedDigest> digestContents(Bytes plain) {
 
 }  // namespace
 
-ReadFault blockFault(const BlockPlace& place, std::string what) {
-    return {std::move(what), place.sequence, place.position, std::nullopt};
+ReadFault blockFault(const BlockPlace& place, Error error) {
+    return {std::move(error), place.sequence, place.position};
 }
 
-std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position, std::string& what) {
+ReadFault blockFault(const BlockPlace& place, std::string text) { return blockFault(place, Error{std::move(text)}); }
+
+Result<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position) {
     std::array<std::uint8_t, blockHeaderSize> bytes{};
-    if (!file.read(position, bytes, what)) return std::nullopt;
+    if (auto got = file.read(position, bytes); !got) return got.error();
     const auto header = decodeBlockHeader(bytes);
     // A leader that needed a dictionary would wait for itself.
     const bool leads = header && header->sequence == leaderOf(header->sequence, file.header().groupLength);
-    if (header && !(leads && (header->flags & blockWithDictionary))) return header;
-    what = "the block header is damaged";
-    return std::nullopt;
+    if (header && !(leads && (header->flags & blockWithDictionary))) return *header;
+    return Error{"the block header is damaged"};
 }
 
 void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
-    std::string what;
-    const auto header = readBlockHeader(file_, block.place.position, what);
-    if (header && header->sequence != block.place.sequence) what = wrongNumber(header->sequence);
-    if (what.empty()) block.header = *header;
+    if (const Status decoded = decode(block, leader); !decoded) block.fault = blockFault(block.place, decoded.error());
+}
+
+Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
+    const auto header = readBlockHeader(file_, block.place.position);
+    if (!header) return header.error();
+    if (header->sequence != block.place.sequence) return wrongNumber(header->sequence);
+    block.header = *header;
     // This opener may have to open the leader too. That uses `sealed_`, so it must happen before the block is read into
     // it.
     BlockPointer dictionary;
-    if (what.empty() && (block.header.flags & blockWithDictionary)) {
+    if (block.header.flags & blockWithDictionary) {
         dictionary = leader();
-        if (!dictionary || dictionary->fault) what = "the block that leads its group is damaged or lost";
+        if (!dictionary || dictionary->fault) return Error{"the block that leads its group is damaged or lost"};
     }
-    if (what.empty()) {
-        sealed_.resize(header->sealedLength);
-        file_.read(block.place.position + blockHeaderSize, sealed_, what);
-    }
-    if (what.empty())
-        what = describe(
-            decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain));
-    if (!what.empty()) block.fault = blockFault(block.place, std::move(what));
+    sealed_.resize(header->sealedLength);
+    if (auto got = file_.read(block.place.position + blockHeaderSize, sealed_); !got) return got;
+    const auto fault =
+        decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain);
+    if (fault == BlockFault::none) return {};
+    return Error{describe(fault)};
 }
 
 void BlockMap::add(const BlockPlace& place) { places_.push_back(place); }
@@ -115,7 +118,7 @@ BlockPointer RandomBlocks::open(std::uint64_t sequence) {
     if (place) {
         opener_.open(*block, [&] { return get(leaderOf(sequence, groupLength_)); });
     } else {
-        block->fault = ReadFault{"there is no such block", sequence, std::nullopt, std::nullopt};
+        block->fault = ReadFault{{"there is no such block"}, sequence};
     }
     return block;
 }
@@ -166,7 +169,7 @@ void BlockPipeline::work() {
         }
     } catch (const std::bad_alloc&) {
         if (slot) {
-            slot->block.fault.emplace().what = "out of memory";  // short enough to need no allocation
+            slot->block.fault.emplace().text = "out of memory";  // short enough to need no allocation
             finish(*slot);
         }
         const std::lock_guard lock(mutex_);
@@ -220,16 +223,15 @@ std::optional<BlockPipeline::Task> WholeArchive::operator()() {
     if (lastSeen_) {
         ended_ = true;
         if (next_.position == file_->size()) return std::nullopt;
-        ReadFault behind{"something stands behind the last block", std::nullopt, next_.position, std::nullopt};
-        return BlockPipeline::Task{next_, std::move(behind)};
+        ReadFault excess{{"there are bytes after the last block"}, std::nullopt, next_.position};
+        return BlockPipeline::Task{next_, std::move(excess)};
     }
     BlockPipeline::Task task{.place = next_, .digest = true};
-    std::string what;
-    const auto header = readBlockHeader(*file_, next_.position, what);
-    if (header && header->sequence != next_.sequence) what = wrongNumber(header->sequence);
-    if (!what.empty()) {
+    const auto header = readBlockHeader(*file_, next_.position);
+    const bool expected = header && header->sequence == next_.sequence;
+    if (!expected) {
         ended_ = true;
-        task.fault = blockFault(next_, std::move(what));
+        task.fault = blockFault(next_, header ? wrongNumber(header->sequence) : header.error());
         return task;
     }
     lastSeen_ = header->flags & blockLast;

@@ -34,10 +34,11 @@ struct OpenedBlock {
 };
 using BlockPointer = std::shared_ptr<const OpenedBlock>;
 
-ReadFault blockFault(const BlockPlace& place, std::string what);
+ReadFault blockFault(const BlockPlace& place, Error error);
+ReadFault blockFault(const BlockPlace& place, std::string text);
 
-// Reads the block header at `position`. None when there is no valid one or the file ends; `what` says why.
-std::optional<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position, std::string& what);
+// Reads the block header at `position`. Fails when there is no valid one or the file ends.
+Result<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position);
 
 // Opens single blocks. For one thread at a time.
 class BlockOpener {
@@ -52,6 +53,8 @@ public:
     void open(OpenedBlock& block, const Leader& leader);
 
 private:
+    Status decode(OpenedBlock& block, const Leader& leader);
+
     const ArchiveFile& file_;
     BlockDecoder decoder_;
     std::vector<std::uint8_t> sealed_;

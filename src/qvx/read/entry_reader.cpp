@@ -11,11 +11,11 @@ constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
 
 }  // namespace
 
-RecordJoiner::State RecordJoiner::take(const Record& record, std::size_t limit) {
+RecordJoiner::State RecordJoiner::add(const Record& record, std::size_t limit) {
     if (joining_ && record.type != type_) return State::damaged;
     if (!joining_ && !record.continues) {
         payload_ = record.payload;
-        return payload_.size() <= limit ? State::whole : State::damaged;
+        return payload_.size() <= limit ? State::complete : State::damaged;
     }
     if (!joining_) joined_.clear();
     type_ = record.type;
@@ -23,12 +23,12 @@ RecordJoiner::State RecordJoiner::take(const Record& record, std::size_t limit) 
     joined_.insert(joined_.end(), record.payload.begin(), record.payload.end());
     joining_ = record.continues;
     payload_ = joined_;
-    return joining_ ? State::partial : State::whole;
+    return joining_ ? State::partial : State::complete;
 }
 
-EntryReader::Step EntryReader::take(const Record& record) {
+ReadOutcome EntryReader::consume(const Record& record) {
     if (record.type == RecordType::entry) return begin(record);
-    if (!inEntry_) return damaged("a record stands outside of an entry");
+    if (!inEntry_) return damaged("a record is outside of an entry");
     if (joiner_.joining() && record.type != RecordType::end) return damaged("a split record is not continued");
     switch (record.type) {
         case RecordType::data: return addData(record.payload);
@@ -36,9 +36,9 @@ EntryReader::Step EntryReader::take(const Record& record) {
         case RecordType::end: break;
         default: return damaged("the entry has no end");
     }
-    switch (joiner_.take(record, maxEndLength)) {
-        case RecordJoiner::State::partial: return Step::more;
-        case RecordJoiner::State::whole: return finish(joiner_.payload());
+    switch (joiner_.add(record, maxEndLength)) {
+        case RecordJoiner::State::partial: return {};
+        case RecordJoiner::State::complete: return finish(joiner_.payload());
         case RecordJoiner::State::damaged: break;
     }
     return damaged("the end of the entry is malformed");
@@ -49,20 +49,26 @@ void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional
     tail_.totals = totals;
 }
 
-bool EntryReader::deliver(const EntrySink::ContentReader& content) {
+ReadOutcome EntryReader::deliver(const EntrySink::ContentReader& content) {
     inEntry_ = false;
-    return sink_.finish(tail_, content);
+    complete_ = false;
+    return ReadOutcome::fromSink(sink_.finish(tail_, content));
 }
 
 std::uint64_t EntryReader::size() const { return tail_.totals ? tail_.totals->size : size_; }
 
+Error EntryReader::error(std::string text) const {
+    return {std::move(text), 0, inEntry_ ? entryName(head_.path) : std::string()};
+}
+
 void EntryReader::abandon() {
     if (inEntry_) sink_.abandon();
     inEntry_ = false;
+    complete_ = false;
     joiner_.reset();
 }
 
-EntryReader::Step EntryReader::begin(const Record& record) {
+ReadOutcome EntryReader::begin(const Record& record) {
     if (inEntry_) return damaged("the entry has no end");
     auto head = decodeEntryHead(record.payload);
     if (!head) return damaged("the beginning of an entry is malformed");
@@ -73,19 +79,19 @@ EntryReader::Step EntryReader::begin(const Record& record) {
     holes_ = 0;
     zeros_ = 0;
     inEntry_ = sink_.begin(head_);
-    return inEntry_ ? Step::more : Step::stopped;
+    return ReadOutcome::fromSink(inEntry_);
 }
 
-EntryReader::Step EntryReader::addData(Bytes bytes) {
+ReadOutcome EntryReader::addData(Bytes bytes) {
     if (bytes.size() > maxContentSize - size_) return damaged("the content is too long");
     size_ += bytes.size();
     if (head_.type == EntryType::directory) return damaged("a directory has content");
     if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
     if (!known_) digest_.add(bytes);
-    return sink_.data(bytes) ? Step::more : Step::stopped;
+    return ReadOutcome::fromSink(sink_.data(bytes));
 }
 
-EntryReader::Step EntryReader::addHole(Bytes payload) {
+ReadOutcome EntryReader::addHole(Bytes payload) {
     const auto length = decodeHole(payload);
     if (!length || head_.type != EntryType::file || *length > maxContentSize - size_)
         return damaged("a hole is malformed");
@@ -93,23 +99,24 @@ EntryReader::Step EntryReader::addHole(Bytes payload) {
     zeros_ += *length;
     ++holes_;
     // Such an entry has no digest; computing one could take hours.
-    if (zeros_ > maxDigestedHoles) return sink_.hole(*length) ? Step::more : Step::stopped;
+    if (zeros_ > maxDigestedHoles) return ReadOutcome::fromSink(sink_.hole(*length));
     // In pieces, so that the sink can stop a long hole early.
     for (std::uint64_t left = *length, piece = 0; left > 0; left -= piece) {
         piece = std::min(left, zerosAtOnce);
-        if (!sink_.hole(piece)) return Step::stopped;
+        if (!sink_.hole(piece)) return ReadOutcome::stopped();
         digest_.addZeros(piece);
     }
-    return Step::more;
+    return {};
 }
 
-EntryReader::Step EntryReader::finish(Bytes payload) {
+ReadOutcome EntryReader::finish(Bytes payload) {
     auto tail = decodeEntryTail(payload);
     if (!tail) return damaged("the end of the entry is malformed");
     tail_ = std::move(*tail);
-    if (const char* fault = faultOfTail()) return damaged(fault);
+    if (const Status good = checkTail(); !good) return damaged(good.error().text);
     if (head_.type == EntryType::file && !tail_.contentOf) tail_.totals = SparseTotals{size_, holes_};
-    return Step::whole;
+    complete_ = true;
+    return {};
 }
 
 // Unreadable extents are stored as holes. Which holes these are is not remembered, so only their total is compared.
@@ -121,28 +128,33 @@ bool EntryReader::unreadableFits() const {
            total <= zeros_;
 }
 
-const char* EntryReader::faultOfTail() {
-    if (!unreadableFits()) return "the unreadable extents do not fit the content";
+Status EntryReader::checkTail() {
+    if (!unreadableFits()) return error("the unreadable extents do not fit the content");
+    if (tail_.contentOf) return checkReference();
     const bool file = head_.type == EntryType::file;
-    if (tail_.contentOf) {
-        const bool own = size_ > 0 || holes_ > 0;
-        const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;
-        return file && back && !own ? nullptr : "the reference to the entry's content is malformed";
-    }
     if (tail_.linkOf || (tail_.totals && !file) || (tail_.digest && head_.type == EntryType::directory))
-        return "the entry has fields that do not go together";
-    if (tail_.digest && zeros_ > maxDigestedHoles) return "the entry has a digest of more zeros than it may";
+        return error("the entry has fields that do not go together");
+    if (tail_.digest && zeros_ > maxDigestedHoles) return error("the entry has a digest of more zeros than it may");
     if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
-        return "the size does not match";
-    if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish())) return "the digest does not match";
-    if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return "the link has no target";
-    return nullptr;
+        return error("the size does not match");
+    if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish()))
+        return error("the digest does not match");
+    if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return error("the link has no target");
+    return {};
 }
 
-EntryReader::Step EntryReader::damaged(const char* what) {
-    what_ = what;
+// References point back only, so that following them ends.
+Status EntryReader::checkReference() const {
+    const bool own = size_ > 0 || holes_ > 0;
+    const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;
+    if (head_.type == EntryType::file && back && !own) return {};
+    return error("the reference to the entry's content is malformed");
+}
+
+ReadOutcome EntryReader::damaged(std::string text) {
+    ReadFault fault{error(std::move(text))};
     abandon();
-    return Step::damaged;
+    return fault;
 }
 
 }  // namespace tarnwick::qvx

@@ -6,7 +6,7 @@
 
 #include "qvx/format/content_digest.h"
 #include "qvx/format/entry_codec.h"
-#include "qvx/read/archive_file.h"
+#include "qvx/read/read_outcome.h"
 
 namespace tarnwick::qvx {
 
@@ -34,10 +34,11 @@ public:
 // Joins the parts of a record that is split over blocks.
 class RecordJoiner {
 public:
-    enum class State { partial, whole, damaged };
+    enum class State { partial, complete, damaged };
 
-    // The payload may have at most `limit` bytes. When the result is `whole`, payload() is valid until the next call.
-    State take(const Record& record, std::size_t limit);
+    // The payload may have at most `limit` bytes. When the result is `complete`, payload() is valid until the next
+    // call.
+    State add(const Record& record, std::size_t limit);
     [[nodiscard]] Bytes payload() const { return payload_; }
     [[nodiscard]] bool joining() const { return joining_; }
     void reset() { joining_ = false; }
@@ -51,40 +52,40 @@ private:
 
 class EntryReader {
 public:
-    enum class Step {
-        more,     // the entry is not complete yet
-        whole,    // head() and tail() describe the entry; call deliver() or abandon() next
-        stopped,  // the sink returned false
-        damaged,  // what() says why; the sink has been called to abandon the entry it had begun
-    };
-
     explicit EntryReader(EntrySink& sink) : sink_(sink) {}
 
-    // Consumes an ENTRY, DATA, HOLE or END record.
-    Step take(const Record& record);
+    // Reads an ENTRY, DATA, HOLE or END record. If isComplete() is true afterwards, call deliver() or abandon() next.
+    // At damage the entry has been abandoned. The fault names no block.
+    ReadOutcome consume(const Record& record);
+
+    // The END record has been read: head() and tail() describe the entry.
+    [[nodiscard]] bool isComplete() const { return complete_; }
 
     // Sets digest and totals of the tail to those of the entry that holds the content.
     void adopt(const std::optional<Digest>& digest, const std::optional<SparseTotals>& totals);
 
-    // Calls finish() of the sink and returns its result.
-    bool deliver(const EntrySink::ContentReader& content);
+    // Calls finish() of the sink.
+    ReadOutcome deliver(const EntrySink::ContentReader& content);
 
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
     [[nodiscard]] const EntryTail& tail() const { return tail_; }  // for a file with its totals, stored or counted
     [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry holds it
-    [[nodiscard]] const std::string& what() const { return what_; }
+
+    // An error with the text; its subject is the entry that was begun, if any.
+    [[nodiscard]] Error error(std::string text) const;
 
     // Abandons the entry that was begun, if any.
     void abandon();
 
 private:
-    Step begin(const Record& record);
-    Step addData(Bytes bytes);
-    Step addHole(Bytes payload);
-    Step finish(Bytes payload);
-    Step damaged(const char* what);
-    const char* faultOfTail();
+    ReadOutcome begin(const Record& record);
+    ReadOutcome addData(Bytes bytes);
+    ReadOutcome addHole(Bytes payload);
+    ReadOutcome finish(Bytes payload);
+    ReadOutcome damaged(std::string text);
+    Status checkTail();
+    Status checkReference() const;
     [[nodiscard]] bool unreadableFits() const;
 
     EntrySink& sink_;
@@ -96,8 +97,8 @@ private:
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // bytes in the holes
-    std::string what_;
     bool inEntry_ = false;
+    bool complete_ = false;
 };
 
 }  // namespace tarnwick::qvx

@@ -31,9 +31,9 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail&
         if (block->fault) return false;
         RecordCursor cursor(block->plain, offset);
         while (const auto record = cursor.next()) {
-            const auto step = entry.take(*record);
-            if (step == EntryReader::Step::more) continue;
-            return step == EntryReader::Step::whole && entry.head().number == place.number && !entry.tail().contentOf &&
+            if (!entry.consume(*record)) return false;
+            if (!entry.isComplete()) continue;
+            return entry.head().number == place.number && !entry.tail().contentOf &&
                    (!wanted.digest || wanted.digest == entry.tail().digest) &&
                    (!wanted.totals || wanted.totals->size == entry.size());
         }
@@ -49,21 +49,25 @@ void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
     files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, totals, unreadable});
 }
 
-const char* EntryTable::resolve(EntryReader& entry) const {
+Status EntryTable::resolve(EntryReader& entry) const {
     const EntryTail& tail = entry.tail();
-    if (!tail.contentOf) return nullptr;
+    if (!tail.contentOf) return {};
     const Known* content = find(*tail.contentOf);
-    if (!content || content->content != *tail.contentOf) return "the entry that holds its content is lost or another";
-    if (content->unreadable) return "the entry that holds its content is incomplete";
+    if (!content || content->content != *tail.contentOf)
+        return entry.error("the entry that holds its content is lost or another");
+    // Its zeros would be taken for real content, because only that entry says which of them are not.
+    if (content->unreadable) return entry.error("the entry that holds its content is incomplete");
     if (tail.linkOf) {
         const Known* link = find(*tail.linkOf);
-        if (!link || link->content != *tail.contentOf) return "the entry that it is linked to is lost or another";
+        if (!link || link->content != *tail.contentOf)
+            return entry.error("the entry that it is linked to is lost or another");
     }
     const bool sameDigest = !tail.digest || tail.digest == content->digest;
     const bool sameSize = !tail.totals || tail.totals->size == content->totals.size;
-    if (!sameDigest || !sameSize) return "digest or size are not those of the entry that holds its content";
+    if (!sameDigest || !sameSize)
+        return entry.error("digest or size are not those of the entry that holds its content");
     entry.adopt(content->digest, content->totals);
-    return nullptr;
+    return {};
 }
 
 const EntryPlace* EntryTable::placeOf(std::uint64_t number) const {

@@ -21,9 +21,9 @@ class EntryTable {
 public:
     void add(const EntryPlace& place, const EntryReader& entry);
 
-    // Null, or what is wrong with the references of the entry. An entry whose content another one holds gets the digest
-    // and size of that one.
-    const char* resolve(EntryReader& entry) const;
+    // Fails when the references of the entry are wrong. An entry whose content another one holds gets the digest and
+    // size of that one.
+    Status resolve(EntryReader& entry) const;
 
     // The place of an entry that holds its own content; null when there is no such entry.
     [[nodiscard]] const EntryPlace* placeOf(std::uint64_t number) const;

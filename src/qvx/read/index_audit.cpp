@@ -31,48 +31,55 @@ bool sameEntries(Bytes one, Bytes other) {
     return !a.next() && !b.next() && !a.damaged() && !b.damaged();
 }
 
+Error mismatch(const char* text) { return {text}; }
+
 }  // namespace
 
-const char* IndexAudit::addEntry(const EntryPlace& place, const EntryReader& entry) {
+Status IndexAudit::addEntry(const EntryPlace& place, const EntryReader& entry) {
     const auto& head = entry.head();
     pending_.add({place.block, place.offset, head.type, head.path, head.mode.value_or(0), head.userId.value_or(0),
                   head.groupId.value_or(0), entry.size(), wholeSeconds(head.modified.value_or(0)),
                   entry.tail().unreadable.has_value()});
     ++entries_;
-    return pending_.size() <= maxIndexLength ? nullptr : "the index leaves out entries";
+    // The length of a part is limited, so no part that is still to come could cover all these entries.
+    if (pending_.size() > maxIndexLength) return entry.error("the index leaves out entries");
+    return {};
 }
 
-const char* IndexAudit::checkPart(Bytes payload, const EntryPlace& place) {
-    if (entries_ == covered_) return "a part of the index covers no entry";
+Status IndexAudit::checkPart(Bytes payload, const EntryPlace& place) {
+    if (entries_ == covered_) return mismatch("a part of the index covers no entry");
     std::vector<std::uint8_t> expected;
     pending_.finish(expected);
     parts_.push_back({covered_, place.block, place.offset});
     covered_ = entries_;
-    return sameEntries(expected, payload) ? nullptr : "a part of the index does not match the entries";
+    if (!sameEntries(expected, payload)) return mismatch("a part of the index does not match the entries");
+    return {};
 }
 
-const char* IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
+Status IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
     rootBlock_ = block;
     const auto root = decodeRoot(payload);
-    if (!root || covered_ != entries_ || root->entries != entries_) return "the root does not match the entries";
+    if (!root || covered_ != entries_ || root->entries != entries_)
+        return mismatch("the root does not match the entries");
     const auto samePart = [](const IndexPartPlace& a, const IndexPartPlace& b) {
         return a.first == b.first && a.block == b.block && a.offset == b.offset;
     };
     if (!std::equal(root->parts.begin(), root->parts.end(), parts_.begin(), parts_.end(), samePart))
-        return "the root does not match the index";
+        return mismatch("the root does not match the index");
     const auto sameLength = [](std::uint32_t length, const Seen& seen) { return length == seen.sealedLength; };
     const auto end = blocks_.begin() + static_cast<std::ptrdiff_t>(block);
     if (!std::equal(root->sealedLengths.begin(), root->sealedLengths.end(), blocks_.begin(), end, sameLength))
-        return "the root does not match the blocks";
-    return nullptr;
+        return mismatch("the root does not match the blocks");
+    return {};
 }
 
-const char* IndexAudit::checkTrailer(Bytes payload) {
+Status IndexAudit::checkTrailer(Bytes payload) {
     const auto trailer = decodeTrailer(payload);
     const bool matches = trailer && trailer->rootSequence == rootBlock_ &&
                          trailer->rootPosition == blocks_[rootBlock_].place.position && trailer->entries == entries_ &&
                          trailer->blocks == blocks_.size();
-    return matches ? nullptr : "the trailer does not match the archive";
+    if (!matches) return mismatch("the trailer does not match the archive");
+    return {};
 }
 
 }  // namespace tarnwick::qvx

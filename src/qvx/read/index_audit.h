@@ -10,11 +10,11 @@ class IndexAudit {
 public:
     void addBlock(const OpenedBlock& block) { blocks_.push_back({block.place, block.header.sealedLength}); }
 
-    // Each returns null, or what is wrong.
-    const char* addEntry(const EntryPlace& place, const EntryReader& entry);
-    const char* checkPart(Bytes payload, const EntryPlace& place);
-    const char* checkRoot(Bytes payload, std::uint64_t block);
-    const char* checkTrailer(Bytes payload);
+    // Each fails when the archive contradicts itself.
+    Status addEntry(const EntryPlace& place, const EntryReader& entry);
+    Status checkPart(Bytes payload, const EntryPlace& place);
+    Status checkRoot(Bytes payload, std::uint64_t block);
+    Status checkTrailer(Bytes payload);
 
 private:
     struct Seen {

@@ -8,70 +8,59 @@ namespace tarnwick::qvx {
 
 namespace {
 
-ReadFault indexFault(std::string what) { return {std::move(what), std::nullopt, std::nullopt, std::nullopt}; }
-
 // The last block has a fixed length, so it is found from the end of the file. Its header states its sequence number.
-std::optional<Trailer> readTrailer(const ArchiveFile& file, const HpkeKeys& keys, ReadFault& fault) {
-    fault = indexFault("the end of the archive is cut or damaged");
-    if (file.size() < plainHeaderSize + lastBlockSize) return std::nullopt;
+Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const HpkeKeys& keys) {
+    const ReadFault cut = readFault("the end of the archive is cut or damaged");
+    if (file.size() < plainHeaderSize + lastBlockSize) return cut;
     const std::uint64_t position = file.size() - lastBlockSize;
-    std::string what;
-    const auto header = readBlockHeader(file, position, what);
-    if (!header || !(header->flags & blockLast) || header->sealedLength != lastBlockSize - blockHeaderSize)
-        return std::nullopt;
-    OpenedBlock block{{header->sequence, position}, {}, {}, std::nullopt};
+    const auto header = readBlockHeader(file, position);
+    if (!header || !(header->flags & blockLast) || header->sealedLength != lastBlockSize - blockHeaderSize) return cut;
+    OpenedBlock block{{header->sequence, position}, {}, {}};
     // The last block is never compressed, so it needs no leader.
     BlockOpener(file, keys).open(block, [] { return BlockPointer(); });
-    if (block.fault) {
-        fault = *block.fault;
-        return std::nullopt;
-    }
+    if (block.fault) return *block.fault;
     const auto record = RecordCursor(block.plain).next();
     const auto trailer = record && record->type == RecordType::trailer ? decodeTrailer(record->payload) : std::nullopt;
-    if (!trailer || trailer->blocks - 1 != header->sequence || trailer->rootSequence >= header->sequence)
-        return std::nullopt;
-    return trailer;
+    if (!trailer || trailer->blocks - 1 != header->sequence || trailer->rootSequence >= header->sequence) return cut;
+    return *trailer;
 }
 
 }  // namespace
 
-std::unique_ptr<ArchiveIndex> ArchiveIndex::load(const ArchiveFile& file, const HpkeKeys& keys, ReadFault& fault) {
-    const auto trailer = readTrailer(file, keys, fault);
-    if (!trailer) return nullptr;
+Result<std::unique_ptr<ArchiveIndex>, ReadFault> ArchiveIndex::load(const ArchiveFile& file, const HpkeKeys& keys) {
+    const auto trailer = readTrailer(file, keys);
+    if (!trailer) return trailer.error();
     std::unique_ptr<ArchiveIndex> index(new ArchiveIndex(file, keys));
-    if (!index->readRoot(file, keys, *trailer, fault)) return nullptr;
+    if (auto root = index->readRoot(file, keys, *trailer); !root) return root.error();
     if (index->root_.entries == trailer->entries && index->fillMap(*trailer) && index->partsAreInOrder()) return index;
-    fault = indexFault("the root of the index does not fit the archive");
-    return nullptr;
+    return readFault("the root of the index does not fit the archive");
 }
 
 // The blocks of the root follow one another and need no leader.
-bool ArchiveIndex::readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer, ReadFault& fault) {
+Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer) {
     BlockOpener opener(file, keys);
     RecordJoiner joiner;
     BlockPlace place{trailer.rootSequence, trailer.rootPosition};
+    const auto malformed = [&] { return blockFault(place, "the root of the index is malformed"); };
     for (; place.sequence < trailer.blocks - 1; ++place.sequence) {
-        OpenedBlock block{place, {}, {}, std::nullopt};
+        OpenedBlock block{place, {}, {}};
         opener.open(block, [] { return BlockPointer(); });
-        if (block.fault) {
-            fault = *block.fault;
-            return false;
-        }
-        fault = blockFault(place, "the root of the index is malformed");
+        if (block.fault) return *block.fault;
         const auto record = RecordCursor(block.plain).next();
-        if (!record || record->type != RecordType::root) return false;
+        if (!record || record->type != RecordType::root) return malformed();
         // The root is smaller than the file: it has fewer bytes for each block and index part than these take in the
         // file.
-        const auto state = joiner.take(*record, static_cast<std::size_t>(file.size()));
-        if (state == RecordJoiner::State::damaged) return false;
-        if (state == RecordJoiner::State::whole) {
+        const auto state = joiner.add(*record, static_cast<std::size_t>(file.size()));
+        if (state == RecordJoiner::State::damaged) return malformed();
+        if (state == RecordJoiner::State::complete) {
             auto root = decodeRoot(joiner.payload());
-            if (root) root_ = std::move(*root);
-            return root.has_value();
+            if (!root) return malformed();
+            root_ = std::move(*root);
+            return {};
         }
         place.position += blockHeaderSize + block.header.sealedLength;
     }
-    return false;
+    return malformed();
 }
 
 bool ArchiveIndex::fillMap(const Trailer& trailer) {
@@ -85,7 +74,7 @@ bool ArchiveIndex::fillMap(const Trailer& trailer) {
     return place.position == trailer.rootPosition;
 }
 
-// partOf() relies on this order, and each part must cover at minFirst one entry.
+// partOf() relies on this order, and each part must cover at least one entry.
 bool ArchiveIndex::partsAreInOrder() const {
     std::uint64_t minFirst = 0;
     for (const auto& part : root_.parts) {
@@ -96,49 +85,40 @@ bool ArchiveIndex::partsAreInOrder() const {
     return root_.parts.empty() ? root_.entries == 0 : minFirst <= root_.entries;
 }
 
-bool ArchiveIndex::visitPart(std::size_t part, const Visitor& visit, ReadFault& fault) {
+Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor& visit) {
     const IndexPartPlace& place = root_.parts[part];
     const std::uint64_t end = part + 1 < root_.parts.size() ? root_.parts[part + 1].first : root_.entries;
-    std::vector<std::uint8_t> payload;
-    if (!readPart(place, payload, fault)) return false;
-    IndexPartDecoder decoder(payload);
+    const auto payload = readPart(place);
+    if (!payload) return payload.error();
+    IndexPartDecoder decoder(*payload);
     std::uint64_t number = place.first;
     if (decoder.first() == number && decoder.count() == end - number) {
         while (const IndexEntry* entry = decoder.next())
-            if (!visit(number++, *entry)) return true;
-        if (!decoder.damaged()) return true;
+            if (!visit(number++, *entry)) return {};
+        if (!decoder.damaged()) return {};
     }
-    fault = indexFault("a part of the index is malformed");
-    fault.block = place.block;
-    return false;
+    return ReadFault{readFault("a part of the index is malformed"), place.block};
 }
 
 std::size_t ArchiveIndex::partOf(std::uint64_t number) const {
     if (number >= root_.entries) return root_.parts.size();
-    const auto behind =
-        std::upper_bound(root_.parts.begin(), root_.parts.end(), number,
-                         [](std::uint64_t key, const IndexPartPlace& part) { return key < part.first; });
-    return static_cast<std::size_t>(behind - root_.parts.begin()) - 1;
+    const auto next = std::upper_bound(root_.parts.begin(), root_.parts.end(), number,
+                                       [](std::uint64_t key, const IndexPartPlace& part) { return key < part.first; });
+    return static_cast<std::size_t>(next - root_.parts.begin()) - 1;
 }
 
-bool ArchiveIndex::readPart(const IndexPartPlace& place, std::vector<std::uint8_t>& payload, ReadFault& fault) {
+Result<std::vector<std::uint8_t>, ReadFault> ArchiveIndex::readPart(const IndexPartPlace& place) {
     RecordJoiner joiner;
     std::size_t offset = place.offset;
     for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
         const auto block = blocks_.get(sequence);
-        if (block->fault) {
-            fault = *block->fault;
-            return false;
-        }
+        if (block->fault) return *block->fault;
         const auto record = RecordCursor(block->plain, offset).next();
-        const auto state = record && record->type == RecordType::index ? joiner.take(*record, maxIndexLength)
+        const auto state = record && record->type == RecordType::index ? joiner.add(*record, maxIndexLength)
                                                                        : RecordJoiner::State::damaged;
-        if (state == RecordJoiner::State::whole) {
-            payload.assign(joiner.payload().begin(), joiner.payload().end());
-            return true;
-        }
-        fault = blockFault(block->place, "a part of the index is malformed");
-        if (state == RecordJoiner::State::damaged) return false;
+        if (state == RecordJoiner::State::damaged) return blockFault(block->place, "a part of the index is malformed");
+        if (state == RecordJoiner::State::complete)
+            return std::vector<std::uint8_t>(joiner.payload().begin(), joiner.payload().end());
     }
 }
 

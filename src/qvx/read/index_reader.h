@@ -11,8 +11,8 @@ namespace tarnwick::qvx {
 
 class ArchiveIndex {
 public:
-    // Reads trailer and root. Both arguments must outlive the index. Null when they are damaged; `fault` says why.
-    static std::unique_ptr<ArchiveIndex> load(const ArchiveFile& file, const HpkeKeys& keys, ReadFault& fault);
+    // Reads trailer and root. Both arguments must outlive the index.
+    static Result<std::unique_ptr<ArchiveIndex>, ReadFault> load(const ArchiveFile& file, const HpkeKeys& keys);
 
     [[nodiscard]] std::uint64_t entries() const { return root_.entries; }
     [[nodiscard]] std::size_t parts() const { return root_.parts.size(); }
@@ -20,9 +20,9 @@ public:
     [[nodiscard]] std::uint64_t partBlock(std::size_t part) const { return root_.parts[part].block; }
 
     // Calls `visit` for the entries of one part, in order, until it returns false. Only one entry is in memory at a
-    // time. False at damage; `fault` says what.
+    // time. Fails at damage.
     using Visitor = std::function<bool(std::uint64_t number, const IndexEntry& entry)>;
-    bool visitPart(std::size_t part, const Visitor& visit, ReadFault& fault);
+    Result<void, ReadFault> visitPart(std::size_t part, const Visitor& visit);
 
     // The index of the part that covers the entry; parts() when there is none.
     [[nodiscard]] std::size_t partOf(std::uint64_t number) const;
@@ -33,10 +33,10 @@ public:
 private:
     ArchiveIndex(const ArchiveFile& file, const HpkeKeys& keys) : blocks_(file, keys, map_) {}
 
-    bool readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer, ReadFault& fault);
+    Result<void, ReadFault> readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer);
     bool fillMap(const Trailer& trailer);
     bool partsAreInOrder() const;
-    bool readPart(const IndexPartPlace& place, std::vector<std::uint8_t>& payload, ReadFault& fault);
+    Result<std::vector<std::uint8_t>, ReadFault> readPart(const IndexPartPlace& place);
 
     ArchiveRoot root_;
     BlockMap map_;

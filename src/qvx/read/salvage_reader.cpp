@@ -1,0 +1,101 @@
+#include "qvx/read/salvage_reader.h"
+
+namespace tarnwick::qvx {
+
+ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
+    if (block.place.sequence > nextBlock_) {
+        report({{"blocks are missing or damaged up to block " + std::to_string(block.place.sequence - 1)}, nextBlock_});
+        abandonEntry("a part of its content is lost");
+    }
+    nextBlock_ = block.place.sequence + 1;
+    block_ = block.place;
+    if (block.fault) {
+        abandonEntry("a part of its content is lost");
+        reportBlock(*block.fault);
+        return {};
+    }
+    RecordCursor cursor(block.plain);
+    std::size_t offset = 0;
+    while (const auto record = cursor.next()) {
+        if (auto outcome = consumeRecord(*record, {0, block.place.sequence, offset}); !outcome) return outcome;
+        offset = cursor.offset();
+    }
+    if (cursor.damaged()) abandonEntry("its block holds something that is no record");
+    return {};
+}
+
+std::uint64_t SalvageReader::finish() {
+    abandonEntry("its end is lost");
+    reportRun();
+    return nextEntry_;
+}
+
+ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace& place) {
+    const bool ofEntry = record.type >= RecordType::entry && record.type <= RecordType::end;
+    if (!ofEntry || record.type == RecordType::entry) abandonEntry("its end is lost");
+    // Records that continue from before a gap belong to an entry that is already reported as lost.
+    if (!entry_.inEntry() && record.type != RecordType::entry) return {};
+    const auto outcome = entry_.consume(record);
+    if (outcome.fault()) {
+        report(blockFault(block_, *outcome.fault()));
+        return {};
+    }
+    if (!outcome) return outcome;
+    if (entry_.isComplete()) return deliver();
+    if (record.type == RecordType::entry) placeEntry(place);
+    return {};
+}
+
+// Numbers ascend in an archive. A gap in them is the entries that are lost.
+void SalvageReader::placeEntry(const EntryPlace& place) {
+    entryPlace_ = place;
+    entryPlace_.number = entry_.head().number;
+    if (entryPlace_.number < nextEntry_) return abandonEntry("its number is wrong");
+    if (entryPlace_.number > nextEntry_) {
+        reportRun();
+        reportLoss_(nextEntry_, entryPlace_.number);
+    }
+    nextEntry_ = entryPlace_.number + 1;
+}
+
+ReadOutcome SalvageReader::deliver() {
+    if (const Status good = table_.resolve(entry_); !good) {
+        abandonEntry(good.error().text);
+        return {};
+    }
+    table_.add(entryPlace_, entry_);
+    return entry_.deliver([this](EntrySink& sink) {
+        const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
+        return place && readContent(random_, *place, entry_.tail(), sink);
+    });
+}
+
+void SalvageReader::abandonEntry(std::string reason) {
+    if (!entry_.inEntry()) return;
+    report(blockFault(block_, entry_.error(std::move(reason))));
+    entry_.abandon();
+}
+
+void SalvageReader::report(const ReadFault& fault) {
+    reportRun();
+    report_(fault);
+}
+
+// A lost leader makes its whole group unreadable; that is reported once.
+void SalvageReader::reportBlock(const ReadFault& fault) {
+    const bool continuesRun = run_ && run_->text == fault.text && fault.block == runEnd_ + 1;
+    if (!continuesRun) {
+        reportRun();
+        run_ = fault;
+    }
+    runEnd_ = fault.block.value_or(0);
+}
+
+void SalvageReader::reportRun() {
+    if (!run_) return;
+    if (run_->block < runEnd_) run_->text += ", and so on up to block " + std::to_string(runEnd_);
+    report_(*run_);
+    run_.reset();
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,108 @@
+#include "qvx/read/sequential_reader.h"
+
+namespace tarnwick::qvx {
+
+ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
+    block_ = block.place;
+    if (block.fault) {
+        ReadFault fault = *block.fault;
+        if (entry_.inEntry()) fault.subject = entryName(entry_.head().path);
+        return fault;
+    }
+    map_.add(block.place);
+    audit_.addBlock(block);
+    if (const Status good = checkPlace(block); !good) return damagedUnless(good);
+    needsLeader_ = block.header.flags & blockWithDictionary;
+    RecordCursor cursor(block.plain);
+    std::size_t offset = 0;
+    auto digest = block.digests.begin();
+    while (auto record = cursor.next()) {
+        // The workers computed the digests of entries that are complete in this block.
+        if (digest != block.digests.end() && digest->offset == offset) record->contentDigest = (digest++)->digest;
+        if (auto outcome = consumeRecord(*record, {count_, block.place.sequence, offset}); !outcome) return outcome;
+        offset = cursor.offset();
+    }
+    if (cursor.damaged()) return damaged("the block holds something that is no record");
+    if (block.last() && phase_ != Phase::complete) return damaged("the trailer is missing");
+    return {};
+}
+
+ReadOutcome SequentialReader::finish() const {
+    if (phase_ == Phase::complete) return {};
+    return readFault("the archive could not be read to its end");
+}
+
+Status SequentialReader::checkPlace(const OpenedBlock& block) const {
+    if (block.last() != (phase_ == Phase::trailer)) return Error{"the last block is not where it must be"};
+    // A reader that starts at the end of the file looks for a block of this length there.
+    if (block.last() && block.header.sealedLength != lastBlockSize - blockHeaderSize)
+        return Error{"the last block is of a wrong length"};
+    return {};
+}
+
+ReadOutcome SequentialReader::consumeRecord(const Record& record, const EntryPlace& place) {
+    if (joiner_.joining()) return consumeIndexRecord(record, place);
+    switch (record.type) {
+        case RecordType::index:
+        case RecordType::root: joinedPlace_ = place; return consumeIndexRecord(record, place);
+        case RecordType::trailer: return consumeTrailer(record, place);
+        default: return consumeEntryRecord(record, place);
+    }
+}
+
+ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const EntryPlace& place) {
+    if (phase_ != Phase::entries) return damaged("an entry is after the root");
+    if (record.type == RecordType::entry) entryPlace_ = place;
+    const auto outcome = entry_.consume(record);
+    if (outcome.fault()) return blockFault(block_, *outcome.fault());
+    if (!outcome) return outcome;
+    if (entry_.isComplete()) return deliver();
+    // Index and references name an entry by its number, so the number must be that of the order.
+    if (entry_.head().number != count_) return damagedUnless(entry_.error("the entry has a wrong number"));
+    return {};
+}
+
+ReadOutcome SequentialReader::deliver() {
+    if (const Status good = table_.resolve(entry_); !good) return damagedUnless(good);
+    if (const Status good = audit_.addEntry(entryPlace_, entry_); !good) return damagedUnless(good);
+    table_.add(entryPlace_, entry_);
+    ++count_;
+    return entry_.deliver([this](EntrySink& sink) {
+        const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
+        return place && readContent(random_, *place, entry_.tail(), sink);
+    });
+}
+
+ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const EntryPlace& place) {
+    if (entry_.inEntry()) return damagedUnless(entry_.error("the entry has no end"));
+    if (phase_ != Phase::entries) return damaged("there is a record after the root");
+    const bool root = record.type == RecordType::root;
+    // A reader that starts at the trailer reads the root before it knows any leader, and from the beginning of a block.
+    if (root && needsLeader_) return damaged("a block of the root cannot be read without another block");
+    if (root && place.offset != 0) return damaged("the root does not begin its block");
+    // The format does not limit the size of the root; it cannot be larger than the file.
+    const std::uint64_t limit = root ? file_.size() : maxIndexLength;
+    switch (joiner_.add(record, static_cast<std::size_t>(limit))) {
+        case RecordJoiner::State::partial: return {};
+        case RecordJoiner::State::damaged: return damaged("a split record is not continued, or too long");
+        case RecordJoiner::State::complete: break;
+    }
+    if (!root) return damagedUnless(audit_.checkPart(joiner_.payload(), joinedPlace_));
+    phase_ = Phase::trailer;
+    return damagedUnless(audit_.checkRoot(joiner_.payload(), joinedPlace_.block));
+}
+
+ReadOutcome SequentialReader::consumeTrailer(const Record& record, const EntryPlace& place) {
+    if (phase_ != Phase::trailer || place.offset != 0) return damaged("the trailer is not where it must be");
+    phase_ = Phase::complete;
+    return damagedUnless(audit_.checkTrailer(record.payload));
+}
+
+ReadOutcome SequentialReader::damaged(const char* text) const { return blockFault(block_, text); }
+
+ReadOutcome SequentialReader::damagedUnless(const Status& good) const {
+    if (good) return {};
+    return blockFault(block_, good.error());
+}
+
+}  // namespace tarnwick::qvx

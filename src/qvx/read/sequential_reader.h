@@ -1,0 +1,51 @@
+// Reads the blocks of an archive in order and checks everything strictly.
+#pragma once
+
+#include "qvx/read/entry_table.h"
+#include "qvx/read/index_audit.h"
+
+namespace tarnwick::qvx {
+
+class SequentialReader {
+public:
+    // All arguments must outlive the reader.
+    SequentialReader(const ArchiveFile& file, const HpkeKeys& keys, EntrySink& sink)
+        : file_(file), random_(file, keys, map_), entry_(sink) {}
+
+    // Reads the next block. After an outcome that is not complete, call abandon() and nothing else.
+    ReadOutcome consume(const OpenedBlock& block);
+
+    // Call after the last block. Damaged when blocks are missing.
+    [[nodiscard]] ReadOutcome finish() const;
+
+    // Abandons the entry that was begun, if any.
+    void abandon() { entry_.abandon(); }
+
+private:
+    enum class Phase { entries, trailer, complete };  // what comes next
+
+    Status checkPlace(const OpenedBlock& block) const;
+    ReadOutcome consumeRecord(const Record& record, const EntryPlace& place);
+    ReadOutcome consumeEntryRecord(const Record& record, const EntryPlace& place);
+    ReadOutcome consumeIndexRecord(const Record& record, const EntryPlace& place);
+    ReadOutcome consumeTrailer(const Record& record, const EntryPlace& place);
+    ReadOutcome deliver();
+    ReadOutcome damaged(const char* text) const;
+    ReadOutcome damagedUnless(const Status& good) const;
+
+    const ArchiveFile& file_;
+    BlockMap map_;
+    RandomBlocks random_;
+    EntryReader entry_;
+    EntryPlace entryPlace_;
+    EntryTable table_;
+    IndexAudit audit_;
+    RecordJoiner joiner_;
+    EntryPlace joinedPlace_;
+    Phase phase_ = Phase::entries;
+    BlockPlace block_;
+    std::uint64_t count_ = 0;   // of the entries delivered
+    bool needsLeader_ = false;  // the current block
+};
+
+}  // namespace tarnwick::qvx

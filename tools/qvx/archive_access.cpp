@@ -1,0 +1,83 @@
+#include "archive_access.h"
+
+#include <fcntl.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "key_files.h"
+#include "qvx/crypto/ssh_key.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+std::string describe(const ReadFault& fault) {
+    std::string text = fault.subject.empty() ? "" : escapedName(fault.subject) + ": ";
+    if (fault.block) text += "block " + std::to_string(*fault.block);
+    if (fault.position) text += (fault.block ? " at position " : "position ") + std::to_string(*fault.position);
+    if (fault.block || fault.position) text += ": ";
+    return text + fault.text;
+}
+
+CommandError otherKey(const std::string& archive, const Digest& recipient, const Digest& key) {
+    const auto text = "sealed to another key, " + fingerprintText(recipient) + "; this one is " + fingerprintText(key);
+    return {{text, 0, archive}, exitOtherKey};
+}
+
+}  // namespace
+
+void declareArchive(CLI::App& command, std::string& archive) {
+    command.add_option("ARCHIVE", archive, "the archive")->required();
+}
+
+void declareKeyAndArchive(CLI::App& command, ArchiveOptions& options) {
+    command.add_option("-k,--key", options.key, "private key file in PEM form")->required();
+    declareArchive(command, options.archive);
+}
+
+Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive) {
+    // O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
+    FileDescriptor descriptor(open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!descriptor) return CommandError{systemError(errno, archive)};
+    auto file = ArchiveFile::open(std::move(descriptor));
+    if (!file) return archiveError(archive, file.error());
+    return std::move(*file);
+}
+
+Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options) {
+    auto file = openArchiveFile(options.archive);
+    if (!file) return file.error();
+    const auto key = loadPrivateKey(options.key);
+    if (!key) return CommandError{key.error()};
+    const auto point = publicPointOf(key->get());
+    if (!point) return CommandError{{"the public part of the key cannot be read", 0, options.key}};
+    const auto fingerprint = sshFingerprint(*point);
+    const auto& recipient = (*file)->header().recipient;
+    if (fingerprint != recipient) return otherKey(options.archive, recipient, fingerprint);
+    auto reader = ArchiveReader::open(std::move(*file), key->get());
+    if (!reader) return archiveError(options.archive, reader.error());
+    return std::move(*reader);
+}
+
+CommandError archiveError(const std::string& archive, const ReadFault& fault) {
+    return {{describe(fault), fault.code, archive}};
+}
+
+CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome) {
+    const bool written = std::fflush(stdout) == 0 && !std::ferror(stdout);
+    const auto failure = systemError(errno, "standard output");
+    if (outcome.fault()) return archiveError(archive, *outcome.fault());
+    if (!written) return CommandError{failure};
+    return outcome ? exitFine : exitFailed;
+}
+
+std::string entryPath(std::string path) {
+    path.erase(0, std::min(path.find_first_not_of('/'), path.size()));
+    path.erase(path.find_last_not_of('/') + 1);
+    return path.starts_with("./") ? entryPath(path.substr(2)) : path;
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,40 @@
+// What the commands that read an archive have in common: their options, opening it, and the report of damage.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "qvx/archive_reader.h"
+#include "report.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tarnwick::qvx {
+
+struct ArchiveOptions {
+    std::string archive;  // path
+    std::string key;      // path of the private key, "-" for standard input
+};
+
+// Declares the options; PATH arguments may be declared after them. `options` must outlive the parsing.
+void declareArchive(CLI::App& command, std::string& archive);
+void declareKeyAndArchive(CLI::App& command, ArchiveOptions& options);
+
+// The archive without its key: only the plain header can be read.
+Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive);
+
+// Asks for the passphrase of the key if it has one. Another key than the recipient's gives exitOtherKey.
+Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options);
+
+// The fault in the form of a message about the archive: "ENTRY: block 3 at position 4711: TEXT".
+CommandError archiveError(const std::string& archive, const ReadFault& fault);
+
+// Flushes standard output and returns how the command ended: its output counts only when all of it was written.
+CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome);
+
+// The path in the form of an entry: without slashes at the beginning and the end.
+std::string entryPath(std::string path);
+
+}  // namespace tarnwick::qvx

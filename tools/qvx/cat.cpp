@@ -1,0 +1,43 @@
+// qvx cat
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "archive_access.h"
+#include "commands.h"
+#include "listing.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+struct CatOptions : ArchiveOptions {
+    std::string path;
+};
+
+CommandResult runCat(const CatOptions& options) {
+    const auto reader = openArchive(options);
+    if (!reader) return reader.error();
+    std::optional<std::uint64_t> last;  // of several entries with one path, the last one is used
+    const auto look = [&, wanted = entryPath(options.path)](std::uint64_t number, const IndexEntry& entry) {
+        if (entry.path == wanted) last = number;
+        return true;
+    };
+    if (auto listed = (*reader)->list(look); !listed) return archiveError(options.archive, listed.error());
+    if (!last) return CommandError{{"not in the archive", 0, options.path}};
+    OutputSink sink;
+    const auto chosen = [&](std::uint64_t number, std::string_view) { return number == *last; };
+    const auto result = finishOutput(options.archive, (*reader)->readChosen(chosen, sink));
+    if (result && sink.incomplete()) return exitFailed;
+    return result;
+}
+
+}  // namespace
+
+CommandRun declareCat(CLI::App& command) {
+    const auto options = std::make_shared<CatOptions>();
+    declareKeyAndArchive(command, *options);
+    command.add_option("PATH", options->path, "the file")->required();
+    return [options] { return runCat(*options); };
+}
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,42 @@
+// The commands of qvx. A new one is a file that defines its function, and a row of the table.
+#pragma once
+
+#include <functional>
+
+#include "report.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tarnwick::qvx {
+
+// Runs a command with the options that were parsed.
+using CommandRun = std::function<CommandResult()>;
+
+// Each declares the options of its command to the parser, and returns the function that runs it.
+CommandRun declareCreate(CLI::App& command);
+CommandRun declareList(CLI::App& command);
+CommandRun declareVerify(CLI::App& command);
+CommandRun declareExtract(CLI::App& command);
+CommandRun declareCat(CLI::App& command);
+CommandRun declareInfo(CLI::App& command);
+CommandRun declareKeygen(CLI::App& command);
+
+struct Command {
+    const char* name;
+    const char* purpose;
+    CommandRun (*declare)(CLI::App& command);
+};
+
+inline constexpr Command commands[] = {
+    {"create", "make an archive of the paths", declareCreate},
+    {"list", "print the entries", declareList},
+    {"verify", "check everything", declareVerify},
+    {"extract", "put entries on disk", declareExtract},
+    {"cat", "write the content of a file to standard output", declareCat},
+    {"info", "print what can be read without the key", declareInfo},
+    {"keygen", "make a key pair, NAME.pem and NAME.pub", declareKeygen},
+};
+
+}  // namespace tarnwick::qvx

@@ -1,0 +1,117 @@
+// qvx extract
+#include <fcntl.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <memory>
+
+#include "archive_access.h"
+#include "commands.h"
+#include "interruption.h"
+#include "qvx/extract/disk_sink.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+struct ExtractionOptions : ArchiveOptions {
+    std::string directory = ".";
+    std::vector<std::string> paths;  // empty for all entries
+    bool salvage = false;
+};
+
+// The paths of the command line, each with everything below it.
+class PathChoice {
+public:
+    explicit PathChoice(const std::vector<std::string>& paths) : met_(paths.size()) {
+        for (const auto& path : paths) tops_.push_back(entryPath(path));
+    }
+
+    bool contains(std::string_view path) {
+        bool any = false;
+        for (std::size_t i = 0; i < tops_.size(); ++i) {
+            if (!isAtOrBelow(path, tops_[i])) continue;
+            any = true;
+            met_[i] = true;
+        }
+        return any;
+    }
+
+    // Whether the path with this index matched an entry.
+    [[nodiscard]] bool met(std::size_t index) const { return met_[index]; }
+
+private:
+    static bool isAtOrBelow(std::string_view path, std::string_view top) {
+        return top.empty() || (path.starts_with(top) && (path.size() == top.size() || path[top.size()] == '/'));
+    }
+
+    std::vector<std::string> tops_;
+    std::vector<bool> met_;
+};
+
+// Each of these returns whether everything that was asked for could be read, and reports what could not.
+
+bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
+    bool intact = true;
+    const auto report = [&](const ReadFault& fault) {
+        say(archiveError(options.archive, fault));
+        intact = false;
+    };
+    return reader.salvage(sink, report) && intact;
+}
+
+bool isRead(const ExtractionOptions& options, const ReadOutcome& outcome) {
+    if (outcome.fault()) {
+        say(archiveError(options.archive, *outcome.fault()));
+        say("extraction ended there; --salvage extracts the intact files of a damaged archive");
+    }
+    return static_cast<bool>(outcome);
+}
+
+bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
+    PathChoice choice(options.paths);
+    const auto chosen = [&](std::uint64_t, std::string_view path) { return choice.contains(path); };
+    if (!isRead(options, reader.readChosen(chosen, sink))) return false;
+    bool all = true;
+    for (std::size_t i = 0; i < options.paths.size(); ++i) {
+        if (choice.met(i)) continue;
+        say(Error{"not in the archive", 0, options.paths[i]});
+        all = false;
+    }
+    return all;
+}
+
+bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
+    if (options.salvage) return salvageAll(options, reader, sink);
+    if (!options.paths.empty()) return extractChosen(options, reader, sink);
+    return isRead(options, reader.readAll(sink));
+}
+
+CommandResult runExtract(const ExtractionOptions& options) {
+    const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return CommandError{systemError(errno, options.directory)};
+    const auto reader = openArchive(options);
+    if (!reader) return reader.error();
+    watchForInterruption();
+    DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
+                                    .report = [](const Error& problem) { say(problem); },
+                                    .interrupted = interrupted});
+    const bool good = extractEntries(options, **reader, sink);
+    sink.finishDirectories();
+    if (interrupted()) return CommandError{{"interrupted"}};
+    return good && !sink.failed() ? exitFine : exitFailed;
+}
+
+}  // namespace
+
+CommandRun declareExtract(CLI::App& command) {
+    const auto options = std::make_shared<ExtractionOptions>();
+    command.add_option("-C,--directory", options->directory, "where to; the working directory otherwise");
+    auto* salvage = command.add_flag("--salvage", options->salvage, "extract the intact files of a damaged archive");
+    declareKeyAndArchive(command, *options);
+    command.add_option("PATH", options->paths, "entries to extract, with all below them; otherwise all")
+        ->excludes(salvage);
+    return [options] { return runExtract(*options); };
+}
+
+}  // namespace tarnwick::qvx
