@@ -1,4 +1,4 @@
-// A writer of small archives that does as it is told, also what no honest writer would do.
+// Writes small archives with any records in any order, also archives that contradict themselves.
 #pragma once
 
 #include <functional>
@@ -51,11 +51,11 @@ public:
                         });
     }
 
-    // Turns a payload into a lie.
-    std::function<void(RecordType, ByteVector&)> bend = [](RecordType, ByteVector&) {};
+    // Changes a payload before it is sealed.
+    std::function<void(RecordType, ByteVector&)> forge = [](RecordType, ByteVector&) {};
 
     ArchiveBuilder& record(RecordType type, ByteVector payload, bool continues = false) {
-        bend(type, payload);
+        forge(type, payload);
         std::array<std::uint8_t, recordHeaderSize> header{};
         encodeRecordHeader({type, continues, static_cast<std::uint32_t>(payload.size())}, header.data());
         stream_->put(header);
@@ -64,6 +64,10 @@ public:
     }
     ArchiveBuilder& data(std::string_view content) {
         return record(RecordType::data, {content.begin(), content.end()});
+    }
+    // Leaves space in the block for one more record, with a payload of `size` bytes.
+    ArchiveBuilder& fillBlock(std::size_t size) {
+        return data(std::string(blockSize - stream_->offset() - 2 * recordHeaderSize - size, 'x'));
     }
     ArchiveBuilder& begin(const std::string& path, EntryType type = EntryType::file) {
         EntryHead head;
@@ -90,11 +94,11 @@ public:
         return *this;
     }
 
-    ArchiveBuilder& file(const std::string& path, std::string_view content) {
-        return begin(path).data(content).end({.digest = sha256(content)}, content.size());
+    ArchiveBuilder& file(const std::string& path, std::string_view content, EntryType type = EntryType::file) {
+        return begin(path, type).data(content).end({.digest = sha256(content)}, content.size());
     }
     ArchiveBuilder& link(const std::string& path, std::string_view target) {
-        return begin(path, EntryType::link).data(target).end({.digest = sha256(target)}, target.size());
+        return file(path, target, EntryType::link);
     }
     ArchiveBuilder& directory(const std::string& path) { return begin(path, EntryType::directory).end({}, 0); }
     ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
@@ -109,18 +113,22 @@ public:
         return record(RecordType::index, payload);
     }
 
-    // Completes the archive and gives the bytes of the file.
-    ByteVector finish() {
+    ArchiveBuilder& root() {
         if (part_.count() > 0) endIndexPart();
-        endBlock();
-        static_cast<void>(stream_->drain());
+        static_cast<void>(endBlock().stream_->drain());
         stream_->stopUsingLeaders();
+        trailer_ = {file_.size(), stream_->block(), entries_, stream_->block() + 2};
         root_.entries = entries_;
         root_.sealedLengths = stream_->sealedLengths();
-        const auto trailer = encodeTrailer({file_.size(), stream_->block(), entries_, stream_->block() + 2});
         ByteVector payload;
         encodeRoot(root_, payload);
-        record(RecordType::root, payload).endBlock().record(RecordType::trailer, {trailer.begin(), trailer.end()});
+        return record(RecordType::root, payload);
+    }
+
+    // Completes the archive and returns the bytes of the file.
+    ByteVector finish() {
+        const auto trailer = encodeTrailer(root().endBlock().trailer_);
+        record(RecordType::trailer, {trailer.begin(), trailer.end()});
         static_cast<void>(stream_->finish({}));
         return file_;
     }
@@ -133,8 +141,9 @@ private:
     IndexPartEncoder part_;
     IndexEntry index_;
     ArchiveRoot root_;
+    Trailer trailer_;
     std::uint64_t entries_ = 0;
-    std::optional<BlockStream> stream_;  // goes first: it writes to the file
+    std::optional<BlockStream> stream_;  // destroyed first, because it writes to the file
 };
 
 }  // namespace tarnwick::test
