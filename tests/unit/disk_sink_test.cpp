@@ -2,133 +2,210 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/acl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
-#include <filesystem>
-#include <fstream>
-#include <map>
+#include <sstream>
 
-#include "unit/archive_builder.h"
 #include "unit/temporary_folder.h"
 
 using namespace tarnwick;
-using namespace tarnwick::test;
+using namespace tarnwick::qvx;
 namespace fs = std::filesystem;
 
 namespace {
 
-// A folder with the destination "in" and its neighbour "out", which nothing may touch.
-class Extraction : public testing::Test {
-protected:
-    Extraction() {
-        for (const auto* folder : {"in", "out"}) fs::create_directory(folder_.path / folder);
-        std::ofstream(in_ / "../out/victim") << "untouched";
-    }
-    void TearDown() override {
-        EXPECT_EQ(text("../out/victim"), "untouched");
-        EXPECT_EQ(std::distance(fs::directory_iterator(in_ / "../out"), fs::directory_iterator()), 1);
-        for (const auto& entry : fs::recursive_directory_iterator(in_))
-            EXPECT_FALSE(entry.path().filename().string().starts_with(".qvx-")) << "a temporary file was left";
-    }
+Bytes bytesOf(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
 
-    // Whether all went well, on disk and in the archive.
-    bool extract(const ByteVector& bytes, bool salvage = false) {
-        const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        const auto opened = openArchive(bytes);
-        DiskSink sink(directory.get(), {.keepIncomplete = salvage});
-        const bool good = opened && (salvage ? (*opened)->salvage(sink, [](auto&) {}) : (*opened)->readAll(sink));
+std::string text(const fs::path& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// Entries are words: "PATH=TEXT" a file, "PATH>TARGET" a link, "PATH/" a directory, "PATH:N" a copy of entry N,
+// "PATH#N" the same inode as entry N, "PATH~TEXT" an abandoned file, "PATH?TEXT" one whose end is not reached. TEXT may
+// end with
+// "@": a content that is too long for memory, with holes. The neighbour "out" of the destination must stay as it is.
+struct Extraction {
+    ~Extraction() {
+        fs::current_path("/");
+        EXPECT_EQ(text(out / "victim") + std::to_string(fs::hard_link_count(out / "victim")), "untouched1");
+        EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 1);
+    }
+    void extract(const std::string& words) {
+        std::istringstream stream(words);
+        for (std::string word; stream >> word;) entry(word, word.find_first_of("=>:#~?"));
+    }
+    void entry(const std::string& word, std::size_t end) {
+        const char kind = end == std::string::npos ? '/' : word[end];
+        head.number = contents.size();
+        head.type = kind == '/' ? EntryType::directory : kind == '>' ? EntryType::link : EntryType::file;
+        head.path = word.substr(0, std::min(end, word.size() - 1));
+        EntryTail tail;
+        if (kind == ':' || kind == '#') tail.contentOf = std::stoul(word.substr(end + 1));
+        if (kind == '#') tail.linkOf = tail.contentOf;
+        contents.push_back(tail.contentOf ? contents[*tail.contentOf]
+                                          : word.substr(kind == '/' ? word.size() : end + 1));
+        ContentDigest digest;
+        digest.add(bytesOf(contents.back()));
+        tail.digest = digest.finish();
+        if (!sink.begin(head) || (kind != '/' && !tail.contentOf && !pass(contents.back()))) return;
+        if (kind == '~') return sink.abandon();
+        const auto reread = [&](EntrySink& next) { return next.data(bytesOf(contents.back())); };
+        if (kind != '?') sink.finish(tail, reread);
+    }
+    bool pass(const std::string& content) {
+        if (!content.ends_with('@')) return sink.data(bytesOf(content));
+        return sink.data(bytesOf(content)) && sink.hole(99999) && sink.data(bytesOf("@")) && sink.hole(9);
+    }
+    // What is in the destination, in the words of the entries.
+    std::string tree() {
         sink.finishDirectories();
-        return good && !sink.failed();
+        std::set<std::string> words;
+        for (const auto& each : fs::recursive_directory_iterator(in))
+            words.insert(each.path().lexically_relative(in).string() + textOf(each));
+        std::string joined;
+        for (const auto& word : words) joined += (joined.empty() ? "" : " ") + word;
+        return joined;
+    }
+    static std::string textOf(const fs::directory_entry& file) {
+        if (file.is_symlink()) return '>' + fs::read_symlink(file).string();
+        if (file.is_directory()) return "/";
+        const std::string content = '=' + text(file), tail = std::string(99999, '\0') + '@' + std::string(9, '\0');
+        return content.ends_with(tail) ? content.substr(0, content.size() - tail.size()) : content;
     }
 
-    std::string text(const fs::path& name) {
-        std::ifstream file(in_ / name);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    fs::file_type type(const fs::path& name) { return fs::symlink_status(in_ / name).type(); }
-
-    TemporaryFolder folder_;
-    const fs::path in_ = folder_.path / "in";
-    ArchiveBuilder archive_;
+    TemporaryFolder folder;
+    const fs::path out = folder.write("out/victim", "untouched").parent_path(), in = folder.path / "in";
+    const FileDescriptor root{(fs::create_directory(in), open(in.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))};
+    EntryHead head;
+    std::vector<std::string> contents;
+    std::multiset<std::string> problems;
+    bool stop = false;
+    DiskSink sink{root.get(),
+                  {.keepIncomplete = true,
+                   .report = [this](const Error& error) { problems.insert(error.subject + ": " + error.text); },
+                   .interrupted = [this] { return stop; }}};
 };
 
-TEST_F(Extraction, NeverGoesThroughALink) {
-    fs::create_symlink("../out", in_ / "before");
-    fs::create_symlink("../out/victim", in_ / "file");
-    archive_.link("up", "../out").file("up/new", "x").link("victim", "../out/victim").file("victim", "replaced");
-    archive_.link("in-place", "../out/victim").link("deep", "up").directory("deep/folder");
-    archive_.link("dir", "../out").directory("dir").file("before/victim", "x").file("file", "mine");
-    archive_.reference("linked", 10, 10, 4).file("behind", "still extracted");
-    EXPECT_FALSE(extract(archive_.finish()));
-    EXPECT_EQ(text("victim") + text("file") + text("linked") + text("behind"), "replacedmineminestill extracted");
-    EXPECT_TRUE(type("victim") == fs::file_type::regular && type("file") == fs::file_type::regular);
-    EXPECT_EQ(type("dir"), fs::file_type::directory);
-}
+const std::string inTheWay = ": something that is no directory is in the way";
+const std::string kept = ": what there is of it is kept as ", longName(255, 'n'), cutName(240, 'n');
 
-TEST_F(Extraction, TakesThePlaceOfFilesButNotOfFullDirectories) {
-    std::ofstream(in_ / "file") << "old";
-    fs::create_hard_link(in_ / "file", in_ / "other-name");
-    for (const auto* folder : {"empty", "full/inner"}) fs::create_directories(in_ / folder);
-    ASSERT_EQ(mkfifo((in_ / "fifo").c_str(), 0600), 0);
-    for (const auto* name : {"file", "empty", "full", "fifo"}) archive_.file(name, "new");
-    EXPECT_FALSE(extract(archive_.finish()));
-    for (const auto* name : {"file", "empty", "fifo"}) EXPECT_EQ(text(name), "new") << name;
-    EXPECT_EQ(text("other-name"), "old");
-    EXPECT_TRUE(fs::is_directory(in_ / "full/inner"));
-}
+struct Case {
+    std::string name, before, archive, after;  // before: shell commands in the destination
+    std::multiset<std::string> problems{};
+};
 
-TEST_F(Extraction, LinksAgainWhatWasLinkedAndCopiesWhatWasListedTwice) {
-    archive_.directory("d").file("d/a", "content").reference("link", 1, 1, 7).reference("copy", 1, std::nullopt, 7);
-    archive_.reference("d/a", 1, std::nullopt, 7).file("d/a", "later");
-    archive_.reference("late-link", 1, 1, 7);  // what stands under the name of entry 1 is another file by now
-    EXPECT_TRUE(extract(archive_.finish()));
-    EXPECT_EQ(text("d/a"), "later");
-    for (const auto* name : {"link", "copy", "late-link"}) EXPECT_EQ(text(name), "content") << name;
-    EXPECT_FALSE(fs::equivalent(in_ / "link", in_ / "copy"));
-}
-
-// Threads make the files; what is left must be as if they had come one after the other.
-TEST_F(Extraction, KeepsTheOrderOfWhatMeets) {
-    std::map<std::string, std::string> left{{"full/file", "in the way of the next"}};
-    for (unsigned i = 0; i < 600; ++i) {
-        const std::string content = "content " + std::to_string(100 + i);
-        const std::string name = "folder-" + std::to_string(i % 7) + "/file-" + std::to_string(i % 230);
-        archive_.file(name, left[name] = content);
-        if (i % 100 != 99) continue;
-        const std::string extra = std::to_string(i);
-        const unsigned number = i + i / 100 * 3;  // of the entry before
-        archive_.reference("link-" + extra, number, number, content.size());
-        left["link-" + extra] = content;
-        archive_.file("file-" + extra, left["file-" + extra] = "in the way of the next");
-        archive_.file("file-" + extra + "/below", "refused");
+TEST(DiskSink, LeavesRightTree) {
+    const Case cases[] = {
+        {"FollowsLinkOfArchive", ":", "up>../out up/new=x", "up>../out", {"up/new" + inTheWay}},
+        {"FollowsLinkOnDisk", "ln -s ../out d", "d/victim=x", "d>../out", {"d/victim" + inTheWay}},
+        {"WritesThroughLink", "ln -s ../out/victim a", "a=mine", "a=mine"},
+        {"KeepsLinkInPlaceOfDirectory", ":", "d>../out d/", "d/"},
+        {"LinksToFileBehindLink", ":", "a=untouched a>../out/victim b#0 c:0",
+         "a>../out/victim b=untouched c=untouched"},
+        {"CreatesLinkWithoutTarget", ":", "a>", "", {"a: the link has no target"}},
+        {"WritesIntoFileWithTwoNames", "echo -n old >a; ln a b", "a=new", "a=new b=old"},
+        {"KeepsFifo", "mkfifo a", "a=new@", "a=new@"},
+        {"KeepsEmptyDirectory", "mkdir a", "a=new", "a=new"},
+        {"ReplacesFullDirectory", "mkdir -p a/b", "a=x@ c=x", "a/ a/b/ c=x", {"a: Directory not empty"}},
+        {"CopiesFileThatWasReplaced", ":", "a=1 a=2 b#0 c:0", "a=2 b=1 c=1"},
+        {"WritesFileAgainThatIsInPlace", ":", "a=1 b#0 a:0", "a=1 b=1"},
+        {"OverwritesIncompleteFile",
+         ":",
+         "a.incomplete=1 a~2 a~3@",
+         "a.incomplete.1=2 a.incomplete.2=3@ a.incomplete=1",
+         {"a" + kept + "a.incomplete.1", "a" + kept + "a.incomplete.2"}},
+        {"MakesTooLongName",
+         ":",
+         longName + "~x",
+         cutName + ".incomplete=x",
+         {longName + kept + cutName + ".incomplete"}},
+        {"LeavesTemporaryFile", ":", "d/ d/a?x@", "d/"},
+    };
+    for (const auto& [name, before, archive, after, problems] : cases) {
+        SCOPED_TRACE(name);
+        Extraction run;
+        ASSERT_EQ(std::system(("cd " + run.in.string() + "; " + before).c_str()), 0);
+        run.extract(archive);
+        EXPECT_EQ(run.tree(), after);
+        EXPECT_EQ(run.problems, problems);
     }
-    archive_.file("full/file", left["full/file"]).link("full", "refused");
-    EXPECT_FALSE(extract(archive_.finish())) << "what is below a file is refused";
-    for (const auto& [name, content] : left) EXPECT_EQ(text(name), content) << name;
-    EXPECT_TRUE(fs::equivalent(in_ / "link-599", in_ / "folder-4/file-139"));
 }
 
-TEST_F(Extraction, LeavesNothingOfAReadingThatIsBrokenOff) {
-    const FileDescriptor directory(open(in_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    DiskSink sink(directory.get(), {.keepIncomplete = true});
-    EntryHead head;
-    head.type = EntryType::directory;
-    head.path = "other/folder";
-    EXPECT_TRUE(sink.begin(head) && sink.finish({}, {}));
-    head.type = EntryType::file;
-    head.path = "folder/file";
-    EXPECT_TRUE(sink.begin(head) && sink.hole(100000));
-    EXPECT_FALSE(fs::is_empty(in_ / "folder"));
-    sink.finishDirectories();
-    EXPECT_TRUE(fs::is_empty(in_ / "folder"));
+TEST(DiskSink, WritesAfterInterruption) {
+    Extraction run;
+    run.extract("a=1");
+    run.stop = true;
+    run.extract("b=2 c=3@");
+    EXPECT_EQ(run.tree(), "");
 }
 
-TEST_F(Extraction, GivesNoNameToContentThatIsNotRight) {
-    std::ofstream(in_ / "wrong") << "old";
-    const auto bytes = archive_.begin("wrong").data("content").end({.digest = sha256("other")}, 7).finish();
-    for (const bool salvage : {false, true}) {
-        EXPECT_EQ(extract(bytes, salvage), salvage);
-        EXPECT_EQ(text("wrong") + text("wrong.incomplete"), salvage ? "oldcontent" : "old");
+TEST(DiskSink, LinksHardOnlyWhatIsTheSameInode) {
+    Extraction run;
+    run.extract("a=1 b#0 b#0 c:0");
+    run.sink.finishDirectories();
+    EXPECT_TRUE(fs::equivalent(run.in / "a", run.in / "b"));
+    EXPECT_FALSE(fs::equivalent(run.in / "a", run.in / "c"));
+}
+
+// Threads write the files, some at the same time; the last of the entries with one path must win.
+TEST(DiskSink, ReordersEntriesThatConflict) {
+    Extraction run;
+    std::map<std::string, std::string> left;
+    for (unsigned i = 0; i < 600; ++i) {
+        const std::string name = "d" + std::to_string(i % 7) + "/f" + std::to_string(i % 230);
+        run.extract(name + '=' + (left[name] = std::to_string(i)));
+        if (i % 100 == 99) run.extract(name + '=' + (left[name] = "again") + ' ' + name + "/below=x");
+    }
+    for (unsigned i = 0; i < 7; ++i) fs::create_directories(run.in / ("e" + std::to_string(i)) / "full/below");
+    for (unsigned i = 0; i < 7; ++i) run.extract("e" + std::to_string(i) + "/full=x");
+    run.sink.finishDirectories();
+    for (const auto& [name, content] : left) EXPECT_EQ(text(run.in / name), content) << name;
+    EXPECT_TRUE(run.sink.failed());
+    EXPECT_EQ(run.problems.size(), 6U + 7U);
+}
+
+// The time is before 1970, and the default list of the destination would allow more than the mode.
+TEST(DiskSink, LeavesInheritedAccessListOrOtherTime) {
+    Extraction run;
+    const std::unique_ptr<std::remove_pointer_t<acl_t>, FreeWith<acl_free>> list(
+        acl_from_text("u::rwx,u:7:rwx,g::rwx,m::rwx,o::rwx"));
+    ASSERT_EQ(acl_set_file(run.in.c_str(), ACL_TYPE_DEFAULT, list.get()), 0);
+    run.head.mode = 0540;
+    run.head.modified = -1;
+    run.extract("d/ d/small=1 d/large=1@");
+    run.sink.finishDirectories();
+    for (const auto* name : {"d", "d/small", "d/large"}) {
+        const auto path = run.in / name;
+        struct stat status {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0) << name;
+        EXPECT_EQ(status.st_mode & 07777, 0540U) << name;
+        EXPECT_EQ(status.st_mtim.tv_sec * 1000000000 + status.st_mtim.tv_nsec, -1) << name;
+        for (const auto* kind : {"system.posix_acl_access", "system.posix_acl_default"})
+            EXPECT_LT(getxattr(path.c_str(), kind, nullptr, 0), 0) << name << kind;
+    }
+}
+
+TEST(DirectoryMetadata, RefusesMoreAttributesThanMemoryAllows) {
+    DirectoryMetadata directories;
+    EntryTail large, small;
+    large.accessLists = {std::string(64U << 20, 'x'), ""};
+    small.accessLists = {"x", ""};
+    EXPECT_TRUE(directories.add({}, large) && directories.add({}, {}));
+    EXPECT_FALSE(directories.add({}, small));
+}
+
+TEST(PendingPaths, MissesConflict) {
+    const std::tuple<std::vector<std::string>, const char*, bool> rows[] = {
+        {{"a"}, "a", true},         {{"a"}, "a/b/c", true},      {{"a/b"}, "a", true},          {{"a/b"}, "a/c", false},
+        {{"a-", "a0"}, "a", false}, {{"x", "a/b"}, "x/y", true}, {{"a/b", "x"}, "a/b/c", true},
+    };
+    for (const auto& [paths, path, expected] : rows) {
+        PendingPaths pending;
+        for (const auto& each : paths) pending.add(each);
+        EXPECT_EQ(pending.conflictWith(path), expected) << path;
     }
 }
 
