@@ -21,6 +21,7 @@ class Fatal(Scenario):
         for faulty in (*(property_list({"archive_public_key": key}) for key in (7, "", "ecdsa-sha2-nistp256 \u00e4")),
                        property_list({}), property_list(["array"]), "no list"):
             write("/media/spec.plist", faulty)
+            self.note("specification", faulty)
             self.capture()
         self.specification()
         for answer in Answer("half", 2), Answer(do="rm /media/spec.plist"):

@@ -25,6 +25,7 @@ class Volumes(Scenario):
                       {"Containers": [{"VolumeGroups": [{}, {"Volumes": self.volumes}]}]},
                       {"Containers": [{"VolumeGroups": [{"Volumes": [True, *self.volumes]}]}]}):
             self.answer(GROUPS, property_list(value))
+            self.note("listing", str(value))
             self.capture()
         for answer in "no list", Answer("oh\n", 1), Answer("", 127):
             self.answer(GROUPS, answer)
