@@ -6,8 +6,6 @@
 #include "base/error.h"
 #include "base/visible_text.h"
 
-#include "base/error.h"
-
 namespace tarnwick::qvx {
 
 enum ExitStatus : int { exitFine = 0, exitFailed = 1, exitUsage = 2, exitOtherKey = 3 };

@@ -259,6 +259,7 @@ HpkeCipher::HpkeCipher(const HpkeKeys& keys, Direction direction)
         throw std::bad_alloc();
 }
 
+// The nonce of a message is the base nonce XOR its sequence number (RFC 9180, section 5.2).
 bool HpkeCipher::start(std::uint64_t sequence, Bytes additional) {
     auto nonce = baseNonce_;
     for (std::size_t i = 0; i < 8; ++i) nonce[nonce.size() - 1 - i] ^= static_cast<std::uint8_t>(sequence >> (8 * i));

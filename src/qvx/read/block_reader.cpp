@@ -203,6 +203,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     return slot;
 }
 
+// A block that is done does not change any more, so it may be read without the lock.
 BlockPointer BlockPipeline::waitForLeader(const std::shared_ptr<Slot>& leader) {
     if (!leader) return nullptr;
     std::unique_lock lock(mutex_);

@@ -13,6 +13,7 @@ constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
 
 RecordJoiner::State RecordJoiner::add(const Record& record, std::size_t limit) {
     if (joining_ && record.type != type_) return State::damaged;
+    // The common case: a record in one piece is not copied.
     if (!joining_ && !record.continues) {
         payload_ = record.payload;
         return payload_.size() <= limit ? State::complete : State::damaged;

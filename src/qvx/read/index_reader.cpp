@@ -63,6 +63,7 @@ Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const Hp
     return malformed();
 }
 
+// The root states only lengths. The positions follow from them, and the blocks must end where the root begins.
 bool ArchiveIndex::fillMap(const Trailer& trailer) {
     if (root_.sealedLengths.size() != trailer.rootSequence) return false;
     BlockPlace place{0, plainHeaderSize};
