@@ -53,28 +53,25 @@ std::string targetOf(const FileDescriptor& link) {
     return {target.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-FileDescriptor failed(int error) {
-    errno = error;
-    return {};
-}
-
-FileDescriptor walk(const std::string& path) {
+Result<FileDescriptor> walk(const std::string& path) {
     std::vector<std::string> pending;
     pushComponents(path, pending);
     FileDescriptor current = openRoot();
-    for (int links = 0; current && !pending.empty();) {
+    if (!current) return systemError(errno);
+    for (int links = 0; !pending.empty();) {
         FileDescriptor next(::openat(current.get(), pending.back().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         pending.pop_back();
         struct stat status {};
-        if (!next || ::fstat(next.get(), &status) != 0) return {};
+        if (!next || ::fstat(next.get(), &status) != 0) return systemError(errno);
         if (S_ISLNK(status.st_mode)) {
-            if (!isTrusted(status, current) || ++links > maxLinks) return failed(ELOOP);
+            if (!isTrusted(status, current) || ++links > maxLinks) return systemError(ELOOP);
             const auto target = targetOf(next);
-            if (target.empty()) return failed(ENOENT);
+            if (target.empty()) return systemError(ENOENT);
             if (target.starts_with('/')) current = openRoot();
+            if (!current) return systemError(errno);
             pushComponents(target, pending);
         } else {
-            if (!S_ISDIR(status.st_mode)) return failed(ENOTDIR);
+            if (!S_ISDIR(status.st_mode)) return systemError(ENOTDIR);
             current = std::move(next);
         }
     }
@@ -83,7 +80,7 @@ FileDescriptor walk(const std::string& path) {
 
 }  // namespace
 
-FileDescriptor openDirectoryGuarded(const std::string& path) {
+Result<FileDescriptor> openDirectoryGuarded(const std::string& path) {
     if (auto directory = openWithoutLinks(path)) return directory;
     return walk(path);
 }

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "base/error.h"
 #include "base/handle.h"
 
 namespace tarnwick {
@@ -11,7 +12,7 @@ namespace tarnwick {
 // link is followed only if root or the user of this process owns both the link and its folder, and nobody else can
 // write to the folder (a sticky one is safe). In other folders somebody could replace the link at any moment, also
 // between two checks. The target of a link is opened under the same rule.
-// No descriptor on failure, with errno set; ELOOP means that a link was not followed.
-FileDescriptor openDirectoryGuarded(const std::string& path);
+// The code ELOOP means that a link was not followed.
+Result<FileDescriptor> openDirectoryGuarded(const std::string& path);
 
 }  // namespace tarnwick

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <sstream>
 
 #include "base/guarded_open.h"
@@ -74,8 +73,8 @@ void FoundFiles::appendIfAllowed(const std::string& path, FilesList& files) {
     const std::size_t nameAt = path.rfind('/') + 1;
     if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) openFolder(path.substr(0, nameAt));
     if (!folder_)
-        return logSkipped(path, folderError_ == ELOOP ? "reached through a link that others can replace"
-                                                      : std::strerror(folderError_));
+        return logSkipped(
+            path, folderError_->code == ELOOP ? "reached through a link that others can replace" : folderError_->text);
     const auto mountId = mountOf(path.c_str() + nameAt);
     if (!mountId) return logSkipped(path, "its volume is not known: " + mountId.error().text);
     if (!consented_.allows(*mountId)) {
@@ -90,19 +89,21 @@ void FoundFiles::appendIfAllowed(const std::string& path, FilesList& files) {
 // When the folder is gone, opens the nearest one above it that exists.
 void FoundFiles::openFolder(const std::string& path) {
     folderPath_ = path;
-    folderError_ = 0;
-    fs::path nearest = path;
-    while (!(folder_ = openDirectoryGuarded(nearest))) {
-        folderError_ = errno;
-        const bool isGone = folderError_ == ENOENT || folderError_ == ENOTDIR;
+    folderError_.reset();
+    folder_ = FileDescriptor();
+    for (fs::path nearest = path;; nearest = nearest.parent_path()) {
+        auto opened = openDirectoryGuarded(nearest);
+        if (opened) folder_ = std::move(*opened);
+        if (opened) return;
+        folderError_ = opened.error();
+        const bool isGone = folderError_->code == ENOENT || folderError_->code == ENOTDIR;
         if (!isGone || nearest == nearest.parent_path()) return;
-        nearest = nearest.parent_path();
     }
 }
 
 // A log that is being rotated is missing for a moment. Its folder is on the same volume.
 Result<std::uint64_t> FoundFiles::mountOf(const char* name) {
-    if (folderError_ == 0)
+    if (!folderError_)
         if (auto ofFile = mountIdOf(folder_.get(), name)) return ofFile;
     return mountIdOf(folder_.get(), "");
 }

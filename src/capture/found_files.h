@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,7 +44,7 @@ private:
     // The folder of the previous file, which is mostly that of the next one too.
     std::string folderPath_;
     FileDescriptor folder_;
-    int folderError_ = 0;  // errno value of opening it; folder_ may then be a folder above it
+    std::optional<Error> folderError_;  // of opening it; folder_ may then be a folder above it
 };
 
 }  // namespace tarnwick

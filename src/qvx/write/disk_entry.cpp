@@ -48,6 +48,12 @@ const char* nameOf(const PathList::Entry& listed) {
     return *name ? name : ".";
 }
 
+Result<FileDescriptor> openDirectory(const std::string& path) {
+    FileDescriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return systemError(errno);
+    return directory;
+}
+
 }  // namespace
 
 bool isUnreadable(int error) {
@@ -103,9 +109,9 @@ Status DiskEntryReader::openFolder(const PathList::Entry& listed) {
     if (!folder_ || path != folderPath_ || listed.isGuarded() != folderGuarded_) {
         folderPath_ = path;
         folderGuarded_ = listed.isGuarded();
-        folder_ = folderGuarded_ ? openDirectoryGuarded(folderPath_)
-                                 : FileDescriptor(::open(folderPath_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!folder_) return systemError(errno);
+        auto opened = folderGuarded_ ? openDirectoryGuarded(folderPath_) : openDirectory(folderPath_);
+        folder_ = opened ? std::move(*opened) : FileDescriptor();
+        if (!opened) return opened.error();
         Status read = readStatus(folder_.get(), "", folderStatus_);
         if (!read) folder_ = FileDescriptor();
         if (!read) return read;

@@ -147,8 +147,9 @@ Result<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_vi
     const auto folder = openDirectoryGuarded(listed->substr(0, nameAt));
     struct stat own {
     }, status{};
-    if (!folder || ::fstat(folder.get(), &own) != 0 ||
-        ::fstatat(folder.get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
+    if (!folder) return systemError(folder.error().code, std::string(path));
+    if (::fstat(folder->get(), &own) != 0 ||
+        ::fstatat(folder->get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
         return systemError(errno, std::string(path));
     const auto type = entryTypeOf(status.st_mode);
     if (!type) return unsupportedType(path);
