@@ -17,13 +17,13 @@ protected:
         const std::string abcDigest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
         return {.type = "t", .version = {content, mastered}, .files = {{"sub/f", 3, abcDigest, "u"}}};
     }
-    static AssetResult<> add(StagedAsset& staged, const AssetFile& file) {
+    static AssetStatus add(StagedAsset& staged, const AssetFile& file) {
         return staged.addFile(file, [](const ByteSink& sink) {
             const auto first = sink("a");
             return first ? sink("bc") : first;
         });
     }
-    AssetResult<> install(const Asset& wanted) {
+    AssetStatus install(const Asset& wanted) {
         auto staged = store_.stage(wanted.type);
         if (!staged) return staged.error();
         const auto added = add(*staged, wanted.files[0]);

@@ -54,13 +54,12 @@ Status openAndMount(const Volume& volume, int keyDescriptor) {
     if (!device) return noDevice(volume.deviceIdentifier);
     if (auto opened = openEncryptedDevice(*device, keyDescriptor); !opened) return opened;
     const auto mapping = mappingName(device->name);
-    auto mounted = mountOpened(mapping, mountFolder(device->name));
+    const auto mounted = mountOpened(mapping, mountFolder(device->name));
     if (mounted) return mounted;
-    const auto closed = closeEncryptedDevice(mapping);
-    if (closed) return mounted;
-    auto both = mounted.error();
-    both.text += "; " + closed.error().subject + ": " + closed.error().text;
-    return both;
+    Error error = mounted.error();
+    if (const auto closed = closeEncryptedDevice(mapping); !closed)
+        error.text += "; " + closed.error().subject + ": " + closed.error().text;
+    return error;
 }
 
 // Whether there was something to unmount.

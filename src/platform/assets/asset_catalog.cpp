@@ -43,7 +43,7 @@ bool isP256(const EVP_PKEY* key) {
            std::string_view(group) == "prime256v1";
 }
 
-AssetResult<> verifySignature(const SignedCatalog& received, const std::string& publicKey) {
+AssetStatus verifySignature(const SignedCatalog& received, const std::string& publicKey) {
     const auto key = readPublicKey(publicKey);
     const bool isEd25519 = key && EVP_PKEY_is_a(key.get(), "ED25519");
     if (!key || !(isEd25519 || isP256(key.get()))) return AssetError::keyUnusable;
@@ -134,7 +134,7 @@ std::optional<std::chrono::sys_seconds> readExpiry(const PropertyListDictionary&
 
 bool acceptableAssetType(std::string_view type) {
     return !type.empty() && type.size() <= maxNameLength && type.front() != '.' &&
-           std::all_of(type.begin(), type.end(), [](char c) { return isAlphanumeric(c) || isOneOf(c, "._-"); });
+           std::ranges::all_of(type, [](char c) { return isAlphanumeric(c) || isOneOf(c, "._-"); });
 }
 
 bool acceptableAssetPath(std::string_view path) {

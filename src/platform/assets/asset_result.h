@@ -36,8 +36,9 @@ enum class AssetError : std::int64_t {
     nothingToDownload = 34,  // the asset is not in the catalog
 };
 
-template <typename Value = void>
+template <typename Value>
 using AssetResult = Result<Value, AssetError>;
+using AssetStatus = AssetResult<void>;
 
 // The number that callers of the service get; 0 is success.
 template <typename Value>

@@ -35,7 +35,7 @@ TransferLimits limitsFor(std::uint64_t bytes, AssetError whenLarger, std::chrono
 AssetResult<std::string> fetchText(const std::string& url, std::size_t limit, AssetError whenLarger,
                                    const std::stop_token& stop) {
     std::string text;
-    const auto append = [&text](std::string_view bytes) -> AssetResult<> {
+    const auto append = [&text](std::string_view bytes) -> AssetStatus {
         text += bytes;
         return {};
     };
@@ -60,7 +60,7 @@ AssetResult<SignedCatalog> fetchCatalog(const std::string& url, const std::stop_
 
 bool hasExpired(const AssetCatalog& catalog) { return catalog.expiry <= std::chrono::system_clock::now(); }
 
-AssetResult<> refreshCatalog(const AssetServicePlaces& places, const std::stop_token& stop) {
+AssetStatus refreshCatalog(const AssetServicePlaces& places, const std::stop_token& stop) {
     const auto configuration = readAssetConfiguration(places.configuration);
     if (!configuration) return configuration.error();
     const auto received = fetchCatalog(configuration->catalogUrl, stop);
@@ -71,8 +71,8 @@ AssetResult<> refreshCatalog(const AssetServicePlaces& places, const std::stop_t
     return AssetStore(places.store).storeCatalog(*received, catalog->serial);
 }
 
-AssetResult<> downloadFile(const std::string& catalogUrl, const AssetFile& file, StagedAsset& staged,
-                           const std::stop_token& stop) {
+AssetStatus downloadFile(const std::string& catalogUrl, const AssetFile& file, StagedAsset& staged,
+                         const std::stop_token& stop) {
     const auto url = resolveUrl(catalogUrl, file.url);
     if (!url) return AssetError::redirectRefused;
     return staged.addFile(file, [&](const ByteSink& sink) {
@@ -80,7 +80,7 @@ AssetResult<> downloadFile(const std::string& catalogUrl, const AssetFile& file,
     });
 }
 
-AssetResult<> downloadAsset(const AssetServicePlaces& places, const Asset& asset, const std::stop_token& stop) {
+AssetStatus downloadAsset(const AssetServicePlaces& places, const Asset& asset, const std::stop_token& stop) {
     if (asset.files.empty()) return AssetError::nothingToDownload;
     const auto configuration = readAssetConfiguration(places.configuration);
     if (!configuration) return configuration.error();
@@ -149,7 +149,7 @@ struct AssetService::Work {
         return item;
     }
 
-    [[nodiscard]] AssetResult<> perform(const Job& job) const {
+    [[nodiscard]] AssetStatus perform(const Job& job) const {
         if (stop.stop_requested()) return AssetError::stopped;
         try {
             return job(stop.get_token());

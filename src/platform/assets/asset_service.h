@@ -77,7 +77,7 @@ public:
 
 private:
     struct Work;
-    using Job = std::function<AssetResult<>(const std::stop_token&)>;
+    using Job = std::function<AssetStatus(const std::stop_token&)>;
     void submit(Job job, CompletionCallback done);
 
     AssetServicePlaces places_;

@@ -52,7 +52,7 @@ private:
     bool good_;
 };
 
-AssetResult<> statusOf(bool succeeded) {
+AssetStatus statusOf(bool succeeded) {
     if (!succeeded) return AssetError::storeFailed;
     return {};
 }
@@ -124,7 +124,7 @@ bool makeFolder(const fs::path& path) {
     return syncFolder(path.parent_path());
 }
 
-AssetResult<> makeTrustedFolder(const fs::path& path) {
+AssetStatus makeTrustedFolder(const fs::path& path) {
     if (!makeFolder(path)) return AssetError::storeFailed;
     const auto folder = inspectFolder(path);
     if (folder == Folder::linked) return AssetError::pathThroughLink;
@@ -132,7 +132,7 @@ AssetResult<> makeTrustedFolder(const fs::path& path) {
     return {};
 }
 
-AssetResult<> makeRoot(const fs::path& root) {
+AssetStatus makeRoot(const fs::path& root) {
     std::error_code error;
     fs::create_directories(root.parent_path(), error);
     if (error) return AssetError::storeFailed;
@@ -253,13 +253,12 @@ StagedAsset::~StagedAsset() {
     if (lock_) fs::remove_all(folder_, ignored);
 }
 
-AssetResult<> StagedAsset::addFile(const AssetFile& file,
-                                   const std::function<AssetResult<>(const ByteSink&)>& transfer) {
+AssetStatus StagedAsset::addFile(const AssetFile& file, const std::function<AssetStatus(const ByteSink&)>& transfer) {
     auto out = openBelow(folder_ / "content", file.path, O_WRONLY | O_CREAT | O_EXCL);
     if (!out) return out.error();
     Sha256 digest;
     std::uint64_t size = 0;
-    const auto received = transfer([&](std::string_view bytes) -> AssetResult<> {
+    const auto received = transfer([&](std::string_view bytes) -> AssetStatus {
         size += bytes.size();
         if (size > file.size) return AssetError::fileSizeWrong;
         digest.add(bytes);
@@ -305,7 +304,7 @@ std::optional<SignedCatalog> AssetStore::storedCatalog() const {
 
 // The serial is written first: after a kill between the two writes, the old catalog is still used, and no older one is
 // accepted.
-AssetResult<> AssetStore::storeCatalog(const SignedCatalog& received, std::int64_t serial) const {
+AssetStatus AssetStore::storeCatalog(const SignedCatalog& received, std::int64_t serial) const {
     if (const auto made = makeRoot(root_); !made) return made;
     const auto lock = lockStore(root_);
     if (!lock) return AssetError::storeFailed;
@@ -332,7 +331,7 @@ AssetResult<StagedAsset> AssetStore::stage(const std::string& type) const {
     return staged;
 }
 
-AssetResult<> AssetStore::install(const Asset& asset, StagedAsset& staged) const {
+AssetStatus AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     const auto lock = lockStore(root_);
     if (!lock) return AssetError::storeFailed;
     auto listed = listInstalled(asset.type);

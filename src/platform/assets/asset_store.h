@@ -32,7 +32,7 @@ public:
 
     // Writes one file from what `transfer` passes to the sink. Size and digest must be those in the catalog; the sink
     // refuses the first byte too many. On success the file is written and synced.
-    AssetResult<> addFile(const AssetFile& file, const std::function<AssetResult<>(const ByteSink&)>& transfer);
+    AssetStatus addFile(const AssetFile& file, const std::function<AssetStatus(const ByteSink&)>& transfer);
 
 private:
     friend class AssetStore;
@@ -60,14 +60,14 @@ public:
 
     // Stores the catalog unless its serial is lower than the last one accepted, however long ago that was and even if
     // that catalog is gone.
-    [[nodiscard]] AssetResult<> storeCatalog(const SignedCatalog& received, std::int64_t serial) const;
+    [[nodiscard]] AssetStatus storeCatalog(const SignedCatalog& received, std::int64_t serial) const;
 
     // Creates an empty staging folder next to the installed versions, and removes those that killed processes left.
     [[nodiscard]] AssetResult<StagedAsset> stage(const std::string& type) const;
 
     // Renames the staged folder to that of the asset, unless a higher version is installed. When another process has
     // installed the same version in the meantime, its files stay. Keeps the newest two versions.
-    [[nodiscard]] AssetResult<> install(const Asset& asset, StagedAsset& staged) const;
+    [[nodiscard]] AssetStatus install(const Asset& asset, StagedAsset& staged) const;
 
 private:
     std::filesystem::path root_;

@@ -23,7 +23,7 @@ struct Exchange {
     const TransferLimits& limits;
     const ByteSink& sink;
     std::uint64_t received = 0;
-    AssetResult<> accepted{};  // the failure, when the rest of the body was refused
+    AssetStatus accepted{};  // the failure, when the rest of the body was refused
 
     [[nodiscard]] long status() const {
         long code = 0;
@@ -74,7 +74,7 @@ void setOptions(Exchange& exchange, const std::string& url) {
     setAuthorities(easy);
 }
 
-AssetResult<> resultOf(CURLcode code) {
+AssetStatus resultOf(CURLcode code) {
     switch (code) {
         case CURLE_OK: return {};
         case CURLE_COULDNT_RESOLVE_HOST:
@@ -96,10 +96,10 @@ std::optional<CURLcode> finished(CURLM* multi) {
 }
 
 // The multi interface, although there is only one transfer, because another thread can wake it.
-AssetResult<> perform(CURL* easy, const std::stop_token& stop) {
+AssetStatus perform(CURL* easy, const std::stop_token& stop) {
     const Multi multi(curl_multi_init());
     if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return AssetError::transferFailed;
-    AssetResult<> result = AssetError::stopped;
+    AssetStatus result = AssetError::stopped;
     {
         const std::stop_callback wake(stop, [&multi] { curl_multi_wakeup(multi.get()); });
         for (int running = 0; !stop.stop_requested();) {
@@ -129,8 +129,8 @@ std::optional<std::string> redirectTarget(const Exchange& exchange, const std::s
 
 }  // namespace
 
-AssetResult<> fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
-                       const std::stop_token& stop) {
+AssetStatus fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
+                     const std::stop_token& stop) {
     std::string next = url;
     for (int redirects = 0; redirects <= maxRedirects; ++redirects) {
         Exchange exchange{.limits = limits, .sink = sink};

@@ -22,11 +22,11 @@ struct TransferLimits {
 };
 
 // Receives the next bytes of the body. A failure ends the transfer with that failure.
-using ByteSink = std::function<AssetResult<>(std::string_view)>;
+using ByteSink = std::function<AssetStatus(std::string_view)>;
 
 // Blocks until the transfer has ended. A stop takes effect at once and gives AssetError::stopped. Follows up to five
 // redirects, each to a URL that is allowed and has the same scheme. The thread must have blocked SIGPIPE.
-AssetResult<> fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
-                       const std::stop_token& stop);
+AssetStatus fetchUrl(const std::string& url, const TransferLimits& limits, const ByteSink& sink,
+                     const std::stop_token& stop);
 
 }  // namespace tarnwick
