@@ -31,13 +31,18 @@ inline Result<int> print(const std::string& text) {
     return systemError(errno, "standard output");
 }
 
-// The command line without the name of the program.
-inline std::vector<std::string> argumentsOf(int count, char** values) {
-    return {values + std::min(count, 1), values + count};
+// Calls `body` with the command line, without the name of the program. An exception is reported.
+inline int companionMain(const char* program, int count, char** values, int (*body)(std::vector<std::string>)) {
+    try {
+        return body({values + std::min(count, 1), values + count});
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", program, error.what());
+    }
+    return exitFailed;
 }
 
-// Parses the command line (`arguments` without the name of the program) and runs `command`, which returns the exit
-// status. An error or exception is reported; the exit status is then exitFailed, or exitUsage for a wrong command line.
+// Parses the command line and runs `command`, which returns the exit status. An error is reported; the exit status is
+// then exitFailed, or exitUsage for a wrong command line.
 inline int runCompanion(CLI::App& app, std::vector<std::string> arguments,
                         const std::function<Result<int>()>& command) {
     const auto program = app.get_name();
@@ -50,8 +55,6 @@ inline int runCompanion(CLI::App& app, std::vector<std::string> arguments,
         report(program, status.error());
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : exitUsage;
-    } catch (const std::exception& error) {
-        report(program, {error.what()});
     }
     return exitFailed;
 }

@@ -23,7 +23,9 @@ inline Error systemError(int code, std::string subject = {}) { return {std::stre
 template <typename Value, typename Failure = Error>
 class [[nodiscard]] Result {
 public:
-    Result(Value value) : state_(std::in_place_index<0>, std::move(value)) {}
+    // Implicit, so that a function can return a value or an error as it is.
+    Result(Value value) : state_(std::in_place_index<0>, std::move(value)) {}  // NOLINT(google-explicit-constructor)
+    // NOLINTNEXTLINE(google-explicit-constructor)
     Result(Failure failure) : state_(std::in_place_index<1>, std::move(failure)) {}
 
     explicit operator bool() const { return state_.index() == 0; }
@@ -42,7 +44,7 @@ template <typename Failure>
 class [[nodiscard]] Result<void, Failure> {
 public:
     Result() = default;
-    Result(Failure failure) : failure_(std::move(failure)) {}
+    Result(Failure failure) : failure_(std::move(failure)) {}  // NOLINT(google-explicit-constructor)
 
     explicit operator bool() const { return !failure_; }
     [[nodiscard]] const Failure& error() const { return failure_.value(); }

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
-#include <system_error>
 
 #include "qvx/archive_writer.h"
 
@@ -35,14 +35,12 @@ struct ArchiveStream {
 
 namespace {
 
-// The library throws only when memory or threads are not available; then the result is `onFailure`.
+// The library throws when memory or threads are not available; then the result is `onFailure`.
 template <typename Value, typename Operation>
 Value guarded(Value onFailure, Operation operation) noexcept {
     try {
         return operation();
-    } catch (const std::bad_alloc&) {
-        return onFailure;
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         return onFailure;
     }
 }

@@ -25,11 +25,13 @@ Result<int> printVariables() {
     return dump.shown > 0 ? 0 : exitFailed;
 }
 
-}  // namespace
-
-int main(int count, char** values) {
+int run(std::vector<std::string> arguments) {
     CLI::App app("Show the variables of the firmware", program);
     bool print = false;
     app.add_flag("-p", print, "print all variables, one a line")->required();
-    return runCompanion(app, argumentsOf(count, values), printVariables);
+    return runCompanion(app, std::move(arguments), printVariables);
 }
+
+}  // namespace
+
+int main(int count, char** values) { return companionMain(program, count, values, run); }

@@ -26,7 +26,7 @@ CommandResult runCat(const CatOptions& options) {
     if (!last) return CommandError{{"not in the archive", 0, options.path}};
     OutputSink sink;
     const auto chosen = [&](std::uint64_t number, std::string_view) { return number == *last; };
-    const auto result = finishOutput(options.archive, (*reader)->readChosen(chosen, sink));
+    auto result = finishOutput(options.archive, (*reader)->readChosen(chosen, sink));
     if (result && sink.incomplete()) return exitFailed;
     return result;
 }

@@ -155,7 +155,7 @@ Result<int> change(const Options& options, ConsentState wanted) {
         someFailed |= status == exitFailed;
         someOverridden |= status == exitOverridden;
     }
-    if (const auto printed = print(consentTable(consentOfAll(*volumes))); !printed) return printed;
+    if (auto printed = print(consentTable(consentOfAll(*volumes))); !printed) return printed;
     return someFailed ? exitFailed : someOverridden ? exitOverridden : 0;
 }
 
@@ -176,12 +176,14 @@ void declareCommands(CLI::App& app, Options& options, Command& chosen) {
     }
 }
 
-}  // namespace
-
-int main(int count, char** values) {
+int run(std::vector<std::string> arguments) {
     CLI::App app("Show and change the consent records of this machine's data volumes", program);
     Options options;
     Command chosen;
     declareCommands(app, options, chosen);
-    return runCompanion(app, argumentsOf(count, values), [&] { return chosen(options); });
+    return runCompanion(app, std::move(arguments), [&] { return chosen(options); });
 }
+
+}  // namespace
+
+int main(int count, char** values) { return companionMain(program, count, values, run); }

@@ -100,15 +100,17 @@ std::vector<std::string> withDoubleDash(std::vector<std::string> arguments) {
     return arguments;
 }
 
-}  // namespace
-
-int main(int count, char** values) {
+int run(std::vector<std::string> arguments) {
     CLI::App app("Show the volumes of this machine and unlock them", program);
     Options options;
     Command chosen;
     declareCommands(app, options, chosen);
-    return runCompanion(app, withDoubleDash(argumentsOf(count, values)), [&]() -> Result<int> {
+    return runCompanion(app, withDoubleDash(std::move(arguments)), [&]() -> Result<int> {
         const auto machine = thisMachine();
         return machine ? chosen(*machine, options) : machine.error();
     });
 }
+
+}  // namespace
+
+int main(int count, char** values) { return companionMain(program, count, values, run); }

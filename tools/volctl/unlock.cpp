@@ -54,7 +54,7 @@ Status openAndMount(const Volume& volume, int keyDescriptor) {
     if (!device) return noDevice(volume.deviceIdentifier);
     if (auto opened = openEncryptedDevice(*device, keyDescriptor); !opened) return opened;
     const auto mapping = mappingName(device->name);
-    const auto mounted = mountOpened(mapping, mountFolder(device->name));
+    auto mounted = mountOpened(mapping, mountFolder(device->name));
     if (mounted) return mounted;
     Error error = mounted.error();
     if (const auto closed = closeEncryptedDevice(mapping); !closed)
@@ -97,9 +97,9 @@ Status unlockVolume(const Volume& volume, int keyDescriptor) {
 
 Result<bool> lockVolume(const Volume& volume) {
     const BlockedSignals untilDone;
-    const auto unmounted = unmountAll(volume);
+    auto unmounted = unmountAll(volume);
     if (!unmounted) return unmounted;
-    const auto closed = closeAll(volume);
+    auto closed = closeAll(volume);
     return closed ? Result<bool>(*unmounted || *closed) : closed;
 }
 

@@ -143,7 +143,7 @@ Status DiskSink::keepIncomplete() {
     waitForPending();  // a writer may still create a file of this name
     for (int attempt = 0;; ++attempt) {
         const std::string name = incompleteName(name_, attempt);
-        const auto renamed = file_.temporary().renameIfFree(name);
+        auto renamed = file_.temporary().renameIfFree(name);
         if (renamed) run_.warn({"what there is of it is kept as " + visibleText(name), 0, head_.path});
         if (renamed || renamed.error().code != EEXIST || attempt + 1 == maxIncompleteNames) return renamed;
     }

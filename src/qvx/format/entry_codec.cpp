@@ -63,9 +63,9 @@ bool isPathOf(EntryType type, std::string_view path) {
     return isEntryPath(path) && (!path.empty() || type == EntryType::directory);
 }
 
-EntryType readEntryType(WireReader& in, unsigned type) {
-    if (type < 1 || type > 3) in.fail();
-    return static_cast<EntryType>(type);
+EntryType readEntryType(WireReader& in, unsigned number) {
+    if (number < 1 || number > 3) in.fail();
+    return static_cast<EntryType>(number);
 }
 
 void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes) {

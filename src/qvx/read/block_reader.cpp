@@ -55,9 +55,7 @@ std::vector<PlacedDigest> digestContents(Bytes plain) {
 
 }  // namespace
 
-ReadFault blockFault(const BlockPlace& place, Error error) {
-    return {std::move(error), place.sequence, place.position};
-}
+ReadFault blockFault(const BlockPlace& place, const Error& error) { return {error, place.sequence, place.position}; }
 
 ReadFault blockFault(const BlockPlace& place, std::string text) { return blockFault(place, Error{std::move(text)}); }
 

@@ -34,7 +34,7 @@ struct OpenedBlock {
 };
 using BlockPointer = std::shared_ptr<const OpenedBlock>;
 
-ReadFault blockFault(const BlockPlace& place, Error error);
+ReadFault blockFault(const BlockPlace& place, const Error& error);
 ReadFault blockFault(const BlockPlace& place, std::string text);
 
 // Reads the block header at `position`. Fails when there is no valid one or the file ends.

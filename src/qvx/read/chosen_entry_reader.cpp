@@ -47,7 +47,7 @@ ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
         if (auto found = findBlock(sequence); !found) return found;
         RecordCursor cursor(block_->plain, offset);
         while (const auto record = cursor.next()) {
-            const auto outcome = entry_.consume(*record);
+            auto outcome = entry_.consume(*record);
             if (outcome.fault()) return damaged(*outcome.fault());
             if (!outcome) return outcome;
             // The index comes from the archive: the entry at this place must be the one that the index names, and
@@ -94,10 +94,10 @@ std::optional<EntryPlace> ChosenEntryReader::locate(std::uint64_t number) {
     return place;
 }
 
-ReadOutcome ChosenEntryReader::damaged(Error error) {
+ReadOutcome ChosenEntryReader::damaged(const Error& error) {
     entry_.abandon();
-    if (!block_) return ReadFault{std::move(error)};
-    return blockFault(block_->place, std::move(error));
+    if (!block_) return ReadFault{error};
+    return blockFault(block_->place, error);
 }
 
 }  // namespace tarnwick::qvx

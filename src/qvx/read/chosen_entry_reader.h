@@ -56,7 +56,7 @@ private:
     ReadOutcome findBlock(std::uint64_t sequence);
     ReadOutcome deliver(const EntryPlace& place);
     std::optional<EntryPlace> locate(std::uint64_t number);
-    ReadOutcome damaged(Error error);
+    ReadOutcome damaged(const Error& error);
 
     BlockPipeline& blocks_;
     ArchiveIndex& index_;

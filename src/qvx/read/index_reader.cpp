@@ -98,7 +98,9 @@ Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor&
             if (!visit(number++, *entry)) return {};
         if (!decoder.damaged()) return {};
     }
-    return ReadFault{readFault("a part of the index is malformed"), place.block};
+    ReadFault fault = readFault("a part of the index is malformed");
+    fault.block = place.block;
+    return fault;
 }
 
 std::size_t ArchiveIndex::partOf(std::uint64_t number) const {

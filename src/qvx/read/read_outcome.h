@@ -27,8 +27,8 @@ inline std::string entryName(std::string_view path) { return path.empty() ? "/" 
 // returned in this form.
 class [[nodiscard]] ReadOutcome {
 public:
-    ReadOutcome() = default;  // complete
-    ReadOutcome(ReadFault fault) : fault_(std::move(fault)) {}
+    ReadOutcome() = default;                                    // complete
+    ReadOutcome(ReadFault fault) : fault_(std::move(fault)) {}  // NOLINT(google-explicit-constructor): for `return`
     static ReadOutcome stopped() { return fromSink(false); }
 
     // `accepted` is what a function of the sink has returned.

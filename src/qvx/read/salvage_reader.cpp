@@ -35,7 +35,7 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace&
     if (!ofEntry || record.type == RecordType::entry) abandonEntry("its end is lost");
     // Records that continue from before a gap belong to an entry that is already reported as lost.
     if (!entry_.inEntry() && record.type != RecordType::entry) return {};
-    const auto outcome = entry_.consume(record);
+    auto outcome = entry_.consume(record);
     if (outcome.fault()) {
         report(blockFault(block_, *outcome.fault()));
         return {};

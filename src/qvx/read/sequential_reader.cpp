@@ -53,7 +53,7 @@ ReadOutcome SequentialReader::consumeRecord(const Record& record, const EntryPla
 ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const EntryPlace& place) {
     if (phase_ != Phase::entries) return damaged("an entry is after the root");
     if (record.type == RecordType::entry) entryPlace_ = place;
-    const auto outcome = entry_.consume(record);
+    auto outcome = entry_.consume(record);
     if (outcome.fault()) return blockFault(block_, *outcome.fault());
     if (!outcome) return outcome;
     if (entry_.isComplete()) return deliver();
