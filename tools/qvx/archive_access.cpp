@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -29,12 +28,12 @@ CommandError otherKey(const std::string& archive, const Digest& recipient, const
 
 }  // namespace
 
-void declareArchive(CLI::App& command, std::string& archive) {
-    command.add_option("ARCHIVE", archive, "the archive")->required();
+void declareArchive(CommandOptions& command, std::string& archive) {
+    command.addRequired("ARCHIVE", archive, "the archive");
 }
 
-void declareKeyAndArchive(CLI::App& command, ArchiveOptions& options) {
-    command.add_option("-k,--key", options.key, "private key file in PEM form")->required();
+void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options) {
+    command.addRequired("-k,--key", options.key, "private key file in PEM form");
     declareArchive(command, options.archive);
 }
 

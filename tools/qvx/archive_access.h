@@ -4,12 +4,9 @@
 #include <memory>
 #include <string>
 
+#include "command_options.h"
 #include "qvx/archive_reader.h"
 #include "report.h"
-
-namespace CLI {
-class App;
-}
 
 namespace tarnwick::qvx {
 
@@ -19,8 +16,8 @@ struct ArchiveOptions {
 };
 
 // Declares the options; PATH arguments may be declared after them. `options` must outlive the parsing.
-void declareArchive(CLI::App& command, std::string& archive);
-void declareKeyAndArchive(CLI::App& command, ArchiveOptions& options);
+void declareArchive(CommandOptions& command, std::string& archive);
+void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options);
 
 // The archive without its key: only the plain header can be read.
 Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive);

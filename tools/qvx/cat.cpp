@@ -1,5 +1,4 @@
 // qvx cat
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "archive_access.h"
@@ -33,10 +32,10 @@ CommandResult runCat(const CatOptions& options) {
 
 }  // namespace
 
-CommandRun declareCat(CLI::App& command) {
+CommandRun declareCat(CommandOptions& command) {
     const auto options = std::make_shared<CatOptions>();
     declareKeyAndArchive(command, *options);
-    command.add_option("PATH", options->path, "the file")->required();
+    command.addRequired("PATH", options->path, "the file");
     return [options] { return runCat(*options); };
 }
 

@@ -3,30 +3,27 @@
 
 #include <functional>
 
+#include "command_options.h"
 #include "report.h"
-
-namespace CLI {
-class App;
-}
 
 namespace tarnwick::qvx {
 
 // Runs a command with the options that were parsed.
 using CommandRun = std::function<CommandResult()>;
 
-// Each declares the options of its command to the parser, and returns the function that runs it.
-CommandRun declareCreate(CLI::App& command);
-CommandRun declareList(CLI::App& command);
-CommandRun declareVerify(CLI::App& command);
-CommandRun declareExtract(CLI::App& command);
-CommandRun declareCat(CLI::App& command);
-CommandRun declareInfo(CLI::App& command);
-CommandRun declareKeygen(CLI::App& command);
+// Each declares the options of its command, and returns the function that runs it.
+CommandRun declareCreate(CommandOptions& command);
+CommandRun declareList(CommandOptions& command);
+CommandRun declareVerify(CommandOptions& command);
+CommandRun declareExtract(CommandOptions& command);
+CommandRun declareCat(CommandOptions& command);
+CommandRun declareInfo(CommandOptions& command);
+CommandRun declareKeygen(CommandOptions& command);
 
 struct Command {
     const char* name;
     const char* purpose;
-    CommandRun (*declare)(CLI::App& command);
+    CommandRun (*declare)(CommandOptions& command);
 };
 
 inline constexpr Command commands[] = {

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -217,12 +216,12 @@ CommandResult runCreate(const CreateOptions& options) {
 
 }  // namespace
 
-CommandRun declareCreate(CLI::App& command) {
+CommandRun declareCreate(CommandOptions& command) {
     const auto options = std::make_shared<CreateOptions>();
-    command.add_option("-r,--recipient", options->recipient, "key line, or a file that holds one")->required();
-    command.add_option("-o,--output", options->output, "the archive to make")->required();
-    command.add_option("--files0-from", options->namesFrom, "file of names ending with a zero byte, - for input");
-    command.add_option("PATH", options->paths, "what to put in; directories with all below them");
+    command.addRequired("-r,--recipient", options->recipient, "key line, or a file that holds one");
+    command.addRequired("-o,--output", options->output, "the archive to make");
+    command.add("--files0-from", options->namesFrom, "file of names ending with a zero byte, - for input");
+    command.add("PATH", options->paths, "what to put in; directories with all below them");
     return [options] { return runCreate(*options); };
 }
 

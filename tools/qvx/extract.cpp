@@ -1,7 +1,6 @@
 // qvx extract
 #include <fcntl.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <memory>
 
@@ -104,13 +103,13 @@ CommandResult runExtract(const ExtractionOptions& options) {
 
 }  // namespace
 
-CommandRun declareExtract(CLI::App& command) {
+CommandRun declareExtract(CommandOptions& command) {
     const auto options = std::make_shared<ExtractionOptions>();
-    command.add_option("-C,--directory", options->directory, "where to; the working directory otherwise");
-    auto* salvage = command.add_flag("--salvage", options->salvage, "extract the intact files of a damaged archive");
+    command.add("-C,--directory", options->directory, "where to; the working directory otherwise");
+    command.addFlag("--salvage", options->salvage, "extract the intact files of a damaged archive");
     declareKeyAndArchive(command, *options);
-    command.add_option("PATH", options->paths, "entries to extract, with all below them; otherwise all")
-        ->excludes(salvage);
+    command.add("PATH", options->paths, "entries to extract, with all below them; otherwise all");
+    command.exclude("--salvage", "PATH");
     return [options] { return runExtract(*options); };
 }
 

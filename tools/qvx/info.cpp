@@ -1,5 +1,4 @@
 // qvx info
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 
@@ -27,7 +26,7 @@ CommandResult runInfo(const std::string& archive) {
 
 }  // namespace
 
-CommandRun declareInfo(CLI::App& command) {
+CommandRun declareInfo(CommandOptions& command) {
     const auto archive = std::make_shared<std::string>();
     declareArchive(command, *archive);
     return [archive] { return runInfo(*archive); };

@@ -1,5 +1,4 @@
 // qvx keygen
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 
@@ -20,9 +19,9 @@ CommandResult runKeygen(const std::string& name) {
 
 }  // namespace
 
-CommandRun declareKeygen(CLI::App& command) {
+CommandRun declareKeygen(CommandOptions& command) {
     const auto name = std::make_shared<std::string>();
-    command.add_option("-o,--output", *name, "NAME: where the files go, without .pem and .pub")->required();
+    command.addRequired("-o,--output", *name, "NAME: where the files go, without .pem and .pub");
     return [name] { return runKeygen(*name); };
 }
 

@@ -1,5 +1,4 @@
 // qvx list
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 
@@ -34,9 +33,9 @@ CommandResult runList(const ListOptions& options) {
 
 }  // namespace
 
-CommandRun declareList(CLI::App& command) {
+CommandRun declareList(CommandOptions& command) {
     const auto options = std::make_shared<ListOptions>();
-    command.add_flag("--json", options->json, "one JSON object an entry, with everything but the content");
+    command.addFlag("--json", options->json, "one JSON object an entry, with everything but the content");
     declareKeyAndArchive(command, *options);
     return [options] { return runList(*options); };
 }

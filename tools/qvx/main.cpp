@@ -19,7 +19,8 @@ void declareCommands(CLI::App& app, CommandRun& chosen) {
     app.require_subcommand(1);
     for (const Command& row : commands) {
         auto* command = app.add_subcommand(row.name, row.purpose);
-        command->callback([&chosen, run = row.declare(*command)] { chosen = run; });
+        CommandOptions options(*command);
+        command->callback([&chosen, run = row.declare(options)] { chosen = run; });
     }
 }
 

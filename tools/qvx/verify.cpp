@@ -1,5 +1,4 @@
 // qvx verify
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "archive_access.h"
@@ -38,7 +37,7 @@ CommandResult runVerify(const ArchiveOptions& options) {
 
 }  // namespace
 
-CommandRun declareVerify(CLI::App& command) {
+CommandRun declareVerify(CommandOptions& command) {
     const auto options = std::make_shared<ArchiveOptions>();
     declareKeyAndArchive(command, *options);
     return [options] { return runVerify(*options); };

@@ -1,0 +1,25 @@
+#include "command_options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace tarnwick::qvx {
+
+void CommandOptions::add(const char* names, std::string& value, const char* help) {
+    command_.add_option(names, value, help);
+}
+
+void CommandOptions::add(const char* names, std::vector<std::string>& values, const char* help) {
+    command_.add_option(names, values, help);
+}
+
+void CommandOptions::addRequired(const char* names, std::string& value, const char* help) {
+    command_.add_option(names, value, help)->required();
+}
+
+void CommandOptions::addFlag(const char* names, bool& flag, const char* help) { command_.add_flag(names, flag, help); }
+
+void CommandOptions::exclude(const char* first, const char* second) {
+    command_.get_option(second)->excludes(command_.get_option(first));
+}
+
+}  // namespace tarnwick::qvx
