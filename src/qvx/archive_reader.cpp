@@ -32,12 +32,12 @@ Result<void, ReadFault> ArchiveReader::loadIndex() {
 
 Result<void, ReadFault> ArchiveReader::list(const ArchiveIndex::Visitor& visit) {
     if (auto loaded = loadIndex(); !loaded) return loaded;
-    bool wanted = true;  // more entries
+    bool continues = true;
     const auto visitOne = [&](std::uint64_t number, const IndexEntry& entry) {
-        wanted = visit(number, entry);
-        return wanted;
+        continues = visit(number, entry);
+        return continues;
     };
-    for (std::size_t part = 0; wanted && part < index_->parts(); ++part)
+    for (std::size_t part = 0; continues && part < index_->parts(); ++part)
         if (auto visited = index_->visitPart(part, visitOne); !visited) return visited;
     return {};
 }
@@ -59,7 +59,7 @@ ReadOutcome ArchiveReader::readChosen(const EntryChoice& choice, EntrySink& sink
 
 ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
     SequentialReader reader(*file_, keys_, sink);
-    BlockPipeline blocks(*file_, keys_, WholeArchive(*file_));
+    BlockPipeline blocks(*file_, keys_, AllBlocks(*file_));
     ReadOutcome outcome;
     for (BlockPointer block; outcome && (block = blocks.next());) outcome = reader.consume(*block);
     if (outcome) outcome = reader.finish();

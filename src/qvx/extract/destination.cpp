@@ -39,7 +39,7 @@ Result<int> Destination::openParent(std::string_view path) { return parent(path,
 
 Result<int> Destination::makeParent(std::string_view path) { return parent(path, makeDirectory); }
 
-Result<int> Destination::parent(std::string_view path, OpenDirectory openOne) {
+Result<int> Destination::parent(std::string_view path, OpenDirectory openComponent) {
     const auto parentPath = parentPathOf(path);
     if (parentPath.empty()) return root_;
     // What was a directory may have become a link, if the archive or somebody else has replaced it. The open descriptor
@@ -49,7 +49,7 @@ Result<int> Destination::parent(std::string_view path, OpenDirectory openOne) {
     for (std::size_t begin = 0; begin < parentPath.size();) {
         const std::size_t end = std::min(parentPath.find('/', begin), parentPath.size());
         const int from = directory ? directory.get() : root_;
-        FileDescriptor next = openOne(from, std::string(parentPath.substr(begin, end - begin)));
+        FileDescriptor next = openComponent(from, std::string(parentPath.substr(begin, end - begin)));
         if (!next) return openError(errno, path);
         directory = std::move(next);
         begin = end + 1;

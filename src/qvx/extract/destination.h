@@ -35,7 +35,7 @@ public:
 private:
     using OpenDirectory = FileDescriptor (*)(int, const std::string&);
 
-    Result<int> parent(std::string_view path, OpenDirectory openOne);
+    Result<int> parent(std::string_view path, OpenDirectory openComponent);
 
     int root_;
     std::shared_ptr<const FileDescriptor> parent_;

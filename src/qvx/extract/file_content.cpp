@@ -15,18 +15,18 @@ namespace {
 constexpr std::size_t bufferSize = 1048576;
 
 // The end of the data or of the hole at `at`. File systems that cannot tell them apart have data only.
-off_t seek(int file, off_t at, int whence, off_t otherwise, off_t size) {
+off_t seek(int file, off_t at, int whence, off_t fallback, off_t size) {
     const off_t found = lseek(file, at, whence);
     if (found >= 0) return found;
-    return errno == ENXIO ? size : otherwise;
+    return errno == ENXIO ? size : fallback;
 }
 
 bool readData(int file, off_t begin, off_t end, MutableBytes buffer, EntrySink& sink) {
     for (off_t at = begin; at < end;) {
-        const auto want = std::min(buffer.size(), static_cast<std::size_t>(end - at));
-        const ssize_t got = pread(file, buffer.data(), want, at);
-        if (got <= 0 || !sink.data(buffer.first(static_cast<std::size_t>(got)))) return false;
-        at += got;
+        const auto length = std::min(buffer.size(), static_cast<std::size_t>(end - at));
+        const ssize_t count = pread(file, buffer.data(), length, at);
+        if (count <= 0 || !sink.data(buffer.first(static_cast<std::size_t>(count)))) return false;
+        at += count;
     }
     return true;
 }

@@ -134,9 +134,9 @@ int writeHeader(archive* writer, const std::string& name, const EntryHead& head,
 }
 
 // The messages of the library contain file names unescaped.
-Error writerError(archive* writer, const char* otherwise, const std::string& path) {
+Error writerError(archive* writer, const char* fallback, const std::string& path) {
     const char* text = archive_error_string(writer);
-    return {text ? visibleText(text) : otherwise, std::max(0, archive_errno(writer)), path};
+    return {text ? visibleText(text) : fallback, std::max(0, archive_errno(writer)), path};
 }
 
 void restoreAttributes(ExtractionRun& run, const EntryHead& head, const FileDescriptor& file, const EntryTail& tail) {

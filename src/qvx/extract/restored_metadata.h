@@ -29,8 +29,8 @@ DiskWriter newDiskWriter(int flags);
 // Begins the file, directory or link `name`. Returns a status of libarchive.
 int writeHeader(archive* writer, const std::string& name, const EntryHead& head, const std::string* linkTarget);
 
-// The last error of the writer, or `otherwise` if it has no text for it.
-Error writerError(archive* writer, const char* otherwise, const std::string& path);
+// The last error of the writer, or `fallback` if it has no text for it.
+Error writerError(archive* writer, const char* fallback, const std::string& path);
 
 // Sets attributes and access control lists of the open file (O_PATH is enough), and warns of those that could not be
 // set. Links have none.

@@ -71,12 +71,12 @@ IndexPartDecoder::IndexPartDecoder(Bytes payload)
 
 const IndexEntry* IndexPartDecoder::next() {
     if (!in_.ok()) return nullptr;
-    if (given_ == count_) {
+    if (returned_ == count_) {
         if (!in_.atEnd()) in_.fail();
         return nullptr;
     }
     readIndexEntry(in_, entry_);
-    ++given_;
+    ++returned_;
     return in_.ok() ? &entry_ : nullptr;
 }
 

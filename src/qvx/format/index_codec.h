@@ -57,7 +57,7 @@ private:
     WireReader in_;
     std::uint64_t first_;
     std::uint64_t count_;
-    std::uint64_t given_ = 0;
+    std::uint64_t returned_ = 0;
     IndexEntry entry_;
 };
 

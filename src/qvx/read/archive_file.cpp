@@ -10,7 +10,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-Error endsHere() { return {"the archive ends here"}; }
+Error pastEnd() { return {"the archive ends here"}; }
 
 }  // namespace
 
@@ -30,14 +30,14 @@ Result<std::unique_ptr<ArchiveFile>, ReadFault> ArchiveFile::open(FileDescriptor
 
 Status ArchiveFile::read(std::uint64_t position, MutableBytes bytes) const {
     // Checked first, because a position of a hostile header may be too large for pread.
-    if (position > size_ || bytes.size() > size_ - position) return endsHere();
+    if (position > size_ || bytes.size() > size_ - position) return pastEnd();
     while (!bytes.empty()) {
-        const ssize_t got = pread(descriptor_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return systemError(errno);
-        if (got == 0) return endsHere();  // somebody has shortened the file
-        bytes = bytes.subspan(static_cast<std::size_t>(got));
-        position += static_cast<std::uint64_t>(got);
+        const ssize_t count = pread(descriptor_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return systemError(errno);
+        if (count == 0) return pastEnd();  // somebody has shortened the file
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+        position += static_cast<std::uint64_t>(count);
     }
     return {};
 }

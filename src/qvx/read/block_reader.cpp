@@ -61,7 +61,7 @@ ReadFault blockFault(const BlockPlace& place, std::string text) { return blockFa
 
 Result<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position) {
     std::array<std::uint8_t, blockHeaderSize> bytes{};
-    if (auto got = file.read(position, bytes); !got) return got.error();
+    if (auto read = file.read(position, bytes); !read) return read.error();
     const auto header = decodeBlockHeader(bytes);
     // A leader that needed a dictionary would wait for itself.
     const bool leads = header && header->sequence == leaderOf(header->sequence, file.header().groupLength);
@@ -86,7 +86,7 @@ Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
         if (!dictionary || dictionary->fault) return Error{"the block that leads its group is damaged or lost"};
     }
     sealed_.resize(header->sealedLength);
-    if (auto got = file_.read(block.place.position + blockHeaderSize, sealed_); !got) return got;
+    if (auto read = file_.read(block.place.position + blockHeaderSize, sealed_); !read) return read;
     const auto fault =
         decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain);
     if (fault == BlockFault::none) return {};
@@ -104,9 +104,9 @@ std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
 }
 
 BlockPointer RandomBlocks::get(std::uint64_t sequence) {
-    auto& kept = sequence == leaderOf(sequence, groupLength_) ? leader_ : other_;
-    if (!kept || kept->place.sequence != sequence) kept = open(sequence);
-    return kept;
+    auto& cached = sequence == leaderOf(sequence, groupLength_) ? leader_ : other_;
+    if (!cached || cached->place.sequence != sequence) cached = open(sequence);
+    return cached;
 }
 
 BlockPointer RandomBlocks::open(std::uint64_t sequence) {
@@ -150,7 +150,7 @@ BlockPointer BlockPipeline::next() {
         auto slot = std::move(queue_.front());
         queue_.pop_front();
         changed_.notify_all();
-        if (slot->wanted) return {slot, &slot->block};
+        if (slot->requested) return {slot, &slot->block};
     }
 }
 
@@ -190,7 +190,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     auto slot = std::make_shared<Slot>();
     slot->block.place = task->place;
     slot->block.fault = std::move(task->fault);
-    slot->wanted = task->wanted;
+    slot->requested = task->requested;
     slot->digest = task->digest;
     const std::uint64_t groupLength = file_.header().groupLength;
     const std::uint64_t group = task->place.sequence / groupLength;
@@ -217,9 +217,9 @@ void BlockPipeline::finish(Slot& slot) {
     changed_.notify_all();
 }
 
-std::optional<BlockPipeline::Task> WholeArchive::operator()() {
+std::optional<BlockPipeline::Task> AllBlocks::operator()() {
     if (ended_) return std::nullopt;
-    if (lastSeen_) {
+    if (pastLast_) {
         ended_ = true;
         if (next_.position == file_->size()) return std::nullopt;
         ReadFault excess{{"there are bytes after the last block"}, std::nullopt, next_.position};
@@ -233,7 +233,7 @@ std::optional<BlockPipeline::Task> WholeArchive::operator()() {
         task.fault = blockFault(next_, header ? wrongNumber(header->sequence) : header.error());
         return task;
     }
-    lastSeen_ = header->flags & blockLast;
+    pastLast_ = header->flags & blockLast;
     next_ = {next_.sequence + 1, next_.position + blockHeaderSize + header->sealedLength};
     return task;
 }

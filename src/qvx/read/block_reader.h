@@ -100,7 +100,7 @@ public:
     struct Task {
         BlockPlace place;
         std::optional<ReadFault> fault = std::nullopt;  // return this fault and open nothing
-        bool wanted = true;                             // false: opened only because its group needs it
+        bool requested = true;                          // false: opened only because its group needs it
         bool digest = false;                            // compute the digests of the entries that are complete in it
     };
     using Supplier = std::function<std::optional<Task>()>;
@@ -118,7 +118,7 @@ private:
     struct Slot {
         OpenedBlock block;
         std::shared_ptr<Slot> leader;
-        bool wanted = true;
+        bool requested = true;
         bool digest = false;
         bool done = false;
     };
@@ -143,15 +143,15 @@ private:
 
 // Names all blocks from the first to the last by following their headers. Strict: a block out of order, and anything
 // after the last block, ends it with a fault.
-class WholeArchive {
+class AllBlocks {
 public:
-    explicit WholeArchive(const ArchiveFile& file) : file_(&file) {}
+    explicit AllBlocks(const ArchiveFile& file) : file_(&file) {}
     std::optional<BlockPipeline::Task> operator()();
 
 private:
     const ArchiveFile* file_;
     BlockPlace next_{0, plainHeaderSize};
-    bool lastSeen_ = false;
+    bool pastLast_ = false;
     bool ended_ = false;
 };
 

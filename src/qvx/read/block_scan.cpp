@@ -9,7 +9,7 @@ namespace {
 
 // A false header costs an attempt to unseal as many bytes as it claims. When the attempts add up to this many times the
 // size of the file, somebody has planted such headers to keep the reader busy, and the scan ends.
-constexpr std::uint64_t maxFutileFactor = 16;
+constexpr std::uint64_t maxRejectedFactor = 16;
 
 class Scanner {
 public:
@@ -17,14 +17,14 @@ public:
 
     std::vector<BlockPlace> run() {
         std::uint64_t position = plainHeaderSize;
-        while (position < file_.size() && futile_ / maxFutileFactor <= file_.size()) {
+        while (position < file_.size() && rejectedBytes_ / maxRejectedFactor <= file_.size()) {
             if (const auto length = tryBlock(position)) {
                 position += *length;
             } else {
                 position = findMagic(position + 1);
             }
         }
-        return std::move(found_);
+        return std::move(places_);
     }
 
 private:
@@ -37,10 +37,10 @@ private:
         const MutableBytes stored = MutableBytes(sealed_).first(sealed_.size() - tagSize);
         const std::span<const std::uint8_t, tagSize> tag(sealed_.data() + stored.size(), tagSize);
         if (!cipher_.open(header->sequence, encodeBlockHeader(*header), stored, tag)) {
-            futile_ += sealed_.size();
+            rejectedBytes_ += sealed_.size();
             return std::nullopt;
         }
-        found_.push_back({header->sequence, position});
+        places_.push_back({header->sequence, position});
         return blockHeaderSize + header->sealedLength;
     }
 
@@ -66,8 +66,8 @@ private:
     std::vector<std::uint8_t> sealed_;
     std::vector<std::uint8_t> window_;  // a part of the file; the search continues in it
     std::uint64_t windowAt_ = 0;
-    std::vector<BlockPlace> found_;
-    std::uint64_t futile_ = 0;
+    std::vector<BlockPlace> places_;
+    std::uint64_t rejectedBytes_ = 0;
 };
 
 }  // namespace

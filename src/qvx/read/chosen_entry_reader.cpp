@@ -34,11 +34,11 @@ std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
     return task(sequence_++, true);
 }
 
-BlockPipeline::Task ChosenBlocks::task(std::uint64_t sequence, bool wanted) {
+BlockPipeline::Task ChosenBlocks::task(std::uint64_t sequence, bool requested) {
     if (sequence % groupLength_ == 0) leader_ = sequence;
     const auto place = map_.find(sequence);
-    if (place) return {*place, std::nullopt, wanted};
-    return {{sequence, 0}, ReadFault{{"there is no such block"}, sequence}, wanted};
+    if (place) return {*place, std::nullopt, requested};
+    return {{sequence, 0}, ReadFault{{"there is no such block"}, sequence}, requested};
 }
 
 ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {

@@ -31,7 +31,7 @@ public:
     std::optional<BlockPipeline::Task> operator()();
 
 private:
-    BlockPipeline::Task task(std::uint64_t sequence, bool wanted);
+    BlockPipeline::Task task(std::uint64_t sequence, bool requested);
 
     const BlockMap& map_;
     std::uint64_t groupLength_;

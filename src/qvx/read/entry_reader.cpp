@@ -7,7 +7,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::uint64_t zerosAtOnce = 268435456;  // bytes
+constexpr std::uint64_t maxHolePiece = 268435456;  // bytes
 
 }  // namespace
 
@@ -74,8 +74,8 @@ ReadOutcome EntryReader::begin(const Record& record) {
     auto head = decodeEntryHead(record.payload);
     if (!head) return damaged("the beginning of an entry is malformed");
     head_ = std::move(*head);
-    known_ = record.contentDigest;
-    if (!known_) digest_.restart();
+    precomputed_ = record.contentDigest;
+    if (!precomputed_) digest_.restart();
     size_ = 0;
     holes_ = 0;
     zeros_ = 0;
@@ -88,7 +88,7 @@ ReadOutcome EntryReader::addData(Bytes bytes) {
     size_ += bytes.size();
     if (head_.type == EntryType::directory) return damaged("a directory has content");
     if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
-    if (!known_) digest_.add(bytes);
+    if (!precomputed_) digest_.add(bytes);
     return ReadOutcome::fromSink(sink_.data(bytes));
 }
 
@@ -103,7 +103,7 @@ ReadOutcome EntryReader::addHole(Bytes payload) {
     if (zeros_ > maxDigestedHoles) return ReadOutcome::fromSink(sink_.hole(*length));
     // In pieces, so that the sink can stop a long hole early.
     for (std::uint64_t left = *length, piece = 0; left > 0; left -= piece) {
-        piece = std::min(left, zerosAtOnce);
+        piece = std::min(left, maxHolePiece);
         if (!sink_.hole(piece)) return ReadOutcome::stopped();
         digest_.addZeros(piece);
     }
@@ -114,7 +114,7 @@ ReadOutcome EntryReader::finish(Bytes payload) {
     auto tail = decodeEntryTail(payload);
     if (!tail) return damaged("the end of the entry is malformed");
     tail_ = std::move(*tail);
-    if (const Status good = checkTail(); !good) return damaged(good.error().text);
+    if (const Status checked = checkTail(); !checked) return damaged(checked.error().text);
     if (head_.type == EntryType::file && !tail_.contentOf) tail_.totals = SparseTotals{size_, holes_};
     complete_ = true;
     return {};
@@ -138,7 +138,7 @@ Status EntryReader::checkTail() {
     if (tail_.digest && zeros_ > maxDigestedHoles) return error("the entry has a digest of more zeros than it may");
     if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
         return error("the size does not match");
-    if (tail_.digest && *tail_.digest != (known_ ? *known_ : digest_.finish()))
+    if (tail_.digest && *tail_.digest != (precomputed_ ? *precomputed_ : digest_.finish()))
         return error("the digest does not match");
     if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return error("the link has no target");
     return {};

@@ -93,7 +93,7 @@ private:
     EntryTail tail_;
     RecordJoiner joiner_;
     ContentDigest digest_;
-    std::optional<Digest> known_;  // the digest, when it was computed in advance
+    std::optional<Digest> precomputed_;  // the digest, when it was computed in advance
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // bytes in the holes

@@ -22,7 +22,7 @@ private:
 
 }  // namespace
 
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& wanted, EntrySink& sink) {
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink) {
     ContentForwarder forwarder(sink);
     EntryReader entry(forwarder);
     std::size_t offset = place.offset;
@@ -34,8 +34,8 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail&
             if (!entry.consume(*record)) return false;
             if (!entry.isComplete()) continue;
             return entry.head().number == place.number && !entry.tail().contentOf &&
-                   (!wanted.digest || wanted.digest == entry.tail().digest) &&
-                   (!wanted.totals || wanted.totals->size == entry.size());
+                   (!expected.digest || expected.digest == entry.tail().digest) &&
+                   (!expected.totals || expected.totals->size == entry.size());
         }
         if (cursor.damaged()) return false;
     }
@@ -52,13 +52,13 @@ void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
 Status EntryTable::resolve(EntryReader& entry) const {
     const EntryTail& tail = entry.tail();
     if (!tail.contentOf) return {};
-    const Known* content = find(*tail.contentOf);
+    const FileEntry* content = find(*tail.contentOf);
     if (!content || content->content != *tail.contentOf)
         return entry.error("the entry that holds its content is lost or another");
     // Its zeros would be taken for real content, because only that entry says which of them are not.
     if (content->unreadable) return entry.error("the entry that holds its content is incomplete");
     if (tail.linkOf) {
-        const Known* link = find(*tail.linkOf);
+        const FileEntry* link = find(*tail.linkOf);
         if (!link || link->content != *tail.contentOf)
             return entry.error("the entry that it is linked to is lost or another");
     }
@@ -71,13 +71,14 @@ Status EntryTable::resolve(EntryReader& entry) const {
 }
 
 const EntryPlace* EntryTable::placeOf(std::uint64_t number) const {
-    const Known* known = find(number);
-    return known && known->content == number ? &known->place : nullptr;
+    const FileEntry* file = find(number);
+    return file && file->content == number ? &file->place : nullptr;
 }
 
-const EntryTable::Known* EntryTable::find(std::uint64_t number) const {
-    const auto found = std::lower_bound(files_.begin(), files_.end(), number,
-                                        [](const Known& known, std::uint64_t key) { return known.place.number < key; });
+const EntryTable::FileEntry* EntryTable::find(std::uint64_t number) const {
+    const auto found =
+        std::lower_bound(files_.begin(), files_.end(), number,
+                         [](const FileEntry& file, std::uint64_t key) { return file.place.number < key; });
     return found != files_.end() && found->place.number == number ? &*found : nullptr;
 }
 

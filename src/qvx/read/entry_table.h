@@ -14,7 +14,7 @@ struct EntryPlace {
 
 // Reads the content of the entry at `place`, which must hold it itself. False when it cannot be read or does not match
 // the digest and size in the tail of the entry that refers to it.
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& wanted, EntrySink& sink);
+bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink);
 
 // The regular files read so far, to which later entries may refer. About 100 bytes each.
 class EntryTable {
@@ -29,7 +29,7 @@ public:
     [[nodiscard]] const EntryPlace* placeOf(std::uint64_t number) const;
 
 private:
-    struct Known {
+    struct FileEntry {
         EntryPlace place;
         std::uint64_t content = 0;  // number of the entry that holds the content: this one or an earlier one
         std::optional<Digest> digest;
@@ -37,9 +37,9 @@ private:
         bool unreadable = false;  // a part of the content could not be read
     };
 
-    [[nodiscard]] const Known* find(std::uint64_t number) const;
+    [[nodiscard]] const FileEntry* find(std::uint64_t number) const;
 
-    std::vector<Known> files_;  // ascending
+    std::vector<FileEntry> files_;  // ascending
 };
 
 }  // namespace tarnwick::qvx

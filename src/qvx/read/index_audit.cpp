@@ -66,7 +66,9 @@ Status IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
     };
     if (!std::equal(root->parts.begin(), root->parts.end(), parts_.begin(), parts_.end(), samePart))
         return mismatch("the root does not match the index");
-    const auto sameLength = [](std::uint32_t length, const Seen& seen) { return length == seen.sealedLength; };
+    const auto sameLength = [](std::uint32_t length, const CheckedBlock& checked) {
+        return length == checked.sealedLength;
+    };
     const auto end = blocks_.begin() + static_cast<std::ptrdiff_t>(block);
     if (!std::equal(root->sealedLengths.begin(), root->sealedLengths.end(), blocks_.begin(), end, sameLength))
         return mismatch("the root does not match the blocks");

@@ -17,12 +17,12 @@ public:
     Status checkTrailer(Bytes payload);
 
 private:
-    struct Seen {
+    struct CheckedBlock {
         BlockPlace place;
         std::uint32_t sealedLength = 0;
     };
 
-    std::vector<Seen> blocks_;
+    std::vector<CheckedBlock> blocks_;
     std::vector<IndexPartPlace> parts_;
     IndexPartEncoder pending_;  // the entries that no part has covered yet
     std::uint64_t covered_ = 0;

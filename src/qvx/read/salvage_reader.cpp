@@ -26,7 +26,7 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
 
 std::uint64_t SalvageReader::finish() {
     abandonEntry("its end is lost");
-    reportRun();
+    reportDamagedRun();
     return nextEntry_;
 }
 
@@ -52,15 +52,15 @@ void SalvageReader::placeEntry(const EntryPlace& place) {
     entryPlace_.number = entry_.head().number;
     if (entryPlace_.number < nextEntry_) return abandonEntry("its number is wrong");
     if (entryPlace_.number > nextEntry_) {
-        reportRun();
+        reportDamagedRun();
         reportLoss_(nextEntry_, entryPlace_.number);
     }
     nextEntry_ = entryPlace_.number + 1;
 }
 
 ReadOutcome SalvageReader::deliver() {
-    if (const Status good = table_.resolve(entry_); !good) {
-        abandonEntry(good.error().text);
+    if (const Status checked = table_.resolve(entry_); !checked) {
+        abandonEntry(checked.error().text);
         return {};
     }
     table_.add(entryPlace_, entry_);
@@ -77,25 +77,26 @@ void SalvageReader::abandonEntry(std::string reason) {
 }
 
 void SalvageReader::report(const ReadFault& fault) {
-    reportRun();
+    reportDamagedRun();
     report_(fault);
 }
 
 // A lost leader makes its whole group unreadable; that is reported once.
 void SalvageReader::reportBlock(const ReadFault& fault) {
-    const bool continuesRun = run_ && run_->text == fault.text && fault.block == runEnd_ + 1;
+    const bool continuesRun = damagedRun_ && damagedRun_->text == fault.text && fault.block == damagedRunEnd_ + 1;
     if (!continuesRun) {
-        reportRun();
-        run_ = fault;
+        reportDamagedRun();
+        damagedRun_ = fault;
     }
-    runEnd_ = fault.block.value_or(0);
+    damagedRunEnd_ = fault.block.value_or(0);
 }
 
-void SalvageReader::reportRun() {
-    if (!run_) return;
-    if (run_->block < runEnd_) run_->text += ", and so on up to block " + std::to_string(runEnd_);
-    report_(*run_);
-    run_.reset();
+void SalvageReader::reportDamagedRun() {
+    if (!damagedRun_) return;
+    if (damagedRun_->block < damagedRunEnd_)
+        damagedRun_->text += ", and so on up to block " + std::to_string(damagedRunEnd_);
+    report_(*damagedRun_);
+    damagedRun_.reset();
 }
 
 }  // namespace tarnwick::qvx

@@ -28,7 +28,7 @@ private:
     void abandonEntry(std::string reason);
     void report(const ReadFault& fault);
     void reportBlock(const ReadFault& fault);
-    void reportRun();
+    void reportDamagedRun();
 
     RandomBlocks random_;
     EntryReader entry_;
@@ -39,8 +39,8 @@ private:
     BlockPlace block_;
     std::uint64_t nextBlock_ = 0;
     std::uint64_t nextEntry_ = 0;
-    std::optional<ReadFault> run_;  // a run of damaged blocks that is not reported yet
-    std::uint64_t runEnd_ = 0;
+    std::optional<ReadFault> damagedRun_;  // a run of damaged blocks that is not reported yet
+    std::uint64_t damagedRunEnd_ = 0;
 };
 
 }  // namespace tarnwick::qvx

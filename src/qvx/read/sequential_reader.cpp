@@ -11,7 +11,7 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
     }
     map_.add(block.place);
     audit_.addBlock(block);
-    if (const Status good = checkPlace(block); !good) return damagedUnless(good);
+    if (const Status checked = checkPlace(block); !checked) return damagedUnless(checked);
     needsLeader_ = block.header.flags & blockWithDictionary;
     RecordCursor cursor(block.plain);
     std::size_t offset = 0;
@@ -63,8 +63,8 @@ ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const Ent
 }
 
 ReadOutcome SequentialReader::deliver() {
-    if (const Status good = table_.resolve(entry_); !good) return damagedUnless(good);
-    if (const Status good = audit_.addEntry(entryPlace_, entry_); !good) return damagedUnless(good);
+    if (const Status checked = table_.resolve(entry_); !checked) return damagedUnless(checked);
+    if (const Status checked = audit_.addEntry(entryPlace_, entry_); !checked) return damagedUnless(checked);
     table_.add(entryPlace_, entry_);
     ++count_;
     return entry_.deliver([this](EntrySink& sink) {
@@ -100,9 +100,9 @@ ReadOutcome SequentialReader::consumeTrailer(const Record& record, const EntryPl
 
 ReadOutcome SequentialReader::damaged(const char* text) const { return blockFault(block_, text); }
 
-ReadOutcome SequentialReader::damagedUnless(const Status& good) const {
-    if (good) return {};
-    return blockFault(block_, good.error());
+ReadOutcome SequentialReader::damagedUnless(const Status& checked) const {
+    if (checked) return {};
+    return blockFault(block_, checked.error());
 }
 
 }  // namespace tarnwick::qvx

@@ -31,7 +31,7 @@ private:
     ReadOutcome consumeTrailer(const Record& record, const EntryPlace& place);
     ReadOutcome deliver();
     ReadOutcome damaged(const char* text) const;
-    ReadOutcome damagedUnless(const Status& good) const;
+    ReadOutcome damagedUnless(const Status& checked) const;
 
     const ArchiveFile& file_;
     BlockMap map_;

@@ -11,9 +11,9 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t indexPartSize = 256 * 1024;  // bytes of payload; bounds the memory for an index part
-constexpr std::uint64_t unsizedContent = 1048576;  // bytes; read at most from a file whose size is reported as 0
-constexpr std::size_t minDataSpace = 512;          // bytes; a block with less space left is padded
+constexpr std::size_t indexPartSize = 256 * 1024;     // bytes of payload; bounds the memory for an index part
+constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes; read at most from a file whose size is reported as 0
+constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
 // A dying disk takes seconds for each read that fails, so the number of such reads is limited.
 constexpr unsigned maxFailedReads = 256;  // for each file
@@ -23,14 +23,14 @@ constexpr std::uint64_t maxStep = 1048576;
 }  // namespace
 
 struct ArchiveEncoder::Entry {
-    DiskEntry& found;
-    EntryTail& tail = found.tail;
-    IndexEntry place{};
+    DiskEntry& source;
+    EntryTail& tail = source.tail;
+    IndexEntry indexed{};
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
     std::uint64_t zeros = 0;  // bytes in the holes
-    bool ended = false;    // the file was shorter than its status said, or reading was given up after too many failures
-    int contentError = 0;  // errno value of the first read that failed
+    bool stopped = false;     // no more is read: the file was shorter than its status said, or too many reads failed
+    int contentError = 0;     // errno value of the first read that failed
     unsigned failedReads = 0;
     std::uint64_t step = minStep;      // bytes to skip after the next failed read
     std::vector<Extent> unreadable{};  // parts of the content
@@ -49,22 +49,22 @@ Status ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
     list_ = &list;
     stored_.emplace(list);
     ReadAhead ahead(list, readers_);
-    while (DiskEntry* found = ahead.next()) {
-        if (Status written = writeEntry(*found); !written) return written;
+    while (DiskEntry* source = ahead.next()) {
+        if (Status written = writeEntry(*source); !written) return written;
         if (Status status = stream_.status(); !status) return status;
     }
     return complete(filePosition);
 }
 
-Status ArchiveEncoder::writeEntry(DiskEntry& found) {
-    if (found.error != 0) return systemError(found.error, found.listed.path);
-    Entry entry{found};
+Status ArchiveEncoder::writeEntry(DiskEntry& source) {
+    if (source.error != 0) return systemError(source.error, source.listed.path);
+    Entry entry{source};
     writeHead(entry);
-    if (found.listed.type == EntryType::file) {
+    if (source.listed.type == EntryType::file) {
         if (Status written = writeFile(entry); !written) return written;
-    } else if (found.listed.type == EntryType::link) {
-        writeContent(entry, found.content);
-        if (entry.size > 0) entry.tail.digest = found.digest;
+    } else if (source.listed.type == EntryType::link) {
+        writeContent(entry, source.content);
+        if (entry.size > 0) entry.tail.digest = source.digest;
     }
     markIncomplete(entry);
     writeTail(entry);
@@ -72,37 +72,37 @@ Status ArchiveEncoder::writeEntry(DiskEntry& found) {
 }
 
 void ArchiveEncoder::writeHead(Entry& entry) {
-    EntryHead& head = entry.found.head;
+    EntryHead& head = entry.source.head;
     head.number = root_.entries;
     removeOtherFields(fields_, head);
     payload_.clear();
     encodeEntryHead(head, payload_);
     if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
-    entry.place.block = stream_.block();
-    entry.place.offset = stream_.offset();
+    entry.indexed.block = stream_.block();
+    entry.indexed.offset = stream_.offset();
     writeRecord(RecordType::entry, payload_);
 }
 
 Status ArchiveEncoder::writeFile(Entry& entry) {
-    DiskEntry& found = entry.found;
+    DiskEntry& source = entry.source;
     if (reuseContent(entry) || !storesContent_) return {};
-    Digest digest = found.digest;
-    if (found.file || found.unopened) {
+    Digest digest = source.digest;
+    if (source.file || source.unopened) {
         digest_.restart();
         if (Status written = writeExtents(entry); !written) return written;
         digest = digest_.finish();
     } else {
-        writeContent(entry, found.content);
+        writeContent(entry, source.content);
     }
     if (entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
     if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
-    if (entry.size == found.status.stx_size && entry.contentError == 0)
-        stored_->add(found.listed.device, found.status.stx_ino, found.head.number);
+    if (entry.size == source.status.stx_size && entry.contentError == 0)
+        stored_->add(source.listed.device, source.status.stx_ino, source.head.number);
     return {};
 }
 
 void ArchiveEncoder::markIncomplete(Entry& entry) {
-    const int error = entry.found.unreadable != 0 ? entry.found.unreadable : entry.contentError;
+    const int error = entry.source.unreadable != 0 ? entry.source.unreadable : entry.contentError;
     if (error == 0) return;
     entry.tail.unreadable = std::move(entry.unreadable);
     incomplete_.push_back({root_.entries, error});
@@ -111,17 +111,17 @@ void ArchiveEncoder::markIncomplete(Entry& entry) {
 // A file is not stored twice, unless it was changed after writing began. Only the kernel sets the change time: if it is
 // older than the start of this run, the content is still the one that was stored.
 bool ArchiveEncoder::reuseContent(Entry& entry) {
-    const DiskEntry& found = entry.found;
-    if (!storesReferences_ || !isOld(found.status)) return false;
-    const auto number = stored_->find(found.listed.device, found.status.stx_ino);
+    const DiskEntry& source = entry.source;
+    if (!storesReferences_ || !changedBeforeStart(source.status)) return false;
+    const auto number = stored_->find(source.listed.device, source.status.stx_ino);
     if (!number) return false;
     entry.tail.contentOf = number;
-    if (list_->pathOf(*number) != found.listed.path) entry.tail.linkOf = number;
-    entry.size = found.status.stx_size;
+    if (list_->pathOf(*number) != source.listed.path) entry.tail.linkOf = number;
+    entry.size = source.status.stx_size;
     return true;
 }
 
-bool ArchiveEncoder::isOld(const struct statx& status) const {
+bool ArchiveEncoder::changedBeforeStart(const struct statx& status) const {
     constexpr std::int64_t timeResolution = 2;  // seconds: the resolution of file systems without fractions of a second
     const auto& changed = status.stx_ctime;
     if (changed.tv_nsec == 0) return changed.tv_sec + timeResolution < started_.tv_sec;
@@ -145,15 +145,15 @@ void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {
 }
 
 Status ArchiveEncoder::writeExtents(Entry& entry) {
-    const std::uint64_t size = entry.found.status.stx_size;
-    if (entry.found.unopened) {
-        entry.contentError = entry.found.unreadable;
+    const std::uint64_t size = entry.source.status.stx_size;
+    if (entry.source.unopened) {
+        entry.contentError = entry.source.unreadable;
         writeUnreadable(entry, size);
         return {};
     }
     // Pseudo file systems report size 0 for files that have content.
-    if (size == 0) return writeExtent(entry, unsizedContent);
-    while (entry.size < size && !entry.ended) {
+    if (size == 0) return writeExtent(entry, maxUnsizedContent);
+    while (entry.size < size && !entry.stopped) {
         const auto next = nextExtent(entry);
         if (!next) return next.error();
         if (next->offset > entry.size) writeHole(entry, next->offset - entry.size);
@@ -164,13 +164,13 @@ Status ArchiveEncoder::writeExtents(Entry& entry) {
 
 // The next part of the file that is not a hole; it is empty when the rest is one.
 Result<Extent> ArchiveEncoder::nextExtent(const Entry& entry) {
-    const std::uint64_t size = entry.found.status.stx_size;
+    const std::uint64_t size = entry.source.status.stx_size;
     const Extent rest{entry.size, size - entry.size};
-    if (entry.found.status.stx_blocks * 512 >= size) return rest;
-    const int file = entry.found.file.get();
+    if (entry.source.status.stx_blocks * 512 >= size) return rest;
+    const int file = entry.source.file.get();
     const off_t data = ::lseek(file, static_cast<off_t>(entry.size), SEEK_DATA);
     if (data < 0 && errno == ENXIO) return Extent{size, 0};
-    if (data < 0 && !isUnreadable(errno)) return systemError(errno, entry.found.listed.path);
+    if (data < 0 && !isUnreadable(errno)) return systemError(errno, entry.source.listed.path);
     if (data < 0) return rest;  // a file system that cannot report holes
     const off_t hole = ::lseek(file, data, SEEK_HOLE);
     const std::uint64_t begin = std::min(static_cast<std::uint64_t>(data), size);
@@ -193,17 +193,17 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
 // Reads directly into the block. When the file has become shorter, the missing rest is left out; what was appended
 // since its status was read is ignored.
 Status ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
-    while (entry.size < end && !entry.ended) {
+    while (entry.size < end && !entry.stopped) {
         reserveSpace(end - entry.size);
         const MutableBytes space = stream_.freeSpace().subspan(recordHeaderSize);
         const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(space.size(), end - entry.size));
-        const auto count = readAt(entry.found.file.get(), space.first(length), entry.size);
+        const auto count = readAt(entry.source.file.get(), space.first(length), entry.size);
         if (count) {
             appendPart(entry, space.first(*count));
         } else if (isUnreadable(count.error().code)) {
             skipUnreadable(entry, count.error().code, end);
         } else {
-            return systemError(count.error().code, entry.found.listed.path);
+            return systemError(count.error().code, entry.source.listed.path);
         }
         if (Status status = stream_.status(); !status) return status;
     }
@@ -211,8 +211,8 @@ Status ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
 }
 
 void ArchiveEncoder::appendPart(Entry& entry, Bytes part) {
-    entry.ended = part.empty();
-    if (entry.ended) return;
+    entry.stopped = part.empty();
+    if (entry.stopped) return;
     entry.step = minStep;
     entry.size += part.size();
     digest_.add(part);
@@ -222,11 +222,11 @@ void ArchiveEncoder::appendPart(Entry& entry, Bytes part) {
 
 void ArchiveEncoder::skipUnreadable(Entry& entry, int error, std::uint64_t end) {
     if (entry.contentError == 0) entry.contentError = error;
-    const std::uint64_t size = entry.found.status.stx_size;
-    entry.ended = size == 0 || ++entry.failedReads == maxFailedReads;
+    const std::uint64_t size = entry.source.status.stx_size;
+    entry.stopped = size == 0 || ++entry.failedReads == maxFailedReads;
     // Each failed read in a row doubles the step, so that a large damaged area costs few reads.
     const std::uint64_t next = entry.size / minStep * minStep + entry.step;
-    writeUnreadable(entry, entry.ended ? size : std::min(next, end));
+    writeUnreadable(entry, entry.stopped ? size : std::min(next, end));
     entry.step = std::min(entry.step * 2, maxStep);
 }
 
@@ -243,24 +243,24 @@ void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
 }
 
 void ArchiveEncoder::writeTail(Entry& entry) {
-    EntryHead& head = entry.found.head;
+    EntryHead& head = entry.source.head;
     removeOtherFields(fields_, entry.tail);
     payload_.clear();
     encodeEntryTail(entry.tail, payload_);
     writeRecord(RecordType::end, payload_);
 
-    entry.place.type = head.type;
-    entry.place.path = std::move(head.path);
-    entry.place.mode = head.mode.value_or(0);
-    entry.place.userId = head.userId.value_or(0);
-    entry.place.groupId = head.groupId.value_or(0);
-    entry.place.size = entry.size;
-    entry.place.incomplete = entry.tail.unreadable.has_value();
+    entry.indexed.type = head.type;
+    entry.indexed.path = std::move(head.path);
+    entry.indexed.mode = head.mode.value_or(0);
+    entry.indexed.userId = head.userId.value_or(0);
+    entry.indexed.groupId = head.groupId.value_or(0);
+    entry.indexed.size = entry.size;
+    entry.indexed.incomplete = entry.tail.unreadable.has_value();
     constexpr std::int64_t second = 1'000'000'000;
     // Rounded down, also for times before 1970.
     const std::int64_t modified = head.modified.value_or(0);
-    entry.place.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
-    part_.add(entry.place);
+    entry.indexed.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
+    part_.add(entry.indexed);
     ++root_.entries;
     if (part_.size() >= indexPartSize) flushIndexPart();
 }

@@ -37,7 +37,7 @@ public:
 private:
     struct Entry;
 
-    Status writeEntry(DiskEntry& found);
+    Status writeEntry(DiskEntry& source);
     Status writeFile(Entry& entry);
     Status writeExtents(Entry& entry);
     static Result<Extent> nextExtent(const Entry& entry);
@@ -55,7 +55,7 @@ private:
     void reserveSpace(std::uint64_t content);
     void flushIndexPart();
     Status complete(std::uint64_t filePosition);
-    [[nodiscard]] bool isOld(const struct statx& status) const;
+    [[nodiscard]] bool changedBeforeStart(const struct statx& status) const;
 
     BlockStream& stream_;
     const FieldMask fields_;

@@ -97,10 +97,10 @@ void BlockStream::work() {
         changed_.wait(lock, [&] { return closing_ || nextToSeal_ < block_; });
         if (closing_) return;
         const std::uint64_t sequence = nextToSeal_++;
-        const bool wanted = bool(status_);
+        const bool failed = !status_;
         lock.unlock();
         job(sequence).sealedLength = 0;
-        if (wanted) seal(sequence, encoder);
+        if (!failed) seal(sequence, encoder);
         lock.lock();
         job(sequence).done = true;
         writeDone(lock);

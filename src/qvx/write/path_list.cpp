@@ -58,7 +58,7 @@ void PathList::append(const PathList& other) {
 
 std::string PathList::pathOf(std::uint64_t number) const {
     const auto after = std::upper_bound(pieces_.begin(), pieces_.end(), number,
-                                        [](std::uint64_t wanted, const Piece& piece) { return wanted < piece.first; });
+                                        [](std::uint64_t key, const Piece& piece) { return key < piece.first; });
     Cursor cursor(*this);
     cursor.piece_ = static_cast<std::size_t>(after - pieces_.begin()) - 1;
     for (std::uint64_t at = pieces_[cursor.piece_].first; at < number; ++at) cursor.next();

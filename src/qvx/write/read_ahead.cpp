@@ -9,12 +9,12 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes kept for each entry, which may be a link
+constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes reserved for each entry, which may be a link
 
 void readBatch(std::span<DiskEntry> entries, MutableBytes buffer, DiskEntryReader& reader) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
-        const std::size_t kept = (entries.size() - 1 - i) * linkSpace;
-        reader.begin(entries[i], buffer.first(std::min(ReadAhead::smallSize, buffer.size() - kept)));
+        const std::size_t reserved = (entries.size() - 1 - i) * linkSpace;
+        reader.begin(entries[i], buffer.first(std::min(ReadAhead::smallSize, buffer.size() - reserved)));
         buffer = buffer.subspan(entries[i].content.size() + entries[i].awaited.size());
     }
     for (auto& entry : entries) reader.finish(entry);

@@ -19,14 +19,14 @@ bool isWide(dev_t device) { return device > std::numeric_limits<std::uint32_t>::
 
 }  // namespace
 
-StoredContents::StoredContents(const PathList& list) : again_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
+StoredContents::StoredContents(const PathList& list) : repeated_(list.size() * bitsPerEntry + 1), slots_(firstSlots) {
     // A Bloom filter with one hash: it may report a file as repeated that is not, never the reverse.
-    std::vector<bool> once(again_.size());
+    std::vector<bool> listed(repeated_.size());
     PathList::Cursor cursor(list);
     while (const PathList::Entry* entry = cursor.next()) {
-        const auto bit = static_cast<std::size_t>(hashOf(entry->device, entry->inode) % once.size());
-        if (once[bit]) again_[bit] = true;
-        once[bit] = true;
+        const auto bit = static_cast<std::size_t>(hashOf(entry->device, entry->inode) % listed.size());
+        if (listed[bit]) repeated_[bit] = true;
+        listed[bit] = true;
     }
 }
 
@@ -48,7 +48,8 @@ std::optional<std::uint64_t> StoredContents::find(dev_t device, ino_t inode) con
 void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
     // A slot has 32 bits for the device and for the number. A file that does not fit is stored twice: larger, but
     // correct.
-    if (isWide(device) || number >= none || !again_[static_cast<std::size_t>(hashOf(device, inode) % again_.size())])
+    if (isWide(device) || number >= none ||
+        !repeated_[static_cast<std::size_t>(hashOf(device, inode) % repeated_.size())])
         return;
     if ((used_ + 1) * 4 > slots_.size() * 3) grow();
     const auto narrow = static_cast<std::uint32_t>(device);

@@ -35,8 +35,8 @@ private:
     [[nodiscard]] std::size_t place(std::uint32_t device, std::uint64_t inode) const;
     void grow();
 
-    std::vector<bool> again_;  // by hash of device and inode: listed more than once
-    std::vector<Slot> slots_;  // open addressing; at most three in four are used
+    std::vector<bool> repeated_;  // by hash of device and inode: listed more than once
+    std::vector<Slot> slots_;     // open addressing; at most three in four are used
     std::size_t used_ = 0;
 };
 
