@@ -32,9 +32,9 @@ public:
         sigset_t ending;
         sigemptyset(&ending);
         for (const int signal : endingSignals) sigaddset(&ending, signal);
-        sigprocmask(SIG_BLOCK, &ending, &maskBefore_);
-        maskWaiting_ = maskBefore_;
-        for (const int signal : endingSignals) sigdelset(&maskWaiting_, signal);
+        sigprocmask(SIG_BLOCK, &ending, &savedMask_);
+        waitMask_ = savedMask_;
+        for (const int signal : endingSignals) sigdelset(&waitMask_, signal);
         struct sigaction remember {};
         remember.sa_handler = rememberSignal;
         sigemptyset(&remember.sa_mask);
@@ -46,7 +46,7 @@ public:
     ~DelayedSignals() {
         for (std::size_t i = 0; i < endingSignals.size(); ++i) sigaction(endingSignals[i], &before_[i], nullptr);
         if (caughtSignal != 0) raise(caughtSignal);
-        sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
+        sigprocmask(SIG_SETMASK, &savedMask_, nullptr);
     }
     DelayedSignals(const DelayedSignals&) = delete;
     DelayedSignals& operator=(const DelayedSignals&) = delete;
@@ -54,15 +54,15 @@ public:
     // False when a signal arrived before input did, and on an error.
     [[nodiscard]] bool waitForInput(int descriptor) const {
         pollfd input{descriptor, POLLIN, 0};
-        while (ppoll(&input, 1, nullptr, &maskWaiting_) < 0 && caughtSignal == 0) {
+        while (ppoll(&input, 1, nullptr, &waitMask_) < 0 && caughtSignal == 0) {
             if (errno != EINTR) return false;
         }
         return caughtSignal == 0;
     }
 
 private:
-    sigset_t maskBefore_{};
-    sigset_t maskWaiting_{};
+    sigset_t savedMask_{};
+    sigset_t waitMask_{};
     std::array<struct sigaction, endingSignals.size()> before_{};
 };
 

@@ -96,8 +96,8 @@ void FoundFiles::openFolder(const std::string& path) {
         if (opened) folder_ = std::move(*opened);
         if (opened) return;
         folderError_ = opened.error();
-        const bool isGone = folderError_->code == ENOENT || folderError_->code == ENOTDIR;
-        if (!isGone || nearest == nearest.parent_path()) return;
+        const bool isMissing = folderError_->code == ENOENT || folderError_->code == ENOTDIR;
+        if (!isMissing || nearest == nearest.parent_path()) return;
     }
 }
 

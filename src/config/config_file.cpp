@@ -14,11 +14,11 @@ std::vector<std::filesystem::path> listConfigAssetFiles() {
 }
 
 std::string resolveConfigFile(int selector) {
-    const std::string wanted = selector == configurationFile ? "tarnwick.config.plist" : "";
-    if (wanted.empty()) return {};
+    const std::string name = selector == configurationFile ? "tarnwick.config.plist" : "";
+    if (name.empty()) return {};
     const auto files = listConfigAssetFiles();
     const auto found =
-        std::find_if(files.begin(), files.end(), [&](const auto& file) { return file.filename() == wanted; });
+        std::find_if(files.begin(), files.end(), [&](const auto& file) { return file.filename() == name; });
     return found == files.end() ? std::string() : found->native();
 }
 

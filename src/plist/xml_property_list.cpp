@@ -66,8 +66,8 @@ Value dateFrom(std::string_view text) {
     using namespace std::chrono;
     text = trimmed(text);
     constexpr std::string_view form = "dddd-dd-ddTdd:dd:ddZ";
-    const auto fits = [](char byte, char wanted) {
-        return wanted == 'd' ? byte >= '0' && byte <= '9' : byte == wanted;
+    const auto fits = [](char byte, char pattern) {
+        return pattern == 'd' ? byte >= '0' && byte <= '9' : byte == pattern;
     };
     if (!std::equal(text.begin(), text.end(), form.begin(), form.end(), fits)) return std::nullopt;
     const auto field = [&](std::size_t at, std::size_t width) { return *number<unsigned>(text.substr(at, width), 10); };
@@ -171,9 +171,9 @@ private:
 
     void startValue(std::string_view name) {
         const auto& parent = open_.back();
-        const bool wantsKey = parent.kind == Kind::dictionary && !parent.key;
+        const bool expectsKey = parent.kind == Kind::dictionary && !parent.key;
         const bool complete = parent.kind == Kind::root && root_;
-        if (complete || wantsKey != (name == "key")) return fail();
+        if (complete || expectsKey != (name == "key")) return fail();
         if (name == "array") return startContainer(Kind::array, PropertyListArray{});
         if (name == "dict") return startContainer(Kind::dictionary, PropertyListDictionary{});
         const auto* leaf = std::find_if(leafElements.begin(), leafElements.end(),

@@ -28,17 +28,14 @@ constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 class Sha256 {
 public:
     Sha256()
-        : context_(EVP_MD_CTX_new()),
-          good_(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1) {}
+        : context_(EVP_MD_CTX_new()), ok_(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1) {}
 
-    void add(std::string_view bytes) {
-        good_ = good_ && EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1;
-    }
+    void add(std::string_view bytes) { ok_ = ok_ && EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1; }
 
     // The digest in hexadecimal; empty on failure.
     std::string finish() {
         std::array<unsigned char, 32> digest{};
-        if (!good_ || EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) != 1) return {};
+        if (!ok_ || EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) != 1) return {};
         std::string text;
         for (const unsigned byte : digest) {
             text += "0123456789abcdef"[byte >> 4];
@@ -49,7 +46,7 @@ public:
 
 private:
     DigestContext context_;
-    bool good_;
+    bool ok_;
 };
 
 AssetStatus statusOf(bool succeeded) {
@@ -107,16 +104,17 @@ FileDescriptor lockStore(const fs::path& root) {
     return lock;
 }
 
-enum class Folder { good, missing, linked, bad };
+enum class Folder { trusted, untrusted, linked, missing };
 
 // The content of the folder decides what root does, so it must not be a link, not owned by another user, and not
 // writable by others.
 Folder inspectFolder(const fs::path& path) {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? Folder::missing : Folder::bad;
+    if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? Folder::missing : Folder::untrusted;
     if (S_ISLNK(status.st_mode)) return Folder::linked;
     const bool owned = status.st_uid == 0 || status.st_uid == ::geteuid();
-    return S_ISDIR(status.st_mode) && owned && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? Folder::good : Folder::bad;
+    return S_ISDIR(status.st_mode) && owned && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? Folder::trusted
+                                                                                           : Folder::untrusted;
 }
 
 bool makeFolder(const fs::path& path) {
@@ -128,7 +126,7 @@ AssetStatus makeTrustedFolder(const fs::path& path) {
     if (!makeFolder(path)) return AssetError::storeFailed;
     const auto folder = inspectFolder(path);
     if (folder == Folder::linked) return AssetError::pathThroughLink;
-    if (folder != Folder::good) return AssetError::storeFailed;
+    if (folder != Folder::trusted) return AssetError::storeFailed;
     return {};
 }
 
@@ -276,12 +274,12 @@ AssetResult<std::vector<AssetVersion>> AssetStore::listInstalled(const std::stri
     for (const auto& folder : {root_, root_ / type}) {
         const auto state = inspectFolder(folder);
         if (state == Folder::missing) return versions;
-        if (state != Folder::good) return AssetError::storeFailed;
+        if (state != Folder::trusted) return AssetError::storeFailed;
     }
     std::error_code error;
     for (fs::directory_iterator each(root_ / type, error), end; !error && each != end; each.increment(error)) {
         const auto version = versionOf(each->path().filename());
-        if (version && inspectFolder(each->path()) == Folder::good && containsFile(each->path()))
+        if (version && inspectFolder(each->path()) == Folder::trusted && containsFile(each->path()))
             versions.push_back(*version);
     }
     if (error) return AssetError::storeFailed;
