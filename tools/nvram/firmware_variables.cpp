@@ -28,9 +28,9 @@ struct VariableName {
 
 bool isGuid(std::string_view text) {
     static constexpr std::string_view shape = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
-    const auto fits = [](char letter, char wanted) {
+    const auto fits = [](char letter, char pattern) {
         const bool hex = std::string_view("0123456789abcdefABCDEF").find(letter) != std::string_view::npos;
-        return wanted == 'x' ? hex : letter == '-';
+        return pattern == 'x' ? hex : letter == '-';
     };
     return text.size() == shape.size() && std::equal(text.begin(), text.end(), shape.begin(), fits);
 }

@@ -70,7 +70,7 @@ CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcom
     const auto failure = systemError(errno, "standard output");
     if (outcome.fault()) return archiveError(archive, *outcome.fault());
     if (!written) return CommandError{failure};
-    return outcome ? exitFine : exitFailed;
+    return outcome ? exitSuccess : exitFailed;
 }
 
 std::string entryPath(std::string path) {

@@ -17,11 +17,11 @@ CommandResult runCat(const CatOptions& options) {
     const auto reader = openArchive(options);
     if (!reader) return reader.error();
     std::optional<std::uint64_t> last;  // of several entries with one path, the last one is used
-    const auto look = [&, wanted = entryPath(options.path)](std::uint64_t number, const IndexEntry& entry) {
-        if (entry.path == wanted) last = number;
+    const auto findLast = [&, path = entryPath(options.path)](std::uint64_t number, const IndexEntry& entry) {
+        if (entry.path == path) last = number;
         return true;
     };
-    if (auto listed = (*reader)->list(look); !listed) return archiveError(options.archive, listed.error());
+    if (auto listed = (*reader)->list(findLast); !listed) return archiveError(options.archive, listed.error());
     if (!last) return CommandError{{"not in the archive", 0, options.path}};
     OutputSink sink;
     const auto chosen = [&](std::uint64_t number, std::string_view) { return number == *last; };

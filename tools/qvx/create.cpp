@@ -65,7 +65,7 @@ public:
 
 private:
     using DirectoryHandle = std::unique_ptr<DIR, FreeWith<closedir>>;
-    struct Found {
+    struct DirectoryEntry {
         std::string name;
         std::optional<EntryType> type;
     };
@@ -75,7 +75,7 @@ private:
         const int error = opened ? 0 : errno;
         if (error != 0 && !isUnreadable(error)) return systemError(error, directory);
         if (error != 0) {
-            sayError(escapedName(directory) + ": what is in it is left out", error);
+            reportError(escapedName(directory) + ": what is in it is left out", error);
             complete_ = false;
             return {};
         }
@@ -83,15 +83,15 @@ private:
         if (!below) return below.error();
         const std::string prefix = directory.ends_with('/') ? directory : directory + '/';
         for (const auto& [name, type] : *below)
-            if (Status added = addFound(prefix + name, type); !added) return added;
+            if (Status added = addEntry(prefix + name, type); !added) return added;
         return {};
     }
 
     // Most directories store the kind of a file, which saves a look at the file. The iterator of the standard library
     // would end the process when memory runs out. Closes the directory: the recursion may be deep, and descriptors are
     // limited.
-    static Result<std::vector<Found>> readBelow(DirectoryHandle opened, const std::string& directory) {
-        std::vector<Found> below;
+    static Result<std::vector<DirectoryEntry>> readBelow(DirectoryHandle opened, const std::string& directory) {
+        std::vector<DirectoryEntry> below;
         for (errno = 0; const dirent* entry = readdir(opened.get()); errno = 0) {
             const std::string_view name = entry->d_name;
             if (name == "." || name == "..") continue;
@@ -103,15 +103,16 @@ private:
             below.push_back({std::string(name), entryTypeOf(status.st_mode)});
         }
         if (errno != 0) return systemError(errno, directory);
-        std::sort(below.begin(), below.end(), [](const Found& a, const Found& b) { return a.name < b.name; });
+        std::sort(below.begin(), below.end(),
+                  [](const DirectoryEntry& a, const DirectoryEntry& b) { return a.name < b.name; });
         return below;
     }
 
     // Files that an archive cannot contain are left out; so is the archive itself.
-    Status addFound(const std::string& path, std::optional<EntryType> type) {
+    Status addEntry(const std::string& path, std::optional<EntryType> type) {
         const bool output = type == EntryType::file && isOutput(path);
-        if (!type) say(escapedName(path) + ": left out, neither a file, a directory nor a symbolic link");
-        if (output) say(escapedName(path) + ": left out, it is the archive");
+        if (!type) report(escapedName(path) + ": left out, neither a file, a directory nor a symbolic link");
+        if (output) report(escapedName(path) + ": left out, it is the archive");
         if (!type || output) return {};
         Status added = add(path);
         return added && type == EntryType::directory ? addBelow(path) : added;
@@ -192,7 +193,7 @@ Result<Creation> create(const Point& recipient, const CreateOptions& options) {
     const auto incomplete = writeArchive(collection.list(), recipient, options.output, before.has_value());
     if (!incomplete) return incomplete.error();
     for (const auto& [number, error] : *incomplete)
-        sayError(escapedName(collection.list().pathOf(number)) + ": stored as incomplete", error);
+        reportError(escapedName(collection.list().pathOf(number)) + ": stored as incomplete", error);
     return incomplete->empty() && collection.complete() ? Creation::complete : Creation::incomplete;
 }
 
@@ -211,7 +212,7 @@ CommandResult runCreate(const CreateOptions& options) {
         return CommandError{{"there is nothing to put into the archive"}, exitUsage};
     const auto made = createArchive(options);
     if (!made) return CommandError{made.error()};
-    return *made == Creation::complete ? exitFine : exitFailed;
+    return *made == Creation::complete ? exitSuccess : exitFailed;
 }
 
 }  // namespace

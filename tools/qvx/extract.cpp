@@ -22,47 +22,48 @@ struct ExtractionOptions : ArchiveOptions {
 // The paths of the command line, each with everything below it.
 class PathChoice {
 public:
-    explicit PathChoice(const std::vector<std::string>& paths) : met_(paths.size()) {
-        for (const auto& path : paths) tops_.push_back(entryPath(path));
+    explicit PathChoice(const std::vector<std::string>& paths) : matched_(paths.size()) {
+        for (const auto& path : paths) paths_.push_back(entryPath(path));
     }
 
     bool contains(std::string_view path) {
         bool any = false;
-        for (std::size_t i = 0; i < tops_.size(); ++i) {
-            if (!isAtOrBelow(path, tops_[i])) continue;
+        for (std::size_t i = 0; i < paths_.size(); ++i) {
+            if (!isAtOrBelow(path, paths_[i])) continue;
             any = true;
-            met_[i] = true;
+            matched_[i] = true;
         }
         return any;
     }
 
     // Whether the path with this index matched an entry.
-    [[nodiscard]] bool met(std::size_t index) const { return met_[index]; }
+    [[nodiscard]] bool matched(std::size_t index) const { return matched_[index]; }
 
 private:
-    static bool isAtOrBelow(std::string_view path, std::string_view top) {
-        return top.empty() || (path.starts_with(top) && (path.size() == top.size() || path[top.size()] == '/'));
+    static bool isAtOrBelow(std::string_view path, std::string_view chosen) {
+        return chosen.empty() ||
+               (path.starts_with(chosen) && (path.size() == chosen.size() || path[chosen.size()] == '/'));
     }
 
-    std::vector<std::string> tops_;
-    std::vector<bool> met_;
+    std::vector<std::string> paths_;
+    std::vector<bool> matched_;
 };
 
 // Each of these returns whether everything that was asked for could be read, and reports what could not.
 
 bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     bool intact = true;
-    const auto report = [&](const ReadFault& fault) {
-        say(archiveError(options.archive, fault));
+    const auto reportFault = [&](const ReadFault& fault) {
+        report(archiveError(options.archive, fault));
         intact = false;
     };
-    return reader.salvage(sink, report) && intact;
+    return reader.salvage(sink, reportFault) && intact;
 }
 
 bool isRead(const ExtractionOptions& options, const ReadOutcome& outcome) {
     if (outcome.fault()) {
-        say(archiveError(options.archive, *outcome.fault()));
-        say("extraction ended there; --salvage extracts the intact files of a damaged archive");
+        report(archiveError(options.archive, *outcome.fault()));
+        report("extraction ended there; --salvage extracts the intact files of a damaged archive");
     }
     return static_cast<bool>(outcome);
 }
@@ -73,8 +74,8 @@ bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, Disk
     if (!isRead(options, reader.readChosen(chosen, sink))) return false;
     bool all = true;
     for (std::size_t i = 0; i < options.paths.size(); ++i) {
-        if (choice.met(i)) continue;
-        say(Error{"not in the archive", 0, options.paths[i]});
+        if (choice.matched(i)) continue;
+        report(Error{"not in the archive", 0, options.paths[i]});
         all = false;
     }
     return all;
@@ -93,12 +94,12 @@ CommandResult runExtract(const ExtractionOptions& options) {
     if (!reader) return reader.error();
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
-                                    .report = [](const Error& problem) { say(problem); },
+                                    .report = [](const Error& problem) { report(problem); },
                                     .interrupted = interrupted});
-    const bool good = extractEntries(options, **reader, sink);
+    const bool complete = extractEntries(options, **reader, sink);
     sink.finishDirectories();
     if (interrupted()) return CommandError{{"interrupted"}};
-    return good && !sink.failed() ? exitFine : exitFailed;
+    return complete && !sink.failed() ? exitSuccess : exitFailed;
 }
 
 }  // namespace

@@ -25,11 +25,11 @@ Result<std::string> readKeyFile(const std::string& path) {
     std::string text(maxKeyFileSize + 1, '\0');
     std::size_t length = 0;
     while (length < text.size()) {
-        const ssize_t got = read(descriptor, text.data() + length, text.size() - length);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return systemError(errno, path);
-        if (got == 0) break;
-        length += static_cast<std::size_t>(got);
+        const ssize_t count = read(descriptor, text.data() + length, text.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return systemError(errno, path);
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
     }
     if (length > maxKeyFileSize) return systemError(EFBIG, path);
     text.resize(length);
@@ -38,10 +38,10 @@ Result<std::string> readKeyFile(const std::string& path) {
 
 Status writeWhole(int descriptor, std::string_view text) {
     while (!text.empty()) {
-        const ssize_t wrote = write(descriptor, text.data(), text.size());
-        if (wrote < 0 && errno == EINTR) continue;
-        if (wrote < 0) return systemError(errno);
-        text.remove_prefix(static_cast<std::size_t>(wrote));
+        const ssize_t count = write(descriptor, text.data(), text.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return systemError(errno);
+        text.remove_prefix(static_cast<std::size_t>(count));
     }
     if (fsync(descriptor) != 0) return systemError(errno);
     return {};

@@ -14,7 +14,7 @@ CommandResult runKeygen(const std::string& name) {
     const auto fingerprint = makeKeyFiles(name);
     if (!fingerprint) return CommandError{fingerprint.error()};
     std::printf("%s\n", fingerprintText(*fingerprint).c_str());
-    return exitFine;
+    return exitSuccess;
 }
 
 }  // namespace

@@ -142,7 +142,7 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
 bool OutputSink::begin(const EntryHead& head) {
     path_ = head.path;
     if (head.type == EntryType::file) return true;
-    say(escapedName(head.path) + " is not a regular file");
+    report(escapedName(head.path) + " is not a regular file");
     return false;
 }
 
@@ -159,9 +159,9 @@ bool OutputSink::hole(std::uint64_t length) {
 
 bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
     incomplete_ = incomplete_ || tail.unreadable;
-    if (tail.unreadable) say(escapedName(path_) + ": " + incompleteText(EntryType::file, tail));
+    if (tail.unreadable) report(escapedName(path_) + ": " + incompleteText(EntryType::file, tail));
     if (!tail.contentOf || content(*this)) return true;
-    if (!std::ferror(stdout)) say("the content, which an earlier entry holds, cannot be read");
+    if (!std::ferror(stdout)) report("the content, which an earlier entry holds, cannot be read");
     return false;
 }
 
@@ -175,7 +175,7 @@ bool CheckSink::finish(const EntryTail& tail, const ContentReader&) {
     next_ = head_.number + 1;
     if (!tail.unreadable) return true;
     ++incomplete_;
-    say(archive_ + ": " + escapedName(entryName(head_.path)) + ": " + incompleteText(head_.type, tail));
+    report(archive_ + ": " + escapedName(entryName(head_.path)) + ": " + incompleteText(head_.type, tail));
     return true;
 }
 

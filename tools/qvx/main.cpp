@@ -35,11 +35,11 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? exitFine : exitUsage;
+        return app.exit(error) == 0 ? exitSuccess : exitUsage;
     }
     const CommandResult result = chosen();
     if (result) return *result;
-    say(result.error());
+    report(result.error());
     return result.error().status;
 }
 
@@ -60,9 +60,9 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
-        say("out of memory");
+        report("out of memory");
     } catch (const std::exception& error) {
-        say(escapedName(error.what()));
+        report(escapedName(error.what()));
     }
     return exitFailed;
 }

@@ -8,7 +8,7 @@
 
 namespace tarnwick::qvx {
 
-enum ExitStatus : int { exitFine = 0, exitFailed = 1, exitUsage = 2, exitOtherKey = 3 };
+enum ExitStatus : int { exitSuccess = 0, exitFailed = 1, exitUsage = 2, exitOtherKey = 3 };
 
 // Why a command ended. The program prints it and exits with the status.
 struct CommandError : Error {
@@ -17,12 +17,12 @@ struct CommandError : Error {
 using CommandResult = Result<ExitStatus, CommandError>;
 
 // Prints "qvx: MESSAGE" on standard error. Names from disk or from an archive must be passed through escapedName first.
-void say(const std::string& message);
+void report(const std::string& message);
 
 // The same for an error, whose subject it prints first, escaped.
-void say(const Error& error);
+void report(const Error& error);
 
-// Like say, followed by ": " and the text of an errno value.
-void sayError(const std::string& message, int error);
+// Like report, followed by ": " and the text of an errno value.
+void reportError(const std::string& message, int error);
 
 }  // namespace tarnwick::qvx

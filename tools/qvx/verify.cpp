@@ -11,11 +11,11 @@ namespace {
 
 // After the first damage, everything that can be found out about the rest. Salvage meets the first damage again.
 void reportOtherDamage(const std::string& archive, ArchiveReader& reader, const CommandError& first, CheckSink& sink) {
-    const auto report = [&](const ReadFault& fault) {
+    const auto reportFault = [&](const ReadFault& fault) {
         const auto error = archiveError(archive, fault);
-        if (error.text != first.text) say(error);
+        if (error.text != first.text) report(error);
     };
-    static_cast<void>(reader.salvage(sink, report));  // the sink never stops it
+    static_cast<void>(reader.salvage(sink, reportFault));  // the sink never stops it
 }
 
 CommandResult runVerify(const ArchiveOptions& options) {
@@ -25,14 +25,14 @@ CommandResult runVerify(const ArchiveOptions& options) {
     const auto outcome = (*reader)->readAll(sink);
     if (const ReadFault* fault = outcome.fault()) {
         const auto first = archiveError(options.archive, *fault);
-        say(first);
+        report(first);
         reportOtherDamage(options.archive, **reader, first, sink);
         return exitFailed;
     }
     if (sink.incomplete() > 0)
-        say(escapedName(options.archive) +
-            ": intact; entries incomplete when they were captured: " + std::to_string(sink.incomplete()));
-    return exitFine;
+        report(escapedName(options.archive) +
+               ": intact; entries incomplete when they were captured: " + std::to_string(sink.incomplete()));
+    return exitSuccess;
 }
 
 }  // namespace

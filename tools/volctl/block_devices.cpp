@@ -85,7 +85,7 @@ bool isDetachableDisk(const fs::path& folder) {
     return false;
 }
 
-bool isLeftOut(const fs::path& folder, const BlockDevice& device) {
+bool isIgnored(const fs::path& folder, const BlockDevice& device) {
     const auto& name = device.name;
     return device.number == 0 || device.size == 0 || attribute(folder, "hidden") == "1" || name.starts_with("ram") ||
            name.starts_with("zram");
@@ -114,7 +114,7 @@ std::optional<BlockDevice> readDevice(const fs::path& entry) {
     device.size = sectors > UINT64_MAX / sectorSize ? 0 : sectors * sectorSize;
     const bool partition = fs::exists(folder / "partition", error);
     if (partition) device.wholeDisk = deviceName(folder.parent_path());
-    if (isLeftOut(folder, device) || isBackinglessLoop(folder, device)) return std::nullopt;
+    if (isIgnored(folder, device) || isBackinglessLoop(folder, device)) return std::nullopt;
     device.mapName = attribute(folder / "dm", "name");
     device.mapUuid = attribute(folder / "dm", "uuid");
     device.lower = linkedDevices(folder / "slaves");

@@ -9,7 +9,7 @@ namespace tarnwick {
 
 namespace {
 
-Result<Volume> unlessLeftOut(const Volume& volume) {
+Result<Volume> unlessExcluded(const Volume& volume) {
     if (volume.exclusionReason.empty()) return volume;
     return Error{"left out: " + volume.exclusionReason, 0, volume.deviceIdentifier};
 }
@@ -36,7 +36,7 @@ Result<Volume> prebootFromDirectory(const Machine& machine, const std::vector<Vo
     const auto* mount = mountContaining(machine.mounts, folder);
     if (!mount) return Error{"cannot find the mount that contains it", 0, folder};
     auto volume = volumeOf(*mount, volumes);
-    if (!volume.exclusionReason.empty()) return unlessLeftOut(volume);
+    if (!volume.exclusionReason.empty()) return unlessExcluded(volume);
     // The content of the device says what format a user-space driver mounted.
     const auto& type = fileSystem(mount->type).isAnyFormat ? volume.fileSystem : mount->type;
     if (!allowsColons(type) || !allowsColons(volume.fileSystem))
@@ -91,7 +91,7 @@ Result<Volume> lookUpName(const std::vector<Volume>& volumes, const std::string&
             return Error{"more than one volume has this name; use the name of a device", 0, name};
         best = &volume;
     }
-    return best ? unlessLeftOut(*best) : Error{"no such volume; `volctl list` shows all volumes", 0, name};
+    return best ? unlessExcluded(*best) : Error{"no such volume; `volctl list` shows all volumes", 0, name};
 }
 
 }  // namespace
@@ -99,9 +99,9 @@ Result<Volume> lookUpName(const std::vector<Volume>& volumes, const std::string&
 Result<Volume> lookUpVolume(const Machine& machine, const std::vector<Volume>& volumes, const std::string& identifier) {
     if (!machine.settingsStatus) return machine.settingsStatus.error();
     if (identifier == "Preboot") return lookUpPreboot(machine, volumes);
-    if (const auto* volume = findByDevice(machine, volumes, identifier)) return unlessLeftOut(*volume);
+    if (const auto* volume = findByDevice(machine, volumes, identifier)) return unlessExcluded(*volume);
     if (const auto* volume = findByMountPoint(volumes, withoutTrailingSlashes(identifier)))
-        return unlessLeftOut(*volume);
+        return unlessExcluded(*volume);
     return lookUpName(volumes, identifier);
 }
 

@@ -26,15 +26,15 @@ bool isHiddenLayer(const BlockDevice& device) {
 }
 
 // The single device below, if this device shows all of it and nothing else; else null.
-const BlockDevice* shownBelow(const BlockDevices& devices, const BlockDevice& device) {
+const BlockDevice* soleLowerDevice(const BlockDevices& devices, const BlockDevice& device) {
     const bool shows = device.mapUuid.starts_with("CRYPT-") || !device.viewOf.empty();
     return shows && device.lower.size() == 1 ? findDevice(devices, device.lower.front()) : nullptr;
 }
 
 // The partition, logical volume or disk that `top` is built on, and every device between them, `top` first.
-std::vector<const BlockDevice*> downToGroup(const BlockDevices& devices, const BlockDevice& top) {
+std::vector<const BlockDevice*> deviceChain(const BlockDevices& devices, const BlockDevice& top) {
     std::vector<const BlockDevice*> chain{&top};
-    while (const auto* below = shownBelow(devices, *chain.back())) {
+    while (const auto* below = soleLowerDevice(devices, *chain.back())) {
         if (std::find(chain.begin(), chain.end(), below) != chain.end()) break;
         chain.push_back(below);
     }
@@ -119,7 +119,7 @@ public:
         for (auto& volume : volumes_) addMounts(volume);
         addUnknownRoot();
         assignRoles();
-        for (auto& volume : volumes_) leaveOutSpecialNames(volume);
+        for (auto& volume : volumes_) excludeSpecialNames(volume);
         sort();
         return std::move(volumes_);
     }
@@ -155,7 +155,7 @@ private:
     }
 
     void addDevice(const BlockDevice& top) {
-        const auto chain = downToGroup(machine_.devices, top);
+        const auto chain = deviceChain(machine_.devices, top);
         auto volume = volumeOn(chain);
         const auto& mounts = mounts_[top.name] = mountsOf(top);
         auto& evidence = evidence_[top.name];
@@ -279,7 +279,7 @@ private:
         volumes_.push_back(std::move(volume));
     }
 
-    static void leaveOutSpecialNames(Volume& volume) {
+    static void excludeSpecialNames(Volume& volume) {
         if (!volume.exclusionReason.empty()) return;
         if (!isPlainName(volume.mountPoint))
             volume.exclusionReason = "its mount point has a special character";
@@ -291,19 +291,19 @@ private:
     // volume of / comes first.
     void sort() {
         std::stable_sort(volumes_.begin(), volumes_.end(), [](const Volume& left, const Volume& right) {
-            const VersionOrder before;
-            return left.container != right.container ? before(left.container, right.container)
-                                                     : before(left.group, right.group);
+            const VersionOrder precedes;
+            return left.container != right.container ? precedes(left.container, right.container)
+                                                     : precedes(left.group, right.group);
         });
         const auto found = std::find_if(volumes_.begin(), volumes_.end(), isRoot);
         if (found == volumes_.end()) return;
         const auto root = *found;
-        const auto bringForward = [&](const auto& condition) {
+        const auto moveFirst = [&](const auto& condition) {
             std::stable_partition(volumes_.begin(), volumes_.end(), condition);
         };
-        bringForward(isRoot);
-        bringForward([&](const Volume& each) { return each.group == root.group; });
-        bringForward([&](const Volume& each) { return each.container == root.container; });
+        moveFirst(isRoot);
+        moveFirst([&](const Volume& each) { return each.group == root.group; });
+        moveFirst([&](const Volume& each) { return each.container == root.container; });
     }
 
     const Machine& machine_;
