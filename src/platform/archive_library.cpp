@@ -51,6 +51,7 @@ PathList* newPathList() { return new (std::nothrow) PathList; }
 
 PathList* pathListForPath(std::string_view directory, std::string_view path) {
     return guarded<PathList*>(nullptr, [&]() -> PathList* {
+        // Guarded: the path comes from a search of folders in which other users may replace a directory by a link.
         const auto entry = qvx::lookUpGuarded(directory, path);
         if (!entry) return nullptr;
         auto list = std::make_unique<PathList>();
@@ -92,6 +93,7 @@ int setContextFieldBlob(EncryptionContext* context, int field, int representatio
                         std::size_t length) {
     if (!context || field != contextFieldRecipient || representation != representationUncompressed) return -EINVAL;
     qvx::Point point{};
+    // Whether the point is on the curve is checked when the stream is opened.
     constexpr std::byte uncompressedForm{4};
     if (length != point.size() || bytes[0] != uncompressedForm) return -EINVAL;
     std::transform(bytes, bytes + length, point.begin(),
@@ -141,6 +143,7 @@ int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySe
     if (!archive || !list || !keys || directory != "/" || flags != 0 || workers != archive->workers) return -EINVAL;
     return guarded(-ENOMEM, [&] {
         auto written = archive->writer->write(*list, keys->fields, static_cast<unsigned>(workers));
+        // The caller expects a negative errno value, which not every error of the library has.
         if (!written) return written.error().code != 0 ? -written.error().code : -EIO;
         archive->incomplete = std::move(*written);
         return 0;
@@ -151,6 +154,7 @@ std::span<const IncompleteEntry> incompleteEntries(const ArchiveStream* archive)
     return archive ? std::span<const IncompleteEntry>(archive->incomplete) : std::span<const IncompleteEntry>();
 }
 
+// The writer belongs to the byte stream, which is closed after this.
 int closeArchiveStream(ArchiveStream* archive) {
     delete archive;
     return 0;
@@ -159,8 +163,10 @@ int closeArchiveStream(ArchiveStream* archive) {
 int closeByteStream(ByteStream* stream) {
     if (!stream) return 0;
     const std::unique_ptr<ByteStream> closed(stream);
+    // First, because its threads write to the file.
     closed->writer.reset();
     const int file = closed->file.release();
+    // A network file system may report only here that data could not be written.
     return file < 0 || ::close(file) == 0 ? 0 : -errno;
 }
 

@@ -9,6 +9,7 @@ ConsentState stateOf(bool choice) { return choice ? ConsentState::Granted : Cons
 }  // namespace
 
 ConsentDecision decideConsent(const PropertyListDictionary& record) {
+    // The seed key decides even if it denies and the other key allows.
     if (const auto seed = lookupBoolean(record, seedConsentKey)) return {stateOf(*seed), true};
     if (const auto choice = lookupBoolean(record, consentKey)) return {stateOf(*choice), false};
     return {};

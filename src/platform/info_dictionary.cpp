@@ -19,6 +19,7 @@ std::string_view embeddedText() {
     return start ? std::string_view(start, static_cast<std::size_t>(stop - start)) : std::string_view();
 }
 
+// The identifier becomes a component of a path.
 bool isPlainFileName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
            name.find('\0') == std::string_view::npos;

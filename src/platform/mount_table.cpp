@@ -22,6 +22,7 @@ std::string text(const char* value) { return value ? value : ""; }
 
 std::vector<MountEntry> readMountTable(const std::filesystem::path& mountinfo) {
     std::vector<MountEntry> entries;
+    // libmount decodes the octal escapes in which the kernel writes special characters of a path.
     const MountTable table(mnt_new_table_from_file(mountinfo.c_str()));
     const MountIterator iterator(mnt_new_iter(MNT_ITER_FORWARD));
     if (!table || !iterator) return entries;
@@ -33,6 +34,7 @@ std::vector<MountEntry> readMountTable(const std::filesystem::path& mountinfo) {
 
 Result<std::uint64_t> mountIdOf(int folder, const char* name) {
     struct statx status {};
+    // AT_NO_AUTOMOUNT: a question about a file must not mount anything.
     if (::statx(folder, name, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0)
         return systemError(errno);
     if ((status.stx_mask & STATX_MNT_ID) == 0) return systemError(ENOSYS);  // a kernel before 5.8

@@ -43,6 +43,7 @@ bool isP256(const EVP_PKEY* key) {
            std::string_view(group) == "prime256v1";
 }
 
+// The key decides the algorithm. The catalog has no field for it that an attacker could change.
 AssetStatus verifySignature(const SignedCatalog& received, const std::string& publicKey) {
     const auto key = readPublicKey(publicKey);
     const bool isEd25519 = key && EVP_PKEY_is_a(key.get(), "ED25519");
@@ -77,6 +78,7 @@ std::optional<std::int64_t> readVersion(const PropertyListDictionary& dictionary
     return findValue(dictionary, key) ? readNumber(dictionary, key) : 0;
 }
 
+// Lower case only, because digests are compared as texts.
 bool isSha256Text(std::string_view text) {
     return text.size() == 64 &&
            std::all_of(text.begin(), text.end(), [](char c) { return isOneOf(c, "0123456789abcdef"); });
@@ -94,6 +96,7 @@ AssetResult<AssetFile> parseFile(const PropertyListValue& value) {
 }
 
 // Whether a path occurs twice, or is both a file and a folder.
+// With such paths, the order of the files would decide what is installed.
 bool pathsCollide(const std::vector<AssetFile>& files) {
     std::set<std::string_view> paths;
     for (const auto& file : files)
@@ -132,11 +135,13 @@ std::optional<std::chrono::sys_seconds> readExpiry(const PropertyListDictionary&
 
 }  // namespace
 
+// The type becomes a folder of the store. Names with a leading dot are those of the store itself.
 bool acceptableAssetType(std::string_view type) {
     return !type.empty() && type.size() <= maxNameLength && type.front() != '.' &&
            std::ranges::all_of(type, [](char c) { return isAlphanumeric(c) || isOneOf(c, "._-"); });
 }
 
+// Root creates a file at this path, so no component may lead out of the folder of the asset.
 bool acceptableAssetPath(std::string_view path) {
     if (path.size() > maxPathLength || std::any_of(path.begin(), path.end(), isControl)) return false;
     for (;;) {
@@ -148,6 +153,7 @@ bool acceptableAssetPath(std::string_view path) {
 }
 
 AssetResult<AssetCatalog> readCatalog(const SignedCatalog& received, const std::string& publicKey) {
+    // Before the parser runs: it sees only bytes that the publisher has signed.
     const auto verified = verifySignature(received, publicKey);
     if (!verified) return verified.error();
     return parseCatalog(received.bytes);

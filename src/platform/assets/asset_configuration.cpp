@@ -27,6 +27,7 @@ Url parseUrl(const std::string& text) {
     return url;
 }
 
+// No name server is asked: libcurl itself maps "localhost" to the loopback address.
 bool isLoopback(const std::string& host) {
     in_addr address{};
     if (inet_pton(AF_INET, host.c_str(), &address) == 1) return ntohl(address.s_addr) >> 24 == 127;
@@ -48,6 +49,7 @@ AssetResult<AssetConfiguration> readAssetConfiguration(const std::filesystem::pa
     const auto* url = dictionary ? findValueAs<std::string>(*dictionary, "CatalogURL") : nullptr;
     const auto* key = dictionary ? findValueAs<std::string>(*dictionary, "CatalogKey") : nullptr;
     if (!url || !key || !acceptableUrl(*url)) return AssetError::configurationUnusable;
+    // A user who could replace the key could sign a catalog.
     const auto keyFile = openTrustedFile(*key);
     const auto keyText = keyFile ? readToEnd(*keyFile, maxKeyFileSize) : keyFile.error();
     if (!keyText || keyText->empty()) return AssetError::keyUnusable;
@@ -66,6 +68,7 @@ std::optional<std::string> resolveUrl(const std::string& base, const std::string
     if (!url || curl_url_set(url.get(), CURLUPART_URL, reference.c_str(), CURLU_URLENCODE) != CURLUE_OK)
         return std::nullopt;
     const auto resolved = partOf(url, CURLUPART_URL);
+    // A catalog must not make root read local files (file:), nor leave TLS (http:).
     if (!acceptable(url) || !sameScheme(base, resolved)) return std::nullopt;
     return resolved;
 }

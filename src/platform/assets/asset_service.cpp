@@ -24,6 +24,7 @@ constexpr auto catalogTime = 12s;  // for each of the catalog's two files
 constexpr auto assetTime = 1500s;  // for each file of an asset
 constexpr auto shutdownTime = 1s;
 
+// Shorter than the total time: otherwise the rate would never be checked.
 std::chrono::seconds rateWindowFor(std::chrono::seconds total) { return std::min(total * 3 / 4, 15s); }
 
 TransferLimits limitsFor(std::uint64_t bytes, AssetError whenLarger, std::chrono::seconds total) {
@@ -67,6 +68,8 @@ AssetStatus refreshCatalog(const AssetServicePlaces& places, const std::stop_tok
     if (!received) return received.error();
     const auto catalog = readCatalog(*received, configuration->catalogKey);
     if (!catalog) return catalog.error();
+    // An attacker may replay an old catalog with a valid signature. The expiry limits how old it can be, and the store
+    // refuses a lower serial number.
     if (hasExpired(*catalog)) return AssetError::catalogExpired;
     return AssetStore(places.store).storeCatalog(*received, catalog->serial);
 }
@@ -85,6 +88,7 @@ AssetStatus downloadAsset(const AssetServicePlaces& places, const Asset& asset, 
     const auto configuration = readAssetConfiguration(places.configuration);
     if (!configuration) return configuration.error();
     const AssetStore store(places.store);
+    // Its destructor removes the files when a download fails.
     auto staged = store.stage(asset.type);
     if (!staged) return staged.error();
     for (const auto& file : asset.files)
@@ -150,6 +154,7 @@ struct AssetService::Work {
     }
 
     [[nodiscard]] AssetStatus perform(const Job& job) const {
+        // Requests that are still in the queue are answered, too, but not begun.
         if (stop.stop_requested()) return AssetError::stopped;
         try {
             return job(stop.get_token());
@@ -176,6 +181,7 @@ AssetService::AssetService(AssetServicePlaces places) : places_(std::move(places
 AssetService::~AssetService() {
     if (!thread_.joinable()) return;
     work_->stop.request_stop();
+    // A system call on a dead network file system may never return, and must not keep the process from ending.
     std::unique_lock lock(work_->mutex);
     const bool ended = work_->changed.wait_for(lock, shutdownTime, [this] { return work_->ended; });
     lock.unlock();
@@ -195,6 +201,7 @@ void AssetService::submit(Job job, CompletionCallback done) {
     try {
         thread_ = std::thread([work = work_] { work->run(); });
     } catch (const std::system_error&) {  // no thread could be started
+        // Each request gets one answer; without a thread, it is given here.
         work_->next()->done(static_cast<std::int64_t>(AssetError::transferFailed));
     }
 }

@@ -76,6 +76,7 @@ bool syncFolder(const fs::path& folder) {
 // Syncs `folder` and every folder below it. The files were synced when they were written.
 bool syncFolders(const fs::path& folder) {
     bool synced = syncFolder(folder);
+    // May throw if the folder is changed meanwhile; the service turns that into an error.
     for (const auto& entry : fs::recursive_directory_iterator(folder))
         if (entry.is_directory()) synced = syncFolder(entry.path()) && synced;
     return synced;
@@ -96,6 +97,7 @@ bool replaceFile(const fs::path& path, std::string_view bytes) {
            syncFolder(path.parent_path());
 }
 
+// A process that is killed releases its lock, so no lock file can be left that blocks the others.
 FileDescriptor lockStore(const fs::path& root) {
     const auto path = root / ".lock";
     FileDescriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -119,6 +121,7 @@ Folder inspectFolder(const fs::path& path) {
 
 bool makeFolder(const fs::path& path) {
     if (::mkdir(path.c_str(), 0755) != 0) return errno == EEXIST;
+    // The name of a new folder is on disk only when its parent is synced.
     return syncFolder(path.parent_path());
 }
 
@@ -164,6 +167,7 @@ AssetResult<FileDescriptor> openBelow(const fs::path& root, std::string_view pat
 }
 
 bool fileIsComplete(const fs::path& folder, const AssetFile& expected) {
+    // O_NONBLOCK: a FIFO must not block. The check of the kind follows.
     const auto file = openBelow(folder, expected.path, O_RDONLY | O_NONBLOCK);
     struct stat status {};
     if (!file || ::fstat(file->get(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -251,13 +255,16 @@ StagedAsset::~StagedAsset() {
     if (lock_) fs::remove_all(folder_, ignored);
 }
 
-AssetStatus StagedAsset::addFile(const AssetFile& file, const std::function<AssetStatus(const ByteSink&)>& transfer) {
+AssetStatus StagedAsset::addFile(const AssetFile& file,
+                                   const std::function<AssetStatus(const ByteSink&)>& transfer) {
+    // O_EXCL: a file that is there already is not of this download.
     auto out = openBelow(folder_ / "content", file.path, O_WRONLY | O_CREAT | O_EXCL);
     if (!out) return out.error();
     Sha256 digest;
     std::uint64_t size = 0;
     const auto received = transfer([&](std::string_view bytes) -> AssetStatus {
         size += bytes.size();
+        // Before the write, so that a server cannot fill the disk.
         if (size > file.size) return AssetError::fileSizeWrong;
         digest.add(bytes);
         return statusOf(writeAll(out->get(), bytes));
@@ -332,6 +339,7 @@ AssetResult<StagedAsset> AssetStore::stage(const std::string& type) const {
 AssetStatus AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     const auto lock = lockStore(root_);
     if (!lock) return AssetError::storeFailed;
+    // Under the lock: another process may have installed a version since this download began.
     auto listed = listInstalled(asset.type);
     if (!listed) return listed.error();
     auto& installed = *listed;
@@ -347,6 +355,8 @@ AssetStatus AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     const auto content = staged.folder_ / "content";
     if (!syncFolders(content) || ::rename(content.c_str(), place.c_str()) != 0 || !syncFolder(place.parent_path()))
         return AssetError::storeFailed;
+    // Renamed into the staging folder, whose destructor removes them: no version is ever half removed. The new version
+    // counts as one of maxVersions.
     std::erase(installed, asset.version);
     for (std::size_t oldest = 0; oldest + maxVersions <= installed.size(); ++oldest) {
         const auto name = nameOf(installed[oldest]);

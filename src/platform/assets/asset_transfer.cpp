@@ -35,6 +35,7 @@ struct Exchange {
 
     bool receive(std::string_view bytes) {
         if (isRedirect()) return true;  // the body of a redirect is a page for people
+        // Counted here, because a server need not state a length.
         received += bytes.size();
         accepted = received > limits.bytes ? limits.whenLarger : sink(bytes);
         return static_cast<bool>(accepted);
@@ -52,6 +53,7 @@ extern "C" std::size_t tarnwickReceiveBytes(char* bytes, std::size_t size, std::
 
 // The curl command reads these variables, the library does not.
 void setAuthorities(CURL* easy) {
+    // CURL_CA_BUNDLE is set last, because the command prefers it to SSL_CERT_FILE.
     if (const auto* folder = std::getenv("SSL_CERT_DIR")) curl_easy_setopt(easy, CURLOPT_CAPATH, folder);
     if (const auto* file = std::getenv("SSL_CERT_FILE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
     if (const auto* file = std::getenv("CURL_CA_BUNDLE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
@@ -65,6 +67,7 @@ void setOptions(Exchange& exchange, const std::string& url) {
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, url.substr(0, url.find(':')).c_str());
     curl_easy_setopt(easy, CURLOPT_USERAGENT, "tarnwick");
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);  // signals belong to the main thread
+    // Otherwise the page that explains an HTTP error would be received as the content.
     curl_easy_setopt(easy, CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.totalTime.count()));
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, limits.minimumRate);
@@ -101,6 +104,7 @@ AssetStatus perform(CURL* easy, const std::stop_token& stop) {
     if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return AssetError::transferFailed;
     AssetStatus result = AssetError::stopped;
     {
+        // Its destructor waits for a call that is in progress, so none can reach `multi` after this block.
         const std::stop_callback wake(stop, [&multi] { curl_multi_wakeup(multi.get()); });
         for (int running = 0; !stop.stop_requested();) {
             auto healthy = curl_multi_perform(multi.get(), &running) == CURLM_OK;
@@ -137,6 +141,7 @@ AssetStatus fetchUrl(const std::string& url, const TransferLimits& limits, const
         if (!exchange.easy) return AssetError::transferFailed;
         setOptions(exchange, next);
         const auto result = perform(exchange.easy.get(), stop);
+        // First: libcurl reports a refused body only as a failed write.
         if (!exchange.accepted) return exchange.accepted;
         if (!result || !exchange.isRedirect()) return result;
         const auto target = redirectTarget(exchange, next);

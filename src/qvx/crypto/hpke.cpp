@@ -26,6 +26,7 @@ using Params = std::unique_ptr<OSSL_PARAM, FreeWith<OSSL_PARAM_free>>;
 using Kdf = std::unique_ptr<EVP_KDF, FreeWith<EVP_KDF_free>>;
 using KdfContext = std::unique_ptr<EVP_KDF_CTX, FreeWith<EVP_KDF_CTX_free>>;
 
+// The numbers of DHKEM(P-256, HKDF-SHA256) and HKDF-SHA256 in RFC 9180, section 7.
 constexpr std::uint16_t kemId = 0x0010;
 constexpr std::uint16_t kdfId = 0x0001;
 
@@ -61,6 +62,7 @@ OSSL_PARAM octets(const char* name, Bytes bytes) {
 }
 
 bool hkdf(int mode, Bytes salt, Bytes key, Bytes info, MutableBytes out) {
+    // Fetched once: a fetch searches the providers.
     static const Kdf kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr));
     const KdfContext context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
     if (!context) return false;
@@ -88,6 +90,7 @@ public:
         return hkdf(EVP_KDF_HKDF_MODE_EXTRACT_ONLY, salt, labeled.bytes(), {}, out);
     }
 
+    // The buffer contains nothing secret here, so it may grow: the key is passed on its own.
     bool expand(Bytes key, std::string_view label, Bytes info, MutableBytes out) const {
         Secret labeled;
         labeled.append16(out.size());
@@ -124,6 +127,7 @@ LabeledKdf scheduleKdf(Aead aead) {
 
 std::size_t keySize(Aead aead) { return aead == Aead::aes128Gcm ? 16 : 32; }
 
+// The shared secret is an x-coordinate of P-256, 32 bytes. Another length would mean a key of another curve.
 bool diffieHellman(EVP_PKEY* own, EVP_PKEY* peer, MutableBytes shared) {
     const Context context(EVP_PKEY_CTX_new_from_pkey(nullptr, own, nullptr));
     std::size_t size = shared.size();
@@ -185,13 +189,16 @@ KeyHandle keyFromParts(Bytes point, const BIGNUM* scalar) {
 bool startCipherLibrary() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
 
 KeyHandle publicKeyFromPoint(Bytes point) {
+    // The format has points in uncompressed form only.
     if (point.size() != Point{}.size() || point[0] != 0x04) return nullptr;
     KeyHandle key = keyFromParts(point, nullptr);
     const Context context(key ? EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr) : nullptr);
+    // A point that is not on the curve could reveal bits of the private key (RFC 9180, section 7.1.4).
     if (!context || EVP_PKEY_public_check(context.get()) != 1) return nullptr;
     return key;
 }
 
+// OpenSSL imports a private key without its public point as it is, and HPKE needs the point. So it is computed here.
 KeyHandle privateKeyFromScalar(const Scalar& scalar) {
     const CurveGroup group(EC_GROUP_new_by_curve_name(NID_X9_62_prime256v1));
     const BigNumber number(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
@@ -231,6 +238,7 @@ std::optional<Point> publicPointOf(EVP_PKEY* key) {
 
 HpkeKeys::~HpkeKeys() { OPENSSL_cleanse(key.data(), key.size()); }
 
+// Each archive must have an ephemeral key of its own: sequence numbers, and so nonces, repeat in every archive.
 std::optional<HpkeSender> hpkeSend(Aead aead, EVP_PKEY* recipient, EVP_PKEY* ephemeral, Bytes info) {
     const auto recipientPoint = publicPointOf(recipient);
     const auto encapsulated = publicPointOf(ephemeral);
@@ -256,10 +264,12 @@ HpkeCipher::HpkeCipher(const HpkeKeys& keys, Direction direction)
     const EVP_CIPHER* kind = keys.aead == Aead::aes128Gcm ? EVP_aes_128_gcm() : EVP_aes_256_gcm();
     if (!cipher_ || EVP_CipherInit_ex(cipher_.get(), kind, nullptr, keys.key.data(), nullptr,
                                       direction == Direction::seal ? 1 : 0) != 1)
+        // AES-GCM is part of every OpenSSL, so only memory can be missing.
         throw std::bad_alloc();
 }
 
-// The nonce of a message is the base nonce XOR its sequence number (RFC 9180, section 5.2).
+// The nonce of a message is the base nonce XOR its sequence number (RFC 9180, section 5.2). Null pointers and -1 keep
+// cipher, key and direction, so that the key is not expanded again for each block.
 bool HpkeCipher::start(std::uint64_t sequence, Bytes additional) {
     auto nonce = baseNonce_;
     for (std::size_t i = 0; i < 8; ++i) nonce[nonce.size() - 1 - i] ^= static_cast<std::uint8_t>(sequence >> (8 * i));
@@ -269,6 +279,7 @@ bool HpkeCipher::start(std::uint64_t sequence, Bytes additional) {
                1;
 }
 
+// GCM is a stream cipher: it works in place, and the output has the length of the input.
 bool HpkeCipher::run(MutableBytes message) {
     int length = 0;
     return EVP_CipherUpdate(cipher_.get(), message.data(), &length, message.data(), static_cast<int>(message.size())) ==
@@ -287,13 +298,14 @@ bool HpkeCipher::seal(std::uint64_t sequence, Bytes additional, MutableBytes mes
 
 bool HpkeCipher::open(std::uint64_t sequence, Bytes additional, MutableBytes message,
                       std::span<const std::uint8_t, tagSize> tag) {
-    // A copy, because OpenSSL takes the tag through a pointer that is not const.
+    // A copy, because OpenSSL has no const in the type of this argument.
     std::array<std::uint8_t, tagSize> expected{};
     std::copy(tag.begin(), tag.end(), expected.begin());
     std::uint8_t unused = 0;
     int length = 0;
     return direction_ == Direction::open && start(sequence, additional) && run(message) &&
            EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tagSize), expected.data()) == 1 &&
+           // The tag is compared only here. Until then, the decrypted bytes may be forged.
            EVP_CipherFinal_ex(cipher_.get(), &unused, &length) == 1;
 }
 

@@ -52,7 +52,9 @@ Error unreadable(std::string_view pem, const PassphraseRequest& request) {
 }  // namespace
 
 Result<KeyHandle> parsePrivateKey(std::string_view pem, const PassphraseSource& passphrase) {
+    // BIO_new_mem_buf has an int for the length.
     if (pem.size() > INT_MAX) return notAKey();
+    // The BIO reads from `pem` and makes no copy of the key that would have to be wiped.
     const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
     PassphraseRequest request{passphrase, std::nullopt};
     KeyHandle key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, providePassphrase, &request) : nullptr);

@@ -60,11 +60,14 @@ std::string sshKeyLine(const Point& point) { return std::string(keyType) + ' ' +
 std::optional<Point> parseSshKeyLine(std::string_view line) {
     if (!line.starts_with(keyType) || line.substr(keyType.size(), 1) != " ") return std::nullopt;
     const auto base64 = line.substr(keyType.size() + 1, base64Size);
+    // What follows the key: a comment, the end of the line (`next` is then empty, which find() accepts), or damage.
     const auto next = line.substr(keyType.size() + 1 + base64.size()).substr(0, 1);
     if (base64.size() != base64Size || !std::all_of(base64.begin(), base64.end(), isBase64Character) ||
         std::string_view(" \t\r\n").find(next) == std::string_view::npos)
         return std::nullopt;
 
+    // EVP_DecodeBlock skips white space at both ends, and the point would then begin at another byte. The check above
+    // allows none.
     std::array<std::uint8_t, base64Size / 4 * 3> decoded{};
     if (EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char*>(base64.data()), base64Size) < 0)
         return std::nullopt;

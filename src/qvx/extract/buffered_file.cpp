@@ -9,6 +9,7 @@ void BufferedFile::begin(int directory, const EntryHead& head) {
 }
 
 Status BufferedFile::append(Bytes bytes) {
+    // A content that has begun on disk continues there, so that its bytes stay in order.
     if (isInMemory() && content_.size() + bytes.size() <= maxMemory) {
         content_.insert(content_.end(), bytes.begin(), bytes.end());
         return {};
@@ -17,6 +18,7 @@ Status BufferedFile::append(Bytes bytes) {
     return temporary_.append(bytes);
 }
 
+// Only a file can have a hole: in memory, its zeros would need space, and a hole may be larger than any memory.
 Status BufferedFile::appendHole(std::uint64_t length) {
     if (auto made = writeOut(); !made) return made;
     temporary_.appendHole(length);
@@ -26,6 +28,7 @@ Status BufferedFile::appendHole(std::uint64_t length) {
 Status BufferedFile::writeOut() {
     if (temporary_.exists()) return {};
     if (auto made = temporary_.create(directory_, *head_); !made) return made;
+    // Moved out, so that the memory is free when the file has the bytes.
     const std::vector<std::uint8_t> content = std::move(content_);
     content_.clear();
     return temporary_.append(content);

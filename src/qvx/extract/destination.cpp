@@ -10,6 +10,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
+// An archive may contain a link and then an entry below it, to write outside of the destination. So a link is refused
+// in every component.
 FileDescriptor openDirectory(int directory, const std::string& name) {
     return FileDescriptor(openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
@@ -17,6 +19,7 @@ FileDescriptor openDirectory(int directory, const std::string& name) {
 FileDescriptor makeDirectory(int directory, const std::string& name) {
     FileDescriptor opened = openDirectory(directory, name);
     if (opened || errno != ENOENT) return opened;
+    // Another program may make it first: then it is opened, and checked, like one that was there before.
     if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) return {};
     return openDirectory(directory, name);
 }
@@ -32,6 +35,7 @@ Error openError(int code, std::string_view path) {
 std::string Destination::nameOf(std::string_view path) { return std::string(path.substr(path.rfind('/') + 1)); }
 
 std::string_view Destination::parentPathOf(std::string_view path) {
+    // Without a slash, rfind() gives npos, and npos + 1 is 0.
     return path.substr(0, std::max(path.rfind('/') + 1, std::size_t{1}) - 1);
 }
 

@@ -8,6 +8,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
+// The metadata of all directories is in memory until the end, and each may have attributes of up to 2 MiB.
 constexpr std::size_t maxAttributeMemory = 64U << 20;
 
 bool isDirectory(int parent, const std::string& name) {

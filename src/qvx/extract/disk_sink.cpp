@@ -14,10 +14,12 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t maxNameLength = 255;
+// Ends the search for a free name in a directory that somebody has filled with such names.
 constexpr int maxIncompleteNames = 999;  // of one file
 
 // Replaces what has the name, except a directory.
 Status makeDirectory(int parent, const std::string& name) {
+    // Only for this user: its final mode is set when the extraction ends.
     const auto make = [&] { return mkdirat(parent, name.c_str(), 0700) == 0; };
     if (make()) return {};
     struct stat status {};
@@ -78,6 +80,7 @@ void DiskSink::finishDirectories() {
 }
 
 Status DiskSink::beginEntry() {
+    // A writer thread would otherwise create an earlier file of this path, or of one above it, after this entry.
     if (pending_.conflictWith(head_.path)) waitForPending();
     const auto parent = destination_.makeParent(head_.path);
     if (!parent) return parent.error();
@@ -95,6 +98,7 @@ Status DiskSink::finishEntry(const EntryTail& tail, const ContentReader& content
 
 Status DiskSink::finishLink(const EntryTail& tail) {
     if (linkTarget_.empty()) return Error{"the link has no target"};
+    // symlink(2) would end the target at the zero byte.
     if (linkTarget_.find('\0') != std::string::npos) return Error{"the target of the link is malformed"};
     if (auto made = file_.temporary().create(parent_, head_, &linkTarget_); !made) return made;
     return commit(tail);
@@ -102,7 +106,7 @@ Status DiskSink::finishLink(const EntryTail& tail) {
 
 // An earlier entry holds the content, or is the same inode.
 Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& content) {
-    waitForPending();
+    waitForPending();  // the file with the content may still be in the queue
     // When a path is listed twice, writing the same file again would change nothing.
     if (extracted_.pathOf(*tail.contentOf) == head_.path && extracted_.isInPlace(parent_, name_, head_, tail)) {
         extracted_.add(head_.number, head_.path);
@@ -116,7 +120,9 @@ Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& con
 Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content) {
     TemporaryFile& file = file_.temporary();
     if (auto made = file.create(parent_, head_); !made) return made;
+    // From the file that was extracted earlier, so that its blocks need not be opened again.
     if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
+    // What was copied is of no use: begin again with an empty file, from the archive.
     if (auto made = file.create(parent_, head_); !made) return made;
     DigestingSink sink(run_, &file);
     if (content(sink) || run_.interrupted()) return {};
@@ -124,6 +130,7 @@ Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content
 }
 
 Status DiskSink::submitToWriters(const EntryTail& tail) {
+    // The file is registered before it exists: finishReference() waits for the writers before it uses it.
     pending_.add(head_.path);
     extracted_.add(head_.number, head_.path);
     writers_.add(parent_, destination_.keepOpen(), {name_, head_, tail, file_.releaseContent()});
@@ -133,6 +140,7 @@ Status DiskSink::submitToWriters(const EntryTail& tail) {
 Status DiskSink::commit(const EntryTail& tail) {
     if (auto finished = file_.temporary().finish(tail); !finished) return finished;
     if (auto renamed = file_.temporary().rename(name_); !renamed) return renamed;
+    // After the rename: only now does the path lead to the content.
     if (head_.type == EntryType::file) extracted_.add(head_.number, head_.path);
     return {};
 }

@@ -25,11 +25,14 @@ std::optional<std::string_view> ExtractedFiles::pathOf(std::uint64_t number) con
     return std::string_view(text_).substr(begin, found->end - begin);
 }
 
+// The digest is checked, and the link is made, through one descriptor. It does not matter if somebody replaces the name
+// in the meantime.
 bool ExtractedFiles::link(std::uint64_t number, const EntryTail& tail, int directory, TemporaryFile& file) {
     const FileDescriptor source = open(number);
     return hasContent(source, tail) && file.link(directory, source.get());
 }
 
+// The digest is compared after the copy. If it differs, the file has changed since it was extracted.
 bool ExtractedFiles::copy(std::uint64_t number, const EntryTail& tail, TemporaryFile& file) {
     const FileDescriptor source = open(number);
     DigestingSink sink(run_, &file);
@@ -44,12 +47,14 @@ bool ExtractedFiles::isInPlace(int directory, const std::string& name, const Ent
            head.modified == nanoseconds(status.st_mtim) && hasContent(file, tail);
 }
 
+// Opened by its path again: a descriptor for each extracted file would exceed the limit of open files.
 FileDescriptor ExtractedFiles::open(std::uint64_t number) {
     const auto path = pathOf(number);
     const auto parent = path ? destination_.openParent(*path) : Error{};
     return parent ? openRegularFile(*parent, Destination::nameOf(*path)) : FileDescriptor();
 }
 
+// Without a digest, nothing shows that the file is still the one that was extracted.
 bool ExtractedFiles::hasContent(const FileDescriptor& file, const EntryTail& tail) const {
     DigestingSink sink(run_);
     return file && tail.digest && readFile(file.get(), sink, *tail.digest);

@@ -18,6 +18,7 @@ constexpr std::size_t bufferSize = 1048576;
 off_t seek(int file, off_t at, int whence, off_t fallback, off_t size) {
     const off_t found = lseek(file, at, whence);
     if (found >= 0) return found;
+    // ENXIO: no data after `at`, so the rest is a hole.
     return errno == ENXIO ? size : fallback;
 }
 
@@ -25,6 +26,7 @@ bool readData(int file, off_t begin, off_t end, MutableBytes buffer, EntrySink& 
     for (off_t at = begin; at < end;) {
         const auto length = std::min(buffer.size(), static_cast<std::size_t>(end - at));
         const ssize_t count = pread(file, buffer.data(), length, at);
+        // 0: the file has become shorter.
         if (count <= 0 || !sink.data(buffer.first(static_cast<std::size_t>(count)))) return false;
         at += count;
     }
@@ -47,6 +49,7 @@ bool readAll(int file, EntrySink& sink) {
 }  // namespace
 
 FileDescriptor openRegularFile(int directory, const std::string& name) {
+    // O_NONBLOCK: a FIFO that somebody has put there must not block the extraction.
     FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) return {};

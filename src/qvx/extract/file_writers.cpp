@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::size_t maxBatchFiles = 128;
 constexpr std::size_t maxBatchBytes = 1048576;
+// And the one that is being filled: 8 MiB together.
 constexpr std::size_t maxBatches = 7;
 
 std::size_t maxThreads() {
@@ -40,6 +41,8 @@ FileWriters::~FileWriters() {
 void FileWriters::add(int directory, std::shared_ptr<const void> owner, SmallFile file) {
     const std::size_t size = file.content.size() + attributeMemory(file.tail);
     const bool full = batch_.files.size() == maxBatchFiles || batch_.bytes + size > maxBatchBytes;
+    // A batch has one directory, so that the order of its files is the order of entries, and one thread at a time works
+    // in a directory.
     if (full || batch_.directory != directory) submitBatch();
     batch_.directory = directory;
     batch_.owner = std::move(owner);
@@ -59,6 +62,7 @@ void FileWriters::submitBatch() {
     writeUntil([this] { return batches_.size() < maxBatches; }, lock, temporary_);
     batches_.push_back(std::exchange(batch_, {}));
     changed_.notify_all();
+    // No more threads than batches, so that a small archive starts few.
     if (threads_.size() < maxThreads() && threads_.size() < batches_.size()) startThread();
 }
 
@@ -78,6 +82,7 @@ void FileWriters::runThread() {
     writeUntil([this] { return closed_; }, lock, temporary);
 }
 
+// The caller does not only wait for the threads: it writes batches until the condition is true.
 template <typename Condition>
 void FileWriters::writeUntil(Condition condition, Lock& lock, TemporaryFile& temporary) {
     while (!condition())
@@ -91,6 +96,7 @@ bool FileWriters::writeNextBatch(Lock& lock, TemporaryFile& temporary) {
     batch->started = true;
     lock.unlock();
     for (const auto& file : batch->files)
+        // After an interruption, the remaining files are dropped.
         if (!run_.interrupted()) writeFile(file, batch->directory, temporary);
     lock.lock();
     batches_.erase(batch);

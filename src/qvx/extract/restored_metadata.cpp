@@ -62,6 +62,7 @@ DiskEntry makeEntry(const std::string& name, const EntryHead& head) {
     if (!entry) throw std::bad_alloc();
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_filetype(entry.get(), fileType(head.type));
+    // If the archive has no mode or owner, the file belongs to this user, and nobody else has access.
     archive_entry_set_perm(entry.get(), head.mode.value_or(head.type == EntryType::file ? 0600 : 0700));
     archive_entry_set_uid(entry.get(), head.userId.value_or(geteuid()));
     archive_entry_set_gid(entry.get(), head.groupId.value_or(getegid()));
@@ -122,6 +123,7 @@ std::size_t attributeMemory(const EntryTail& tail) {
 DiskWriter newDiskWriter(int flags) {
     DiskWriter writer(archive_write_disk_new());
     if (!writer) throw std::bad_alloc();
+    // The kernel allows only root to give a file away.
     const int owner = privileges().owner ? ARCHIVE_EXTRACT_OWNER : 0;
     archive_write_disk_set_options(writer.get(), flags | owner | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME);
     return writer;
@@ -144,6 +146,7 @@ void restoreAttributes(ExtractionRun& run, const EntryHead& head, const FileDesc
     if (tail.attributes)
         for (const auto& attribute : *tail.attributes)
             if (isRestored(attribute)) writer.setAttribute(attribute);
+    // The kernel has no access control lists for links.
     if (head.type == EntryType::link) return;
     const auto lists = tail.accessLists.value_or(AccessLists{});
     writer.setList(lists.access, ACL_TYPE_ACCESS, "system.posix_acl_access");
@@ -152,6 +155,7 @@ void restoreAttributes(ExtractionRun& run, const EntryHead& head, const FileDesc
 }
 
 void restoreDirectory(ExtractionRun& run, const std::string& name, const EntryHead& head, const EntryTail& tail) {
+    // A name that has become a link in the meantime is refused, not followed.
     const FileDescriptor file(open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!file) return run.warn(systemError(errno, head.path));
     restoreAttributes(run, head, file, tail);

@@ -27,6 +27,7 @@ Status TemporaryFile::create(int directory, const EntryHead& head, const std::st
     linked_ = false;
     directory_ = directory;
     head_ = head;
+    // libarchive creates files by name, and has no call that takes a descriptor of the directory.
     if (fchdir(directory) != 0) return systemError(errno, head.path);
     // The name contains no directory that could be a link.
     if (!writer_) writer_ = newDiskWriter(ARCHIVE_EXTRACT_NO_OVERWRITE);
@@ -53,6 +54,7 @@ Status TemporaryFile::link(int directory, int source) {
     directory_ = directory;
     const std::string name = randomName();
     const std::string place = "/proc/self/fd/" + std::to_string(source);
+    // By way of /proc, because AT_EMPTY_PATH needs a privilege that users do not have.
     if (linkat(AT_FDCWD, place.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) != 0) return systemError(errno);
     name_ = name;
     return {};
@@ -82,6 +84,8 @@ Status TemporaryFile::finish(const EntryTail& tail) {
     const int result = archive_write_finish_entry(writer_.get());
     if (result < ARCHIVE_WARN) return writeError();
     if (result < ARCHIVE_OK) run_.warn(writerError(writer_.get(), "metadata not restored", head_.path));
+    // After owner and mode: chown(2) removes file capabilities, and chmod(2) changes the mask of an access control
+    // list.
     if (file_) {
         restoreAttributes(run_, head_, file_, tail);
     } else {
@@ -92,6 +96,7 @@ Status TemporaryFile::finish(const EntryTail& tail) {
 
 Status TemporaryFile::rename(const std::string& name) {
     int result = renameat(directory_, name_.c_str(), directory_, name.c_str());
+    // rename(2) replaces no directory by a file. An empty one is removed, as a file of that name would be.
     if (result != 0 && errno == EISDIR && unlinkat(directory_, name.c_str(), AT_REMOVEDIR) == 0)
         result = renameat(directory_, name_.c_str(), directory_, name.c_str());
     return renamed(result);
@@ -110,6 +115,7 @@ Status TemporaryFile::renamed(int result) {
 }
 
 void TemporaryFile::discard() {
+    // The disk writer must close its file before it can begin the next one.
     if (open_) archive_write_finish_entry(writer_.get());
     open_ = false;
     if (exists()) unlinkat(directory_, name_.c_str(), 0);

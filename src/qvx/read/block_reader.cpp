@@ -11,6 +11,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
+// Bounds the memory on a machine with many cores.
 constexpr unsigned maxWorkers = 32;
 
 const char* describe(BlockFault fault) {
@@ -25,6 +26,8 @@ const char* describe(BlockFault fault) {
 
 Error wrongNumber(std::uint64_t found) { return {"block " + std::to_string(found) + " is in its place"}; }
 
+// Only entries that are complete in this block: the content of the others is spread over blocks that other workers
+// open. An entry with a hole is left to the consumer, which can stop in the middle of a long hole.
 std::vector<PlacedDigest> digestContents(Bytes plain) {
     std::vector<PlacedDigest> digests;
     ContentDigest digest;
@@ -76,6 +79,7 @@ void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
 Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
     const auto header = readBlockHeader(file_, block.place.position);
     if (!header) return header.error();
+    // The nonce comes from the header, so a block that was moved to this place would unseal without an error.
     if (header->sequence != block.place.sequence) return wrongNumber(header->sequence);
     block.header = *header;
     // This opener may have to open the leader too. That uses `sealed_`, so it must happen before the block is read into
@@ -85,6 +89,7 @@ Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
         dictionary = leader();
         if (!dictionary || dictionary->fault) return Error{"the block that leads its group is damaged or lost"};
     }
+    // At most one block and its tag: decodeBlockHeader() refuses a longer one.
     sealed_.resize(header->sealedLength);
     if (auto read = file_.read(block.place.position + blockHeaderSize, sealed_); !read) return read;
     const auto fault =
@@ -104,6 +109,7 @@ std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
 }
 
 BlockPointer RandomBlocks::get(std::uint64_t sequence) {
+    // Two slots: with one, every block of a group would replace the leader that the next block needs.
     auto& cached = sequence == leaderOf(sequence, groupLength_) ? leader_ : other_;
     if (!cached || cached->place.sequence != sequence) cached = open(sequence);
     return cached;
@@ -123,6 +129,7 @@ BlockPointer RandomBlocks::open(std::uint64_t sequence) {
 
 BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supplier supplier)
     : file_(file), keys_(keys), supplier_(std::move(supplier)) {
+    // hardware_concurrency() is 0 when the number of cores is not known.
     const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxWorkers);
     limit_ = 2UL * workers + 8;
     threads_.reserve(workers);
@@ -136,6 +143,7 @@ BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supp
     }
 }
 
+// The threads are the last member, so they are joined right after this, when the lock is released.
 BlockPipeline::~BlockPipeline() {
     const std::lock_guard lock(mutex_);
     closed_ = true;
@@ -150,6 +158,7 @@ BlockPointer BlockPipeline::next() {
         auto slot = std::move(queue_.front());
         queue_.pop_front();
         changed_.notify_all();
+        // The pointer shares the slot: the consumer may use the block after the pipeline is gone.
         if (slot->requested) return {slot, &slot->block};
     }
 }
@@ -181,6 +190,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return closed_ || exhausted_ || queue_.size() < limit_; });
     if (closed_ || exhausted_) return nullptr;
+    // Called under the lock, so that the queue has the order of the supplier.
     auto task = supplier_();
     if (!task) {
         exhausted_ = true;
@@ -202,6 +212,7 @@ std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
 }
 
 // A block that is done does not change any more, so it may be read without the lock.
+// The wait ends: the leader was claimed before, and no leader waits for another block (readBlockHeader).
 BlockPointer BlockPipeline::waitForLeader(const std::shared_ptr<Slot>& leader) {
     if (!leader) return nullptr;
     std::unique_lock lock(mutex_);
@@ -233,6 +244,7 @@ std::optional<BlockPipeline::Task> AllBlocks::operator()() {
         task.fault = blockFault(next_, header ? wrongNumber(header->sequence) : header.error());
         return task;
     }
+    // The sum cannot overflow: the header was read from the file, and a sealed length has 24 bits.
     pastLast_ = header->flags & blockLast;
     next_ = {next_.sequence + 1, next_.position + blockHeaderSize + header->sealedLength};
     return task;

@@ -18,6 +18,7 @@ public:
     std::vector<BlockPlace> run() {
         std::uint64_t position = plainHeaderSize;
         while (position < file_.size() && rejectedBytes_ / maxRejectedFactor <= file_.size()) {
+            // The inside of an unsealed block is not searched: a magic in it is chance.
             if (const auto length = tryBlock(position)) {
                 position += *length;
             } else {
@@ -31,11 +32,14 @@ private:
     // The length of the block at `position`, header included; none when no block can be unsealed there.
     std::optional<std::uint64_t> tryBlock(std::uint64_t position) {
         const auto header = readBlockHeader(file_, position);
+        // A file of this size cannot contain more blocks, so a higher number is false and needs no attempt.
         if (!header || header->sequence > file_.size() / blockHeaderSize) return std::nullopt;
         sealed_.resize(header->sealedLength);
         if (!file_.read(position + blockHeaderSize, sealed_)) return std::nullopt;
         const MutableBytes stored = MutableBytes(sealed_).first(sealed_.size() - tagSize);
         const std::span<const std::uint8_t, tagSize> tag(sealed_.data() + stored.size(), tagSize);
+        // To unseal is enough: it proves that the writer of the archive sealed these bytes under this number. To
+        // decompress may need a leader that is not found yet.
         if (!cipher_.open(header->sequence, encodeBlockHeader(*header), stored, tag)) {
             rejectedBytes_ += sealed_.size();
             return std::nullopt;
@@ -50,6 +54,8 @@ private:
             if (position < windowAt_ || position + blockMagic.size() > windowAt_ + window_.size()) {
                 window_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(blockSize, file_.size() - position)));
                 windowAt_ = position;
+                // The disk may be damaged here. The search continues after this window, which is emptied: its bytes are
+                // not those of the file.
                 if (!file_.read(position, window_)) return position + std::exchange(window_, {}).size();
             }
             const auto begin = window_.begin() + static_cast<std::ptrdiff_t>(position - windowAt_);

@@ -29,6 +29,8 @@ std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
     while (next_ < chosen_.size() && chosen_[next_].lastBlock < sequence_) ++next_;
     if (next_ == chosen_.size()) return std::nullopt;
     sequence_ = std::max(sequence_, chosen_[next_].place.block);
+    // A leader comes first even if no chosen entry is in it, because the other blocks of its group need it as a
+    // dictionary.
     const std::uint64_t leader = sequence_ - sequence_ % groupLength_;
     if (sequence_ != leader && leader_ != leader) return task(leader, false);
     return task(sequence_++, true);
@@ -41,6 +43,7 @@ BlockPipeline::Task ChosenBlocks::task(std::uint64_t sequence, bool requested) {
     return {{sequence, 0}, ReadFault{{"there is no such block"}, sequence}, requested};
 }
 
+// An entry without an END record is no endless loop: findBlock() fails when the pipeline has no more blocks.
 ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
     std::size_t offset = place.offset;
     for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {

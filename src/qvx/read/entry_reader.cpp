@@ -20,6 +20,7 @@ RecordJoiner::State RecordJoiner::add(const Record& record, std::size_t limit) {
     }
     if (!joining_) joined_.clear();
     type_ = record.type;
+    // Checked before the copy, so that no input makes the buffer larger than the limit.
     if (record.payload.size() > limit - std::min(limit, joined_.size())) return State::damaged;
     joined_.insert(joined_.end(), record.payload.begin(), record.payload.end());
     joining_ = record.continues;
@@ -53,6 +54,7 @@ void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional
 ReadOutcome EntryReader::deliver(const EntrySink::ContentReader& content) {
     inEntry_ = false;
     complete_ = false;
+    // If the sink stops here, an abandon() that follows does not reach it: the entry is finished.
     return ReadOutcome::fromSink(sink_.finish(tail_, content));
 }
 
@@ -79,14 +81,17 @@ ReadOutcome EntryReader::begin(const Record& record) {
     size_ = 0;
     holes_ = 0;
     zeros_ = 0;
+    // A sink that refuses an entry does not get an abandon() for it.
     inEntry_ = sink_.begin(head_);
     return ReadOutcome::fromSink(inEntry_);
 }
 
 ReadOutcome EntryReader::addData(Bytes bytes) {
+    // A subtraction, because a sum could overflow.
     if (bytes.size() > maxContentSize - size_) return damaged("the content is too long");
     size_ += bytes.size();
     if (head_.type == EntryType::directory) return damaged("a directory has content");
+    // The kernel makes no link with a longer target, and the sinks keep the target in memory.
     if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
     if (!precomputed_) digest_.add(bytes);
     return ReadOutcome::fromSink(sink_.data(bytes));
@@ -131,6 +136,7 @@ bool EntryReader::unreadableFits() const {
 
 Status EntryReader::checkTail() {
     if (!unreadableFits()) return error("the unreadable extents do not fit the content");
+    // The checks below are about content that this entry has itself.
     if (tail_.contentOf) return checkReference();
     const bool file = head_.type == EntryType::file;
     if (tail_.linkOf || (tail_.totals && !file) || (tail_.digest && head_.type == EntryType::directory))

@@ -23,6 +23,7 @@ private:
 }  // namespace
 
 bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink) {
+    // The entry is checked again while it is read: since its digest was computed, the file may have changed.
     ContentForwarder forwarder(sink);
     EntryReader entry(forwarder);
     std::size_t offset = place.offset;
@@ -33,6 +34,8 @@ bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail&
         while (const auto record = cursor.next()) {
             if (!entry.consume(*record)) return false;
             if (!entry.isComplete()) continue;
+            // The place may come from the index of a hostile archive: the entry must be the one that was named, and not
+            // refer to another one itself.
             return entry.head().number == place.number && !entry.tail().contentOf &&
                    (!expected.digest || expected.digest == entry.tail().digest) &&
                    (!expected.totals || expected.totals->size == entry.size());
@@ -53,11 +56,13 @@ Status EntryTable::resolve(EntryReader& entry) const {
     const EntryTail& tail = entry.tail();
     if (!tail.contentOf) return {};
     const FileEntry* content = find(*tail.contentOf);
+    // A reference leads directly to the entry with the content, so no chain of references must be followed.
     if (!content || content->content != *tail.contentOf)
         return entry.error("the entry that holds its content is lost or another");
     // Its zeros would be taken for real content, because only that entry says which of them are not.
     if (content->unreadable) return entry.error("the entry that holds its content is incomplete");
     if (tail.linkOf) {
+        // Two names of one file have the same content, so both must refer to the same entry.
         const FileEntry* link = find(*tail.linkOf);
         if (!link || link->content != *tail.contentOf)
             return entry.error("the entry that it is linked to is lost or another");

@@ -5,9 +5,11 @@
 namespace tarnwick::qvx {
 
 std::string incompleteText(EntryType type, const EntryTail& tail) {
+    // A damaged disk can give thousands of extents; one message must stay readable.
     constexpr std::size_t maxShown = 8;
     const std::vector<Extent>& extents = *tail.unreadable;
     std::string text = "incomplete when it was captured: ";
+    // An empty list: what could not be read is not a part of the content whose place is known.
     if (extents.empty()) {
         text += type == EntryType::directory ? "its metadata"
                 : type == EntryType::link    ? "its target or its metadata"

@@ -46,6 +46,7 @@ Status IndexAudit::addEntry(const EntryPlace& place, const EntryReader& entry) {
     return {};
 }
 
+// A part is encoded again from the entries that were read, so every field of it is compared.
 Status IndexAudit::checkPart(Bytes payload, const EntryPlace& place) {
     if (entries_ == covered_) return mismatch("a part of the index covers no entry");
     std::vector<std::uint8_t> expected;
@@ -69,6 +70,8 @@ Status IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
     const auto sameLength = [](std::uint32_t length, const CheckedBlock& checked) {
         return length == checked.sealedLength;
     };
+    // Only the blocks before the root: it cannot state the lengths of its own blocks. In range, because the sequence
+    // numbers of the blocks read so far have no gap.
     const auto end = blocks_.begin() + static_cast<std::ptrdiff_t>(block);
     if (!std::equal(root->sealedLengths.begin(), root->sealedLengths.end(), blocks_.begin(), end, sameLength))
         return mismatch("the root does not match the blocks");

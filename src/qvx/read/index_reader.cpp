@@ -21,6 +21,8 @@ Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const HpkeKeys& 
     if (block.fault) return *block.fault;
     const auto record = RecordCursor(block.plain).next();
     const auto trailer = record && record->type == RecordType::trailer ? decodeTrailer(record->payload) : std::nullopt;
+    // A seal does not make the content trusted: everyone with the public key can seal an archive. So numbers in it are
+    // checked before they are used.
     if (!trailer || trailer->blocks - 1 != header->sequence || trailer->rootSequence >= header->sequence) return cut;
     return *trailer;
 }
@@ -65,6 +67,7 @@ Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const Hp
 
 // The root states only lengths. The positions follow from them, and the blocks must end where the root begins.
 bool ArchiveIndex::fillMap(const Trailer& trailer) {
+    // One length for each block before the root.
     if (root_.sealedLengths.size() != trailer.rootSequence) return false;
     BlockPlace place{0, plainHeaderSize};
     for (const auto length : root_.sealedLengths) {
@@ -93,6 +96,7 @@ Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor&
     if (!payload) return payload.error();
     IndexPartDecoder decoder(*payload);
     std::uint64_t number = place.first;
+    // A part that covers other entries than the root says would give them wrong numbers.
     if (decoder.first() == number && decoder.count() == end - number) {
         while (const IndexEntry* entry = decoder.next())
             if (!visit(number++, *entry)) return {};
@@ -114,6 +118,7 @@ Result<std::vector<std::uint8_t>, ReadFault> ArchiveIndex::readPart(const IndexP
     RecordJoiner joiner;
     std::size_t offset = place.offset;
     for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
+        // Ends at the latest after the last block: RandomBlocks has a fault for a block that does not exist.
         const auto block = blocks_.get(sequence);
         if (block->fault) return *block->fault;
         const auto record = RecordCursor(block->plain, offset).next();

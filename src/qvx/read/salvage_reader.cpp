@@ -17,6 +17,7 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
     RecordCursor cursor(block.plain);
     std::size_t offset = 0;
     while (const auto record = cursor.next()) {
+        // The number is 0 until the head of the entry is decoded; placeEntry() sets it.
         if (auto outcome = consumeRecord(*record, {0, block.place.sequence, offset}); !outcome) return outcome;
         offset = cursor.offset();
     }
@@ -37,11 +38,13 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace&
     if (!entry_.inEntry() && record.type != RecordType::entry) return {};
     auto outcome = entry_.consume(record);
     if (outcome.fault()) {
+        // The entry reader has abandoned the entry already. The next one may be intact.
         report(blockFault(block_, *outcome.fault()));
         return {};
     }
     if (!outcome) return outcome;
     if (entry_.isComplete()) return deliver();
+    // After consume(), which decodes the number.
     if (record.type == RecordType::entry) placeEntry(place);
     return {};
 }
@@ -64,6 +67,7 @@ ReadOutcome SalvageReader::deliver() {
         return {};
     }
     table_.add(entryPlace_, entry_);
+    // The block with the content was read long before and is not in memory any more, so it is opened again.
     return entry_.deliver([this](EntrySink& sink) {
         const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
         return place && readContent(random_, *place, entry_.tail(), sink);
@@ -76,6 +80,7 @@ void SalvageReader::abandonEntry(std::string reason) {
     entry_.abandon();
 }
 
+// Reports come in the order of the archive, so a run of damaged blocks is reported first.
 void SalvageReader::report(const ReadFault& fault) {
     reportDamagedRun();
     report_(fault);

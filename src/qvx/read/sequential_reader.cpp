@@ -9,6 +9,7 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
         if (entry_.inEntry()) fault.subject = entryName(entry_.head().path);
         return fault;
     }
+    // Needed later to read the content of an earlier entry again.
     map_.add(block.place);
     audit_.addBlock(block);
     if (const Status checked = checkPlace(block); !checked) return damagedUnless(checked);
@@ -29,6 +30,7 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
 
 ReadOutcome SequentialReader::finish() const {
     if (phase_ == Phase::complete) return {};
+    // Reached only when a worker has run out of memory: a truncated archive has a fault in a block.
     return readFault("the archive could not be read to its end");
 }
 
@@ -63,6 +65,7 @@ ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const Ent
 }
 
 ReadOutcome SequentialReader::deliver() {
+    // Before the audit: resolve() gives a reference the size of its content, which the index states.
     if (const Status checked = table_.resolve(entry_); !checked) return damagedUnless(checked);
     if (const Status checked = audit_.addEntry(entryPlace_, entry_); !checked) return damagedUnless(checked);
     table_.add(entryPlace_, entry_);

@@ -77,7 +77,9 @@ void ArchiveEncoder::writeHead(Entry& entry) {
     removeOtherFields(fields_, head);
     payload_.clear();
     encodeEntryHead(head, payload_);
+    // Readers find this record through the index and do not join it, so it must fit into one block.
     if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
+    // After the padding: the index must name the block in which the record is.
     entry.indexed.block = stream_.block();
     entry.indexed.offset = stream_.offset();
     writeRecord(RecordType::entry, payload_);
@@ -96,6 +98,7 @@ Status ArchiveEncoder::writeFile(Entry& entry) {
     }
     if (entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
     if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
+    // Only a content that was read completely may serve for other entries.
     if (entry.size == source.status.stx_size && entry.contentError == 0)
         stored_->add(source.listed.device, source.status.stx_ino, source.head.number);
     return {};
@@ -166,6 +169,7 @@ Status ArchiveEncoder::writeExtents(Entry& entry) {
 Result<Extent> ArchiveEncoder::nextExtent(const Entry& entry) {
     const std::uint64_t size = entry.source.status.stx_size;
     const Extent rest{entry.size, size - entry.size};
+    // No block of the file is missing, so it has no hole.
     if (entry.source.status.stx_blocks * 512 >= size) return rest;
     const int file = entry.source.file.get();
     const off_t data = ::lseek(file, static_cast<off_t>(entry.size), SEEK_DATA);
@@ -285,6 +289,7 @@ void ArchiveEncoder::flushIndexPart() {
     payload_.clear();
     part_.finish(payload_);
     if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
+    // After the padding, which may begin a new block.
     root_.parts.push_back({first, stream_.block(), stream_.offset()});
     writeRecord(RecordType::index, payload_);
 }

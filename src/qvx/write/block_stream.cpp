@@ -10,6 +10,7 @@ namespace tarnwick::qvx {
 
 BlockStream::BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsigned workers, Sink sink)
     : keys_(keys), groupLength_(groupLength), sink_(std::move(sink)), jobs_(workers + 2) {
+    // Allocated here, where a failure can be thrown to the caller.
     for (Job& job : jobs_) {
         job.plain.resize(blockSize);
         job.sealed.resize(BlockEncoder::capacity);
@@ -46,6 +47,7 @@ void BlockStream::pad() {
     if (offset_ == 0) return;
     const MutableBytes rest = freeSpace();
     std::fill(rest.begin(), rest.end(), std::uint8_t{0});
+    // Less space than a record header is filled with zeros only.
     if (rest.size() >= recordHeaderSize)
         encodeRecordHeader({RecordType::pad, false, static_cast<std::uint32_t>(rest.size() - recordHeaderSize)},
                            rest.data());
@@ -87,6 +89,7 @@ void BlockStream::send(bool last) {
     if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
     ++block_;
     changed_.notify_all();
+    // Waits until the job of the next block is free: it is the one of the block jobs_.size() earlier.
     changed_.wait(lock, [&] { return block_ - nextToWrite_ < jobs_.size(); });
 }
 
@@ -124,6 +127,7 @@ void BlockStream::seal(std::uint64_t sequence, std::optional<BlockEncoder>& enco
 // Writes the blocks that are next in order, unless another worker is doing so. The lock is released during the call of
 // the sink.
 void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
+    // One worker writes at a time, so that the sink gets the blocks in order without a lock of its own.
     if (writing_) return;
     writing_ = true;
     while (job(nextToWrite_).done) {

@@ -57,6 +57,7 @@ Result<FileDescriptor> openDirectory(const std::string& path) {
 }  // namespace
 
 bool isUnreadable(int error) {
+    // The file is gone or replaced, or memory or descriptors are missing. Every other error makes the entry incomplete.
     constexpr int others[] = {ENOENT, ENOTDIR, ELOOP, ESTALE, ENOMEM, EMFILE, ENFILE};
     return std::ranges::find(others, error) == std::end(others);
 }
@@ -180,6 +181,7 @@ Status DiskEntryReader::readWhole(DiskEntry& entry, MutableBytes buffer) {
     return {};
 }
 
+// Closes the file: many entries wait in a batch, and the number of open files is limited.
 void DiskEntryReader::setContent(DiskEntry& entry, Bytes content) {
     entry.content = content;
     entry.file = FileDescriptor();

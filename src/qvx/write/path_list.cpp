@@ -15,6 +15,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
+// pathOf() decodes up to one piece to find a path.
 constexpr std::size_t pieceSize = 16384;
 constexpr std::uint8_t guardedBit = 0x80;  // in the byte of the type: device and inode of the folder follow
 
@@ -35,6 +36,7 @@ void PathList::append(const Entry& entry) {
     out.text(std::string_view(entry.path).substr(shared));
     out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(entry.type) | (entry.isGuarded() ? guardedBit : 0U)));
     out.varint(deviceNumber(entry.device));
+    // Unsigned: the difference may wrap here, and the sum wraps back when it is decoded.
     out.signedVarint(static_cast<std::int64_t>(entry.inode - last_.inode));
     if (entry.isGuarded()) {
         out.varint(deviceNumber(entry.folderDevice));
@@ -65,6 +67,7 @@ std::string PathList::pathOf(std::uint64_t number) const {
     return cursor.next()->path;
 }
 
+// The bytes are from append(), not from a file, so they are not validated.
 const PathList::Entry* PathList::Cursor::next() {
     if (piece_ == list_.pieces_.size()) return nullptr;
     if (position_ == list_.pieces_[piece_].coded.size()) {
@@ -100,6 +103,7 @@ std::string realPath(std::string_view directory, std::string_view path, std::err
 
 Result<std::string> listedPath(std::string_view directory, std::string_view path) {
     if (path.empty()) return Error{"an empty path names no file"};
+    // The kernel would end the path at the zero byte, and another file would be archived.
     if (path.find('\0') != std::string_view::npos) return systemError(EINVAL, std::string(path));
     if (auto normal = normalPath(directory, path)) return std::move(*normal);
     std::error_code error;
@@ -149,6 +153,7 @@ Result<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_vi
     }, status{};
     if (!folder) return systemError(folder.error().code, std::string(path));
     if (::fstat(folder->get(), &own) != 0 ||
+        // AT_EMPTY_PATH is for the root directory, whose name is empty.
         ::fstatat(folder->get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
         return systemError(errno, std::string(path));
     const auto type = entryTypeOf(status.st_mode);

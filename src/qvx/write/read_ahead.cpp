@@ -13,10 +13,12 @@ constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes reserved for each
 
 void readBatch(std::span<DiskEntry> entries, MutableBytes buffer, DiskEntryReader& reader) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
+        // A small file must not fill the space that a later link of the batch needs.
         const std::size_t reserved = (entries.size() - 1 - i) * linkSpace;
         reader.begin(entries[i], buffer.first(std::min(ReadAhead::smallSize, buffer.size() - reserved)));
         buffer = buffer.subspan(entries[i].content.size() + entries[i].awaited.size());
     }
+    // Only when all files of the batch are requested: the disk then works on them together.
     for (auto& entry : entries) reader.finish(entry);
 }
 
@@ -44,6 +46,7 @@ void ReadAhead::stop(bool failed) {
 }
 
 DiskEntry* ReadAhead::next() {
+    // No lock inside of a batch: as long as it is ready, it belongs to the caller.
     Batch* batch = &batches_[finished_ % batches_.size()];
     if (inBatch_ && ++index_ < batch->count) return &batch->entries[index_];
     std::unique_lock lock(mutex_);

@@ -10,6 +10,7 @@ constexpr std::uint64_t bitsPerEntry = 16;
 constexpr std::size_t firstSlots = 64;
 
 std::uint64_t hashOf(dev_t device, ino_t inode) {
+    // The factor is 2^64 divided by the golden ratio. It spreads inode numbers, which are often consecutive.
     std::uint64_t hash = (inode ^ (static_cast<std::uint64_t>(device) << 40)) * 0x9e3779b97f4a7c15;
     hash ^= hash >> 32;
     return hash * 0x9e3779b97f4a7c15;
@@ -51,6 +52,7 @@ void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
     if (isWide(device) || number >= none ||
         !repeated_[static_cast<std::size_t>(hashOf(device, inode) % repeated_.size())])
         return;
+    // With free slots left, place() always ends.
     if ((used_ + 1) * 4 > slots_.size() * 3) grow();
     const auto narrow = static_cast<std::uint32_t>(device);
     Slot& slot = slots_[place(narrow, inode)];
