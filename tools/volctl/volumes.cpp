@@ -25,7 +25,7 @@ bool isHiddenLayer(const BlockDevice& device) {
     return isLogicalVolume(device) && device.mapUuid.size() > logicalVolumeUuidSize;
 }
 
-// The single device below, if this device shows all of it and nothing else; else null.
+// The lower device, if this device is a view of exactly that one: an open encrypted device or a loop device. Else null.
 const BlockDevice* soleLowerDevice(const BlockDevices& devices, const BlockDevice& device) {
     const bool shows = device.mapUuid.starts_with("CRYPT-") || !device.viewOf.empty();
     return shows && device.lower.size() == 1 ? findDevice(devices, device.lower.front()) : nullptr;
@@ -82,7 +82,7 @@ bool isMountOf(const Machine& machine, const Mount& mount, const BlockDevice& de
            machine.nodeNumber(mount.source) == device.number;
 }
 
-// Whether the device, or one below it, shows a file. A loop device that shows another device does not count.
+// Whether the device, or one below it, is a loop device over a file. One over another device does not count.
 bool isOnImage(const BlockDevices& devices, const BlockDevice& top) {
     const auto stack = deviceStack(devices, top);
     return std::any_of(stack.begin(), stack.end(),
@@ -97,7 +97,7 @@ bool areOneFileSystem(const Volume& left, const Volume& right) {
            left.uuid == right.uuid;
 }
 
-// Of several mounts of one file system, the smallest in this order is used.
+// The sort key of a mount. The first mount of a volume gives its mount point.
 std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
     const int kind = mount.target == "/" ? 0 : isBelowDataFolder(mount.target) ? 1 : mount.root == "/" ? 2 : 3;
     return {kind, mount.target.size(), mount.target};
@@ -131,7 +131,7 @@ private:
         return (device.upper.empty() && !device.partitioned) || !mountsOf(device).empty();
     }
 
-    // A loop device that shows another device is ignored here: the volume keeps the name of the device shown.
+    // A loop device over another device is ignored here: the volume has the name of that other device.
     [[nodiscard]] bool isViewOfDevice(const BlockDevice& device) const { return !device.viewOf.empty(); }
 
     [[nodiscard]] std::vector<const Mount*> mountsOf(const BlockDevice& device) const {
@@ -259,7 +259,8 @@ private:
         }
     }
 
-    // Named by its source if that can be found from the devices, else by its number.
+    // The name is the source of the mount. If that is empty, has special characters or is the name of another device,
+    // the name is the device number.
     void addUnknownRoot() {
         if (std::any_of(volumes_.begin(), volumes_.end(), isRoot)) return;
         const auto root = std::find_if(machine_.mounts.begin(), machine_.mounts.end(),

@@ -25,12 +25,13 @@ struct Volume {
     std::vector<std::string> deviceNames;  // all devices that contain this volume and no other, the top one first
     std::uint64_t size = 0;                // bytes; 0: not known
     bool locked = false;
-    std::string exclusionReason;  // empty: it is listed; else why the listing and the other commands leave it out
+    std::string exclusionReason;  // why the group listing and the commands exclude it; empty: they include it
 };
 
 // Every volume, ordered by container and group. The container of / is first, in it the group of /, and in that the
 // volume of /. Each volume appears once, however many layers are between it and the disk. The file system at / is a
-// volume even when its device is not known here (a pool, a network, layers); its container is then a separate one.
+// volume even if its device is not known here (a pool, a network file system, an overlay); it is then a container of
+// its own.
 std::vector<Volume> findVolumes(const Machine& machine);
 
 // Whether `path` is one of the mount points of the volume.

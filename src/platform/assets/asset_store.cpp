@@ -140,8 +140,8 @@ AssetStatus makeRoot(const fs::path& root) {
     return makeTrustedFolder(root);
 }
 
-// With O_DIRECTORY, a link in place of a folder gives ENOTDIR. A file would too, but the paths of a catalog never
-// collide.
+// With O_DIRECTORY, a link in place of a folder gives ENOTDIR. So would a file, but the parser refuses catalogs in
+// which a path is both a file and a folder.
 AssetError openError(int error) {
     return error == ELOOP || error == ENOTDIR || error == EEXIST ? AssetError::pathThroughLink
                                                                  : AssetError::storeFailed;
@@ -236,7 +236,8 @@ std::optional<SignedCatalog> decodeCatalog(std::string_view stored) {
     return SignedCatalog{std::string(stored.substr(signatureSize)), std::string(stored.substr(0, signatureSize))};
 }
 
-// The last serial accepted; -1 when there is none. One that cannot be read is a failure: it must not count as none.
+// The last serial accepted; -1 when there is none. A serial that cannot be read is a failure: if it counted as none, an
+// old catalog would be accepted.
 AssetResult<std::int64_t> readLastSerial(const fs::path& path) {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return -1;
     const auto text = readFile(path, 32);
@@ -255,8 +256,7 @@ StagedAsset::~StagedAsset() {
     if (lock_) fs::remove_all(folder_, ignored);
 }
 
-AssetStatus StagedAsset::addFile(const AssetFile& file,
-                                   const std::function<AssetStatus(const ByteSink&)>& transfer) {
+AssetStatus StagedAsset::addFile(const AssetFile& file, const std::function<AssetStatus(const ByteSink&)>& transfer) {
     // O_EXCL: a file that is there already is not of this download.
     auto out = openBelow(folder_ / "content", file.path, O_WRONLY | O_CREAT | O_EXCL);
     if (!out) return out.error();
@@ -347,8 +347,8 @@ AssetStatus AssetStore::install(const Asset& asset, StagedAsset& staged) const {
     if (!installed.empty() && installed.back() > asset.version) return AssetError::versionTooLow;
     if (isComplete(asset)) return {};
 
-    // An incomplete folder with this name is removed first. It is renamed before that, so that a partly removed folder
-    // never has the name of a version.
+    // An incomplete folder of this version is renamed into the staging folder, whose destructor removes it. So a folder
+    // that is only partly removed never has the name of a version.
     const auto place = folderOf(asset);
     std::error_code ignored;
     fs::rename(place, staged.folder_ / "replaced", ignored);

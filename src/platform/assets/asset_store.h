@@ -30,14 +30,14 @@ public:
     StagedAsset(StagedAsset&&) = default;
     ~StagedAsset();
 
-    // Writes one file from what `transfer` passes to the sink. Size and digest must be those in the catalog; the sink
-    // refuses the first byte too many. On success the file is written and synced.
+    // Writes what `transfer` passes to the sink as one file. Size and digest must be those in the catalog; the sink
+    // fails at the first byte that exceeds the size. On success the file is written and synced.
     AssetStatus addFile(const AssetFile& file, const std::function<AssetStatus(const ByteSink&)>& transfer);
 
 private:
     friend class AssetStore;
     std::filesystem::path folder_;
-    FileDescriptor lock_;  // lock on the folder, so that no process removes it as a leftover of a dead one
+    FileDescriptor lock_;  // on the folder: without it, another process would remove the folder as abandoned
 };
 
 class AssetStore {
@@ -58,8 +58,8 @@ public:
     // The catalog that was stored last. It is not verified here: the caller verifies it again.
     [[nodiscard]] std::optional<SignedCatalog> storedCatalog() const;
 
-    // Stores the catalog unless its serial is lower than the last one accepted, however long ago that was and even if
-    // that catalog is gone.
+    // Stores the catalog unless its serial is lower than the last one accepted. That serial is stored on its own, so it
+    // counts even if the catalog was deleted.
     [[nodiscard]] AssetStatus storeCatalog(const SignedCatalog& received, std::int64_t serial) const;
 
     // Creates an empty staging folder next to the installed versions, and removes those that killed processes left.

@@ -17,7 +17,7 @@ constexpr std::size_t maxNameLength = 255;
 // Ends the search for a free name in a directory that somebody has filled with such names.
 constexpr int maxIncompleteNames = 999;  // of one file
 
-// Replaces what has the name, except a directory.
+// Replaces an existing file. An existing directory stays.
 Status makeDirectory(int parent, const std::string& name) {
     // Only for this user: its final mode is set when the extraction ends.
     const auto make = [&] { return mkdirat(parent, name.c_str(), 0700) == 0; };
@@ -104,10 +104,10 @@ Status DiskSink::finishLink(const EntryTail& tail) {
     return commit(tail);
 }
 
-// An earlier entry holds the content, or is the same inode.
+// The content is in an earlier entry, which may also be another name of the same file.
 Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& content) {
     waitForPending();  // the file with the content may still be in the queue
-    // When a path is listed twice, writing the same file again would change nothing.
+    // A path that is twice in the archive: to write the same file again would change nothing.
     if (extracted_.pathOf(*tail.contentOf) == head_.path && extracted_.isInPlace(parent_, name_, head_, tail)) {
         extracted_.add(head_.number, head_.path);
         return {};

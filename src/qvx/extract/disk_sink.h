@@ -12,10 +12,10 @@
 
 namespace tarnwick::qvx {
 
-// A file is written under a temporary name and renamed when its content is verified, replacing what had the name. An
-// entry that cannot be written is reported and does not affect the next ones. An entry that was incomplete when it was
-// captured is reported, and written as it is. Threads write small files, some of them later; everything is on disk
-// after finishDirectories(). Changes the working directory.
+// A file is written under a temporary name. When its content is verified, it is renamed, and replaces an existing file.
+// An entry that cannot be written is reported and does not affect the next ones. An entry that was incomplete when it
+// was captured is reported, and written as it is. Threads write small files; all files are on disk only after
+// finishDirectories(). Changes the working directory.
 class DiskSink : public EntrySink {
 public:
     // `directory` is an open directory, which must outlive the sink.
@@ -28,8 +28,8 @@ public:
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override;
 
-    // Sets the metadata of the directories, which writing into them would have changed. Call it at the end, also when
-    // the reading ended early.
+    // Sets the metadata of the directories: only now, because a file that is created in a directory changes its times.
+    // Call it at the end, even if the archive was not read to its end.
     void finishDirectories();
 
     // Whether an entry could not be written, or was incomplete when it was captured. Valid at the end.

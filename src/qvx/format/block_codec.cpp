@@ -14,8 +14,8 @@ namespace {
 
 constexpr int compressionLevel = 3;
 
-// Whether compressing the block would waste time: in each of a few samples the byte values are spread almost as evenly
-// as in noise. One sample with another spread sends the block to the compressor.
+// Whether the block is like noise, which cannot be compressed. It is when the values of the bytes are distributed
+// almost evenly in each of a few samples. One sample that differs is enough to compress the block.
 bool looksLikeNoise(Bytes plain) {
     constexpr std::size_t sampleSize = 4096;
     constexpr std::size_t samples = 16;
@@ -35,7 +35,7 @@ bool looksLikeNoise(Bytes plain) {
 // For a block with its dictionary right before it in memory. Both are whole blocks.
 ZSTD_parameters dictionaryParameters() {
     ZSTD_parameters parameters = ZSTD_getParams(compressionLevel, blockSize, blockSize);
-    // The level has 5 and 16. These are faster, and with a dictionary the result is hardly larger.
+    // Faster than 5 and 16, the values of level 3. With a dictionary, the result is hardly larger.
     parameters.cParams.minMatch = 6;
     parameters.cParams.chainLog = 15;
     return parameters;
@@ -109,7 +109,7 @@ std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionar
 }
 
 // Copies the block to the place right after its dictionary, because zstd is a seventh faster on one contiguous region
-// than with a dictionary elsewhere. That gain outweighs the copies and a dictionary in every encoder.
+// than with a dictionary elsewhere. That saves more time than the copies take.
 std::size_t BlockEncoder::compressAfterDictionary(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
     if (!loadDictionary(dictionary)) return 0;
     const std::size_t copied = ZSTD_copyCCtx(compressor_.context(), prepared_.context(), plain.size());

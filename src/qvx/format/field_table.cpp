@@ -16,8 +16,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
-// Out of range becomes the nearest value: a file may have a time in the year 2400, which 64 bits of nanoseconds cannot
-// express.
+// A time out of range becomes the nearest one in range: a file may have a time in the year 2400, which 64 bits of
+// nanoseconds cannot express.
 std::int64_t nanoseconds(const struct statx_timestamp& time) {
     using Limits = std::numeric_limits<std::int64_t>;
     std::int64_t result = 0;
@@ -87,7 +87,7 @@ void decodeNumber(WireReader& in, Part& part) {
     part.*member = in.number<Number>(max);
 }
 
-// The other times of a file are mostly close to its time of modification, so their distance from it takes few bytes.
+// The other times of a file are mostly close to its time of modification, so the difference needs few bytes.
 template <auto member>
 void encodeTime(const EntryHead& head, WireWriter& out) {
     out.signedVarint(wrappingSubtract(*(head.*member), head.modified.value_or(0)));
@@ -110,8 +110,8 @@ void encodeAttributes(const EntryTail& tail, WireWriter& out) {
 }
 
 void decodeAttributes(WireReader& in, EntryTail& tail) {
-    constexpr std::size_t maxAttributes = 65536;  // a list of names from the kernel holds fewer
-    const std::size_t count = in.count(3);
+    constexpr std::size_t maxAttributes = 65536;  // more than the kernel can list: its list of names has at most 64 KiB
+    const std::size_t count = in.count(3);        // bytes: two lengths, and a name of one character
     if (count > maxAttributes) in.fail();
     std::vector<ExtendedAttribute> attributes(in.ok() ? count : 0);
     for (auto& attribute : attributes) {
@@ -168,7 +168,7 @@ void encodeUnreadable(const EntryTail& tail, WireWriter& out) {
 }
 
 void decodeUnreadable(WireReader& in, EntryTail& tail) {
-    const std::size_t count = in.count(2);
+    const std::size_t count = in.count(2);  // bytes: two numbers
     if (count > maxUnreadableExtents) in.fail();
     std::vector<Extent> extents(in.ok() ? count : 0);
     std::uint64_t end = 0;
@@ -253,7 +253,7 @@ constexpr FieldRow<EntryTail> tailRows[] = {
     row<&EntryTail::attributes>("XAT", encodeAttributes, decodeAttributes, captureAttributes),
     row<&EntryTail::accessLists>("ACL", encodeAccessLists, decodeAccessLists, captureAccessLists),
     row<&EntryTail::unreadable, EntryTail>("", encodeUnreadable, decodeUnreadable),
-    // Only the bit: it has no value.
+    // Has a presence bit only, and no value.
     row<&EntryTail::attributesOmitted, EntryTail>(
         "", [](const EntryTail&, WireWriter&) {}, [](WireReader&, EntryTail& tail) { tail.attributesOmitted = true; }),
 };

@@ -34,7 +34,7 @@ std::uint64_t SalvageReader::finish() {
 ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace& place) {
     const bool ofEntry = record.type >= RecordType::entry && record.type <= RecordType::end;
     if (!ofEntry || record.type == RecordType::entry) abandonEntry("its end is lost");
-    // Records that continue from before a gap belong to an entry that is already reported as lost.
+    // The first records after a gap may belong to an entry that began earlier and is reported already.
     if (!entry_.inEntry() && record.type != RecordType::entry) return {};
     auto outcome = entry_.consume(record);
     if (outcome.fault()) {
@@ -49,7 +49,7 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace&
     return {};
 }
 
-// Numbers ascend in an archive. A gap in them is the entries that are lost.
+// Entries are numbered in order, so a gap in the numbers means that the entries in between are lost.
 void SalvageReader::placeEntry(const EntryPlace& place) {
     entryPlace_ = place;
     entryPlace_.number = entry_.head().number;

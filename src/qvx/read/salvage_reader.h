@@ -15,10 +15,10 @@ public:
                   FaultReport report, LossReport reportLoss)
         : random_(file, keys, map), entry_(sink), report_(std::move(report)), reportLoss_(std::move(reportLoss)) {}
 
-    // Reads a block, or the fault of one. Damage is reported, so the outcome is complete or stopped.
+    // Reads a block, which may have a fault. Damage is reported and ends nothing: the outcome is complete or stopped.
     ReadOutcome consume(const OpenedBlock& block);
 
-    // Call after the last block. Reports an entry that has no end, and returns the number of the first entry not seen.
+    // Call after the last block. Reports an entry that has no end. Returns the number after that of the last entry.
     std::uint64_t finish();
 
 private:

@@ -36,7 +36,7 @@ ReadOutcome SequentialReader::finish() const {
 
 Status SequentialReader::checkPlace(const OpenedBlock& block) const {
     if (block.last() != (phase_ == Phase::trailer)) return Error{"the last block is not where it must be"};
-    // A reader that starts at the end of the file looks for a block of this length there.
+    // The length is fixed, so that a reader can find the last block from the end of the file.
     if (block.last() && block.header.sealedLength != lastBlockSize - blockHeaderSize)
         return Error{"the last block is of a wrong length"};
     return {};
@@ -59,7 +59,7 @@ ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const Ent
     if (outcome.fault()) return blockFault(block_, *outcome.fault());
     if (!outcome) return outcome;
     if (entry_.isComplete()) return deliver();
-    // Index and references name an entry by its number, so the number must be that of the order.
+    // The index and references name an entry by its number, which is its place in the order of the archive.
     if (entry_.head().number != count_) return damagedUnless(entry_.error("the entry has a wrong number"));
     return {};
 }
@@ -80,7 +80,8 @@ ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const Ent
     if (entry_.inEntry()) return damagedUnless(entry_.error("the entry has no end"));
     if (phase_ != Phase::entries) return damaged("there is a record after the root");
     const bool root = record.type == RecordType::root;
-    // A reader that starts at the trailer reads the root before it knows any leader, and from the beginning of a block.
+    // A reader that starts at the trailer reads the root first: it has no leader yet, and knows the block of the root
+    // but no offset in it.
     if (root && needsLeader_) return damaged("a block of the root cannot be read without another block");
     if (root && place.offset != 0) return damaged("the root does not begin its block");
     // The format does not limit the size of the root; it cannot be larger than the file.

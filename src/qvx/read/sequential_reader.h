@@ -1,4 +1,4 @@
-// Reads the blocks of an archive in order and checks everything strictly.
+// Reads the blocks of an archive in order and checks that all its parts agree.
 #pragma once
 
 #include "qvx/read/entry_table.h"
@@ -12,7 +12,7 @@ public:
     SequentialReader(const ArchiveFile& file, const HpkeKeys& keys, EntrySink& sink)
         : file_(file), random_(file, keys, map_), entry_(sink) {}
 
-    // Reads the next block. After an outcome that is not complete, call abandon() and nothing else.
+    // Reads the next block. If the outcome is not complete, call only abandon() after it.
     ReadOutcome consume(const OpenedBlock& block);
 
     // Call after the last block. Damaged when blocks are missing.

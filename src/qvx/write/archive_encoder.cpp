@@ -12,7 +12,7 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t indexPartSize = 256 * 1024;     // bytes of payload; bounds the memory for an index part
-constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes; read at most from a file whose size is reported as 0
+constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes, of a file whose size is reported as 0
 constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
 // A dying disk takes seconds for each read that fails, so the number of such reads is limited.
@@ -25,7 +25,7 @@ constexpr std::uint64_t maxStep = 1048576;
 struct ArchiveEncoder::Entry {
     DiskEntry& source;
     EntryTail& tail = source.tail;
-    IndexEntry indexed{};
+    IndexEntry indexEntry{};
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
     std::uint64_t zeros = 0;  // bytes in the holes
@@ -44,7 +44,7 @@ ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned r
       readers_(readers) {}
 
 Status ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
-    // The kernel stamps files with the coarse clock, so only its time can be compared with change times.
+    // The kernel sets change times by the coarse clock, so the start is read from it, too.
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
     stored_.emplace(list);
@@ -80,8 +80,8 @@ void ArchiveEncoder::writeHead(Entry& entry) {
     // Readers find this record through the index and do not join it, so it must fit into one block.
     if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
     // After the padding: the index must name the block in which the record is.
-    entry.indexed.block = stream_.block();
-    entry.indexed.offset = stream_.offset();
+    entry.indexEntry.block = stream_.block();
+    entry.indexEntry.offset = stream_.offset();
     writeRecord(RecordType::entry, payload_);
 }
 
@@ -111,8 +111,8 @@ void ArchiveEncoder::markIncomplete(Entry& entry) {
     incomplete_.push_back({root_.entries, error});
 }
 
-// A file is not stored twice, unless it was changed after writing began. Only the kernel sets the change time: if it is
-// older than the start of this run, the content is still the one that was stored.
+// A file is stored once, unless it was changed after the encoder started. Only the kernel sets the change time: if that
+// is earlier than the start, the stored content is still right.
 bool ArchiveEncoder::reuseContent(Entry& entry) {
     const DiskEntry& source = entry.source;
     if (!storesReferences_ || !changedBeforeStart(source.status)) return false;
@@ -165,7 +165,7 @@ Status ArchiveEncoder::writeExtents(Entry& entry) {
     return {};
 }
 
-// The next part of the file that is not a hole; it is empty when the rest is one.
+// The next extent of data. It is empty when the rest of the file is a hole.
 Result<Extent> ArchiveEncoder::nextExtent(const Entry& entry) {
     const std::uint64_t size = entry.source.status.stx_size;
     const Extent rest{entry.size, size - entry.size};
@@ -194,8 +194,8 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
     if (entry.zeros <= maxDigestedHoles) digest_.addZeros(length);
 }
 
-// Reads directly into the block. When the file has become shorter, the missing rest is left out; what was appended
-// since its status was read is ignored.
+// Reads directly into the block. If the file has become shorter since its status was read, the entry ends there. Bytes
+// that were appended since then are not stored.
 Status ArchiveEncoder::writeExtent(Entry& entry, std::uint64_t end) {
     while (entry.size < end && !entry.stopped) {
         reserveSpace(end - entry.size);
@@ -234,7 +234,7 @@ void ArchiveEncoder::skipUnreadable(Entry& entry, int error, std::uint64_t end) 
     entry.step = std::min(entry.step * 2, maxStep);
 }
 
-// Writes nothing when `end` is not past what is written, as for a file whose size is reported as 0.
+// Writes nothing when the content is that long already, as for a file whose size is reported as 0.
 void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
     if (end <= entry.size) return;
     const Extent extent{entry.size, end - entry.size};
@@ -253,18 +253,18 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     encodeEntryTail(entry.tail, payload_);
     writeRecord(RecordType::end, payload_);
 
-    entry.indexed.type = head.type;
-    entry.indexed.path = std::move(head.path);
-    entry.indexed.mode = head.mode.value_or(0);
-    entry.indexed.userId = head.userId.value_or(0);
-    entry.indexed.groupId = head.groupId.value_or(0);
-    entry.indexed.size = entry.size;
-    entry.indexed.incomplete = entry.tail.unreadable.has_value();
+    entry.indexEntry.type = head.type;
+    entry.indexEntry.path = std::move(head.path);
+    entry.indexEntry.mode = head.mode.value_or(0);
+    entry.indexEntry.userId = head.userId.value_or(0);
+    entry.indexEntry.groupId = head.groupId.value_or(0);
+    entry.indexEntry.size = entry.size;
+    entry.indexEntry.incomplete = entry.tail.unreadable.has_value();
     constexpr std::int64_t second = 1'000'000'000;
     // Rounded down, also for times before 1970.
     const std::int64_t modified = head.modified.value_or(0);
-    entry.indexed.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
-    part_.add(entry.indexed);
+    entry.indexEntry.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
+    part_.add(entry.indexEntry);
     ++root_.entries;
     if (part_.size() >= indexPartSize) flushIndexPart();
 }

@@ -28,7 +28,7 @@ public:
     ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
 
     // Reads every entry of `list` from the disk and completes the archive. `filePosition` is where its first block is
-    // in the file. When a file is to blame for a failure, the error names it.
+    // in the file. The subject of an error is the file that caused it, if a file did.
     Status write(const PathList& list, std::uint64_t filePosition);
 
     // The entries that were marked as incomplete, in ascending order.
@@ -60,7 +60,7 @@ private:
     BlockStream& stream_;
     const FieldMask fields_;
     const bool storesContent_;
-    const bool storesReferences_;  // instead of a content that an earlier entry has
+    const bool storesReferences_;  // to an earlier entry with the same content
     const unsigned readers_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;
