@@ -20,7 +20,7 @@ constexpr std::uint32_t groupLength = 16;
 Result<HpkeKeys> writeHeader(const Point& recipient, EVP_PKEY* ephemeral, const ArchiveWriter::Sink& sink) {
     if (!startCipherLibrary()) return Error{"the cipher library cannot be started", 0, {}};
     const KeyHandle key = publicKeyFromPoint(recipient);
-    if (!key) return Error{"the recipient's key is not usable", 0, {}};
+    if (!key) return Error{"the recipient's key is not valid", 0, {}};
     const KeyHandle generated = ephemeral ? nullptr : generatePrivateKey();
     PlainHeader header{groupLength, sshFingerprint(recipient), {}};
     const auto bound = encodePlainHeader(header);

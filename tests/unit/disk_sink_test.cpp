@@ -89,8 +89,8 @@ struct Extraction {
                    .interrupted = [this] { return stop; }}};
 };
 
-const std::string inTheWay = ": something that is no directory is in the way";
-const std::string kept = ": what there is of it is kept as ",
+const std::string inTheWay = ": one of its folders exists as a link or a file; remove that and try again";
+const std::string kept = ": the part that was read is kept as ",
                   longName(255, 'n'), cutName = std::string(240, 'n') + ".incomplete";
 
 struct Case {

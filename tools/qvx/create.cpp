@@ -75,7 +75,7 @@ private:
         const int error = opened ? 0 : errno;
         if (error != 0 && !isUnreadable(error)) return systemError(error, directory);
         if (error != 0) {
-            reportError(escapedName(directory) + ": what is in it is left out", error);
+            reportError(escapedName(directory) + ": the files in it are left out", error);
             complete_ = false;
             return {};
         }
@@ -111,8 +111,8 @@ private:
     // Files that an archive cannot contain are left out; so is the archive itself.
     Status addEntry(const std::string& path, std::optional<EntryType> type) {
         const bool output = type == EntryType::file && isOutput(path);
-        if (!type) report(escapedName(path) + ": left out, neither a file, a directory nor a symbolic link");
-        if (output) report(escapedName(path) + ": left out, it is the archive");
+        if (!type) report(escapedName(path) + ": left out: not a file, a directory or a symbolic link");
+        if (output) report(escapedName(path) + ": left out: it is the archive itself");
         if (!type || output) return {};
         Status added = add(path);
         return added && type == EntryType::directory ? addBelow(path) : added;
@@ -186,7 +186,7 @@ Result<std::vector<IncompleteEntry>> writeArchive(const PathList& list, const Po
 }
 
 Result<Creation> create(const Point& recipient, const CreateOptions& options) {
-    if (!startCipherLibrary() || !publicKeyFromPoint(recipient)) return Error{"the recipient's key is not usable"};
+    if (!startCipherLibrary() || !publicKeyFromPoint(recipient)) return Error{"the recipient's key is not valid"};
     const auto before = identify(options.output);
     Collection collection(before);
     if (Status collected = collect(collection, options); !collected) return collected.error();

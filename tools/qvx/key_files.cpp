@@ -114,7 +114,7 @@ Result<Point> loadRecipient(const std::string& lineOrPath) {
     if (auto point = parseSshKeyLine(lineOrPath)) return *point;
     // Not taken for the path of a file, whose absence would be a puzzling message.
     if (lineOrPath.find(' ') != std::string::npos && lineOrPath.starts_with("ecdsa-"))
-        return Error{"the recipient is not an ecdsa-sha2-nistp256 key line"};
+        return Error{"the recipient is not an ecdsa-sha2-nistp256 key line; `qvx keygen` makes such a key"};
     const auto text = readKeyFile(lineOrPath);
     if (!text) return text.error();
     const auto point = firstKeyLine(*text);
@@ -125,7 +125,7 @@ Result<Point> loadRecipient(const std::string& lineOrPath) {
 Result<Digest> makeKeyFiles(const std::string& name) {
     const auto key = generatePrivateKey();
     const auto point = publicPointOf(key.get());
-    if (!point) return Error{"no key could be made"};
+    if (!point) return Error{"cannot generate a key"};
     auto pem = privateKeyPem(key.get());
     if (!pem) return pem.error();
     const auto written = writeKeyFiles(name, *pem, sshKeyLine(*point) + '\n');

@@ -161,7 +161,7 @@ bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
     incomplete_ = incomplete_ || tail.unreadable;
     if (tail.unreadable) report(escapedName(path_) + ": " + incompleteText(EntryType::file, tail));
     if (!tail.contentOf || content(*this)) return true;
-    if (!std::ferror(stdout)) report("the content, which an earlier entry holds, cannot be read");
+    if (!std::ferror(stdout)) report("the content, which is in an earlier entry, cannot be read");
     return false;
 }
 

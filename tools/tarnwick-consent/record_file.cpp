@@ -55,7 +55,7 @@ Status requireMountRoot(const FileDescriptor& folder, const std::string& mountPo
     if (::statx(folder.get(), "", AT_EMPTY_PATH, 0, &status) != 0) return callError(mountPoint, errno);
     const bool isKnown = (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
     if (mountPoint != "/" && isKnown && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0)
-        return Error{"no longer mounted"};
+        return Error{"no longer mounted; mount it and try again"};
     return {};
 }
 

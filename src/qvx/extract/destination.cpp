@@ -26,7 +26,8 @@ FileDescriptor makeDirectory(int directory, const std::string& name) {
 
 Error openError(int code, std::string_view path) {
     Error error = systemError(code, std::string(path));
-    if (code == ELOOP || code == ENOTDIR) error.text = "something that is no directory is in the way";
+    if (code == ELOOP || code == ENOTDIR)
+        error.text = "one of its folders exists as a link or a file; remove that and try again";
     return error;
 }
 

@@ -152,7 +152,7 @@ Status DiskSink::keepIncomplete() {
     for (int attempt = 0;; ++attempt) {
         const std::string name = incompleteName(name_, attempt);
         auto renamed = file_.temporary().renameIfFree(name);
-        if (renamed) run_.warn({"what there is of it is kept as " + visibleText(name), 0, head_.path});
+        if (renamed) run_.warn({"the part that was read is kept as " + visibleText(name), 0, head_.path});
         if (renamed || renamed.error().code != EEXIST || attempt + 1 == maxIncompleteNames) return renamed;
     }
 }

@@ -18,7 +18,7 @@ const char* describe(BlockFault fault) {
     switch (fault) {
         case BlockFault::none: break;
         case BlockFault::seal: return "the block is changed, or not of this archive";
-        case BlockFault::content: return "the block was made wrongly";
+        case BlockFault::content: return "the block is malformed, although its seal is valid: its writer is faulty";
         case BlockFault::memory: return "out of memory";
     }
     return "";
@@ -87,7 +87,7 @@ Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
     BlockPointer dictionary;
     if (block.header.flags & blockWithDictionary) {
         dictionary = leader();
-        if (!dictionary || dictionary->fault) return Error{"the block that leads its group is damaged or lost"};
+        if (!dictionary || dictionary->fault) return Error{"the leader of its group is damaged or missing"};
     }
     // At most one block and its tag: decodeBlockHeader() refuses a longer one.
     sealed_.resize(header->sealedLength);

@@ -59,7 +59,7 @@ ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
                 return damaged(entry_.error(indexMismatch));
             if (entry_.isComplete()) return deliver(place);
         }
-        if (cursor.damaged()) return damaged(entry_.error("the block holds something that is no record"));
+        if (cursor.damaged()) return damaged(entry_.error("the block contains something that is not a record"));
     }
 }
 

@@ -141,7 +141,8 @@ Status EntryReader::checkTail() {
     const bool file = head_.type == EntryType::file;
     if (tail_.linkOf || (tail_.totals && !file) || (tail_.digest && head_.type == EntryType::directory))
         return error("the entry has fields that do not go together");
-    if (tail_.digest && zeros_ > maxDigestedHoles) return error("the entry has a digest of more zeros than it may");
+    if (tail_.digest && zeros_ > maxDigestedHoles)
+        return error("the entry has a digest, but its holes are too large for one");
     if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
         return error("the size does not match");
     if (tail_.digest && *tail_.digest != (precomputed_ ? *precomputed_ : digest_.finish()))

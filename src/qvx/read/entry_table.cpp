@@ -58,19 +58,18 @@ Status EntryTable::resolve(EntryReader& entry) const {
     const FileEntry* content = find(*tail.contentOf);
     // A reference leads directly to the entry with the content, so no chain of references must be followed.
     if (!content || content->content != *tail.contentOf)
-        return entry.error("the entry that holds its content is lost or another");
+        return entry.error("the entry with its content is missing or a different one");
     // Its zeros would be taken for real content, because only that entry says which of them are not.
-    if (content->unreadable) return entry.error("the entry that holds its content is incomplete");
+    if (content->unreadable) return entry.error("the entry with its content is incomplete");
     if (tail.linkOf) {
         // Two names of one file have the same content, so both must refer to the same entry.
         const FileEntry* link = find(*tail.linkOf);
         if (!link || link->content != *tail.contentOf)
-            return entry.error("the entry that it is linked to is lost or another");
+            return entry.error("the entry that it is linked to is missing or a different one");
     }
     const bool sameDigest = !tail.digest || tail.digest == content->digest;
     const bool sameSize = !tail.totals || tail.totals->size == content->totals.size;
-    if (!sameDigest || !sameSize)
-        return entry.error("digest or size are not those of the entry that holds its content");
+    if (!sameDigest || !sameSize) return entry.error("digest or size differ from those of the entry with its content");
     entry.adopt(content->digest, content->totals);
     return {};
 }

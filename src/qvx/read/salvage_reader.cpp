@@ -21,7 +21,7 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
         if (auto outcome = consumeRecord(*record, {0, block.place.sequence, offset}); !outcome) return outcome;
         offset = cursor.offset();
     }
-    if (cursor.damaged()) abandonEntry("its block holds something that is no record");
+    if (cursor.damaged()) abandonEntry("its block contains something that is not a record");
     return {};
 }
 

@@ -23,7 +23,7 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
         if (auto outcome = consumeRecord(*record, {count_, block.place.sequence, offset}); !outcome) return outcome;
         offset = cursor.offset();
     }
-    if (cursor.damaged()) return damaged("the block holds something that is no record");
+    if (cursor.damaged()) return damaged("the block contains something that is not a record");
     if (block.last() && phase_ != Phase::complete) return damaged("the trailer is missing");
     return {};
 }
@@ -31,14 +31,14 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
 ReadOutcome SequentialReader::finish() const {
     if (phase_ == Phase::complete) return {};
     // Reached only when a worker has run out of memory: a truncated archive has a fault in a block.
-    return readFault("the archive could not be read to its end");
+    return readFault("out of memory; the archive was not read to its end");
 }
 
 Status SequentialReader::checkPlace(const OpenedBlock& block) const {
     if (block.last() != (phase_ == Phase::trailer)) return Error{"the last block is not where it must be"};
     // The length is fixed, so that a reader can find the last block from the end of the file.
     if (block.last() && block.header.sealedLength != lastBlockSize - blockHeaderSize)
-        return Error{"the last block is of a wrong length"};
+        return Error{"the last block has a wrong length"};
     return {};
 }
 
@@ -82,7 +82,7 @@ ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const Ent
     const bool root = record.type == RecordType::root;
     // A reader that starts at the trailer reads the root first: it has no leader yet, and knows the block of the root
     // but no offset in it.
-    if (root && needsLeader_) return damaged("a block of the root cannot be read without another block");
+    if (root && needsLeader_) return damaged("a block of the root needs another block");
     if (root && place.offset != 0) return damaged("the root does not begin its block");
     // The format does not limit the size of the root; it cannot be larger than the file.
     const std::uint64_t limit = root ? file_.size() : maxIndexLength;
