@@ -26,7 +26,7 @@ public:
     // index is damaged.
     Result<void, ReadFault> list(const ArchiveIndex::Visitor& visit);
 
-    // Reads the chosen entries in archive order, and only the blocks that hold them. Ends at the first damage.
+    // Reads the chosen entries in archive order, and only the blocks that contain them. Ends at the first damage.
     ReadOutcome readChosen(const EntryChoice& choice, EntrySink& sink);
 
     // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each

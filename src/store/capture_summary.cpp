@@ -18,7 +18,7 @@ constexpr std::array<const char*, 5> unitNames = {"B", "KB", "MB", "GB", "TB"};
 
 void printLine(const std::string& line) { std::cout << line << '\n' << std::flush; }
 
-// log(0) is minus infinity, which no integer can hold: zero bytes use the smallest unit.
+// log(0) is minus infinity, which no integer can express: zero bytes use the smallest unit.
 unsigned unitFor(std::uint64_t bytes) {
     if (bytes == 0) return 0;
     const double exponent = std::floor(std::log(static_cast<double>(bytes)) / logOf1024);

@@ -30,7 +30,7 @@ using KdfContext = std::unique_ptr<EVP_KDF_CTX, FreeWith<EVP_KDF_CTX_free>>;
 constexpr std::uint16_t kemId = 0x0010;
 constexpr std::uint16_t kdfId = 0x0001;
 
-// A byte string that may hold a secret.
+// A byte string that may be secret.
 class Secret {
 public:
     Secret() = default;

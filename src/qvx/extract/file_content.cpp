@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t bufferSize = 1048576;
 
-// The end of the data or of the hole at `at`. File systems that cannot tell them apart have data only.
+// The end of the data or of the hole at `at`. File systems that do not report holes have data only.
 off_t seek(int file, off_t at, int whence, off_t fallback, off_t size) {
     const off_t found = lseek(file, at, whence);
     if (found >= 0) return found;

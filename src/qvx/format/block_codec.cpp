@@ -14,8 +14,8 @@ namespace {
 
 constexpr int compressionLevel = 3;
 
-// Whether the block is like noise, which cannot be compressed. It is when the values of the bytes are distributed
-// almost evenly in each of a few samples. One sample that differs is enough to compress the block.
+// Whether the block is like noise, which cannot be compressed: the byte values are distributed almost evenly in each of
+// a few samples. One sample that differs is enough to compress the block.
 bool looksLikeNoise(Bytes plain) {
     constexpr std::size_t sampleSize = 4096;
     constexpr std::size_t samples = 16;

@@ -49,7 +49,7 @@ struct Extent {
 struct EntryTail {
     std::optional<Digest> digest;
     std::optional<SparseTotals> totals;
-    std::optional<std::uint64_t> contentOf;  // number of the earlier entry that holds the content
+    std::optional<std::uint64_t> contentOf;  // number of the earlier entry with the content
     std::optional<std::uint64_t> linkOf;     // number of the earlier entry that is the same inode
     std::optional<std::vector<ExtendedAttribute>> attributes;
     std::optional<AccessLists> accessLists;

@@ -1,4 +1,4 @@
-// Reads chosen entries through the index, and only the blocks that hold them.
+// Reads chosen entries through the index, and only the blocks that contain them.
 #pragma once
 
 #include <functional>

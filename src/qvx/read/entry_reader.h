@@ -14,7 +14,7 @@ namespace tarnwick::qvx {
 // result of false ends the reading; an abandon() may follow.
 class EntrySink {
 public:
-    // Passes the content of the earlier entry that holds it to another sink, by data() and hole() only. False when it
+    // Passes the content of the earlier entry that has it to another sink, by data() and hole() only. False when it
     // cannot be read or does not match its size or digest.
     using ContentReader = std::function<bool(EntrySink&)>;
 
@@ -24,7 +24,7 @@ public:
     virtual bool hole(std::uint64_t length) = 0;  // zero bytes, `length` of them
 
     // The entry is complete, and what was passed is its content. With tail.contentOf nothing was passed, and `content`
-    // reads it. Digest and totals are then those of the entry that holds the content, if that entry was read too.
+    // reads it. Digest and totals are then those of the entry with the content, if that entry was read too.
     virtual bool finish(const EntryTail& tail, const ContentReader& content) = 0;
 
     // The entry cannot be completed.
@@ -61,7 +61,7 @@ public:
     // The END record has been read: head() and tail() describe the entry.
     [[nodiscard]] bool isComplete() const { return complete_; }
 
-    // Sets digest and totals of the tail to those of the entry that holds the content.
+    // Sets digest and totals of the tail to those of the entry with the content.
     void adopt(const std::optional<Digest>& digest, const std::optional<SparseTotals>& totals);
 
     // Calls finish() of the sink.
@@ -70,7 +70,7 @@ public:
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
     [[nodiscard]] const EntryTail& tail() const { return tail_; }  // for a file with its totals, stored or counted
-    [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry holds it
+    [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry has it
 
     // An error with the text; its subject is the entry that was begun, if any.
     [[nodiscard]] Error error(std::string text) const;

@@ -67,7 +67,7 @@ ReadOutcome SalvageReader::deliver() {
         return {};
     }
     table_.add(entryPlace_, entry_);
-    // The block with the content was read long before and is not in memory any more, so it is opened again.
+    // The blocks of the earlier entry with the content are no longer in memory, so they are opened again.
     return entry_.deliver([this](EntrySink& sink) {
         const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
         return place && readContent(random_, *place, entry_.tail(), sink);

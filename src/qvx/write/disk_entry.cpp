@@ -154,7 +154,7 @@ Status DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes buffer) {
     if (size == 0) return buffer.empty() ? Status() : readWhole(entry, buffer.first(1));
     if (size <= buffer.size()) {
         entry.awaited = buffer.first(static_cast<std::size_t>(size));
-        // RWF_NOWAIT reads only what is in the page cache, so that one slow file does not hold up the batch.
+        // RWF_NOWAIT reads only what is in the page cache, so that one slow file does not delay the batch.
         const iovec place{entry.awaited.data(), entry.awaited.size()};
         if (::preadv2(entry.file.get(), &place, 1, 0, RWF_NOWAIT) == static_cast<ssize_t>(size)) {
             setContent(entry, std::exchange(entry.awaited, {}));

@@ -1,4 +1,4 @@
-// One entry of a path list with what the disk holds for it: its metadata and, when it is small, its content.
+// One entry of a path list with what is on the disk for it: its metadata and, when it is small, its content.
 #pragma once
 
 #include "base/error.h"

@@ -23,8 +23,8 @@ struct PathList {
         dev_t device = 0;
         ino_t inode = 0;  // a hint: the name may belong to another file by now
 
-        // The directory that holds the name. When it is known, the file is opened only in this directory, and no link
-        // of another user is followed on the way (openDirectoryGuarded).
+        // The directory that contains the name. When it is known, the file is opened only in this directory, and no
+        // link of another user is followed on the way (openDirectoryGuarded).
         dev_t folderDevice = 0;
         ino_t folderInode = 0;  // 0: not known
 
@@ -70,7 +70,8 @@ private:
 };
 
 // `path`, relative to `directory` unless it is absolute, without empty components and ".". Nothing when an archive
-// cannot hold the path. That includes a path with "..": the component before it may be a link, so it cannot be removed.
+// cannot contain the path. That includes a path with "..": the component before it may be a link, so it cannot be
+// removed.
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
 
 // The file at `path`, relative to `directory` unless absolute. Fails when it does not exist or an archive cannot
@@ -80,7 +81,7 @@ Result<PathList::Entry> lookUp(std::string_view directory, std::string_view path
 // The same as a guarded entry. Fails also when the path leads through a link of another user.
 Result<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path);
 
-// Nothing for a kind of file that an archive cannot hold (a FIFO, a socket, a device).
+// Nothing for a kind of file that an archive cannot contain (a FIFO, a socket, a device).
 std::optional<EntryType> entryTypeOf(mode_t mode);
 
 }  // namespace tarnwick::qvx

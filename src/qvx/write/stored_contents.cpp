@@ -31,7 +31,7 @@ StoredContents::StoredContents(const PathList& list) : repeated_(list.size() * b
     }
 }
 
-// The slot that holds the file; otherwise the free slot where it belongs.
+// The slot of the file; otherwise the free slot where it belongs.
 std::size_t StoredContents::place(std::uint32_t device, std::uint64_t inode) const {
     std::size_t at = static_cast<std::size_t>(hashOf(device, inode) >> 20) % slots_.size();
     while (slots_[at].number != none && (slots_[at].inode != inode || slots_[at].device != device))

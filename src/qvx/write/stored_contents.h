@@ -1,4 +1,4 @@
-// Which files the archive already holds, so that a file that is listed twice, or has two hard links, is stored once.
+// Which files the archive already contains, so that a file that is listed twice, or has two hard links, is stored once.
 //
 // Memory: 2 bytes for each entry of the list (4 during construction), and 16 to 32 bytes for each file that may be
 // listed again: those whose inode is listed twice, and a few others whose hash is equal.
@@ -18,10 +18,10 @@ class StoredContents {
 public:
     explicit StoredContents(const PathList& list);
 
-    // The number of the entry that holds the content of this file.
+    // The number of the entry with the content of this file.
     [[nodiscard]] std::optional<std::uint64_t> find(dev_t device, ino_t inode) const;
 
-    // Records that entry `number` holds the content of this file. May ignore a file that is listed only once.
+    // Records that entry `number` has the content of this file. May ignore a file that is listed only once.
     void add(dev_t device, ino_t inode, std::uint64_t number);
 
 private:
