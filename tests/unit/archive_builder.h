@@ -37,27 +37,27 @@ struct Tail {
 // All that is put into one block must fit.
 class ArchiveBuilder {
 public:
-    explicit ArchiveBuilder(std::uint32_t groupLength = 2) {
+    ArchiveBuilder() {
         const KeyHandle ephemeral = generatePrivateKey();
         const auto fingerprint = sshFingerprint(*publicPointOf(recipient()));
-        const auto header = encodePlainHeader({groupLength, fingerprint, *publicPointOf(ephemeral.get())});
+        const auto header = encodePlainHeader({2, fingerprint, *publicPointOf(ephemeral.get())});
         const Bytes bound = Bytes(header).first(boundHeaderSize);
         file_.assign(header.begin(), header.end());
-        stream_.emplace(hpkeSend(Aead::aes256Gcm, recipient(), ephemeral.get(), bound)->keys, groupLength, 1,
-                        [this](Bytes block) {
-                            file_.insert(file_.end(), block.begin(), block.end());
-                            positions.push_back(file_.size());
-                            return Status();
-                        });
+        const auto append = [this](Bytes block) {
+            file_.insert(file_.end(), block.begin(), block.end());
+            positions.push_back(file_.size());
+            return Status();
+        };
+        stream_.emplace(hpkeSend(Aead::aes256Gcm, recipient(), ephemeral.get(), bound)->keys, 2, 1, append);
     }
 
     // Changes a payload before it is sealed.
     std::function<void(RecordType, ByteVector&)> forge = [](RecordType, ByteVector&) {};
 
-    ArchiveBuilder& record(RecordType type, ByteVector payload, bool continues = false) {
+    ArchiveBuilder& record(RecordType type, ByteVector payload) {
         forge(type, payload);
         std::array<std::uint8_t, recordHeaderSize> header{};
-        encodeRecordHeader({type, continues, static_cast<std::uint32_t>(payload.size())}, header.data());
+        encodeRecordHeader({type, false, static_cast<std::uint32_t>(payload.size())}, header.data());
         stream_->put(header);
         stream_->put(payload);
         return *this;
@@ -65,27 +65,20 @@ public:
     ArchiveBuilder& data(std::string_view content) {
         return record(RecordType::data, {content.begin(), content.end()});
     }
-    // Leaves space in the block for one more record, with a payload of `size` bytes.
-    ArchiveBuilder& fillBlock(std::size_t size) {
-        return data(std::string(blockSize - stream_->offset() - 2 * recordHeaderSize - size, 'x'));
-    }
     ArchiveBuilder& begin(const std::string& path, EntryType type = EntryType::file) {
         EntryHead head;
         head.number = entries_++;
         head.type = type;
         head.path = path;
-        head.mode = type == EntryType::directory ? 0755 : 0644;
         ByteVector payload;
         encodeEntryHead(head, payload);
-        index_ = {stream_->block(), stream_->offset(), type, path, *head.mode, 0, 0, 0, 0};
+        index_ = {stream_->block(), stream_->offset(), type, path};
         return record(RecordType::entry, payload);
     }
     ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
         ByteVector payload;
-        encodeEntryTail({tail.digest, tail.totals, tail.contentOf, tail.linkOf, {}, {}, tail.unreadable, false},
-                        payload);
+        encodeEntryTail({tail.digest, tail.totals, tail.contentOf, tail.linkOf, {}, {}, tail.unreadable}, payload);
         index_.size = size;
-        index_.incomplete = tail.unreadable.has_value();
         part_.add(index_);
         return record(RecordType::end, payload);
     }
@@ -97,10 +90,6 @@ public:
     ArchiveBuilder& file(const std::string& path, std::string_view content, EntryType type = EntryType::file) {
         return begin(path, type).data(content).end({.digest = sha256(content)}, content.size());
     }
-    ArchiveBuilder& link(const std::string& path, std::string_view target) {
-        return file(path, target, EntryType::link);
-    }
-    ArchiveBuilder& directory(const std::string& path) { return begin(path, EntryType::directory).end({}, 0); }
     ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
                               std::uint64_t size) {
         return begin(path).end({.contentOf = content, .linkOf = link}, size);
