@@ -12,15 +12,12 @@ namespace {
 Fault fault;
 std::atomic<bool> armed = false;
 std::atomic<unsigned> seen = 0;
-thread_local bool inFault = false;
 
 bool fails(std::string_view call) {
-    if (!armed || inFault || call != fault.call) return false;
+    if (!armed || call != fault.call) return false;
     const unsigned number = seen++;
     if (number < fault.first || number - fault.first >= fault.times) return false;
-    inFault = true;
     if (fault.before) fault.before();
-    inFault = false;
     errno = fault.error;
     return fault.error != 0;
 }
@@ -29,11 +26,6 @@ bool fails(std::string_view call, std::size_t& size) {
     if (!fails(call)) return false;
     if (fault.error == halved) size = (size + 1) / 2;
     return fault.error != halved;
-}
-
-template <typename Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -50,10 +42,10 @@ unsigned tarnwick::test::disarm() {
 }
 
 // Declared here with plain types, and nowhere else: the library's own declarations promise more than these keep.
-#define FAULTY(Result, name, parameters, arguments, failure, ...) \
-    extern "C" Result name parameters {                           \
-        static auto* const real = next<Result parameters>(#name); \
-        return fails(__VA_ARGS__) ? failure : real arguments;     \
+#define FAULTY(Result, name, parameters, arguments, failure, ...)                                  \
+    extern "C" Result name parameters {                                                            \
+        static auto* const real = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
+        return fails(__VA_ARGS__) ? failure : real arguments;                                      \
     }
 
 // clang-format off
@@ -72,10 +64,11 @@ FAULTY(long, flistxattr, (int file, char* list, std::size_t size), (file, list, 
 FAULTY(long, llistxattr, (const char* path, char* list, std::size_t size), (path, list, size), -1, "xattr")
 FAULTY(long, fgetxattr, (int file, const char* name, void* value, std::size_t size), (file, name, value, size), -1,
        "xattr")
-FAULTY(long, readlink, (const char* path, char* target, std::size_t size), (path, target, size), -1, "link")
+FAULTY(long, readlinkat, (int at, const char* path, char* target, std::size_t size), (at, path, target, size), -1, "link")
 FAULTY(long, read, (int file, void* bytes, std::size_t size), (file, bytes, size), -1, "read", size)
 FAULTY(long, pread64, (int file, void* bytes, std::size_t size, long at), (file, bytes, size, at), -1, "read", size)
 FAULTY(long, write, (int file, const void* bytes, std::size_t size), (file, bytes, size), -1, "write", size)
+FAULTY(int, close, (int file), (file), (real(file), -1), "close")
 FAULTY(void*, readdir64, (void* folder), (folder), nullptr, "readdir")
 FAULTY(int, pthread_create, (pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* with),
        (thread, attributes, start, with), errno, "thread")
@@ -85,12 +78,6 @@ FAULTY(int, pthread_create, (pthread_t* thread, const pthread_attr_t* attributes
 extern "C" long preadv64v2(int, const void*, int, long, int) {
     errno = EAGAIN;
     return -1;
-}
-
-extern "C" int close(int file) {
-    static auto* const real = next<int(int)>("close");
-    const bool failed = fails("close");
-    return real(file) == 0 && !failed ? 0 : -1;
 }
 
 // A sanitizer has an allocation of its own.
