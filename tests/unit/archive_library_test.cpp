@@ -34,7 +34,7 @@ PathList listOf(const Seen& paths) {
     return list;
 }
 
-// All settings made; the point is on the curve unless `flipped` changes it.
+// The point is on the curve unless `flipped` changes it.
 ContextHandle newContext(std::uint8_t flipped = 0) {
     ContextHandle context(createEncryptionContext(profileHpke));
     Point point = *publicPointOf(recipient());
@@ -61,14 +61,11 @@ ByteVector write(const PathList& list, const fs::path& archive) {
 class ArchiveLibrary : public testing::Test {
 protected:
     [[nodiscard]] fs::path at(const std::string& name) const { return folder_.path / name; }
-    std::string file(const std::string& name, std::string_view content) const {  // its path
-        std::ofstream(at(name), std::ios::binary) << content;
-        return at(name);
-    }
 
     // What a complete and careful reading of an archive of these gives, the folder's own name left out.
-    Seen roundTrip(const Seen& paths, CheckingSink&& sink = {}) {
+    Seen roundTrip(const Seen& paths) {
         bytes_ = write(listOf(paths), at("archive.qvx"));
+        CheckingSink sink;
         const auto reader = openArchive(bytes_);
         EXPECT_TRUE(reader && (*reader)->readAll(sink));
         const auto own = folder_.path.string().substr(1) + '/';
@@ -84,7 +81,7 @@ protected:
 TEST_F(ArchiveLibrary, KeepsTheOrderOfTheListAndStoresDuplicatesOnce) {
     std::string noise(400000, '\0');
     std::ranges::generate(noise, [dice = std::mt19937(7)]() mutable { return static_cast<char>(dice()); });
-    const auto small = file("small", "s"), path = file("noise", noise);
+    const auto small = folder_.write("small", "s"), path = folder_.write("noise", noise);
     fs::create_hard_link(path, at("linked"));
     fs::create_symlink("nowhere", at("link"));
     std::ofstream(at("sparse")).seekp(2500000) << "x";
@@ -98,28 +95,21 @@ TEST_F(ArchiveLibrary, KeepsTheOrderOfTheListAndStoresDuplicatesOnce) {
 }
 
 TEST_F(ArchiveLibrary, WritesAnIndexOfManyParts) {
-    const auto folder = std::string(200, 'd');
-    fs::create_directory(at(folder));
-    const auto one = file("f", "f"), other = file(folder + "/" + std::string(200, 'g'), "g");
+    const auto one = folder_.write("f", "f"),
+               other = folder_.write(std::string(200, 'd') + '/' + std::string(200, 'g'), "g");
     Seen paths;
     for (int i = 0; i < 3000; ++i) paths.insert(paths.end(), {one, other});
     EXPECT_EQ(roundTrip(paths).size(), 6000U);
 }
 
 TEST_F(ArchiveLibrary, HashesNoTebibytesOfHoles) {
-    struct Sizes : CheckingSink {
-        bool hole(std::uint64_t length) override { return length <= (std::uint64_t{1} << 41); }
-        bool finish(const EntryTail& tail, const ContentReader&) override {
-            seen.push_back(std::to_string(tail.totals->size) + (tail.digest ? " with a digest" : ""));
-            return true;
-        }
-    };
-    fs::resize_file(file("huge", ""), std::uintmax_t{1} << 41);
-    EXPECT_EQ(roundTrip({at("huge")}, Sizes()), Seen{"2199023255552"});
+    fs::resize_file(folder_.write("huge", ""), std::uintmax_t{1} << 41);
+    EXPECT_FALSE(write(listOf({at("huge")}), at("archive.qvx")).empty());
 }
 
 TEST_F(ArchiveLibrary, FollowsNoUserToAnotherFolderOrFile) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root for links of another user";
+    const fs::path own = at("logs/log");
     const auto linkAs = [&](const char* target, uid_t owner) {
         fs::rename(at("logs"), at("old"));
         fs::create_directory_symlink(target, at("logs"));
@@ -129,52 +119,38 @@ TEST_F(ArchiveLibrary, FollowsNoUserToAnotherFolderOrFile) {
         const char* title;
         std::function<void()> change;  // between the listing and the reading
         bool stored;
-        bool listed;  // when it is listed again after the change
     } rows[] = {
-        {"nothing", [] {}, true, true},
-        {"the log is rotated", [&] { fs::rename(at("logs/log"), at("logs/log.1")), file("logs/log", "new"); }, true,
-         true},
-        {"the folder becomes a user's link", [&] { linkAs("secret", 1000); }, false, false},
-        {"the folder becomes root's link elsewhere", [&] { linkAs("secret", 0); }, false, true},
-        {"the folder becomes root's link to itself", [&] { linkAs("old", 0); }, true, true},
-        {"the folder becomes a user's link to itself", [&] { linkAs("old", 1000); }, false, false},
-        {"another folder gets its name",
-         [&] { fs::rename(at("logs"), at("old")), fs::rename(at("secret"), at("logs")); }, false, true},
-        {"the file gets the name of another",
-         [&] { fs::remove(at("logs/log")), fs::create_hard_link(at("secret/log"), at("logs/log")); }, false, true},
+        {"rotated log", [&] { fs::rename(own, at("log.1")), folder_.write("logs/log", "new"); }, true},
+        {"root's link elsewhere", [&] { linkAs("secret", 0); }, false},
+        {"root's link to the folder itself", [&] { linkAs("old", 0); }, true},
+        {"user's link to the folder itself", [&] { linkAs("old", 1000); }, false},
+        {"another folder", [&] { fs::remove_all(at("logs")), fs::rename(at("secret"), at("logs")); }, false},
+        {"the name of another", [&] { fs::remove(own), fs::create_hard_link(at("secret/log"), own); }, false},
     };
     for (const auto& row : rows) {
         for (const char* name : {"logs", "old", "secret"}) fs::remove_all(at(name));
-        for (const char* name : {"logs", "secret"}) fs::create_directory(at(name));
-        file("logs/log", "own");
-        file("secret/log", "secret");
-        const auto list = listOf({at("logs/log")});
+        folder_.write("secret/log", "secret");
+        const auto list = listOf({folder_.write("logs/log", "own")});
         row.change();
-        const auto written = write(list, at("archive.qvx"));
-        EXPECT_EQ(!written.empty(), row.stored) << row.title;
-        EXPECT_EQ(ListHandle(pathListForPath("/", at("logs/log").native())) != nullptr, row.listed) << row.title;
+        EXPECT_EQ(!write(list, at("archive.qvx")).empty(), row.stored) << row.title;
     }
 }
 
-TEST_F(ArchiveLibrary, RefusesWhatIsNoRegularFileAndArgumentsThatDoNotFit) {
-    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
+TEST_F(ArchiveLibrary, RefusesArgumentsThatDoNotFit) {
     fs::create_symlink(at("target"), at("link"));
-    for (const auto* name : {"fifo", "link", "."}) EXPECT_FALSE(newFile(at(name))) << name;
+    for (const auto* name : {"link", "."}) EXPECT_FALSE(newFile(at(name))) << name;
     const auto output = newFile(at("archive.qvx"));
     const auto context = newContext(), offCurve = newContext(1);
     const ContextHandle unset(createEncryptionContext(profileHpke));
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), context.get(), streamFlags, 0));
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), context.get(), 0, 4));
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), offCurve.get(), streamFlags, 4));
-    EXPECT_FALSE(openEncryptionOutputStream(output.get(), unset.get(), streamFlags, 4));
+    for (const auto* each : {&offCurve, &unset})
+        EXPECT_FALSE(openEncryptionOutputStream(output.get(), each->get(), streamFlags, 4));
     const StreamHandle sealed(openEncryptionOutputStream(output.get(), context.get(), streamFlags, 4));
     EXPECT_FALSE(openArchiveEncoderStream(output.get(), nullptr, nullptr, 0, 4)) << "not encrypted";
     const EncoderHandle encoder(openArchiveEncoderStream(sealed.get(), nullptr, nullptr, 0, 4));
     const KeySetHandle keys(fieldKeySetFromString("DAT"));
     const PathList list;
-    EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 5), -EINVAL);
-    EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4), 0);
-    EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4), -EINVAL) << "twice";
+    for (const int expected : {0, -EINVAL})  // the second time
+        EXPECT_EQ(writePathList(encoder.get(), &list, keys.get(), "/", nullptr, nullptr, 0, 4), expected);
 }
 
 }  // namespace

@@ -3,11 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/acl.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <sstream>
 
+#include "fuzz/checking_sink.h"
 #include "unit/temporary_folder.h"
 
 using namespace tarnwick;
@@ -25,8 +25,8 @@ std::string text(const fs::path& file) {
 
 // Entries are words: "PATH=TEXT" a file, "PATH>TARGET" a link, "PATH/" a directory, "PATH:N" a copy of entry N,
 // "PATH#N" the same inode as entry N, "PATH~TEXT" an abandoned file, "PATH?TEXT" one whose end is not reached. TEXT may
-// end with
-// "@": a content that is too long for memory, with holes. The neighbour "out" of the destination must stay as it is.
+// end with "@": a content that is too long for memory, with holes. The neighbour "out" of the destination must stay as
+// it is.
 struct Extraction {
     ~Extraction() {
         fs::current_path("/");
@@ -45,11 +45,8 @@ struct Extraction {
         EntryTail tail;
         if (kind == ':' || kind == '#') tail.contentOf = std::stoul(word.substr(end + 1));
         if (kind == '#') tail.linkOf = tail.contentOf;
-        contents.push_back(tail.contentOf ? contents[*tail.contentOf]
-                                          : word.substr(kind == '/' ? word.size() : end + 1));
-        ContentDigest digest;
-        digest.add(bytesOf(contents.back()));
-        tail.digest = digest.finish();
+        contents.push_back(tail.contentOf ? contents[*tail.contentOf] : word.substr(end + 1));
+        tail.digest = sha256(contents.back());
         if (!sink.begin(head) || (kind != '/' && !tail.contentOf && !pass(contents.back()))) return;
         if (kind == '~') return sink.abandon();
         const auto reread = [&](EntrySink& next) { return next.data(bytesOf(contents.back())); };
@@ -59,7 +56,7 @@ struct Extraction {
         if (!content.ends_with('@')) return sink.data(bytesOf(content));
         return sink.data(bytesOf(content)) && sink.hole(99999) && sink.data(bytesOf("@")) && sink.hole(9);
     }
-    // What is in the destination, in the words of the entries.
+    // What is in the destination, in the words of the entries, but "PATH#TEXT" for a file that has two names.
     std::string tree() {
         sink.finishDirectories();
         std::set<std::string> words;
@@ -72,8 +69,9 @@ struct Extraction {
     static std::string textOf(const fs::directory_entry& file) {
         if (file.is_symlink()) return '>' + fs::read_symlink(file).string();
         if (file.is_directory()) return "/";
-        const std::string content = '=' + text(file), tail = std::string(99999, '\0') + '@' + std::string(9, '\0');
-        return content.ends_with(tail) ? content.substr(0, content.size() - tail.size()) : content;
+        const std::string tail = std::string(99999, '\0') + '@' + std::string(9, '\0'), content = text(file);
+        const std::string kind = file.hard_link_count() > 1 ? "#" : "=";
+        return kind + (content.ends_with(tail) ? content.substr(0, content.size() - tail.size()) : content);
     }
 
     TemporaryFolder folder;
@@ -90,22 +88,20 @@ struct Extraction {
 };
 
 const std::string inTheWay = ": one of its folders exists as a link or a file; remove that and try again";
-const std::string kept = ": the part that was read is kept as ",
-                  longName(255, 'n'), cutName = std::string(240, 'n') + ".incomplete";
-
-struct Case {
-    std::string name, before, archive, after;  // before: shell commands in the destination
-    std::multiset<std::string> problems{};
-};
+const std::string kept = ": the part that was read is kept as ";
+const std::string longName(255, 'n'), cutName = std::string(240, 'n') + ".incomplete";
 
 TEST(DiskSink, LeavesRightTree) {
-    const Case cases[] = {
+    struct {
+        std::string name, before, archive, after;  // before: shell commands in the destination
+        std::multiset<std::string> problems{};
+    } const cases[] = {
         {"FollowsLinkOfArchive", ":", "up>../out up/new=x", "up>../out", {"up/new" + inTheWay}},
         {"FollowsLinkOnDisk", "ln -s ../out d", "d/victim=x", "d>../out", {"d/victim" + inTheWay}},
         {"WritesThroughLink", "ln -s ../out/victim a", "a=mine", "a=mine"},
         {"KeepsLinkInPlaceOfDirectory", ":", "d>../out d/", "d/"},
-        {"LinksToFileBehindLink", ":", "a=untouched a>../out/victim b#0 c:0",
-         "a>../out/victim b=untouched c=untouched"},
+        {"LinksBehindLink", ":", "a=untouched a>../out/victim b#0", "a>../out/victim b=untouched"},
+        {"LinksCopies", ":", "a=1 b#0 c:0", "a#1 b#1 c=1"},
         {"CreatesLinkWithoutTarget", ":", "a>", "", {"a: the link has no target"}},
         {"WritesIntoFileWithTwoNames", "echo -n old >a; ln a b", "a=new", "a=new b=old"},
         {"KeepsFifo", "mkfifo a", "a=new@", "a=new@"},
@@ -113,10 +109,10 @@ TEST(DiskSink, LeavesRightTree) {
         {"ReplacesFullDirectory", "mkdir -p a/b", "a=x@ c=x", "a/ a/b/ c=x", {"a: Directory not empty"}},
         {"CopiesFileThatWasReplaced", ":", "a=1 a=2 b#0 c:0", "a=2 b=1 c=1"},
         {"WritesFileAgainThatIsInPlace", ":", "a=1 b#0 a:0", "a=1 b=1"},
-        {"OverwritesIncompleteFile",
-         ":",
-         "a.incomplete=1 a~2@",
-         "a.incomplete.1=2@ a.incomplete=1",
+        {"OverwritesIncomplete",
+         "touch a.incomplete",
+         "a~2@",
+         "a.incomplete.1=2@ a.incomplete=",
          {"a" + kept + "a.incomplete.1"}},
         {"MakesTooLongName", ":", longName + "~x", cutName + "=x", {longName + kept + cutName}},
         {"LeavesTemporaryFile", ":", "d/ d/a?x@", "d/"},
@@ -139,14 +135,6 @@ TEST(DiskSink, WritesAfterInterruption) {
     EXPECT_EQ(run.tree(), "");
 }
 
-TEST(DiskSink, LinksHardOnlyWhatIsTheSameInode) {
-    Extraction run;
-    run.extract("a=1 b#0 b#0 c:0");
-    run.sink.finishDirectories();
-    EXPECT_TRUE(fs::equivalent(run.in / "a", run.in / "b"));
-    EXPECT_FALSE(fs::equivalent(run.in / "a", run.in / "c"));
-}
-
 // Threads write the files, some at the same time; the last of the entries with one path must win.
 TEST(DiskSink, ReordersEntriesThatConflict) {
     Extraction run;
@@ -154,34 +142,27 @@ TEST(DiskSink, ReordersEntriesThatConflict) {
     for (unsigned i = 0; i < 600; ++i) {
         const std::string name = "d" + std::to_string(i % 7) + "/f" + std::to_string(i % 230);
         run.extract(name + '=' + (left[name] = std::to_string(i)));
-        if (i % 100 == 99) run.extract(name + '=' + (left[name] = "again") + ' ' + name + "/below=x");
-    }
-    for (const std::string folder : {"e1", "e2", "e3", "e4", "e5", "e6", "e7"}) {
-        fs::create_directories(run.in / folder / "full/below");
-        run.extract(folder + "/full=x");
+        if (i % 100 == 99) run.extract(name + "/below=x");
     }
     run.sink.finishDirectories();
     for (const auto& [name, content] : left) EXPECT_EQ(text(run.in / name), content) << name;
-    EXPECT_TRUE(run.sink.failed());
-    EXPECT_EQ(run.problems.size(), 6U + 7U);
+    EXPECT_EQ(run.problems.size(), 6U);
 }
 
 // The time is before 1970, and the default list of the destination would allow more than the mode.
 TEST(DiskSink, LeavesInheritedAccessListOrOtherTime) {
     Extraction run;
-    const std::unique_ptr<std::remove_pointer_t<acl_t>, FreeWith<acl_free>> list(
-        acl_from_text("u::rwx,u:7:rwx,g::rwx,m::rwx,o::rwx"));
-    ASSERT_EQ(acl_set_file(run.in.c_str(), ACL_TYPE_DEFAULT, list.get()), 0);
+    auto* const list = acl_from_text("u::rwx,u:7:rwx,g::rwx,m::rwx,o::rwx");
+    ASSERT_EQ(acl_set_file(run.in.c_str(), ACL_TYPE_DEFAULT, list), 0);
+    acl_free(list);
     run.head.mode = 0540;
     run.head.modified = -1;
     run.extract("d/ d/small=1 d/large=1@");
     run.sink.finishDirectories();
     for (const auto* name : {"d", "d/small", "d/large"}) {
         const auto path = run.in / name;
-        struct stat status {};
-        EXPECT_EQ(stat(path.c_str(), &status), 0) << name;
-        EXPECT_EQ(status.st_mode & 07777, 0540U) << name;
-        EXPECT_EQ(status.st_mtim.tv_sec * 1000000000 + status.st_mtim.tv_nsec, -1) << name;
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms(0540)) << name;
+        EXPECT_EQ(std::chrono::file_clock::to_sys(fs::last_write_time(path)).time_since_epoch().count(), -1) << name;
         for (const auto* kind : {"system.posix_acl_access", "system.posix_acl_default"})
             EXPECT_LT(getxattr(path.c_str(), kind, nullptr, 0), 0) << name << kind;
     }
@@ -194,18 +175,6 @@ TEST(DirectoryMetadata, RefusesMoreAttributesThanMemoryAllows) {
     small.accessLists = {"x", ""};
     EXPECT_TRUE(directories.add({}, large) && directories.add({}, {}));
     EXPECT_FALSE(directories.add({}, small));
-}
-
-TEST(PendingPaths, MissesConflict) {
-    const std::tuple<std::vector<std::string>, const char*, bool> rows[] = {
-        {{"a"}, "a", true},         {{"a"}, "a/b/c", true},      {{"a/b"}, "a", true},          {{"a/b"}, "a/c", false},
-        {{"a-", "a0"}, "a", false}, {{"x", "a/b"}, "x/y", true}, {{"a/b", "x"}, "a/b/c", true},
-    };
-    for (const auto& [paths, path, expected] : rows) {
-        PendingPaths pending;
-        for (const auto& each : paths) pending.add(each);
-        EXPECT_EQ(pending.conflictWith(path), expected) << path;
-    }
 }
 
 }  // namespace
