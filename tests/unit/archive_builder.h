@@ -7,6 +7,7 @@
 
 #include "fuzz/checking_sink.h"
 #include "qvx/archive_reader.h"
+#include "qvx/archive_writer.h"
 #include "qvx/crypto/ssh_key.h"
 #include "qvx/write/block_stream.h"
 
@@ -25,6 +26,23 @@ inline Result<std::unique_ptr<ArchiveReader>, ReadFault> openArchive(const ByteV
     auto file = archiveFile(bytes);
     if (!file) return file.error();
     return ArchiveReader::open(std::move(*file), recipient());
+}
+
+// What the archive writer makes of the listed files. Empty if it fails.
+inline ByteVector writeArchive(const PathList& list, FieldMask fields, const Point& to, EVP_PKEY* ephemeral = nullptr) {
+    ByteVector written;
+    const auto sink = [&](Bytes bytes) {
+        written.insert(written.end(), bytes.begin(), bytes.end());
+        return Status();
+    };
+    auto writer = ArchiveWriter::open(to, 4, sink, ephemeral);
+    return writer->write(list, fields, 4) ? written : ByteVector();
+}
+
+inline PathList guardedList(const Seen& paths) {
+    PathList list;
+    for (const auto& path : paths) list.append(*lookUpGuarded("/", path));
+    return list;
 }
 
 struct Tail {

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <regex>
 
-#include "qvx/archive_writer.h"
 #include "qvx/crypto/private_key.h"
 #include "unit/archive_builder.h"
 #include "unit/clock_tick.h"
@@ -54,20 +53,12 @@ ByteVector writeExample() {
     fs::create_hard_link("/mnt/hello", "/mnt/again");
     fs::create_symlink("hello", "/mnt/link");
     waitForTick();
-    PathList list;
     const struct timespec time { 1767323045, 500000000 }, times[] = {time, time};
-    for (const char* path : {"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"}) {
-        ::utimensat(AT_FDCWD, path, times, AT_SYMLINK_NOFOLLOW);
-        list.append(*lookUpGuarded("/", path));
-    }
-    ByteVector written;
-    const auto sink = [&](Bytes bytes) {
-        written.insert(written.end(), bytes.begin(), bytes.end());
-        return Status();
-    };
-    auto writer = ArchiveWriter::open(*publicPointOf(keyAfter("The recipient's key").get()), 4, sink,
-                                      keyAfter("The sender's ephemeral key").get());
-    return writer->write(list, *parseFieldKeys("UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC"), 4) ? written : ByteVector();
+    const Seen paths{"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"};
+    for (const auto& path : paths) ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    return writeArchive(guardedList(paths), *parseFieldKeys("UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC"),
+                        *publicPointOf(keyAfter("The recipient's key").get()),
+                        keyAfter("The sender's ephemeral key").get());
 }
 
 TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {

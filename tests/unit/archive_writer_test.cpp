@@ -1,0 +1,104 @@
+#include "qvx/archive_writer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <random>
+
+#include "unit/archive_builder.h"
+#include "unit/clock_tick.h"
+#include "unit/temporary_folder.h"
+
+namespace fs = std::filesystem;
+using namespace tarnwick;
+using namespace tarnwick::test;
+
+namespace {
+
+class ArchiveWriting : public testing::Test {
+protected:
+    [[nodiscard]] fs::path at(const std::string& name) const { return folder_.path / name; }
+
+    // What a complete and careful reading of an archive of these gives, the folder's own name left out.
+    Seen roundTrip(const Seen& paths) {
+        bytes_ = writeArchive(guardedList(paths), allFields, *publicPointOf(recipient()));
+        CheckingSink sink;
+        const auto reader = openArchive(bytes_);
+        EXPECT_TRUE(reader && (*reader)->readAll(sink));
+        const auto own = folder_.path.string().substr(1) + '/';
+        for (auto& entry : sink.seen)
+            if (entry.starts_with(own)) entry.erase(0, own.size());
+        return sink.seen;
+    }
+
+    TemporaryFolder folder_;
+    ByteVector bytes_;
+};
+
+TEST_F(ArchiveWriting, KeepsTheOrderOfTheListAndStoresDuplicatesOnce) {
+    std::string noise(400000, '\0');
+    std::ranges::generate(noise, [dice = std::mt19937(7)]() mutable { return static_cast<char>(dice()); });
+    const auto small = folder_.write("small", "s"), path = folder_.write("noise", noise);
+    fs::create_hard_link(path, at("linked"));
+    fs::create_symlink("nowhere", at("link"));
+    std::ofstream(at("sparse")).seekp(2500000) << "x";
+    waitForTick();
+    std::string version;
+    std::getline(std::ifstream("/proc/version"), version);  // a file that says it is empty, and is not
+    EXPECT_EQ(roundTrip({small, at("link"), path, at("linked"), at("sparse"), path, "/proc/version"}),
+              (Seen{"small=s", "link=nowhere", "noise=" + noise, "linked=" + noise,
+                    "sparse=" + std::string(2500000, '\0') + "x", "noise=" + noise, "proc/version=" + version + "\n"}));
+    EXPECT_LT(bytes_.size(), 500000U);
+}
+
+TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
+    const auto one = folder_.write("f", "f"),
+               other = folder_.write(std::string(200, 'd') + '/' + std::string(200, 'g'), "g");
+    Seen paths;
+    for (int i = 0; i < 3000; ++i) paths.insert(paths.end(), {one, other});
+    EXPECT_EQ(roundTrip(paths).size(), 6000U);
+}
+
+TEST_F(ArchiveWriting, HashesNoTebibytesOfHoles) {
+    fs::resize_file(folder_.write("huge", ""), std::uintmax_t{1} << 41);
+    EXPECT_NE(writeArchive(guardedList({at("huge")}), allFields, *publicPointOf(recipient())), ByteVector());
+}
+
+TEST_F(ArchiveWriting, FollowsNoUserToAnotherFolderOrFile) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root for links of another user";
+    const fs::path own = at("logs/log");
+    const auto linkAs = [&](const char* target, uid_t owner) {
+        fs::rename(at("logs"), at("old"));
+        fs::create_directory_symlink(target, at("logs"));
+        ASSERT_EQ(::lchown(at("logs").c_str(), owner, owner), 0);
+    };
+    const struct {
+        const char* title;
+        std::function<void()> change;  // between the listing and the reading
+        bool stored;
+    } rows[] = {
+        {"rotated log", [&] { fs::rename(own, at("log.1")), folder_.write("logs/log", "new"); }, true},
+        {"root's link elsewhere", [&] { linkAs("secret", 0); }, false},
+        {"root's link to the folder itself", [&] { linkAs("old", 0); }, true},
+        {"user's link to the folder itself", [&] { linkAs("old", 1000); }, false},
+        {"another folder", [&] { fs::remove_all(at("logs")), fs::rename(at("secret"), at("logs")); }, false},
+        {"the name of another", [&] { fs::remove(own), fs::create_hard_link(at("secret/log"), own); }, false},
+    };
+    for (const auto& row : rows) {
+        for (const char* name : {"logs", "old", "secret"}) fs::remove_all(at(name));
+        folder_.write("secret/log", "secret");
+        const auto list = guardedList({folder_.write("logs/log", "own")});
+        row.change();
+        EXPECT_EQ(!writeArchive(list, allFields, *publicPointOf(recipient())).empty(), row.stored) << row.title;
+    }
+}
+
+TEST_F(ArchiveWriting, OverwritesNoLinkFifoOrFolder) {
+    ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
+    fs::create_symlink(at("target"), at("link"));
+    for (const auto* name : {"fifo", "link", "."})
+        EXPECT_FALSE(openArchiveFile(at(name), O_WRONLY | O_CREAT | O_TRUNC, 0644)) << name;
+}
+
+}  // namespace
