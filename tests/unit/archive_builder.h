@@ -29,13 +29,14 @@ inline Result<std::unique_ptr<ArchiveReader>, ReadFault> openArchive(const ByteV
 }
 
 // What the archive writer makes of the listed files. Empty if it fails.
-inline ByteVector writeArchive(const PathList& list, FieldMask fields, const Point& to, EVP_PKEY* ephemeral = nullptr) {
+inline ByteVector writeArchive(const PathList& list, FieldMask fields = allFields, EVP_PKEY* to = recipient(),
+                               EVP_PKEY* ephemeral = nullptr) {
     ByteVector written;
     const auto sink = [&](Bytes bytes) {
         written.insert(written.end(), bytes.begin(), bytes.end());
         return Status();
     };
-    auto writer = ArchiveWriter::open(to, 4, sink, ephemeral);
+    auto writer = ArchiveWriter::open(*publicPointOf(to), 4, sink, ephemeral);
     return writer->write(list, fields, 4) ? written : ByteVector();
 }
 

@@ -22,7 +22,7 @@ protected:
 
     // What a complete and careful reading of an archive of these gives, the folder's own name left out.
     Seen roundTrip(const Seen& paths) {
-        bytes_ = writeArchive(guardedList(paths), allFields, *publicPointOf(recipient()));
+        bytes_ = writeArchive(guardedList(paths));
         CheckingSink sink;
         const auto reader = openArchive(bytes_);
         EXPECT_TRUE(reader && (*reader)->readAll(sink));
@@ -62,7 +62,7 @@ TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
 
 TEST_F(ArchiveWriting, HashesNoTebibytesOfHoles) {
     fs::resize_file(folder_.write("huge", ""), std::uintmax_t{1} << 41);
-    EXPECT_NE(writeArchive(guardedList({at("huge")}), allFields, *publicPointOf(recipient())), ByteVector());
+    EXPECT_NE(writeArchive(guardedList({at("huge")})), ByteVector());
 }
 
 TEST_F(ArchiveWriting, FollowsNoUserToAnotherFolderOrFile) {
@@ -90,7 +90,7 @@ TEST_F(ArchiveWriting, FollowsNoUserToAnotherFolderOrFile) {
         folder_.write("secret/log", "secret");
         const auto list = guardedList({folder_.write("logs/log", "own")});
         row.change();
-        EXPECT_EQ(!writeArchive(list, allFields, *publicPointOf(recipient())).empty(), row.stored) << row.title;
+        EXPECT_EQ(!writeArchive(list).empty(), row.stored) << row.title;
     }
 }
 

@@ -57,8 +57,7 @@ ByteVector writeExample() {
     const Seen paths{"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"};
     for (const auto& path : paths) ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
     return writeArchive(guardedList(paths), *parseFieldKeys("UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC"),
-                        *publicPointOf(keyAfter("The recipient's key").get()),
-                        keyAfter("The sender's ephemeral key").get());
+                        keyAfter("The recipient's key").get(), keyAfter("The sender's ephemeral key").get());
 }
 
 TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {

@@ -54,17 +54,13 @@ TEST(Hpke, GivesThePublishedCiphertextsAndOpensThem) {
     EXPECT_EQ(messages, 12U);
 }
 
-TEST(Hpke, TakesOnlyPointsOfTheCurveAndScalarsBelowItsOrder) {
-    const auto key = generatePrivateKey();
-    auto point = *publicPointOf(key.get());
+TEST(Hpke, RefusesPointsBesideTheCurveAndScalarsPastItsOrder) {
+    auto point = *publicPointOf(generatePrivateKey().get());
     EXPECT_FALSE(publicKeyFromPoint(Bytes(point).first(33)));
-    EXPECT_FALSE(hpkeReceive(Aead::aes256Gcm, key.get(), Bytes(point).first(33), {}));
     point[64] ^= 1;
     for (const auto& other : {point, Point{}, Point{0x04}}) EXPECT_FALSE(publicKeyFromPoint(other));
-
     auto order = fromHex("ffffffff00000000ffffffffffffffffbce6faada7179e84f3b9cac2fc632551");
-    EXPECT_FALSE(privateKeyFromScalar(Scalar{}));
-    EXPECT_FALSE(privateKey(order));
+    EXPECT_FALSE(privateKeyFromScalar(Scalar{}) || privateKey(order));
     --order[31];
     EXPECT_TRUE(privateKey(order));
 }
