@@ -1,7 +1,7 @@
-"""hardening.py PROGRAM...: checks that the programs of the optimised build are hardened.
-
-Stack clash protection is visible in the machine code only, so the options that the compiler recorded for each
-translation unit are checked. A stripped file has no such record and is refused."""
+# hardening.py PROGRAM...: checks that the programs of the optimised build are hardened.
+#
+# Stack clash protection is visible in the machine code only, so the options that the compiler recorded for each
+# translation unit are checked. A stripped file has no such record and is refused.
 import re
 import subprocess
 import sys

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Fails when an include points up the layers of src/, or to what the tools may not include."""
+# Fails when an include points up the layers of src/, or to what the tools may not include.
 import pathlib
 import re
 import sys

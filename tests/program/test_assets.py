@@ -1,4 +1,4 @@
-"""The configuration asset, from a real web server on loopback into the store and into a capture."""
+# The configuration asset, from a real web server on loopback into the store and into a capture.
 import http.server
 import os
 import shutil
@@ -37,9 +37,9 @@ class Assets(Scenario):
         self.make_key("ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")
         os.mkdir(SITE)
 
+    # A web server over SITE that the service is configured for. Each of `tricks` answers the paths that have its
+    # ending; `over` is set when the server ends.
     def serve(self, tls=None):
-        """A web server over SITE that the service is configured for. Each of `tricks` answers the paths that have its
-        ending; `over` is set when the server ends."""
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         server.tricks, server.over = {}, threading.Event()
         if tls:
@@ -69,8 +69,8 @@ class Assets(Scenario):
     def fetch(self, **options):
         self.tool("fetch_config", **options)
 
+    # Quiet where nothing is configured; an administrator's own, then what is newer.
     def test_from_nothing_to_the_newest_over_tls(self):
-        """Quiet where nothing is configured; an administrator's own, then what is newer."""
         self.fetch()
         new = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout /media/server.key -subj /CN=server"
         call("openssl", "req", "-x509", *new.split(), "-addext", "subjectAltName=IP:127.0.0.1",
@@ -95,8 +95,8 @@ class Assets(Scenario):
         self.tarnwick()
         self.assertEqual(sorted(os.listdir(STORE)), ["5.12", "6.0"])
 
+    # As the package installs it.
     def test_factory_configuration_where_nothing_is_configured(self):
-        """As the package installs it."""
         write(f"{FACTORY}/{NAME}", content(f"{world.BIN}/../share/linux.plist"))
         self.key = f"{world.BIN}/../dev-recipient.pem"
         self.volume("root", YES, ["/var/log/kern.log", "/var/log/dnf.log", "/var/log/auth.log"])

@@ -1,4 +1,4 @@
-"""Captures from end to end: what is printed, what is logged, what is archived."""
+# Captures from end to end: what is printed, what is logged, what is archived.
 import filecmp
 import os
 import signal
@@ -10,9 +10,9 @@ LOGS = ("/logs", ".*/[a-z]*.log")
 
 
 class Capture(Scenario):
+    # The walk is backwards, the directives as well as the volumes, and a volume that is skipped keeps the files of
+    # an earlier one. Neither the caller's umask nor its signals change anything.
     def test_of_two_volumes_the_last_reaches_the_archive(self):
-        """The walk is backwards, the directives as well as the volumes, and a volume that is skipped keeps the files of
-        an earlier one. Neither the caller's umask nor its signals change anything."""
         self.specification(LOGS, ("/crash", ".*"))
         self.volume("denied", NO, ["/logs/no.log"])
         self.volume("last", YES, ["/logs/a.log", "/crash/core"])
@@ -32,9 +32,9 @@ class Capture(Scenario):
         self.key = f"{world.BIN}/../dev-recipient.pem"
         self.tarnwick()
 
+    # A double slash leaves the volume; expressions are POSIX basic, whatever find prefers; a search that fails
+    # discards what it found.
     def test_directives(self):
-        """A double slash leaves the volume; expressions are POSIX basic, whatever find prefers; a search that fails
-        discards what it found."""
         self.specification(LOGS, ("logs", ".*/a.*"), ("//media/out/side", ".*"), ("/logs/a.log", ".*"),
                            ("/logs", ".*/b\\{2\\}.txt"), ("/logs", ".*/b+.txt"),
                            ("/logs", ".*' -print -exec false {} + -name '*"), ("/odd", ".*"))
@@ -43,8 +43,8 @@ class Capture(Scenario):
             write(path)
         self.capture()
 
+    # No array: nothing to search. A base path outside ASCII counts as empty, which ends the run abnormally.
     def test_entries_of_the_wrong_kind(self):
-        """No array: nothing to search. A base path outside ASCII counts as empty, which ends the run abnormally."""
         self.volume("one", YES, ["/logs/a.log"])
         for entries in {"BasePath": "/logs"}, [{"BasePath": "/logs"}, "word", 7, {"BasePath": "/\u00fc"}]:
             self.specification(CaptureSpec=entries)

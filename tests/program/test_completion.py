@@ -1,4 +1,4 @@
-"""Each word that the completion offers is one that the program knows, and none of its long options is left out."""
+# Each word that the completion offers is one that the program knows, and none of its long options is left out.
 import re
 
 from world import BIN, HERE, Scenario, call, read, write
@@ -21,8 +21,8 @@ class Completion(Scenario):
         for program in "qvx", "volctl", "tarnwick-consent":
             self.offers_what_help_names(program)
 
+    # The long options and the commands, and the same after each of the commands.
     def offers_what_help_names(self, *words):
-        """The long options and the commands, and the same after each of the commands."""
         text, _, commands = call(f"{BIN}/{words[0]}", *words[1:], "--help").partition("Subcommands:\n")
         options = re.findall(r"--[a-z0-9-]+", (text + commands).replace("-plist)", ""))
         names = re.findall(r"^  (\w+)", commands, re.M)

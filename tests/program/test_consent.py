@@ -1,4 +1,4 @@
-"""tarnwick-consent on real file systems: what it prints, what it changes, and what it leaves alone."""
+# tarnwick-consent on real file systems: what it prints, what it changes, and what it leaves alone.
 import contextlib
 import glob
 import os
@@ -34,14 +34,14 @@ class Consent(Disks):
     def consent(self, *words, **options):
         return self.tool("tarnwick-consent", *words, **options)
 
+    # The mount point of a new volume, and where its record belongs.
     def data(self, name="data", *options, role="Data"):
-        """The mount point of a new volume, and where its record belongs."""
         folder = f"/media/{name}"
         self.mount(self.formatted(*options, role=role)[0], folder)
         return folder, f"{folder}/{CONSENT}"
 
+    # The command fails and changes nothing below the folder.
     def refuses(self, *words, folder, **options):
-        """The command fails and changes nothing below the folder."""
         before = fingerprint(folder)
         done = self.consent(*words, **options)
         self.assertEqual((done.returncode, fingerprint(folder)), (1, before))
@@ -153,8 +153,8 @@ class Consent(Disks):
             self.assertEqual(process.returncode, -number)
             self.assertEqual(plistlib.loads(content(record)), {**old, "AutoSubmit": granted})
 
+    # The kernel stops it at a frozen file system, while signals wait until the record is written.
     def wait_until_it_writes(self, process):
-        """The kernel stops it at a frozen file system, while signals wait until the record is written."""
         limit = time.monotonic() + 60
         waits = False
         while not waits:
@@ -164,8 +164,8 @@ class Consent(Disks):
             self.assertIsNone(process.poll())
             self.assertLess(time.monotonic(), limit)
 
+    # It is meant where no VOLUME is given; also in a chroot that is no mount point.
     def test_the_volume_at_the_root(self):
-        """It is meant where no VOLUME is given; also in a chroot that is no mount point."""
         root = "/media/root"
         for source in "/usr", "/etc":
             os.makedirs(root + source)

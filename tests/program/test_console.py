@@ -1,4 +1,4 @@
-"""The log and the console: order, flushing, locale, and files that have the log's name."""
+# The log and the console: order, flushing, locale, and files that have the log's name.
 import datetime
 import errno
 import glob
@@ -22,8 +22,8 @@ def identity(path):
     return status.st_mode, status.st_uid, status.st_size, os.path.islink(path) and os.readlink(path)
 
 
+# Calls `place` with every log name of the next two minutes. The identity of each.
 def plant(place):
-    """Calls `place` with every log name of the next two minutes. The identity of each."""
     now = datetime.datetime.now(datetime.timezone.utc)
     paths = [f"/tmp/tarnwick-{now + datetime.timedelta(seconds=second):%Y-%m-%d-%H:%M:%S}.log" for second in range(120)]
     for path in paths:
@@ -36,8 +36,8 @@ class Console(Scenario):
         super().setUp()
         self.specification(("/logs", ".*"))
 
+    # Console and log must report the unlocking while it waits for the passphrase.
     def test_lines_are_flushed_before_a_command_blocks(self):
-        """Console and log must report the unlocking while it waits for the passphrase."""
         os.mkfifo("/media/passphrase")
         self.volume("locked", YES, mounted=False)
         self.answer("volctl zkfs unlockVolume disk1", Answer(do="cat /media/passphrase >/dev/null"))
@@ -48,8 +48,8 @@ class Console(Scenario):
             self.note("log", only_log())
         process.communicate()
 
+    # Neither a twelve-hour clock nor a decimal comma shows, and names in no encoding are found.
     def test_locale_of_the_user_changes_nothing(self):
-        """Neither a twelve-hour clock nor a decimal comma shows, and names in no encoding are found."""
         world.call("localedef", "-i", "sq_AL", "-f", "UTF-8", "/media/sq_AL.UTF-8")
         # The C library loses its copy of LOCPATH at every start, which is not our leak.
         locale = {"LOCPATH": "/media", "LC_ALL": "sq_AL.UTF-8", "ASAN_OPTIONS": "detect_leaks=0"}
@@ -60,8 +60,8 @@ class Console(Scenario):
         write(f"{world.STORE}/tarnwick-1.qvx", b"x" * 1536)
         self.tarnwick("--summarize", environment=locale)
 
+    # What the library says of an abnormal end does not land in the log.
     def test_library_messages_go_to_no_file_when_standard_error_is_closed(self):
-        """What the library says of an abnormal end does not land in the log."""
         self.volume("one", YES)
         self.specification(CaptureSpec=[{"BasePath": ""}])
         self.assertEqual(self.unrecorded(*SPECIFIED, limits=lambda: os.close(2))[0].status, -6)
@@ -75,8 +75,8 @@ class Console(Scenario):
         self.assertGreaterEqual(stamp, before)
         self.assertGreaterEqual(os.stat("/media/first").st_mtime, stamp + 1)
 
+    # Every log name of the next minutes is in use. The run succeeds and writes a new log.
     def test_existing_files_with_the_name_of_the_log_are_kept(self):
-        """Every log name of the next minutes is in use. The run succeeds and writes a new log."""
         for name, place, refused in (
                 ("a link", lambda path: os.symlink("/media/precious", path), ()),
                 ("a hard link", lambda path: os.link("/tmp/precious", path), ()),

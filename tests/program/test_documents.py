@@ -1,5 +1,5 @@
-"""The commands in the documents and in the EXAMPLES of the manual pages. The word after `sh`, on a fence or in a
-comment above an example, says how the block is tested; see CONTRIBUTING.md."""
+# The commands in the documents and in the EXAMPLES of the manual pages. The word after `sh`, on a fence or in a
+# comment above an example, says how the block is tested; see CONTRIBUTING.md.
 import glob
 import json
 import os
@@ -57,21 +57,21 @@ class Documents(Disks):
                     self.assertTrue(os.access(f"{TOP}/{script}", os.X_OK), line)
                     self.assertTrue(all(map(read(f"{TOP}/{script}").count, re.findall(r" (--\w+)", line))), line)
 
+    # What an engineer has: an archive sealed to the key that the document made, or to one made before.
     def make_archive(self):
-        """What an engineer has: an archive sealed to the key that the document made, or to one made before."""
         if not os.path.exists("/media/cwd/service.pub"):
             self.qvx("keygen", "-o", "/media/cwd/service")
         self.specification(("/private/var/log", ".*"), archive_public_key=read("/media/cwd/service.pub").strip())
         shutil.copy(self.unrecorded(*SPECIFIED)[0].archive, "/media/cwd")
 
+    # The device of the examples, with the real `volctl` and `nvram`.
     def make_volume(self):
-        """The device of the examples, with the real `volctl` and `nvram`."""
         for name in "volctl", "nvram":
             os.remove(f"/media/bin/{name}")
         return self.attach(self.formatted()[0])
 
+    # On a machine with the package, and with the configuration that a site would publish.
     def test_blocks_in_their_order(self):
-        """On a machine with the package, and with the configuration that a site would publish."""
         os.symlink(f"{TOP}/tools/asset-publish/asset-publish", "/media/bin/asset-publish")
         shutil.copy(f"{TOP}/config/etc/asset-service.plist.example", "/etc/tarnwick/")
         factory = read(f"{world.BIN}/../share/linux.plist")
@@ -109,8 +109,8 @@ class Documents(Disks):
                 self.check_widened_configuration("1.1")
         self.assertEqual(os.listdir("/media/cwd/case-4711/media/data/private/var/log"), ["system.log"])
 
+    # The configuration that an example installed or published is used, and its directive finds a file.
     def check_widened_configuration(self, version):
-        """The configuration that an example installed or published is used, and its directive finds a file."""
         self.key = f"{world.BIN}/../dev-recipient.pem"
         write("/media/data/var/log/cups/error_log")
         result, out = self.unrecorded()

@@ -1,4 +1,4 @@
-"""Options, modes and exit statuses."""
+# Options, modes and exit statuses.
 import os
 
 import world
@@ -12,8 +12,8 @@ def as_nobody():
 
 
 class Entry(Scenario):
+    # Internal builds do not ask where the policies are beyond doubt; there, --capturespec comes before help.
     def test_root_is_required_before_anything_else(self):
-        """Internal builds do not ask where the policies are beyond doubt; there, --capturespec comes before help."""
         self.tarnwick("--help", "--cleanup", limits=as_nobody)
         for name, change in {
                 "a group can write": lambda: os.chmod(POLICIES, 0o664),
@@ -53,8 +53,8 @@ class Entry(Scenario):
         os.truncate(result.archive, 6)
         self.tarnwick("--testmode", "--summarize")
 
+    # cron's PATH lacks /usr/sbin, where volctl is; an empty element is dropped.
     def test_commands_in_system_folders_are_found_whatever_path_is_inherited(self):
-        """cron's PATH lacks /usr/sbin, where volctl is; an empty element is dropped."""
         self.lay("/usr/sbin", "lowerdir=/media/bin:/usr/sbin", "overlay")
         write("/media/cwd/volctl", "#!/bin/sh\nfalse\n")
         os.chmod("/media/cwd/volctl", 0o755)

@@ -1,4 +1,4 @@
-"""All that ends a capture early: what is printed, and which files are left."""
+# All that ends a capture early: what is printed, and which files are left.
 import base64
 import os
 import resource
@@ -13,8 +13,8 @@ class Fatal(Scenario):
         super().setUp()
         self.specification(("/logs", ".*"))
 
+    # The last command before the archive is written. What it does to the capture folder is the fault.
     def nvram_does(self, do):
-        """The last command before the archive is written. What it does to the capture folder is the fault."""
         self.answer("nvram -p", Answer("", 0, do))
 
     def test_faults_before_the_volumes(self):
@@ -28,22 +28,22 @@ class Fatal(Scenario):
             self.answer(PREBOOT, answer)
             self.capture()
 
+    # For the capture folder; then for the log as well.
     def test_no_space_for_the_capture_folder_or_the_log(self):
-        """For the capture folder; then for the log as well."""
         for options in "nr_inodes=3", "ro":
             call("mount", "-o", "remount," + options, "/tmp")
             self.tarnwick("--capturespec", "/media/spec.plist")
 
+    # A user with one process, who is nobody else's and has no second one for the leak check either.
     def test_no_process_for_a_command(self):
-        """A user with one process, who is nobody else's and has no second one for the leak check either."""
         def as_lonely_user():
             resource.setrlimit(resource.RLIMIT_NPROC, (1, 1))
             os.setresuid(*[200000 + os.getpid()] * 3)
 
         self.capture(environment={"ASAN_OPTIONS": "detect_leaks=0"}, limits=as_lonely_user)
 
+    # A point of another form, one off the curve, no point, and no more than the type, which ends abnormally.
     def test_keys_that_cannot_be_used(self):
-        """A point of another form, one off the curve, no point, and no more than the type, which ends abnormally."""
         text = read("/media/key.pub").split()[1]
         for at, change in (39, 6), (40, 1), (0, 1):
             blob = bytearray(base64.b64decode(text))
@@ -54,8 +54,8 @@ class Fatal(Scenario):
         self.specification(archive_public_key="ecdsa-sha2-nistp256")
         self.capture()
 
+    # A folder that has its name, and a file that has the name of the log's copy; no nvram is no fault.
     def test_faults_at_the_archive(self):
-        """A folder that has its name, and a file that has the name of the log's copy; no nvram is no fault."""
         for do in (f"mkdir {NAME}.qvx", f"echo >{NAME}.log", "echo no firmware >&2; exit 1",
                    f"yes | head -c 99999 >{NAME}.qvx"):
             self.nvram_does(do)

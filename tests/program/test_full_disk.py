@@ -1,4 +1,4 @@
-"""Archives on file systems that are full a little earlier or later: whole, or none."""
+# Archives on file systems that are full a little earlier or later: whole, or none.
 import os
 import subprocess
 
@@ -9,8 +9,8 @@ DISK, ARCHIVE, STEP, STEPS = "/media/disk", "/media/disk/archive.qvx", 16384, 24
 
 
 class FullDisk(Scenario):
+    # What was written is looked at once the real file system is attached anew.
     def test_never_success_on_a_full_disk(self):
-        """What was written is looked at once the real file system is attached anew."""
         self.specification()
         write("/media/noise", os.urandom(STEP * STEPS // 2))
         write("/media/image", b"\0" * (4 << 20))

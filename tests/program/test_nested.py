@@ -1,4 +1,4 @@
-"""Volumes below volumes, links and odd names: which of the files that a search prints are captured."""
+# Volumes below volumes, links and odd names: which of the files that a search prints are captured.
 import os
 
 from world import CONSENT, NO, YES, Answer, Disks, call, property_list, read, write
@@ -12,8 +12,8 @@ def link(target, path, owner):
 
 
 class Nested(Disks):
+    # A real file system: what is in memory needs no consent. Its loop device.
     def mounted(self, path, files=()):
-        """A real file system: what is in memory needs no consent. Its loop device."""
         image, _ = self.formatted("-O", "^dir_index")  # entries are found in the order in which they were made
         device = self.mount(image, path)
         for file in files:
@@ -25,8 +25,8 @@ class Nested(Disks):
         self.mounted(f"/media/{name}", files)
         write(f"/media/{name}/{CONSENT}", property_list(consent))
 
+    # By the file system they are on, whatever their path looks like.
     def test_files_of_another_volume_need_its_consent(self):
-        """By the file system they are on, whatever their path looks like."""
         self.planned("root", YES, ["/logs/own.log", "/deep/in/x.log"])
         self.planned("root/var", NO, ["/log/denied.log", "/log/more.log"])
         self.planned("root/srv", YES, ["/log/granted.log"])
@@ -44,8 +44,8 @@ class Nested(Disks):
         self.specification(("/", LOGS), *((f"/{name}/log", LOGS) for name in ("chain", "leading", "foreign")))
         self.capture("--noninteractive")
 
+    # What a run captures of the volumes, where the search is `command`.
     def found(self, command=None):
-        """What a run captures of the volumes, where the search is `command`."""
         if command:
             os.chmod(write("/media/bin/find", f"#!/bin/sh\n{command}\n"), 0o755)
         archive = self.capture("--noninteractive").archive
@@ -71,8 +71,8 @@ class Nested(Disks):
             self.answer("nvram -p", Answer(do=f"mv {path}.1 {path}"))
             self.assertEqual(self.found(f'/usr/bin/find "$@" && mv {path} {path}.1'), ["media/root/logs/own.log"])
 
+    # The user can give it the name of a folder of his own.
     def test_link_of_root_in_the_folder_of_another_user_is_not_followed(self):
-        """The user can give it the name of a folder of his own."""
         self.planned("one", YES, ["/logs/own.log", "/logs/app/folder/a.log", "/secret/a.log"])
         link("/media/one/secret", "/media/one/logs/app/current", 0)
         self.specification(("/logs", LOGS))
@@ -108,8 +108,8 @@ class Nested(Disks):
         self.assertEqual(found, sorted("media/one/logs/" + name for name in (
             "a.log", "first\\x0asecond.log", "\\x0a.log", "end.log\\x0a", *tricks)))
 
+    # The swap comes after the search and before the archive.
     def test_folder_swapped_for_a_link_leaks_no_file(self):
-        """The swap comes after the search and before the archive."""
         self.planned("one", YES, ["/logs/a.log", "/secret/a.log"])
         self.specification(("/logs", LOGS))
         self.answer("nvram -p", Answer(do="cd /media/one; mv logs old; ln -s secret logs; chown -h 1000 logs"))

@@ -1,5 +1,5 @@
-"""qvx as a whole program, and archives that were made once: every later qvx must read the good ones and refuse the
-others for the right reason."""
+# qvx as a whole program, and archives that were made once: every later qvx must read the good ones and refuse the
+# others for the right reason.
 import json
 import os
 import subprocess
@@ -12,8 +12,8 @@ GOOD = "kinds", "blocks", "nothing", "incomplete"
 KEY, ARCHIVE, SOURCE, OUT = ["--key", "/media/key.pem"], "/media/archive.qvx", "/media/source", "/media/out"
 
 
+# The entries of a list, without what no copy can keep and what older archives do not store of links.
 def entries(listing):
-    """The entries of a list, without what no copy can keep and what older archives do not store of links."""
     found = [json.loads(line) for line in listing.splitlines()]
     for entry in found:
         for key in ("ctime_ns", "btime_ns", "flags", *["sha256"] * (entry["type"] == "link")):
@@ -40,8 +40,8 @@ class Qvx(Scenario):
     def files(self):
         self.note("files", "\n".join(sorted(call("find", OUT, "-type", "f", "-printf", "%s %p\n").splitlines())))
 
+    # Control characters in their names are escaped.
     def test_frozen_archives_are_read(self):
-        """Control characters in their names are escaped."""
         for name in GOOD:
             self.assertEqual(self.qvx("list", "--json", "--key", SAMPLES + "recipient.pem", f"{SAMPLES}{name}.qvx"),
                              read(f"{SAMPLES}{name}.json"))
@@ -60,8 +60,8 @@ class Qvx(Scenario):
                 self.files()
                 world.clear(OUT)
 
+    # Of every kind; the second time, the files are there already.
     def test_archive_of_extracted_files_has_the_same_entries(self):
-        """Of every kind; the second time, the files are there already."""
         wanted = content(SAMPLES + "kinds.json").replace(b'"tmp/', b'"media/out/tmp/')
         for _ in range(2):
             self.frozen("extract", "kinds", "-C", OUT)

@@ -1,4 +1,4 @@
-"""qvx's archives read by a reader in another language that shares no code with it; see second-reader/."""
+# qvx's archives read by a reader in another language that shares no code with it; see second-reader/.
 import base64
 import json
 import os
@@ -14,8 +14,8 @@ TREE, ARCHIVE, KEY = "/media/tree", "/media/archive.qvx", "/media/key.pem"
 MIB, SAMPLES = 1 << 20, DATA + "/archives/"
 
 
+# Every kind of entry, from the frozen archive, and enough for blocks of all sorts and a second group.
 def make_tree():
-    """Every kind of entry, from the frozen archive, and enough for blocks of all sorts and a second group."""
     os.mkdir(TREE)
     call(BIN + "/qvx", "extract", "--key", SAMPLES + "recipient.pem", "-C", TREE, SAMPLES + "kinds.qvx")
     dice = random.Random(7)
@@ -24,8 +24,8 @@ def make_tree():
     write(TREE + "/noise", dice.randbytes(3 * MIB))
 
 
+# What the second reader prints, with the bytes as qvx has them in its list.
 def entries(lines):
-    """What the second reader prints, with the bytes as qvx has them in its list."""
     def text(value):
         return base64.b64decode(value).decode("utf-8", "surrogateescape")
     for entry in map(json.loads, lines):

@@ -1,4 +1,4 @@
-"""The store on the destination volume: listing, pruning, placing, removing."""
+# The store on the destination volume: listing, pruning, placing, removing.
 import errno
 import fcntl
 import functools
@@ -23,18 +23,18 @@ class Store(Scenario):
         self.specification(("/logs", ".*"))
         [self.preboot] = (text for text in self.known if "Preboot" in text)
 
+    # What happens while the destination is asked for: first to find it, then to list, then to list again.
     def then(self, *deeds):
-        """What happens while the destination is asked for: first to find it, then to list, then to list again."""
         self.answer(PREBOOT, *(Answer(self.preboot, do=do) for do in (":", *deeds, ":")))
 
+    # A stored capture, or another file in the store, that uses no space.
     def sparse(self, name, size=LIMIT):
-        """A stored capture, or another file in the store, that uses no space."""
         path = write(f"{STORE}/{name}")
         os.truncate(path, size)
         return path
 
+    # The bytes of links as well; what is pruned is the link.
     def test_limit_counts_the_captures_and_the_archive_to_the_byte(self):
-        """The bytes of links as well; what is pruned is the link."""
         for name in ("notes.qvx", "tarnwick-old.qvx.bak", "tarnwick.qvx2", "Tarnwick.qvx", ".qvx", "xtarnwick.qvx",
                      "tarnwick-a.QVX"):
             self.sparse(name)
@@ -53,8 +53,8 @@ class Store(Scenario):
         self.then(":", f"truncate -s {LIMIT} {STORE}/tarnwick-new.qvx")
         self.capture()
 
+    # A capture with no more than the bare name counts; a time before the epoch counts as late.
     def test_oldest_by_change_time_goes_first_and_no_more_than_needed(self):
-        """A capture with no more than the bare name counts; a time before the epoch counts as late."""
         captures = [("tarnwick-a.qvx", 300 * MIB, 2022), ("tarnwick.qvx", 500 * MIB, 2020),
                     ("tarnwickX.qvx", 400 * MIB, 2021), ("tarnwick-d.qvx", 1536, 2023),
                     ("tarnwick-<e>&.qvx", 500 * MIB, 1965), ("notes.qvx", 1, 2019)]
@@ -71,8 +71,8 @@ class Store(Scenario):
         self.tarnwick("--cleanup")
         self.tarnwick("--summarize", "--plist")
 
+    # A full volume keeps nothing, a read-only one all; a file in the place of the store is not touched.
     def test_archive_that_cannot_be_placed(self):
-        """A full volume keeps nothing, a read-only one all; a file in the place of the store is not touched."""
         self.sparse("tarnwick-old.qvx")
         call("mount", "--bind", "/media/preboot", "/media/preboot")
         call("mount", "-o", "remount,bind,ro", "/media/preboot")
@@ -86,8 +86,8 @@ class Store(Scenario):
         write(STORE, "in the way")
         self.capture()
 
+    # The console is a pipe of one page, so the run is only so many lines ahead of what has been read.
     def test_captures_that_somebody_else_removed_meanwhile(self):
-        """The console is a pipe of one page, so the run is only so many lines ahead of what has been read."""
         for words, removing, failed in (((), "WARNING: pruning ", "WARNING: error when pruning "),
                                         (["--cleanup"], "removing ", "WARNING: error when cleaning up ")):
             for number in range(40):
@@ -99,9 +99,9 @@ class Store(Scenario):
             self.assertRegex(process.communicate()[0].decode(), rf"\n{removing}(.*)\n{failed}\1\n")
             self.assertEqual(process.returncode, 0)
 
+    # A limit on the size of files, set when the archive is complete, kills the copy at its fifth kilobyte. Where a
+    # part of it stays under a hidden name, it is no capture, and the next run removes it.
     def test_killed_in_the_middle_of_the_copy(self):
-        """A limit on the size of files, set when the archive is complete, kills the copy at its fifth kilobyte. Where a
-        part of it stays under a hidden name, it is no capture, and the next run removes it."""
         limit = ('pid=$$; while [ "$(cat /proc/$pid/comm)" != tarnwick ]; do '
                  'pid=$(sed "s/.*) . //; s/ .*//" /proc/$pid/stat); done; prlimit --pid $pid --fsize=4096')
         self.volume("one", YES)
@@ -114,9 +114,9 @@ class Store(Scenario):
             self.assertIn(b" 0 captures", self.start("--summarize").communicate()[0])
             os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
 
+    # Also on file systems without files that have no name, and without renaming that replaces nothing. Nothing
+    # remains of an unfinished copy.
     def test_name_that_is_in_use_is_neither_overwritten_nor_followed(self):
-        """Also on file systems without files that have no name, and without renaming that replaces nothing. Nothing
-        remains of an unfinished copy."""
         for refused in (), (UNNAMED_FILE,), (UNNAMED_FILE, NO_REPLACING):
             limits = functools.partial(world.refuse, *refused)
             self.answer("nvram -p", "")

@@ -1,4 +1,4 @@
-"""Files that a disk gives back only in part: btrfs on a loop device whose data no longer match their checksums."""
+# Files that a disk gives back only in part: btrfs on a loop device whose data no longer match their checksums.
 import json
 import os
 import random
@@ -35,8 +35,8 @@ class Unreadable(Disks):
             pass  # what changes as writing begins is not stored by reference
         self.specification(*(("/log", f".*/{name}") for name in CAPTURED))
 
+    # Moves the volume to a disk and spoils the first bytes of the damaged blocks.
     def wear_out(self):
-        """Moves the volume to a disk and spoils the first bytes of the damaged blocks."""
         call("mkfs.btrfs", "-q", "--rootdir", FOLDER, path := self.image(128))
         image = content(path)
         with open(path, "r+b") as disk:
@@ -52,8 +52,8 @@ class Unreadable(Disks):
         lines = self.qvx("list", "--json", *KEY, archive).splitlines()
         return {entry["path"]: entry for entry in map(json.loads, lines)}
 
+    # The marks in the archive, and the contents when it is extracted.
     def agrees(self, archive, names=tuple(FILES)):
-        """The marks in the archive, and the contents when it is extracted."""
         listed = self.listed(archive)
         os.mkdir(OUT)
         self.assertEqual(self.tool("qvx", "extract", *KEY, "-C", OUT, archive).returncode, 1)
@@ -82,8 +82,8 @@ class Unreadable(Disks):
         for name in "all", "fine":
             self.tool("qvx", "cat", *KEY, ARCHIVE, f"{LOGS}/{name}", stdout=subprocess.DEVNULL)
 
+    # The time of this file is the machine's.
     def test_what_cannot_be_opened_is_marked(self):
-        """The time of this file is the machine's."""
         self.tool("qvx", "create", "-r", "/media/key.pub", "-o", ARCHIVE, "/media/spec.plist", WRITE_ONLY)
         self.tool("qvx", "verify", *KEY, ARCHIVE)
         expected = {"mode": "0200", "size": 0, "incomplete": True, "unreadable": []}

@@ -1,4 +1,4 @@
-"""volctl on real loop devices."""
+# volctl on real loop devices.
 import os
 import plistlib
 import signal
@@ -18,8 +18,8 @@ class Volctl(Disks):
     def unlock(self, *words, **options):
         self.volctl("zkfs", "unlockVolume", *words, **options)
 
+    # An image as a power cut leaves it: a deleted file still open, and a journal to replay.
     def dirty_image(self, format):
-        """An image as a power cut leaves it: a deleted file still open, and a journal to replay."""
         path, identity = self.formatted("-L", "name of it", format=format)
         os.mkdir("/media/dirty")
         call("mount", path, "/media/dirty")
@@ -35,8 +35,8 @@ class Volctl(Disks):
         call("umount", "/media/dirty")  # the kernel mounts no two file systems of one identity
         return path + ".copy", identity
 
+    # The device is neither mounted nor unlocked, and no byte of its image differs from `before`.
     def assert_unused(self, device, path, before):
-        """The device is neither mounted nor unlocked, and no byte of its image differs from `before`."""
         for trace in "/dev/mapper/tarnwick-", "/run/tarnwick/volumes/":
             self.assertFalse(os.path.exists(trace + device))
         self.assertNotIn(f"(/dev/{device})", call("losetup", "-a"))
@@ -90,8 +90,8 @@ class Volctl(Disks):
         for identifier in self.attach(self.image(1)), "/nowhere", "no such name", "":
             self.volctl("info", "-plist", identifier)
 
+    # Only `list` goes on without them, with a warning.
     def test_settings_that_cannot_be_used(self):
-        """Only `list` goes on without them, with a warning."""
         os.symlink("/media/cwd", "/media/link")
         good = property_list({"PrebootDirectory": "/media/link"})
         self.listed()  # a missing file is no problem
@@ -120,14 +120,14 @@ class Volctl(Disks):
         self.listed(**NOBODY)
         self.assertIn(">/media/cwd<", call("/media/programs/volctl", "info", "-plist", "Preboot"))
 
+    # Records the messages of `volctl list`. Of the table, which is the machine's, only one line is checked.
     def listed(self, **options):
-        """Records the messages of `volctl list`. Of the table, which is the machine's, only one line is checked."""
         with open("/media/table", "wb") as table:
             self.volctl("list", stdout=table, **options)
         self.assertRegex(read("/media/table").splitlines()[1], " Data +[^/]* / +mounted$")
 
+    # Stay locked without the right key, and no damaged header is repaired.
     def test_locked_volumes(self):
-        """Stay locked without the right key, and no damaged header is repaired."""
         path = self.locked(b"right")
         before, device = call("sha256sum", path), self.attach(path)
         for key in b"wrong", b"right\n", b"", b"x" * 10000:

@@ -1,4 +1,4 @@
-"""Which volumes are searched, in which order and with whose consent, and what is printed about the others."""
+# Which volumes are searched, in which order and with whose consent, and what is printed about the others.
 import os
 
 import world
@@ -16,8 +16,8 @@ class Volumes(Scenario):
         super().setUp()
         self.specification()
 
+    # Answers that cannot be walked end the run, after what came before them in the walk.
     def test_faults_of_the_listing(self):
-        """Answers that cannot be walked end the run, after what came before them in the walk."""
         self.volume("one", YES)
         good = {"VolumeGroups": [{"Volumes": self.volumes}]}
         for value in ([], {"Containers": {}}, {"Containers": ["text", good]}, {"Containers": [{}, good]},
@@ -31,8 +31,8 @@ class Volumes(Scenario):
             self.answer(GROUPS, answer)
             self.capture()
 
+    # Backwards at every level; other roles and what cannot be asked for without a message, the rest with one.
     def test_plan(self):
-        """Backwards at every level; other roles and what cannot be asked for without a message, the rest with one."""
         for number, role in enumerate(("data", "Data ", "Preboot", "D\u00e4ta")):
             self.volume(f"v{number}", YES, role=role)
         for name in "lost", "stays", "refused", "opened", "failing", "unparsable":
@@ -60,8 +60,8 @@ class Volumes(Scenario):
         os.truncate(f"{world.STORE}/tarnwick-old.qvx", 1 << 30)  # not in the listing that counts
         self.capture()
 
+    # Asked for once at every run; where the file cannot be read, nobody is asked.
     def test_consent(self):
-        """Asked for once at every run; where the file cannot be read, nobody is asked."""
         for number, (consent, _) in enumerate(reversed(ASKED)):
             self.volume(f"v{len(ASKED) - number}", consent, ["/logs/a.log"])
         for name, consent in ("missing", None), ("fifo", None), ("file", None), ("plist", "<plist>"), ("list", [True]):

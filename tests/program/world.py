@@ -1,14 +1,13 @@
-"""A private world for the programs under test, and a record of what they print and which files they leave.
-
-A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick, /usr/share/tarnwick and /var/lib/tarnwick
-in a mount namespace of its own; the machine outside sees none of it. Everything that it makes is below /media:
-
-    /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
-    /media/programs   the programs under test                   /media/NAME      the source volume NAME
-
-TARNWICK_BIN is the folder of the programs. The record is compared with data/transcripts at the end. With RECORD=1 in
-the environment that file is written instead: read it as a user would before you commit it.
-"""
+# A private world for the programs under test, and a record of what they print and which files they leave.
+#
+# A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick, /usr/share/tarnwick and /var/lib/tarnwick
+# in a mount namespace of its own; the machine outside sees none of it. Everything that it makes is below /media:
+#
+#     /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
+#     /media/programs   the programs under test                   /media/NAME      the source volume NAME
+#
+# TARNWICK_BIN is the folder of the programs. The record is compared with data/transcripts at the end. With RECORD=1 in
+# the environment that file is written instead: read it as a user would before you commit it.
 import collections
 import contextlib
 import ctypes
@@ -33,8 +32,8 @@ if ENTERED:
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
 
 
+# A path of the folder that still works where the mounts of a world cover it.
 def lasting(folder):
-    """A path of the folder that still works where the mounts of a world cover it."""
     return f"/proc/{os.getpid()}/fd/{os.open(folder, os.O_PATH | os.O_DIRECTORY)}"
 
 
@@ -65,9 +64,9 @@ def call(*command, **options):
     return subprocess.run(command, check=True, capture_output=True, **options).stdout.decode()
 
 
+# Makes system calls of amd64 fail in this process from now on. Each is given by its number, the argument that has
+# a flag, the flag, and the error.
 def refuse(*calls):
-    """Makes system calls of amd64 fail in this process from now on. Each is given by its number, the argument that has
-    a flag, the flag, and the error."""
     code = [(0x06, 0, 0, 0x7fff0000)]  # all others are allowed
     for number, argument, flag, error in calls:
         code = [(0x20, 0, 0, 0), (0x15, 0, 3, number), (0x20, 0, 0, 16 + 8 * argument), (0x45, 0, 1, flag),
@@ -78,9 +77,9 @@ def refuse(*calls):
         raise OSError(ctypes.get_errno(), "seccomp")
 
 
+# Types a line at each prompt on a new terminal; a secret only when the echo is off. Returns all that was shown,
+# the exit status, and whether the echo is on again.
 def on_terminal(words, prompt, *lines, secret=True, kill=None):
-    """Types a line at each prompt on a new terminal; a secret only when the echo is off. Returns all that was shown,
-    the exit status, and whether the echo is on again."""
     def echoes():
         return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
 
@@ -106,8 +105,8 @@ def on_terminal(words, prompt, *lines, secret=True, kill=None):
     return end
 
 
+# On one line, and without the document type, which no reader needs.
 def property_list(value):
-    """On one line, and without the document type, which no reader needs."""
     return re.sub(r"<!DOCTYPE.*\n|(?<=>)\s+(?=<)", "", plistlib.dumps(value).decode())
 
 
@@ -173,13 +172,13 @@ class Scenario(unittest.TestCase):
             write(path, self.record)
         self.assertEqual(self.record, read(path) if self.record else "")
 
+    # Mounts a file system until the end of the test, with all that is mounted below it.
     def lay(self, target, options, kind="tmpfs"):
-        """Mounts a file system until the end of the test, with all that is mounted below it."""
         call("mount", "-t", kind, "-o", options, "world", target)
         self.addCleanup(call, "umount", "--lazy", target)
 
+    # Answers to `line`, in turn; the last one is repeated. A text means that text and status 0.
     def answer(self, line, *answers):
-        """Answers to `line`, in turn; the last one is repeated. A text means that text and status 0."""
         table = "/media/answers/" + line.replace("/", "%")
         shutil.rmtree(table, ignore_errors=True)
         for turn, answer in enumerate(answers):
@@ -188,8 +187,8 @@ class Scenario(unittest.TestCase):
             if out.startswith("<?xml"):
                 self.known.setdefault(out, f"<answer {turn} to {line}>")
 
+    # A source volume with its consent file, where `consent` is given, and the named files. Its device.
     def volume(self, name, consent=None, files=(), role="Data", mounted=True, device=None):
-        """A source volume with its consent file, where `consent` is given, and the named files. Its device."""
         number = len(self.volumes) + 1
         folder, device = f"/media/{name}", device or f"disk{number}"
         os.mkdir(folder)
@@ -205,8 +204,8 @@ class Scenario(unittest.TestCase):
     def list_volumes(self):
         self.answer(GROUPS, property_list({"Containers": [{"VolumeGroups": [{"Volumes": self.volumes}]}]}))
 
+    # A capture specification of (base path, expression) pairs, for an internal build.
     def specification(self, *directives, **more):
-        """A capture specification of (base path, expression) pairs, for an internal build."""
         write("/etc/tarnwick/internal-policies.plist", property_list({"com.vexlor.tarnwick": True}))
         if not os.path.exists(self.key):
             self.qvx("keygen", "-o", "/media/key")
@@ -223,24 +222,24 @@ class Scenario(unittest.TestCase):
         return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
                                 env={**everywhere, **dict(environment)}, preexec_fn=limits, **{**options, **more})
 
+    # A run that is recorded. `answers` is its standard input.
     def tarnwick(self, *arguments, answers="", **more):
-        """A run that is recorded. `answers` is its standard input."""
         process = self.start(*arguments, **more)
         return self.report_run(arguments, *process.communicate(answers.encode()), process.returncode)
 
+    # A run that is not recorded: its result and what it printed.
     def unrecorded(self, *arguments, **more):
-        """A run that is not recorded: its result and what it printed."""
         process = self.start(*arguments, **more)
         out, _ = process.communicate()
         return self.result(out, process.returncode), out.decode()
 
+    # With the capture specification made before, and nothing yet in /tmp.
     def capture(self, *arguments, **more):
-        """With the capture specification made before, and nothing yet in /tmp."""
         clear("/tmp")
         return self.tarnwick(*SPECIFIED, *arguments, **more)
 
+    # A recorded run of a companion. It has no terminal, and finds no other command.
     def tool(self, program, *words, typed=b"", environment=(), **more):
-        """A recorded run of a companion. It has no terminal, and finds no other command."""
         process = self.start(*words, program=program, environment={"PATH": "/nowhere", **dict(environment)},
                              start_new_session=True, **more)
         out, errors = process.communicate(typed)
@@ -268,9 +267,9 @@ class Scenario(unittest.TestCase):
         self.note("said", f"{out.decode(errors='backslashreplace')}[status {status}]")
         self.note("errors", errors.decode() if status >= 0 else "")  # the library prints the reason of an abort
 
+    # One part of the record. Lines at its beginning and end that equal those of the last part of this title are
+    # only counted.
     def note(self, title, text):
-        """One part of the record. Lines at its beginning and end that equal those of the last part of this title are
-        only counted."""
         lines, before = self.normal(text), self.noted.get(title, [])
         head = len(os.path.commonprefix([lines, before]))
         tail = len(os.path.commonprefix([lines[head:][::-1], before[head:][::-1]]))
@@ -288,14 +287,14 @@ class Scenario(unittest.TestCase):
     def qvx(self, *arguments):
         return call("/media/programs/qvx", *arguments)
 
+    # The paths in an archive, in its order.
     def entries(self, archive):
-        """The paths in an archive, in its order."""
         self.qvx("verify", "--key", self.key, archive)
         return [line.split()[-1] for line in self.qvx("list", "--key", self.key, archive).splitlines()]
 
 
+# Scenarios with real file systems on loop devices. Their numbers are left out of the record.
 class Disks(Scenario):
-    """Scenarios with real file systems on loop devices. Their numbers are left out of the record."""
 
     def setUp(self):
         super().setUp()
@@ -309,8 +308,8 @@ class Disks(Scenario):
         os.truncate(path := write(f"/media/images/{uuid.uuid4()}"), megabytes << 20)
         return path
 
+    # An image with a file system on it, and the identity of that, which volumes.plist gives the role.
     def formatted(self, *options, format="ext4", role=None):
-        """An image with a file system on it, and the identity of that, which volumes.plist gives the role."""
         (megabytes, make), identity = FORMATS[format], str(uuid.uuid4())
         call(*make.format(identity).split(), *options, path := self.image(megabytes))
         self.known[identity] = "<identity>"
@@ -318,8 +317,8 @@ class Disks(Scenario):
             self.set_role(identity, role)
         return path, identity
 
+    # An encrypted image for data.
     def locked(self, key):
-        """An encrypted image for data."""
         call(*LUKS.split(), path := self.image(20), input=key)
         self.set_role(call("cryptsetup", "luksUUID", path).strip(), "Data")
         return path
@@ -328,14 +327,14 @@ class Disks(Scenario):
         self.roles[identity] = role
         write("/etc/tarnwick/volumes.plist", property_list({"Roles": self.roles}))
 
+    # The name of a loop device over the image.
     def attach(self, path):
-        """The name of a loop device over the image."""
         device = call("losetup", "-f", "--show", path).strip()
         self.addCleanup(call, "losetup", "-d", device)
         return os.path.basename(device)
 
+    # Mounts the image on the folder. The name of its loop device.
     def mount(self, path, folder):
-        """Mounts the image on the folder. The name of its loop device."""
         os.makedirs(folder, exist_ok=True)
         call("mount", "/dev/" + (device := self.attach(path)), folder)
         self.addCleanup(call, "umount", "--lazy", folder)
