@@ -1,16 +1,12 @@
 # tarnwick-consent on real file systems: what it prints, what it changes, and what it leaves alone.
-import contextlib
-import glob
 import os
 import plistlib
-import re
 import resource
 import shutil
 import signal
 import subprocess
-import time
 
-from world import CONSENT, NO, YES, Disks, call, clear, content, property_list, read, volume_info, write
+from world import CONSENT, NO, YES, Disks, call, clear, content, property_list, volume_info, write
 
 FOLDER, NAME = os.path.split(CONSENT)
 OTHER_KEYS = {"AutoSubmitVersion": 4, "Name": "D\u00e4ta <&>", "Bytes": b"\0\xff", "List": [True, {"a": 1.5}]}
@@ -19,15 +15,6 @@ CHOICES = {"grant": {"AutoSubmit": True}, "deny": {"AutoSubmit": False}, "ask": 
 
 def fingerprint(folder):
     return call("find", folder, "-type", "d", "-printf", "%P/ %m %u\\n", "-o", "-printf", "%P %y %m %u %s %T@ %l\\n")
-
-
-@contextlib.contextmanager
-def frozen(folder):
-    call("fsfreeze", "-f", folder)
-    try:
-        yield
-    finally:
-        call("fsfreeze", "-u", folder)
 
 
 class Consent(Disks):
@@ -63,37 +50,25 @@ class Consent(Disks):
 
     def test_other_keys_are_kept_and_the_seed_key_decides(self):
         folder, record = self.data()
-        device = os.path.basename(call("findmnt", "-no", "SOURCE", folder).strip())
-        for seed in {}, {"SeedAutoSubmit": True}, {"SeedAutoSubmit": False}, {"SeedAutoSubmit": "no boolean"}:
+        for seed in {}, {"SeedAutoSubmit": True}, {"SeedAutoSubmit": "no boolean"}:
             for form in plistlib.FMT_XML, plistlib.FMT_BINARY:
                 for command, choice in CHOICES.items():
                     write(record, plistlib.dumps({**OTHER_KEYS, **seed, "AutoSubmit": "text"}, fmt=form))
-                    self.consent(command, device)
+                    self.consent(command, folder)
                     self.assertEqual(plistlib.loads(content(record)), {**OTHER_KEYS, **seed, **choice})
         self.assertEqual(os.listdir(f"{folder}/{FOLDER}"), [NAME])
 
     def test_volumes_without_a_record_that_can_be_changed(self):
-        label = f"\x1b[2J{os.getpid():07}"  # other volumes of the machine have other names
-        self.known[label[1:]] = "[2J"
-        denied, record = self.data("denied", "-L", label)
+        denied, record = self.data("denied")
         write(record, plistlib.dumps(NO))
         other, hostile = self.data("other", role="Other")[0], self.data("$(reboot)")[0]
-        unmounted, locked = self.attach(self.formatted(role="Data")[0]), self.attach(self.locked(b"key"))
-        for identifier in other, unmounted, locked, hostile, "no\x1bsuch", "", "Preboot/":
+        for identifier in other, self.attach(self.locked(b"key")), hostile, "no\x1bsuch":
             self.consent("show", identifier)
-            self.consent("show", "--json", identifier)
             self.refuses("grant", denied, identifier, folder=denied)
-        os.chmod("/etc/tarnwick/volumes.plist", 0o666)  # anybody may have written it
-        for words in ["show"], ["grant", denied]:
-            self.refuses(*words, folder=denied)
-        os.chmod("/etc/tarnwick/volumes.plist", 0o644)
         call("mount", "-o", "remount,ro", denied)
-        for command in "grant", "ask":
-            self.refuses(command, label, folder=denied)
-            self.refuses(command, label, folder=denied, user=65534)
+        self.refuses("grant", denied, folder=denied)
+        self.refuses("grant", denied, folder=denied, user=65534)
         self.consent("show", denied, user=65534)
-        for words in [], ["grow"], ["show", "--all"], ["grant", "--json"]:
-            self.assertEqual(self.consent(*words, denied).returncode, 2)
 
     def test_no_link_fifo_device_or_mount_on_the_way_to_the_record_is_followed(self):
         outside = os.path.dirname(write(f"/media/outside/real/{NAME}", property_list(NO)))
@@ -104,7 +79,6 @@ class Consent(Disks):
                 (f"{outside}/{NAME}", write, os.mkdir)
             for name, plant in {
                     "a link out of the volume": lambda: os.symlink(target, path),
-                    "a dangling link": lambda: os.symlink("/nowhere", path),
                     "a FIFO": lambda: os.mkfifo(path),
                     "a device": lambda: os.mknod(path, 0o20644, os.makedev(1, 5)),
                     "a mount": lambda: (make(path), call("mount", "--bind", target, path)),
@@ -121,67 +95,30 @@ class Consent(Disks):
     def test_records_that_cannot_be_read_are_left_alone(self):
         folder, record = self.data()
         for name, text in {
-                "empty": b"", "a broken list": b"<plist>", "only the start of a binary list": b"bplist00",
-                "JSON": b"{}", "an array": plistlib.dumps([True]), "bytes after it": plistlib.dumps(YES) + b"\0",
-                "above the limit": b"\0" * ((16 << 20) + 1),
-                "above the limit as XML, with five bytes for each of one":
-                    plistlib.dumps({"Text": "&" * (4 << 20)}, fmt=plistlib.FMT_BINARY)}.items():
+                "empty": b"", "only the start of a binary list": b"bplist00", "an array": plistlib.dumps([True]),
+                "bytes after it": plistlib.dumps(YES) + b"\0", "above the limit": b"\0" * ((16 << 20) + 1),
+                "above the limit as XML": plistlib.dumps({"a": "&" * (4 << 20)}, fmt=plistlib.FMT_BINARY)}.items():
             self.note("record", name)
             write(record, text)
             self.refuses("deny", folder, folder=folder)
             self.assertEqual(content(record), text)
 
-    def test_a_failure_or_a_kill_while_writing_leaves_no_half_record(self):
-        folder, record = self.data()
-        old = {"Text": "x" * 5000, "AutoSubmit": False}
-
+    def test_failure_while_writing_leaves_no_half_record(self):
         def small_files():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
 
+        folder, record = self.data()
         self.refuses("grant", folder, folder=folder, limits=small_files)  # removes its new folders again
-        write(record, plistlib.dumps(old))
+        write(record, plistlib.dumps(NO))
         self.refuses("grant", folder, folder=folder, limits=small_files)
-        for number, granted in (signal.SIGTERM, True), (signal.SIGKILL, False):
-            write(record, plistlib.dumps(old))
-            self.assertEqual(os.listdir(f"{folder}/{FOLDER}"), [NAME])
-            with frozen(folder):
-                process = self.start("grant", folder, program="tarnwick-consent")
-                self.wait_until_it_writes(process)
-                process.send_signal(number)
-            process.communicate()
-            self.assertEqual(process.returncode, -number)
-            self.assertEqual(plistlib.loads(content(record)), {**old, "AutoSubmit": granted})
 
-    # The kernel stops it at a frozen file system, while signals wait until the record is written.
-    def wait_until_it_writes(self, process):
-        limit = time.monotonic() + 60
-        waits = False
-        while not waits:
-            status = read(f"/proc/{process.pid}/status")
-            blocked = int(re.search(r"SigBlk:\s*(\w+)", status)[1], 16)
-            waits = "State:\tD" in status and blocked >> (signal.SIGTERM - 1) & 1
-            self.assertIsNone(process.poll())
-            self.assertLess(time.monotonic(), limit)
-
-    # It is meant where no VOLUME is given; also in a chroot that is no mount point.
+    # It is meant where no VOLUME is given.
     def test_the_volume_at_the_root(self):
-        root = "/media/root"
-        for source in "/usr", "/etc":
-            os.makedirs(root + source)
-            call("mount", "--rbind", source, root + source)
-            self.addCleanup(call, "umount", "--recursive", "--lazy", root + source)
-        for link in glob.glob("/lib*"):
-            os.symlink(os.readlink(link), root + link)
-        os.mkdir(f"{root}/proc")
-        self.lay(f"{root}/proc", "ro", "proc")
-        shutil.copy("/media/programs/tarnwick-consent", f"{root}/program")
-        for mounted in False, True:
-            if mounted:
-                call("mount", "--rbind", root, root)
-            for words in ["ask"], ["show", "--json"], ["grant", "/"]:
-                done = subprocess.run(["chroot", root, "/program", *words], capture_output=True, check=False)
-                self.report(("tarnwick-consent", *words), done.stdout, done.stderr, done.returncode)
-            self.assertTrue(os.path.exists(f"{root}/{CONSENT}"))
-            shutil.rmtree(f"{root}/Library")
+        self.lay_over("/", "/media/root")
+        self.lay("/media/root/proc", "ro", "proc")
+        shutil.copy("/media/programs/tarnwick-consent", "/media/root/program")
+        for words in ["ask"], ["show", "--json"], ["grant", "/"]:
+            done = subprocess.run(["chroot", "/media/root", "/program", *words], capture_output=True, check=False)
+            self.report(("tarnwick-consent", *words), done.stdout, done.stderr, done.returncode)
         self.assertFalse(os.path.exists(f"/{CONSENT}"))

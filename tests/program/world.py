@@ -57,7 +57,7 @@ STAMP = re.compile(r"\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d")
 # One answer of a stand-in. `do` is shell text that it runs first; $folder is the run's capture folder.
 Answer = collections.namedtuple("Answer", "out status do", defaults=("", 0, ":"))
 # The outcome of a run. `archive` and `temporary` are its archive in the store and before the copy.
-Result = collections.namedtuple("Result", "status stamp archive temporary")
+Result = collections.namedtuple("Result", "status out stamp archive temporary")
 
 
 def call(*command, **options):
@@ -77,26 +77,25 @@ def refuse(*calls):
         raise OSError(ctypes.get_errno(), "seccomp")
 
 
-# Types a line at each prompt on a new terminal; a secret only when the echo is off. Returns all that was shown,
-# the exit status, and whether the echo is on again.
-def on_terminal(words, prompt, *lines, secret=True, kill=None):
-    def echoes():
-        return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
-
+# Types a line at each prompt for a secret on a new terminal. Returns what was shown, the exit status, and whether the
+# echo is on again.
+def on_terminal(words, prompt, *lines):
     child, terminal = pty.fork()
     if child == 0:
         signal.signal(signal.SIGINT, signal.SIG_DFL)  # a shell ignores it for what it runs in the background
         os.execv(words[0], words)
+
+    def echoes():
+        return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
+
     shown = b""
     with contextlib.suppress(OSError):  # the other end is closed
         for number, line in enumerate(lines, 1):
             while shown.count(prompt) < number:
                 shown += os.read(terminal, 1024)
-            while secret and echoes():
+            while echoes():
                 pass
             os.write(terminal, line)
-        if kill:
-            os.kill(child, kill)
         while piece := os.read(terminal, 1024):
             shown += piece
     status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
@@ -155,9 +154,7 @@ class Scenario(unittest.TestCase):
         os.chmod("/media/counts", 0o777)
         call("mount", "--no-canonicalize", "--bind", BIN, "/media/programs")
         for path in ("/etc", "/usr/lib", "/usr/share", "/var/lib"):  # also where the product is installed
-            layers = [f"/media/{kind}{path}" for kind in ("upper", "work")]
-            call("mkdir", "-p", *layers)
-            self.lay(path, "lowerdir={},upperdir={},workdir={}".format(path, *layers), "overlay")
+            self.lay_over(path, path)
             os.makedirs(path + "/tarnwick", exist_ok=True)
             self.lay(path + "/tarnwick", "mode=755")
         for command in ("volctl", "nvram", "man"):
@@ -176,6 +173,12 @@ class Scenario(unittest.TestCase):
     def lay(self, target, options, kind="tmpfs"):
         call("mount", "-t", kind, "-o", options, "world", target)
         self.addCleanup(call, "umount", "--lazy", target)
+
+    # Mounts a copy of the folder on the target. What is written there stays in the world.
+    def lay_over(self, folder, target):
+        layers = [f"/media/{kind}{target}" for kind in ("upper", "work")]
+        call("mkdir", "-p", target, *layers)
+        self.lay(target, "lowerdir={},upperdir={},workdir={}".format(folder, *layers), "overlay")
 
     # Answers to `line`, in turn; the last one is repeated. A text means that text and status 0.
     def answer(self, line, *answers):
@@ -214,24 +217,29 @@ class Scenario(unittest.TestCase):
         content = {"CaptureSpec": entries, "archive_public_key": read("/media/key.pub").strip(), **more}
         write("/media/spec.plist", property_list(content))
 
-    def start(self, *arguments, program="tarnwick", argv0=None, environment=(), limits=None, **more):
+    def start(self, *arguments, program="tarnwick", environment=(), limits=None, **more):
         everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root", **COUNTS}
         if limits or "user" in more:  # a build that counts lines complains where it cannot write the counts
             everywhere.update(GCOV_PREFIX="/media/counts", GCOV_ERROR_FILE="/dev/null")
         options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "cwd": "/media/cwd"}
-        return subprocess.Popen([argv0 or program, *arguments], executable=f"/media/programs/{program}",
+        return subprocess.Popen([program, *arguments], executable=f"/media/programs/{program}",
                                 env={**everywhere, **dict(environment)}, preexec_fn=limits, **{**options, **more})
 
     # A run that is recorded. `answers` is its standard input.
     def tarnwick(self, *arguments, answers="", **more):
         process = self.start(*arguments, **more)
-        return self.report_run(arguments, *process.communicate(answers.encode()), process.returncode)
-
-    # A run that is not recorded: its result and what it printed.
-    def unrecorded(self, *arguments, **more):
-        process = self.start(*arguments, **more)
-        out, _ = process.communicate()
-        return self.result(out, process.returncode), out.decode()
+        out, errors = process.communicate(answers.encode())
+        self.report(("tarnwick", *arguments), out, errors, process.returncode)
+        text = out.decode(errors="replace")
+        stamp, archive, temporary = (found and found[1] for found in (re.search(pattern, text) for pattern in (
+            rf'Logging to ".*({STAMP.pattern})', 'final archive copied to "(.*)"', 'Captured data to "(.*)"')))
+        archive = archive and os.path.join("/media/cwd", archive)
+        log = f"/tmp/tarnwick-{stamp}.log"
+        self.note("log", read(log) if os.path.exists(log) else "")
+        found = subprocess.getoutput("find /tmp /media/preboot /media/cwd -mindepth 1 -printf '%M %p\\n'")
+        self.note("left", "\n".join(sorted(self.normal(found))))
+        self.note("archive", "\n".join(self.entries(archive) if archive else []))
+        return Result(process.returncode, text, stamp, archive, temporary)
 
     # With the capture specification made before, and nothing yet in /tmp.
     def capture(self, *arguments, **more):
@@ -245,22 +253,6 @@ class Scenario(unittest.TestCase):
         out, errors = process.communicate(typed)
         self.report((program, *words), out or b"", errors, process.returncode)
         return subprocess.CompletedProcess(words, process.returncode, out, errors)
-
-    def report_run(self, arguments, out, errors, status):
-        self.report(("tarnwick", *arguments), out, errors, status)
-        result = self.result(out, status)
-        log = f"/tmp/tarnwick-{result.stamp}.log"
-        self.note("log", read(log) if os.path.exists(log) else "")
-        found = subprocess.getoutput("find /tmp /media/preboot /media/cwd -mindepth 1 -printf '%M %p\\n'")
-        self.note("left", "\n".join(sorted(self.normal(found))))
-        self.note("archive", "\n".join(self.entries(result.archive) if result.archive else []))
-        return result
-
-    def result(self, out, status):
-        stamp, archive, temporary = (re.search(pattern, out.decode(errors="replace")) for pattern in (
-            rf'Logging to ".*({STAMP.pattern})', 'final archive copied to "(.*)"', 'Captured data to "(.*)"'))
-        return Result(status, stamp and stamp[1], archive and os.path.join("/media/cwd", archive[1]),
-                      temporary and temporary[1])
 
     def report(self, words, out, errors, status):
         self.record += "".join(line + "\n" for line in self.normal("$ " + shlex.join(words)))
@@ -295,7 +287,6 @@ class Scenario(unittest.TestCase):
 
 # Scenarios with real file systems on loop devices. Their numbers are left out of the record.
 class Disks(Scenario):
-
     def setUp(self):
         super().setUp()
         self.lay("/run", "mode=755")
