@@ -1,14 +1,11 @@
 # volctl on real loop devices.
 import os
 import plistlib
-import signal
 import struct
-import subprocess
 
 from world import Disks, call, on_terminal, property_list, read, write
 
 SETTINGS = "/etc/tarnwick/volumes.plist"
-NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
 
 
 class Volctl(Disks):
@@ -77,54 +74,36 @@ class Volctl(Disks):
             table = call("/media/programs/volctl", "list")
             self.note("listed", "".join(line + "\n" for line in table.splitlines() if line.startswith(device + " ")))
 
-    def test_in_doubt_or_damaged(self):
-        doubtful, damaged = self.formatted()[0], self.formatted()[0]
-        with open(doubtful, "r+b") as file:  # the superblock of a reiserfs, where ext4 keeps something else
+    def test_file_system_in_doubt_is_left_alone(self):
+        path = self.formatted()[0]
+        with open(path, "r+b") as file:  # the superblock of a reiserfs, where ext4 keeps something else
             file.seek(65536)
             file.write(struct.pack("<IIII28xH6x", 16384, 100, 17, 18, 4096) + b"ReIsEr2Fs\0")
-        call("debugfs", "-w", "-R", "set_super_value blocks_count 99999999", damaged)
-        for path in doubtful, damaged:
-            before, device = call("sha256sum", path), self.attach(path)
-            self.unlock(device)
-            self.assert_unused(device, path, before)
-        for identifier in self.attach(self.image(1)), "/nowhere", "no such name", "":
-            self.volctl("info", "-plist", identifier)
+        before, device = call("sha256sum", path), self.attach(path)
+        self.unlock(device)
+        self.assert_unused(device, path, before)
 
     # Only `list` goes on without them, with a warning.
     def test_settings_that_cannot_be_used(self):
         os.symlink("/media/cwd", "/media/link")
         good = property_list({"PrebootDirectory": "/media/link"})
-        self.listed()  # a missing file is no problem
         for name, make in {
                 "broken": lambda: write(SETTINGS, good[:-9]),
-                "with an array as its root": lambda: write(SETTINGS, property_list([])),
-                "with an unknown role": lambda: write(SETTINGS, property_list({"Roles": {"sda3": "Prebot"}})),
                 "that all can write": lambda: os.chmod(write(SETTINGS, good), 0o646),
                 "that a group can write": lambda: os.chmod(write(SETTINGS, good), 0o664),
                 "of another owner": lambda: os.chown(write(SETTINGS, good), 65534, 0),
                 "that is a link": lambda: os.symlink(write("/media/good", good), SETTINGS),
-                "that is a dangling link": lambda: os.symlink("/nowhere", SETTINGS),
                 "that is a FIFO": lambda: os.mkfifo(SETTINGS)}.items():
             make()
             self.note("file", name)
-            self.listed()
-            answer = self.tool("volctl", "info", "/")
-            for words in "info -plist /", "zkfs listGroups", "zkfs listGroups -plist", "zkfs unlockVolume /", \
-                    "zkfs lockVolume /":
-                done = subprocess.run(["/media/programs/volctl", *words.split()], capture_output=True, check=False)
-                self.assertEqual((done.returncode, done.stdout, done.stderr), (1, b"", answer.stderr), words)
+            with open("/media/table", "wb") as table:  # of the table, which is the machine's, only one line is checked
+                self.volctl("list", stdout=table)
+            self.assertRegex(read("/media/table").splitlines()[1], " Data +[^/]* / +mounted$")
+            for words in "info -plist /", "zkfs listGroups -plist", "zkfs unlockVolume /":
+                self.volctl(*words.split())
             os.remove(SETTINGS)
         write(SETTINGS, good)
-        self.listed(**NOBODY)
-        os.chmod(SETTINGS, 0o600)
-        self.listed(**NOBODY)
         self.assertIn(">/media/cwd<", call("/media/programs/volctl", "info", "-plist", "Preboot"))
-
-    # Records the messages of `volctl list`. Of the table, which is the machine's, only one line is checked.
-    def listed(self, **options):
-        with open("/media/table", "wb") as table:
-            self.volctl("list", stdout=table, **options)
-        self.assertRegex(read("/media/table").splitlines()[1], " Data +[^/]* / +mounted$")
 
     # Stay locked without the right key, and no damaged header is repaired.
     def test_locked_volumes(self):
@@ -134,15 +113,13 @@ class Volctl(Disks):
             self.unlock(device, "--key-fd", "0", typed=key)
         self.unlock(device, "--key-fd", "99")
         self.unlock(device)  # there is no terminal
-        for lines, kill in ([b"guess-1\n", b"guess-2\n", b"guess-3\n"], None), ([b"\x04"], None), ([b"\x03"], None), \
-                ([b"half"], signal.SIGTERM):
+        for lines in [b"guess-1\n", b"guess-2\n", b"guess-3\n"], [b"\x04"], [b"\x03"]:
             words = ["/media/programs/volctl", "zkfs", "unlockVolume", device]
-            self.note("shown", "{}\n{} {}".format(*on_terminal(words, b"Passphrase for", *lines, kill=kill)))
+            self.note("shown", "{}\n{} {}".format(*on_terminal(words, b"Passphrase for", *lines)))
         self.assert_unused(device, path, before)
-        for damage in b"\xff" * 4096, b"\x00" * 0x40000:
-            with open("/dev/" + device, "r+b") as file:
-                file.seek(4096)
-                file.write(damage)
-            before = call("sha256sum", path)
-            self.unlock(device, "--key-fd", "0", typed=b"wrong")
-            self.assert_unused(device, path, before)
+        with open("/dev/" + device, "r+b") as file:
+            file.seek(4096)
+            file.write(b"\xff" * 4096)
+        before = call("sha256sum", path)
+        self.unlock(device, "--key-fd", "0", typed=b"wrong")
+        self.assert_unused(device, path, before)
