@@ -60,13 +60,6 @@ class Console(Scenario):
         write(f"{world.STORE}/tarnwick-1.qvx", b"x" * 1536)
         self.tarnwick("--summarize", environment=locale)
 
-    # What the library says of an abnormal end does not land in the log.
-    def test_library_messages_go_to_no_file_when_standard_error_is_closed(self):
-        self.volume("one", YES)
-        self.specification(CaptureSpec=[{"BasePath": ""}])
-        self.assertEqual(self.unrecorded(*SPECIFIED, limits=lambda: os.close(2))[0].status, -6)
-        self.note("log", only_log())
-
     def test_stamp_is_local_time_and_no_later_run_gets_the_same(self):
         before = int(time.time())
         self.answer(world.PREBOOT, Answer(status=1, do="touch /media/first"))
@@ -80,15 +73,14 @@ class Console(Scenario):
         for name, place, refused in (
                 ("a link", lambda path: os.symlink("/media/precious", path), ()),
                 ("a hard link", lambda path: os.link("/tmp/precious", path), ()),
-                ("a file of another user", lambda path: os.chown(write(path, "planted"), 1000, 1000), ()),
-                ("a file", write, ()), ("a file on a file system that exchanges no names", write, (EXCHANGE,)),
-                ("a folder", os.mkdir, ()), ("a FIFO", os.mkfifo, ()),
-                ("a socket", lambda path: os.mknod(path, stat.S_IFSOCK), ())):
+                ("a file of another user", lambda path: os.chown(write(path), 1000, 1000), ()),
+                ("a file on a file system that exchanges no names", write, (EXCHANGE,)),
+                ("a folder", os.mkdir, ()), ("a FIFO", os.mkfifo, ())):
             with self.subTest(name):
                 world.clear("/tmp")
                 precious = [write(f"{folder}/precious", "old") for folder in ("/media", "/tmp")]
                 planted = plant(place)
-                result, _ = self.unrecorded(*SPECIFIED, limits=lambda calls=refused: world.refuse(*calls))
+                result = self.tarnwick(*SPECIFIED, limits=lambda calls=refused: world.refuse(*calls))
                 log = f"/tmp/tarnwick-{result.stamp}.log"
                 [kept] = glob.glob(log + ".*")
                 self.assertRegex(kept, r"\.log\.[0-9a-f]{16}$")
@@ -97,12 +89,13 @@ class Console(Scenario):
                 self.assertIn("TRACE: Running command: 'volctl info", read(log))
                 self.assertEqual([*map(read, precious)], ["old", "old"])
                 os.remove(result.archive)
+        self.record = ""  # it has all the planted files
 
     def test_log_name_that_a_plain_user_may_not_free(self):
         plant(write)
-        result, out = self.unrecorded(*SPECIFIED, "--verbose", limits=lambda: os.setresuid(65534, 65534, 65534))
-        self.note("said", out)
-        self.assertEqual((result.status, glob.glob("/tmp/*.log.*")), (1, []))
+        process = self.start(*SPECIFIED, limits=lambda: os.setresuid(65534, 65534, 65534))
+        self.note("said", process.communicate()[0].decode())
+        self.assertEqual((process.returncode, glob.glob("/tmp/*.log.*")), (1, []))
 
     def test_archived_log_is_not_the_file_that_replaced_it(self):
         self.answer("nvram -p", Answer(do="for log in /tmp/*.log; do mv $log /tmp/moved; echo planted >$log; done"))

@@ -47,7 +47,6 @@ class Qvx(Scenario):
                              read(f"{SAMPLES}{name}.json"))
             self.frozen("verify", name)
             self.frozen("extract", name, "-C", OUT)
-        for name in "kinds", "incomplete":
             self.frozen("list", name)
 
     def test_damaged_archives_are_refused(self):
@@ -90,25 +89,21 @@ class Qvx(Scenario):
         self.create()
         self.run_qvx("extract", *KEY, "-C", OUT, ARCHIVE, SOURCE + "/d/", SOURCE[1:] + "/e")
         self.files()
-        for name in "d/two", "x", "d/on", "":
-            self.run_qvx("cat", *KEY, ARCHIVE, f"media/source/{name}")
-            self.run_qvx("extract", *KEY, "-C", OUT, ARCHIVE, f"media/source/{name}")
-        for command in ["list"], ["cat", SOURCE + "/e"]:
-            with open("/dev/full", "wb") as full:
-                self.run_qvx(command[0], *KEY, ARCHIVE, *command[1:], stdout=full)
+        for command in ["cat"], ["extract", "-C", OUT]:
+            for name in "d/two", "d/on":
+                self.run_qvx(*command, *KEY, ARCHIVE, f"media/source/{name}")
+        with open("/dev/full", "wb") as full:
+            self.run_qvx("cat", *KEY, ARCHIVE, SOURCE + "/e", stdout=full)
 
     def test_failed_create_leaves_no_archive(self):
         write(SOURCE + "/file", "x")
         key = "/media/key.pub"
-        kind, point = read(key).split()
-        beside_the_curve = f"{kind} {point[:-3]}{'B' if point[-3] == 'A' else 'A'}{point[-2:]}"
-        for recipient, *paths in ((key, "/media/missing"), (key, SOURCE, ""), (key, "/dev/null"), (key,),
+        for recipient, *paths in ((key, "/media/missing"), (key, SOURCE, ""), (key, "/dev/null"),
                                   ("ecdsa-sha2-nistp256 AAAA", SOURCE), ("none", SOURCE)):
             self.run_qvx("create", "-r", recipient, "-o", ARCHIVE, *paths)
             self.assertFalse(os.path.exists(ARCHIVE))
         self.create()
-        self.known[beside_the_curve] = "<a point beside the curve>"
-        self.run_qvx("create", "-r", beside_the_curve, "-o", ARCHIVE, SOURCE)
+        self.run_qvx("create", "-r", key, "-o", ARCHIVE, "/media/missing")
         self.run_qvx("verify", *KEY, ARCHIVE)  # the one made before
         self.run_qvx("keygen", "-o", "/media/key")
 
@@ -119,19 +114,17 @@ class Qvx(Scenario):
         for name in "key", "other":
             self.known[call("ssh-keygen", "-lf", f"/media/{name}.pub").split()[1]] = f"<print of {name}>"
         secret = "-passout", "pass:open sesame"
-        for name, *words in (("sec1.pem", "ec"), ("locked.pem", "pkcs8", "-topk8", "-v2", "aes-256-cbc", *secret),
-                             ("locked-sec1.pem", "ec", "-aes256", *secret)):
+        for name, *words in (("sec1.pem", "ec"), ("locked.pem", "pkcs8", "-topk8", "-v2", "aes-256-cbc", *secret)):
             call("openssl", *words, "-in", "/media/key.pem", "-out", f"/media/{name}")
         call("openssl", "ecparam", "-genkey", "-name", "secp384r1", "-out", "/media/p384.pem")
         os.mkfifo("/media/fifo")
-        for name in "sec1.pem", "p384.pem", "key.pub", "other.pem", "locked.pem", "locked-sec1.pem", "missing":
+        for name in "sec1.pem", "p384.pem", "key.pub", "other.pem", "locked.pem", "missing":
             self.run_qvx("verify", "--key", f"/media/{name}", ARCHIVE)
         self.run_qvx("verify", "--key", "-", ARCHIVE, typed=content("/media/key.pem"))
         for archive in "/media/key.pem", "/media/missing", "/media", "/media/fifo":
             self.run_qvx("verify", *KEY, archive)
         for words in [], ["list"], ["nonsense"], ["verify", ARCHIVE]:
             self.run_qvx(*words)
-        for name in "locked.pem", "locked-sec1.pem":
-            for passphrase in b"open sesame", b"wrong":
-                words = ["/media/programs/qvx", "verify", "--key", f"/media/{name}", ARCHIVE]
-                self.note("shown", "{}\n{} {}".format(*on_terminal(words, b": ", passphrase + b"\n")))
+        words = ["/media/programs/qvx", "verify", "--key", "/media/locked.pem", ARCHIVE]
+        for passphrase in b"open sesame", b"wrong":
+            self.note("shown", "{}\n{} {}".format(*on_terminal(words, b": ", passphrase + b"\n")))
