@@ -1,8 +1,7 @@
 # Options, modes and exit statuses.
 import os
 
-import world
-from world import STORE, Answer, Scenario, property_list, write
+from world import PREBOOT, STORE, Answer, Scenario, property_list, write
 
 POLICIES = "/etc/tarnwick/internal-policies.plist"
 
@@ -16,7 +15,6 @@ class Entry(Scenario):
     def test_root_is_required_before_anything_else(self):
         self.tarnwick("--help", "--cleanup", limits=as_nobody)
         for name, change in {
-                "a group can write": lambda: os.chmod(POLICIES, 0o664),
                 "all can write": lambda: os.chmod(POLICIES, 0o646),
                 "of another owner": lambda: os.chown(POLICIES, 65534, 0),
                 "no boolean": lambda: write(POLICIES, property_list({"com.vexlor.tarnwick": 1})),
@@ -28,22 +26,20 @@ class Entry(Scenario):
             os.remove(POLICIES)
         self.specification()
         self.tarnwick("--capturespec", "--help", limits=as_nobody)
-        for path in "/nowhere", "/media", "/dev/null", "":
+        for path in "/nowhere", "/dev/null":
             self.tarnwick("--help", "--capturespec", path, "/media/spec.plist")
 
     def test_help_shows_the_manual_page(self):
         self.answer("man tarnwick", "TARNWICK(8)\n\nno line end", Answer("half a page\n", 3))
-        self.tarnwick(argv0="--help")  # the program's path is an argument too
+        self.tarnwick("--help")
         self.tarnwick("-x", "y", "-", "", "--verbose", "-h", "--cleanup", "--summarize")
 
     def test_unknown_options_and_stray_words_are_ignored(self):
         write(f"{STORE}/tarnwick-1.qvx", "x")
-        for words in ("--SUMMARIZE --bogus word --summarize --testmode", "--capturespec /nowhere --summarize",
-                      "--summarize --cleanup", "- --summarize"):
+        for words in "--SUMMARIZE --bogus word --summarize --testmode", "- --summarize --cleanup":
             self.tarnwick(*words.split())
-        self.answer(world.PREBOOT, Answer("", 1))
-        for option in "--summarize", "--cleanup":
-            self.tarnwick(option)
+        self.answer(PREBOOT, Answer("", 1))
+        self.tarnwick("--summarize")
 
     def test_only_the_first_capturespec_counts_and_testmode_stores_below_tmp(self):
         self.specification()
@@ -52,12 +48,3 @@ class Entry(Scenario):
         result = self.tarnwick("--testmode", "--capturespec", link, "/nowhere", "--capturespec", "/media")
         os.truncate(result.archive, 6)
         self.tarnwick("--testmode", "--summarize")
-
-    # cron's PATH lacks /usr/sbin, where volctl is; an empty element is dropped.
-    def test_commands_in_system_folders_are_found_whatever_path_is_inherited(self):
-        self.lay("/usr/sbin", "lowerdir=/media/bin:/usr/sbin", "overlay")
-        write("/media/cwd/volctl", "#!/bin/sh\nfalse\n")
-        os.chmod("/media/cwd/volctl", 0o755)
-        for path in "/usr/bin:/bin", ":/usr/bin", "":
-            write(f"{STORE}/tarnwick-1.qvx", "x")
-            self.tarnwick("--cleanup", environment={"PATH": path})

@@ -1,7 +1,6 @@
 # All that ends a capture early: what is printed, and which files are left.
 import base64
 import os
-import resource
 
 from world import PREBOOT, YES, Answer, Scenario, call, property_list, read, write
 
@@ -13,20 +12,14 @@ class Fatal(Scenario):
         super().setUp()
         self.specification(("/logs", ".*"))
 
-    # The last command before the archive is written. What it does to the capture folder is the fault.
-    def nvram_does(self, do):
-        self.answer("nvram -p", Answer("", 0, do))
-
     def test_faults_before_the_volumes(self):
-        for faulty in (*(property_list({"archive_public_key": key}) for key in (7, "", "ecdsa-sha2-nistp256 \u00e4")),
-                       property_list({}), property_list(["array"]), "no list"):
+        for faulty in property_list({"archive_public_key": 7}), property_list({}), property_list(["array"]), "no list":
             write("/media/spec.plist", faulty)
             self.note("specification", faulty)
             self.capture()
         self.specification()
-        for answer in Answer("half", 2), Answer(do="rm /media/spec.plist"):
-            self.answer(PREBOOT, answer)
-            self.capture()
+        self.answer(PREBOOT, Answer("half", 2))
+        self.capture()
 
     # For the capture folder; then for the log as well.
     def test_no_space_for_the_capture_folder_or_the_log(self):
@@ -34,31 +27,21 @@ class Fatal(Scenario):
             call("mount", "-o", "remount," + options, "/tmp")
             self.tarnwick("--capturespec", "/media/spec.plist")
 
-    # A user with one process, who is nobody else's and has no second one for the leak check either.
-    def test_no_process_for_a_command(self):
-        def as_lonely_user():
-            resource.setrlimit(resource.RLIMIT_NPROC, (1, 1))
-            os.setresuid(*[200000 + os.getpid()] * 3)
-
-        self.capture(environment={"ASAN_OPTIONS": "detect_leaks=0"}, limits=as_lonely_user)
-
-    # A point of another form, one off the curve, no point, and no more than the type, which ends abnormally.
+    # A point of another form, one off the curve, and no more than the type, which ends abnormally.
     def test_keys_that_cannot_be_used(self):
         text = read("/media/key.pub").split()[1]
-        for at, change in (39, 6), (40, 1), (0, 1):
+        for at, change in (39, 6), (40, 1):
             blob = bytearray(base64.b64decode(text))
             blob[at] ^= change
             self.specification(archive_public_key="ecdsa-sha2-nistp256 " + base64.b64encode(blob).decode())
-            self.nvram_does(f"echo old >{NAME}.qvx" if at == 0 else ":")  # goes even when there is no archive
             self.capture()
         self.specification(archive_public_key="ecdsa-sha2-nistp256")
         self.capture()
 
     # A folder that has its name, and a file that has the name of the log's copy; no nvram is no fault.
     def test_faults_at_the_archive(self):
-        for do in (f"mkdir {NAME}.qvx", f"echo >{NAME}.log", "echo no firmware >&2; exit 1",
-                   f"yes | head -c 99999 >{NAME}.qvx"):
-            self.nvram_does(do)
+        for do in f"mkdir {NAME}.qvx", f"echo >{NAME}.log", "echo no firmware >&2; exit 1":
+            self.answer("nvram -p", Answer(do=do))
             self.capture()
 
     def test_files_that_cannot_be_listed_read_or_stored(self):

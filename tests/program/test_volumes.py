@@ -2,8 +2,7 @@
 import os
 
 import world
-from world import (CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, on_terminal, property_list, volume_info,
-                   write)
+from world import CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, property_list, volume_info, write
 
 # The consent file of a volume and what is typed for it.
 ASKED = [(NO, "yes\n"), ({}, "y\nja\n\nyes please\nYES\n"), (NO, "yes \n yes\nyes\r\nyes\0\nno\n"),
@@ -21,13 +20,12 @@ class Volumes(Scenario):
         self.volume("one", YES)
         good = {"VolumeGroups": [{"Volumes": self.volumes}]}
         for value in ([], {"Containers": {}}, {"Containers": ["text", good]}, {"Containers": [{}, good]},
-                      {"Containers": [{"VolumeGroups": "text"}]}, {"Containers": [{"VolumeGroups": [7, good]}]},
-                      {"Containers": [{"VolumeGroups": [{}, {"Volumes": self.volumes}]}]},
+                      {"Containers": [{"VolumeGroups": [7, good]}]},
                       {"Containers": [{"VolumeGroups": [{"Volumes": [True, *self.volumes]}]}]}):
             self.answer(GROUPS, property_list(value))
             self.note("listing", str(value))
             self.capture()
-        for answer in "no list", Answer("oh\n", 1), Answer("", 127):
+        for answer in "no list", Answer("oh\n", 1):
             self.answer(GROUPS, answer)
             self.capture()
 
@@ -64,21 +62,16 @@ class Volumes(Scenario):
     def test_consent(self):
         for number, (consent, _) in enumerate(reversed(ASKED)):
             self.volume(f"v{len(ASKED) - number}", consent, ["/logs/a.log"])
-        for name, consent in ("missing", None), ("fifo", None), ("file", None), ("plist", "<plist>"), ("list", [True]):
+        for name, consent in ("missing", None), ("fifo", None), ("plist", "<plist>"), ("list", [True]):
             self.volume(name, consent)
         os.makedirs(os.path.dirname(f"/media/fifo/{CONSENT}"))
         os.mkfifo(f"/media/fifo/{CONSENT}")
-        write("/media/file/Library")
         self.capture(answers="".join(typed for _, typed in ASKED))
         self.volumes = self.volumes[6:8]
         self.specification(("/logs", ".*"))
         self.list_volumes()
         for arguments, answers in ([], "Yes"), ([], "maybe"), (["--noninteractive", "x"], "yes\n"), (["--force"], ""):
             self.capture(*arguments, answers=answers)
-        words = "/usr/bin/env", "PATH=" + world.PATH, "/media/programs/tarnwick", "--capturespec", "/media/spec.plist"
-        out, status, echoes = on_terminal(words, b"(yes/no)", b"yes\n", secret=False)
-        self.assertTrue(echoes)
-        self.report_run(["--capturespec", "/media/spec.plist"], out, b"", status)
 
     def test_force_is_for_internal_builds_only(self):
         self.volume("one")
