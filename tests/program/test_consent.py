@@ -22,9 +22,9 @@ class Consent(Disks):
         return self.tool("tarnwick-consent", *words, **options)
 
     # The mount point of a new volume, and where its record belongs.
-    def data(self, name="data", *options, role="Data"):
+    def data(self, name="data", role="Data"):
         folder = f"/media/{name}"
-        self.mount(self.formatted(*options, role=role)[0], folder)
+        self.mount(self.formatted(role=role)[0], folder)
         return folder, f"{folder}/{CONSENT}"
 
     # The command fails and changes nothing below the folder.

@@ -3,11 +3,10 @@ import base64
 import json
 import os
 import random
-import re
 import shutil
 import subprocess
 
-from world import BIN, DATA, HERE, Scenario, call, content, read, write
+from world import BIN, DATA, HERE, Scenario, call, content, write
 
 READER = HERE + "/../second-reader/second_reader.mjs"
 TREE, ARCHIVE, KEY = "/media/tree", "/media/archive.qvx", "/media/key.pem"
@@ -60,11 +59,6 @@ class SecondReader(Scenario):
         self.assertEqual(sum(entry.get("holes", 0) for entry in found), 2)
         for name in "kinds", "blocks", "nothing", "incomplete":
             self.agree(f"{SAMPLES}{name}.qvx", SAMPLES + "recipient.pem")
-        page = read(HERE + "/../../docs/qvx-format.md")
-        example = page[page.index("\nThe file, 715 bytes:"):page.index("\nThe plain bytes")]
-        write(ARCHIVE, bytes.fromhex("".join(re.findall("(?m)^ {4}[0-9a-f]{4}  ((?:[0-9a-f]{2} ?)+)", example))))
-        write(KEY, re.search("-----BEGIN.*?END PRIVATE KEY-----", page.replace("    ", ""), re.S)[0])
-        self.assertEqual(len(self.agree(ARCHIVE, KEY)), 5)
 
     def test_damage_is_refused(self):
         whole, sorts, at = content(ARCHIVE), {}, 129
