@@ -30,8 +30,7 @@ class Consent(Disks):
     # The command fails and changes nothing below the folder.
     def refuses(self, *words, folder, **options):
         before = fingerprint(folder)
-        done = self.consent(*words, **options)
-        self.assertEqual((done.returncode, fingerprint(folder)), (1, before))
+        self.assertEqual((self.consent(*words, **options), fingerprint(folder)), (1, before))
 
     def test_changes_and_what_the_capture_makes_of_them(self):
         folder, _ = self.data()

@@ -3,7 +3,6 @@ import datetime
 import glob
 import os
 import stat
-import time
 
 import world
 from world import SPECIFIED, YES, Answer, Scenario, read, write
@@ -44,14 +43,6 @@ class Console(Scenario):
             self.note("said", os.read(process.stdout.fileno(), 1 << 16).decode())
             self.note("log", only_log())
         process.communicate()
-
-    def test_stamp_is_local_time_and_no_later_run_gets_the_same(self):
-        before = int(time.time())
-        self.answer(world.PREBOOT, Answer(status=1, do="touch /media/first"))
-        result = self.capture(environment={"TZ": "UTC-05:30"})
-        stamp = datetime.datetime.strptime(result.stamp + "+0530", "%Y-%m-%d-%H:%M:%S%z").timestamp()
-        self.assertGreaterEqual(stamp, before)
-        self.assertGreaterEqual(os.stat("/media/first").st_mtime, stamp + 1)
 
     # Every log name of the next minutes is in use. The run succeeds and writes a new log.
     def test_existing_files_with_the_name_of_the_log_are_kept(self):

@@ -36,7 +36,7 @@ class Documents(Disks):
 
     def test_scripts_and_presets_exist_and_scripts_marked_ci_are_run(self):
         presets = {each["name"] for each in json.loads(read(f"{TOP}/CMakePresets.json"))["configurePresets"]}
-        run = SCRIPT.findall(".ci/run scripts/test-package scripts/test-vm" + read(f"{TOP}/.ci/run"))
+        run = SCRIPT.findall(".ci/run scripts/test-package scripts/test-vm" + read(f"{TOP}/.ci/run") + read(f"{TOP}/scripts/common.sh"))
         for mark, text in ((mark, re.sub(" #.*", "", text)) for mark, text in BLOCKS if mark in ("sh ci", "sh hand")):
             scripts = SCRIPT.findall(text)
             self.assertLessEqual(set(re.findall(r"--preset (\w+)", text)), presets, text)
@@ -44,12 +44,11 @@ class Documents(Disks):
             if mark == "sh ci":
                 self.assertLessEqual(set(scripts), set(run), text)
 
-    # What an engineer has: an archive sealed to the key that the document made, or to one made before.
+    # What an engineer has: an archive sealed to the key that the document made, or to one made now.
     def make_archive(self):
-        if not os.path.exists("/media/cwd/service.pub"):
-            self.qvx("keygen", "-o", "/media/cwd/service")
-        self.specification(("/private/var/log", ".*"), archive_public_key=read("/media/cwd/service.pub").strip())
-        shutil.copy(self.unrecorded(*SPECIFIED)[0].archive, "/media/cwd")
+        self.key = "/media/cwd/service.pem"
+        self.specification(("/private/var/log", ".*"))
+        shutil.copy(self.tarnwick(*SPECIFIED).archive, "/media/cwd")
 
     # The device of the examples, with the real `volctl` and `nvram`.
     def make_volume(self):
@@ -95,11 +94,12 @@ class Documents(Disks):
                     {"CatalogURL": "file:///media/cwd/site/catalog.plist", "CatalogKey": "/etc/tarnwick/catalog.pem"}))
                 self.check_widened_configuration("1.1")
         self.assertEqual(os.listdir("/media/cwd/case-4711/media/data/private/var/log"), ["system.log"])
+        self.record = ""  # the runs in between
 
     # The configuration that an example installed or published is used, and its directive finds a file.
     def check_widened_configuration(self, version):
         self.key = f"{world.BIN}/../dev-recipient.pem"
         write("/media/data/var/log/cups/error_log")
-        result, out = self.unrecorded()
-        self.assertIn(f'using external config: "/var/lib/tarnwick/assets/{TYPE}/{version}/{NAME}"', out)
+        result = self.tarnwick()
+        self.assertIn(f'using external config: "/var/lib/tarnwick/assets/{TYPE}/{version}/{NAME}"', result.out)
         self.assertIn("media/data/var/log/cups/error_log", self.entries(result.archive))

@@ -1,8 +1,7 @@
 # All that ends a capture early: what is printed, and which files are left.
-import base64
 import os
 
-from world import PREBOOT, YES, Answer, Scenario, call, property_list, read, write
+from world import PREBOOT, YES, Answer, Scenario, call, property_list, write
 
 NAME = '"$folder/${folder##*/}"'  # of the capture in its folder, for a stand-in
 
@@ -26,17 +25,6 @@ class Fatal(Scenario):
         for options in "nr_inodes=3", "ro":
             call("mount", "-o", "remount," + options, "/tmp")
             self.tarnwick("--capturespec", "/media/spec.plist")
-
-    # A point of another form, one off the curve, and no more than the type, which ends abnormally.
-    def test_keys_that_cannot_be_used(self):
-        text = read("/media/key.pub").split()[1]
-        for at, change in (39, 6), (40, 1):
-            blob = bytearray(base64.b64decode(text))
-            blob[at] ^= change
-            self.specification(archive_public_key="ecdsa-sha2-nistp256 " + base64.b64encode(blob).decode())
-            self.capture()
-        self.specification(archive_public_key="ecdsa-sha2-nistp256")
-        self.capture()
 
     # A folder that has its name, and a file that has the name of the log's copy; no nvram is no fault.
     def test_faults_at_the_archive(self):

@@ -11,8 +11,7 @@ ARCHIVE, KEY = "/media/archive.qvx", ("--key", "/media/key.pem")
 COARSE_CLOCK = 5  # CLOCK_REALTIME_COARSE, the clock that stamps files
 # Of each file: its blocks, the damaged ones, and what is marked as unreadable, as (block, count). The step over what
 # cannot be read doubles while reads fail; after 256 of them the rest is given up.
-FILES = {"first": (10, [0], [(0, 1)]), "middle": (200, [3, 100, 101], [(3, 1), (100, 3)]), "last": (10, [9], [(9, 1)]),
-         "all": (4, range(4), [(0, 4)]), "fine": (3, [], []),
+FILES = {"ends": (10, [0, 9], [(0, 1), (9, 1)]), "middle": (200, [3, 100, 101], [(3, 1), (100, 3)]), "fine": (3, [], []),
          "shreds": (601, range(0, 600, 2), [*((at, 1) for at in range(0, 510, 2)), (510, 91)])}
 CAPTURED = "middle", "fine"  # one by one: the order of a folder is the file system's
 
@@ -55,7 +54,7 @@ class Unreadable(Disks):
     def agrees(self, archive, names=tuple(FILES)):
         listed = self.listed(archive)
         os.mkdir(OUT)
-        self.assertEqual(self.tool("qvx", "extract", *KEY, "-C", OUT, archive).returncode, 1)
+        self.assertEqual(self.tool("qvx", "extract", *KEY, "-C", OUT, archive), 1)
         for path, name in ((f"{LOGS}/{name}", name) for name in names):
             entry, data, unreadable = listed[path[1:]], self.files[path], []
             expected = bytearray(data)

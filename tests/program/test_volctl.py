@@ -1,5 +1,6 @@
 # volctl on real loop devices.
 import os
+import plistlib
 import struct
 
 from world import Disks, call, on_terminal, property_list, read, write
@@ -50,6 +51,8 @@ class Volctl(Disks):
         self.volctl("info", "-plist", "/dev/" + device)
         self.note("mounted", call("findmnt", "-no", "VFS-OPTIONS", "/run/tarnwick/volumes/" + device))
         self.note("in it", call("ls", "-R", "/run/tarnwick/volumes/"))
+        listed = plistlib.loads(call("/media/programs/volctl", "zkfs", "listGroups", "-plist").encode())
+        self.note("listed", "".join(f"{container}\n" for container in listed["Containers"] if device in str(container)))
         self.volctl("zkfs", "lockVolume", device)
         self.volctl("info", "-plist", device)
         self.assert_unused(device, path, before)

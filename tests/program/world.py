@@ -211,10 +211,10 @@ class Scenario(unittest.TestCase):
     def specification(self, *directives, **more):
         write("/etc/tarnwick/internal-policies.plist", property_list({"com.vexlor.tarnwick": True}))
         if not os.path.exists(self.key):
-            self.qvx("keygen", "-o", "/media/key")
+            self.qvx("keygen", "-o", self.key.removesuffix(".pem"))
         entries = [{"BasePath": base, "Expression": expression, "DocString": f"what lies in {base}"}
                    for base, expression in directives]
-        content = {"CaptureSpec": entries, "archive_public_key": read("/media/key.pub").strip(), **more}
+        content = {"CaptureSpec": entries, "archive_public_key": read(self.key.replace(".pem", ".pub")).strip(), **more}
         write("/media/spec.plist", property_list(content))
 
     def start(self, *arguments, program="tarnwick", environment=(), limits=None, **more):
@@ -252,7 +252,7 @@ class Scenario(unittest.TestCase):
                              start_new_session=True, **more)
         out, errors = process.communicate(typed)
         self.report((program, *words), out or b"", errors, process.returncode)
-        return subprocess.CompletedProcess(words, process.returncode, out, errors)
+        return process.returncode
 
     def report(self, words, out, errors, status):
         self.record += "".join(line + "\n" for line in self.normal("$ " + shlex.join(words)))
