@@ -124,21 +124,3 @@ class Assets(Scenario):
             self.note("fault", name)
             self.fetch()
         self.assertEqual(os.listdir(STORE), ["5.0"])
-
-    def test_kill_during_a_download_leaves_the_old_asset_and_the_next_runs_clean_up(self):
-        self.publish("5.0")
-        server = self.serve()
-        self.fetch()
-        self.publish("6.0")
-        halfway = threading.Event()
-        server.tricks["6.0/" + NAME] = lambda handler: (
-            handler.wfile.write(b"HTTP/1.0 200 OK\r\nContent-Length: 8\r\n\r\n<pli"), halfway.set(),
-            server.over.wait())
-        process = self.start(program="fetch_config")
-        self.assertTrue(halfway.wait(120))
-        process.kill()
-        process.communicate()
-        server.tricks.clear()
-        for each in [self.start(program="fetch_config") for _ in range(3)]:
-            self.assertIn(f"[{STORE}/6.0/{NAME}]", each.communicate()[0].decode())
-        self.assertEqual(sorted(os.listdir(STORE)), ["5.0", "6.0"])

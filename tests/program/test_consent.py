@@ -2,7 +2,6 @@
 import os
 import plistlib
 import resource
-import shutil
 import signal
 import subprocess
 
@@ -111,13 +110,3 @@ class Consent(Disks):
         self.refuses("grant", folder, folder=folder, limits=small_files)  # removes its new folders again
         write(record, plistlib.dumps(NO))
         self.refuses("grant", folder, folder=folder, limits=small_files)
-
-    # It is meant where no VOLUME is given.
-    def test_the_volume_at_the_root(self):
-        self.lay_over("/", "/media/root")
-        self.lay("/media/root/proc", "ro", "proc")
-        shutil.copy("/media/programs/tarnwick-consent", "/media/root/program")
-        for words in ["ask"], ["show", "--json"], ["grant", "/"]:
-            done = subprocess.run(["chroot", "/media/root", "/program", *words], capture_output=True, check=False)
-            self.report(("tarnwick-consent", *words), done.stdout, done.stderr, done.returncode)
-        self.assertFalse(os.path.exists(f"/{CONSENT}"))

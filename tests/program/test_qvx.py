@@ -79,8 +79,7 @@ class Qvx(Scenario):
     def test_names_from_a_file_are_stored_unchanged_with_duplicates(self):
         write(SOURCE + "/first", "1")
         names = [SOURCE + "/first", SOURCE, SOURCE + "/first", "source/first"]
-        for listed in names, ["source/first", ""]:
-            self.create("--files0-from", "-", typed="\0".join([*listed, ""]).encode(), cwd="/media")
+        self.create("--files0-from", "-", typed="\0".join(names).encode(), cwd="/media")
         self.assertEqual(["/" + path for path in self.entries(ARCHIVE)], names[:3] + [SOURCE + "/first"])
 
     def test_extracts_only_the_paths_that_are_named(self):

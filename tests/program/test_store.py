@@ -1,9 +1,6 @@
 # The store on the destination volume: listing, pruning, placing, removing.
-import errno
 import fcntl
-import functools
 import os
-import resource
 import shutil
 import signal
 
@@ -12,8 +9,6 @@ from world import PREBOOT, STORE, YES, Answer, Scenario, call, write
 
 LIMIT, MIB = 1 << 30, 1 << 20
 NAME = f'{STORE}/"${{folder##*/}}.qvx"'  # of the capture, for a stand-in
-# For world.refuse().
-UNNAMED_FILE = 257, 2, os.O_TMPFILE & ~os.O_DIRECTORY, errno.EOPNOTSUPP  # openat
 
 
 class Store(Scenario):
@@ -90,23 +85,21 @@ class Store(Scenario):
                  'pid=$(sed "s/.*) . //; s/ .*//" /proc/$pid/stat); done; prlimit --pid $pid --fsize=4096')
         self.volume("one", YES)
         write("/media/one/logs/large", os.urandom(200_000))
-        for refused in (), (UNNAMED_FILE,):
-            self.then(":", limit)
-            killed = self.capture(limits=lambda: (
-                resource.setrlimit(resource.RLIMIT_CORE, (0, 0)), world.refuse(*refused)))
+        for refuse in None, world.refuse_unnamed_files:
+            self.then(":", f"{limit} --core=0")
+            killed = self.capture(limits=refuse)
             self.assertEqual((killed.status, os.path.getsize(killed.temporary) > 200_000), (-signal.SIGXFSZ, True))
             self.assertIn(b" 0 captures", self.start("--summarize").communicate()[0])
-            os.remove(self.capture(limits=lambda: world.refuse(*refused)).archive)
+            os.remove(self.capture(limits=refuse).archive)
 
     # Also on file systems without files that have no name. Nothing remains of an unfinished copy.
     def test_name_that_is_in_use_is_neither_overwritten_nor_followed(self):
-        for refused in (), (UNNAMED_FILE,):
-            limits = functools.partial(world.refuse, *refused)
+        for refuse in None, world.refuse_unnamed_files:
             self.answer("nvram -p", "")
-            os.remove(self.capture(limits=limits).archive)
+            os.remove(self.capture(limits=refuse).archive)
             for do, kept in (f"echo old >{NAME}", "old\n"), (f"ln -s /media/target {NAME}", ""):
                 self.answer("nvram -p", Answer(do=do))
-                self.capture(limits=limits)
+                self.capture(limits=refuse)
                 self.assertEqual(call("find", STORE, "-type", "f", "-exec", "cat", "{}", "+"), kept)
                 world.clear(STORE)
         self.assertFalse(os.path.exists("/media/target"))

@@ -19,15 +19,13 @@ class Volumes(Scenario):
     def test_faults_of_the_listing(self):
         self.volume("one", YES)
         good = {"VolumeGroups": [{"Volumes": self.volumes}]}
-        for value in ([], {"Containers": {}}, {"Containers": ["text", good]}, {"Containers": [{}, good]},
-                      {"Containers": [{"VolumeGroups": [7, good]}]},
+        for value in ([], {"Containers": {}}, {"Containers": [{}, good]}, {"Containers": [{"VolumeGroups": [7, good]}]},
                       {"Containers": [{"VolumeGroups": [{"Volumes": [True, *self.volumes]}]}]}):
             self.answer(GROUPS, property_list(value))
             self.note("listing", str(value))
             self.capture()
-        for answer in "no list", Answer("oh\n", 1):
-            self.answer(GROUPS, answer)
-            self.capture()
+        self.answer(GROUPS, Answer("oh\n", 1))
+        self.capture()
 
     # Backwards at every level; other roles and what cannot be asked for without a message, the rest with one.
     def test_plan(self):

@@ -11,6 +11,7 @@
 import collections
 import contextlib
 import ctypes
+import errno
 import os
 import pathlib
 import plistlib
@@ -64,13 +65,11 @@ def call(*command, **options):
     return subprocess.run(command, check=True, capture_output=True, **options).stdout.decode()
 
 
-# Makes system calls of amd64 fail in this process from now on. Each is given by its number, the argument that has
-# a flag, the flag, and the error.
-def refuse(*calls):
-    code = [(0x06, 0, 0, 0x7fff0000)]  # all others are allowed
-    for number, argument, flag, error in calls:
-        code = [(0x20, 0, 0, 0), (0x15, 0, 3, number), (0x20, 0, 0, 16 + 8 * argument), (0x45, 0, 1, flag),
-                (0x06, 0, 0, 0x50000 | error)] + code
+# Files without a name cannot be made in this process from now on, as on some file systems. For amd64.
+def refuse_unnamed_files():
+    flag = os.O_TMPFILE & ~os.O_DIRECTORY
+    code = [(0x20, 0, 0, 0), (0x15, 0, 3, 257), (0x20, 0, 0, 32), (0x45, 0, 1, flag),  # openat() with the flag
+            (0x06, 0, 0, 0x50000 | errno.EOPNOTSUPP), (0x06, 0, 0, 0x7fff0000)]  # all else is allowed
     program = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *line) for line in code))
     seccomp = struct.pack("HxxxxxxQ", len(code), ctypes.addressof(program))
     if ctypes.CDLL(None, use_errno=True).prctl(22, 2, seccomp) != 0:
@@ -154,7 +153,9 @@ class Scenario(unittest.TestCase):
         os.chmod("/media/counts", 0o777)
         call("mount", "--no-canonicalize", "--bind", BIN, "/media/programs")
         for path in ("/etc", "/usr/lib", "/usr/share", "/var/lib"):  # also where the product is installed
-            self.lay_over(path, path)
+            layers = [f"/media/{kind}{path}" for kind in ("upper", "work")]
+            call("mkdir", "-p", *layers)
+            self.lay(path, "lowerdir={},upperdir={},workdir={}".format(path, *layers), "overlay")
             os.makedirs(path + "/tarnwick", exist_ok=True)
             self.lay(path + "/tarnwick", "mode=755")
         for command in ("volctl", "nvram", "man"):
@@ -173,12 +174,6 @@ class Scenario(unittest.TestCase):
     def lay(self, target, options, kind="tmpfs"):
         call("mount", "-t", kind, "-o", options, "world", target)
         self.addCleanup(call, "umount", "--lazy", target)
-
-    # Mounts a copy of the folder on the target. What is written there stays in the world.
-    def lay_over(self, folder, target):
-        layers = [f"/media/{kind}{target}" for kind in ("upper", "work")]
-        call("mkdir", "-p", target, *layers)
-        self.lay(target, "lowerdir={},upperdir={},workdir={}".format(folder, *layers), "overlay")
 
     # Answers to `line`, in turn; the last one is repeated. A text means that text and status 0.
     def answer(self, line, *answers):
