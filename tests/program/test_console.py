@@ -8,11 +8,6 @@ import world
 from world import SPECIFIED, YES, Answer, Scenario, read, write
 
 
-def only_log():
-    [path] = glob.glob("/tmp/*.log")
-    return read(path)
-
-
 def identity(path):
     status = os.lstat(path)
     return status.st_mode, status.st_uid, status.st_size, os.path.islink(path) and os.readlink(path)
@@ -41,7 +36,7 @@ class Console(Scenario):
         # Opening waits for the reader, which the run starts only after both lines.
         with open("/media/passphrase", "w", encoding="utf-8"):
             self.note("said", os.read(process.stdout.fileno(), 1 << 16).decode())
-            self.note("log", only_log())
+            self.note("log", read(*glob.glob("/tmp/*.log")))
         process.communicate()
 
     # Every log name of the next minutes is in use. The run succeeds and writes a new log.

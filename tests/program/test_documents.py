@@ -36,7 +36,8 @@ class Documents(Disks):
 
     def test_scripts_and_presets_exist_and_scripts_marked_ci_are_run(self):
         presets = {each["name"] for each in json.loads(read(f"{TOP}/CMakePresets.json"))["configurePresets"]}
-        run = SCRIPT.findall(".ci/run scripts/test-package scripts/test-vm" + read(f"{TOP}/.ci/run") + read(f"{TOP}/scripts/common.sh"))
+        callers = read(f"{TOP}/.ci/run") + read(f"{TOP}/scripts/common.sh")
+        run = SCRIPT.findall(".ci/run scripts/test-package scripts/test-vm" + callers)
         for mark, text in ((mark, re.sub(" #.*", "", text)) for mark, text in BLOCKS if mark in ("sh ci", "sh hand")):
             scripts = SCRIPT.findall(text)
             self.assertLessEqual(set(re.findall(r"--preset (\w+)", text)), presets, text)

@@ -1,7 +1,7 @@
 # Options, modes and exit statuses.
 import os
 
-from world import PREBOOT, STORE, Answer, Scenario, property_list, write
+from world import PREBOOT, STORE, Answer, Scenario, write
 
 POLICIES = "/etc/tarnwick/internal-policies.plist"
 
@@ -12,7 +12,6 @@ class Entry(Scenario):
         self.tarnwick("--help", "--cleanup", user=65534)
         for name, change in {
                 "of another owner": lambda: os.chown(POLICIES, 65534, 0),
-                "no boolean": lambda: write(POLICIES, property_list({"com.vexlor.tarnwick": 1})),
                 "a link": lambda: (os.rename(POLICIES, POLICIES + "-"), os.symlink(POLICIES + "-", POLICIES))}.items():
             self.specification()
             change()

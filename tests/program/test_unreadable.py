@@ -2,16 +2,15 @@
 import json
 import os
 import random
-import time
 
 from world import YES, Disks, call, content, write
 
 BLOCK, FOLDER, LOGS, OUT = 4096, "/media/worn", "/media/worn/log", "/media/out"
 ARCHIVE, KEY = "/media/archive.qvx", ("--key", "/media/key.pem")
-COARSE_CLOCK = 5  # CLOCK_REALTIME_COARSE, the clock that stamps files
 # Of each file: its blocks, the damaged ones, and what is marked as unreadable, as (block, count). The step over what
 # cannot be read doubles while reads fail; after 256 of them the rest is given up.
-FILES = {"ends": (10, [0, 9], [(0, 1), (9, 1)]), "middle": (200, [3, 100, 101], [(3, 1), (100, 3)]), "fine": (3, [], []),
+FILES = {"ends": (10, [0, 9], [(0, 1), (9, 1)]), "middle": (200, [3, 100, 101], [(3, 1), (100, 3)]),
+         "all": (4, range(4), [(0, 4)]), "fine": (3, [], []),
          "shreds": (601, range(0, 600, 2), [*((at, 1) for at in range(0, 510, 2)), (510, 91)])}
 CAPTURED = "middle", "fine"  # one by one: the order of a folder is the file system's
 
@@ -25,12 +24,6 @@ class Unreadable(Disks):
         for path, data in self.files.items():
             write(path, data)
         self.wear_out()
-        for name in CAPTURED:
-            os.link(f"{LOGS}/{name}", f"{LOGS}/{name}-again")
-        for path in (*self.files, LOGS):
-            os.utime(path, (1767323045, 1767323045))
-        while time.clock_gettime_ns(COARSE_CLOCK) <= os.stat(LOGS).st_ctime_ns:
-            pass  # what changes as writing begins is not stored by reference
         self.specification(*(("/log", f".*/{name}") for name in CAPTURED))
 
     # Moves the volume to a disk and spoils the first bytes of the damaged blocks.
@@ -73,7 +66,4 @@ class Unreadable(Disks):
 
     def test_create_names_each_file_and_goes_on(self):
         self.tool("qvx", "create", "-r", "/media/key.pub", "-o", ARCHIVE, LOGS)
-        self.tool("qvx", "list", *KEY, ARCHIVE)
         self.agrees(ARCHIVE)
-        references = [path for path, entry in self.listed(ARCHIVE).items() if "content_of" in entry]
-        self.assertEqual(references, [f"{LOGS}/fine-again"[1:]])
