@@ -114,24 +114,17 @@ TEST_F(Service, RejectsUntrustedConfigurationAndKey) {
     EXPECT_FALSE(AssetService(places_).configured());
 }
 
-TEST_F(Service, UsesTheNewestVersionAndTheStoreBeforeTheFactory) {
-    EXPECT_EQ(newest(), "0");
-    for (const auto& [installed, expected] : {std::pair("factory/t/0.1/f", "factory/t/0.1"),
-                                              {"store/t/0.0/f", "factory/t/0.1"},
-                                              {"store/t/0.1/f", "store/t/0.1"},
-                                              {"store/t/1.0/f", "store/t/1.0"}}) {
-        folder_.write(installed, "x");
-        EXPECT_EQ(newest(), expected) << installed;
-    }
-}
-
-TEST_F(Service, IgnoresUntrustedFactoryFolderAndFailsOnUntrustedStore) {
-    for (const auto* file : {"factory/t/0.1/f", "store/t/0.0/f"}) folder_.write(file, "x");
-    for (const auto* folder : {"factory", "factory/t", "factory/t/0.1"}) {
-        ::chmod((folder_.path / folder).c_str(), 0777);
-        EXPECT_EQ(newest(), "store/t/0.0") << folder;
-        ::chmod((folder_.path / folder).c_str(), 0755);
-    }
+TEST_F(Service, UsesTheNewestTrustedVersionAndFailsOnUntrustedStore) {
+    const auto installed = [this](const char* asset, mode_t factoryMode) {
+        folder_.write(std::string(asset) + "/f", "x");
+        ::chmod(places_.factory.c_str(), factoryMode);
+        return newest();
+    };
+    EXPECT_EQ(installed("factory/t/0.1", 0755), "factory/t/0.1");
+    EXPECT_EQ(installed("store/t/0.0", 0755), "factory/t/0.1");
+    EXPECT_EQ(installed("store/t/0.0", 0777), "store/t/0.0");
+    EXPECT_EQ(installed("store/t/0.1", 0755), "store/t/0.1");
+    EXPECT_EQ(installed("store/t/1.0", 0755), "store/t/1.0");
     ::chmod(places_.store.c_str(), 0777);
     EXPECT_EQ(newest(), "4");
 }

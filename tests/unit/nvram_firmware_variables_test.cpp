@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 #include <regex>
 
 #include "nvram/withheld.h"
@@ -18,8 +17,7 @@ namespace {
 const std::string guid = "-8be4df61-93ca-11d2-aa0d-00e098032b8c";
 
 struct FirmwareVariables : testing::Test {
-    void file(const std::string& name, const std::string& bytes) { std::ofstream(folder_.path / name) << bytes; }
-    void variable(const std::string& name, const std::string& value) { file(name + guid, "\7\7\7\7" + value); }
+    void variable(const std::string& name, const std::string& value) { folder_.write(name + guid, "\7\7\7\7" + value); }
 
     // The lines without the GUID, then the first letter of each file that was not dumped.
     std::string dump(const ReadCall& read = ::read) {
@@ -37,8 +35,8 @@ TEST_F(FirmwareVariables, SortsEscapesAndSkipsOtherFiles) {
     variable("Name", std::string("a\0%\t\x7f\xff~", 7));
     variable("B\n\x1b-%", "");
     const auto noDash = "D" + guid.substr(0, 24) + "_" + guid.substr(25), noHex = "H" + guid.substr(0, 36) + "g";
-    for (const auto& name : {noDash, noHex, guid, guid.substr(1)}) file(name, "\7\7\7\7");
-    file("NoAttributes" + guid, "\7\7\7");
+    for (const auto& name : {noDash, noHex, guid, guid.substr(1)}) folder_.write(name, "\7\7\7\7");
+    folder_.write("NoAttributes" + guid, "\7\7\7");
     std::filesystem::create_symlink("/etc/hostname", folder_.path / ("Link" + guid));
     ASSERT_EQ(mkfifo((folder_.path / ("Pipe" + guid)).c_str(), 0600), 0);
     EXPECT_EQ(dump(), "B%0a%1b-%25\t\nName\ta%00%25%09%7f%ff~\n!-!8!D!H!L!N!P");
@@ -46,13 +44,12 @@ TEST_F(FirmwareVariables, SortsEscapesAndSkipsOtherFiles) {
 
 TEST_F(FirmwareVariables, ReadsAgainOnlyAfterInterruptions) {
     for (const auto* name : {"A", "B"}) variable(name, "value");
-    int calls = 0, interrupted = 3;
+    int interrupted = 10;
     const auto read = [&](int descriptor, void* buffer, std::size_t size) {
-        return ++calls <= interrupted ? (errno = EINTR, -1) : ::read(descriptor, buffer, size);
+        return interrupted-- > 0 ? (errno = EINTR, -1) : ::read(descriptor, buffer, size);
     };
     EXPECT_EQ(dump(read), "A\tvalue\nB\tvalue\n");
-    EXPECT_EQ(calls, 5);
-    calls = 0, interrupted = 11;
+    interrupted = 11;
     EXPECT_EQ(dump(read), "B\tvalue\n!A");
 }
 

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
 #include "plist/xml_property_list.h"
 #include "temporary_folder.h"
 
@@ -23,19 +21,17 @@ TEST(PropertyList, WritesHostileTextAsADocumentThatCanBeRead) {
 
 TEST(PropertyListFile, IsAFileOfSixteenMegabytesAtMost) {
     const TemporaryFolder folder;
-    const auto file = folder.path / "file", link = folder.path / "link", fifo = folder.path / "fifo";
-    fs::create_symlink(file, link);
+    const auto fifo = folder.path / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const auto readable = [&](std::string document, std::size_t size) {
+    const auto readable = [&](std::string document, std::size_t size, const char* name = "file") {
         document.resize(size, ' ');
-        std::ofstream(file) << document;
-        return readPropertyListFile(link).has_value();
+        return readPropertyListFile(folder.write(name, document)).has_value();
     };
     EXPECT_TRUE(readable("<plist><dict/></plist>", 16 << 20));
     EXPECT_FALSE(readable("<plist><dict/></plist>", (16 << 20) + 1));
     EXPECT_FALSE(readable("<plist><array/></plist>", 100));
-    std::ofstream(folder.path / "\xff") << "<plist><dict/></plist>";
-    for (const auto& other : {folder.path / "\xff", fifo, folder.path / "absent", folder.path, fs::path("/dev/zero")})
+    EXPECT_FALSE(readable("<plist><dict/></plist>", 100, "\xff"));
+    for (const auto& other : {fifo, folder.path / "absent", folder.path, fs::path("/dev/zero")})
         EXPECT_FALSE(readPropertyListFile(other)) << other;
 }
 

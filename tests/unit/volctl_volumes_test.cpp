@@ -24,14 +24,15 @@ using namespace tarnwick;
 
 namespace {
 
+const std::map<std::string, Content> contents = {{"", Content::nothing},
+                                                 {"unknown", Content::unknown},
+                                                 {"swap", Content::swap},
+                                                 {"member", Content::member},
+                                                 {"crypto_LUKS", Content::encrypted}};
+
 ProbeAnswer answerOf(std::map<std::string, std::string>& values) {
     const auto& has = values["has"];
-    const auto content = has.empty()            ? Content::nothing
-                         : has == "unknown"     ? Content::unknown
-                         : has == "swap"        ? Content::swap
-                         : has == "member"      ? Content::member
-                         : has == "crypto_LUKS" ? Content::encrypted
-                                                : Content::fileSystem;
+    const auto content = contents.contains(has) ? contents.at(has) : Content::fileSystem;
     const auto type = content == Content::unknown ? std::string() : has;
     return {content, type, values["uuid"], values["label"], values["part"], values["partuuid"], values["partname"]};
 }
@@ -40,6 +41,8 @@ SettingsReading settingsOf(const std::string& keys) {
     const auto list = parsePropertyList("<plist version=\"1.0\"><dict>" + keys + "</dict></plist>");
     return readVolumeSettings(*list->as<PropertyListDictionary>());
 }
+
+std::string prefixed(const std::string& prefix, const std::string& text) { return text.empty() ? "" : prefix + text; }
 
 class RecordedMachine {
 public:
@@ -51,36 +54,34 @@ public:
         std::getline(words, first, ' ');
         if (first.find('/') != std::string::npos) return addFolder(root_.path / "devices" / first, words);
         std::getline(words, rest);
-        lines_[first].push_back(rest);
+        if (first == "settings") machine_.settings = settingsOf(rest).settings;
+        if (first == "mount") mountinfo_ += rest + '\n';
+        if (first == "ask") asked_.push_back(rest);
     }
 
     // The mounts, the volumes, the number of containers in the listing, and the answers.
     std::string found() {
-        for (const auto& keys : lines_["settings"]) machine_.settings = settingsOf(keys).settings;
-        std::ofstream mountinfo(root_.path / "mountinfo");
-        for (const auto& mount : lines_["mount"]) mountinfo << mount << std::endl;
         machine_.devices = readBlockDevices(root_.path);
-        machine_.mounts = *readVisibleMounts(root_.path / "mountinfo");
+        machine_.mounts = *readVisibleMounts(root_.write("mountinfo", mountinfo_));
         machine_.probe = [&](const BlockDevice& device) { return answers_[device.name]; };
         machine_.isDirectory = [](const std::string& path) { return !path.ends_with("file"); };
         machine_.nodeNumber = [](const std::string& path) { return path == "/dev/disk/link" ? makedev(8, 77) : 0; };
-        std::ostringstream text;
+        std::string text;
         for (const auto& mount : machine_.mounts)
-            text << (text.tellp() > 0 ? " " : "") << mount.type << ':' << mount.target;
+            text += prefixed(text.empty() ? "" : " ", mount.type + ':' + mount.target);
         const auto volumes = findVolumes(machine_);
-        for (const auto& volume : volumes)
-            text << '\n'
-                 << volume.container << ' ' << volume.group << ' ' << volume.deviceIdentifier << ' ' << volume.name
-                 << ' ' << volume.role << (volume.mountPoint.empty() ? "" : " at ") << volume.mountPoint
-                 << (volume.locked ? " locked" : "") << (volume.exclusionReason.empty() ? "" : " left out");
+        for (const auto& each : volumes)
+            text += '\n' + each.container + ' ' + each.group + ' ' + each.deviceIdentifier + ' ' + each.name + ' ' +
+                    each.role + prefixed(" at ", each.mountPoint) + (each.locked ? " locked" : "") +
+                    (each.exclusionReason.empty() ? "" : " left out");
         const auto listing = *groupListing(volumes).as<PropertyListDictionary>();
-        text << "\nlisted in " << findValueAs<PropertyListArray>(listing, "Containers")->size();
-        for (const auto& identifier : lines_["ask"]) {
+        text += "\nlisted in " + std::to_string(findValueAs<PropertyListArray>(listing, "Containers")->size()) + '\n';
+        for (const auto& identifier : asked_) {
             const auto answer = lookUpVolume(machine_, volumes, identifier);
-            text << "\n\"" << identifier << "\": " << (answer ? answer->deviceIdentifier : "none")
-                 << (answer && !answer->mountPoint.empty() ? " " + answer->mountPoint : "");
+            text += '"' + identifier +
+                    "\": " + (answer ? answer->deviceIdentifier + prefixed(" ", answer->mountPoint) : "none") + '\n';
         }
-        return text.str() + '\n';
+        return text;
     }
 
 private:
@@ -100,14 +101,12 @@ private:
             fs::create_directory(home / "slaves" / name);
             fs::create_directories(root_.path / "class/block" / name / "holders" / home.filename());
         }
-        for (const auto& [name, text] : values) {
-            fs::create_directories((home / name).parent_path());
-            std::ofstream(home / name) << text << '\n';
-        }
+        for (const auto& [name, text] : values) root_.write(home / name, text + '\n');
     }
 
     TemporaryFolder root_;
-    std::map<std::string, std::vector<std::string>> lines_;  // by first word
+    std::string mountinfo_;
+    std::vector<std::string> asked_;
     Machine machine_;
     std::map<std::string, ProbeAnswer> answers_;
 };
@@ -129,25 +128,10 @@ TEST(Volumes, MatchEachRecordedMachine) {
 }
 
 TEST(VolumeSettings, RejectsWrongTypesAndUnknownRoles) {
-    const struct {
-        const char* name;
-        std::string keys, problem;
-        const char* prebootDirectory = "/boot";  // the defaults, after a value of a wrong type
-    } rows[] = {
-        {"good", "<key>Roles</key><dict><key>a</key><string>Swap</string></dict>", "", "/service"},
-        {"roles in an array", "<key>Roles</key><array/>", "Roles is not a dictionary"},
-        {"role as a boolean", "<key>Roles</key><dict><key>a</key><true/></dict>", "the role of a is not a string"},
-        {"folder as a boolean", "<key>PrebootDirectory</key><true/>", "PrebootDirectory is not a string"},
-        {"number for a boolean", "<key>IncludeRemovable</key><integer>1</integer>",
-         "IncludeRemovable is not a boolean"},
-        {"role in lower case", "<key>Roles</key><dict><key>a</key><string>data</string></dict>",
-         "unknown role \"data\" of a; the roles are Preboot, Data, System, Swap and Other", "/service"},
-    };
-    for (const auto& row : rows) {
-        const auto reading = settingsOf("<key>PrebootDirectory</key><string>/service</string>" + row.keys);
-        EXPECT_EQ(reading.status ? "" : reading.status.error().text, row.problem) << row.name;
-        EXPECT_EQ(reading.settings.prebootDirectory, row.prebootDirectory) << row.name;
-    }
+    for (const std::string role : {"<string>data</string>", "<true/>"})
+        EXPECT_FALSE(settingsOf("<key>Roles</key><dict><key>a</key>" + role + "</dict>").status) << role;
+    for (const auto* key : {"Roles", "PrebootDirectory", "IncludeRemovable"})
+        EXPECT_FALSE(settingsOf("<key>" + std::string(key) + "</key><integer>1</integer>").status) << key;
 }
 
 }  // namespace
