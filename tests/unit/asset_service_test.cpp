@@ -12,6 +12,7 @@
 
 #include "base/handle.h"
 #include "platform/assets/asset_transfer.h"
+#include "plist/xml_property_list.h"
 #include "temporary_folder.h"
 
 namespace fs = std::filesystem;
@@ -42,6 +43,8 @@ TEST(AssetTransfer, EndsBelowMinimumRateAndAfterTotalTime) {
                   AssetError::tooSlow);
 }
 
+constexpr auto stopped = static_cast<std::int64_t>(AssetError::stopped);
+
 class Service : public testing::Test {
 protected:
     void SetUp() override {
@@ -50,9 +53,9 @@ protected:
     void configure(const std::string& url, mode_t keyMode = 0644) const {
         const auto key = folder_.write("key.pem", "not a key, but the catalog is fetched first");
         ::chmod(key.c_str(), keyMode);
-        folder_.write("service.plist", "<plist><dict><key>CatalogURL</key><string>" + url +
-                                           "</string><key>CatalogKey</key><string>" + key.native() +
-                                           "</string></dict></plist>");
+        folder_.write(
+            "service.plist",
+            writeXmlPropertyList({PropertyListDictionary{{"CatalogURL", {url}}, {"CatalogKey", {key.native()}}}}));
     }
     // The newest version of the asset "t", relative to the folder of the test, or the result code if there is none.
     [[nodiscard]] std::string newest() const {
@@ -68,19 +71,17 @@ protected:
     const AssetServicePlaces places_{folder_.path / "service.plist", folder_.path / "store", folder_.path / "factory"};
 };
 
-constexpr auto stopped = static_cast<std::int64_t>(AssetError::stopped);
-
 TEST_F(Service, AnswersEveryRequestWhenStoppedDuringTransfer) {
     const SilentServer server;
     configure(server.url);
     FileDescriptor connection;
-    const auto codes = std::make_shared<std::vector<std::int64_t>>();
+    std::vector<std::int64_t> codes;
     {
         AssetService service(places_);
-        for (int i = 0; i < 3; ++i) service.requestCatalogRefresh([=](auto code) { codes->push_back(code); });
+        for (int i = 0; i < 3; ++i) service.requestCatalogRefresh([&](auto code) { codes.push_back(code); });
         connection = FileDescriptor(::accept(server.socket.get(), nullptr, nullptr));
     }
-    EXPECT_EQ(*codes, std::vector(3, stopped));
+    EXPECT_EQ(codes, std::vector(3, stopped));
 }
 
 // A callback that does not return is like a system call that does not: no stop reaches the thread. It outlives the
@@ -109,7 +110,6 @@ TEST_F(Service, RejectsUntrustedConfigurationAndKey) {
     EXPECT_EQ(refresh("http://192.0.2.1/c", 0644), AssetError::configurationUnusable) << "plain HTTP";
     EXPECT_EQ(refresh("file:///nowhere", 0666), AssetError::keyUnusable) << "others can write the key";
     EXPECT_EQ(refresh("file:///nowhere", 0644), AssetError::answerRefused);
-    EXPECT_TRUE(AssetService(places_).configured());
     ::chmod(places_.configuration.c_str(), 0664);
     EXPECT_FALSE(AssetService(places_).configured());
 }

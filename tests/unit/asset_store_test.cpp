@@ -17,16 +17,13 @@ protected:
         const std::string abcDigest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
         return {.type = "t", .version = {content, mastered}, .files = {{"sub/f", 3, abcDigest, "u"}}};
     }
-    static AssetStatus add(StagedAsset& staged, const AssetFile& file) {
-        return staged.addFile(file, [](const ByteSink& sink) {
-            const auto first = sink("a");
-            return first ? sink("bc") : first;
-        });
-    }
     AssetStatus install(const Asset& wanted) {
         auto staged = store_.stage(wanted.type);
         if (!staged) return staged.error();
-        const auto added = add(*staged, wanted.files[0]);
+        const auto added = staged->addFile(wanted.files[0], [](const ByteSink& sink) {
+            const auto first = sink("a");
+            return first ? sink("bc") : first;
+        });
         return added ? store_.install(wanted, *staged) : added;
     }
 
@@ -47,36 +44,26 @@ TEST_F(Store, RejectsDowngradeAndRemovesLeftoversOfKilledProcessesOnly) {
     EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "t"), fs::directory_iterator()), 3) << "one staging is live";
 }
 
-TEST_F(Store, RejectsLinkInsideStagedAsset) {
-    auto staged = store_.stage("t");
-    fs::create_directory_symlink("/tmp", fs::directory_iterator(root_ / "t")->path() / "content/sub");
-    EXPECT_EQ(add(*staged, asset(1).files[0]).error(), AssetError::pathThroughLink);
-}
-
 TEST_F(Store, DoesNotUseIncompleteOrUntrustedVersion) {
-    ASSERT_TRUE(install(asset(1)));
+    ASSERT_TRUE(install(asset(1)) && store_.isComplete(asset(1)));
     folder_.write("assets/t/1.0/sub/f", "abd");
     EXPECT_FALSE(store_.isComplete(asset(1)));
     EXPECT_TRUE(install(asset(1)) && store_.isComplete(asset(1))) << "the damaged version is replaced";
-    fs::rename(root_ / "t/1.0/sub/f", root_ / "aside");
-    fs::create_symlink(root_ / "aside", root_ / "t/1.0/sub/f");
-    EXPECT_FALSE(store_.isComplete(asset(1)));
+    fs::rename(root_ / "t/1.0", root_ / "aside");
+    fs::create_directory_symlink(root_ / "aside", root_ / "t/1.0");
 
-    // Made by hand: only 2.0 is a version. The others are misnamed, writable by others, empty, a link.
+    // Made by hand: only 2.0 is a version. The others are a link, misnamed, writable by others, empty.
     for (const std::string name : {"2.0", "04.0", "7", "5.0"}) folder_.write("assets/t/" + name + "/f", "x");
     ::chmod((root_ / "t/5.0").c_str(), 0777);
     fs::create_directory(root_ / "t/3.0");
-    fs::create_directory_symlink("2.0", root_ / "t/6.0");
     EXPECT_EQ(*store_.listInstalled("t"), (std::vector<AssetVersion>{{2, 0}}));
 }
 
 TEST_F(Store, FailsOnTruncatedSerialInsteadOfAcceptingAnOlderCatalog) {
-    const SignedCatalog catalog{"bytes", std::string("s\0\n", 3)};
-    EXPECT_TRUE(store_.storeCatalog(catalog, 7));
-    EXPECT_EQ(store_.storedCatalog()->signature, catalog.signature);
-    EXPECT_EQ(store_.storeCatalog(catalog, 6).error(), AssetError::serialTooLow);
+    EXPECT_TRUE(store_.storeCatalog({"bytes", "signature"}, 7));
+    EXPECT_EQ(store_.storeCatalog({"bytes", "signature"}, 6).error(), AssetError::serialTooLow);
     folder_.write("assets/.serial", "7");
-    EXPECT_EQ(store_.storeCatalog(catalog, 9).error(), AssetError::storeFailed);
+    EXPECT_EQ(store_.storeCatalog({"bytes", "signature"}, 9).error(), AssetError::storeFailed);
 }
 
 }  // namespace

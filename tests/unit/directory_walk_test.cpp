@@ -14,8 +14,8 @@ TEST(DirectoryWalk, FollowsLinksAndSkipsWhatIsNeitherFileNorDirectory) {
     using Paths = std::set<fs::path>;
     const tarnwick::TemporaryFolder temporary;
     fs::current_path(temporary.path);
-    const auto walk = [](bool recurse, bool includeDirectories, const char* from = ".") {
-        const auto paths = tarnwick::listDirectory(from, recurse, includeDirectories);
+    const auto walk = [](bool recurse, bool includeDirectories) {
+        const auto paths = tarnwick::listDirectory(".", recurse, includeDirectories);
         return Paths(paths.begin(), paths.end());
     };
     for (const auto* name : {"plain", "folder/inner/deep"}) temporary.write(name, "x");
@@ -25,8 +25,6 @@ TEST(DirectoryWalk, FollowsLinksAndSkipsWhatIsNeitherFileNorDirectory) {
     EXPECT_EQ(walk(false, false), (Paths{"./plain", "./to-file"}));
     EXPECT_EQ(walk(false, true), (Paths{"./folder", "./plain", "./to-file", "./to-folder"}));
     EXPECT_EQ(walk(true, false), (Paths{"./folder/inner/deep", "./plain", "./to-file", "./to-folder/inner/deep"}));
-    for (const auto* none : {"plain", "missing"}) EXPECT_EQ(walk(true, true, none), Paths()) << none;
-
     // A link that leads to itself cannot be asked for its status: ELOOP, which would leave the list incomplete.
     fs::create_symlink("loop", "folder/loop");
     EXPECT_THROW(walk(true, false), fs::filesystem_error);

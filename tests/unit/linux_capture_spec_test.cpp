@@ -11,7 +11,6 @@
 #include "temporary_folder.h"
 
 using namespace tarnwick;
-using tarnwick::test::outputOf;
 
 namespace {
 
@@ -27,9 +26,9 @@ TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
     }
     for (const auto& directive : loadCaptureSpec(LINUX_CAPTURE_SPEC)) {
         EXPECT_TRUE(directive.BasePath.starts_with('/') && !directive.DocString.empty()) << directive.DocString;
-        std::istringstream lines(outputOf("find \"" + root + directive.BasePath + "\" -type f " +
-                                          regexTypeOption(directive.Expression) + "-regex '" + directive.Expression +
-                                          "'"));
+        std::istringstream lines(test::outputOf("find \"" + root + directive.BasePath + "\" -type f " +
+                                                regexTypeOption(directive.Expression) + "-regex '" +
+                                                directive.Expression + "'"));
         EXPECT_NE(lines.peek(), EOF) << directive.DocString;
         for (std::string line; std::getline(lines, line);) found.insert(line.substr(root.size()));
     }

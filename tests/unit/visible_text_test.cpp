@@ -4,8 +4,6 @@
 
 using namespace tarnwick;
 
-namespace {
-
 TEST(VisibleText, EscapesControlAndInvalidBytes) {
     EXPECT_EQ(visibleText("\xc3\xa9\xf0\x9f\x92\xbe [~\xe2\x82["), "\xc3\xa9\xf0\x9f\x92\xbe [~\\xe2\\x82[");
     for (const std::string raw :
@@ -18,5 +16,3 @@ TEST(PlainName, RejectsWhatAShellExpands) {
     for (const char each : {'$', '"', '\'', '\\', ';', '\n', '\t', '*', '%', '!', '\xc3'})
         EXPECT_FALSE(isPlainName(std::string("a") + each)) << each;
 }
-
-}  // namespace

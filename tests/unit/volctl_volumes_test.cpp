@@ -24,16 +24,13 @@ using namespace tarnwick;
 
 namespace {
 
-const std::map<std::string, Content> contents = {{"", Content::nothing},
-                                                 {"unknown", Content::unknown},
-                                                 {"swap", Content::swap},
-                                                 {"member", Content::member},
-                                                 {"crypto_LUKS", Content::encrypted}};
-
 ProbeAnswer answerOf(std::map<std::string, std::string>& values) {
+    using enum Content;
+    static const std::map<std::string, Content> others = {
+        {"", nothing}, {"unknown", unknown}, {"swap", swap}, {"member", member}, {"crypto_LUKS", encrypted}};
     const auto& has = values["has"];
-    const auto content = contents.contains(has) ? contents.at(has) : Content::fileSystem;
-    const auto type = content == Content::unknown ? std::string() : has;
+    const auto content = others.contains(has) ? others.at(has) : fileSystem;
+    const auto type = content == unknown ? "" : has;
     return {content, type, values["uuid"], values["label"], values["part"], values["partuuid"], values["partname"]};
 }
 
@@ -78,8 +75,8 @@ public:
         text += "\nlisted in " + std::to_string(findValueAs<PropertyListArray>(listing, "Containers")->size()) + '\n';
         for (const auto& identifier : asked_) {
             const auto answer = lookUpVolume(machine_, volumes, identifier);
-            text += '"' + identifier +
-                    "\": " + (answer ? answer->deviceIdentifier + prefixed(" ", answer->mountPoint) : "none") + '\n';
+            text += '"' + identifier + "\": " + (answer ? answer->deviceIdentifier : "none");
+            text += (answer ? prefixed(" ", answer->mountPoint) : "") + '\n';
         }
         return text;
     }
