@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "qvx/read/archive_file.h"
 #include "qvx/read/entry_reader.h"
 #include "require.h"
@@ -54,8 +56,7 @@ public:
         return true;
     }
     void abandon() override {
-        require(open_);
-        open_ = false;
+        require(std::exchange(open_, false));
         seen.push_back(path_ + '!');
     }
     [[nodiscard]] bool open() const { return open_; }
@@ -67,11 +68,10 @@ private:
     static constexpr std::size_t maxKept = 1U << 23;
 
     [[nodiscard]] bool extentsFit(const std::vector<Extent>& extents) const {
-        std::uint64_t end = 0;
-        for (const Extent& extent : extents) {
-            const bool apart = &extent == extents.data() || extent.offset > end;
-            if (!apart || extent.length == 0 || extent.end() > content_.size()) return false;
-            end = extent.end();
+        std::uint64_t minOffset = 0;
+        for (const auto& [offset, length] : extents) {
+            if (offset < minOffset || length == 0 || offset + length > content_.size()) return false;
+            minOffset = offset + length + 1;
         }
         return true;
     }

@@ -10,8 +10,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (!key) return 0;
     const auto point = publicPointOf(key->get());
     require(point && publicKeyFromPoint(*point) != nullptr);
-    const auto pem = privateKeyPem(key->get());
-    const auto again = parsePrivateKey(*pem);
+    const auto again = parsePrivateKey(*privateKeyPem(key->get()));
     require(publicPointOf(again->get()) == point);
     return 0;
 }
