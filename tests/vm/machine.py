@@ -1,7 +1,6 @@
 """A Debian machine made from packages, started under software emulation and driven over its serial lines."""
 import codecs
 import contextlib
-import fcntl
 import hashlib
 import re
 import select
@@ -25,26 +24,18 @@ LEFT_OUT = ["/usr/share/doc/*", "/usr/share/locale/*"] + [
     f"/lib/modules/*/kernel/{folder}/*" for folder in ("sound", "drivers/net", "drivers/gpu", "drivers/media")]
 
 # MiB, GPT type, name. The root partition is written here, the others are formatted by the guest.
-ROOT_SIZE, VAR_SIZE = 1024, 192
-BOOT = (64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition")
-PARTITIONS = {
-    "system": [
-        (64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
-        BOOT,
-        (ROOT_SIZE, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
-        (64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
-        (64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
-        (160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
-        (320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
-        (32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
-    ],
-    "other": [BOOT, (64, "0fc63daf-8483-4772-8e79-3d69d8477de4", "data")],
-}
-
-# Machines: the names of their disks, and the device of the root. The first one makes the disks of the other two.
-PLANTING = (("system", "other", "lvm", "stick"), "/dev/vda3")
-DESKTOP = (("system", "stick"), "/dev/vda3")
-LVM_ROOT = (("other", "lvm"), "/dev/mapper/zz--vg-root")
+ROOT_SIZE = 1024
+PARTITIONS = [
+    (64, "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", "esp"),
+    (64, "bc13c2ff-59e6-4262-a352-b275fd6f7172", "extended boot loader partition"),
+    (ROOT_SIZE, "4f68bce3-e8cd-4db1-96e7-fbcaf984b709", "root"),
+    (64, "933ac7e1-2eb4-4f13-b844-0e14e2aef915", "home"),
+    (64, "e6d6d379-f507-44c2-a23c-238f2a3df928", "lvm"),
+    (160, "0fc63daf-8483-4772-8e79-3d69d8477de4", "btrfs"),
+    (320, "3b8f8425-20e0-4f3b-907f-1a25a76f98e8", "srv"),
+    (32, "0fc63daf-8483-4772-8e79-3d69d8477de4", "crashed"),
+]
+DISKS = "system", "stick"
 
 FILES = {
     "etc/fstab": "/dev/vda3 / ext4 errors=remount-ro 0 1\n",
@@ -69,15 +60,7 @@ WantedBy=multi-user.target
     "etc/systemd/system/shell@ttyS0.service.d/user.conf": f"[Service]\nUser={USER}\n",
     "etc/systemd/system/shell@ttyS1.service.d/user.conf": "[Service]\nUser=root\n",
 }
-LVM_FILES = {
-    "etc/fstab": """/dev/zz-vg/root / ext4 errors=remount-ro 0 1
-/dev/zz-vg/var /var ext4 defaults 0 2
-/dev/vda1 /boot ext4 nofail 0 2
-""",
-    # The journal is kept in memory, so that there is something on / itself to be captured.
-    "etc/systemd/journald.conf.d/memory.conf": "[Journal]\nStorage=volatile\n",
-}
-KERNEL_LINE = "rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off"
+KERNEL_LINE = "root=/dev/vda3 rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off"
 
 
 class Failure(Exception):
@@ -122,15 +105,12 @@ class Console:
         self.send(f"{line}; echo @$?@\n")
         self.expect(r"echo @\$\?@\n")
 
-    def finish(self, status=0, seconds=240):
+    def run(self, line, status=0, seconds=240):
+        self.start(line)
         match, text = self.expect(r"@(\d+)@\n", seconds)
         if status is not None and int(match[1]) != status:
             raise Failure(f"status {match[1]} instead of {status}:\n{text}")
         return text
-
-    def run(self, line, status=0, seconds=240):
-        self.start(line)
-        return self.finish(status, seconds)
 
 
 class Machine:
@@ -139,11 +119,10 @@ class Machine:
     def __init__(self, folder):
         self.folder, self.operator, self.control = folder, Console(), Console()
 
-    def send(self, files):
-        """Unpacks files (name in the guest -> path here) below / in the guest."""
+    def send(self, path, name):
+        """Copies a file to the path `name` in the guest, which is relative to /."""
         with tarfile.open(self.folder / "tools", "w") as tar:
-            for name, path in files.items():
-                tar.add(path, name)
+            tar.add(path, name)
         command("truncate", "-s", EXCHANGE, self.folder / "tools")
         self.control.run("blockdev --flushbufs /dev/disk/by-id/virtio-tools; tar xf /dev/disk/by-id/virtio-tools -C /")
 
@@ -154,13 +133,12 @@ class Machine:
 
 
 @contextlib.contextmanager
-def running(folder, form, kernel, design):
+def running(folder, form, kernel):
     """At the end, and when this process is killed, the power is cut."""
     machine, words = Machine(folder), []
-    disks, root = design
     for name in "tools", "out":
         command("truncate", "-s", EXCHANGE, folder / name)
-    for number, (name, kind) in enumerate([(name, form) for name in disks] + [("tools", "raw"), ("out", "raw")]):
+    for number, (name, kind) in enumerate([(name, form) for name in DISKS] + [("tools", "raw"), ("out", "raw")]):
         words += ["-drive", f"if=none,id={name},file={folder / name},format={kind},cache=unsafe"]
         words += (["-device", "qemu-xhci", "-device", "usb-storage,drive=stick,removable=on"] if name == "stick" else
                   ["-device", f"virtio-blk-pci,drive={name},serial={name},addr={8 + number}"])
@@ -173,7 +151,7 @@ def running(folder, form, kernel, design):
              "-drive", "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
              "-drive", f"if=pflash,format={form},file={folder / 'variables'},cache=unsafe",
              "-kernel", kernel / "vmlinuz", "-initrd", kernel / "initrd.img", "-append",
-             f"root={root} {KERNEL_LINE}", *words],
+             KERNEL_LINE, *words],
             stdin=subprocess.DEVNULL, pass_fds=lines) as qemu:
         try:
             for console in machine.operator, machine.control:
@@ -192,7 +170,9 @@ def makeTree(tree):
             " && echo MODULES=list > initramfs-tools/conf.d/vm"
             " && printf 'virtio_blk\\nvirtio_pci\\next4\\ncrc32c_generic\\n' > initramfs-tools/modules",
             f"--include={','.join(PACKAGES)}", "bookworm", tree)
-    writeFiles(tree, FILES)
+    for name, text in FILES.items():
+        (tree / name).parent.mkdir(parents=True, exist_ok=True)
+        (tree / name).write_text(text)
     for mountPoint in "var/lv logs", "media/$(reboot)":
         (tree / mountPoint).mkdir()
     command("chroot", tree, "useradd", "-m", "-G", "sudo", "-s", "/bin/bash", USER)
@@ -202,74 +182,52 @@ def makeTree(tree):
     command("systemctl", "--root", tree, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
 
 
-def writeFiles(tree, files):
-    for name, text in files.items():
-        (tree / name).parent.mkdir(parents=True, exist_ok=True)
-        (tree / name).write_text(text)
-
-
-def writeFileSystem(disk, offset, size, tree):
-    """A file system with what is in the tree; offset and size in MiB."""
-    command("mkfs.ext4", "-q", "-d", tree, "-E", f"offset={offset << 20}", disk, f"{size}M")
-
-
 def makeDisks(folder):
-    """The disks before anything has run: partitions, and the root file systems of both machines."""
-    tree = folder / "tree"
+    """The disks before anything has run: partitions, and the root file system."""
+    tree, disk = folder / "tree", folder / "system"
     makeTree(tree)
-    for disk, partitions in PARTITIONS.items():
-        command("truncate", "-s", f"{sum(size for size, _, _ in partitions) + 2}M", folder / disk)
-        command("sfdisk", "--no-reread", "--no-tell-kernel", folder / disk, input="label: gpt\n" + "".join(
-            f'size={size}MiB, type={kind}, name="{name}"\n' for size, kind, name in partitions))
+    command("truncate", "-s", f"{sum(size for size, _, _ in PARTITIONS) + 2}M", disk)
+    command("sfdisk", "--no-reread", "--no-tell-kernel", disk, input="label: gpt\n" + "".join(
+        f'size={size}MiB, type={kind}, name="{name}"\n' for size, kind, name in PARTITIONS))
+    offset = (1 + sum(size for size, _, _ in PARTITIONS[:2])) << 20
+    command("mkfs.ext4", "-q", "-d", tree, "-E", f"offset={offset}", disk, f"{ROOT_SIZE}M")
     command("truncate", "-s", "32M", folder / "stick")
-    command("truncate", "-s", f"{ROOT_SIZE + VAR_SIZE + 8}M", folder / "lvm")
-    writeFileSystem(folder / "system", 1 + sum(size for size, _, _ in PARTITIONS["system"][:2]), ROOT_SIZE, tree)
-    # LVM puts the first two volumes of an empty group here. The guest makes them without wiping their contents.
-    writeFiles(tree, LVM_FILES)
-    (tree / "var").rename(folder / "var")
-    (tree / "var").mkdir()
-    writeFileSystem(folder / "lvm", 1, ROOT_SIZE, tree)
-    writeFileSystem(folder / "lvm", 1 + ROOT_SIZE, VAR_SIZE, folder / "var")
     for name in "vmlinuz", "initrd.img":
         shutil.copy(next(tree.glob(f"boot/{name}-*")), folder / name)
     shutil.copy("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "variables")
     shutil.rmtree(tree)
-    shutil.rmtree(folder / "var")
 
 
 def makeImage(image, folder, passphrase):
     """Disks with everything planted on them, as a power cut leaves them."""
     makeDisks(folder)
     say("packages and disks are made")
-    with running(folder, "raw", folder, PLANTING) as machine:
-        machine.send({"root/plant": HERE / "plant"})
-        machine.control.run(f"bash /root/plant {shlex.quote(passphrase)} {ROOT_SIZE} {VAR_SIZE}", seconds=600)
+    with running(folder, "raw", folder) as machine:
+        machine.send(HERE / "plant", "root/plant")
+        machine.control.run(f"bash /root/plant {shlex.quote(passphrase)}", seconds=600)
     say("everything is planted and the power cut")
     folder.rename(image)
 
 
-@contextlib.contextmanager
 def plantedImage(cache, passphrase):
-    """The folder with the disks. Makes them if there are none of this recipe. One run at a time; others wait."""
+    """The folder with the disks. Makes them if there are none of this recipe, and removes others. One run at a time."""
     recipe = hashlib.sha256((HERE / "machine.py").read_bytes() + (HERE / "plant").read_bytes() + passphrase.encode())
-    image, lock = cache / f"image-{recipe.hexdigest()[:16]}", cache / "lock"
+    image = cache / f"image-{recipe.hexdigest()[:16]}"
     cache.mkdir(parents=True, exist_ok=True)
-    with open(lock, "w") as locked:
-        fcntl.flock(locked, fcntl.LOCK_EX)
-        for leftover in set(cache.iterdir()) - {image, lock}:
-            shutil.rmtree(leftover)
-        if not image.exists():
-            with tempfile.TemporaryDirectory(dir=cache, ignore_cleanup_errors=True) as name:
-                makeImage(image, Path(name), passphrase)
-        yield image
+    for leftover in set(cache.iterdir()) - {image}:
+        shutil.rmtree(leftover)
+    if not image.exists():
+        with tempfile.TemporaryDirectory(dir=cache, ignore_cleanup_errors=True) as name:
+            makeImage(image, Path(name), passphrase)
+    return image
 
 
 @contextlib.contextmanager
-def started(image, design):
-    """One of the machines, running; what the run changes on its disks is not kept."""
+def started(image):
+    """The machine, running; what the run changes on its disks is not kept."""
     with tempfile.TemporaryDirectory(dir=image.parent) as name:
-        for disk in {*design[0], "variables"}:
+        for disk in *DISKS, "variables":
             command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
-        with running(Path(name), "qcow2", image, design) as machine:
+        with running(Path(name), "qcow2", image) as machine:
             machine.control.run("systemctl is-system-running --wait; sync", None)
             yield machine
