@@ -67,11 +67,12 @@ class Volctl(Disks):
         self.mounted_and_left_without_a_byte_changed("btrfs")
 
     def test_hostile_names_and_mounts_of_others(self):
-        device = self.mount(self.formatted("-L", "$(reboot)\x1b[2J")[0], "/media/$(reboot)")
-        for words in ("zkfs", "unlockVolume", device), ("zkfs", "lockVolume", device), ("info", "-plist", device):
-            self.volctl(*words)
-        table = call("/media/programs/volctl", "list")
-        self.note("listed", "".join(line + "\n" for line in table.splitlines() if line.startswith(device + " ")))
+        for folder in "/media/a mount", "/media/$(reboot)":
+            device = self.mount(self.formatted("-L", "$(reboot)\x1b[2J")[0], folder)
+            for words in ("zkfs", "unlockVolume", device), ("zkfs", "lockVolume", device), ("info", "-plist", folder):
+                self.volctl(*words)
+            table = call("/media/programs/volctl", "list")
+            self.note("listed", "".join(line + "\n" for line in table.splitlines() if line.startswith(device + " ")))
 
     def test_file_system_in_doubt_is_left_alone(self):
         path = self.formatted()[0]

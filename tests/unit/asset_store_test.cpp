@@ -1,4 +1,4 @@
-// What one process can show; the program test has several processes and a kill.
+// What one process can show.
 #include "platform/assets/asset_store.h"
 
 #include <gtest/gtest.h>
