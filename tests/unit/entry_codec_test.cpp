@@ -8,6 +8,7 @@
 #include "unit/hex.h"
 
 using namespace tarnwick::qvx;
+using namespace std::literals;
 using tarnwick::test::fromHex;
 
 namespace {
@@ -71,10 +72,9 @@ TEST(EntryCodec, RefusesMoreItemsThanTheirLimit) {
 }
 
 TEST(EntryCodec, RefusesPathsThatLeadElsewhere) {
-    for (const std::string& path : std::vector<std::string>{"", "a/..b", ".../c", std::string(4095, 'x')})
-        EXPECT_TRUE(isEntryPath(path)) << path;
-    for (const std::string& path : std::vector<std::string>{"/a", "a/", "a//b", "..", "a/../b", "./a",
-                                                            std::string("a\0b", 3), std::string(4096, 'x')})
+    const std::string longest(4095, 'x');
+    for (const auto& path : {""s, "a/..b"s, ".../c"s, longest}) EXPECT_TRUE(isEntryPath(path)) << path;
+    for (const auto& path : {"/a"s, "a/"s, "a//b"s, ".."s, "a/../b"s, "./a"s, "a\0b"s, longest + 'x'})
         EXPECT_FALSE(isEntryPath(path)) << path;
 }
 
