@@ -56,7 +56,6 @@ std::string decoded(const std::string& source, bool skipWhitespace = false) {
 
 TEST(Base64, EndsAndFailsAsItsRulesSay) {
     for (const auto* bad : {"TWFuTQ", "", "-", "T=Fu", "TW Fu", "TWFuTWFuTWFuTQ=="}) EXPECT_EQ(decoded(bad), "") << bad;
-    EXPECT_EQ(decoded("TWE=") + decoded("TQ==TWFu"), "MaM") << "padding ends the text";
     EXPECT_EQ(decoded("TWFu TWFu") + decoded("TW Fu\nTWFu", true), "ManManMan") << "white space";
     EXPECT_EQ(decoded({"TWFu\0TWFu", 9}, true), "Man") << "a zero byte ends the text";
     EXPECT_EQ(decoded("++//") + decoded("T===") + decoded("===="), std::string("\xfb\xef\xffL\0\0\0\0\0", 9));

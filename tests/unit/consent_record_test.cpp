@@ -11,7 +11,6 @@ TEST(ConsentRecord, PrefersTheSeedKeyAndIgnoresOtherTypes) {
         {"<key>SeedAutoSubmit</key><false/><key>AutoSubmit</key><true/>", ExplicitlyDenied, true},
         {"<key>SeedAutoSubmit</key><integer>0</integer><key>AutoSubmit</key><true/>", Granted, false},
         {"<key>AutoSubmit</key><string>true</string>", Indeterminate, false},
-        {"<key>autosubmit</key><true/>", Indeterminate, false},
     };
     for (const auto& [entries, state, fromSeed] : cases) {
         const auto decision = decideConsent(*parsePropertyListText("<plist><dict>" + entries + "</dict></plist>"));

@@ -23,7 +23,6 @@ TEST(DirectoryWalk, FollowsLinksAndSkipsWhatIsNeitherFileNorDirectory) {
     fs::create_symlink("folder", "to-folder");
     fs::create_symlink("nowhere", "dangling");
     EXPECT_EQ(walk(false, false), (Paths{"./plain", "./to-file"}));
-    EXPECT_EQ(walk(false, true), (Paths{"./folder", "./plain", "./to-file", "./to-folder"}));
     EXPECT_EQ(walk(true, false), (Paths{"./folder/inner/deep", "./plain", "./to-file", "./to-folder/inner/deep"}));
     // A link that leads to itself cannot be asked for its status: ELOOP, which would leave the list incomplete.
     fs::create_symlink("loop", "folder/loop");
