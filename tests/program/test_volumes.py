@@ -2,7 +2,7 @@
 import os
 
 import world
-from world import CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, property_list, volume_info, write
+from world import CONSENT, GROUPS, NO, PREBOOT, YES, Answer, Scenario, property_list, volume_info
 
 # The consent file of a volume and what is typed for it.
 ASKED = [(NO, "yes\n"), ({}, "y\nja\n\nyes please\nYES\n"), (NO, "yes \n yes\nyes\r\nyes\0\nno\n"),
