@@ -49,7 +49,7 @@ set(info_arguments -DTEMPLATES=${PROJECT_SOURCE_DIR}/config -DOUTPUT=${PROJECT_B
                    -DVERSION=${PROJECT_VERSION})
 if(recipient STREQUAL "")
   message(WARNING "TARNWICK_ARCHIVE_PUBLIC_KEY is not set: archives will be sealed to a DEVELOPMENT KEY whose private "
-                  "half lies in the build folder. Such a build is not for use outside.")
+                  "half is in the build folder. Such a build is not for use outside.")
   list(APPEND info_arguments -DPAIR=${PROJECT_BINARY_DIR}/dev-recipient -DQVX=$<TARGET_FILE:qvx>)
   if(NOT TARNWICK_ALLOW_DEVELOPMENT_KEY)
     set(TARNWICK_REFUSAL "This build seals archives to a development key. Set TARNWICK_ARCHIVE_PUBLIC_KEY to the \

@@ -36,7 +36,7 @@ inline int companionMain(const char* program, int count, char** values, int (*bo
     try {
         return body({values + std::min(count, 1), values + count});
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", program, error.what());
+        report(program, {error.what()});
     }
     return exitFailed;
 }

@@ -10,7 +10,7 @@
 namespace tarnwick {
 
 struct Error {
-    std::string text;       // for people: lower case, no full stop, no hostile bytes
+    std::string text;       // for people, without a full stop; programs escape it when they print it
     int code = 0;           // a positive errno value; 0 when no call of the system failed
     std::string subject{};  // what the error is about, mostly a path; hostile bytes; empty if there is none
 };
@@ -19,7 +19,7 @@ struct Error {
 inline Error systemError(int code, std::string subject = {}) { return {std::strerror(code), code, std::move(subject)}; }
 
 // A value or the reason why there is none. `Failure` is Error, or a type that adds to it. Reading the value of a
-// failure, or the error of a success, throws std::bad_variant_access.
+// failure, or the error of a success, throws std::bad_variant_access or std::bad_optional_access.
 template <typename Value, typename Failure = Error>
 class [[nodiscard]] Result {
 public:

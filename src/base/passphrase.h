@@ -1,4 +1,4 @@
-// Asks for or reads the passphrase of an encrypted volume.
+// Asks for or reads a passphrase.
 #pragma once
 
 #include <array>

@@ -13,7 +13,7 @@ std::string visibleText(std::string_view bytes);
 std::string escapedName(std::string_view name);
 
 // Whether the text contains only letters, digits, blanks and the bytes / . _ - : @ + , = ~. The caller of volctl
-// puts mount points and device names into shell commands, so volctl prints no other bytes in them.
+// puts mount points and device names into shell commands, so its property lists contain no other bytes.
 bool isPlainName(std::string_view bytes);
 
 }  // namespace tarnwick

@@ -288,7 +288,7 @@ void appendCharacter(std::string& out, std::string_view character) {
         case '&': out += "&amp;"; break;
         case '<': out += "&lt;"; break;
         case '>': out += "&gt;"; break;
-        case '\r':  // otherwise a reader turns it into a line parsePiece
+        case '\r':  // otherwise a reader turns it into a line feed
             out += "&#13;";
             break;
         default: out += character;

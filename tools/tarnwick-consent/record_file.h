@@ -13,14 +13,12 @@
 
 namespace tarnwick {
 
-// The text of each Error names the file or folder that it is about, and not the mount point.
-
 // The record, or nothing when there is none. Fails when there is something that is not a readable record.
 Result<std::optional<PropertyListDictionary>> readConsentRecord(const std::string& mountPoint);
 
 // Applies `change` to the record, or to an empty one, and replaces it on disk. Folders that are missing are made. On
-// success everything is synced; after a failure the record is unchanged, and no new file or folder is left. A kill
-// leaves the old record too, but perhaps also new folders and a temporary file.
+// success everything is synced. After a failure the record is unchanged, unless only syncing its folder failed, and no
+// new file or folder is left. A kill leaves the old record too, but perhaps also new folders and a temporary file.
 Status changeConsentRecord(const std::string& mountPoint, const std::function<void(PropertyListDictionary&)>& change);
 
 }  // namespace tarnwick

@@ -1,4 +1,4 @@
-// Keeps the signals that end a program away from steps that belong together.
+// Blocks the signals that end a program, for steps that must not be interrupted.
 #pragma once
 
 #include <csignal>

@@ -19,7 +19,7 @@ struct FileSystem {
     Usage usage = Usage::files;
     bool spansDevices = false;  // may span several devices; the driver writes nothing on a read-only mount
     bool isImage = false;       // written once, as a whole, to ship software
-    // File names may contain a colon, as the names of captures do; without it, it cannot be the service partition.
+    // File names may contain a colon, as the names of captures do. Otherwise it cannot be the service partition.
     bool allowsColons = true;
     bool isAnyFormat = false;  // the name of a user-space driver, which does not say what format it mounted
 };

@@ -41,7 +41,7 @@ struct LoopDevice {
 };
 
 // A loop device that shows `device` read-only and disappears with its last user.
-Result<LoopDevice> readOnlyView(const FileDescriptor& device) {
+Result<LoopDevice> readOnlyView(const FileDescriptor& device, const std::string& name) {
     const FileDescriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
     for (int attempt = 0; control && attempt < maxLoopAttempts; ++attempt) {
         const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
@@ -55,7 +55,7 @@ Result<LoopDevice> readOnlyView(const FileDescriptor& device) {
             return LoopDevice{std::move(path), std::move(loop)};
         if (errno != EBUSY) break;
     }
-    return callError("cannot make a read-only loop device", {});
+    return callError("cannot make a read-only loop device for it", name);
 }
 
 // The mode keeps other users out of the folder, so the permissions on the volume itself do not matter.
@@ -84,16 +84,18 @@ Status mountAt(const std::string& source, const FileSystem& type, const std::str
     return error;
 }
 
-// A file system identifies its devices by path, and a second path to one would confuse it, so there is no loop device.
+// The driver of such a file system identifies its devices by path, and a second path to one would confuse it, so there
+// is no loop device.
 Status mountSpanning(const std::vector<const BlockDevice*>& devices, const FileSystem& type,
                      const std::string& folder) {
-    std::string options(type.noReplayOption);
+    std::string options(type.noReplayOption), source;
     for (const auto* device : devices) {
         const auto path = devicePath(*device);
         if (!path) return path.error();
+        if (source.empty()) source = *path;
         options += ",device=" + *path;
     }
-    return mountAt(*devicePath(*devices.front()), type, folder, options);
+    return mountAt(source, type, folder, options);
 }
 
 // Some drivers delete orphaned inodes even on a read-only mount, so a writable device gets a read-only loop device.
@@ -105,7 +107,7 @@ Status mountSingle(const BlockDevice& device, const FileSystem& type, const std:
         const auto path = devicePath(device);
         return path ? mountAt(*path, type, folder, options) : path.error();
     }
-    const auto view = readOnlyView(*opened);
+    const auto view = readOnlyView(*opened, device.name);
     return view ? mountAt(view->path, type, folder, options) : view.error();
 }
 

@@ -97,7 +97,7 @@ bool areOneFileSystem(const Volume& left, const Volume& right) {
            left.uuid == right.uuid;
 }
 
-// The sort key of a mount. The first mount of a volume gives its mount point.
+// The sort key of a mount. The mount with the smallest key gives the mount point of its volume.
 std::tuple<int, std::size_t, std::string> preference(const Mount& mount) {
     const int kind = mount.target == "/" ? 0 : isBelowDataFolder(mount.target) ? 1 : mount.root == "/" ? 2 : 3;
     return {kind, mount.target.size(), mount.target};
