@@ -18,7 +18,7 @@ constexpr std::size_t maxNameLength = 255;
 constexpr int maxIncompleteNames = 999;  // of one file
 
 // Replaces an existing file. An existing directory stays.
-Status makeDirectory(int parent, const std::string& name) {
+Status createDirectory(int parent, const std::string& name) {
     // Only for this user: its final mode is set when the extraction ends.
     const auto make = [&] { return mkdirat(parent, name.c_str(), 0700) == 0; };
     if (make()) return {};
@@ -86,7 +86,7 @@ Status DiskSink::beginEntry() {
     if (!parent) return parent.error();
     parent_ = *parent;
     file_.begin(parent_, head_);
-    return head_.type == EntryType::directory ? makeDirectory(parent_, name_) : Status();
+    return head_.type == EntryType::directory ? createDirectory(parent_, name_) : Status();
 }
 
 Status DiskSink::finishEntry(const EntryTail& tail, const ContentReader& content) {
