@@ -13,8 +13,11 @@ namespace tarnwick {
 
 std::string randomDigits() {
     std::uint64_t number = 0;
-    if (::getrandom(&number, sizeof number, 0) != sizeof number)
-        throw std::system_error(errno, std::generic_category(), "getrandom");
+    ssize_t count = 0;
+    do {
+        count = ::getrandom(&number, sizeof number, 0);
+    } while (count < 0 && errno == EINTR);
+    if (count != sizeof number) throw std::system_error(errno, std::generic_category(), "getrandom");
     std::array<char, 17> digits{};
     std::snprintf(digits.data(), digits.size(), "%016" PRIx64, number);
     return digits.data();

@@ -26,9 +26,9 @@ constexpr std::uint64_t compressionBlockSize = 1048576;
 constexpr std::uint64_t encryptionStreamFlags = 0xC000000000000000;
 constexpr int workerThreads = 4;
 
-// Everything that one archive needs, in the reverse of the order in which it must be released: the encoder flushes into
-// the encryption, the encryption into the file, and only then may key set, list and context be released. Errors of the
-// closes are ignored: writePathList has written everything before it returns success.
+// Everything that one archive needs, in the reverse of the order in which it must be released: the encoder uses the
+// encryption stream, which uses the file, and only then may key set, list and context be released. Errors of the closes
+// are ignored on purpose: writePathList has given everything to write(2) before it returns success.
 struct ArchiveInProgress {
     std::unique_ptr<EncryptionContext, FreeWith<destroyEncryptionContext>> context;
     std::unique_ptr<PathList, FreeWith<destroyPathList>> paths;

@@ -30,7 +30,6 @@ struct EncryptionContext {
 struct ArchiveStream {
     qvx::ArchiveWriter* writer = nullptr;
     int workers = 0;
-    std::vector<IncompleteEntry> incomplete{};
 };
 
 namespace {
@@ -79,7 +78,7 @@ void destroyFieldKeySet(FieldKeySet* keys) { delete keys; }
 
 ByteStream* openFileByteStream(const char* path, int openFlags, mode_t mode) {
     return guarded<ByteStream*>(nullptr, [&]() -> ByteStream* {
-        auto file = qvx::openArchiveFile(path, openFlags, mode);
+        auto file = qvx::openArchiveForWriting(path, openFlags, mode);
         return file ? new ByteStream{std::move(*file), std::nullopt} : nullptr;
     });
 }
@@ -142,19 +141,13 @@ int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySe
                   void*, MessageCallback, std::uint64_t flags, int workers) {
     if (!archive || !list || !keys || directory != "/" || flags != 0 || workers != archive->workers) return -EINVAL;
     return guarded(-ENOMEM, [&] {
-        auto written = archive->writer->write(*list, keys->fields, static_cast<unsigned>(workers));
+        const auto written = archive->writer->write(*list, keys->fields, static_cast<unsigned>(workers));
+        if (written) return 0;
         // The caller expects a negative errno value, which not every error of the library has.
-        if (!written) return written.error().code != 0 ? -written.error().code : -EIO;
-        archive->incomplete = std::move(*written);
-        return 0;
+        return written.error().code != 0 ? -written.error().code : -EIO;
     });
 }
 
-std::span<const IncompleteEntry> incompleteEntries(const ArchiveStream* archive) {
-    return archive ? std::span<const IncompleteEntry>(archive->incomplete) : std::span<const IncompleteEntry>();
-}
-
-// The writer belongs to the byte stream, which is closed after this.
 int closeArchiveStream(ArchiveStream* archive) {
     delete archive;
     return 0;
@@ -163,7 +156,7 @@ int closeArchiveStream(ArchiveStream* archive) {
 int closeByteStream(ByteStream* stream) {
     if (!stream) return 0;
     const std::unique_ptr<ByteStream> closed(stream);
-    // First, because its threads write to the file.
+    // Waits for the threads, which write to the file of the underlying stream.
     closed->writer.reset();
     const int file = closed->file.release();
     // A network file system may report only here that data could not be written.

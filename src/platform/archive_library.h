@@ -10,16 +10,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 
 namespace tarnwick {
 
 namespace qvx {
-struct PathList;         // what goes into an archive, in order, duplicates kept
-struct IncompleteEntry;  // which entry, and why (qvx/write/archive_encoder.h)
-}  // namespace qvx
-using qvx::IncompleteEntry;
+struct PathList;  // what goes into an archive, in order, duplicates kept
+}
 using qvx::PathList;
 
 struct FieldKeySet;        // the fields that every entry carries
@@ -70,13 +67,13 @@ void destroyEncryptionContext(EncryptionContext* context);
 ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
                                        int workers);
 
-// `underlying` must be an encryption stream. The thread that reads an entry also encodes it (its metadata, the digest
-// of a small content), so `workers`, at least 1, must be the number that writePathList() gets.
+// `underlying` must be an encryption stream. The threads that read entries also compute the digests of small contents,
+// so `workers`, at least 1, must be the number that writePathList() gets.
 ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void* messageData, MessageCallback callback,
                                         std::uint64_t flags, int workers);
 
-// Reads every entry of the list from the disk and completes the archive. When it returns 0, the whole archive has been
-// written, so a failing close cannot hide a loss. A file that shrinks or grows while it is read is stored as it was
+// Reads every entry of the list from the disk and completes the archive. When it returns 0, every byte has
+// been given to write(2). A file that shrinks or grows while it is read is stored as it was
 // read. A file that is there but cannot be read, wholly or in part (EIO, EACCES), is stored as far as possible and
 // marked as incomplete; that is not a failure. A file that has vanished or is no longer what the list says is a
 // failure. A file is opened only in the directory in which it was listed, even if another directory has that path by
@@ -84,9 +81,6 @@ ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void* messageDat
 // that of the encoder gives -EINVAL. An encoder takes one path list.
 int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
                   void* messageData, MessageCallback callback, std::uint64_t flags, int workers);
-
-// The entries that writePathList() marked as incomplete, in ascending order. Owned by the encoder.
-std::span<const IncompleteEntry> incompleteEntries(const ArchiveStream* archive);
 
 // Close and release. A stream that is closed before its archive is complete leaves a truncated archive, which readers
 // refuse.

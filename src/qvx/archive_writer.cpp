@@ -50,12 +50,15 @@ Result<std::vector<IncompleteEntry>> ArchiveWriter::write(const PathList& list, 
     return std::move(encoder.incomplete());
 }
 
-Result<FileDescriptor> openArchiveFile(const std::string& path, int openFlags, mode_t mode) {
-    FileDescriptor file(::open(path.c_str(), openFlags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
+Result<FileDescriptor> openArchiveForWriting(const std::string& path, int openFlags, mode_t mode) {
+    // Truncated only when it is known to be a regular file of ours.
+    FileDescriptor file(
+        ::open(path.c_str(), (openFlags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return systemError(errno, path);
     if (!S_ISREG(status.st_mode)) return Error{"not a regular file", 0, path};
     if (::fchmod(file.get(), mode) != 0) return systemError(errno, path);
+    if (openFlags & O_TRUNC && ::ftruncate(file.get(), 0) != 0) return systemError(errno, path);
     return file;
 }
 

@@ -19,12 +19,12 @@ namespace tarnwick::qvx {
 // thread at a time. Throws std::bad_alloc, and std::system_error when a thread cannot be started.
 class ArchiveWriter {
 public:
-    // Receives the bytes of the file in order, one call at a time, in any thread of the writer.
+    // Receives the bytes of the file in order, one call at a time, in the thread of the caller or one of the writer.
     using Sink = BlockStream::Sink;
 
     // Writes the header to `sink` and starts exactly `sealers` threads, which compress and seal, each with about 7 MiB
-    // of memory. Fails when `recipient` is not on the curve. `ephemeral` is the sender's key of this archive; it is
-    // null, and a new one is generated, but in tests that must get the same bytes every time.
+    // of memory. Fails when `recipient` is not on the curve. `ephemeral` is the sender's key of this archive. If it
+    // is null, a new key is generated; only tests pass one, to get the same bytes every time.
     static Result<ArchiveWriter> open(const Point& recipient, unsigned sealers, Sink sink,
                                       EVP_PKEY* ephemeral = nullptr);
 
@@ -46,7 +46,7 @@ private:
 
 // Opens a regular file for an archive; a symbolic link in the last component is not followed. The mode does not depend
 // on the umask.
-Result<FileDescriptor> openArchiveFile(const std::string& path, int openFlags, mode_t mode);
+Result<FileDescriptor> openArchiveForWriting(const std::string& path, int openFlags, mode_t mode);
 
 // A sink that writes to an open file, which the caller keeps open. Its errors are about `path`.
 ArchiveWriter::Sink fileSink(int file, std::string path);

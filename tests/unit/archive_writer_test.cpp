@@ -88,7 +88,7 @@ TEST_F(ArchiveWriting, OverwritesNoLinkFifoOrFolder) {
     ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
     fs::create_symlink(at("target"), at("link"));
     for (const auto* name : {"fifo", "link", "."})
-        EXPECT_FALSE(openArchiveFile(at(name), O_WRONLY | O_CREAT | O_TRUNC, 0644)) << name;
+        EXPECT_FALSE(openArchiveForWriting(at(name), O_WRONLY | O_CREAT | O_TRUNC, 0644)) << name;
 }
 
 }  // namespace

@@ -173,7 +173,7 @@ struct UnfinishedOutput {
 Result<std::vector<IncompleteEntry>> writeArchive(const PathList& list, const Point& recipient,
                                                   const std::string& output, bool existed) {
     UnfinishedOutput unfinished{output, !existed};
-    const auto file = openArchiveFile(output, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const auto file = openArchiveForWriting(output, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (!file) return file.error();
     unfinished.removable = true;
     // More sealers than cores only evict one another's data from the caches.

@@ -60,7 +60,8 @@ bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSin
     return reader.salvage(sink, reportFault) && intact;
 }
 
-bool isRead(const ExtractionOptions& options, const ReadOutcome& outcome) {
+// Whether the reading is complete.
+bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) {
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
         report("extraction ended there; --salvage extracts the intact files of a damaged archive");
@@ -71,7 +72,7 @@ bool isRead(const ExtractionOptions& options, const ReadOutcome& outcome) {
 bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     PathChoice choice(options.paths);
     const auto chosen = [&](std::uint64_t, std::string_view path) { return choice.contains(path); };
-    if (!isRead(options, reader.readChosen(chosen, sink))) return false;
+    if (!reportDamage(options, reader.readChosen(chosen, sink))) return false;
     bool all = true;
     for (std::size_t i = 0; i < options.paths.size(); ++i) {
         if (choice.matched(i)) continue;
@@ -84,7 +85,7 @@ bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, Disk
 bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     if (options.salvage) return salvageAll(options, reader, sink);
     if (!options.paths.empty()) return extractChosen(options, reader, sink);
-    return isRead(options, reader.readAll(sink));
+    return reportDamage(options, reader.readAll(sink));
 }
 
 CommandResult runExtract(const ExtractionOptions& options) {

@@ -112,7 +112,7 @@ Result<KeyHandle> loadPrivateKey(const std::string& path) {
 
 Result<Point> loadRecipient(const std::string& lineOrPath) {
     if (auto point = parseSshKeyLine(lineOrPath)) return *point;
-    // Not taken for the path of a file, whose absence would be a puzzling message.
+    // A damaged key line is not tried as a path: "No such file" would not say what is wrong.
     if (lineOrPath.find(' ') != std::string::npos && lineOrPath.starts_with("ecdsa-"))
         return Error{"the recipient is not an ecdsa-sha2-nistp256 key line; `qvx keygen` makes such a key"};
     const auto text = readKeyFile(lineOrPath);

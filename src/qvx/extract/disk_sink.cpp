@@ -119,10 +119,12 @@ Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& con
 
 Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content) {
     TemporaryFile& file = file_.temporary();
-    if (auto made = file.create(parent_, head_); !made) return made;
     // From the file that was extracted earlier, so that its blocks need not be opened again.
-    if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
-    // What was copied is of no use: begin again with an empty file, from the archive.
+    if (tail.digest && extracted_.pathOf(*tail.contentOf)) {
+        if (auto made = file.create(parent_, head_); !made) return made;
+        if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
+    }
+    // From the archive, into a new file: what was copied is of no use.
     if (auto made = file.create(parent_, head_); !made) return made;
     DigestingSink sink(run_, &file);
     if (content(sink) || run_.interrupted()) return {};

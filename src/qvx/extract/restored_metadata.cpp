@@ -81,25 +81,25 @@ public:
     void setAttribute(const ExtendedAttribute& attribute) {
         const auto& [name, value] = attribute;
         if (setxattr(place_.c_str(), name.c_str(), value.data(), value.size(), 0) != 0)
-            warn("extended attribute " + visibleText(name));
+            warn(errno, "extended attribute ", name);
     }
 
     // A list that is not in the archive was inherited from the directory, and might allow more than the mode.
     void setList(const std::string& text, acl_type_t kind, const char* attribute) {
         if (text.empty()) return removeList(attribute);
         const Acl list(acl_from_text(text.c_str()));
-        if (!list || acl_set_file(place_.c_str(), kind, list.get()) != 0) warn("access control list");
+        if (!list || acl_set_file(place_.c_str(), kind, list.get()) != 0) warn(errno, "access control list");
     }
 
 private:
     void removeList(const char* attribute) {
         if (removexattr(place_.c_str(), attribute) != 0 && errno != ENODATA && errno != ENOTSUP)
-            warn("inherited access control list");
+            warn(errno, "inherited access control list");
     }
 
-    void warn(const std::string& what) {
-        const Error error = systemError(errno, path_);
-        run_.warn({what + ": " + error.text, error.code, error.subject});
+    // `code` is evaluated before any text is built, which could change errno.
+    void warn(int code, std::string_view what, const std::string& name = {}) {
+        run_.warn({std::string(what) + visibleText(name) + ": " + std::strerror(code), code, path_});
     }
 
     ExtractionRun& run_;

@@ -258,6 +258,8 @@ constexpr FieldRow<EntryTail> tailRows[] = {
         "", [](const EntryTail&, WireWriter&) {}, [](WireReader&, EntryTail& tail) { tail.attributesOmitted = true; }),
 };
 
+static_assert(std::size(headRows) <= 8 && std::size(tailRows) <= 8);  // one byte of presence bits
+
 // Bit 0 of a mask is the content; the bits of the two tables follow.
 constexpr std::string_view contentKey = "DAT";
 constexpr unsigned firstHeadBit = 1;

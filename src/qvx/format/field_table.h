@@ -1,6 +1,7 @@
 // The fields of an entry: one row for each, with its key, its encoder and decoder, and its source on the disk.
 //
-// The position of a row in its table is the presence bit of the field, so a new field is a new row at the end.
+// The position of a row in its table is the presence bit of the field, so a new field is a new row at the end. The
+// table of the END record is full.
 #pragma once
 
 #include <sys/stat.h>
@@ -80,7 +81,7 @@ FieldMask fieldBit(std::string_view key);
 // Parses keys separated by commas. None when a key does not exist or is given twice.
 std::optional<FieldMask> parseFieldKeys(std::string_view keys);
 
-// Removes the fields whose key is not in `kept`.
+// Removes the fields whose key is not in `kept`; those without a key stay.
 void removeOtherFields(FieldMask kept, EntryHead& head);
 void removeOtherFields(FieldMask kept, EntryTail& tail);
 

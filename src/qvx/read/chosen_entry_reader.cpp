@@ -37,13 +37,13 @@ std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
 }
 
 BlockPipeline::Task ChosenBlocks::task(std::uint64_t sequence, bool requested) {
-    if (sequence % groupLength_ == 0) leader_ = sequence;
+    if (sequence == leaderOf(sequence, groupLength_)) leader_ = sequence;
     const auto place = map_.find(sequence);
     if (place) return {*place, std::nullopt, requested};
     return {{sequence, 0}, ReadFault{{"there is no such block"}, sequence}, requested};
 }
 
-// An entry without an END record is no endless loop: findBlock() fails when the pipeline has no more blocks.
+// An entry without an END record cannot make this loop forever: findBlock() fails when the pipeline has no more blocks.
 ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
     std::size_t offset = place.offset;
     for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
@@ -74,7 +74,7 @@ ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
 }
 
 ReadOutcome ChosenEntryReader::deliver(const EntryPlace& place) {
-    // A reference that cannot be resolved is no damage yet: the content is found through the index, even in an entry
+    // A reference that cannot be resolved is not damage yet: the content is found through the index, even in an entry
     // that is not chosen, and is then compared with the digest of this entry.
     static_cast<void>(table_.resolve(entry_));
     table_.add(place, entry_);

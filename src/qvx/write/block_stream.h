@@ -91,9 +91,9 @@ private:
     std::size_t offset_ = 0;
     std::shared_ptr<const GroupDictionary> dictionary_;
 
-    // A ring: nextToWrite_ <= nextToSeal_ <= block_ < nextToWrite_ + jobs_.size(). Each job belongs to the thread that
-    // works on it; the rest is guarded by the mutex, except that the filling thread, which alone changes block_, may
-    // read it freely.
+    // A ring: between calls of send(), nextToWrite_ <= nextToSeal_ <= block_ < nextToWrite_ + jobs_.size(). Each job,
+    // but for its `done`, belongs to the thread that works on it. The rest is guarded by the mutex, except that the
+    // filling thread, which alone changes block_, may read it freely.
     std::vector<Job> jobs_;
     std::mutex mutex_;
     std::condition_variable changed_;

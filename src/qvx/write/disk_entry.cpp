@@ -93,7 +93,7 @@ void DiskEntryReader::finish(DiskEntry& entry) {
 
 void DiskEntryReader::record(const Status& status, DiskEntry& entry) {
     if (status) return;
-    const int code = status.error().code;
+    const int code = status.error().code != 0 ? status.error().code : EIO;
     (isUnreadable(code) ? entry.unreadable : entry.error) = code;
 }
 
