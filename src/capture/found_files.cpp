@@ -25,9 +25,9 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-// Joins `path` with the fewest of the last paths that together name an existing file, and removes those. A directory
-// whose name ends with a line feed may contain folders named like the ones above it, so that the rest of a path looks
-// like a separate path.
+// Tries to join `path` to the last path, to the last two, and so on, until the joined path names an existing file.
+// Removes the paths that were joined. If the name of a directory ends with a line feed, and folders in it have the
+// names of those above it, the rest of a path looks like a separate path.
 void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
     std::string whole = path;

@@ -16,21 +16,21 @@ namespace tarnwick {
 using FilesList = std::vector<std::filesystem::path>;  // in the order found, duplicates kept
 
 // The paths in the output of a search below `directory`, in order. `find` ends each path with a line feed, and a path
-// may contain line feeds. A line that does not begin with the directory continues the path before it. So does a line
-// where it or the path before names no file unless the two are joined. So no file name can produce a path outside of
-// the directory.
+// may contain line feeds. A line that does not begin with the directory continues the previous path. If a line or the
+// path before it names no file, the line is joined to the paths before it, if that names a file. So no file name can
+// produce a path outside of the directory.
 std::vector<std::string> splitFoundPaths(const std::string& output, const std::filesystem::path& directory);
 
-// Decides which of the files found on one volume are captured. Logs a TRACE line for each file, and an INFO line for
-// each volume without consent at its first file.
+// Decides which of the files found on one volume are captured. Logs a TRACE line for each file. At the first file of a
+// volume without consent, also logs an INFO line.
 class FoundFiles {
 public:
     explicit FoundFiles(ConsentedVolumes& consented) : consented_(consented) {}
 
-    // Appends the path to `files` unless it is on a volume without consent or on one that cannot be determined, is
-    // reached through a link that others can replace, or is too long for an archive. A path that no longer exists
-    // counts as being on the volume of the nearest folder that exists. If it is appended, the archive writer decides
-    // what to do with it.
+    // Appends the path to `files`. Skips a path that is too long for an archive, that leads through a link that others
+    // can replace, or whose volume has no consent or cannot be determined. A path that no longer exists counts as being
+    // on the volume of the nearest folder that exists. If such a path is appended, the archive writer decides what to
+    // do with it.
     void appendIfAllowed(const std::string& path, FilesList& files);
 
 private:
@@ -41,10 +41,10 @@ private:
 
     ConsentedVolumes& consented_;
     std::set<dev_t> reported_;  // file systems
-    // The folder of the previous file, which is mostly that of the next one too.
+    // The folder of the previous file. The next file is usually in the same folder.
     std::string folderPath_;
     FileDescriptor folder_;
-    std::optional<Error> folderError_;  // of opening it; folder_ may then be a folder above it
+    std::optional<Error> folderError_;  // of opening folderPath_; folder_ may then be a folder above it
 };
 
 }  // namespace tarnwick

@@ -51,7 +51,7 @@ Result<std::vector<IncompleteEntry>> ArchiveWriter::write(const PathList& list, 
 }
 
 Result<FileDescriptor> openArchiveForWriting(const std::string& path, int openFlags, mode_t mode) {
-    // Truncated only when it is known to be a regular file of ours.
+    // Truncated only when it is known to be a regular file whose mode this process may set.
     FileDescriptor file(
         ::open(path.c_str(), (openFlags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
     struct stat status {};

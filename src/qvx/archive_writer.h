@@ -15,11 +15,12 @@
 
 namespace tarnwick::qvx {
 
-// One archive. An archive that is destroyed before write() has succeeded is truncated, which readers refuse. For one
-// thread at a time. Throws std::bad_alloc, and std::system_error when a thread cannot be started.
+// One archive. If the writer is destroyed before write() succeeds, the archive is truncated, and readers refuse it. For
+// one thread at a time. Throws std::bad_alloc, and std::system_error when a thread cannot be started.
 class ArchiveWriter {
 public:
-    // Receives the bytes of the file in order, one call at a time, in the thread of the caller or one of the writer.
+    // Receives the bytes of the archive in order. Called by the thread of the caller or by one of the writer, but never
+    // by two at the same time.
     using Sink = BlockStream::Sink;
 
     // Writes the header to `sink` and starts exactly `sealers` threads, which compress and seal, each with about 7 MiB
@@ -30,11 +31,12 @@ public:
 
     // Reads every entry of `list` from the disk with exactly `readers` threads and completes the archive; can be called
     // once. On success the whole archive has been given to the sink. A file that shrinks or grows while it is read is
-    // stored as it was read. A file that is there but cannot be read, wholly or in part (EIO, EACCES), is stored as far
-    // as possible and is among the incomplete entries that are returned, in ascending order. A file that has vanished
-    // or is no longer what the list says is a failure, and the error names it. A guarded entry is opened only in the
-    // directory in which it was listed, even if another directory has that path by now; another file with its name
-    // there is taken for a rotated log.
+    // stored as it was read. A file that exists but cannot be read in full (EIO, EACCES) is stored as far as possible.
+    // Such entries are incomplete; write() returns them in ascending order. A file that has vanished or is no longer
+    // what the list says is a failure, and the error names it. A guarded entry is opened only in the directory in which
+    // it was listed, even if another directory has that path by now. If the name in that directory belongs to another
+    // file by now, that file is stored, because logs are rotated; but it must be of the same kind, on the same device,
+    // and without a second link.
     Result<std::vector<IncompleteEntry>> write(const PathList& list, FieldMask fields, unsigned readers);
 
 private:

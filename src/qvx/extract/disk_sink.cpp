@@ -80,7 +80,8 @@ void DiskSink::finishDirectories() {
 }
 
 Status DiskSink::beginEntry() {
-    // A writer thread would otherwise create an earlier file of this path, or of one above it, after this entry.
+    // A writer thread may still have to create an earlier file whose path is this one, or is above or below it. That
+    // file must not be created after this entry.
     if (pending_.conflictWith(head_.path)) waitForPending();
     const auto parent = destination_.makeParent(head_.path);
     if (!parent) return parent.error();
@@ -107,7 +108,7 @@ Status DiskSink::finishLink(const EntryTail& tail) {
 // The content is in an earlier entry, which may also be another name of the same file.
 Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& content) {
     waitForPending();  // the file with the content may still be in the queue
-    // A path that is twice in the archive: to write the same file again would change nothing.
+    // The archive contains this path twice. To write the same file again would change nothing.
     if (extracted_.pathOf(*tail.contentOf) == head_.path && extracted_.isInPlace(parent_, name_, head_, tail)) {
         extracted_.add(head_.number, head_.path);
         return {};
@@ -124,7 +125,7 @@ Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content
         if (auto made = file.create(parent_, head_); !made) return made;
         if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
     }
-    // From the archive, into a new file: what was copied is of no use.
+    // From the archive, into a new file: what was copied above is incomplete or wrong.
     if (auto made = file.create(parent_, head_); !made) return made;
     DigestingSink sink(run_, &file);
     if (content(sink) || run_.interrupted()) return {};

@@ -28,8 +28,8 @@ public:
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override;
 
-    // Sets the metadata of the directories: only now, because a file that is created in a directory changes its times.
-    // Call it at the end, even if the archive was not read to its end.
+    // Sets the metadata of the directories. That comes last, because creating a file in a directory changes the times
+    // of the directory. Call it at the end, even if the archive was not read to its end.
     void finishDirectories();
 
     // Whether an entry could not be written, or was incomplete when it was captured. Valid at the end.

@@ -12,8 +12,8 @@
 
 namespace tarnwick::qvx {
 
-// Files are found again by their paths, where anything may be by now: a content counts only if it has the digest of the
-// entry.
+// A file is opened again by its path, and somebody may have replaced or changed it by then. So its content is used only
+// if it has the digest of the entry.
 class ExtractedFiles {
 public:
     // `directory` is the destination.
@@ -25,8 +25,8 @@ public:
     // Makes `file` a second name in `directory` for the file of entry `number`. False when that is not possible.
     bool link(std::uint64_t number, const EntryTail& tail, int directory, TemporaryFile& file);
 
-    // Appends the content of the file of entry `number` to `file`. False when that is not possible; what was appended
-    // is then of no use.
+    // Appends the content of the file of entry `number` to `file`. False when that is not possible; the content of
+    // `file` is then incomplete or wrong.
     bool copy(std::uint64_t number, const EntryTail& tail, TemporaryFile& file);
 
     // Whether `name` in `directory` is the file that the entry describes, with its mode, time and content.
@@ -43,7 +43,7 @@ private:
     [[nodiscard]] bool hasContent(const FileDescriptor& file, const EntryTail& tail) const;
 
     const ExtractionRun& run_;
-    Destination destination_;  // another one than the sink's, in which a directory stays open meanwhile
+    Destination destination_;  // not the sink's, because openParent() would close its directory
     std::vector<PathEnd> ends_;
     std::string text_;  // all paths, one after another
 };

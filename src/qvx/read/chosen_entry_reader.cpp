@@ -43,7 +43,7 @@ BlockPipeline::Task ChosenBlocks::task(std::uint64_t sequence, bool requested) {
     return {{sequence, 0}, ReadFault{{"there is no such block"}, sequence}, requested};
 }
 
-// An entry without an END record cannot make this loop forever: findBlock() fails when the pipeline has no more blocks.
+// This loop ends even if the entry has no END record: findBlock() fails when the pipeline has no more blocks.
 ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
     std::size_t offset = place.offset;
     for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
@@ -53,8 +53,8 @@ ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
             auto outcome = entry_.consume(*record);
             if (outcome.fault()) return damaged(*outcome.fault());
             if (!outcome) return outcome;
-            // The index comes from the archive: the entry at this place must be the one that the index names, and
-            // still a chosen one.
+            // The index is untrusted input. The entry at this place must have the number from the index, and its path
+            // must be a chosen one, too.
             if (entry_.head().number != place.number || !choice_(place.number, entry_.head().path))
                 return damaged(entry_.error(indexMismatch));
             if (entry_.isComplete()) return deliver(place);
@@ -74,8 +74,8 @@ ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
 }
 
 ReadOutcome ChosenEntryReader::deliver(const EntryPlace& place) {
-    // A reference that cannot be resolved is not damage yet: the content is found through the index, even in an entry
-    // that is not chosen, and is then compared with the digest of this entry.
+    // A reference that the table cannot resolve is not damage yet: the entry with the content may be one that is not
+    // chosen. Its content is found through the index and compared with the digest of this entry.
     static_cast<void>(table_.resolve(entry_));
     table_.add(place, entry_);
     return entry_.deliver([&](EntrySink& sink) {

@@ -1,4 +1,4 @@
-// Reads chosen entries through the index, and only the blocks that contain them.
+// Reads chosen entries through the index, without reading the rest of the archive.
 #pragma once
 
 #include <functional>
@@ -21,8 +21,8 @@ struct ChosenEntry {
 Result<std::vector<ChosenEntry>, ReadFault> chooseEntries(ArchiveIndex& index, std::size_t part,
                                                           const EntryChoice& choice);
 
-// Supplies the blocks of the chosen entries to a BlockPipeline, each once, and the leader of a group before its other
-// blocks. All arguments must outlive the pipeline.
+// Supplies the blocks of the chosen entries to a BlockPipeline, each block once. The leader of a group comes before the
+// other blocks of the group. All arguments must outlive the pipeline.
 class ChosenBlocks {
 public:
     ChosenBlocks(const BlockMap& map, std::uint64_t groupLength, const std::vector<ChosenEntry>& chosen)

@@ -125,7 +125,8 @@ ReadOutcome EntryReader::finish(Bytes payload) {
     return {};
 }
 
-// Unreadable extents are stored as holes. Which holes these are is not remembered, so only their total is compared.
+// Unreadable extents are stored as holes. The reader does not remember where the holes are, so it compares only the
+// total lengths.
 bool EntryReader::unreadableFits() const {
     if (!tail_.unreadable || tail_.unreadable->empty()) return true;
     std::uint64_t total = 0;
@@ -136,7 +137,7 @@ bool EntryReader::unreadableFits() const {
 
 Status EntryReader::checkTail() {
     if (!unreadableFits()) return error("the unreadable extents do not fit the content");
-    // The checks below are about content that this entry has itself.
+    // The checks below are for an entry that contains its content.
     if (tail_.contentOf) return checkReference();
     const bool file = head_.type == EntryType::file;
     if (tail_.linkOf || (tail_.totals && !file) || (tail_.digest && head_.type == EntryType::directory))
@@ -151,7 +152,7 @@ Status EntryReader::checkTail() {
     return {};
 }
 
-// References point back only, so that following them ends.
+// A reference may name only an earlier entry, so that following references ends.
 Status EntryReader::checkReference() const {
     const bool own = size_ > 0 || holes_ > 0;
     const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;

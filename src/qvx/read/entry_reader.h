@@ -14,8 +14,8 @@ namespace tarnwick::qvx {
 // result of false ends the reading; an abandon() may follow.
 class EntrySink {
 public:
-    // Passes the content of the earlier entry that has it to another sink, by data() and hole() only. False when it
-    // cannot be read or does not match its size or digest.
+    // Reads the content from the earlier entry that contains it. Passes it to another sink, by data() and hole() only.
+    // False when it cannot be read or does not match its size or digest.
     using ContentReader = std::function<bool(EntrySink&)>;
 
     virtual ~EntrySink() = default;
@@ -23,8 +23,9 @@ public:
     virtual bool data(Bytes bytes) = 0;
     virtual bool hole(std::uint64_t length) = 0;  // zero bytes, `length` of them
 
-    // The entry is complete, and what was passed is its content. With tail.contentOf nothing was passed, and `content`
-    // reads it. Digest and totals are then those of the entry with the content, if that entry was read too.
+    // The entry is complete, and what was passed is its content. If tail.contentOf is set, nothing was passed, and
+    // `content` reads the content. The digest and totals in `tail` are then those of the entry with the content, if
+    // that entry was read too.
     virtual bool finish(const EntryTail& tail, const ContentReader& content) = 0;
 
     // The entry cannot be completed.
@@ -55,7 +56,7 @@ public:
     explicit EntryReader(EntrySink& sink) : sink_(sink) {}
 
     // Reads an ENTRY, DATA, HOLE or END record. If isComplete() is true afterwards, call deliver() or abandon() next.
-    // At damage the entry has been abandoned. The fault names no block.
+    // If the entry is damaged, it is already abandoned when this returns. The fault names no block.
     ReadOutcome consume(const Record& record);
 
     // The END record has been read: head() and tail() describe the entry.
@@ -69,7 +70,7 @@ public:
 
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
-    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // for a file with its totals, stored or counted
+    [[nodiscard]] const EntryTail& tail() const { return tail_; }  // of a file: with totals, stored or counted
     [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry has it
 
     // An error with the text; its subject is the entry that was begun, if any.
@@ -93,7 +94,7 @@ private:
     EntryTail tail_;
     RecordJoiner joiner_;
     ContentDigest digest_;
-    std::optional<Digest> precomputed_;  // the digest, when it was computed in advance
+    std::optional<Digest> precomputed_;  // of the content, if the record came with its digest
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // bytes in the holes

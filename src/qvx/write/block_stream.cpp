@@ -47,7 +47,7 @@ void BlockStream::pad() {
     if (offset_ == 0) return;
     const MutableBytes rest = freeSpace();
     std::fill(rest.begin(), rest.end(), std::uint8_t{0});
-    // Less space than a record header is filled with zeros only.
+    // If there is no space for a record header, the padding is only zeros.
     if (rest.size() >= recordHeaderSize)
         encodeRecordHeader({RecordType::pad, false, static_cast<std::uint32_t>(rest.size() - recordHeaderSize)},
                            rest.data());
@@ -85,11 +85,11 @@ void BlockStream::send(bool last) {
     sent.dictionary = leads || !useLeaders_ ? nullptr : dictionary_;
     offset_ = 0;
     std::unique_lock lock(mutex_);
-    // Here, where running out of memory can be thrown to the caller; a worker could not report it.
+    // Reserved here, because std::bad_alloc can be thrown to the caller of this thread, but not from a worker.
     if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
     ++block_;
     changed_.notify_all();
-    // Waits until the job of the next block is free: it is the one of the block jobs_.size() earlier.
+    // The next block reuses the job of the block jobs_.size() earlier. Waits until that block is written.
     changed_.wait(lock, [&] { return block_ - nextToWrite_ < jobs_.size(); });
 }
 
@@ -120,7 +120,7 @@ void BlockStream::seal(std::uint64_t sequence, std::optional<BlockEncoder>& enco
     } catch (const std::bad_alloc&) {
         sealed.sealedLength = 0;
     }
-    // Frees the copy of the leader with the last block of its group, not when the job is reused.
+    // Not kept until the job is reused, so that the copy of the leader is freed when its group is sealed.
     sealed.dictionary = nullptr;
 }
 
@@ -138,7 +138,7 @@ void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
             lock.lock();
             status_ = std::move(result);
         }
-        // Meaningless after an error; then nobody reads it.
+        // After an error the value is meaningless, and nobody reads it.
         sealedLengths_.push_back(static_cast<std::uint32_t>(written.sealedLength - blockHeaderSize));
         written.done = false;
         ++nextToWrite_;
@@ -147,7 +147,7 @@ void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
     writing_ = false;
 }
 
-// Noexcept in effect: the text is short enough to need no memory.
+// Never throws: a std::string with a text as short as this one allocates no memory.
 Status BlockStream::write(const Job& job) {
     const Error outOfMemory{"out of memory", ENOMEM, {}};
     if (job.sealedLength == 0) return outOfMemory;

@@ -48,19 +48,19 @@ public:
     // Fills the rest of the block with padding, if the block has any content, and sends it to the workers.
     void pad();
 
-    // Waits until every block that was sent is written, or dropped after a failure, which is returned.
+    // Waits until every block that was sent is written, or dropped after a failure. Returns the first failure.
     Status drain();
 
     // From the current block on, no block uses its leader as a dictionary.
     void stopUsingLeaders() { useLeaders_ = false; }
 
-    // Adds `last` to the current block, sends it as the last one, and waits as drain() does.
+    // Appends `last` to the current block and sends that block as the last one. Then waits as drain() does.
     Status finish(Bytes last);
 
     // The first failure so far.
     Status status();
 
-    // Of all blocks written, in order, tags included. Valid only after drain() succeeded.
+    // The lengths of the sealed bytes of all blocks in order, tags included. Valid only after drain() succeeded.
     [[nodiscard]] const std::vector<std::uint32_t>& sealedLengths() const { return sealedLengths_; }
 
 private:
@@ -91,9 +91,9 @@ private:
     std::size_t offset_ = 0;
     std::shared_ptr<const GroupDictionary> dictionary_;
 
-    // A ring: between calls of send(), nextToWrite_ <= nextToSeal_ <= block_ < nextToWrite_ + jobs_.size(). Each job,
-    // but for its `done`, belongs to the thread that works on it. The rest is guarded by the mutex, except that the
-    // filling thread, which alone changes block_, may read it freely.
+    // A ring: between calls of send(), nextToWrite_ <= nextToSeal_ <= block_ < nextToWrite_ + jobs_.size(). Each job
+    // belongs to the thread that works on it, except for `done`. The mutex guards `done` and the members below, up to
+    // status_. Only the filling thread changes block_, so this thread may read block_ without the mutex.
     std::vector<Job> jobs_;
     std::mutex mutex_;
     std::condition_variable changed_;
