@@ -94,6 +94,17 @@ class Qvx(Scenario):
         with open("/dev/full", "wb") as full:
             self.run_qvx("cat", *KEY, ARCHIVE, SOURCE + "/e", stdout=full)
 
+    # The content of the second name is in the first one. Random blocks are stored raw and need no leader.
+    def test_cat_fails_when_the_content_of_another_entry_is_damaged(self):
+        write(SOURCE + "/first", os.urandom(3 << 20))
+        os.link(SOURCE + "/first", SOURCE + "/second")
+        self.create()
+        with open(ARCHIVE, "r+b") as archive:
+            archive.seek(3 << 19)
+            archive.write(b"damaged")
+        for name in "first", "second":
+            self.run_qvx("cat", *KEY, ARCHIVE, f"{SOURCE}/{name}", stdout=subprocess.DEVNULL)
+
     def test_failed_create_leaves_no_archive(self):
         write(SOURCE + "/file", "x")
         key = "/media/key.pub"

@@ -43,7 +43,8 @@ Status mountOpened(const std::string& mapping, const std::string& folder) {
     if (!device) return noDevice(mapping);
     const auto answer = probeDevice(*device);
     if (answer.content == Content::member)
-        return Error{"contains a part of something larger, not a file system: " + answer.type, 0, mapping};
+        return Error{"contains a part of a volume group, an array or a pool, not a file system: " + answer.type, 0,
+                     mapping};
     if (answer.content != Content::fileSystem) return Error{"contains no known file system", 0, mapping};
     return mountReadOnly({device}, answer.type, folder);
 }
