@@ -26,7 +26,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int maxAttempts = 10;  // attempts to create the log, because another user may create that name again and again
+// Attempts to create the log, because another user may create that name again and again.
+constexpr int maxAttempts = 10;
 
 // A file stream opens by path only, without O_EXCL. So the file is opened here, and the stream buffer gets its
 // descriptor.

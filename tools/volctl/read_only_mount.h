@@ -14,8 +14,8 @@ std::string mountFolder(const std::string& deviceName);
 
 // Creates `folder` and mounts the file system of type `type` there: read-only, nosuid, nodev, noexec, where
 // the driver has an option for it without a replay of its journal, and never with write access to the device unless the
-// file system spans devices. `devices` has more than one only for a file system that spans devices. After a failure nothing is
-// left mounted.
+// file system spans devices. `devices` has more than one only for a file system that spans devices. After a failure
+// nothing is left mounted.
 Status mountReadOnly(const std::vector<const BlockDevice*>& devices, const std::string& type,
                      const std::string& folder);
 
