@@ -1,4 +1,4 @@
-# nvram as a whole program on a folder of its own.
+# nvram as a whole program, on a folder that the test makes.
 import shutil
 
 from world import Scenario, write

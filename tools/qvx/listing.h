@@ -10,7 +10,7 @@ namespace tarnwick::qvx {
 // "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" after the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
 
-// Prints each entry as one JSON object on a line of its own, with everything that the archive has about it except the
+// Prints each entry as one JSON object on one line, with everything that the archive contains about it except the
 // content.
 class JsonSink : public EntrySink {
 public:

@@ -25,7 +25,7 @@ struct BlockDevice {
     std::vector<std::string> upper;  // names of the devices that are built on it, except its partitions
     std::string viewOf;              // of a loop device that shows all of another device: that device; else empty
     bool detachable = false;         // a disk with a removable medium, or on a hot-pluggable bus
-    bool partitioned = false;        // has partitions that the kernel knows of
+    bool partitioned = false;        // the kernel has found partitions on it
 };
 
 // Orders sda2 before sda10.

@@ -238,7 +238,7 @@ std::optional<Point> publicPointOf(EVP_PKEY* key) {
 
 HpkeKeys::~HpkeKeys() { OPENSSL_cleanse(key.data(), key.size()); }
 
-// Each archive must have an ephemeral key of its own: sequence numbers, and so nonces, repeat in every archive.
+// Each archive must have another ephemeral key: sequence numbers, and so nonces, repeat in every archive.
 std::optional<HpkeSender> hpkeSend(Aead aead, EVP_PKEY* recipient, EVP_PKEY* ephemeral, Bytes info) {
     const auto recipientPoint = publicPointOf(recipient);
     const auto encapsulated = publicPointOf(ephemeral);

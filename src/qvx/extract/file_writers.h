@@ -58,7 +58,7 @@ private:
     void writeFile(const SmallFile& file, int directory, TemporaryFile& temporary);
 
     ExtractionRun& run_;
-    Batch batch_;              // of the files added last; the threads do not know of it
+    Batch batch_;              // of the files added last; not given to the threads yet
     TemporaryFile temporary_;  // for the caller
 
     std::mutex mutex_;

@@ -71,7 +71,7 @@ public:
     [[nodiscard]] bool inEntry() const { return inEntry_; }
     [[nodiscard]] const EntryHead& head() const { return head_; }
     [[nodiscard]] const EntryTail& tail() const { return tail_; }  // of a file: with totals, stored or counted
-    [[nodiscard]] std::uint64_t size() const;  // bytes of the content, also when an earlier entry has it
+    [[nodiscard]] std::uint64_t size() const;  // bytes of the content, even if an earlier entry contains it
 
     // An error with the text; its subject is the entry that was begun, if any.
     [[nodiscard]] Error error(std::string text) const;

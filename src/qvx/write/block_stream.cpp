@@ -127,7 +127,7 @@ void BlockStream::seal(std::uint64_t sequence, std::optional<BlockEncoder>& enco
 // Writes the blocks that are next in order, unless another worker is doing so. The lock is released during the call of
 // the sink.
 void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
-    // One worker writes at a time, so that the sink gets the blocks in order without a lock of its own.
+    // One worker writes at a time, so that the sink gets the blocks in order and needs no lock.
     if (writing_) return;
     writing_ = true;
     while (job(nextToWrite_).done) {
