@@ -1,7 +1,7 @@
 # A private world for the programs under test, and a record of what they print and which files they leave.
 #
 # A Scenario has fresh folders /tmp, /media, /etc/tarnwick, /usr/lib/tarnwick, /usr/share/tarnwick and /var/lib/tarnwick
-# in a private mount namespace, so that nothing changes on the machine outside. Everything that it makes is below /media:
+# in a private mount namespace, so that nothing changes on the machine outside. All that it makes is below /media:
 #
 #     /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
 #     /media/programs   the programs under test                   /media/NAME      the source volume NAME
