@@ -14,12 +14,12 @@ namespace tarnwick {
 void printSummary(const std::vector<CaptureRecord>& captures, bool asPlist);
 void printSummaryPlist(const std::vector<CaptureRecord>& captures);
 
-// For example "1.50KB": the units are powers of 1024 with decimal names, with two decimals. Sizes from 1024^5 on keep
-// the unit "TB".
+// For example "1.50KB": two decimals, and a unit that is a power of 1024 but has the name of a power of 1000. Sizes
+// from 1024^5 on keep the unit "TB".
 std::string formatByteSize(std::uint64_t bytes);
 
-// Removes every capture that the store lists and nothing else. Always returns true. A capture that has vanished is not
-// an error; one that cannot be removed throws std::filesystem::filesystem_error.
+// Removes every capture that listCaptures() finds, and nothing else. Always returns true. A capture that has vanished
+// is not an error; one that cannot be removed throws std::filesystem::filesystem_error.
 bool cleanupCaptures(RunOptions& options);
 
 }  // namespace tarnwick
