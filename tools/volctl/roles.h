@@ -24,13 +24,13 @@ struct RoleEvidence {
     std::string fileSystem;
     std::vector<std::string> mountPoints;
     bool isImage = false;             // its device shows a file, as a loop device does
-    bool isEncrypted = false;         // a LUKS container that is locked, or open only through unlockVolume
+    bool isEncrypted = false;         // a LUKS device that is locked, or that unlockVolume has opened
     bool atPrebootDirectory = false;  // a separate file system is mounted there
 };
 
 // The role by the first rule that matches: an entry of the settings; Data at /; Other for an image;
 // `prebootDirectoryRole` at the PrebootDirectory, unless the partition type says System, Swap or Preboot; the partition
-// type; Data for a locked container; Data at or below /home, /srv and /var; Other.
+// type; Data for a device with `isEncrypted`; Data at or below /home, /srv and /var; Other.
 std::string roleOf(const RoleEvidence& evidence, const VolumeSettings& settings, std::string_view prebootDirectoryRole);
 
 // At or below /home, /srv or /var.

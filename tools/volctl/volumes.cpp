@@ -31,7 +31,7 @@ const BlockDevice* soleLowerDevice(const BlockDevices& devices, const BlockDevic
     return shows && device.lower.size() == 1 ? findDevice(devices, device.lower.front()) : nullptr;
 }
 
-// The partition, logical volume or disk that `top` is built on, and every device between them, `top` first.
+// `top`, the device that it is a view of, and so on, down to a partition, logical volume or disk.
 std::vector<const BlockDevice*> deviceChain(const BlockDevices& devices, const BlockDevice& top) {
     std::vector<const BlockDevice*> chain{&top};
     while (const auto* below = soleLowerDevice(devices, *chain.back())) {
@@ -59,7 +59,7 @@ std::string containerName(const BlockDevice& group) {
     return mappedPartition && group.lower.size() == 1 ? group.lower.front() : group.name;
 }
 
-// A volume with the names and the size of the devices from its top to its group.
+// A volume with the names of the devices in the chain and the size of the first.
 Volume volumeOn(const std::vector<const BlockDevice*>& chain) {
     Volume volume;
     volume.deviceIdentifier = chain.front()->name;
@@ -210,7 +210,7 @@ private:
             if (std::find(mounts.begin(), mounts.end(), mount) == mounts.end()) mounts.push_back(mount);
     }
 
-    // Sets what depends on all mounts of the volume.
+    // Sets what depends on the mounts of the volume. Called when joinSpanning() has collected all of them.
     void addMounts(Volume& volume) {
         const auto& mounts = mounts_[volume.deviceIdentifier];
         if (const auto* best = chooseMount(volume, mounts)) {
@@ -238,7 +238,8 @@ private:
         return best;
     }
 
-    // A subvolume or bind mount there is only a folder of a file system that is also mounted at /home.
+    // A subvolume or bind mount at the PrebootDirectory does not count if the file system is also mounted at a data
+    // folder: the folder that it shows is then only a small part of a data volume.
     [[nodiscard]] bool isMountedAtPrebootDirectory(const std::vector<const Mount*>& mounts) const {
         const bool hasData = std::any_of(mounts.begin(), mounts.end(), [&](const Mount* mount) {
             return mount->target != prebootDirectory_ && isBelowDataFolder(mount->target);
@@ -288,8 +289,8 @@ private:
             volume.exclusionReason = "its device name has a special character";
     }
 
-    // A capture searches the volumes from the last to the first, and keeps the files of the one searched last; so the
-    // volume of / comes first.
+    // The volume of / comes first: a capture searches the volumes from the last to the first, and keeps the files of
+    // the one searched last.
     void sort() {
         std::stable_sort(volumes_.begin(), volumes_.end(), [](const Volume& left, const Volume& right) {
             const VersionOrder precedes;
