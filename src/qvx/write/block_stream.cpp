@@ -13,7 +13,7 @@ BlockStream::BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsign
     // Allocated here, where a failure can be thrown to the caller.
     for (Job& job : jobs_) {
         job.plain.resize(blockSize);
-        job.sealed.resize(BlockEncoder::capacity);
+        job.encoded.resize(BlockEncoder::capacity);
     }
     try {
         for (unsigned i = 0; i < workers; ++i) workers_.emplace_back([this] { work(); });
@@ -85,11 +85,11 @@ void BlockStream::send(bool last) {
     sent.dictionary = leads || !useLeaders_ ? nullptr : dictionary_;
     offset_ = 0;
     std::unique_lock lock(mutex_);
-    // Reserved here, because std::bad_alloc can be thrown to the caller of this thread, but not from a worker.
+    // Reserved here, because this function can throw std::bad_alloc to its caller, and a worker cannot.
     if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
     ++block_;
     changed_.notify_all();
-    // The next block reuses the job of the block jobs_.size() earlier. Waits until that block is written.
+    // The next block reuses the job of an earlier block, jobs_.size() before it. That block must be written first.
     changed_.wait(lock, [&] { return block_ - nextToWrite_ < jobs_.size(); });
 }
 
@@ -102,7 +102,7 @@ void BlockStream::work() {
         const std::uint64_t sequence = nextToSeal_++;
         const bool failed = !status_;
         lock.unlock();
-        job(sequence).sealedLength = 0;
+        job(sequence).encodedLength = 0;
         if (!failed) seal(sequence, encoder);
         lock.lock();
         job(sequence).done = true;
@@ -110,17 +110,17 @@ void BlockStream::work() {
     }
 }
 
-// On failure the sealed length stays 0.
+// After a failure, the encoded length is 0.
 void BlockStream::seal(std::uint64_t sequence, std::optional<BlockEncoder>& encoder) {
     Job& sealed = job(sequence);
     try {
         if (!encoder) encoder.emplace(keys_);
-        sealed.sealedLength = encoder->encode(sequence, sealed.last, Bytes(sealed.plain).first(sealed.length),
-                                              sealed.dictionary.get(), sealed.sealed.data());
+        sealed.encodedLength = encoder->encode(sequence, sealed.last, Bytes(sealed.plain).first(sealed.length),
+                                               sealed.dictionary.get(), sealed.encoded.data());
     } catch (const std::bad_alloc&) {
-        sealed.sealedLength = 0;
+        sealed.encodedLength = 0;
     }
-    // Not kept until the job is reused, so that the copy of the leader is freed when its group is sealed.
+    // Released now, not when the job is reused: the copy of the leader is then freed as soon as its group is sealed.
     sealed.dictionary = nullptr;
 }
 
@@ -139,7 +139,7 @@ void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
             status_ = std::move(result);
         }
         // After an error the value is meaningless, and nobody reads it.
-        sealedLengths_.push_back(static_cast<std::uint32_t>(written.sealedLength - blockHeaderSize));
+        sealedLengths_.push_back(static_cast<std::uint32_t>(written.encodedLength - blockHeaderSize));
         written.done = false;
         ++nextToWrite_;
         changed_.notify_all();
@@ -150,9 +150,9 @@ void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
 // Never throws: a std::string with a text as short as this one allocates no memory.
 Status BlockStream::write(const Job& job) {
     const Error outOfMemory{"out of memory", ENOMEM, {}};
-    if (job.sealedLength == 0) return outOfMemory;
+    if (job.encodedLength == 0) return outOfMemory;
     try {
-        return sink_(Bytes(job.sealed).first(job.sealedLength));
+        return sink_(Bytes(job.encoded).first(job.encodedLength));
     } catch (const std::bad_alloc&) {
         return outOfMemory;
     }

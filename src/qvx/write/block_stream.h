@@ -1,10 +1,10 @@
-// Turns the archive stream into blocks of the file. One thread fills blocks; workers compress and seal them; the worker
-// that completes the next block in order writes it.
+// Turns the archive stream into blocks of the file. One thread fills blocks; workers compress and seal them; one worker
+// at a time writes the blocks that are next in order.
 //
 // Memory: workers + 2 blocks, plain and sealed; one copy of the leader for each group with a block in progress; and
 // about four blocks for the compressor of each worker.
 //
-// When the sink fails, blocks still pass through the queue but are dropped, so that no thread waits forever. The
+// After a failure, the blocks still pass through the queue but are dropped, so that no thread waits forever. The
 // filling thread can see the failure in status() and stop.
 #pragma once
 
@@ -68,10 +68,10 @@ private:
         bool last = false;
         bool done = false;  // passed through a worker, but not written yet
         std::size_t length = 0;
-        std::size_t sealedLength = 0;  // 0: not sealed
+        std::size_t encodedLength = 0;  // 0: the block could not be encoded
         std::vector<std::uint8_t> plain;
-        std::vector<std::uint8_t> sealed;
-        std::shared_ptr<const GroupDictionary> dictionary;  // null for a leader and for a block that must not need one
+        std::vector<std::uint8_t> encoded;                  // block header and sealed bytes
+        std::shared_ptr<const GroupDictionary> dictionary;  // null for a leader, and after stopUsingLeaders()
     };
 
     Job& job(std::uint64_t sequence) { return jobs_[sequence % jobs_.size()]; }
