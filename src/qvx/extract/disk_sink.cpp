@@ -19,7 +19,7 @@ constexpr int maxIncompleteNames = 999;  // of one file
 
 // Replaces an existing file. An existing directory stays.
 Status createDirectory(int parent, const std::string& name) {
-    // Only for this user: its final mode is set when the extraction ends.
+    // Accessible only to this user until the extraction ends, when the final mode is set.
     const auto make = [&] { return mkdirat(parent, name.c_str(), 0700) == 0; };
     if (make()) return {};
     struct stat status {};

@@ -58,7 +58,7 @@ private:
     int parent_ = -1;   // the directory that contains it
     std::string linkTarget_;
     BufferedFile file_{run_};
-    bool skipping_ = false;  // the entry has failed
+    bool skipping_ = false;  // the entry has failed, or is the destination itself
 
     FileWriters writers_{run_};
 };

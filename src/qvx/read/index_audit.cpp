@@ -18,7 +18,7 @@ bool same(const IndexEntry& a, const IndexEntry& b) {
            a.modifiedSeconds == b.modifiedSeconds && a.incomplete == b.incomplete;
 }
 
-// Compared by value: another writer may share a shorter beginning with the path before.
+// Decoded before they are compared: another writer may encode a path with a shorter shared prefix.
 bool sameEntries(Bytes one, Bytes other) {
     IndexPartDecoder a(one);
     IndexPartDecoder b(other);
@@ -46,7 +46,7 @@ Status IndexAudit::addEntry(const EntryPlace& place, const EntryReader& entry) {
     return {};
 }
 
-// A part is encoded again from the entries that were read, so every field of it is compared.
+// The expected part is encoded from the entries that were read, so every field is compared.
 Status IndexAudit::checkPart(Bytes payload, const EntryPlace& place) {
     if (entries_ == covered_) return mismatch("a part of the index covers no entry");
     std::vector<std::uint8_t> expected;

@@ -6,14 +6,15 @@
 
 namespace tarnwick::qvx {
 
+// Call the functions in the order of the archive, addBlock() before those for the records of the block.
 class IndexAudit {
 public:
     void addBlock(const OpenedBlock& block) { blocks_.push_back({block.place, block.header.sealedLength}); }
 
-    // Each fails when the archive contradicts itself.
+    // Each fails when the archive contradicts itself. A payload is that of a logical record.
     Status addEntry(const EntryPlace& place, const EntryReader& entry);
     Status checkPart(Bytes payload, const EntryPlace& place);
-    Status checkRoot(Bytes payload, std::uint64_t block);
+    Status checkRoot(Bytes payload, std::uint64_t block);  // where the record begins
     Status checkTrailer(Bytes payload);
 
 private:

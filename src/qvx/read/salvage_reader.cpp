@@ -38,7 +38,7 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace&
     if (!entry_.inEntry() && record.type != RecordType::entry) return {};
     auto outcome = entry_.consume(record);
     if (outcome.fault()) {
-        // The entry reader has abandoned the entry already. The next one may be intact.
+        // The entry reader has abandoned the entry. The next entry may be intact.
         report(blockFault(block_, *outcome.fault()));
         return {};
     }
@@ -67,7 +67,7 @@ ReadOutcome SalvageReader::deliver() {
         return {};
     }
     table_.add(entryPlace_, entry_);
-    // The blocks of the earlier entry with the content are no longer in memory, so they are opened again.
+    // The content may be in an earlier entry whose blocks are no longer in memory, so they are opened again.
     return entry_.deliver([this](EntrySink& sink) {
         const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
         return place && readContent(random_, *place, entry_.tail(), sink);
@@ -80,13 +80,13 @@ void SalvageReader::abandonEntry(std::string reason) {
     entry_.abandon();
 }
 
-// Reports come in the order of the archive, so a run of damaged blocks is reported first.
+// Faults are reported in the order of the archive, so a pending run of damaged blocks comes first.
 void SalvageReader::report(const ReadFault& fault) {
     reportDamagedRun();
     report_(fault);
 }
 
-// A lost leader makes its whole group unreadable; that is reported once.
+// A lost leader makes the other blocks of its group unreadable. Such a run of blocks is one report.
 void SalvageReader::reportBlock(const ReadFault& fault) {
     const bool continuesRun = damagedRun_ && damagedRun_->text == fault.text && fault.block == damagedRunEnd_ + 1;
     if (!continuesRun) {

@@ -5,20 +5,23 @@
 
 namespace tarnwick::qvx {
 
-// Reads blocks in ascending order, with gaps, and delivers the entries whose blocks are all there.
+// Reads blocks in ascending order, perhaps with gaps, and delivers the entries whose blocks are all intact.
 class SalvageReader {
 public:
     using FaultReport = std::function<void(const ReadFault&)>;
+    // The entries from `firstEntry` to `endEntry` - 1 are lost.
     using LossReport = std::function<void(std::uint64_t firstEntry, std::uint64_t endEntry)>;
 
     SalvageReader(const ArchiveFile& file, const HpkeKeys& keys, const BlockMap& map, EntrySink& sink,
                   FaultReport report, LossReport reportLoss)
         : random_(file, keys, map), entry_(sink), report_(std::move(report)), reportLoss_(std::move(reportLoss)) {}
 
-    // Reads a block, which may have a fault. Damage is reported and ends nothing: the outcome is complete or stopped.
+    // Reads a block, which may have a fault. Damage is reported and does not end the reading: the outcome is never a
+    // fault.
     ReadOutcome consume(const OpenedBlock& block);
 
-    // Call after the last block. Reports an entry that has no end. Returns the number after that of the last entry.
+    // Call after the last block. Reports an entry that has no end. Returns one more than the number of the last entry
+    // that was found: later ones may be lost, too.
     std::uint64_t finish();
 
 private:
