@@ -11,7 +11,7 @@
 
 namespace tarnwick {
 
-// A file, or the writer of an archive into one.
+// A file, or the writer of an archive that is written to a file.
 struct ByteStream {
     FileDescriptor file;
     std::optional<qvx::ArchiveWriter> writer;

@@ -1,8 +1,8 @@
-// The encrypted-archive library: writes one archive, sealed to the owner of a P-256 private key. A thin layer
-// in the form of a C library over qvx/archive_writer.h.
+// The encrypted-archive library: writes archives that are sealed to the holder of a P-256 private key. A thin layer
+// over qvx/archive_writer.h with the interface of a C library.
 //
-// Objects are plain pointers that the caller releases with the function named for the type; null means "none", and
-// every such function accepts it. A status is 0 for success or a negative errno value. Nothing here throws, prints or
+// Objects are plain pointers; null means "none". The caller releases each object with the destroy or close function of
+// its type, which accepts null. A status is 0 for success or a negative errno value. Nothing here throws, prints or
 // ends the process. An object is used by one thread at a time.
 #pragma once
 
@@ -19,8 +19,8 @@ struct PathList;  // what goes into an archive, in order, duplicates kept
 }
 using qvx::PathList;
 
-struct FieldKeySet;        // the fields that every entry carries
-struct ByteStream;         // a file, or the encryption that writes to one
+struct FieldKeySet;        // the fields to store for each entry
+struct ByteStream;         // a file, or the encryption of what is written to one
 struct EncryptionContext;  // the settings of an archive and its recipient
 struct ArchiveStream;      // the encoder of entries
 
@@ -30,7 +30,7 @@ using MessageCallback = int (*)(void* messageData, int message);  // never calle
 inline constexpr int contextFieldCompression = 3;     // unsigned: the compression identifier
 inline constexpr int contextFieldBlockSize = 4;       // unsigned: bytes
 inline constexpr int contextFieldRecipient = 10;      // blob: the recipient's public point
-inline constexpr int representationUncompressed = 1;  // of that blob: 0x04, X, Y (65 bytes)
+inline constexpr int representationUncompressed = 1;  // of that point: 0x04, X, Y (65 bytes)
 
 PathList* newPathList();
 
@@ -61,24 +61,26 @@ int setContextFieldUInt(EncryptionContext* context, int field, std::uint64_t val
 void destroyEncryptionContext(EncryptionContext* context);
 
 // Opens the stream that cuts what is written into blocks, compresses and seals them, and writes them to `underlying` in
-// order. The caller keeps `underlying`, which must outlive the new stream and is used from another thread until that is
-// closed. Exactly `workers` threads compress and seal, each with about 7 MiB of memory. None for fewer than 1, and for
-// a point that is not on the curve.
+// order. The caller keeps `underlying`, a file, which must outlive the new stream; threads of the new stream write to
+// it until the new stream is closed. Exactly `workers` threads compress and seal, each with about 7 MiB of memory.
+// `flags` must have bits 63 and 62 and no other. None for fewer than 1 worker, other flags, a context that lacks a
+// setting, and a point that is not on the curve.
 ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionContext* context, std::uint64_t flags,
                                        int workers);
 
-// `underlying` must be an encryption stream. The threads that read entries also compute the digests of small contents,
-// so `workers`, at least 1, must be the number that writePathList() gets.
+// `underlying` must be an encryption stream. `workers`, at least 1, is the number of threads that read entries;
+// writePathList() must get the same number. `flags` must be 0, here and below.
 ArchiveStream* openArchiveEncoderStream(ByteStream* underlying, void* messageData, MessageCallback callback,
                                         std::uint64_t flags, int workers);
 
-// Reads every entry of the list from the disk and completes the archive. When it returns 0, every byte has
-// been given to write(2). A file that shrinks or grows while it is read is stored as it was
-// read. A file that is there but cannot be read, wholly or in part (EIO, EACCES), is stored as far as possible and
-// marked as incomplete; that is not a failure. A file that has vanished or is no longer what the list says is a
-// failure. A file is opened only in the directory in which it was listed, even if another directory has that path by
-// now. Another file with its name there is taken for a rotated log. Exactly `workers` threads read; a number other than
-// that of the encoder gives -EINVAL. An encoder takes one path list.
+// Reads every entry of the list from the disk and completes the archive. When it returns 0, every byte has been given
+// to write(2). A file that shrinks or grows while it is read is stored as it was read. A file that is there but cannot
+// be read, wholly or in part (EIO, EACCES), is stored as far as possible and marked as incomplete; that is not a
+// failure. A file that has vanished or is no longer what the list says is a failure. A file is opened only in the
+// directory in which it was listed, even if another directory has that path by now. If the name in that directory
+// belongs to another file by now, that file is stored, because logs are rotated; but it must be of the same kind, on
+// the same device, and without a second link. Exactly `workers` threads read; a number other than that of the encoder
+// gives -EINVAL, and so does a `directory` other than "/". An encoder can write only one path list.
 int writePathList(ArchiveStream* archive, const PathList* list, const FieldKeySet* keys, std::string_view directory,
                   void* messageData, MessageCallback callback, std::uint64_t flags, int workers);
 
