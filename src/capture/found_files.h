@@ -16,9 +16,9 @@ namespace tarnwick {
 using FilesList = std::vector<std::filesystem::path>;  // in the order found, duplicates kept
 
 // The paths in the output of a search below `directory`, in order. `find` ends each path with a line feed, and a path
-// may contain line feeds. A line that does not begin with the directory continues the previous path. If a line or the
-// path before it names no file, the line is joined to the paths before it, if that names a file. So no file name can
-// produce a path outside of the directory.
+// may contain line feeds. A line that does not begin with the directory continues the previous path. If a line, or
+// the path before it, names no existing file, the line is joined to one or more of the paths before it, provided that
+// the joined path names an existing file. So no file name can produce a path outside of the directory.
 std::vector<std::string> splitFoundPaths(const std::string& output, const std::filesystem::path& directory);
 
 // Decides which of the files found on one volume are captured. Logs a TRACE line for each file. At the first file of a
@@ -40,7 +40,7 @@ private:
     void reportVolume(const MountEntry& mount);
 
     ConsentedVolumes& consented_;
-    std::set<dev_t> reported_;  // file systems
+    std::set<dev_t> reported_;  // file systems without consent that have an INFO line
     // The folder of the previous file. The next file is usually in the same folder.
     std::string folderPath_;
     FileDescriptor folder_;
