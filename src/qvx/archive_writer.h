@@ -1,4 +1,4 @@
-// Writes an archive that is sealed to the owner of a P-256 private key. docs/qvx-format.md describes the format;
+// Writes an archive that is sealed to the holder of a P-256 private key. docs/qvx-format.md describes the format;
 // qvx/archive_reader.h reads it.
 #pragma once
 

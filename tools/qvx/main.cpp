@@ -1,4 +1,4 @@
-// qvx: creates, lists, checks and extracts archives sealed to the owner of a P-256 key.
+// qvx: creates, lists, checks and extracts archives sealed to the holder of a P-256 private key.
 #include <fcntl.h>
 #include <unistd.h>
 

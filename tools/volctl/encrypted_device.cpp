@@ -30,7 +30,7 @@ Error libraryError(const std::string& what, int error, const std::string& messag
     return {what + ": " + (message.empty() ? std::strerror(-error) : message), -error, subject};
 }
 
-// The container on the device. The library writes its later messages to `message`.
+// Loads the LUKS header of the device. The library writes its later messages to `message`.
 Result<CryptDevice> readHeader(const BlockDevice& device, std::string& message) {
     const auto path = devicePath(device);
     if (!path) return path.error();

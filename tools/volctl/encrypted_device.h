@@ -1,4 +1,4 @@
-// Opens and closes LUKS containers.
+// Opens and closes LUKS devices.
 #pragma once
 
 #include <string>

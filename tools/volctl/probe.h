@@ -11,7 +11,7 @@ namespace tarnwick {
 enum class Content {
     fileSystem,
     swap,
-    encrypted,  // an encrypted container, such as LUKS
+    encrypted,  // an encrypted device, such as LUKS
     member,     // part of a larger whole (physical volume, RAID member), or an external journal
     nothing,    // nothing was found
     unknown,    // could not read the device, or more than one answer fits
@@ -20,7 +20,7 @@ enum class Content {
 struct ProbeAnswer {
     Content content = Content::unknown;
     std::string type;           // "ext4", "btrfs", "crypto_LUKS", ...; empty: not known
-    std::string uuid;           // of the file system or container; empty: not known
+    std::string uuid;           // of the file system or encrypted device; empty: not known
     std::string label;          // raw bytes
     std::string partitionType;  // GUID in lower case for GPT, "0x83" for a DOS table; empty: no partition
     std::string partitionUuid;
