@@ -1,9 +1,10 @@
 #include "qvx/extract/buffered_file.h"
 
+#include <utility>
+
 namespace tarnwick::qvx {
 
 void BufferedFile::begin(int directory, const EntryHead& head) {
-    discard();
     directory_ = directory;
     head_ = &head;
 }
@@ -29,8 +30,7 @@ Status BufferedFile::writeOut() {
     if (temporary_.exists()) return {};
     if (auto made = temporary_.create(directory_, *head_); !made) return made;
     // Moved out, so that the memory is free when the file has the bytes.
-    const std::vector<std::uint8_t> content = std::move(content_);
-    content_.clear();
+    const auto content = std::exchange(content_, {});
     return temporary_.append(content);
 }
 

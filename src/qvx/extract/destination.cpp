@@ -17,17 +17,15 @@ FileDescriptor openDirectory(int directory, const std::string& name) {
 }
 
 FileDescriptor makeDirectory(int directory, const std::string& name) {
-    FileDescriptor opened = openDirectory(directory, name);
-    if (opened || errno != ENOENT) return opened;
-    // Another program may make it first: then it is opened, and checked, like one that was there before.
+    if (FileDescriptor opened = openDirectory(directory, name)) return opened;
+    // Something else is there, or another program made it first: the second call says which.
     if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) return {};
     return openDirectory(directory, name);
 }
 
 Error openError(int code, std::string_view path) {
     Error error = systemError(code, std::string(path));
-    if (code == ELOOP || code == ENOTDIR)
-        error.text = "one of its folders exists as a link or a file; remove that and try again";
+    if (code == ENOTDIR) error.text = "one of its folders exists as a link or a file; remove that and try again";
     return error;
 }
 

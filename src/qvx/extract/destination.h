@@ -17,7 +17,7 @@ public:
 
     // Opens the directory that contains the last component of `path`, one component after another, never through a
     // link. The descriptor is valid until the next call. `path` has no empty, "." or ".." component. An error with the
-    // code ELOOP or ENOTDIR means that something that is not a directory is in the way; its subject is `path`.
+    // code ENOTDIR means that something that is not a directory is in the way; its subject is `path`.
     Result<int> openParent(std::string_view path);
 
     // The same, and makes the directories that are missing.

@@ -120,11 +120,9 @@ Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& con
 
 Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content) {
     TemporaryFile& file = file_.temporary();
+    if (auto made = file.create(parent_, head_); !made) return made;
     // From the file that was extracted earlier, so that its blocks need not be opened again.
-    if (tail.digest && extracted_.pathOf(*tail.contentOf)) {
-        if (auto made = file.create(parent_, head_); !made) return made;
-        if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
-    }
+    if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
     // From the archive, into a new file: what was copied above is incomplete or wrong.
     if (auto made = file.create(parent_, head_); !made) return made;
     DigestingSink sink(run_, &file);
