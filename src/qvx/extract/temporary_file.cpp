@@ -49,7 +49,6 @@ Status TemporaryFile::openCreated() {
 }
 
 Status TemporaryFile::link(int directory, int source) {
-    discard();
     linked_ = true;
     directory_ = directory;
     const std::string name = randomName();

@@ -20,7 +20,7 @@ public:
     // Makes an empty file, or with `linkTarget` a symbolic link, and makes `directory` the working directory.
     Status create(int directory, const EntryHead& head, const std::string* linkTarget = nullptr);
 
-    // Makes a second name for the open file `source`. It is complete.
+    // Makes a second name for the open file `source`. It is complete. There must be no file yet.
     Status link(int directory, int source);
 
     Status append(Bytes bytes);
