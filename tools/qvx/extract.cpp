@@ -22,31 +22,40 @@ struct ExtractionOptions : ArchiveOptions {
 // The paths of the command line, each with everything below it.
 class PathChoice {
 public:
-    explicit PathChoice(const std::vector<std::string>& paths) : matched_(paths.size()) {
-        for (const auto& path : paths) paths_.push_back(entryPath(path));
+    explicit PathChoice(const std::vector<std::string>& paths) {
+        for (const auto& path : paths) paths_.push_back({path, entryPath(path)});
     }
 
     bool contains(std::string_view path) {
         bool any = false;
-        for (std::size_t i = 0; i < paths_.size(); ++i) {
-            if (!isAtOrBelow(path, paths_[i])) continue;
-            any = true;
-            matched_[i] = true;
-        }
+        for (auto& chosen : paths_)
+            if (isAtOrBelow(path, chosen.entryPath)) any = chosen.matched = true;
         return any;
     }
 
-    // Whether the path with this index matched an entry.
-    [[nodiscard]] bool matched(std::size_t index) const { return matched_[index]; }
+    // Whether each path matched an entry. Reports those that did not.
+    [[nodiscard]] bool allMatched() const {
+        bool all = true;
+        for (const auto& chosen : paths_) {
+            if (!chosen.matched) report(Error{"not in the archive", 0, chosen.given});
+            all = all && chosen.matched;
+        }
+        return all;
+    }
 
 private:
+    struct Path {
+        std::string given;
+        std::string entryPath;
+        bool matched = false;
+    };
+
     static bool isAtOrBelow(std::string_view path, std::string_view chosen) {
         return chosen.empty() ||
                (path.starts_with(chosen) && (path.size() == chosen.size() || path[chosen.size()] == '/'));
     }
 
-    std::vector<std::string> paths_;
-    std::vector<bool> matched_;
+    std::vector<Path> paths_;
 };
 
 // Each of these returns whether everything that was asked for could be read, and reports what could not.
@@ -72,14 +81,7 @@ bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) 
 bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     PathChoice choice(options.paths);
     const auto chosen = [&](std::uint64_t, std::string_view path) { return choice.contains(path); };
-    if (!reportDamage(options, reader.readChosen(chosen, sink))) return false;
-    bool all = true;
-    for (std::size_t i = 0; i < options.paths.size(); ++i) {
-        if (choice.matched(i)) continue;
-        report(Error{"not in the archive", 0, options.paths[i]});
-        all = false;
-    }
-    return all;
+    return reportDamage(options, reader.readChosen(chosen, sink)) && choice.allMatched();
 }
 
 bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <optional>
 
+#include "base/file_reading.h"
 #include "base/visible_text.h"
+#include "qvx/archive_writer.h"
 #include "qvx/crypto/ssh_key.h"
 
 namespace tarnwick::qvx {
@@ -19,32 +21,13 @@ constexpr std::size_t maxKeyFileSize = 65535;
 
 // A key may come through a pipe, so other files than regular ones are waited for.
 Result<std::string> readKeyFile(const std::string& path) {
-    const FileDescriptor opened(path == "-" ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    const int descriptor = path == "-" ? STDIN_FILENO : opened.get();
-    if (descriptor < 0) return systemError(errno, path);
-    std::string text(maxKeyFileSize + 1, '\0');
-    std::size_t length = 0;
-    while (length < text.size()) {
-        const ssize_t count = read(descriptor, text.data() + length, text.size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return systemError(errno, path);
-        if (count == 0) break;
-        length += static_cast<std::size_t>(count);
-    }
-    if (length > maxKeyFileSize) return systemError(EFBIG, path);
-    text.resize(length);
+    const bool input = path == "-";
+    const FileDescriptor file(input ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                    : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) return systemError(errno, path);
+    auto text = readToEnd(file, maxKeyFileSize);
+    if (!text) return systemError(text.error().code, path);
     return text;
-}
-
-Status writeWhole(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(descriptor, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return systemError(errno);
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    if (fsync(descriptor) != 0) return systemError(errno);
-    return {};
 }
 
 // A new file, which must not exist yet; the destructor removes it unless keep() was called.
@@ -62,9 +45,10 @@ public:
 
     [[nodiscard]] const Status& made() const { return made_; }
     Status fill(std::string_view text) {
-        const auto written = writeWhole(descriptor_.get(), text);
-        if (!written) return systemError(written.error().code, path_);
-        return {};
+        const auto write = fileSink(descriptor_.get(), path_);
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+        if (auto written = write({bytes, text.size()}); !written) return written;
+        return fsync(descriptor_.get()) == 0 ? Status() : systemError(errno, path_);
     }
     void keep() { kept_ = true; }
 
