@@ -51,6 +51,11 @@ class Qvx(Scenario):
             self.frozen("list", name)
             self.run_qvx("info", f"{SAMPLES}{name}.qvx")
 
+    def test_incomplete_file_is_reported_once(self):
+        key = "--key", SAMPLES + "recipient.pem"
+        self.run_qvx("verify", *key, write(ARCHIVE, content(SAMPLES + "incomplete.qvx") + b"x"))
+        self.run_qvx("cat", *key, SAMPLES + "incomplete.qvx", "tmp/sample/partly-too", stdout=subprocess.DEVNULL)
+
     def test_damaged_archives_are_refused(self):
         for name in sorted(name[:-4] for name in os.listdir(SAMPLES) if name.endswith(".qvx")):
             if name not in GOOD:
@@ -68,7 +73,8 @@ class Qvx(Scenario):
             self.frozen("extract", "kinds", "-C", OUT)
             self.create(OUT + "/tmp/sample", OUT + "/tmp/sample/plain")
             self.assertEqual(entries(self.qvx("list", "--json", *KEY, ARCHIVE)), entries(wanted))
-        self.assertLess(os.stat(OUT + "/tmp/sample/sparse").st_blocks * 512, 1 << 20)
+        self.assertLess(os.stat(sparse := OUT + "/tmp/sample/sparse").st_blocks * 512, 1 << 20)
+        self.assertEqual(self.qvx("cat", *KEY, ARCHIVE, sparse), read(sparse))
 
     def test_hostile_name_in_a_warning_is_escaped(self):
         write(SOURCE + "/\x1b[2J/\x1b")
@@ -101,6 +107,9 @@ class Qvx(Scenario):
                 self.run_qvx(*command, *KEY, ARCHIVE, f"media/source/{name}")
         with open("/dev/full", "wb") as full:
             self.run_qvx("cat", *KEY, ARCHIVE, SOURCE + "/e", stdout=full)
+        unread, pipe = os.pipe()
+        os.close(unread)
+        self.run_qvx("cat", *KEY, ARCHIVE, SOURCE + "/e", stdout=pipe)
 
     # The content of the second name is in the first one. Random blocks are stored raw and need no leader.
     def test_cat_fails_when_the_content_of_another_entry_is_damaged(self):
@@ -162,6 +171,7 @@ class Qvx(Scenario):
         for name in "sec1.pem", "key.pub", "other.pem", "locked.pem", "missing":
             self.run_qvx("verify", "--key", f"/media/{name}", ARCHIVE)
         self.run_qvx("verify", "--key", "-", ARCHIVE, typed=content("/media/key.pem"))
+        self.run_qvx("verify", "--key", "-", ARCHIVE, limits=lambda: os.close(0))
         for archive in "/media/key.pem", "/media/missing", "/media", "/media/fifo":
             self.run_qvx("verify", *KEY, archive)
         for words in [], ["list"], ["nonsense"], ["verify", ARCHIVE], ["extract", "--salvage", *KEY, ARCHIVE, "x"]:
