@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -32,6 +33,14 @@ Result<FileDescriptor> openTrustedFile(const std::filesystem::path& path) {
     if (status.st_uid != 0) return Error{"not owned by root", 0, path};
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return Error{"writable by others", 0, path};
     return file;
+}
+
+Result<std::size_t> readAt(int file, std::span<std::uint8_t> buffer, std::uint64_t position) {
+    for (;;) {
+        const ssize_t count = ::pread(file, buffer.data(), buffer.size(), static_cast<off_t>(position));
+        if (count >= 0) return static_cast<std::size_t>(count);
+        if (errno != EINTR) return systemError(errno);
+    }
 }
 
 // Does not use the size of the file: the file may grow while it is read.

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <vector>
 
+#include "base/file_reading.h"
+
 namespace tarnwick::qvx {
 
 namespace {
@@ -25,10 +27,10 @@ off_t seek(int file, off_t at, int whence, off_t fallback, off_t size) {
 bool readData(int file, off_t begin, off_t end, MutableBytes buffer, EntrySink& sink) {
     for (off_t at = begin; at < end;) {
         const auto length = std::min(buffer.size(), static_cast<std::size_t>(end - at));
-        const ssize_t count = pread(file, buffer.data(), length, at);
+        const auto count = readAt(file, buffer.first(length), static_cast<std::uint64_t>(at));
         // 0: the file has become shorter.
-        if (count <= 0 || !sink.data(buffer.first(static_cast<std::size_t>(count)))) return false;
-        at += count;
+        if (!count || *count == 0 || !sink.data(buffer.first(*count))) return false;
+        at += static_cast<off_t>(*count);
     }
     return true;
 }

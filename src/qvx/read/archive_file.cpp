@@ -1,10 +1,11 @@
 #include "qvx/read/archive_file.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "base/file_reading.h"
 
 namespace tarnwick::qvx {
 
@@ -34,12 +35,11 @@ Status ArchiveFile::read(std::uint64_t position, MutableBytes bytes) const {
     // Checked first, because a position of a hostile header may be too large for pread.
     if (position > size_ || bytes.size() > size_ - position) return pastEnd();
     while (!bytes.empty()) {
-        const ssize_t count = pread(descriptor_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return systemError(errno);
-        if (count == 0) return pastEnd();  // somebody has shortened the file
-        bytes = bytes.subspan(static_cast<std::size_t>(count));
-        position += static_cast<std::uint64_t>(count);
+        const auto count = readAt(descriptor_.get(), bytes, position);
+        if (!count) return count.error();
+        if (*count == 0) return pastEnd();  // somebody has shortened the file
+        bytes = bytes.subspan(*count);
+        position += *count;
     }
     return {};
 }

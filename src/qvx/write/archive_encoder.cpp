@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/file_reading.h"
 #include "qvx/write/read_ahead.h"
 
 namespace tarnwick::qvx {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/file_reading.h"
 #include "base/guarded_open.h"
 #include "qvx/format/field_table.h"
 
@@ -60,14 +61,6 @@ bool isUnreadable(int error) {
     // The file is gone or replaced, or memory or descriptors are missing. Every other error makes the entry incomplete.
     constexpr int others[] = {ENOENT, ENOTDIR, ELOOP, ESTALE, ENOMEM, EMFILE, ENFILE};
     return std::ranges::find(others, error) == std::end(others);
-}
-
-Result<std::size_t> readAt(int file, MutableBytes buffer, std::uint64_t position) {
-    for (;;) {
-        const ssize_t count = ::pread(file, buffer.data(), buffer.size(), static_cast<off_t>(position));
-        if (count >= 0) return static_cast<std::size_t>(count);
-        if (errno != EINTR) return systemError(errno);
-    }
 }
 
 void DiskEntryReader::begin(DiskEntry& entry, MutableBytes buffer) {

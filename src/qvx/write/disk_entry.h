@@ -57,7 +57,4 @@ private:
 // vanished or was replaced, and when memory or descriptors ran out.
 bool isUnreadable(int error);
 
-// pread() that is repeated after EINTR. Returns the count.
-Result<std::size_t> readAt(int file, MutableBytes buffer, std::uint64_t position);
-
 }  // namespace tarnwick::qvx
