@@ -124,6 +124,12 @@ class Qvx(Scenario):
         self.run_qvx("extract", *KEY, "-C", OUT, ARCHIVE, SOURCE + "/second")
         self.files()
 
+    # Without the leader, no block of its group can be opened.
+    def test_blocks_without_their_leader_are_reported_together(self):
+        blocks = content(SAMPLES + "blocks.qvx")
+        write(ARCHIVE, blocks[:300] + b"damaged" + blocks[307:])
+        self.run_qvx("verify", "--key", SAMPLES + "recipient.pem", ARCHIVE)
+
     def test_full_disk_is_reported(self):
         self.lay(OUT, "size=4m")
         self.frozen("extract", "blocks", "-C", OUT)
