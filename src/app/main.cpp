@@ -19,6 +19,7 @@
 #include "log/command_runner.h"
 #include "log/execution_log.h"
 #include "platform/internal_policies.h"
+#include "qvx/crypto/openssl_environment.h"
 #include "store/capture_store.h"
 #include "store/capture_summary.h"
 
@@ -142,6 +143,7 @@ int capture(const ArgumentMap& arguments, RunOptions& options) {
 
 int main(int argc, char** argv) {
     using namespace tarnwick;
+    qvx::ignoreOpensslEnvironment();
     fillStandardStreams();
     fixEnvironmentOfCommands();
     fixInheritedSettings();

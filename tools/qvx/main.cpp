@@ -8,6 +8,7 @@
 #include <new>
 
 #include "commands.h"
+#include "qvx/crypto/openssl_environment.h"
 
 using namespace tarnwick;
 using namespace tarnwick::qvx;
@@ -53,6 +54,7 @@ void occupyStandardStreams() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    ignoreOpensslEnvironment();
     // When the reader of the output closes it, the write fails and is handled; the signal would end the process
     // silently.
     std::signal(SIGPIPE, SIG_IGN);

@@ -7,6 +7,7 @@
 
 #include "companion.h"
 #include "platform/consent_record.h"
+#include "qvx/crypto/openssl_environment.h"
 #include "record_file.h"
 #include "volctl/volume_lookup.h"
 #include "volume_consent.h"
@@ -186,4 +187,7 @@ int run(std::vector<std::string> arguments) {
 
 }  // namespace
 
-int main(int count, char** values) { return companionMain(program, count, values, run); }
+int main(int count, char** values) {
+    qvx::ignoreOpensslEnvironment();
+    return companionMain(program, count, values, run);
+}

@@ -5,6 +5,7 @@
 #include "companion.h"
 #include "listing.h"
 #include "plist/xml_property_list.h"
+#include "qvx/crypto/openssl_environment.h"
 #include "unlock.h"
 #include "volume_lookup.h"
 
@@ -113,4 +114,7 @@ int run(std::vector<std::string> arguments) {
 
 }  // namespace
 
-int main(int count, char** values) { return companionMain(program, count, values, run); }
+int main(int count, char** values) {
+    qvx::ignoreOpensslEnvironment();
+    return companionMain(program, count, values, run);
+}
