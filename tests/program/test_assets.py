@@ -1,11 +1,15 @@
 # The configuration asset, from a real web server on loopback into the store and into a capture.
+import contextlib
 import http.server
 import os
+import re
 import ssl
+import subprocess
+import sys
 import threading
 
 import world
-from world import YES, Scenario, call, content, property_list, write
+from world import YES, Disks, Scenario, call, content, property_list, write
 
 PROJECT = world.HERE + "/../.."
 TYPE = "com.vexlor.Provisor.tarnwick.config"
@@ -30,7 +34,8 @@ class Handler(http.server.SimpleHTTPRequestHandler):
         pass
 
 
-class Assets(Scenario):
+# A site that publishes configurations from SITE.
+class Site(Scenario):
     def setUp(self):
         super().setUp()
         self.make_key("ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")
@@ -58,24 +63,34 @@ class Assets(Scenario):
     def publish(self, *versions, **options):
         for version in versions:
             write(f"{SITE}/{TYPE}/{version}/{NAME}", "<plist/>")
-        call(f"{PROJECT}/tools/asset-publish/asset-publish", "--key", "/media/site.key",
-             *(f"--{key}={value}" for key, value in options.items()), SITE)
+        call(*self.publisher(**options))
+
+    def publisher(self, **options):
+        return [sys.executable, "-W", "error", f"{PROJECT}/tools/asset-publish/asset-publish", "--key",
+                "/media/site.key", *(f"--{key}={value}" for key, value in options.items()), SITE]
 
     def sign(self, content):
         write(CATALOG, content)
         call("openssl", "dgst", "-sha256", "-sign", "/media/site.key", "-out", CATALOG + ".sig", CATALOG)
 
+    # A server certificate, which TRUST makes the programs accept.
+    def certificate(self):
+        new = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout /media/server.key -subj /CN=server"
+        call("openssl", "req", "-x509", *new.split(), "-addext", "subjectAltName=IP:127.0.0.1",
+             "-out", "/media/server.pem")
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        tls.load_cert_chain("/media/server.pem", "/media/server.key")
+        return tls
+
+
+class Assets(Site):
     def fetch(self, **options):
         self.tool("fetch_config", **options)
 
     # Quiet where nothing is configured; an administrator's own, then what is newer.
     def test_from_nothing_to_the_newest_over_tls(self):
         self.fetch()
-        new = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout /media/server.key -subj /CN=server"
-        call("openssl", "req", "-x509", *new.split(), "-addext", "subjectAltName=IP:127.0.0.1",
-             "-out", "/media/server.pem")
-        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        tls.load_cert_chain("/media/server.pem", "/media/server.key")
+        tls = self.certificate()
         self.make_key("ed25519")
         self.volume("Data", YES, ["/logs/a.log"])
         self.specification(("/logs", ".*"))
@@ -110,8 +125,8 @@ class Assets(Scenario):
                 "too large": lambda: self.sign(good + b"\n" * (1 << 20)),
                 "no signature": lambda: os.unlink(CATALOG + ".sig"),
                 "changed after signing": lambda: write(CATALOG, good + b"\n"),
-                "expired": lambda: self.publish("6.0", days=-1),
-                "older than the last one": lambda: self.publish("6.0", serial=6),
+                "expired": lambda: self.sign(re.sub(b"<date>....", b"<date>2001", good)),
+                "older than the last one": lambda: (os.unlink(CATALOG), self.publish("6.0", serial=6)),
                 "a path out of the asset": lambda: self.sign(good.replace(NAME.encode(), b"../x")),
                 "missing": lambda: os.unlink(CATALOG),
                 "a file longer than published": lambda: (self.publish("6.0"), write(NEWER, "<plist/> ")),
@@ -123,3 +138,99 @@ class Assets(Scenario):
             self.note("fault", name)
             self.fetch()
         self.assertEqual(os.listdir(STORE), ["5.0"])
+
+    def test_publisher_believes_and_replaces_only_its_own_catalog(self):
+        hostile = property_list({"Serial": 2**63 - 2})
+        self.publish("5.0", serial=7)
+        good = content(CATALOG)
+        self.assertRegex(good.splitlines()[1], b'^<!DOCTYPE plist PUBLIC "-//Vexlor//')
+        for options, damage, message in (
+                ({}, lambda: write(CATALOG, hostile), "not signed with this key"),
+                ({}, lambda: os.unlink(CATALOG + ".sig"), "not signed with this key"),
+                ({}, lambda: (os.rename(CATALOG, SITE + "/x"), os.symlink("x", CATALOG)), "not a regular file"),
+                ({}, lambda: (os.unlink(CATALOG), os.mkfifo(CATALOG)), "not a regular file"),
+                ({}, lambda: self.sign(property_list({"serial": 7})), "no serial number"),
+                ({}, lambda: self.sign(hostile), "is not from"),
+                ({"serial": 7}, lambda: None, "is not from 8 to"),
+                ({"serial": 10**14}, lambda: None, "is not from 8 to"),
+                ({"serial": 0}, lambda: write(CATALOG, hostile), "is not from 1 to"),
+                ({"days": 0}, lambda: None, "at least 1")):
+            with self.subTest(message, **options):
+                if os.path.lexists(CATALOG):
+                    os.unlink(CATALOG)
+                self.sign(good)
+                damage()
+                before = call("ls", "-l", "--full-time", SITE)
+                done = subprocess.run(self.publisher(**options), capture_output=True, text=True)
+                self.assertIn(message, done.stderr)
+                self.assertEqual(call("ls", "-l", "--full-time", SITE), before)
+        write(CATALOG, hostile)
+        self.publish(serial=8)
+        self.publish()
+        self.assertIn(b"<integer>9</integer>", content(CATALOG))
+
+
+# Leaves a mark when a program loads it. The constructor suffices: no program has to accept it as a provider.
+MODULE = """#include <fcntl.h>
+__attribute__((constructor)) static void mark(void) { open("/media/mark", O_CREAT | O_WRONLY, 0666); }
+"""
+OPENSSL = """openssl_conf = start
+[start]
+providers = names
+[names]
+marking = marking
+[marking]
+module = /media/modules/marking.so
+activate = 1
+"""
+
+
+# The programs load no module that the caller's environment names. It names one that OpenSSL loads with its
+# configuration, and one in place of the provider that libcryptsetup loads.
+class Environment(Site, Disks):
+    def setUp(self):
+        super().setUp()
+        os.mkdir("/media/modules")
+        for name in "marking", "legacy":
+            call("cc", "-shared", "-fPIC", "-x", "c", "-", "-o", f"/media/modules/{name}.so", input=MODULE.encode())
+        write("/media/openssl.cnf", OPENSSL)
+        self.configuration = {"OPENSSL_CONF": "/media/openssl.cnf"}
+        self.modules = {"OPENSSL_MODULES": "/media/modules", "OPENSSL_ENGINES": "/media/modules"}
+        self.hostile = {**self.configuration, **self.modules}
+
+    # Whether the run loaded a module.
+    def marks(self, *words, environment=(), typed=b"", **more):
+        process = self.start(*words[1:], program=words[0], environment={**(environment or self.hostile)}, **more)
+        self.out = b"".join(process.communicate(typed))
+        self.status = process.returncode
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink("/media/mark")
+            return True
+        return False
+
+    def test_of_the_caller_loads_no_module_into_a_download(self):
+        self.volume("Data", YES, ["/logs/a.log"])
+        self.specification(("/logs", ".*"))
+        os.remove("/etc/tarnwick/internal-policies.plist")
+        write(f"{SITE}/{TYPE}/6.0/{NAME}", content("/media/spec.plist"))
+        self.serve(self.certificate())
+        self.publish()
+        self.assertTrue(self.marks("fetch_config", environment={**self.configuration, **TRUST}), "without protection")
+        self.assertFalse(self.marks("tarnwick", environment={**self.hostile, **TRUST}))
+        self.assertEqual((self.status, os.listdir(STORE)), (0, ["6.0"]), self.out)
+
+    def test_of_the_caller_loads_no_module_into_a_companion(self):
+        device = self.attach(self.locked(b"right"))
+        for control, environment in ("openssl rand 1", self.configuration), (f"cryptsetup luksDump /dev/{device}",
+                                                                             self.modules):
+            subprocess.run(control.split(), env={"PATH": world.PATH, **environment}, capture_output=True)
+            os.unlink("/media/mark")  # fails if the control has left none
+        write("/media/cwd/file", "content")
+        for words in (("qvx", "keygen", "-o", "key"), ("qvx", "create", "-r", "key.pub", "-o", "a.qvx", "file"),
+                      ("qvx", "extract", "-k", "key.pem", "-C", "/media/preboot", "a.qvx"), ("nvram", "-p"),
+                      ("volctl", "list"), ("tarnwick-consent", "show"),
+                      ("volctl", "zkfs", "unlockVolume", device, "--key-fd", "0")):
+            with self.subTest(words):
+                self.assertFalse(self.marks(*words, typed=b"wrong"))
+        self.assertIn(b"wrong passphrase", self.out)
+        self.assertEqual(content("/media/preboot/media/cwd/file"), b"content")
