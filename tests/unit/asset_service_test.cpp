@@ -38,9 +38,30 @@ struct SilentServer {
 TEST(AssetTransfer, EndsBelowMinimumRateAndAfterTotalTime) {
     using namespace std::chrono_literals;
     const SilentServer server;
-    for (const auto& [total, window] : {std::pair(3'600'000ms, 1s), std::pair(300ms, 3600s)})
-        EXPECT_EQ(fetchUrl(server.url, {.bytes = 5, .totalTime = total, .rateWindow = window}, {}, {}).error(),
+    const auto now = std::chrono::steady_clock::now();
+    for (const auto& [deadline, window] : {std::pair(now + 1h, 1s), std::pair(now + 300ms, 3600s)})
+        EXPECT_EQ(fetchUrl(server.url, {.bytes = 5, .deadline = deadline, .rateWindow = window}, {}, {}).error(),
                   AssetError::tooSlow);
+}
+
+// For libcurl, a time of 0 is no limit.
+TEST(AssetTransfer, FailsWhenItsDeadlineHasPassed) {
+    const auto deadline = std::chrono::steady_clock::now();
+    EXPECT_EQ(fetchUrl("file:///proc/version", {.bytes = 5, .deadline = deadline}, {}, {}).error(),
+              AssetError::tooSlow);
+}
+
+TEST(AssetTransfer, HasTimeForTheSignedSizesAtTheMinimumRate) {
+    const auto timeFor = [](std::vector<std::uint64_t> sizes) {
+        Asset asset;
+        for (const auto size : sizes) asset.files.push_back({.path = {}, .size = size, .sha256 = {}, .url = {}});
+        return assetDownloadTime(asset).count();
+    };
+    EXPECT_EQ(timeFor({0}), 60);
+    EXPECT_EQ(timeFor({1}), 60);
+    EXPECT_EQ(timeFor({1 << 20, 1 << 14}), 60 + 64 + 1);
+    EXPECT_EQ(timeFor({1 << 30}), 1740) << "callers wait no longer than 1800";
+    EXPECT_EQ(timeFor({INT64_MAX, INT64_MAX, INT64_MAX}), 1740);
 }
 
 constexpr auto stopped = static_cast<std::int64_t>(AssetError::stopped);

@@ -19,28 +19,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using Clock = std::chrono::steady_clock;
+
 // Less than the time for which callers wait, so that a slow server and a silent service give different results.
-constexpr auto catalogTime = 12s;  // for each of the catalog's two files
-constexpr auto assetTime = 1500s;  // for each file of an asset
+constexpr auto catalogTime = 24s;  // for the catalog and its signature
+constexpr auto maxAssetTime = 1740s;
+constexpr auto minAssetTime = 60s;  // besides the bytes: connections, answers
 constexpr auto shutdownTime = 1s;
 
-// Shorter than the total time: otherwise the rate would never be checked.
-std::chrono::seconds rateWindowFor(std::chrono::seconds total) { return std::min(total * 3 / 4, 15s); }
-
-TransferLimits limitsFor(std::uint64_t bytes, AssetError whenLarger, std::chrono::seconds total) {
-    TransferLimits limits{.bytes = bytes, .whenLarger = whenLarger, .totalTime = total};
-    limits.rateWindow = rateWindowFor(total);
-    return limits;
-}
-
-AssetResult<std::string> fetchText(const std::string& url, std::size_t limit, AssetError whenLarger,
-                                   const std::stop_token& stop) {
+AssetResult<std::string> fetchText(const std::string& url, const TransferLimits& limits, const std::stop_token& stop) {
     std::string text;
     const auto append = [&text](std::string_view bytes) -> AssetStatus {
         text += bytes;
         return {};
     };
-    const auto fetched = fetchUrl(url, limitsFor(limit, whenLarger, catalogTime), append, stop);
+    const auto fetched = fetchUrl(url, limits, append, stop);
     if (!fetched) return fetched.error();
     return text;
 }
@@ -52,9 +45,10 @@ std::string signatureUrl(const std::string& catalogUrl) {
 }
 
 AssetResult<SignedCatalog> fetchCatalog(const std::string& url, const std::stop_token& stop) {
-    auto bytes = fetchText(url, maxCatalogSize, AssetError::catalogTooLarge, stop);
+    const auto deadline = Clock::now() + catalogTime;
+    auto bytes = fetchText(url, {maxCatalogSize, AssetError::catalogTooLarge, deadline}, stop);
     if (!bytes) return bytes.error();
-    auto signature = fetchText(signatureUrl(url), maxSignatureSize, AssetError::signatureWrong, stop);
+    auto signature = fetchText(signatureUrl(url), {maxSignatureSize, AssetError::signatureWrong, deadline}, stop);
     if (signature) return SignedCatalog{std::move(*bytes), std::move(*signature)};
     return signature.error() == AssetError::answerRefused ? AssetError::signatureMissing : signature.error();
 }
@@ -74,12 +68,12 @@ AssetStatus refreshCatalog(const AssetServicePlaces& places, const std::stop_tok
     return AssetStore(places.store).storeCatalog(*received, catalog->serial);
 }
 
-AssetStatus downloadFile(const std::string& catalogUrl, const AssetFile& file, StagedAsset& staged,
-                         const std::stop_token& stop) {
+AssetStatus downloadFile(const std::string& catalogUrl, const AssetFile& file, Clock::time_point deadline,
+                         StagedAsset& staged, const std::stop_token& stop) {
     const auto url = resolveUrl(catalogUrl, file.url);
     if (!url) return AssetError::redirectRefused;
     return staged.addFile(file, [&](const ByteSink& sink) {
-        return fetchUrl(*url, limitsFor(file.size, AssetError::fileSizeWrong, assetTime), sink, stop);
+        return fetchUrl(*url, {file.size, AssetError::fileSizeWrong, deadline}, sink, stop);
     });
 }
 
@@ -91,8 +85,10 @@ AssetStatus downloadAsset(const AssetServicePlaces& places, const Asset& asset, 
     // Its destructor removes the files when a download fails.
     auto staged = store.stage(asset.type);
     if (!staged) return staged.error();
+    const auto deadline = Clock::now() + assetDownloadTime(asset);
     for (const auto& file : asset.files)
-        if (const auto added = downloadFile(configuration->catalogUrl, file, *staged, stop); !added) return added;
+        if (const auto added = downloadFile(configuration->catalogUrl, file, deadline, *staged, stop); !added)
+            return added;
     return store.install(asset, *staged);
 }
 
@@ -239,6 +235,15 @@ std::optional<std::filesystem::path> AssetService::localDirectory(const Asset& a
     for (const AssetStore& store : {AssetStore(places_.store), AssetStore(places_.factory)})
         if (store.isComplete(asset)) return store.folderOf(asset);
     return std::nullopt;
+}
+
+// The sizes are those that the publisher has signed, so a server cannot extend the time. Each step is bounded, because
+// the sum of the sizes may overflow.
+std::chrono::seconds assetDownloadTime(const Asset& asset) {
+    constexpr std::uint64_t bound = std::chrono::seconds(maxAssetTime).count() * minTransferRate;
+    std::uint64_t bytes = 0;
+    for (const auto& file : asset.files) bytes = std::min(bytes + std::min(file.size, bound), bound);
+    return std::min<std::chrono::seconds>(minAssetTime + std::chrono::seconds(bytes / minTransferRate), maxAssetTime);
 }
 
 bool assetServiceConfigured() { return defaultService().configured(); }

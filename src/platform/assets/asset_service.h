@@ -5,6 +5,7 @@
 // in a system call that does not return. Nothing here prints.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -51,6 +52,10 @@ AssetQueryAnswer queryAssetsNow(const std::string& type, int kind);
 std::int64_t assetInstallState(const Asset& asset);
 std::int64_t assetVersionAttribute(const Asset& asset, AssetVersionKind kind);
 std::optional<std::filesystem::path> assetLocalDirectory(const Asset& asset);  // nothing unless installed
+
+// How long the download of all files of the asset may take: one minute, and the time that their sizes need at
+// minTransferRate, but less than the time for which callers wait.
+std::chrono::seconds assetDownloadTime(const Asset& asset);
 
 struct AssetServicePlaces {
     std::filesystem::path configuration = "/etc/tarnwick/asset-service.plist";

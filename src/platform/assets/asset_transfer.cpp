@@ -59,7 +59,12 @@ void setAuthorities(CURL* easy) {
     if (const auto* file = std::getenv("CURL_CA_BUNDLE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
 }
 
-void setOptions(Exchange& exchange, const std::string& url) {
+long millisecondsUntil(std::chrono::steady_clock::time_point deadline) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count());
+}
+
+void setOptions(Exchange& exchange, const std::string& url, long timeLeft) {
     auto* easy = exchange.easy.get();
     const auto& limits = exchange.limits;
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
@@ -69,7 +74,7 @@ void setOptions(Exchange& exchange, const std::string& url) {
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);  // signals belong to the main thread
     // Otherwise the page that explains an HTTP error would be received as the content.
     curl_easy_setopt(easy, CURLOPT_FAILONERROR, 1L);
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.totalTime.count()));
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeLeft);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, limits.minimumRate);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(limits.rateWindow.count()));
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &tarnwickReceiveBytes);
@@ -137,9 +142,12 @@ AssetStatus fetchUrl(const std::string& url, const TransferLimits& limits, const
                      const std::stop_token& stop) {
     std::string next = url;
     for (int redirects = 0; redirects <= maxRedirects; ++redirects) {
+        // For libcurl, 0 is no limit.
+        const auto timeLeft = millisecondsUntil(limits.deadline);
+        if (timeLeft <= 0) return AssetError::tooSlow;
         Exchange exchange{.limits = limits, .sink = sink};
         if (!exchange.easy) return AssetError::transferFailed;
-        setOptions(exchange, next);
+        setOptions(exchange, next, timeLeft);
         const auto result = perform(exchange.easy.get(), stop);
         // First: libcurl reports a refused body only as a failed write.
         if (!exchange.accepted) return exchange.accepted;

@@ -13,12 +13,15 @@
 
 namespace tarnwick {
 
+inline constexpr long minTransferRate = 16 << 10;  // bytes a second
+inline constexpr std::chrono::seconds minRateWindow{60};
+
 struct TransferLimits {
     std::uint64_t bytes = 0;                             // the transfer ends at the first byte more,
     AssetError whenLarger = AssetError::transferFailed;  // with this error
-    std::chrono::milliseconds totalTime{};
-    long minimumRate = 100;               // bytes a second, on average over
-    std::chrono::seconds rateWindow{15};  // this long
+    std::chrono::steady_clock::time_point deadline{};    // redirects do not extend it
+    long minimumRate = minTransferRate;                  // in bytes a second; a transfer may be slower
+    std::chrono::seconds rateWindow = minRateWindow;     // for no longer than this
 };
 
 // Receives the next bytes of the body. A failure ends the transfer with that failure.
