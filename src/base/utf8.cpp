@@ -1,5 +1,7 @@
 #include "base/utf8.h"
 
+#include "base/invisible_characters.h"
+
 namespace tarnwick {
 
 namespace {
@@ -32,12 +34,6 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
-bool isPrintable(const Character& character) {
-    const auto point = character.point;
-    const bool control = point < 0x20 || (point >= 0x7f && point < 0xa0);
-    const bool invisible = (point >= 0x200b && point <= 0x200f) || (point >= 0x2028 && point <= 0x202e) ||
-                           (point >= 0x2060 && point <= 0x206f) || point == 0xfeff || point == 0x061c;
-    return character.length > 0 && !control && !invisible;
-}
+bool isPrintable(const Character& character) { return character.length > 0 && !isInvisible(character.point); }
 
 }  // namespace tarnwick

@@ -16,8 +16,7 @@ Character firstCharacter(std::string_view text);
 
 bool isUtf8(std::string_view text);
 
-// Whether the character can be printed as it is. False for control characters, which control the terminal, and for
-// characters that break the line, change the direction of writing or have no width.
+// Whether the character can be printed as it is: it is UTF-8 and not invisible (invisible_characters.h).
 bool isPrintable(const Character& character);
 
 }  // namespace tarnwick

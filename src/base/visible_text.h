@@ -6,7 +6,8 @@
 
 namespace tarnwick {
 
-// The text with every control byte, and every byte that is not part of valid UTF-8, written as \xNN.
+// The text with every byte of an invisible character (invisible_characters.h), and every byte that is not part of valid
+// UTF-8, written as \xNN.
 std::string visibleText(std::string_view bytes);
 
 // The same for a path or name in a message, with the backslash escaped too, so that the original bytes can be restored.
