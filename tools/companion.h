@@ -47,6 +47,9 @@ inline int runCompanion(CLI::App& app, std::vector<std::string> arguments,
                         const std::function<Result<int>()>& command) {
     const auto program = app.get_name();
     try {
+        app.failure_message([&](const CLI::App*, const CLI::Error& error) {
+            return program + ": " + visibleText(error.what()) + "; see " + program + " --help\n";
+        });
         app.set_version_flag("--version", program + " " TARNWICK_VERSION, "print the version and end");
         std::reverse(arguments.begin(), arguments.end());  // the parser expects the last argument first
         app.parse(std::move(arguments));

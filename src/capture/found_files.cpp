@@ -109,7 +109,7 @@ Result<std::uint64_t> FoundFiles::mountOf(const char* name) {
 }
 
 void FoundFiles::logSkipped(const std::string& path, const std::string& reason) {
-    logTrace("not captured: " + path + " (" + reason + ")");
+    logTrace("not captured: " + visibleText(path) + " (" + reason + ")");
 }
 
 void FoundFiles::reportVolume(const MountEntry& mount) {

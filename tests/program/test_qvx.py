@@ -87,6 +87,25 @@ class Qvx(Scenario):
         self.assertRegex(done.stderr, rb"\A[ -~]*Can't set[ -~]*\n[ -~]*attribute trusted[ -~]*\n[ -~]*Can't set[ -~]*\n\Z")
         self.assertEqual(done.returncode, 0)
 
+    def test_no_program_prints_an_invisible_character_of_a_name(self):
+        name = "\x1b[2J\u202e\u00ad\u3164\ufe0f\U000e0041"
+        write(f"{SOURCE}/{name}/file", "x")
+        os.mkfifo(f"{SOURCE}/{name}/fifo")
+        self.qvx("keygen", "-o", f"/media/{name}")
+        for status, *words in ((0, "qvx", "create", "-r", f"/media/{name}.pub", "-o", f"/media/{name}", SOURCE),
+                               (0, "qvx", "list", "--key", f"/media/{name}.pem", f"/media/{name}"),
+                               (0, "qvx", "list", "--json", "--key", f"/media/{name}.pem", f"/media/{name}"),
+                               (1, "qvx", "cat", "--key", f"/media/{name}.pem", f"/media/{name}", name),
+                               (3, "qvx", "verify", *KEY, f"/media/{name}"), (1, "qvx", "info", name),
+                               (1, "qvx", "extract", *KEY, "-C", name, ARCHIVE), (2, "qvx", "info", ARCHIVE, name),
+                               (1, "volctl", "info", name), (2, "volctl", "list", name), (2, "nvram", "-p", name),
+                               (1, "tarnwick-consent", "show", name), (2, "tarnwick-consent", "show", "--" + name)):
+            with self.subTest(words):
+                process = self.start(*words[1:], program=words[0])
+                printed = b"".join(process.communicate())
+                self.assertEqual(process.returncode, status, printed)
+                self.assertRegex(printed, rb"\A[ -~\n]*(\\xe2\\x80\\xae|\\u202e)[ -~\n]*\Z")
+
     def test_names_from_a_file_are_stored_unchanged_with_duplicates(self):
         write(SOURCE + "/first", "1")
         names = [SOURCE + "/first", SOURCE, SOURCE + "/first", "source/first"]

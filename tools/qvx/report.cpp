@@ -5,7 +5,7 @@
 
 namespace tarnwick::qvx {
 
-void report(const std::string& message) { std::fprintf(stderr, "qvx: %s\n", message.c_str()); }
+void report(const std::string& message) { std::fprintf(stderr, "qvx: %s\n", visibleText(message).c_str()); }
 
 void report(const Error& error) {
     report(error.subject.empty() ? error.text : escapedName(error.subject) + ": " + error.text);
