@@ -1,16 +1,19 @@
-// A whole archive whose seals are not checked. The plain header is always valid, the rest is the fuzzer's.
+// A whole archive whose seals are not checked. Header and footer are always valid, the blocks are the fuzzer's.
 #include "checking_sink.h"
 #include "qvx/archive_reader.h"
+#include "qvx/crypto/ssh_key.h"
 
 using namespace tarnwick;
 using namespace tarnwick::qvx;
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 2) return 0;
-    const auto header = encodePlainHeader({1U + data[0] % 4, {}, {}});
-    ByteVector bytes(header.begin(), header.end());
-    bytes.insert(bytes.end(), data + 1, data + size);
-    const auto opened = ArchiveReader::open(std::move(*archiveFile(bytes)), nullptr);
+    FileHeader header;
+    header.recipients.push_back({sshFingerprint(*publicPointOf(nullptr)), {}});
+    auto bytes = encodeFileHeader(header);
+    const auto footer = encodeFooter(bytes);
+    bytes.insert(bytes.end(), data, data + size);
+    bytes.insert(bytes.end(), footer.begin(), footer.end());
+    const auto opened = ArchiveReader::open(archiveFile(bytes), nullptr);
     ArchiveReader& reader = **opened;
 
     CheckingSink sink;

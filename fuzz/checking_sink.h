@@ -22,10 +22,10 @@ inline Digest sha256(std::string_view text) {
 }
 
 // An archive that is in no folder.
-inline Result<std::unique_ptr<ArchiveFile>, ReadFault> archiveFile(const ByteVector& bytes) {
+inline std::unique_ptr<ArchiveFile> archiveFile(const ByteVector& bytes) {
     FileDescriptor memory(memfd_create("archive", MFD_CLOEXEC));
     require(pwrite(memory.get(), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
-    return ArchiveFile::open(std::move(memory));
+    return std::move(*ArchiveFile::open(std::move(memory)));
 }
 
 class CheckingSink : public EntrySink {

@@ -123,7 +123,7 @@ ByteStream* openEncryptionOutputStream(ByteStream* underlying, const EncryptionC
         return nullptr;
     return guarded<ByteStream*>(nullptr, [&]() -> ByteStream* {
         auto stream = std::make_unique<ByteStream>();
-        auto writer = qvx::ArchiveWriter::open(*context->recipient, static_cast<unsigned>(workers),
+        auto writer = qvx::ArchiveWriter::open({&*context->recipient, 1}, static_cast<unsigned>(workers),
                                                qvx::fileSink(underlying->file.get(), {}));
         if (!writer) return nullptr;
         stream->writer = std::move(*writer);

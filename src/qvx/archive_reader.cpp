@@ -1,5 +1,7 @@
 #include "qvx/archive_reader.h"
 
+#include <algorithm>
+
 #include "qvx/read/block_scan.h"
 #include "qvx/read/salvage_reader.h"
 #include "qvx/read/sequential_reader.h"
@@ -15,11 +17,14 @@ std::string lossText(std::uint64_t first, std::uint64_t end) {
 
 }  // namespace
 
-Result<std::unique_ptr<ArchiveReader>, ReadFault> ArchiveReader::open(std::unique_ptr<ArchiveFile> file,
-                                                                      EVP_PKEY* key) {
-    const auto keys = hpkeReceive(Aead::aes256Gcm, key, file->header().encapsulated, file->boundHeader());
-    if (!keys) return readFault("the encapsulated key in the header is damaged");
-    return std::unique_ptr<ArchiveReader>(new ArchiveReader(std::move(file), *keys));
+Result<std::unique_ptr<ArchiveReader>, OpenFault> ArchiveReader::open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
+                                                                      Opening opening) {
+    const auto opened = opening == Opening::salvage ? salvageHeader(*file, key) : openHeader(*file, key);
+    if (!opened) return opened.error();
+    const std::uint64_t header = opened->copy.bytes.size();
+    // For salvage, the footer may be missing: then this is where its copy of the header would be.
+    file->setBlocks(header, file->size() - std::min(file->size(), header + footerEndSize));
+    return std::unique_ptr<ArchiveReader>(new ArchiveReader(std::move(file), *opened));
 }
 
 Result<void, ReadFault> ArchiveReader::loadIndex() {
@@ -49,7 +54,7 @@ ReadOutcome ArchiveReader::readChosen(const EntryChoice& choice, EntrySink& sink
         const auto entries = chooseEntries(*index_, part, choice);
         if (!entries) return entries.error();
         if (entries->empty()) continue;
-        BlockPipeline blocks(*file_, keys_, ChosenBlocks(index_->map(), file_->header().groupLength, *entries));
+        BlockPipeline blocks(*file_, keys_, ChosenBlocks(*file_, index_->map(), *entries), &index_->map());
         ChosenEntryReader reader(blocks, *index_, choice, sink, table);
         for (const auto& entry : *entries)
             if (auto outcome = reader.read(entry.place); !outcome) return outcome;
@@ -68,6 +73,7 @@ ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
 }
 
 ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
+    if (headerDamage_) report(*headerDamage_);
     const BlockMap map = scanForBlocks(*file_, keys_);
     const auto indexed = loadIndex();
     if (!indexed) report(indexed.error());
@@ -76,11 +82,7 @@ ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
         if (indexed) reportNames(first, end, report);
     };
     SalvageReader reader(*file_, keys_, map, sink, report, reportLoss);
-    std::size_t next = 0;
-    BlockPipeline blocks(*file_, keys_, [&]() -> std::optional<BlockPipeline::Task> {
-        if (next == map.places().size()) return std::nullopt;
-        return BlockPipeline::Task{map.places()[next++]};
-    });
+    BlockPipeline blocks(*file_, keys_, MappedBlocks(*file_, map));
     while (const auto block = blocks.next())
         if (auto outcome = reader.consume(*block); !outcome) return outcome;
     const std::uint64_t end = reader.finish();

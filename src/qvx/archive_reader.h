@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "qvx/read/chosen_entry_reader.h"
+#include "qvx/read/header_copies.h"
 
 namespace tarnwick::qvx {
 
@@ -17,10 +18,12 @@ class ArchiveReader {
 public:
     using FaultReport = std::function<void(const ReadFault&)>;
 
-    // Derives the keys of the archive from its header and the private key of the recipient. Fails when the header is
-    // damaged. A private key that does not belong to the archive is not noticed here: the fingerprint in the header
-    // differs, and no block can be unsealed.
-    static Result<std::unique_ptr<ArchiveReader>, ReadFault> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key);
+    enum class Opening { intact, salvage };
+
+    // Unseals the content key with the private key of a recipient. Fails when the header or the footer is damaged; for
+    // salvage, one intact header anywhere in the file is enough.
+    static Result<std::unique_ptr<ArchiveReader>, OpenFault> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
+                                                                  Opening opening = Opening::intact);
 
     // Calls `visit` for the index entries in archive order until it returns false. Reads only the index. Fails when the
     // index is damaged.
@@ -30,8 +33,8 @@ public:
     ReadOutcome readChosen(const EntryChoice& choice, EntrySink& sink);
 
     // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each
-    // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block. Ends
-    // at the first damage.
+    // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block but
+    // the footer. Ends at the first damage.
     ReadOutcome readAll(EntrySink& sink);
 
     // Reads every entry whose blocks are intact, wherever they are in the file, and reports what is damaged or lost.
@@ -39,13 +42,15 @@ public:
     ReadOutcome salvage(EntrySink& sink, const FaultReport& report);
 
 private:
-    ArchiveReader(std::unique_ptr<ArchiveFile> file, const HpkeKeys& keys) : file_(std::move(file)), keys_(keys) {}
+    ArchiveReader(std::unique_ptr<ArchiveFile> file, const OpenedHeader& header)
+        : file_(std::move(file)), keys_(header.unsealed.keys.block), headerDamage_(header.damage) {}
 
     Result<void, ReadFault> loadIndex();
     void reportNames(std::uint64_t first, std::uint64_t end, const FaultReport& report);
 
     std::unique_ptr<ArchiveFile> file_;
-    HpkeKeys keys_;
+    MessageKeys keys_;
+    std::optional<ReadFault> headerDamage_;
     std::unique_ptr<ArchiveIndex> index_;
 };
 

@@ -8,45 +8,31 @@
 #include <cerrno>
 
 #include "base/write_piece.h"
-#include "qvx/crypto/ssh_key.h"
-#include "qvx/format/file_header.h"
 
 namespace tarnwick::qvx {
 
-namespace {
-
-constexpr std::uint32_t groupLength = 16;
-
-Result<HpkeKeys> writeHeader(const Point& recipient, EVP_PKEY* ephemeral, const ArchiveWriter::Sink& sink) {
-    if (!startCipherLibrary()) return Error{"the cipher library cannot be started", 0, {}};
-    const KeyHandle key = publicKeyFromPoint(recipient);
-    if (!key) return Error{"the recipient's key is not valid", 0, {}};
-    const KeyHandle generated = ephemeral ? nullptr : generatePrivateKey();
-    PlainHeader header{groupLength, sshFingerprint(recipient), {}};
-    const auto bound = encodePlainHeader(header);
-    const auto sender = ephemeral || generated
-                            ? hpkeSend(Aead::aes256Gcm, key.get(), ephemeral ? ephemeral : generated.get(),
-                                       Bytes(bound).first(boundHeaderSize))
-                            : std::nullopt;
-    if (!sender) return Error{"the keys of the archive cannot be made", 0, {}};
-    header.encapsulated = sender->encapsulated;
-    if (Status written = sink(encodePlainHeader(header)); !written) return written.error();
-    return sender->keys;
-}
-
-}  // namespace
-
-Result<ArchiveWriter> ArchiveWriter::open(const Point& recipient, unsigned sealers, Sink sink, EVP_PKEY* ephemeral) {
-    const auto keys = writeHeader(recipient, ephemeral, sink);
-    if (!keys) return keys.error();
-    return ArchiveWriter(std::make_unique<BlockStream>(*keys, groupLength, sealers, std::move(sink)));
+Result<ArchiveWriter> ArchiveWriter::open(std::span<const Point> recipients, unsigned sealers, Sink sink,
+                                          const ArchiveSecrets* secrets) {
+    if (!startCipherLibrary()) return Error{"the cipher library cannot be started"};
+    const auto made = secrets ? std::nullopt : randomSecrets();
+    if (!secrets && !made) return Error{"there are no random bytes for the keys of the archive"};
+    const ArchiveSecrets& used = secrets ? *secrets : *made;
+    auto header = sealHeader(used, recipients);
+    if (!header) return header.error();
+    const auto keys = deriveArchiveKeys(used.contentKey, used.salt);
+    if (!keys) return Error{"the keys of the archive cannot be made"};
+    if (Status written = sink(*header); !written) return written.error();
+    auto blocks = std::make_unique<BlockStream>(keys->block, sealers, sink);
+    return ArchiveWriter(std::move(*header), std::move(blocks), std::move(sink));
 }
 
 Result<std::vector<IncompleteEntry>> ArchiveWriter::write(const PathList& list, FieldMask fields, unsigned readers) {
     if (used_) return systemError(EINVAL);
     used_ = true;
     ArchiveEncoder encoder(*blocks_, fields, readers);
-    if (Status written = encoder.write(list, plainHeaderSize); !written) return written.error();
+    if (Status written = encoder.write(list); !written) return written.error();
+    // An archive is complete when its footer is written, and not earlier.
+    if (Status written = sink_(encodeFooter(header_)); !written) return written.error();
     return std::move(encoder.incomplete());
 }
 

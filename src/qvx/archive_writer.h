@@ -1,14 +1,15 @@
-// Writes an archive that is sealed to the holder of a P-256 private key. docs/qvx-format.md describes the format;
+// Writes an archive that is sealed to the holders of P-256 private keys. docs/qvx-format.md describes the format;
 // qvx/archive_reader.h reads it.
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "base/error.h"
 #include "base/handle.h"
-#include "qvx/crypto/hpke.h"
+#include "qvx/format/header_seal.h"
 #include "qvx/write/archive_encoder.h"
 #include "qvx/write/block_stream.h"
 #include "qvx/write/path_list.h"
@@ -24,10 +25,10 @@ public:
     using Sink = BlockStream::Sink;
 
     // Writes the header to `sink` and starts exactly `sealers` threads, which compress and seal, each with about 7 MiB
-    // of memory. Fails when `recipient` is not on the curve. `ephemeral` is the sender's key of this archive. If it
-    // is null, a new key is generated; only tests pass one, to get the same bytes every time.
-    static Result<ArchiveWriter> open(const Point& recipient, unsigned sealers, Sink sink,
-                                      EVP_PKEY* ephemeral = nullptr);
+    // of memory. Fails unless there are 1 to maxRecipients different recipients, all on the curve. If `secrets` is
+    // null, new ones are made; only tests pass them, to get the same bytes every time.
+    static Result<ArchiveWriter> open(std::span<const Point> recipients, unsigned sealers, Sink sink,
+                                      const ArchiveSecrets* secrets = nullptr);
 
     // Reads every entry of `list` from the disk with exactly `readers` threads and completes the archive; can be called
     // once. On success the whole archive has been given to the sink. A file that shrinks or grows while it is read is
@@ -40,8 +41,11 @@ public:
     Result<std::vector<IncompleteEntry>> write(const PathList& list, FieldMask fields, unsigned readers);
 
 private:
-    explicit ArchiveWriter(std::unique_ptr<BlockStream> blocks) : blocks_(std::move(blocks)) {}
+    ArchiveWriter(std::vector<std::uint8_t> header, std::unique_ptr<BlockStream> blocks, Sink sink)
+        : header_(std::move(header)), sink_(std::move(sink)), blocks_(std::move(blocks)) {}
 
+    std::vector<std::uint8_t> header_;
+    Sink sink_;
     std::unique_ptr<BlockStream> blocks_;
     bool used_ = false;
 };

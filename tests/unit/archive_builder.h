@@ -22,21 +22,23 @@ inline EVP_PKEY* recipient() {
     return key.get();
 }
 
-inline Result<std::unique_ptr<ArchiveReader>, ReadFault> openArchive(const ByteVector& bytes) {
-    auto file = archiveFile(bytes);
-    if (!file) return file.error();
-    return ArchiveReader::open(std::move(*file), recipient());
+inline std::vector<Point> recipients() { return {*publicPointOf(recipient())}; }
+
+inline Result<std::unique_ptr<ArchiveReader>, OpenFault> openArchive(
+    const ByteVector& bytes, EVP_PKEY* key = recipient(),
+    ArchiveReader::Opening opening = ArchiveReader::Opening::intact) {
+    return ArchiveReader::open(archiveFile(bytes), key, opening);
 }
 
 // What the archive writer makes of the listed files. Empty if it fails.
 inline ByteVector writeArchive(const PathList& list, FieldMask fields = allFields, EVP_PKEY* to = recipient(),
-                               EVP_PKEY* ephemeral = nullptr) {
+                               const ArchiveSecrets* secrets = nullptr) {
     ByteVector written;
     const auto sink = [&](Bytes bytes) {
         written.insert(written.end(), bytes.begin(), bytes.end());
         return Status();
     };
-    auto writer = ArchiveWriter::open(*publicPointOf(to), 4, sink, ephemeral);
+    auto writer = ArchiveWriter::open(std::vector{*publicPointOf(to)}, 4, sink, secrets);
     return writer->write(list, fields, 4) ? written : ByteVector();
 }
 
@@ -56,19 +58,18 @@ struct Tail {
 // All that is put into one block must fit.
 class ArchiveBuilder {
 public:
-    ArchiveBuilder() {
-        const KeyHandle ephemeral = generatePrivateKey();
-        const auto fingerprint = sshFingerprint(*publicPointOf(recipient()));
-        const auto header = encodePlainHeader({2, fingerprint, *publicPointOf(ephemeral.get())});
-        const Bytes bound = Bytes(header).first(boundHeaderSize);
-        file_.assign(header.begin(), header.end());
+    ArchiveBuilder() : ArchiveBuilder(leaderEvery(2)) {}
+    explicit ArchiveBuilder(LeaderChoice leaders) {
         const auto append = [this](Bytes block) {
-            file_.insert(file_.end(), block.begin(), block.end());
-            positions.push_back(file_.size());
+            blocks_.insert(blocks_.end(), block.begin(), block.end());
+            positions.push_back(fileHeader.size() + blocks_.size());
             return Status();
         };
-        stream_.emplace(hpkeSend(Aead::aes256Gcm, recipient(), ephemeral.get(), bound)->keys, 2, 1, append);
+        stream_.emplace(deriveArchiveKeys(secrets.contentKey, secrets.salt)->block, 1, append, std::move(leaders));
     }
+
+    const ArchiveSecrets secrets = std::move(*randomSecrets());
+    const ByteVector fileHeader = std::move(*sealHeader(secrets, recipients()));
 
     // Changes a payload before it is sealed.
     std::function<void(RecordType, ByteVector&)> forge = [](RecordType, ByteVector&) {};
@@ -125,7 +126,7 @@ public:
         if (part_.count() > 0) endIndexPart();
         static_cast<void>(endBlock().stream_->drain());
         stream_->stopUsingLeaders();
-        trailer_ = {file_.size(), stream_->block(), entries_, stream_->block() + 2};
+        trailer_ = {blocks_.size(), stream_->block(), entries_, stream_->block() + 2};
         root_.entries = entries_;
         root_.sealedLengths = stream_->sealedLengths();
         ByteVector payload;
@@ -138,20 +139,27 @@ public:
         const auto trailer = encodeTrailer(root().endBlock().trailer_);
         record(RecordType::trailer, {trailer.begin(), trailer.end()});
         static_cast<void>(stream_->finish({}));
-        return file_;
+        return archiveOf(fileHeader, blocks_);
+    }
+    static ByteVector archiveOf(const ByteVector& header, const ByteVector& blocks) {
+        ByteVector file = header;
+        file.insert(file.end(), blocks.begin(), blocks.end());
+        const auto footer = encodeFooter(header);
+        file.insert(file.end(), footer.begin(), footer.end());
+        return file;
     }
 
-    // Where the blocks begin in the file, and where it ends.
-    std::vector<std::size_t> positions{plainHeaderSize};
+    // Where the blocks begin in the file, and where the footer does.
+    std::vector<std::size_t> positions{fileHeader.size()};
 
 private:
-    ByteVector file_;
+    ByteVector blocks_;
     IndexPartEncoder part_;
     IndexEntry index_;
     ArchiveRoot root_;
     Trailer trailer_;
     std::uint64_t entries_ = 0;
-    std::optional<BlockStream> stream_;  // destroyed first, because it writes to the file
+    std::optional<BlockStream> stream_;  // destroyed first, because it appends blocks
 };
 
 }  // namespace tarnwick::test

@@ -64,7 +64,7 @@ protected:
     // What the writer said of the archive; a capture says nothing of incomplete files.
     std::optional<Creation> write(Writer writer) const {
         try {
-            if (writer == byQvx) return *createArchive({recipientLine, archive_, "", {source_}});
+            if (writer == byQvx) return *createArchive({{recipientLine}, archive_, "", {source_}});
             encryptFile(files_, recipientLine, archive_);
             return Creation::complete;
         } catch (const std::exception& error) {  // from qvx also the failed Result

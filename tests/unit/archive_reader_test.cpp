@@ -37,7 +37,8 @@ Reading read(By way, const ByteVector& bytes, std::string_view wanted = {}) {
     };
     const auto choice = [&](auto, std::string_view path) { return wanted.empty() || path == wanted; };
     CheckingSink sink;
-    const auto reader = openArchive(bytes);
+    using Opening = ArchiveReader::Opening;
+    const auto reader = openArchive(bytes, recipient(), way == By::salvage ? Opening::salvage : Opening::intact);
     const auto outcome = !reader              ? ReadOutcome(reader.error())
                          : way == By::salvage ? (*reader)->salvage(sink, report)
                          : way == By::index   ? (*reader)->readChosen(choice, sink)
@@ -57,9 +58,9 @@ struct SmallArchive {
         for (std::size_t i = 0; i + 1 < builder.positions.size(); ++i) blocks.emplace_back(at(i), at(i + 1));
     }
     [[nodiscard]] ByteVector with(const std::vector<ByteVector>& others) const {
-        ByteVector joined(bytes.begin(), bytes.begin() + plainHeaderSize);
+        ByteVector joined;
         for (const auto& block : others) joined.insert(joined.end(), block.begin(), block.end());
-        return joined;
+        return ArchiveBuilder::archiveOf(builder.fileHeader, joined);
     }
 
     ArchiveBuilder builder;
@@ -200,7 +201,7 @@ TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {
     const auto& positions = archive.builder.positions;
     // Blocks 0 and 2 lead 1 and 3; "three" is in block 2 and has its content in block 0.
     const std::vector<std::ptrdiff_t> needed[] = {{0}, {0, 1}, {0, 2}, {2, 3, 4}};
-    for (std::size_t at = plainHeaderSize; at < archive.bytes.size(); at += 3 * damageStep) {
+    for (std::size_t at = positions.front(); at < positions.back(); at += 3 * damageStep) {
         auto damaged = archive.bytes;
         damaged[at] ^= 0x40;
         const auto block = std::upper_bound(positions.begin(), positions.end(), at) - positions.begin() - 1;

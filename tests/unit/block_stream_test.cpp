@@ -28,18 +28,21 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
         for (std::size_t failing = 0; failing <= blocks; ++failing) {
             std::size_t calls = 0;
             file.clear();
-            BlockStream stream(HpkeKeys(), 3, workers, [&](Bytes bytes) {
-                EXPECT_EQ(decodeBlockHeader(bytes)->sequence, calls);  // and a race, if two are at the sink
-                file.insert(file.end(), bytes.begin(), bytes.end());
-                return calls++ == failing ? Status(tarnwick::systemError(ENOSPC)) : Status();
-            });
+            BlockStream stream(
+                MessageKeys(), workers,
+                [&](Bytes bytes) {
+                    EXPECT_EQ(decodeBlockHeader(bytes)->sequence, calls);  // and a race, if two are at the sink
+                    file.insert(file.end(), bytes.begin(), bytes.end());
+                    return calls++ == failing ? Status(tarnwick::systemError(ENOSPC)) : Status();
+                },
+                leaderEvery(3));
             fill(stream);
             EXPECT_EQ(bool(stream.finish(std::vector<std::uint8_t>(36))), failing == blocks);
             EXPECT_EQ(calls, std::min(failing + 1, blocks)) << "nothing is written behind a gap";
         }
         if (first.empty()) first = file;
         EXPECT_TRUE(file == first) << workers;
-        BlockStream unfinished(HpkeKeys(), 3, workers, [](Bytes) { return Status(); });
+        BlockStream unfinished(MessageKeys(), workers, [](Bytes) { return Status(); });
         fill(unfinished);
     }
     // What only the beginning of a leader holds is referred to as well, so the noise stands there three times.

@@ -41,6 +41,15 @@ ByteVector listing(const std::string& heading) {
 
 KeyHandle keyAfter(const std::string& heading) { return std::move(*parsePrivateKey(blockAfter(heading))); }
 
+// What the writer draws at random.
+ArchiveSecrets secretsOfThePage() {
+    ArchiveSecrets secrets;
+    std::ranges::copy(listing("The salt"), secrets.salt.begin());
+    std::ranges::copy(listing("The content key"), secrets.contentKey.bytes.begin());
+    secrets.ephemeral.push_back(keyAfter("The sender's ephemeral key"));
+    return secrets;
+}
+
 // Writes the files of the page's example into an archive. For a process of its own, which gets its own /mnt.
 ByteVector writeExample() {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
@@ -56,8 +65,9 @@ ByteVector writeExample() {
     const struct timespec time { 1767323045, 500000000 }, times[] = {time, time};
     const Seen paths{"/mnt", "/mnt/hello", "/mnt/again", "/mnt/link", "/mnt/sparse"};
     for (const auto& path : paths) ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    const auto secrets = secretsOfThePage();
     return writeArchive(guardedList(paths), *parseFieldKeys("UID,GID,MOD,MTM,DAT,SH2,SLC,CLC,HLC"),
-                        keyAfter("The recipient's key").get(), keyAfter("The sender's ephemeral key").get());
+                        keyAfter("The recipient's key").get(), &secrets);
 }
 
 TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
@@ -70,18 +80,19 @@ TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
     EXPECT_EQ(status, 0);
 
     const auto key = keyAfter("The recipient's key");
-    const Bytes header = Bytes(file).first(plainHeaderSize);
-    const auto keys =
-        hpkeReceive(Aead::aes256Gcm, key.get(), header.subspan(boundHeaderSize), header.first(boundHeaderSize));
-    ByteVector schedule(keys->key.begin(), keys->key.end());
-    schedule.insert(schedule.end(), keys->baseNonce.begin(), keys->baseNonce.end());
-    EXPECT_EQ(schedule, listing("HPKE's key schedule"));
-    std::size_t at = plainHeaderSize;
+    const auto header = decodeFileHeader(file);
+    const auto unsealed = unsealHeader(*header, Bytes(file).first(headerSize(1)), key.get());
+    const auto& keys = unsealed->keys;
+    ByteVector derived(keys.block.key.bytes.begin(), keys.block.key.bytes.end());
+    derived.insert(derived.end(), keys.block.baseNonce.begin(), keys.block.baseNonce.end());
+    derived.insert(derived.end(), keys.header.bytes.begin(), keys.header.bytes.end());
+    EXPECT_EQ(derived, listing("The derived keys"));
+    std::size_t at = headerSize(1);
     for (const char* heading : {"The plain bytes of block 0", "Of block 1", "Of block 2"}) {
         const auto block = decodeBlockHeader(Bytes(file).subspan(at));
         const auto sealed = MutableBytes(file).subspan(at + blockHeaderSize);
         ByteVector plain, shown = listing(heading);
-        ASSERT_EQ(BlockDecoder(*keys).decode(*block, sealed, {}, plain), BlockFault::none) << heading;
+        ASSERT_EQ(BlockDecoder(keys.block).decode(*block, sealed, {}, plain), BlockFault::none) << heading;
         shown.resize(plain.size());
         EXPECT_TRUE(shown == plain) << heading;
         at += blockHeaderSize + block->sealedLength;

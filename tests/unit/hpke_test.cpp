@@ -23,7 +23,7 @@ TEST(Hpke, GivesThePublishedCiphertextsAndOpensThem) {
     std::ifstream json(TEST_DATA "/hpke.json");
     std::map<std::string, std::string> fields;
     std::optional<HpkeSender> sender;
-    std::optional<HpkeKeys> receiver;
+    std::optional<MessageKeys> receiver;
     std::size_t messages = 0;
     const auto bytes = [&](const char* name) { return fromHex(fields.at(name)); };
     for (std::string name, value; json >> name;) {
@@ -44,9 +44,11 @@ TEST(Hpke, GivesThePublishedCiphertextsAndOpensThem) {
             message.resize(message.size() + tagSize);
             const MutableBytes plain = MutableBytes(message).first(message.size() - tagSize);
             const auto tag = MutableBytes(message).last<tagSize>();
-            ASSERT_TRUE(HpkeCipher(sender->keys, HpkeCipher::Direction::seal).seal(sequence, bytes("aad"), plain, tag));
+            ASSERT_TRUE(
+                MessageCipher(sender->keys, MessageCipher::Direction::seal).seal(sequence, bytes("aad"), plain, tag));
             EXPECT_EQ(message, bytes("ct")) << "message " << sequence;
-            ASSERT_TRUE(HpkeCipher(*receiver, HpkeCipher::Direction::open).open(sequence, bytes("aad"), plain, tag));
+            ASSERT_TRUE(
+                MessageCipher(*receiver, MessageCipher::Direction::open).open(sequence, bytes("aad"), plain, tag));
             EXPECT_TRUE(std::ranges::equal(plain, bytes("pt")));
             ++messages;
         }

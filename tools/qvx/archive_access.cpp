@@ -7,7 +7,6 @@
 #include <cstdio>
 
 #include "key_files.h"
-#include "qvx/crypto/ssh_key.h"
 
 namespace tarnwick::qvx {
 
@@ -21,11 +20,6 @@ std::string describe(const ReadFault& fault) {
     return text + fault.text;
 }
 
-CommandError otherKey(const std::string& archive, const Digest& recipient, const Digest& key) {
-    const auto text = "sealed to another key, " + fingerprintText(recipient) + "; this one is " + fingerprintText(key);
-    return {{text, 0, archive}, exitOtherKey};
-}
-
 }  // namespace
 
 void declareArchive(CommandOptions& command, std::string& archive) {
@@ -37,6 +31,10 @@ void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options) {
     declareArchive(command, options.archive);
 }
 
+void declareRecipients(CommandOptions& command, std::vector<std::string>& recipients) {
+    command.addRequired("-r,--recipient", recipients, "key line, or a file that holds one; may be repeated");
+}
+
 Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive) {
     // O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
     FileDescriptor descriptor(open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -46,23 +44,25 @@ Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::st
     return std::move(*file);
 }
 
-Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options) {
+Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options,
+                                                                 ArchiveReader::Opening opening) {
     auto file = openArchiveFile(options.archive);
     if (!file) return file.error();
     const auto key = loadPrivateKey(options.key);
     if (!key) return CommandError{key.error()};
-    const auto point = publicPointOf(key->get());
-    if (!point) return CommandError{{"the public part of the key cannot be read", 0, options.key}};
-    const auto fingerprint = sshFingerprint(*point);
-    const auto& recipient = (*file)->header().recipient;
-    if (fingerprint != recipient) return otherKey(options.archive, recipient, fingerprint);
-    auto reader = ArchiveReader::open(std::move(*file), key->get());
-    if (!reader) return archiveError(options.archive, reader.error());
+    auto reader = ArchiveReader::open(std::move(*file), key->get(), opening);
+    if (!reader) return openError(options.archive, reader.error());
     return std::move(*reader);
 }
 
 CommandError archiveError(const std::string& archive, const ReadFault& fault) {
     return {{describe(fault), fault.code, archive}};
+}
+
+CommandError openError(const std::string& archive, const OpenFault& fault) {
+    auto error = archiveError(archive, fault);
+    if (fault.otherKey) error.status = exitOtherKey;
+    return error;
 }
 
 CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome) {

@@ -18,15 +18,18 @@ struct ArchiveOptions {
 // Declares the options; PATH arguments may be declared after them. `options` must outlive the parsing.
 void declareArchive(CommandOptions& command, std::string& archive);
 void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options);
+void declareRecipients(CommandOptions& command, std::vector<std::string>& recipients);
 
-// The archive without its key: only the plain header can be read.
+// The archive without its key: only the header can be read.
 Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive);
 
-// Asks for the passphrase of the key if it has one. Another key than the recipient's gives exitOtherKey.
-Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options);
+// Asks for the passphrase of the key if it has one. A key that is not a recipient's gives exitOtherKey.
+Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(
+    const ArchiveOptions& options, ArchiveReader::Opening opening = ArchiveReader::Opening::intact);
 
 // The fault in the form of a message about the archive: "ENTRY: block 3 at position 4711: TEXT".
 CommandError archiveError(const std::string& archive, const ReadFault& fault);
+CommandError openError(const std::string& archive, const OpenFault& fault);
 
 // Flushes standard output and returns how the command ended: its output counts only when all of it was written.
 CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome);

@@ -16,6 +16,10 @@ void CommandOptions::addRequired(const char* names, std::string& value, const ch
     command_.add_option(names, value, help)->required();
 }
 
+void CommandOptions::addRequired(const char* names, std::vector<std::string>& values, const char* help) {
+    command_.add_option(names, values, help)->required()->allow_extra_args(false);
+}
+
 void CommandOptions::addFlag(const char* names, bool& flag, const char* help) { command_.add_flag(names, flag, help); }
 
 void CommandOptions::exclude(const char* first, const char* second) {

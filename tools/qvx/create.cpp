@@ -14,6 +14,7 @@
 #include <optional>
 #include <thread>
 
+#include "archive_access.h"
 #include "commands.h"
 #include "key_files.h"
 #include "qvx/archive_writer.h"
@@ -170,7 +171,7 @@ struct UnfinishedOutput {
     bool removable;
 };
 
-Result<std::vector<IncompleteEntry>> writeArchive(const PathList& list, const Point& recipient,
+Result<std::vector<IncompleteEntry>> writeArchive(const PathList& list, std::span<const Point> recipients,
                                                   const std::string& output, bool existed) {
     UnfinishedOutput unfinished{output, !existed};
     const auto file = openArchiveForWriting(output, O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -178,19 +179,20 @@ Result<std::vector<IncompleteEntry>> writeArchive(const PathList& list, const Po
     unfinished.removable = true;
     // More sealers than cores only evict one another's data from the caches.
     const unsigned sealers = std::clamp(std::thread::hardware_concurrency(), 1U, maxSealers);
-    auto writer = ArchiveWriter::open(recipient, sealers, fileSink(file->get(), output));
+    auto writer = ArchiveWriter::open(recipients, sealers, fileSink(file->get(), output));
     if (!writer) return writer.error();
     auto incomplete = writer->write(list, allFields, readers);
     unfinished.removable = !incomplete;
     return incomplete;
 }
 
-Result<Creation> create(const Point& recipient, const CreateOptions& options) {
-    if (!startCipherLibrary() || !publicKeyFromPoint(recipient)) return Error{"the recipient's key is not valid"};
+Result<Creation> create(std::span<const Point> recipients, const CreateOptions& options) {
+    // Before an existing archive is overwritten.
+    if (Status checked = checkRecipients(recipients); !checked) return checked.error();
     const auto before = identify(options.output);
     Collection collection(before);
     if (Status collected = collect(collection, options); !collected) return collected.error();
-    const auto incomplete = writeArchive(collection.list(), recipient, options.output, before.has_value());
+    const auto incomplete = writeArchive(collection.list(), recipients, options.output, before.has_value());
     if (!incomplete) return incomplete.error();
     for (const auto& [number, error] : *incomplete)
         reportError(escapedName(collection.list().pathOf(number)) + ": stored as incomplete", error);
@@ -200,9 +202,9 @@ Result<Creation> create(const Point& recipient, const CreateOptions& options) {
 }  // namespace
 
 Result<Creation> createArchive(const CreateOptions& options) {
-    const auto recipient = loadRecipient(options.recipient);
-    if (!recipient) return recipient.error();
-    return create(*recipient, options);
+    const auto recipients = loadRecipients(options.recipients);
+    if (!recipients) return recipients.error();
+    return create(*recipients, options);
 }
 
 namespace {
@@ -219,7 +221,7 @@ CommandResult runCreate(const CreateOptions& options) {
 
 CommandRun declareCreate(CommandOptions& command) {
     const auto options = std::make_shared<CreateOptions>();
-    command.addRequired("-r,--recipient", options->recipient, "key line, or a file that holds one");
+    declareRecipients(command, options->recipients);
     command.addRequired("-o,--output", options->output, "the archive to make");
     command.add("--files0-from", options->namesFrom, "file of names ending with a zero byte, - for input");
     command.add("PATH", options->paths, "what to put in; directories with all below them");

@@ -9,7 +9,7 @@
 namespace tarnwick::qvx {
 
 struct CreateOptions {
-    std::string recipient;
+    std::vector<std::string> recipients;  // key lines or files
     std::string output;
     std::string namesFrom;  // a file of names that end with a zero byte, "-" for standard input, empty for none
     std::vector<std::string> paths;

@@ -93,7 +93,8 @@ bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, Dis
 CommandResult runExtract(const ExtractionOptions& options) {
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
-    const auto reader = openArchive(options);
+    using Opening = ArchiveReader::Opening;
+    const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact);
     if (!reader) return reader.error();
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,

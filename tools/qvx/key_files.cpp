@@ -10,7 +10,7 @@
 
 #include "base/file_reading.h"
 #include "base/visible_text.h"
-#include "qvx/archive_writer.h"
+#include "new_file.h"
 #include "qvx/crypto/ssh_key.h"
 
 namespace tarnwick::qvx {
@@ -30,43 +30,19 @@ Result<std::string> readKeyFile(const std::string& path) {
     return text;
 }
 
-// A new file, which must not exist yet; the destructor removes it unless keep() was called.
-class NewFile {
-public:
-    NewFile(std::string path, mode_t mode)
-        : path_(std::move(path)), descriptor_(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)) {
-        if (!descriptor_) made_ = systemError(errno, path_);
-    }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-    ~NewFile() {
-        if (descriptor_ && !kept_) unlink(path_.c_str());
-    }
-
-    [[nodiscard]] const Status& made() const { return made_; }
-    Status fill(std::string_view text) {
-        const auto write = fileSink(descriptor_.get(), path_);
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-        if (auto written = write({bytes, text.size()}); !written) return written;
-        return fsync(descriptor_.get()) == 0 ? Status() : systemError(errno, path_);
-    }
-    void keep() { kept_ = true; }
-
-private:
-    std::string path_;
-    FileDescriptor descriptor_;
-    Status made_;
-    bool kept_ = false;
-};
-
 Status writeKeyFiles(const std::string& name, std::string_view pem, std::string_view line) {
     // Both are made before either is filled, so that an existing file of either name is noticed first.
     NewFile privateFile(name + ".pem", 0600);
     if (!privateFile.made()) return privateFile.made();
     NewFile publicFile(name + ".pub", 0644);
     if (!publicFile.made()) return publicFile.made();
-    if (auto filled = privateFile.fill(pem); !filled) return filled;
-    if (auto filled = publicFile.fill(line); !filled) return filled;
+    const auto bytes = [](std::string_view text) {
+        return Bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    };
+    if (auto filled = privateFile.append(bytes(pem)); !filled) return filled;
+    if (auto filled = publicFile.append(bytes(line)); !filled) return filled;
+    if (auto synced = privateFile.sync(); !synced) return synced;
+    if (auto synced = publicFile.sync(); !synced) return synced;
     privateFile.keep();
     publicFile.keep();
     return {};
@@ -94,6 +70,8 @@ Result<KeyHandle> loadPrivateKey(const std::string& path) {
     return key;
 }
 
+namespace {
+
 Result<Point> loadRecipient(const std::string& lineOrPath) {
     if (auto point = parseSshKeyLine(lineOrPath)) return *point;
     // A damaged key line is not tried as a path: "No such file" would not say what is wrong.
@@ -104,6 +82,18 @@ Result<Point> loadRecipient(const std::string& lineOrPath) {
     const auto point = firstKeyLine(*text);
     if (!point) return Error{"no ecdsa-sha2-nistp256 key line in this file", 0, lineOrPath};
     return *point;
+}
+
+}  // namespace
+
+Result<std::vector<Point>> loadRecipients(const std::vector<std::string>& linesOrPaths) {
+    std::vector<Point> recipients;
+    for (const auto& lineOrPath : linesOrPaths) {
+        const auto recipient = loadRecipient(lineOrPath);
+        if (!recipient) return recipient.error();
+        recipients.push_back(*recipient);
+    }
+    return recipients;
 }
 
 Result<Digest> makeKeyFiles(const std::string& name) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "qvx/crypto/private_key.h"
 
@@ -10,8 +11,8 @@ namespace tarnwick::qvx {
 // Reads the private key at `path` ("-" is standard input); asks for its passphrase on the terminal.
 Result<KeyHandle> loadPrivateKey(const std::string& path);
 
-// The recipient named on the command line: an SSH key line, or a file whose first such line is used.
-Result<Point> loadRecipient(const std::string& lineOrPath);
+// The recipients named on the command line: each is an SSH key line, or a file whose first such line is used.
+Result<std::vector<Point>> loadRecipients(const std::vector<std::string>& linesOrPaths);
 
 // Creates NAME.pem (0600) and NAME.pub, neither of which may exist, and returns the fingerprint of the key. On failure
 // neither is left.

@@ -4,14 +4,13 @@
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
-#include <openssl/kdf.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
 
-#include <algorithm>
-#include <new>
 #include <string_view>
 #include <vector>
+
+#include "qvx/crypto/hkdf.h"
 
 namespace tarnwick::qvx {
 
@@ -23,8 +22,6 @@ using CurveGroup = std::unique_ptr<EC_GROUP, FreeWith<EC_GROUP_free>>;
 using CurvePoint = std::unique_ptr<EC_POINT, FreeWith<EC_POINT_free>>;
 using ParamBuilder = std::unique_ptr<OSSL_PARAM_BLD, FreeWith<OSSL_PARAM_BLD_free>>;
 using Params = std::unique_ptr<OSSL_PARAM, FreeWith<OSSL_PARAM_free>>;
-using Kdf = std::unique_ptr<EVP_KDF, FreeWith<EVP_KDF_free>>;
-using KdfContext = std::unique_ptr<EVP_KDF_CTX, FreeWith<EVP_KDF_CTX_free>>;
 
 // The numbers of DHKEM(P-256, HKDF-SHA256) and HKDF-SHA256 in RFC 9180, section 7.
 constexpr std::uint16_t kemId = 0x0010;
@@ -55,26 +52,6 @@ private:
     std::vector<std::uint8_t> bytes_;
 };
 
-OSSL_PARAM octets(const char* name, Bytes bytes) {
-    static std::uint8_t nothing = 0;  // OpenSSL refuses an empty string whose pointer is null
-    return OSSL_PARAM_construct_octet_string(name, bytes.empty() ? &nothing : const_cast<std::uint8_t*>(bytes.data()),
-                                             bytes.size());
-}
-
-bool hkdf(int mode, Bytes salt, Bytes key, Bytes info, MutableBytes out) {
-    // Fetched once: a fetch searches the providers.
-    static const Kdf kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr));
-    const KdfContext context(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
-    if (!context) return false;
-    char digest[] = "SHA256";
-    const OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_int(OSSL_KDF_PARAM_MODE, &mode),
-        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0), octets(OSSL_KDF_PARAM_KEY, key),
-        mode == EVP_KDF_HKDF_MODE_EXTRACT_ONLY ? octets(OSSL_KDF_PARAM_SALT, salt) : octets(OSSL_KDF_PARAM_INFO, info),
-        OSSL_PARAM_construct_end()};
-    return EVP_KDF_derive(context.get(), out.data(), out.size(), params) == 1;
-}
-
 // LabeledExtract and LabeledExpand of RFC 9180, section 4, under one suite identifier.
 class LabeledKdf {
 public:
@@ -87,7 +64,7 @@ public:
         labeled.append(suite_);
         labeled.append(label);
         labeled.append(material);
-        return hkdf(EVP_KDF_HKDF_MODE_EXTRACT_ONLY, salt, labeled.bytes(), {}, out);
+        return hkdfExtract(salt, labeled.bytes(), out);
     }
 
     // The buffer contains nothing secret here, so it may grow: the key is passed on its own.
@@ -98,7 +75,7 @@ public:
         labeled.append(suite_);
         labeled.append(label);
         labeled.append(info);
-        return hkdf(EVP_KDF_HKDF_MODE_EXPAND_ONLY, {}, key, labeled.bytes(), out);
+        return hkdfExpand(key, labeled.bytes(), out);
     }
 
 private:
@@ -148,17 +125,17 @@ bool sharedSecret(EVP_PKEY* own, EVP_PKEY* peer, Bytes encapsulated, Bytes recip
 }
 
 // KeySchedule of RFC 9180, section 5.1, in base mode: no pre-shared key.
-std::optional<HpkeKeys> keySchedule(Aead aead, const Secret& shared, Bytes info) {
+std::optional<MessageKeys> keySchedule(Aead aead, const Secret& shared, Bytes info) {
     const LabeledKdf kdf = scheduleKdf(aead);
     std::array<std::uint8_t, 1 + 32 + 32> context{};  // the mode (0 = base) and two hashes
     const MutableBytes pskIdHash(context.data() + 1, 32);
     const MutableBytes infoHash(context.data() + 33, 32);
     Secret secret(32);
-    HpkeKeys keys;
+    MessageKeys keys;
     keys.aead = aead;
     const bool done = kdf.extract({}, "psk_id_hash", {}, pskIdHash) && kdf.extract({}, "info_hash", info, infoHash) &&
                       kdf.extract(shared.bytes(), "secret", {}, {secret.data(), secret.size()}) &&
-                      kdf.expand(secret.bytes(), "key", context, {keys.key.data(), keySize(aead)}) &&
+                      kdf.expand(secret.bytes(), "key", context, {keys.key.bytes.data(), keySize(aead)}) &&
                       kdf.expand(secret.bytes(), "base_nonce", context, keys.baseNonce);
     if (!done) return std::nullopt;
     return keys;
@@ -236,8 +213,6 @@ std::optional<Point> publicPointOf(EVP_PKEY* key) {
     return point;
 }
 
-HpkeKeys::~HpkeKeys() { OPENSSL_cleanse(key.data(), key.size()); }
-
 // Each archive must have another ephemeral key: sequence numbers, and so nonces, repeat in every archive.
 std::optional<HpkeSender> hpkeSend(Aead aead, EVP_PKEY* recipient, EVP_PKEY* ephemeral, Bytes info) {
     const auto recipientPoint = publicPointOf(recipient);
@@ -250,63 +225,13 @@ std::optional<HpkeSender> hpkeSend(Aead aead, EVP_PKEY* recipient, EVP_PKEY* eph
     return HpkeSender{*encapsulated, *keys};
 }
 
-std::optional<HpkeKeys> hpkeReceive(Aead aead, EVP_PKEY* recipient, Bytes encapsulated, Bytes info) {
+std::optional<MessageKeys> hpkeReceive(Aead aead, EVP_PKEY* recipient, Bytes encapsulated, Bytes info) {
     const auto recipientPoint = publicPointOf(recipient);
     const KeyHandle sender = publicKeyFromPoint(encapsulated);
     Secret shared(32);
     if (!recipientPoint || !sender || !sharedSecret(recipient, sender.get(), encapsulated, *recipientPoint, shared))
         return std::nullopt;
     return keySchedule(aead, shared, info);
-}
-
-HpkeCipher::HpkeCipher(const HpkeKeys& keys, Direction direction)
-    : cipher_(EVP_CIPHER_CTX_new()), baseNonce_(keys.baseNonce), direction_(direction) {
-    const EVP_CIPHER* kind = keys.aead == Aead::aes128Gcm ? EVP_aes_128_gcm() : EVP_aes_256_gcm();
-    if (!cipher_ || EVP_CipherInit_ex(cipher_.get(), kind, nullptr, keys.key.data(), nullptr,
-                                      direction == Direction::seal ? 1 : 0) != 1)
-        // AES-GCM is part of every OpenSSL, so only memory can be missing.
-        throw std::bad_alloc();
-}
-
-// The nonce of a message is the base nonce XOR its sequence number (RFC 9180, section 5.2). Null pointers and -1 keep
-// cipher, key and direction, so that the key is not expanded again for each block.
-bool HpkeCipher::start(std::uint64_t sequence, Bytes additional) {
-    auto nonce = baseNonce_;
-    for (std::size_t i = 0; i < 8; ++i) nonce[nonce.size() - 1 - i] ^= static_cast<std::uint8_t>(sequence >> (8 * i));
-    int length = 0;
-    return EVP_CipherInit_ex(cipher_.get(), nullptr, nullptr, nullptr, nonce.data(), -1) == 1 &&
-           EVP_CipherUpdate(cipher_.get(), nullptr, &length, additional.data(), static_cast<int>(additional.size())) ==
-               1;
-}
-
-// GCM is a stream cipher: it works in place, and the output has the length of the input.
-bool HpkeCipher::run(MutableBytes message) {
-    int length = 0;
-    return EVP_CipherUpdate(cipher_.get(), message.data(), &length, message.data(), static_cast<int>(message.size())) ==
-               1 &&
-           length == static_cast<int>(message.size());
-}
-
-bool HpkeCipher::seal(std::uint64_t sequence, Bytes additional, MutableBytes message,
-                      std::span<std::uint8_t, tagSize> tag) {
-    std::uint8_t unused = 0;
-    int length = 0;
-    return direction_ == Direction::seal && start(sequence, additional) && run(message) &&
-           EVP_CipherFinal_ex(cipher_.get(), &unused, &length) == 1 &&
-           EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(tagSize), tag.data()) == 1;
-}
-
-bool HpkeCipher::open(std::uint64_t sequence, Bytes additional, MutableBytes message,
-                      std::span<const std::uint8_t, tagSize> tag) {
-    // A copy, because OpenSSL has no const in the type of this argument.
-    std::array<std::uint8_t, tagSize> expected{};
-    std::copy(tag.begin(), tag.end(), expected.begin());
-    std::uint8_t unused = 0;
-    int length = 0;
-    return direction_ == Direction::open && start(sequence, additional) && run(message) &&
-           EVP_CIPHER_CTX_ctrl(cipher_.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tagSize), expected.data()) == 1 &&
-           // The tag is compared only here. Until then, the decrypted bytes may be forged.
-           EVP_CipherFinal_ex(cipher_.get(), &unused, &length) == 1;
 }
 
 }  // namespace tarnwick::qvx

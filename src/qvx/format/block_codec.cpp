@@ -14,6 +14,13 @@ namespace {
 
 constexpr int compressionLevel = 3;
 
+// How every frame begins: a single segment of blockSize bytes, without a checksum and without a dictionary identifier.
+constexpr std::array<std::uint8_t, 9> frameHead{0x28, 0xb5, 0x2f, 0xfd, 0xa0, 0x00, 0x00, 0x10, 0x00};
+
+bool hasFrameHead(Bytes frame) {
+    return frame.size() >= frameHead.size() && std::equal(frameHead.begin(), frameHead.end(), frame.begin());
+}
+
 // Whether the block is like noise, which cannot be compressed: the byte values are distributed almost evenly in each of
 // a few samples. One sample that differs is enough to compress the block.
 bool looksLikeNoise(Bytes plain) {
@@ -30,6 +37,12 @@ bool looksLikeNoise(Bytes plain) {
         if (squares > evenSquares + 3 * 255 * 16) return false;
     }
     return true;
+}
+
+bool flagsAgree(std::uint8_t flags) {
+    constexpr std::uint8_t known = blockLast | blockCompressed | blockWithDictionary | blockLeader;
+    if (flags & ~known || (flags & blockLast && flags != blockLast)) return false;
+    return !(flags & blockWithDictionary) || (flags & blockCompressed && !(flags & blockLeader));
 }
 
 // For a block with its dictionary right before it in memory. Both are whole blocks.
@@ -49,6 +62,7 @@ std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& h
     putLittleEndian<3>(bytes.data() + 4, header.sealedLength);
     bytes[7] = header.flags;
     putLittleEndian<8>(bytes.data() + 8, header.sequence);
+    putLittleEndian<8>(bytes.data() + 16, header.leader);
     return bytes;
 }
 
@@ -59,13 +73,12 @@ std::optional<BlockHeader> decodeBlockHeader(Bytes bytes) {
     header.sealedLength = static_cast<std::uint32_t>(getLittleEndian<3>(bytes.data() + 4));
     header.flags = bytes[7];
     header.sequence = getLittleEndian<8>(bytes.data() + 8);
-    const bool last = header.flags & blockLast;
-    const bool compressed = header.flags & blockCompressed;
-    const bool withDictionary = header.flags & blockWithDictionary;
-    const bool known = !(header.flags & ~(blockLast | blockCompressed | blockWithDictionary));
-    if (!known || (withDictionary && !compressed) || (last && compressed) || header.sealedLength <= tagSize ||
-        header.sealedLength > blockSize + tagSize)
-        return std::nullopt;
+    header.leader = getLittleEndian<8>(bytes.data() + 16);
+    const bool inRange =
+        header.sealedLength > tagSize && header.sealedLength <= blockSize + tagSize && header.sequence < maxBlocks;
+    // A leader that comes later could need this block in turn.
+    const bool hasLeader = header.needsLeader() ? header.leader < header.sequence : header.leader == 0;
+    if (!inRange || !hasLeader || !flagsAgree(header.flags)) return std::nullopt;
     return header;
 }
 
@@ -75,20 +88,23 @@ BlockEncoder::Compressor::Compressor(std::size_t size)
     if (!context_) throw std::bad_alloc();
 }
 
-BlockEncoder::BlockEncoder(const HpkeKeys& keys)
-    : cipher_(keys, HpkeCipher::Direction::seal),
+BlockEncoder::BlockEncoder(const MessageKeys& keys)
+    : cipher_(keys, MessageCipher::Direction::seal),
       region_(2 * blockSize),
       prepared_(ZSTD_estimateCCtxSize_usingCParams(dictionaryParameters().cParams)),
       compressor_(ZSTD_estimateCCtxSize(compressionLevel)) {}
 
-std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
-                                 std::uint8_t* out) {
+std::size_t BlockEncoder::encode(std::uint64_t sequence, const BlockRole& role, Bytes plain, std::uint8_t* out) {
     std::uint8_t* stored = out + blockHeaderSize;
-    BlockHeader header{0, last ? blockLast : std::uint8_t{0}, sequence};
+    BlockHeader header{0, 0, sequence};
+    if (role.last) header.flags = blockLast;
+    if (role.leads) header.flags = blockLeader;
     // The last block is never compressed: its length is fixed, so that a reader finds it from the end of the file.
-    std::size_t length = last || looksLikeNoise(plain) ? 0 : compress(plain, dictionary, stored);
+    std::size_t length = role.last || looksLikeNoise(plain) ? 0 : compress(plain, role.leader, stored);
     if (length > 0) {
-        header.flags = dictionary ? blockCompressed | blockWithDictionary : blockCompressed;
+        header.flags |= blockCompressed;
+        if (role.leader) header.flags |= blockWithDictionary;
+        if (role.leader) header.leader = role.leader->leader;
     } else {
         std::copy(plain.begin(), plain.end(), stored);
         length = plain.size();
@@ -101,16 +117,16 @@ std::size_t BlockEncoder::encode(std::uint64_t sequence, bool last, Bytes plain,
 }
 
 // Returns 0 when the block does not shrink: `out` is one byte shorter than the block, and zstd fails when it is full.
-std::size_t BlockEncoder::compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out) {
+std::size_t BlockEncoder::compress(Bytes plain, const Dictionary* dictionary, std::uint8_t* out) {
     const std::size_t length = dictionary ? compressAfterDictionary(*dictionary, plain, out)
                                           : ZSTD_compressCCtx(compressor_.context(), out, plain.size() - 1,
                                                               plain.data(), plain.size(), compressionLevel);
-    return ZSTD_isError(length) ? 0 : length;
+    return ZSTD_isError(length) || !hasFrameHead({out, length}) ? 0 : length;
 }
 
 // Copies the block to the place right after its dictionary, because zstd is a seventh faster on one contiguous region
 // than with a dictionary elsewhere. That saves more time than the copies take.
-std::size_t BlockEncoder::compressAfterDictionary(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out) {
+std::size_t BlockEncoder::compressAfterDictionary(const Dictionary& dictionary, Bytes plain, std::uint8_t* out) {
     if (!loadDictionary(dictionary)) return 0;
     const std::size_t copied = ZSTD_copyCCtx(compressor_.context(), prepared_.context(), plain.size());
     if (ZSTD_isError(copied)) return 0;
@@ -121,8 +137,8 @@ std::size_t BlockEncoder::compressAfterDictionary(const GroupDictionary& diction
 
 // A ZSTD_CDict would give the same result but takes three times as long to make: it indexes every position of the
 // dictionary, this function every third. zstd would parse bytes that begin with the magic number of its own dictionary
-// format; a leader begins with a record header, which never equals that number.
-bool BlockEncoder::loadDictionary(const GroupDictionary& dictionary) {
+// format; a leader begins with a record header, which never equals that number. (Readers do not look for it.)
+bool BlockEncoder::loadDictionary(const Dictionary& dictionary) {
     if (loaded_ == dictionary.leader) return true;
     loaded_.reset();
     const std::size_t size = dictionary.bytes.size();
@@ -134,8 +150,8 @@ bool BlockEncoder::loadDictionary(const GroupDictionary& dictionary) {
     return loaded_.has_value();
 }
 
-BlockDecoder::BlockDecoder(const HpkeKeys& keys)
-    : cipher_(keys, HpkeCipher::Direction::open), decompressor_(ZSTD_createDCtx()) {
+BlockDecoder::BlockDecoder(const MessageKeys& keys)
+    : cipher_(keys, MessageCipher::Direction::open), decompressor_(ZSTD_createDCtx()) {
     if (!decompressor_) throw std::bad_alloc();
 }
 
@@ -153,19 +169,17 @@ BlockFault BlockDecoder::decode(const BlockHeader& header, MutableBytes sealed, 
     } catch (const std::bad_alloc&) {
         return BlockFault::memory;
     }
-    const bool last = header.flags & blockLast;
     // Only the last block may be shorter than the others.
-    return last == (plain.size() < blockSize) ? BlockFault::none : BlockFault::content;
+    return header.last() == (plain.size() < blockSize) ? BlockFault::none : BlockFault::content;
 }
 
 bool BlockDecoder::decompress(const BlockHeader& header, Bytes frame, Bytes leader, std::vector<std::uint8_t>& plain) {
-    // The frame must be the only one and must state its size, so that zstd never writes more than one block.
-    if (ZSTD_getFrameContentSize(frame.data(), frame.size()) != blockSize ||
-        ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size())
-        return false;
+    // The head states the size, so zstd never writes more than one block.
+    if (!hasFrameHead(frame) || ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size()) return false;
     plain.resize(blockSize);
-    const Bytes dictionary = header.flags & blockWithDictionary ? leader : Bytes{};
+    const Bytes dictionary = header.needsLeader() ? leader : Bytes{};
     ZSTD_DCtx_reset(decompressor_.get(), ZSTD_reset_session_and_parameters);
+    // A prefix is always raw content, also if it begins with the magic number of a trained dictionary.
     if (ZSTD_isError(ZSTD_DCtx_refPrefix(decompressor_.get(), dictionary.data(), dictionary.size()))) return false;
     return ZSTD_decompressDCtx(decompressor_.get(), plain.data(), plain.size(), frame.data(), frame.size()) ==
            blockSize;

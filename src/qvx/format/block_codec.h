@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/handle.h"
-#include "qvx/crypto/hpke.h"
+#include "qvx/crypto/message_cipher.h"
 #include "qvx/format/format.h"
 
 namespace tarnwick::qvx {
@@ -19,18 +19,30 @@ struct BlockHeader {
     std::uint32_t sealedLength = 0;  // tag included
     std::uint8_t flags = 0;
     std::uint64_t sequence = 0;
+    std::uint64_t leader = 0;  // sequence number; 0 without blockWithDictionary
+
+    [[nodiscard]] bool last() const { return flags & blockLast; }
+    [[nodiscard]] bool leads() const { return flags & blockLeader; }
+    [[nodiscard]] bool needsLeader() const { return flags & blockWithDictionary; }
 };
 
 std::array<std::uint8_t, blockHeaderSize> encodeBlockHeader(const BlockHeader& header);
 
-// None when the bytes are not a block header: too few, a wrong magic, an impossible length, or flags that contradict
-// each other.
+// None when the bytes are not a block header: too few, a wrong magic, an impossible length or number, flags that
+// contradict each other, or a leader that does not come before the block.
 std::optional<BlockHeader> decodeBlockHeader(Bytes bytes);
 
-// The dictionary of a group: the plain bytes of its leader.
-struct GroupDictionary {
+// The plain bytes of a leader, which later blocks are compressed with.
+struct Dictionary {
     std::uint64_t leader = 0;  // sequence number; an encoder compares it to see whether it has loaded this dictionary
     std::vector<std::uint8_t> bytes;
+};
+
+// Which place a block has in the archive.
+struct BlockRole {
+    bool last = false;
+    bool leads = false;
+    const Dictionary* leader = nullptr;  // null for none
 };
 
 // Compresses and seals. One thread at a time.
@@ -40,18 +52,17 @@ public:
     static constexpr std::size_t capacity = blockHeaderSize + blockSize + tagSize;
 
     // Throws std::bad_alloc.
-    explicit BlockEncoder(const HpkeKeys& keys);
+    explicit BlockEncoder(const MessageKeys& keys);
 
     // Writes the header and the sealed bytes of one block to `out` (`capacity` bytes) and returns their length; 0 on a
-    // failure of the libraries. `dictionary` is null for a leader and for a block that must not depend on its leader.
-    // The last block is not compressed.
-    std::size_t encode(std::uint64_t sequence, bool last, Bytes plain, const GroupDictionary* dictionary,
-                       std::uint8_t* out);
+    // failure of the libraries. A leader and the last block must have no leader. The last block is not compressed, nor
+    // is one that does not become smaller.
+    std::size_t encode(std::uint64_t sequence, const BlockRole& role, Bytes plain, std::uint8_t* out);
 
 private:
-    std::size_t compress(Bytes plain, const GroupDictionary* dictionary, std::uint8_t* out);
-    std::size_t compressAfterDictionary(const GroupDictionary& dictionary, Bytes plain, std::uint8_t* out);
-    bool loadDictionary(const GroupDictionary& dictionary);
+    std::size_t compress(Bytes plain, const Dictionary* dictionary, std::uint8_t* out);
+    std::size_t compressAfterDictionary(const Dictionary& dictionary, Bytes plain, std::uint8_t* out);
+    bool loadDictionary(const Dictionary& dictionary);
 
     // The context is in memory that we allocate: ZSTD_copyCCtx crashes if zstd cannot allocate memory for the copy.
     class Compressor {
@@ -64,7 +75,7 @@ private:
         ZSTD_CCtx* context_;
     };
 
-    HpkeCipher cipher_;
+    MessageCipher cipher_;
     std::vector<std::uint8_t> region_;  // the dictionary, and the block right after it
     std::optional<std::uint64_t> loaded_;
     Compressor prepared_;  // has loaded the dictionary `loaded_`, and is copied for each block
@@ -81,7 +92,7 @@ enum class BlockFault {
 // Unseals and decompresses. One thread at a time.
 class BlockDecoder {
 public:
-    explicit BlockDecoder(const HpkeKeys& keys);
+    explicit BlockDecoder(const MessageKeys& keys);
 
     // Unseals `sealed` (header.sealedLength bytes) in place and puts the plain block into `plain`. `leader` is the
     // plain block of the leader, needed only when the flags say so.
@@ -90,7 +101,7 @@ public:
 private:
     bool decompress(const BlockHeader& header, Bytes frame, Bytes leader, std::vector<std::uint8_t>& plain);
 
-    HpkeCipher cipher_;
+    MessageCipher cipher_;
     std::unique_ptr<ZSTD_DCtx, FreeWith<ZSTD_freeDCtx>> decompressor_;
 };
 

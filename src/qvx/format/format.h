@@ -13,19 +13,28 @@ inline constexpr std::array<std::uint8_t, 8> fileMagic{0x89, 0x51, 0x56, 0x58, 0
 inline constexpr std::uint16_t formatVersion = 1;
 inline constexpr std::uint16_t profileHpke = 3;
 inline constexpr std::uint32_t compressionZstd = 2049;
-inline constexpr std::uint64_t streamFlags = 0xC000000000000000;  // sealed to a recipient, indexed
+inline constexpr std::uint64_t streamFlags = 0xC000000000000000;  // sealed to recipients, indexed
 inline constexpr std::uint32_t blockSize = 1048576;
-inline constexpr std::size_t plainHeaderSize = 129;
-inline constexpr std::size_t boundHeaderSize = 64;  // the part of the plain header that HPKE binds as `info`
+inline constexpr std::size_t maxRecipients = 16;
+inline constexpr std::size_t fixedHeaderSize = 64;  // of the header, up to the recipients; HPKE binds it as `info`
+inline constexpr std::size_t recipientSize = 145;
+inline constexpr std::size_t headerTagSize = 32;
+constexpr std::size_t headerSize(std::size_t recipients) {
+    return fixedHeaderSize + recipients * recipientSize + headerTagSize;
+}
+
+// The footer is a copy of the header, its length and the end mark.
+inline constexpr std::array<std::uint8_t, 8> endMark{0x89, 0x51, 0x56, 0x58, 0x45, 0x4e, 0x44, 0x0a};
+inline constexpr std::size_t footerEndSize = 4 + endMark.size();
 
 inline constexpr std::array<std::uint8_t, 4> blockMagic{0x51, 0x56, 0x58, 0x42};
-inline constexpr std::size_t blockHeaderSize = 16;
+inline constexpr std::size_t blockHeaderSize = 24;
+inline constexpr std::uint64_t maxBlocks = 8388608;
+inline constexpr std::size_t maxLeaders = 16;  // that a block may choose from: the last ones before it
 inline constexpr std::uint8_t blockLast = 0x01;
 inline constexpr std::uint8_t blockCompressed = 0x02;
 inline constexpr std::uint8_t blockWithDictionary = 0x04;
-
-// The leader of the group that a block belongs to. Both are sequence numbers; a leader is its own leader.
-constexpr std::uint64_t leaderOf(std::uint64_t block, std::uint64_t groupLength) { return block - block % groupLength; }
+inline constexpr std::uint8_t blockLeader = 0x08;
 
 enum class RecordType : std::uint8_t {
     pad = 0,

@@ -77,7 +77,7 @@ void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes);
 std::optional<ArchiveRoot> decodeRoot(Bytes payload);
 
 struct Trailer {
-    std::uint64_t rootPosition = 0;  // in the file, of the block header
+    std::uint64_t rootPosition = 0;  // bytes from the end of the file header to the block header
     std::uint64_t rootSequence = 0;
     std::uint64_t entries = 0;
     std::uint64_t blocks = 0;  // count, the last block included

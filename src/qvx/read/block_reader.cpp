@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <system_error>
+#include <utility>
 
 #include "qvx/format/content_digest.h"
 #include "qvx/format/entry_codec.h"
@@ -11,8 +12,10 @@ namespace tarnwick::qvx {
 
 namespace {
 
-// Bounds the memory on a machine with many cores.
-constexpr unsigned maxWorkers = 32;
+// These bound the memory, the first on a machine with many cores, the others for blocks of tiny records.
+constexpr unsigned maxWorkers = 16;
+constexpr std::size_t maxDigests = 4096;  // in one block; the consumer computes those of the other entries
+constexpr std::size_t maxParts = 4096;    // DATA records of one entry
 
 const char* describe(BlockFault fault) {
     switch (fault) {
@@ -36,12 +39,12 @@ std::vector<PlacedDigest> digestContents(Bytes plain) {
     std::size_t begin = 0;
     std::size_t offset = 0;
     RecordCursor cursor(plain);
-    while (const auto record = cursor.next()) {
+    while (const auto record = digests.size() < maxDigests ? cursor.next() : std::nullopt) {
         if (record->type == RecordType::entry) {
             whole = true;
             begin = offset;
             content.clear();
-        } else if (record->type == RecordType::data) {
+        } else if (record->type == RecordType::data && content.size() < maxParts) {
             content.push_back(record->payload);
         } else if (record->type == RecordType::end && whole) {
             digest.restart();
@@ -65,32 +68,39 @@ ReadFault blockFault(const BlockPlace& place, std::string text) { return blockFa
 Result<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position) {
     std::array<std::uint8_t, blockHeaderSize> bytes{};
     if (auto read = file.read(position, bytes); !read) return read.error();
-    const auto header = decodeBlockHeader(bytes);
-    // A leader that needed a dictionary would wait for itself.
-    const bool leads = header && header->sequence == leaderOf(header->sequence, file.header().groupLength);
-    if (header && !(leads && (header->flags & blockWithDictionary))) return *header;
+    if (const auto header = decodeBlockHeader(bytes)) return *header;
     return Error{"the block header is damaged"};
 }
 
-void BlockOpener::open(OpenedBlock& block, const Leader& leader) {
+OpenedBlock unopenedBlock(const ArchiveFile& file, const BlockPlace& place) {
+    OpenedBlock block{place, {}, {}};
+    const auto header = readBlockHeader(file, place.position);
+    if (!header) {
+        block.fault = blockFault(place, header.error());
+    } else if (header->sequence != place.sequence) {
+        block.fault = blockFault(place, wrongNumber(header->sequence));
+    } else {
+        block.header = *header;
+    }
+    return block;
+}
+
+void BlockOpener::open(OpenedBlock& block, const LeaderSource& leader) {
+    if (block.fault) return;
     if (const Status decoded = decode(block, leader); !decoded) block.fault = blockFault(block.place, decoded.error());
 }
 
-Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
-    const auto header = readBlockHeader(file_, block.place.position);
-    if (!header) return header.error();
-    // The nonce comes from the header, so a block that was moved to this place would unseal without an error.
-    if (header->sequence != block.place.sequence) return wrongNumber(header->sequence);
-    block.header = *header;
+Status BlockOpener::decode(OpenedBlock& block, const LeaderSource& leader) {
     // This opener may have to open the leader too. That uses `sealed_`, so it must happen before the block is read into
     // it.
     BlockPointer dictionary;
-    if (block.header.flags & blockWithDictionary) {
+    if (block.header.needsLeader()) {
         dictionary = leader();
-        if (!dictionary || dictionary->fault) return Error{"the leader of its group is damaged or missing"};
+        if (!dictionary || dictionary->fault)
+            return Error{"its leader is damaged or missing, or is not one of the last 16"};
     }
     // At most one block and its tag: decodeBlockHeader() refuses a longer one.
-    sealed_.resize(header->sealedLength);
+    sealed_.resize(block.header.sealedLength);
     if (auto read = file_.read(block.place.position + blockHeaderSize, sealed_); !read) return read;
     const auto fault =
         decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain);
@@ -98,40 +108,56 @@ Status BlockOpener::decode(OpenedBlock& block, const Leader& leader) {
     return Error{describe(fault)};
 }
 
-void BlockMap::add(const BlockPlace& place) { places_.push_back(place); }
+void BlockMap::add(const BlockPlace& place) {
+    if (place.sequence >= positions_.size()) positions_.resize(place.sequence + 1, missing);
+    std::uint64_t& position = positions_[place.sequence];
+    if (position == missing) position = place.position;
+}
 
 std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
-    const auto found =
-        std::lower_bound(places_.begin(), places_.end(), sequence,
-                         [](const BlockPlace& place, std::uint64_t key) { return place.sequence < key; });
-    if (found == places_.end() || found->sequence != sequence) return std::nullopt;
-    return *found;
+    if (sequence >= positions_.size() || positions_[sequence] == missing) return std::nullopt;
+    return BlockPlace{sequence, positions_[sequence]};
 }
 
 BlockPointer RandomBlocks::get(std::uint64_t sequence) {
-    // Two slots: with one, every block of a group would replace the leader that the next block needs.
-    auto& cached = sequence == leaderOf(sequence, groupLength_) ? leader_ : other_;
-    if (!cached || cached->place.sequence != sequence) cached = open(sequence);
-    return cached;
-}
-
-BlockPointer RandomBlocks::open(std::uint64_t sequence) {
-    const auto block = std::make_shared<OpenedBlock>();
-    const auto place = map_.find(sequence);
-    block->place = place.value_or(BlockPlace{sequence, 0});
-    if (place) {
-        opener_.open(*block, [&] { return get(leaderOf(sequence, groupLength_)); });
-    } else {
-        block->fault = ReadFault{{"there is no such block"}, sequence};
-    }
+    if (auto kept = find(sequence)) return kept;
+    auto block = open(sequence);
+    if (!block->header.leads()) return other_ = block;
+    leaders_.push_back(block);
+    if (leaders_.size() > keptLeaders) leaders_.pop_front();
     return block;
 }
 
-BlockPipeline::BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supplier supplier)
-    : file_(file), keys_(keys), supplier_(std::move(supplier)) {
+BlockPointer RandomBlocks::find(std::uint64_t sequence) const {
+    if (other_ && other_->place.sequence == sequence) return other_;
+    const auto isIt = [&](const BlockPointer& leader) { return leader->place.sequence == sequence; };
+    const auto found = std::ranges::find_if(leaders_, isIt);
+    return found == leaders_.end() ? nullptr : *found;
+}
+
+BlockPointer RandomBlocks::open(std::uint64_t sequence) {
+    const auto block = std::make_shared<OpenedBlock>(unopened(sequence));
+    opener_.open(*block, [&] { return getLeader(block->header.leader); });
+    return block;
+}
+
+OpenedBlock RandomBlocks::unopened(std::uint64_t sequence) const {
+    if (const auto place = map_.find(sequence)) return unopenedBlock(file_, *place);
+    return {{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}};
+}
+
+// Looks at the header before the block is opened: one that is no leader could name another block, and so on.
+BlockPointer RandomBlocks::getLeader(std::uint64_t sequence) {
+    const auto kept = find(sequence);
+    const bool leads = kept ? kept->header.leads() : unopened(sequence).header.leads();
+    return leads ? get(sequence) : nullptr;
+}
+
+BlockPipeline::BlockPipeline(const ArchiveFile& file, const MessageKeys& keys, Supplier supplier, const BlockMap* map)
+    : file_(file), keys_(keys), supplier_(std::move(supplier)), map_(map) {
     // hardware_concurrency() is 0 when the number of cores is not known.
     const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxWorkers);
-    limit_ = 2UL * workers + 8;
+    limit_ = workers + 8UL;
     threads_.reserve(workers);
     for (unsigned i = 0; i < workers; ++i) {
         try {
@@ -165,11 +191,11 @@ BlockPointer BlockPipeline::next() {
 
 // When memory runs out, the blocks end early. No reader accepts that as a whole archive.
 void BlockPipeline::work() {
-    std::shared_ptr<Slot> slot;
+    SlotPointer slot;
     try {
         BlockOpener opener(file_, keys_);
         while ((slot = claim())) {
-            if (!slot->block.fault) opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
+            opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
             if (slot->digest && !slot->block.fault) slot->block.digests = digestContents(slot->block.plain);
             finish(*slot);
             slot.reset();  // from here on the consumer owns it
@@ -185,35 +211,65 @@ void BlockPipeline::work() {
     }
 }
 
-// Slots are queued in the order in which workers claim them, so a leader is always in progress before its group.
-std::shared_ptr<BlockPipeline::Slot> BlockPipeline::claim() {
+// Slots are queued in the order in which workers claim them, so a leader is always in progress before a block needs it.
+BlockPipeline::SlotPointer BlockPipeline::claim() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return closed_ || exhausted_ || queue_.size() < limit_; });
     if (closed_ || exhausted_) return nullptr;
     // Called under the lock, so that the queue has the order of the supplier.
-    auto task = supplier_();
-    if (!task) {
+    auto slot = nextSlot();
+    if (!slot) {
         exhausted_ = true;
         changed_.notify_all();
         return nullptr;
     }
-    auto slot = std::make_shared<Slot>();
-    slot->block.place = task->place;
-    slot->block.fault = std::move(task->fault);
-    slot->requested = task->requested;
-    slot->digest = task->digest;
-    const std::uint64_t groupLength = file_.header().groupLength;
-    const std::uint64_t group = task->place.sequence / groupLength;
-    const bool leads = task->place.sequence == leaderOf(task->place.sequence, groupLength);
-    if (!leads && leader_ && leader_->block.place.sequence / groupLength == group) slot->leader = leader_;
     queue_.push_back(slot);
-    if (leads) leader_ = slot;  // only now, when this worker is certain to open it
+    if (slot->block.header.leads()) keepLeader(slot);  // only now, when this worker is certain to open it
     return slot;
 }
 
+BlockPipeline::SlotPointer BlockPipeline::nextSlot() {
+    SlotPointer slot = std::exchange(postponed_, nullptr);
+    if (!slot) {
+        auto task = supplier_();
+        if (!task) return nullptr;
+        slot = std::make_shared<Slot>(Slot{.block = std::move(task->block), .digest = task->digest});
+        const auto& header = slot->block.header;
+        const bool needsFetching = header.needsLeader() && !findLeader(header.leader);
+        if (auto leader = needsFetching ? fetchLeader(header.leader) : nullptr) {
+            postponed_ = std::move(slot);
+            return leader;
+        }
+    }
+    if (slot->block.header.needsLeader()) slot->leader = findLeader(slot->block.header.leader);
+    return slot;
+}
+
+BlockPipeline::SlotPointer BlockPipeline::findLeader(std::uint64_t sequence) const {
+    const auto isIt = [&](const SlotPointer& leader) { return leader->block.place.sequence == sequence; };
+    const auto found = std::ranges::find_if(leaders_, isIt);
+    return found == leaders_.end() ? nullptr : *found;
+}
+
+// Null when the supplier names the leaders itself, and when there is no such leader.
+BlockPipeline::SlotPointer BlockPipeline::fetchLeader(std::uint64_t sequence) const {
+    const auto place = map_ ? map_->find(sequence) : std::nullopt;
+    if (!place) return nullptr;
+    auto slot = std::make_shared<Slot>(Slot{.block = unopenedBlock(file_, *place), .requested = false});
+    return slot->block.header.leads() ? slot : nullptr;
+}
+
+void BlockPipeline::keepLeader(SlotPointer leader) {
+    const auto isEarlier = [](const SlotPointer& a, const SlotPointer& b) {
+        return a->block.place.sequence < b->block.place.sequence;
+    };
+    leaders_.insert(std::upper_bound(leaders_.begin(), leaders_.end(), leader, isEarlier), std::move(leader));
+    if (leaders_.size() > maxLeaders) leaders_.erase(leaders_.begin());
+}
+
 // A block that is done does not change any more, so it may be read without the lock.
-// The wait ends: the leader was claimed before, and no leader waits for another block (readBlockHeader).
-BlockPointer BlockPipeline::waitForLeader(const std::shared_ptr<Slot>& leader) {
+// The wait ends: the leader was claimed before, and no leader waits for another block (decodeBlockHeader).
+BlockPointer BlockPipeline::waitForLeader(const SlotPointer& leader) {
     if (!leader) return nullptr;
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [&] { return leader->done; });
@@ -230,24 +286,26 @@ void BlockPipeline::finish(Slot& slot) {
 
 std::optional<BlockPipeline::Task> AllBlocks::operator()() {
     if (ended_) return std::nullopt;
-    if (pastLast_) {
+    const bool atEnd = next_.position == file_->blocksEnd();
+    if (pastLast_ || atEnd) {
         ended_ = true;
-        if (next_.position == file_->size()) return std::nullopt;
-        ReadFault excess{{"there are bytes after the last block"}, std::nullopt, next_.position};
-        return BlockPipeline::Task{next_, std::move(excess)};
+        if (pastLast_ && atEnd) return std::nullopt;
+        const char* text = atEnd ? "the last block is missing" : "there are bytes after the last block";
+        return BlockPipeline::Task{{next_, {}, {}, ReadFault{{text}, std::nullopt, next_.position}}};
     }
-    BlockPipeline::Task task{.place = next_, .digest = true};
-    const auto header = readBlockHeader(*file_, next_.position);
-    const bool expected = header && header->sequence == next_.sequence;
-    if (!expected) {
-        ended_ = true;
-        task.fault = blockFault(next_, header ? wrongNumber(header->sequence) : header.error());
-        return task;
-    }
+    BlockPipeline::Task task{unopenedBlock(*file_, next_), true};
+    ended_ = task.block.fault.has_value();
+    const auto& header = task.block.header;
     // The sum cannot overflow: the header was read from the file, and a sealed length has 24 bits.
-    pastLast_ = header->flags & blockLast;
-    next_ = {next_.sequence + 1, next_.position + blockHeaderSize + header->sealedLength};
+    pastLast_ = header.last();
+    next_ = {next_.sequence + 1, next_.position + blockHeaderSize + header.sealedLength};
     return task;
+}
+
+std::optional<BlockPipeline::Task> MappedBlocks::operator()() {
+    while (next_ < map_->end())
+        if (const auto place = map_->find(next_++)) return BlockPipeline::Task{unopenedBlock(*file_, *place)};
+    return std::nullopt;
 }
 
 }  // namespace tarnwick::qvx

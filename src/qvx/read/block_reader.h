@@ -7,6 +7,7 @@
 #include <mutex>
 #include <thread>
 
+#include "qvx/format/block_codec.h"
 #include "qvx/read/archive_file.h"
 
 namespace tarnwick::qvx {
@@ -30,7 +31,7 @@ struct OpenedBlock {
     std::optional<ReadFault> fault = std::nullopt;  // when set, `plain` is meaningless
     std::vector<PlacedDigest> digests = {};
 
-    [[nodiscard]] bool last() const { return header.flags & blockLast; }
+    [[nodiscard]] bool last() const { return header.last(); }
 };
 using BlockPointer = std::shared_ptr<const OpenedBlock>;
 
@@ -40,73 +41,91 @@ ReadFault blockFault(const BlockPlace& place, std::string text);
 // Reads the block header at `position`. Fails when there is no valid one or the file ends.
 Result<BlockHeader> readBlockHeader(const ArchiveFile& file, std::uint64_t position);
 
+// A block with its header, to be opened. It has a fault if there is no valid header at `place`, or one with another
+// sequence number: the nonce comes from the header, so a block that was moved to this place would unseal.
+OpenedBlock unopenedBlock(const ArchiveFile& file, const BlockPlace& place);
+
 // Opens single blocks. For one thread at a time.
 class BlockOpener {
 public:
-    using Leader = std::function<BlockPointer()>;
+    // Returns the leader of the block, or null when that is not available. Called only when the block needs it.
+    using LeaderSource = std::function<BlockPointer()>;
 
     // Both arguments must outlive the opener. Throws std::bad_alloc.
-    BlockOpener(const ArchiveFile& file, const HpkeKeys& keys) : file_(file), decoder_(keys) {}
+    BlockOpener(const ArchiveFile& file, const MessageKeys& keys) : file_(file), decoder_(keys) {}
 
-    // Opens the block at block.place into `block`. `leader` returns the leader of its group, or null when that is not
-    // available; it is called only when the block needs it. Damage in the archive sets block.fault and never throws.
-    void open(OpenedBlock& block, const Leader& leader);
+    // Opens a block that unopenedBlock() has returned. Damage in the archive sets block.fault and never throws. A block
+    // that has a fault stays as it is.
+    void open(OpenedBlock& block, const LeaderSource& leader);
 
 private:
-    Status decode(OpenedBlock& block, const Leader& leader);
+    Status decode(OpenedBlock& block, const LeaderSource& leader);
 
     const ArchiveFile& file_;
     BlockDecoder decoder_;
     std::vector<std::uint8_t> sealed_;
 };
 
-// The positions of blocks in the file, by sequence number.
+// The positions of blocks in the file, by sequence number: 8 bytes for each block.
 class BlockMap {
 public:
-    void add(const BlockPlace& place);  // ascending
+    void add(const BlockPlace& place);  // a block that is in the map already keeps its place
     [[nodiscard]] std::optional<BlockPlace> find(std::uint64_t sequence) const;
-    [[nodiscard]] const std::vector<BlockPlace>& places() const { return places_; }
+    [[nodiscard]] std::uint64_t end() const { return positions_.size(); }  // the number after the last block
 
 private:
-    std::vector<BlockPlace> places_;  // ascending
+    static constexpr std::uint64_t missing = ~std::uint64_t{0};
+
+    std::deque<std::uint64_t> positions_;  // not a vector, which needs twice the memory when it grows
 };
 
-// Opens blocks in any order, for one thread. Keeps the last leader and the last other block.
+// Opens blocks in any order, for one thread. Keeps the last four leaders and the last other block.
 class RandomBlocks {
 public:
     // All arguments must outlive this object.
-    RandomBlocks(const ArchiveFile& file, const HpkeKeys& keys, const BlockMap& map)
-        : groupLength_(file.header().groupLength), map_(map), opener_(file, keys) {}
+    RandomBlocks(const ArchiveFile& file, const MessageKeys& keys, const BlockMap& map)
+        : file_(file), map_(map), opener_(file, keys) {}
 
     // Never null. A block that is not in the map has a fault.
     BlockPointer get(std::uint64_t sequence);
 
 private:
-    BlockPointer open(std::uint64_t sequence);
+    static constexpr std::size_t keptLeaders = 4;
 
-    std::uint64_t groupLength_;
+    BlockPointer find(std::uint64_t sequence) const;
+    BlockPointer open(std::uint64_t sequence);
+    OpenedBlock unopened(std::uint64_t sequence) const;
+    BlockPointer getLeader(std::uint64_t sequence);
+
+    const ArchiveFile& file_;
     const BlockMap& map_;
     BlockOpener opener_;
-    BlockPointer leader_;
+    std::deque<BlockPointer> leaders_;
     BlockPointer other_;
 };
 
-// Opens the blocks that a supplier names, in parallel, and returns them in the order of the supplier. Memory: two
-// blocks for each worker, eight more for a consumer that reads in bursts, and the leader of a group. The workers call
-// the supplier, one at a time. The supplier must name a leader before the blocks of its group that need it. Either end
-// may close: the consumer by destroying the pipeline at any time, the supplier by returning nothing.
+// Opens the blocks that a supplier names, in parallel, and returns them in the order of the supplier. The workers call
+// the supplier, one at a time. Either end may close: the consumer by destroying the pipeline at any time, the supplier
+// by returning nothing.
+//
+// Of the leaders, the pipeline keeps the 16 with the highest numbers. A block that names another leader is damaged, or
+// names a block that is no leader: for a supplier that names all blocks in order, these are the last 16 before a block.
+// A supplier that leaves out blocks passes a map, and the pipeline then opens the leaders that are needed by itself.
+//
+// Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 16 leaders, for each
+// worker the sealed bytes of a block and 160 KiB for the decompressor, and the block that the consumer uses: 63 MiB. A
+// RandomBlocks adds 6 MiB, and a BlockMap 8 bytes for each block of the archive.
 class BlockPipeline {
 public:
     struct Task {
-        BlockPlace place;
-        std::optional<ReadFault> fault = std::nullopt;  // return this fault and open nothing
-        bool requested = true;                          // false: opened only because its group needs it
-        bool digest = false;                            // compute the digests of the entries that are complete in it
+        OpenedBlock block;    // not opened yet; one with a fault is returned as it is
+        bool digest = false;  // compute the digests of entries that are complete in it
     };
     using Supplier = std::function<std::optional<Task>()>;
 
-    // Throws std::system_error when not a single thread can be started.
-    BlockPipeline(const ArchiveFile& file, const HpkeKeys& keys, Supplier supplier);
+    // Both references and `map`, unless it is null, must outlive the pipeline. Throws std::system_error when not a
+    // single thread can be started.
+    BlockPipeline(const ArchiveFile& file, const MessageKeys& keys, Supplier supplier, const BlockMap* map = nullptr);
     BlockPipeline(const BlockPipeline&) = delete;
     BlockPipeline& operator=(const BlockPipeline&) = delete;
     ~BlockPipeline();
@@ -117,27 +136,34 @@ public:
 private:
     struct Slot {
         OpenedBlock block;
-        std::shared_ptr<Slot> leader;
-        bool requested = true;
+        std::shared_ptr<Slot> leader = nullptr;
+        bool requested = true;  // by the supplier
         bool digest = false;
         bool done = false;
     };
+    using SlotPointer = std::shared_ptr<Slot>;
 
     void work();
-    std::shared_ptr<Slot> claim();
-    BlockPointer waitForLeader(const std::shared_ptr<Slot>& leader);
+    SlotPointer claim();
+    SlotPointer nextSlot();
+    SlotPointer findLeader(std::uint64_t sequence) const;
+    SlotPointer fetchLeader(std::uint64_t sequence) const;
+    void keepLeader(SlotPointer leader);
+    BlockPointer waitForLeader(const SlotPointer& leader);
     void finish(Slot& slot);
 
     const ArchiveFile& file_;
-    const HpkeKeys& keys_;
+    const MessageKeys& keys_;
     Supplier supplier_;
+    const BlockMap* map_;
+    SlotPointer postponed_;  // comes after its leader, which the supplier has not named
     std::size_t limit_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<std::shared_ptr<Slot>> queue_;
-    std::shared_ptr<Slot> leader_;
-    bool closed_ = false;     // the consumer has closed
-    bool exhausted_ = false;  // the supplier has ended
+    std::deque<SlotPointer> queue_;
+    std::vector<SlotPointer> leaders_;  // ascending, at most maxLeaders
+    bool closed_ = false;               // the consumer has closed
+    bool exhausted_ = false;            // the supplier has ended
     std::vector<std::jthread> threads_;
 };
 
@@ -145,14 +171,26 @@ private:
 // after the last block, ends it with a fault.
 class AllBlocks {
 public:
-    explicit AllBlocks(const ArchiveFile& file) : file_(&file) {}
+    explicit AllBlocks(const ArchiveFile& file) : file_(&file), next_{0, file.blocksBegin()} {}
     std::optional<BlockPipeline::Task> operator()();
 
 private:
     const ArchiveFile* file_;
-    BlockPlace next_{0, plainHeaderSize};
+    BlockPlace next_;
     bool pastLast_ = false;
     bool ended_ = false;
+};
+
+// Names all blocks of a map in order.
+class MappedBlocks {
+public:
+    MappedBlocks(const ArchiveFile& file, const BlockMap& map) : file_(&file), map_(&map) {}
+    std::optional<BlockPipeline::Task> operator()();
+
+private:
+    const ArchiveFile* file_;
+    const BlockMap* map_;
+    std::uint64_t next_ = 0;
 };
 
 }  // namespace tarnwick::qvx

@@ -29,18 +29,9 @@ std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
     while (next_ < chosen_.size() && chosen_[next_].lastBlock < sequence_) ++next_;
     if (next_ == chosen_.size()) return std::nullopt;
     sequence_ = std::max(sequence_, chosen_[next_].place.block);
-    // A leader comes first even if no chosen entry is in it, because the other blocks of its group need it as a
-    // dictionary.
-    const std::uint64_t leader = sequence_ - sequence_ % groupLength_;
-    if (sequence_ != leader && leader_ != leader) return task(leader, false);
-    return task(sequence_++, true);
-}
-
-BlockPipeline::Task ChosenBlocks::task(std::uint64_t sequence, bool requested) {
-    if (sequence == leaderOf(sequence, groupLength_)) leader_ = sequence;
-    const auto place = map_.find(sequence);
-    if (place) return {*place, std::nullopt, requested};
-    return {{sequence, 0}, ReadFault{{"there is no such block"}, sequence}, requested};
+    const std::uint64_t sequence = sequence_++;
+    if (const auto place = map_.find(sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
+    return BlockPipeline::Task{{{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}}};
 }
 
 // This loop ends even if the entry has no END record: findBlock() fails when the pipeline has no more blocks.

@@ -21,24 +21,21 @@ struct ChosenEntry {
 Result<std::vector<ChosenEntry>, ReadFault> chooseEntries(ArchiveIndex& index, std::size_t part,
                                                           const EntryChoice& choice);
 
-// Supplies the blocks of the chosen entries to a BlockPipeline, each block once. The leader of a group comes before the
-// other blocks of the group. All arguments must outlive the pipeline.
+// Supplies the blocks of the chosen entries to a BlockPipeline, each block once. All arguments must outlive the
+// pipeline, which opens the leaders that are needed by itself.
 class ChosenBlocks {
 public:
-    ChosenBlocks(const BlockMap& map, std::uint64_t groupLength, const std::vector<ChosenEntry>& chosen)
-        : map_(map), groupLength_(groupLength), chosen_(chosen) {}
+    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const std::vector<ChosenEntry>& chosen)
+        : file_(file), map_(map), chosen_(chosen) {}
 
     std::optional<BlockPipeline::Task> operator()();
 
 private:
-    BlockPipeline::Task task(std::uint64_t sequence, bool requested);
-
+    const ArchiveFile& file_;
     const BlockMap& map_;
-    std::uint64_t groupLength_;
     const std::vector<ChosenEntry>& chosen_;
     std::size_t next_ = 0;
     std::uint64_t sequence_ = 0;
-    std::optional<std::uint64_t> leader_;
 };
 
 // Reads the chosen entries of one index part from the blocks that the pipeline opens.

@@ -81,8 +81,8 @@ Status IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
 Status IndexAudit::checkTrailer(Bytes payload) {
     const auto trailer = decodeTrailer(payload);
     const bool matches = trailer && trailer->rootSequence == rootBlock_ &&
-                         trailer->rootPosition == blocks_[rootBlock_].place.position && trailer->entries == entries_ &&
-                         trailer->blocks == blocks_.size();
+                         trailer->rootPosition == blocks_[rootBlock_].place.position - blocks_[0].place.position &&
+                         trailer->entries == entries_ && trailer->blocks == blocks_.size();
     if (!matches) return mismatch("the trailer does not match the archive");
     return {};
 }

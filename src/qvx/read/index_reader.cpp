@@ -9,13 +9,13 @@ namespace tarnwick::qvx {
 namespace {
 
 // The last block has a fixed length, so it is found from the end of the file. Its header states its sequence number.
-Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const HpkeKeys& keys) {
+Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const MessageKeys& keys) {
     const ReadFault cut = readFault("the end of the archive is cut or damaged");
-    if (file.size() < plainHeaderSize + lastBlockSize) return cut;
-    const std::uint64_t position = file.size() - lastBlockSize;
+    if (file.blocksEnd() - file.blocksBegin() < lastBlockSize) return cut;
+    const std::uint64_t position = file.blocksEnd() - lastBlockSize;
     const auto header = readBlockHeader(file, position);
-    if (!header || !(header->flags & blockLast) || header->sealedLength != lastBlockSize - blockHeaderSize) return cut;
-    OpenedBlock block{{header->sequence, position}, {}, {}};
+    if (!header || !header->last() || header->sealedLength != lastBlockSize - blockHeaderSize) return cut;
+    OpenedBlock block{{header->sequence, position}, *header, {}};
     // The last block is never compressed, so it needs no leader.
     BlockOpener(file, keys).open(block, [] { return BlockPointer(); });
     if (block.fault) return *block.fault;
@@ -29,27 +29,30 @@ Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const HpkeKeys& 
 
 }  // namespace
 
-Result<std::unique_ptr<ArchiveIndex>, ReadFault> ArchiveIndex::load(const ArchiveFile& file, const HpkeKeys& keys) {
+Result<std::unique_ptr<ArchiveIndex>, ReadFault> ArchiveIndex::load(const ArchiveFile& file, const MessageKeys& keys) {
     const auto trailer = readTrailer(file, keys);
     if (!trailer) return trailer.error();
     std::unique_ptr<ArchiveIndex> index(new ArchiveIndex(file, keys));
     if (auto root = index->readRoot(file, keys, *trailer); !root) return root.error();
-    if (index->root_.entries == trailer->entries && index->fillMap(*trailer) && index->partsAreInOrder()) return index;
+    if (index->root_.entries == trailer->entries && index->fillMap(file, *trailer) && index->partsAreInOrder())
+        return index;
     return readFault("the root of the index does not fit the archive");
 }
 
 // The blocks of the root follow one another and need no leader.
-Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer) {
+Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const MessageKeys& keys,
+                                               const Trailer& trailer) {
     BlockOpener opener(file, keys);
     RecordJoiner joiner;
-    BlockPlace place{trailer.rootSequence, trailer.rootPosition};
+    // A position that overflows is not in the file, or does not fit the lengths in the root.
+    BlockPlace place{trailer.rootSequence, file.blocksBegin() + trailer.rootPosition};
     const auto malformed = [&] { return blockFault(place, "the root of the index is malformed"); };
     for (; place.sequence < trailer.blocks - 1; ++place.sequence) {
-        OpenedBlock block{place, {}, {}};
+        auto block = unopenedBlock(file, place);
         opener.open(block, [] { return BlockPointer(); });
         if (block.fault) return *block.fault;
         const auto record = RecordCursor(block.plain).next();
-        if (!record || record->type != RecordType::root) return malformed();
+        if (!record || record->type != RecordType::root || block.header.leads()) return malformed();
         // The root is smaller than the file: it has fewer bytes for each block and index part than these take in the
         // file.
         const auto state = joiner.add(*record, static_cast<std::size_t>(file.size()));
@@ -66,16 +69,16 @@ Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const Hp
 }
 
 // The root states only lengths. The positions follow from them, and the blocks must end where the root begins.
-bool ArchiveIndex::fillMap(const Trailer& trailer) {
+bool ArchiveIndex::fillMap(const ArchiveFile& file, const Trailer& trailer) {
     // One length for each block before the root.
     if (root_.sealedLengths.size() != trailer.rootSequence) return false;
-    BlockPlace place{0, plainHeaderSize};
+    BlockPlace place{0, file.blocksBegin()};
     for (const auto length : root_.sealedLengths) {
         map_.add(place);
         ++place.sequence;
         place.position += blockHeaderSize + length;
     }
-    return place.position == trailer.rootPosition;
+    return place.position == file.blocksBegin() + trailer.rootPosition;
 }
 
 // partOf() relies on this order, and each part must cover at least one entry.

@@ -12,7 +12,7 @@ namespace tarnwick::qvx {
 class ArchiveIndex {
 public:
     // Reads trailer and root. Both arguments must outlive the index.
-    static Result<std::unique_ptr<ArchiveIndex>, ReadFault> load(const ArchiveFile& file, const HpkeKeys& keys);
+    static Result<std::unique_ptr<ArchiveIndex>, ReadFault> load(const ArchiveFile& file, const MessageKeys& keys);
 
     [[nodiscard]] std::uint64_t entries() const { return root_.entries; }
     [[nodiscard]] std::size_t parts() const { return root_.parts.size(); }
@@ -31,10 +31,10 @@ public:
     RandomBlocks& blocks() { return blocks_; }
 
 private:
-    ArchiveIndex(const ArchiveFile& file, const HpkeKeys& keys) : blocks_(file, keys, map_) {}
+    ArchiveIndex(const ArchiveFile& file, const MessageKeys& keys) : blocks_(file, keys, map_) {}
 
-    Result<void, ReadFault> readRoot(const ArchiveFile& file, const HpkeKeys& keys, const Trailer& trailer);
-    bool fillMap(const Trailer& trailer);
+    Result<void, ReadFault> readRoot(const ArchiveFile& file, const MessageKeys& keys, const Trailer& trailer);
+    bool fillMap(const ArchiveFile& file, const Trailer& trailer);
     bool partsAreInOrder() const;
     Result<std::vector<std::uint8_t>, ReadFault> readPart(const IndexPartPlace& place);
 

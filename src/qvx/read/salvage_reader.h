@@ -12,7 +12,7 @@ public:
     // The entries from `firstEntry` to `endEntry` - 1 are lost.
     using LossReport = std::function<void(std::uint64_t firstEntry, std::uint64_t endEntry)>;
 
-    SalvageReader(const ArchiveFile& file, const HpkeKeys& keys, const BlockMap& map, EntrySink& sink,
+    SalvageReader(const ArchiveFile& file, const MessageKeys& keys, const BlockMap& map, EntrySink& sink,
                   FaultReport report, LossReport reportLoss)
         : random_(file, keys, map), entry_(sink), report_(std::move(report)), reportLoss_(std::move(reportLoss)) {}
 

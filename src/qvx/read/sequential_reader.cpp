@@ -13,7 +13,7 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
     map_.add(block.place);
     audit_.addBlock(block);
     if (const Status checked = checkPlace(block); !checked) return damagedUnless(checked);
-    needsLeader_ = block.header.flags & blockWithDictionary;
+    mayHaveRoot_ = !block.header.leads() && !block.header.needsLeader();
     RecordCursor cursor(block.plain);
     std::size_t offset = 0;
     auto digest = block.digests.begin();
@@ -82,8 +82,8 @@ ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const Ent
     const bool root = record.type == RecordType::root;
     // A reader that starts at the trailer reads the root first: it has no leader yet, and knows the block of the root
     // but no offset in it.
-    if (root && needsLeader_) return damaged("a block of the root needs another block");
     if (root && place.offset != 0) return damaged("the root does not begin its block");
+    if (root && !mayHaveRoot_) return damaged("a block of the root is a leader or needs one");
     // The format does not limit the size of the root; it cannot be larger than the file.
     const std::uint64_t limit = root ? file_.size() : maxIndexLength;
     switch (joiner_.add(record, static_cast<std::size_t>(limit))) {

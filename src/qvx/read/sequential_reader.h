@@ -9,7 +9,7 @@ namespace tarnwick::qvx {
 class SequentialReader {
 public:
     // All arguments must outlive the reader.
-    SequentialReader(const ArchiveFile& file, const HpkeKeys& keys, EntrySink& sink)
+    SequentialReader(const ArchiveFile& file, const MessageKeys& keys, EntrySink& sink)
         : file_(file), random_(file, keys, map_), entry_(sink) {}
 
     // Reads the next block. If the outcome is not complete, call only abandon() after it.
@@ -44,8 +44,8 @@ private:
     EntryPlace joinedPlace_;
     Phase phase_ = Phase::entries;
     BlockPlace block_;
-    std::uint64_t count_ = 0;   // of the entries delivered
-    bool needsLeader_ = false;  // the current block
+    std::uint64_t count_ = 0;  // of the entries delivered
+    bool mayHaveRoot_ = true;  // the current block is no leader and needs none
 };
 
 }  // namespace tarnwick::qvx

@@ -44,7 +44,7 @@ ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned r
       storesReferences_(fields & fieldBit("CLC")),
       readers_(readers) {}
 
-Status ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
+Status ArchiveEncoder::write(const PathList& list) {
     // The kernel sets change times by the coarse clock, so the start is read from it, too.
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
@@ -54,7 +54,7 @@ Status ArchiveEncoder::write(const PathList& list, std::uint64_t filePosition) {
         if (Status written = writeEntry(*source); !written) return written;
         if (Status status = stream_.status(); !status) return status;
     }
-    return complete(filePosition);
+    return complete();
 }
 
 Status ArchiveEncoder::writeEntry(DiskEntry& source) {
@@ -295,7 +295,7 @@ void ArchiveEncoder::flushIndexPart() {
     writeRecord(RecordType::index, payload_);
 }
 
-Status ArchiveEncoder::complete(std::uint64_t filePosition) {
+Status ArchiveEncoder::complete() {
     flushIndexPart();
     stream_.pad();
     // The root lists the sealed lengths of all blocks before it, so they must be written first.
@@ -303,7 +303,7 @@ Status ArchiveEncoder::complete(std::uint64_t filePosition) {
     // The root must not need a leader: a reader that starts at the trailer has none yet.
     stream_.stopUsingLeaders();
     root_.sealedLengths = stream_.sealedLengths();
-    Trailer trailer{filePosition, stream_.block(), root_.entries, 0};
+    Trailer trailer{0, stream_.block(), root_.entries, 0};
     for (const auto length : root_.sealedLengths) trailer.rootPosition += blockHeaderSize + length;
     payload_.clear();
     encodeRoot(root_, payload_);

@@ -27,9 +27,9 @@ public:
     // `readers` threads read from the disk.
     ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
 
-    // Reads every entry of `list` from the disk and completes the archive. `filePosition` is where its first block is
-    // in the file. The subject of an error is the file that caused it, if a file did.
-    Status write(const PathList& list, std::uint64_t filePosition);
+    // Reads every entry of `list` from the disk and writes all blocks. The subject of an error is the file that caused
+    // it, if a file did.
+    Status write(const PathList& list);
 
     // The entries that were marked as incomplete, in ascending order.
     [[nodiscard]] std::vector<IncompleteEntry>& incomplete() { return incomplete_; }
@@ -54,7 +54,7 @@ private:
     void writeRecord(RecordType type, Bytes payload);
     void reserveSpace(std::uint64_t content);
     void flushIndexPart();
-    Status complete(std::uint64_t filePosition);
+    Status complete();
     [[nodiscard]] bool changedBeforeStart(const struct statx& status) const;
 
     BlockStream& stream_;

@@ -8,8 +8,16 @@
 
 namespace tarnwick::qvx {
 
-BlockStream::BlockStream(const HpkeKeys& keys, std::uint32_t groupLength, unsigned workers, Sink sink)
-    : keys_(keys), groupLength_(groupLength), sink_(std::move(sink)), jobs_(workers + 2) {
+LeaderChoice leaderEvery(std::uint64_t interval) {
+    return {[interval](std::uint64_t sequence) -> LeaderChoice::Role {
+        const std::uint64_t leader = sequence - sequence % interval;
+        if (leader == sequence) return {true};
+        return {false, leader};
+    }};
+}
+
+BlockStream::BlockStream(const MessageKeys& keys, unsigned workers, Sink sink, LeaderChoice choice, std::uint64_t limit)
+    : keys_(keys), sink_(std::move(sink)), limit_(limit), choice_(std::move(choice)), jobs_(workers + 2) {
     // Allocated here, where a failure can be thrown to the caller.
     for (Job& job : jobs_) {
         job.plain.resize(blockSize);
@@ -75,22 +83,34 @@ void BlockStream::send(bool last) {
     Job& sent = job(block_);
     sent.last = last;
     sent.length = offset_;
-    const bool leads = block_ == leaderOf(block_, groupLength_);
-    if (leads) {
-        const Bytes plain = Bytes(sent.plain).first(offset_);
-        // A copy: the buffer of the leader is reused as soon as the leader is written, maybe before its group is
-        // compressed.
-        dictionary_ = std::make_shared<GroupDictionary>(GroupDictionary{block_, {plain.begin(), plain.end()}});
-    }
-    sent.dictionary = leads || !useLeaders_ ? nullptr : dictionary_;
+    chooseRole(sent);
     offset_ = 0;
     std::unique_lock lock(mutex_);
     // Reserved here, because this function can throw std::bad_alloc to its caller, and a worker cannot.
     if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
+    if (block_ == limit_ && status_)
+        status_ = Error{"an archive has at most 8388608 blocks; store the files in several archives", EFBIG};
     ++block_;
     changed_.notify_all();
     // The next block reuses the job of an earlier block, jobs_.size() before it. That block must be written first.
     changed_.wait(lock, [&] { return block_ - nextToWrite_ < jobs_.size(); });
+}
+
+void BlockStream::chooseRole(Job& job) {
+    const auto role = choice_.role && !job.last ? choice_.role(block_) : LeaderChoice::Role{};
+    job.leads = role.leads;
+    job.leader = nullptr;
+    const auto found =
+        std::ranges::find_if(leaders_, [&](const auto& leader) { return leader->leader == role.leader; });
+    if (found != leaders_.end()) job.leader = *found;
+    if (role.leads) keepLeader(Bytes(job.plain).first(job.length));
+}
+
+// A copy: the buffer of the leader is reused as soon as the leader is written, maybe before the blocks that need it are
+// compressed.
+void BlockStream::keepLeader(Bytes plain) {
+    leaders_.push_back(std::make_shared<Dictionary>(Dictionary{block_, {plain.begin(), plain.end()}}));
+    if (leaders_.size() > choice_.kept) leaders_.pop_front();
 }
 
 void BlockStream::work() {
@@ -115,13 +135,13 @@ void BlockStream::seal(std::uint64_t sequence, std::optional<BlockEncoder>& enco
     Job& sealed = job(sequence);
     try {
         if (!encoder) encoder.emplace(keys_);
-        sealed.encodedLength = encoder->encode(sequence, sealed.last, Bytes(sealed.plain).first(sealed.length),
-                                               sealed.dictionary.get(), sealed.encoded.data());
+        sealed.encodedLength = encoder->encode(sequence, {sealed.last, sealed.leads, sealed.leader.get()},
+                                               Bytes(sealed.plain).first(sealed.length), sealed.encoded.data());
     } catch (const std::bad_alloc&) {
         sealed.encodedLength = 0;
     }
-    // Released now, not when the job is reused: the copy of the leader is then freed as soon as its group is sealed.
-    sealed.dictionary = nullptr;
+    // Released now, not when the job is reused: the copy of a leader is then freed as soon as nothing needs it.
+    sealed.leader = nullptr;
 }
 
 // Writes the blocks that are next in order, unless another worker is doing so. The lock is released during the call of
@@ -136,7 +156,7 @@ void BlockStream::writeDone(std::unique_lock<std::mutex>& lock) {
             lock.unlock();
             Status result = write(written);
             lock.lock();
-            status_ = std::move(result);
+            if (!result) status_ = std::move(result);
         }
         // After an error the value is meaningless, and nobody reads it.
         sealedLengths_.push_back(static_cast<std::uint32_t>(written.encodedLength - blockHeaderSize));
