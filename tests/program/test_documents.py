@@ -76,6 +76,8 @@ class Documents(Disks):
             if "keygen -o service" in block:
                 for path in glob.glob("/media/cwd/service.*") + glob.glob("/media/cwd/tarnwick-*.qvx"):
                     os.remove(path)
+            if "-out site.key" in block:  # the new key does not replace the catalog of the last one
+                shutil.rmtree("/media/cwd/site", ignore_errors=True)
             if "tarnwick-*.qvx" in block and not glob.glob("/media/cwd/tarnwick-*.qvx"):
                 self.make_archive()
             if "sda3" in block or "BootOrder" in block or "/home" in block:
