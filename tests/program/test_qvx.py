@@ -182,6 +182,36 @@ class Qvx(Scenario):
         self.run_qvx("verify", *KEY, ARCHIVE)  # the one made before
         self.run_qvx("keygen", "-o", "/media/key")
 
+    def test_archive_for_several_recipients_is_copied_for_others(self):
+        write(SOURCE + "/file", "x")
+        for name in "other", "third":
+            self.qvx("keygen", "-o", f"/media/{name}")
+        for name in "key", "other", "third":
+            self.known[call("ssh-keygen", "-lf", f"/media/{name}.pub").split()[1]] = f"<print of {name}>"
+        to_both = ["-r", "/media/key.pub", "-r", "/media/other.pub"]
+        self.run_qvx("create", *to_both, *to_both[:2], "-o", ARCHIVE, SOURCE)
+        self.run_qvx("create", *to_both, "-o", ARCHIVE, SOURCE)
+        copy = ["-r", "/media/third.pub", "-o", "/media/copy.qvx", ARCHIVE]
+        for _ in range(2):
+            self.run_qvx("rekey", "--key", "/media/other.pem", *copy)
+        for name in "key", "other", "third":
+            self.run_qvx("verify", "--key", f"/media/{name}.pem", "/media/copy.qvx")
+        self.assertEqual(os.stat("/media/copy.qvx").st_mode & 0o777, 0o600)
+        self.assertEqual(self.qvx("list", "--json", "--key", "/media/third.pem", "/media/copy.qvx"),
+                         self.qvx("list", "--json", *KEY, ARCHIVE))
+        for archive in ARCHIVE, "/media/copy.qvx":
+            self.note("info", "".join(line for line in self.qvx("info", archive).splitlines(keepends=True)
+                                      if not line.startswith("size")))
+        os.remove("/media/copy.qvx")
+        self.run_qvx("rekey", "--key", "/media/third.pem", *copy)
+        with open(ARCHIVE, "r+b") as archive:
+            archive.truncate(os.stat(ARCHIVE).st_size - 1)
+        self.run_qvx("rekey", *KEY, *copy)
+        self.run_qvx("info", ARCHIVE)
+        self.run_qvx("extract", *KEY, "--salvage", "-C", OUT, ARCHIVE)
+        self.files()
+        self.assertFalse(os.path.exists("/media/copy.qvx"))
+
     def test_keys_of_every_form_and_files_that_are_no_keys(self):
         write(SOURCE + "/file", "x")
         self.create()

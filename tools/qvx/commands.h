@@ -18,6 +18,7 @@ CommandRun declareVerify(CommandOptions& command);
 CommandRun declareExtract(CommandOptions& command);
 CommandRun declareCat(CommandOptions& command);
 CommandRun declareInfo(CommandOptions& command);
+CommandRun declareRekey(CommandOptions& command);
 CommandRun declareKeygen(CommandOptions& command);
 
 struct Command {
@@ -33,6 +34,7 @@ inline constexpr Command commands[] = {
     {"extract", "put entries on disk", declareExtract},
     {"cat", "write the content of a file to standard output", declareCat},
     {"info", "print what can be read without the key", declareInfo},
+    {"rekey", "copy an archive for other recipients", declareRekey},
     {"keygen", "make a key pair, NAME.pem and NAME.pub", declareKeygen},
 };
 
