@@ -71,6 +71,8 @@ public:
     const ArchiveSecrets secrets = std::move(*randomSecrets());
     const ByteVector fileHeader = std::move(*sealHeader(secrets, recipients()));
 
+    bool rootUsesLeaders = false;
+
     // Changes a payload before it is sealed.
     std::function<void(RecordType, ByteVector&)> forge = [](RecordType, ByteVector&) {};
 
@@ -125,7 +127,7 @@ public:
     ArchiveBuilder& root() {
         if (part_.count() > 0) endIndexPart();
         static_cast<void>(endBlock().stream_->drain());
-        stream_->stopUsingLeaders();
+        if (!rootUsesLeaders) stream_->stopUsingLeaders();
         trailer_ = {blocks_.size(), stream_->block(), entries_, stream_->block() + 2};
         root_.entries = entries_;
         root_.sealedLengths = stream_->sealedLengths();

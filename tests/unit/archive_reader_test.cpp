@@ -179,6 +179,8 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"entry after root", [](auto& b) { b.file("x", "a").root().file("y", "b"); }, "an entry is after the root"},
         {"two roots", [](auto& b) { b.file("x", "a").root().record(root, {}); }, "there is a record after"},
         {"root inside block", [](auto& b) { b.file("x", "a").record(root, {}); }, "does not begin its block"},
+        {"root leads", [](auto& b) { b.file("x", "a").endBlock().endIndexPart().rootUsesLeaders = true; }, "a leader"},
+        {"root needs leader", [](auto& b) { b.file("x", "a").rootUsesLeaders = true; }, "a leader"},
         {"trailer before root", [](auto& b) { b.record(RecordType::trailer, {}); }, "the trailer is not where"},
         {"empty part", [](auto& b) { b.file("x", "a").endIndexPart().endIndexPart(); }, "covers no entry"},
     };

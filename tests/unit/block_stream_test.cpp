@@ -49,4 +49,17 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
     EXPECT_LT(first.size(), 5 * blockSize / 2 + 65536);
 }
 
+TEST(BlockStream, FailsWhenAnArchiveWouldHaveTooManyBlocks) {
+    std::size_t written = 0;
+    const auto count = [&](Bytes) { return ++written, Status(); };
+    for (const std::uint64_t limit : {3U, 2U}) {
+        written = 0;
+        BlockStream stream(MessageKeys(), 2, count, leaderEvery(16), limit);
+        for (int i = 0; i < 2; ++i) stream.put(std::vector<std::uint8_t>(blockSize));
+        const auto finished = stream.finish(std::vector<std::uint8_t>(36));
+        EXPECT_LE(written, limit);
+        EXPECT_EQ(finished ? 0 : finished.error().code, limit == 3 ? 0 : EFBIG);
+    }
+}
+
 }  // namespace

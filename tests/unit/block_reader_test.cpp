@@ -1,0 +1,193 @@
+// Single blocks: their headers, their frames, and the leaders that they name.
+#include "qvx/read/block_reader.h"
+
+#include <gtest/gtest.h>
+#include <zstd.h>
+
+#include "fuzz/checking_sink.h"
+
+using namespace tarnwick;
+using namespace tarnwick::qvx;
+
+namespace {
+
+const ByteVector plain(blockSize, 't');
+
+TEST(BlockHeader, RejectsEveryFieldThatThePageDoesNotAllow) {
+    const std::tuple<const char*, BlockHeader, bool> headers[] = {
+        {"raw", {17, 0, 1}, true},
+        {"longest", {blockSize + tagSize, 0, 1}, true},
+        {"no content", {16, 0, 1}, false},
+        {"too long", {blockSize + tagSize + 1, 0, 1}, false},
+        {"last number", {100, 0, maxBlocks - 1}, true},
+        {"too high a number", {100, 0, maxBlocks}, false},
+        {"unknown flag", {100, 0x10, 1}, false},
+        {"last", {100, blockLast, 1}, true},
+        {"last, compressed", {100, blockLast | blockCompressed, 1}, false},
+        {"last, a leader", {100, blockLast | blockLeader, 1}, false},
+        {"raw leader", {100, blockLeader, 1}, true},
+        {"compressed leader", {100, blockLeader | blockCompressed, 1}, true},
+        {"needs a leader", {100, blockCompressed | blockWithDictionary, 2, 1}, true},
+        {"raw, with dictionary", {100, blockWithDictionary, 2, 1}, false},
+        {"leader needs a leader", {100, blockLeader | blockCompressed | blockWithDictionary, 2, 1}, false},
+        {"its own leader", {100, blockCompressed | blockWithDictionary, 2, 2}, false},
+        {"leader comes later", {100, blockCompressed | blockWithDictionary, 2, 3}, false},
+        {"names a leader without need", {100, blockCompressed, 2, 1}, false},
+    };
+    for (const auto& [name, header, valid] : headers)
+        EXPECT_EQ(decodeBlockHeader(encodeBlockHeader(header)).has_value(), valid) << name;
+    auto bytes = encodeBlockHeader({17, 0, 1});
+    EXPECT_FALSE(decodeBlockHeader(Bytes(bytes).first(blockHeaderSize - 1)));
+    bytes[0] ^= 1;
+    EXPECT_FALSE(decodeBlockHeader(bytes));
+}
+
+// Seals `stored` as block 1, and opens it again.
+BlockFault faultOf(ByteVector stored, std::uint8_t flags, const ByteVector& leader = {}) {
+    const BlockHeader header{static_cast<std::uint32_t>(stored.size() + tagSize), flags, 1};
+    const std::size_t length = stored.size();
+    stored.resize(length + tagSize);
+    const auto all = MutableBytes(stored);
+    MessageCipher(MessageKeys(), MessageCipher::Direction::seal)
+        .seal(1, encodeBlockHeader(header), all.first(length), all.last<tagSize>());
+    ByteVector opened;
+    const auto fault = BlockDecoder(MessageKeys()).decode(header, stored, leader, opened);
+    EXPECT_TRUE(fault != BlockFault::none || flags == blockLast || opened == plain);
+    return fault;
+}
+
+using Parameters = std::vector<std::pair<ZSTD_cParameter, int>>;
+
+ByteVector compressed(const Parameters& parameters, const ByteVector& content = plain, const ByteVector& prefix = {}) {
+    const std::unique_ptr<ZSTD_CCtx, FreeWith<ZSTD_freeCCtx>> context(ZSTD_createCCtx());
+    for (const auto& [name, value] : parameters) ZSTD_CCtx_setParameter(context.get(), name, value);
+    if (!prefix.empty()) ZSTD_CCtx_refPrefix(context.get(), prefix.data(), prefix.size());
+    ByteVector frame(ZSTD_compressBound(content.size()));
+    frame.resize(ZSTD_compress2(context.get(), frame.data(), frame.size(), content.data(), content.size()));
+    return frame;
+}
+
+ByteVector operator+(ByteVector a, const ByteVector& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST(BlockDecoder, RejectsEveryFrameButTheOneOfThePage) {
+    const ByteVector frame = compressed({}), skippable{0x50, 0x2a, 0x4d, 0x18, 0, 0, 0, 0};
+    const ByteVector half(blockSize / 2, 't'), twice(2 * blockSize, 't');
+    auto otherSize = frame, cutFrame = frame;
+    otherSize[6] ^= 1;
+    cutFrame.pop_back();
+    const auto frames = {
+        std::pair("one with a checksum", compressed({{ZSTD_c_checksumFlag, 1}})),
+        std::pair("one without its size", compressed({{ZSTD_c_contentSizeFlag, 0}})),
+        std::pair("one of half a block", compressed({}, half)),
+        std::pair("two of half a block", compressed({}, half) + compressed({}, half)),
+        std::pair("one of two blocks", compressed({}, twice)),
+        std::pair("two frames", frame + frame),
+        std::pair("a skippable frame after it", frame + skippable),
+        std::pair("a skippable frame before it", skippable + frame),
+        std::pair("a byte after it", frame + ByteVector{0}),
+        std::pair("a cut one", cutFrame),
+        std::pair("one that states another size", otherSize),
+        std::pair("none", ByteVector{0}),
+    };
+    EXPECT_EQ(faultOf(frame, blockCompressed), BlockFault::none);
+    for (const auto& [name, bytes] : frames) EXPECT_EQ(faultOf(bytes, blockCompressed), BlockFault::content) << name;
+    EXPECT_EQ(faultOf(half, 0), BlockFault::content) << "a short block";
+    EXPECT_EQ(faultOf(half, blockLast), BlockFault::none);
+    EXPECT_EQ(faultOf(plain, blockLast), BlockFault::content) << "a last block that is full";
+}
+
+TEST(BlockDecoder, UsesALeaderAsRawContentEvenIfItLooksLikeATrainedDictionary) {
+    ByteVector leader = plain;
+    std::ranges::copy(ByteVector{0x37, 0xa4, 0x30, 0xec}, leader.begin());
+    const auto frame = compressed({}, plain, leader);
+    EXPECT_EQ(faultOf(frame, blockCompressed | blockWithDictionary, leader), BlockFault::none);
+}
+
+struct Role {
+    bool leads = false;
+    std::optional<std::uint64_t> leader = std::nullopt;
+};
+
+// A file of blocks with these roles. A leader is whatever block is named.
+struct BlockFile {
+    explicit BlockFile(const std::vector<Role>& roles) {
+        BlockEncoder encoder{MessageKeys()};
+        for (const auto& [leads, leader] : roles) {
+            ByteVector block(BlockEncoder::capacity);
+            const Dictionary dictionary{leader.value_or(0), plain};
+            const BlockRole role{false, leads, leader ? &dictionary : nullptr};
+            block.resize(encoder.encode(map.end(), role, plain, block.data()));
+            map.add({map.end(), bytes.size()});
+            bytes.insert(bytes.end(), block.begin(), block.end());
+        }
+        file = archiveFile(bytes);
+    }
+    // The numbers of the blocks that cannot be opened.
+    [[nodiscard]] std::vector<std::uint64_t> damaged(BlockPipeline::Supplier supplier, const BlockMap* leaders) const {
+        std::vector<std::uint64_t> numbers;
+        BlockPipeline pipeline(*file, keys, std::move(supplier), leaders);
+        while (const auto block = pipeline.next())
+            if (block->fault) numbers.push_back(block->place.sequence);
+        return numbers;
+    }
+    [[nodiscard]] std::vector<std::uint64_t> damagedAtRandom() const {
+        std::vector<std::uint64_t> numbers;
+        RandomBlocks random(*file, keys, map);
+        for (std::uint64_t i = map.end(); i-- > 0;)
+            if (random.get(i)->fault) numbers.insert(numbers.begin(), i);
+        return numbers;
+    }
+
+    const MessageKeys keys;
+    ByteVector bytes;
+    BlockMap map;
+    std::unique_ptr<ArchiveFile> file;
+};
+
+using Numbers = std::vector<std::uint64_t>;
+
+TEST(BlockPipeline, RejectsABlockWhoseLeaderIsNotOneOfTheLastSixteen) {
+    std::vector<Role> roles(17, {true});
+    roles.insert(roles.end(), {{false, 1}, {false, 16}, {false, 0}, {true}, {false, 1}, {false, 4}});
+    const BlockFile blocks(roles);
+    EXPECT_EQ(blocks.damaged(MappedBlocks(*blocks.file, blocks.map), nullptr), (Numbers{19, 21}));
+    EXPECT_EQ(blocks.damagedAtRandom(), Numbers{}) << "each block with its leader, wherever that is";
+}
+
+TEST(BlockPipeline, RejectsABlockWhoseLeaderIsNone) {
+    const BlockFile blocks({{true}, {false, 0}, {false, 1}, {false, 2}, {}, {false, 4}, {false, 0}});
+    const Numbers expected{2, 3, 5};
+    EXPECT_EQ(blocks.damaged(MappedBlocks(*blocks.file, blocks.map), nullptr), expected);
+    EXPECT_EQ(blocks.damaged(MappedBlocks(*blocks.file, blocks.map), &blocks.map), expected);
+    EXPECT_EQ(blocks.damagedAtRandom(), expected);
+}
+
+TEST(BlockPipeline, OpensTheLeadersOfChosenBlocksByItself) {
+    std::vector<Role> roles(20, {true});
+    for (std::uint64_t i = 0; i < 20; ++i) roles.push_back({false, 4 + (7 * i) % 16});
+    const BlockFile blocks(roles);
+    for (const std::uint64_t step : {1U, 3U, 7U}) {
+        std::uint64_t next = 20;
+        const auto everyStep = [&]() -> std::optional<BlockPipeline::Task> {
+            const auto place = blocks.map.find(std::exchange(next, next + step));
+            if (!place) return std::nullopt;
+            return BlockPipeline::Task{unopenedBlock(*blocks.file, *place)};
+        };
+        EXPECT_EQ(blocks.damaged(everyStep, &blocks.map), Numbers{}) << step;
+    }
+}
+
+// In the map of a damaged archive, blocks are missing, and there are copies of others.
+TEST(BlockMap, FindsTheFirstPlaceOfEachBlock) {
+    BlockMap map;
+    for (const auto& [sequence, position] : {std::pair(5, 50), std::pair(0, 7), std::pair(5, 60)})
+        map.add({static_cast<std::uint64_t>(sequence), static_cast<std::uint64_t>(position)});
+    EXPECT_EQ(map.find(5)->position, 50U);
+    EXPECT_EQ(map.find(0)->position, 7U);
+    EXPECT_FALSE(map.find(1) || map.find(6));
+}
+
+}  // namespace
