@@ -4,6 +4,7 @@
 #include <openssl/sha.h>
 
 #include <algorithm>
+#include <new>
 
 namespace tarnwick::qvx {
 
@@ -45,7 +46,7 @@ bool isBase64Character(char c) {
 Digest sshFingerprint(const Point& point) {
     const auto blob = blobOf(point);
     Digest digest{};
-    SHA256(blob.data(), blob.size(), digest.data());
+    if (!SHA256(blob.data(), blob.size(), digest.data())) throw std::bad_alloc();
     return digest;
 }
 

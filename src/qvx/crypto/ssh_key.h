@@ -9,7 +9,7 @@
 
 namespace tarnwick::qvx {
 
-// SHA-256 of the wire form of the key: the fingerprint that `ssh-keygen -l` prints.
+// SHA-256 of the wire form of the key: the fingerprint that `ssh-keygen -l` prints. Throws std::bad_alloc.
 Digest sshFingerprint(const Point& point);
 
 // "SHA256:" and base64 without padding, the usual text form.
