@@ -88,7 +88,30 @@ TEST(ArchiveReader, ReadsTheSameEntriesInEveryWay) {
     EXPECT_EQ(read(By::index, archive.bytes, "three").seen, Seen{"three=first content"});
 }
 
-// Among the changes are groups of no blocks, and a leader that needs one.
+TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
+    const auto role = [](std::uint64_t sequence) -> LeaderChoice::Role {
+        if (sequence < maxLeaders) return {true};
+        return {false, 7 * sequence % maxLeaders};
+    };
+    ArchiveBuilder builder({role, maxLeaders});
+    Seen all;
+    for (char name = 'A'; name <= 'Z'; ++name) {
+        builder.file({name}, {&name, 1}).endBlock();
+        all.push_back({name, '=', name});
+    }
+    const auto bytes = builder.finish();
+    for (const auto way : {By::blocks, By::index, By::salvage}) EXPECT_EQ(read(way, bytes).seen, all);
+    EXPECT_EQ(read(By::index, bytes, "Y").seen, Seen{"Y=Y"});
+}
+
+// The workers compute the digests of the first ones only.
+TEST(ArchiveReader, ChecksTheDigestOfEachOfManyEntriesInABlock) {
+    ArchiveBuilder builder;
+    for (int i = 0; i < 5000; ++i) builder.file("x", "a");
+    EXPECT_EQ(read(By::blocks, builder.begin("y").data("a").end({.digest = sha256("b")}, 1).finish()).faults,
+              "y: the digest does not match; ");
+}
+
 TEST(ArchiveDamage, RejectsEveryChangedByteAndEveryShorterLength) {
     const SmallArchive archive;
     for (std::size_t at = 0; at < archive.bytes.size(); at += damageStep) {

@@ -114,7 +114,7 @@ private:
 //
 // Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 16 leaders, for each
 // worker the sealed bytes of a block and 160 KiB for the decompressor, and the block that the consumer uses: 63 MiB. A
-// RandomBlocks adds 6 MiB, and a BlockMap 8 bytes for each block of the archive.
+// RandomBlocks adds 7 MiB, and a BlockMap 8 bytes for each block of the archive.
 class BlockPipeline {
 public:
     struct Task {
