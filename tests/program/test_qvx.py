@@ -204,6 +204,7 @@ class Qvx(Scenario):
                                       if not line.startswith("size")))
         os.remove("/media/copy.qvx")
         self.run_qvx("rekey", "--key", "/media/third.pem", *copy)
+        self.run_qvx("extract", "--key", "/media/third.pem", "--salvage", "-C", OUT, ARCHIVE)
         with open(ARCHIVE, "r+b") as archive:
             archive.truncate(os.stat(ARCHIVE).st_size - 1)
         self.run_qvx("rekey", *KEY, *copy)

@@ -180,14 +180,4 @@ TEST(BlockPipeline, OpensTheLeadersOfChosenBlocksByItself) {
     }
 }
 
-// In the map of a damaged archive, blocks are missing, and there are copies of others.
-TEST(BlockMap, FindsTheFirstPlaceOfEachBlock) {
-    BlockMap map;
-    for (const auto& [sequence, position] : {std::pair(5, 50), std::pair(0, 7), std::pair(5, 60)})
-        map.add({static_cast<std::uint64_t>(sequence), static_cast<std::uint64_t>(position)});
-    EXPECT_EQ(map.find(5)->position, 50U);
-    EXPECT_EQ(map.find(0)->position, 7U);
-    EXPECT_FALSE(map.find(1) || map.find(6));
-}
-
 }  // namespace
