@@ -46,7 +46,9 @@ std::string fault(const ByteVector& bytes) {
 Seen salvaged(const ByteVector& bytes, std::string* faults = nullptr) {
     CheckingSink sink;
     const auto opened = openArchive(bytes, recipient(), Opening::salvage);
-    const auto report = [&](const ReadFault& found) { faults ? * faults += found.text : ""; };
+    const auto report = [&](const ReadFault& found) {
+        if (faults) *faults += found.text;
+    };
     if (opened) static_cast<void>((*opened)->salvage(sink, report));
     return sink.seen;
 }
