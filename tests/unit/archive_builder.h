@@ -51,7 +51,9 @@ inline PathList guardedList(const Seen& paths) {
 struct Tail {
     std::optional<Digest> digest = std::nullopt;
     std::optional<SparseTotals> totals = std::nullopt;
-    std::optional<std::uint64_t> contentOf = std::nullopt, linkOf = std::nullopt;
+    std::optional<std::uint64_t> contentOf = std::nullopt;
+    bool hardLink = false;
+    std::optional<AccessLists> accessLists = std::nullopt;
     std::optional<std::vector<Extent>> unreadable = std::nullopt;
 };
 
@@ -87,10 +89,16 @@ public:
     ArchiveBuilder& data(std::string_view content) {
         return record(RecordType::data, {content.begin(), content.end()});
     }
+    // The next entry that begins announces a digest.
+    ArchiveBuilder& announce() {
+        announced_ = true;
+        return *this;
+    }
     ArchiveBuilder& begin(const std::string& path, EntryType type = EntryType::file) {
         EntryHead head;
         head.number = entries_++;
         head.type = type;
+        head.digestAnnounced = std::exchange(announced_, false);
         head.path = path;
         ByteVector payload;
         encodeEntryHead(head, payload);
@@ -99,8 +107,10 @@ public:
     }
     ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
         ByteVector payload;
-        encodeEntryTail({tail.digest, tail.totals, tail.contentOf, tail.linkOf, {}, {}, tail.unreadable}, payload);
+        encodeEntryTail(
+            {tail.digest, tail.totals, tail.contentOf, tail.hardLink, {}, tail.accessLists, tail.unreadable}, payload);
         index_.size = size;
+        index_.incomplete = tail.unreadable.has_value();
         part_.add(index_);
         return record(RecordType::end, payload);
     }
@@ -110,11 +120,10 @@ public:
     }
 
     ArchiveBuilder& file(const std::string& path, std::string_view content, EntryType type = EntryType::file) {
-        return begin(path, type).data(content).end({.digest = sha256(content)}, content.size());
+        return announce().begin(path, type).data(content).end({.digest = sha256(content)}, content.size());
     }
-    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::optional<std::uint64_t> link,
-                              std::uint64_t size) {
-        return begin(path).end({.contentOf = content, .linkOf = link}, size);
+    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, bool hardLink, std::uint64_t size) {
+        return begin(path).end({.contentOf = content, .hardLink = hardLink}, size);
     }
 
     ArchiveBuilder& endIndexPart() {
@@ -161,6 +170,7 @@ private:
     ArchiveRoot root_;
     Trailer trailer_;
     std::uint64_t entries_ = 0;
+    bool announced_ = false;
     std::optional<BlockStream> stream_;  // destroyed first, because it appends blocks
 };
 

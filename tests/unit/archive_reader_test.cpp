@@ -20,6 +20,7 @@ constexpr std::size_t damageStep = 1;
 
 constexpr auto link = EntryType::link, folder = EntryType::directory;
 constexpr auto hole = RecordType::hole, root = RecordType::root;
+constexpr auto addition = static_cast<RecordType>(0x40);
 
 // What reading an archive in one way has found. The message of a fault is "SUBJECT: TEXT".
 struct Reading {
@@ -51,7 +52,8 @@ Reading read(By way, const ByteVector& bytes, std::string_view wanted = {}) {
 struct SmallArchive {
     SmallArchive() {
         builder.file("one", "first content").endBlock().file("two", "second content").endBlock();
-        builder.reference("three", 0, 0, 13).endIndexPart().endBlock().begin("four").data("fourth ").endBlock();
+        builder.reference("three", 0, true, 13).endIndexPart().endBlock();
+        builder.announce().begin("four").data("fourth ").endBlock();
         builder.data("content").end({.digest = sha256("fourth content")}, 14);
         bytes = builder.finish();
         const auto at = [&](std::size_t i) { return bytes.begin() + std::ptrdiff_t(builder.positions[i]); };
@@ -160,7 +162,8 @@ TEST(ForgedArchive, RejectsEveryChangedByteOfIndexRootAndTrailer) {
             }
             position += payload.size();
         };
-        const auto bytes = builder.file("one", "content").reference("two", 0, 0, 7).file("three", "one", link).finish();
+        const auto bytes =
+            builder.file("one", "content").reference("two", 0, true, 7).file("three", "one", link).finish();
         const auto reading = read(By::blocks, bytes);
         EXPECT_TRUE(!changed || !reading.faults.empty() || (ofEntry && reading.seen == all)) << at;
     }
@@ -168,31 +171,59 @@ TEST(ForgedArchive, RejectsEveryChangedByteOfIndexRootAndTrailer) {
 
 const ByteVector endless{255, 255, 255, 255, 255, 255, 255, 255, 255, 1};
 Tail totals(std::uint64_t size, std::uint64_t holes) { return {.totals = SparseTotals{size, holes}}; }
-Tail lost(std::uint64_t offset, std::uint64_t length) { return {.unreadable = {{{offset, length}}}}; }
+Tail lost(std::uint64_t offset, std::uint64_t length) {
+    return {.totals = {{4, 1}}, .unreadable = {{{offset, length}}}};
+}
+const Tail lostMetadata{.unreadable = std::vector<Extent>()};
+const AccessList list{{AccessRule::Kind::owner, 6}, {AccessRule::Kind::owningGroup, 4}, {AccessRule::Kind::others, 4}};
 Tail digestOf(std::string_view content) { return {.digest = sha256(content)}; }
-Tail copyOf0(std::string_view content) { return {.digest = sha256(content), .contentOf = 0}; }
 
 // All of them are sealed correctly.
 TEST(ForgedArchive, RejectsContradictions) {
     const std::tuple<const char*, void (*)(ArchiveBuilder&), const char*> forgeries[] = {
         {"size", [](auto& b) { b.begin("x").data("abc").end(totals(4, 0), 4); }, "x: the size"},
         {"count of holes", [](auto& b) { b.begin("x").data("abc").end(totals(3, 1), 3); }, "x: the size"},
-        {"digest", [](auto& b) { b.begin("x").data("abc").end(digestOf("abd"), 3); }, "x: the digest"},
+        {"digest", [](auto& b) { b.announce().begin("x").data("abc").end(digestOf("abd"), 3); }, "x: the digest"},
         {"folder with content", [](auto& b) { b.begin("", folder).data("a").end({}, 1); }, "has content"},
-        {"folder with digest", [](auto& b) { b.begin("x", folder).end(digestOf(""), 0); }, "has fields"},
+        {"folder with digest", [](auto& b) { b.begin("x", folder).end(digestOf(""), 0); }, "x: the entry has a digest"},
+        {"folder with empty data", [](auto& b) { b.begin("x", folder).data("").end({}, 0); }, "has content"},
+        {"digest missing", [](auto& b) { b.announce().begin("x").data("a").end({}, 1); }, "x: the digest is missing"},
+        {"digest not announced", [](auto& b) { b.begin("x").data("a").end(digestOf("a"), 1); },
+         "x: the entry has a dig"},
+        {"digest of reference", [](auto& b) { b.file("x", "a").announce().reference("y", 0, false, 1); }, "reference"},
+        {"hole without size", [](auto& b) { b.begin("x").record(hole, {1}).end({}, 1); }, "x: the size is missing"},
+        {"size of link", [](auto& b) { b.begin("x", link).data("a").end(totals(1, 0), 1); }, "x: the entry has fields"},
+        {"zero byte in target",
+         [](auto& b) {
+             b.file("x", {"a", 2}, link);
+         },
+         "x: the target"},
+        {"long target", [](auto& b) { b.file("x", std::string(4096, 'a'), link); }, "x: the target"},
+        {"target lost but stored", [](auto& b) { b.begin("x", link).data("").end(lostMetadata, 0); }, "has no target"},
+        {"reference of link", [](auto& b) { b.file("x", "a").begin("y", link).end({.contentOf = 0}, 1); }, "reference"},
+        {"list of link",
+         [](auto& b) {
+             b.begin("x", link).data("a").end({.accessLists = {{list, {}}}}, 1);
+         },
+         "an access list"},
+        {"default list of file",
+         [](auto& b) {
+             b.begin("x").end({.accessLists = {{{}, list}}}, 0);
+         },
+         "access list"},
+        {"addition in an entry", [](auto& b) { b.begin("x").record(addition, {}).end({}, 0); }, "x: the entry has no"},
+        {"addition after root", [](auto& b) { b.file("x", "a").root().record(addition, {}); }, "after the root"},
         {"link without target", [](auto& b) { b.begin("x", link).end({}, 0); }, "has no target"},
         {"link with a hole", [](auto& b) { b.begin("x", link).record(hole, {1}).end({}, 1); }, "a hole"},
         {"huge hole", [](auto& b) { b.begin("x").record(hole, endless).end({}, 0); }, "a hole"},
-        {"refers to itself", [](auto& b) { b.reference("x", 0, {}, 0); }, "x: the reference"},
-        {"refers to later entry", [](auto& b) { b.reference("x", 1, {}, 3).file("y", "abc"); }, "x: the reference"},
-        {"has own content", [](auto& b) { b.file("x", "a").begin("y").data("a").end(copyOf0("a"), 1); }, "reference"},
-        {"refers to copy", [](auto& b) { b.file("x", "a").reference("y", 0, 0, 1).reference("z", 1, 1, 1); },
+        {"refers to itself", [](auto& b) { b.reference("x", 0, false, 0); }, "x: the reference"},
+        {"refers to later entry", [](auto& b) { b.reference("x", 1, false, 3).file("y", "abc"); }, "x: the entry with"},
+        {"has own content", [](auto& b) { b.file("x", "").begin("y").data("").end({.contentOf = 0}, 0); }, "reference"},
+        {"refers to copy", [](auto& b) { b.file("x", "a").reference("y", 0, true, 1).reference("z", 1, true, 1); },
          "its content is"},
-        {"refers to link", [](auto& b) { b.file("x", "a", link).reference("y", 0, 0, 1); }, "y: the entry with its"},
+        {"refers to link", [](auto& b) { b.file("x", "a", link).reference("y", 0, true, 1); }, "y: the entry with its"},
         {"refers to incomplete",
-         [](auto& b) { b.begin("x").record(hole, {4}).end(lost(0, 4), 4).reference("y", 0, {}, 4); }, "incomplete"},
-        {"linked elsewhere", [](auto& b) { b.file("x", "a").file("y", "b").reference("z", 0, 1, 1); }, "linked to"},
-        {"digest of another", [](auto& b) { b.file("x", "a").begin("y").end(copyOf0("b"), 1); }, "y: digest or size"},
+         [](auto& b) { b.begin("x").record(hole, {4}).end(lost(0, 4), 4).reference("y", 0, false, 4); }, "incomplete"},
         {"no end", [](auto& b) { b.begin("x"); }, "x: the entry has no end"},
         {"entry in an entry", [](auto& b) { b.begin("x").file("y", "a"); }, "x: the entry has no end"},
         {"data after entry", [](auto& b) { b.file("x", "a").data("b"); }, "outside of an entry"},
@@ -215,10 +246,52 @@ TEST(ForgedArchive, RejectsContradictions) {
     }
 }
 
-TEST(ForgedArchive, RejectsChosenEntryWithAnotherDigest) {
+TEST(ForgedArchive, KeepsEntriesBetweenAdditions) {
     ArchiveBuilder builder;
-    builder.file("a", "abc").begin("b").end(copyOf0("abd"), 3);
-    EXPECT_EQ(read(By::index, builder.finish(), "b").seen, Seen{"b="});
+    builder.record(addition, {1})
+        .file("x", "a")
+        .record(addition, {})
+        .endIndexPart()
+        .record(addition, {})
+        .file("y", "b");
+    const auto bytes = builder.finish();
+    for (const auto way : {By::blocks, By::index, By::salvage}) {
+        EXPECT_EQ(read(way, bytes).seen, (Seen{"x=a", "y=b"}));
+        EXPECT_EQ(read(way, bytes).faults, "");
+    }
+}
+
+// Does not keep contents, which have many zeros. Sees "path" and, with a digest, "path#".
+struct DigestSink : EntrySink {
+    bool begin(const EntryHead& head) override { return path = head.path, true; }
+    bool data(Bytes) override { return true; }
+    bool hole(std::uint64_t) override { return true; }
+    bool finish(const EntryTail& tail, const ContentReader&) override {
+        return seen.push_back(path + (tail.digest ? "#" : "")), true;
+    }
+    void abandon() override { seen.push_back(path + '!'); }
+    std::string path;
+    Seen seen;
+};
+
+// Only a reader of all entries knows that there were too many zeros before the last one.
+TEST(ForgedArchive, RejectsDigestsAfterTooManyZeros) {
+    const ByteVector tooLong{0x81, 0x80, 0x80, 0x80, 0x40};  // 2^34 + 1
+    for (const bool digest : {false, true}) {
+        ArchiveBuilder builder;
+        builder.announce().begin("x").record(hole, tooLong).end(totals(maxDigestedZeros + 1, 1), maxDigestedZeros + 1);
+        auto last = totals(1, 1);
+        if (digest) last.digest = sha256({"", 1});
+        const auto bytes = builder.file("y", "abc").announce().begin("z").record(hole, {1}).end(last, 1).finish();
+        const auto reader = openArchive(bytes);
+        DigestSink all, some, one;
+        EXPECT_EQ(bool((*reader)->readAll(all)), !digest);
+        EXPECT_EQ(all.seen, (Seen{"x", "y#", digest ? "z!" : "z"}));
+        EXPECT_TRUE((*reader)->readChosen([](auto, auto) { return true; }, some));
+        EXPECT_EQ(some.seen, (Seen{"x", "y#", digest ? "z#" : "z"}));
+        EXPECT_TRUE((*reader)->readChosen([](auto, auto path) { return path == "z"; }, one));
+        EXPECT_EQ(one.seen, Seen{digest ? "z#" : "z"});
+    }
 }
 
 TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "qvx/format/access_list.h"
 #include "qvx/format/field_table.h"
 #include "qvx/format/index_codec.h"
 #include "unit/hex.h"
@@ -10,6 +11,7 @@
 using namespace tarnwick::qvx;
 using namespace std::literals;
 using tarnwick::test::fromHex;
+using Kind = AccessRule::Kind;
 
 namespace {
 
@@ -30,16 +32,61 @@ bool isTail(const EntryTail& fields) {
     return tail(payload);
 }
 
+const std::string digest(64, '7');
+
 TEST(EntryCodec, RefusesTheFirstValuePastABound) {
-    const std::tuple<const char*, bool (*)(Bytes), const char*, const char*> bounds[] = {
+    const std::tuple<std::string, bool (*)(Bytes), std::string, std::string> bounds[] = {
         {"type of an entry", head, "0003016100", "0004016100"},
         {"no type", head, "0001016100", "0000016100"},
-        {"mode", head, "0001016104ff1f", "00010161048020"},
+        {"digest of a folder", head, "0081016100", "0082016100"},
+        {"empty path of a file", head, "00020000", "00010000"},
+        {"cut path", head, "0001016100", "00010261"},
+        {"unknown field", head, "000101614000", "000101618001"},
+        {"longer form of the fields", head, "0001016100", "000101618000"},
+        {"byte after the last field", head, "0001016100", "000101610000"},
         {"user id", head, "0001016101ffffffff0f", "00010161018080808010"},
-        {"name of an attribute", tail, "1001016100", "10010000"},
-        {"count of attributes", tail, "1001016100", "1002016100"},
+        {"group id", head, "0001016102ffffffff0f", "00010161028080808010"},
+        {"mode", head, "0001016104ff1f", "00010161048020"},
+        {"flags", head, "0001016108ffffffff0f", "00010161088080808010"},
+        {"cut time", head, "00010161100000000000000000", "000101611000000000000000"},
+        {"change time", head, "0001016120ffffffffffffffffff01", "0001016120ffffffffffffffffff02"},
         {"64 bits", hole, "ffffffffffffffffff01", "ffffffffffffffffff02"},
         {"length of a hole", hole, "01", "00"},
+        {"byte after a hole", hole, "01", "0100"},
+        {"unknown field of END", tail, "4000", "c00100"},
+        {"byte after END", tail, "00", "0000"},
+        {"cut digest", tail, "01" + digest, "01" + digest.substr(2)},
+        {"size without holes", tail, "020000", "0200"},
+        {"reference with digest", tail, "0400", "05" + digest + "00"},
+        {"reference with size", tail, "0400", "06000000"},
+        {"reference with lost content", tail, "440000", "4400010001"},
+        {"hard link without reference", tail, "0c00", "08"},
+        {"name without rest", tail, "100106757365722e6100", "100105757365722e00"},
+        {"name of another kind", tail, "100106757365722e6100", "100106746573742e6100"},
+        {"zero byte in a name", tail, "100107757365722e616200", "100107757365722e610000"},
+        {"more attributes than bytes", tail, "100106757365722e6100", "100206757365722e6100"},
+        {"attribute twice", tail, "100206757365722e610006757365722e6200", "100206757365722e610006757365722e6100"},
+        {"attributes in no order", tail, "100206757365722e610006757365722e6200",
+         "100206757365722e620006757365722e6100"},
+        {"list without others", tail, "200306142c00", "2002061400"},
+        {"list without owning group", tail, "200306142c00", "2002062c00"},
+        {"two owners", tail, "200306142c00", "200406070614 2c00"},
+        {"list in another order", tail, "200306142c00", "200314062c00"},
+        {"unknown kind", tail, "200306142c00", "200406142c3400"},
+        {"bit 6 of an entry", tail, "200306142c00", "200346142c00"},
+        {"bit 7 of an entry", tail, "200306142c00", "200306 94 2c00"},
+        {"user without mask", tail, "2005060c0714242c00", "2004060c07142c00"},
+        {"group without mask", tail, "200506141c07242c00", "200406141c072c00"},
+        {"two masks", tail, "200406142428 00", "20050614242c 2c00"},
+        {"no id", tail, "2005060cfeffffff0f14242c00", "2005060cffffffff0f14242c00"},
+        {"id twice", tail, "2006060c070c0814242c00", "2006060c070c0714242c00"},
+        {"ids in no order", tail, "2006060c070c0814242c00", "2006060c080c0714242c00"},
+        {"more entries than bytes", tail, "200306142c00", "200406142c00"},
+        {"default list", tail, "200003 06142c", "200003 06142d2c"},
+        {"extent without a length", tail, "40010001", "40010000"},
+        {"adjacent extents", tail, "400200010101", "400200010001"},
+        {"length past the largest content", tail, "400100ffffffffffffffff7f", "400101ffffffffffffffff7f"},
+        {"offset past the largest content", tail, "4001feffffffffffffff7f01", "4001ffffffffffffffffff0101"},
         {"offset of an index part", root, "000100 00 ffff3f 00", "000100 00 808040 00"},
         {"shortest block", root, "00000111", "00000110"},
         {"longest block", root, "000001908040", "000001918040"},
@@ -47,10 +94,6 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
         {"count of index entries", isPart, "0001 0000 01 00 0161 00 00 00 00 00", "0000"},
         {"entry number", isPart, "0001 0000 01 00 0161 00 00 00 00 00",
          "ffffffffffffffffff01 01 0000 01 00 0161 00 00 00 00 00"},
-        {"extent without a length", tail, "40010001", "40010000"},
-        {"adjacent extents", tail, "400200010101", "400200010001"},
-        {"length past the largest content", tail, "400100ffffffffffffffff7f", "400101ffffffffffffffff7f"},
-        {"offset past the largest content", tail, "4001feffffffffffffff7f01", "4001ffffffffffffffffff0101"},
     };
     for (const auto& [name, decodes, valid, refused] : bounds) {
         EXPECT_TRUE(decodes(fromHex(valid))) << name;
@@ -58,17 +101,73 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
     }
 }
 
+using Attributes = std::vector<ExtendedAttribute>;
+
+Attributes manyAttributes(std::size_t count) {
+    Attributes attributes;
+    for (std::size_t i = 0; i < count; ++i) attributes.push_back({"user." + std::to_string(100000 + i), ""});
+    return attributes;
+}
+
+Attributes largeAttributes(std::size_t bytes) {
+    Attributes attributes = manyAttributes(16);
+    for (auto& [name, value] : attributes) {
+        value.assign(std::min(bytes - name.size(), maxAttributeValueLength), 'x');
+        bytes -= name.size() + value.size();
+    }
+    return attributes;
+}
+
+AccessList listOf(std::size_t count) {
+    AccessList list{{Kind::owner, 7}};
+    for (std::uint32_t id = 0; list.size() < count - 3; ++id) list.push_back({Kind::user, 7, id});
+    for (const auto kind : {Kind::owningGroup, Kind::mask, Kind::others}) list.push_back({kind, 7});
+    return list;
+}
+
 TEST(EntryCodec, RefusesMoreItemsThanTheirLimit) {
-    EntryTail extents, attributes, value;
-    extents.unreadable.emplace();
-    for (std::size_t i = 0; i < maxUnreadableExtents; ++i) extents.unreadable->push_back({2 * i, 1});
-    attributes.attributes.emplace(65536, ExtendedAttribute{"a", ""});
-    value.attributes = {{"a", std::string(maxEndLength - 7, 'x')}};  // 7: bits, count, name, length of the value
-    EXPECT_TRUE(isTail(extents) && isTail(attributes) && isTail(value));
-    extents.unreadable->push_back({2 * maxUnreadableExtents, 1});
-    attributes.attributes->push_back({"a", ""});
-    value.attributes->front().value += 'x';
-    EXPECT_FALSE(isTail(extents) || isTail(attributes) || isTail(value));
+    std::vector<Extent> extents;
+    for (std::size_t i = 0; i <= maxUnreadableExtents; ++i) extents.push_back({2 * i, 1});
+    const auto withoutLast = std::vector(extents.begin(), extents.end() - 1);
+    const std::string name = "user." + std::string(250, 'n'), value(maxAttributeValueLength, 'v');
+    const std::tuple<const char*, EntryTail, EntryTail> limits[] = {
+        {"extents", {.unreadable = withoutLast}, {.unreadable = extents}},
+        {"attributes", {.attributes = manyAttributes(65536)}, {.attributes = manyAttributes(65537)}},
+        {"bytes", {.attributes = largeAttributes(1 << 20)}, {.attributes = largeAttributes((1 << 20) + 1)}},
+        {"name", {.attributes = {{{name, ""}}}}, {.attributes = {{{name + 'n', ""}}}}},
+        {"value", {.attributes = {{{"user.a", value}}}}, {.attributes = {{{"user.a", value + 'v'}}}}},
+        {"access", {.accessLists = {{listOf(8191), {}}}}, {.accessLists = {{listOf(8192), {}}}}},
+        {"default", {.accessLists = {{{}, listOf(8191)}}}, {.accessLists = {{{}, listOf(8192)}}}},
+    };
+    for (const auto& [what, valid, refused] : limits) {
+        EXPECT_TRUE(isTail(valid)) << what;
+        EXPECT_FALSE(isTail(refused)) << what;
+    }
+    for (const char* list : {"system.posix_acl_access", "system.posix_acl_default"})
+        EXPECT_FALSE(isTail({.attributes = {{{list, ""}}}})) << list;
+}
+
+TEST(EntryCodec, RefusesRecordsOfNoType) {
+    const std::tuple<const char*, const char*, bool> records[] = {
+        {"addition", "40010000 aa 000000", true},
+        {"last addition", "7e000000 000000", true},
+        {"no addition", "7f000000 000000", false},
+        {"type 8", "08000000 000000", false},
+        {"past the block", "02090000 0000000000000000", false},
+        {"split data", "82080000 0000000000000000", false},
+        {"split addition", "c0080000 0000000000000000", false},
+        {"split end", "84080000 0000000000000000", true},
+        {"split end before the end of the block", "84040000 0000000000000000", false},
+        {"short padding", "00070000 0000000000000000", false},
+        {"padding of ones", "00080000 0000000000000001", false},
+        {"rest of ones", "02060000 000000000000 0001", false},
+    };
+    for (const auto& [name, bytes, valid] : records) {
+        const auto block = fromHex(bytes);
+        RecordCursor cursor(block);
+        while (cursor.next()) continue;
+        EXPECT_EQ(!cursor.damaged(), valid) << name;
+    }
 }
 
 TEST(EntryCodec, RefusesPathsThatLeadElsewhere) {
@@ -78,17 +177,29 @@ TEST(EntryCodec, RefusesPathsThatLeadElsewhere) {
         EXPECT_FALSE(isEntryPath(path)) << path;
 }
 
-TEST(EntryCodec, RefusesAccessListsOfNames) {
-    const auto isList = [](const std::string& list) {
-        EntryTail fields;
-        fields.accessLists = {"", list};
-        return isTail(fields);
+// Little-endian: version, then tag, permissions and id of each entry.
+TEST(AccessList, RefusesKernelAttributeThatNoArchiveCanHave) {
+    const std::string owner = "0100 0600 ffffffff", group = "0400 0400 ffffffff", mask = "1000 0400 ffffffff",
+                      others = "2000 0400 ffffffff", user = "0200 0400 07000000", version = "02000000";
+    const auto parse = [](const std::string& hex) {
+        const auto bytes = fromHex(hex);
+        return parseKernelAccessList({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     };
-    for (const char* list : {"", "user::rwx", "user::rw-\nuser:4294967295:--x\ngroup::---\nmask::r-x\nother::---\n"})
-        EXPECT_TRUE(isList(list)) << list;
-    for (const char* list : {"user:daemon:rwx", "user:1:rwx,user:root:rwx", "default:user:1:rwx", "user:1:rwxx", "\n",
-                             "u:1:rwx", "user:1", "user: 1:rwx", "user:1:rw#", "user:1:rwx #"})
-        EXPECT_FALSE(isList(list)) << list;
+    const auto parsed = parse(version + owner + "0200 0400 feffffff" + user + group + mask + others);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(accessListText(*parsed), "user::rw-\nuser:7:r--\nuser:4294967294:r--\ngroup::r--\nmask::r--\nother::r--");
+    EXPECT_EQ(parse(""), AccessList());
+    const std::pair<const char*, std::string> refused[] = {
+        {"version", "01000000" + owner + group + others},
+        {"cut", version + owner + group + others.substr(0, 12)},
+        {"tag", version + owner + group + others + "4000 0400 ffffffff"},
+        {"two tags", version + owner + group + others + "1800 0400 ffffffff"},
+        {"permissions", version + owner + group + "2000 0800 ffffffff"},
+        {"id that is not mapped", version + owner + "0200 0400 ffffffff" + group + mask + others},
+        {"id twice", version + owner + user + user + group + mask + others},
+        {"no mask", version + owner + user + group + others},
+    };
+    for (const auto& [name, value] : refused) EXPECT_FALSE(parse(value)) << name;
 }
 
 TEST(FieldTable, RefusesUnknownRepeatedAndEmptyKeys) {

@@ -10,7 +10,9 @@
 namespace tarnwick {
 
 struct TemporaryFolder {
-    TemporaryFolder() { path = mkdtemp(std::string(testing::TempDir() + "test.XXXXXX").data()); }
+    explicit TemporaryFolder(const std::string& parent = testing::TempDir()) {
+        path = mkdtemp((parent + "test.XXXXXX").data());
+    }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
     ~TemporaryFolder() { std::filesystem::remove_all(path); }

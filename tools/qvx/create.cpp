@@ -194,8 +194,8 @@ Result<Creation> create(std::span<const Point> recipients, const CreateOptions& 
     if (Status collected = collect(collection, options); !collected) return collected.error();
     const auto incomplete = writeArchive(collection.list(), recipients, options.output, before.has_value());
     if (!incomplete) return incomplete.error();
-    for (const auto& [number, error] : *incomplete)
-        reportError(escapedName(collection.list().pathOf(number)) + ": stored as incomplete", error);
+    for (const IncompleteEntry& entry : *incomplete)
+        report(escapedName(collection.list().pathOf(entry.number)) + ": stored as incomplete: " + reasonText(entry));
     return incomplete->empty() && collection.complete() ? Creation::complete : Creation::incomplete;
 }
 

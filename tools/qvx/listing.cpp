@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "base/json_string.h"
+#include "qvx/format/access_list.h"
 #include "qvx/read/incomplete_text.h"
 #include "report.h"
 
@@ -129,11 +130,10 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     if (tail.digest) object.text("sha256", hexText(*tail.digest));
     if (head_.type == EntryType::link) object.text("target", linkTarget_);
     object.number("content_of", tail.contentOf);
-    object.number("link_of", tail.linkOf);
+    if (tail.hardLink) object.number("link_of", tail.contentOf);
     if (tail.attributes) object.raw("xattrs", attributesText(tail));
-    if (tail.attributesOmitted) object.raw("xattrs_omitted", "true");
-    if (tail.accessLists) object.text("acl", tail.accessLists->access);
-    if (tail.accessLists) object.text("default_acl", tail.accessLists->defaultList);
+    if (tail.accessLists) object.text("acl", accessListText(tail.accessLists->access));
+    if (tail.accessLists) object.text("default_acl", accessListText(tail.accessLists->defaultList));
     if (tail.unreadable) object.raw("incomplete", "true");
     if (tail.unreadable) object.raw("unreadable", extentsText(*tail.unreadable));
     return put(object.finish() + '\n');

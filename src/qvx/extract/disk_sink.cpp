@@ -113,7 +113,7 @@ Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& con
         extracted_.add(head_.number, head_.path);
         return {};
     }
-    if (tail.linkOf && extracted_.link(*tail.linkOf, tail, parent_, file_.temporary())) return commit(tail);
+    if (tail.hardLink && extracted_.link(*tail.contentOf, tail, parent_, file_.temporary())) return commit(tail);
     if (auto copied = copyContent(tail, content); !copied || run_.interrupted()) return copied;
     return commit(tail);
 }

@@ -3,7 +3,6 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
-#include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -13,13 +12,14 @@
 #include <new>
 
 #include "base/visible_text.h"
+#include "qvx/format/access_list.h"
+#include "qvx/format/field_table.h"
 
 namespace tarnwick::qvx {
 
 namespace {
 
 using DiskEntry = std::unique_ptr<archive_entry, FreeWith<archive_entry_free>>;
-using Acl = std::unique_ptr<std::remove_pointer_t<acl_t>, FreeWith<acl_free>>;
 
 constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 
@@ -79,19 +79,20 @@ public:
         : run_(run), path_(path), place_("/proc/self/fd/" + std::to_string(file.get())) {}
 
     void setAttribute(const ExtendedAttribute& attribute) {
-        const auto& [name, value] = attribute;
-        if (setxattr(place_.c_str(), name.c_str(), value.data(), value.size(), 0) != 0)
-            warn(errno, "extended attribute ", name);
+        if (!set(attribute.name.c_str(), attribute.value)) warn(errno, "extended attribute ", attribute.name);
     }
 
     // A list that is not in the archive was inherited from the directory, and might allow more than the mode.
-    void setList(const std::string& text, acl_type_t kind, const char* attribute) {
-        if (text.empty()) return removeList(attribute);
-        const Acl list(acl_from_text(text.c_str()));
-        if (!list || acl_set_file(place_.c_str(), kind, list.get()) != 0) warn(errno, "access control list");
+    void setList(const AccessList& list, const char* attribute) {
+        if (list.empty()) return removeList(attribute);
+        if (!set(attribute, kernelAccessList(list))) warn(errno, "access control list");
     }
 
 private:
+    bool set(const char* name, const std::string& value) {
+        return setxattr(place_.c_str(), name, value.data(), value.size(), 0) == 0;
+    }
+
     void removeList(const char* attribute) {
         if (removexattr(place_.c_str(), attribute) != 0 && errno != ENODATA && errno != ENOTSUP)
             warn(errno, "inherited access control list");
@@ -116,7 +117,8 @@ std::size_t attributeMemory(const EntryTail& tail) {
     if (tail.attributes)
         for (const auto& attribute : *tail.attributes)
             size += sizeof attribute + attribute.name.size() + attribute.value.size();
-    if (tail.accessLists) size += tail.accessLists->access.size() + tail.accessLists->defaultList.size();
+    if (tail.accessLists)
+        size += (tail.accessLists->access.size() + tail.accessLists->defaultList.size()) * sizeof(AccessRule);
     return size;
 }
 
@@ -149,9 +151,8 @@ void restoreAttributes(ExtractionRun& run, const EntryHead& head, const FileDesc
     // The kernel has no access control lists for links.
     if (head.type == EntryType::link) return;
     const auto lists = tail.accessLists.value_or(AccessLists{});
-    writer.setList(lists.access, ACL_TYPE_ACCESS, "system.posix_acl_access");
-    if (head.type == EntryType::directory)
-        writer.setList(lists.defaultList, ACL_TYPE_DEFAULT, "system.posix_acl_default");
+    writer.setList(lists.access, accessListAttribute);
+    if (head.type == EntryType::directory) writer.setList(lists.defaultList, defaultListAttribute);
 }
 
 void restoreDirectory(ExtractionRun& run, const std::string& name, const EntryHead& head, const EntryTail& tail) {

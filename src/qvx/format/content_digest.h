@@ -25,4 +25,20 @@ private:
     std::unique_ptr<evp_md_ctx_st, Free> context_;
 };
 
+// The sum of the holes in all entries with an announced digest, in the order in which the entries are stored. Any user
+// can make a file that is one hole of exabytes; its digest would never be finished.
+class DigestedZeros {
+public:
+    // Adds a hole. Whether the entry with it can still have a digest.
+    bool add(std::uint64_t length) {
+        exceeded_ = exceeded_ || length > maxDigestedZeros - sum_;
+        if (!exceeded_) sum_ += length;
+        return !exceeded_;
+    }
+
+private:
+    std::uint64_t sum_ = 0;
+    bool exceeded_ = false;
+};
+
 }  // namespace tarnwick::qvx

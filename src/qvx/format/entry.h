@@ -13,7 +13,8 @@ namespace tarnwick::qvx {
 struct EntryHead {
     std::uint64_t number = 0;
     EntryType type = EntryType::file;
-    std::string path;  // relative to "/", empty for "/" itself; never with an empty component, "." or ".."
+    bool digestAnnounced = false;  // never of a directory
+    std::string path;              // relative to "/", empty for "/" itself; never with an empty component, "." or ".."
     std::optional<std::uint32_t> userId;
     std::optional<std::uint32_t> groupId;
     std::optional<std::uint16_t> mode;  // 07777
@@ -33,9 +34,21 @@ struct ExtendedAttribute {
     std::string value;
 };
 
+// An entry of a POSIX access list. The kinds have the order in which a list has its entries.
+struct AccessRule {
+    enum class Kind : std::uint8_t { owner, user, owningGroup, group, mask, others };
+    Kind kind = Kind::owner;
+    std::uint8_t permissions = 0;  // 4 read, 2 write, 1 execute
+    std::uint32_t id = 0;          // of the user or the group; 0 in the other kinds
+    bool operator==(const AccessRule&) const = default;
+};
+
+// Empty for none. access_list.h says which lists are valid.
+using AccessList = std::vector<AccessRule>;
+
 struct AccessLists {
-    std::string access;  // long text form with numeric ids; empty for none
-    std::string defaultList;
+    AccessList access;
+    AccessList defaultList;  // of a directory only
 };
 
 // A range of bytes of the content.
@@ -47,17 +60,16 @@ struct Extent {
 };
 
 struct EntryTail {
-    std::optional<Digest> digest;
-    std::optional<SparseTotals> totals;
-    std::optional<std::uint64_t> contentOf;  // number of the earlier entry with the content
-    std::optional<std::uint64_t> linkOf;     // number of the earlier entry that is the same inode
-    std::optional<std::vector<ExtendedAttribute>> attributes;
-    std::optional<AccessLists> accessLists;
-    // Set when a part of the file could not be read. The extents are the parts of the content that are stored as zeros
-    // instead, in ascending order and never adjacent. There are none when the missing part is metadata, the target of a
-    // link, or the end of a content of unknown size.
-    std::optional<std::vector<Extent>> unreadable;
-    bool attributesOmitted = false;
+    std::optional<Digest> digest = std::nullopt;
+    std::optional<SparseTotals> totals = std::nullopt;
+    std::optional<std::uint64_t> contentOf = std::nullopt;  // number of the earlier entry with the content
+    bool hardLink = false;  // the entry is the same inode as `contentOf`, under another path
+    std::optional<std::vector<ExtendedAttribute>> attributes = std::nullopt;
+    std::optional<AccessLists> accessLists = std::nullopt;
+    // Set when the entry is incomplete: a part of the file could not be read or stored. The extents are the parts of
+    // the content that are stored as zeros instead, in ascending order and never adjacent. There are none when the
+    // missing part is metadata, the target of a link, or the end of a content of unknown size.
+    std::optional<std::vector<Extent>> unreadable = std::nullopt;
 };
 
 }  // namespace tarnwick::qvx

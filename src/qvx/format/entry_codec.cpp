@@ -8,6 +8,14 @@ namespace tarnwick::qvx {
 
 namespace {
 
+bool isKnown(RecordType type) { return type <= RecordType::trailer || isAddition(type); }
+
+// An entry whose content is in another one has none itself, and its fields describe none.
+bool isConsistent(const EntryTail& tail) {
+    const bool unreadable = tail.unreadable && !tail.unreadable->empty();
+    return tail.contentOf ? !tail.digest && !tail.totals && !unreadable : !tail.hardLink;
+}
+
 bool isZero(Bytes bytes) {
     return bytes.empty() || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
@@ -32,7 +40,7 @@ std::optional<Record> RecordCursor::next() {
         const bool splits =
             record.type == RecordType::end || record.type == RecordType::index || record.type == RecordType::root;
         const std::size_t left = block_.size() - offset_ - recordHeaderSize;
-        if (type > static_cast<std::uint8_t>(RecordType::trailer) || length > left ||
+        if (!isKnown(record.type) || length > left ||
             (record.continues && (!splits || left - length >= recordHeaderSize)) ||
             (record.type == RecordType::pad && length != left)) {
             damaged_ = true;
@@ -71,7 +79,8 @@ EntryType readEntryType(WireReader& in, unsigned number) {
 void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes) {
     WireWriter out(bytes);
     out.varint(head.number);
-    out.byte(static_cast<std::uint8_t>(head.type));
+    out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(head.type) |
+                                       (head.digestAnnounced ? entryDigestAnnounced : 0U)));
     out.text(head.path);
     encodeFields(head, out);
 }
@@ -80,7 +89,10 @@ std::optional<EntryHead> decodeEntryHead(Bytes payload) {
     WireReader in(payload);
     EntryHead head;
     head.number = in.varint();
-    head.type = readEntryType(in, in.byte());
+    const unsigned type = in.byte();
+    head.type = readEntryType(in, type & ~unsigned{entryDigestAnnounced});
+    head.digestAnnounced = type & entryDigestAnnounced;
+    if (head.digestAnnounced && head.type == EntryType::directory) in.fail();
     head.path = in.text();
     decodeFields(in, head);
     if (!in.ok() || !in.atEnd() || !isPathOf(head.type, head.path)) return std::nullopt;
@@ -97,8 +109,14 @@ std::optional<EntryTail> decodeEntryTail(Bytes payload) {
     WireReader in(payload);
     EntryTail tail;
     decodeFields(in, tail);
-    if (!in.ok() || !in.atEnd()) return std::nullopt;
+    if (!in.ok() || !in.atEnd() || !isConsistent(tail)) return std::nullopt;
     return tail;
+}
+
+bool announcesDigest(Bytes payload) {
+    WireReader in(payload);
+    in.varint();
+    return in.byte() & entryDigestAnnounced;
 }
 
 std::optional<std::uint64_t> decodeHole(Bytes payload) {

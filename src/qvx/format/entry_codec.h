@@ -32,8 +32,8 @@ class RecordCursor {
 public:
     explicit RecordCursor(Bytes block, std::size_t offset = 0);
 
-    // The next record that is not padding. None at the end of the block, and where the bytes are not a record:
-    // damaged() is then true. The payload points into the block.
+    // The next record that is not padding; its type may be one for later additions. None at the end of the block, and
+    // where the bytes are not a record: damaged() is then true. The payload points into the block.
     std::optional<Record> next();
     [[nodiscard]] bool damaged() const { return damaged_; }
     [[nodiscard]] std::size_t offset() const { return offset_; }  // end of the last record returned
@@ -50,6 +50,10 @@ void encodeEntryTail(const EntryTail& tail, std::vector<std::uint8_t>& bytes);
 
 std::optional<EntryHead> decodeEntryHead(Bytes payload);
 std::optional<EntryTail> decodeEntryTail(Bytes payload);
+
+// Whether the payload of an ENTRY announces a digest. Reads no more of it than that.
+bool announcesDigest(Bytes payload);
+
 std::optional<std::uint64_t> decodeHole(Bytes payload);  // never 0
 
 // Whether an entry may have this path, and an entry of this type.

@@ -1,69 +1,56 @@
 #include "qvx/format/field_table.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cerrno>
+#include <functional>
 #include <limits>
-#include <memory>
 
-#include "base/handle.h"
+#include "qvx/format/access_list.h"
 
 namespace tarnwick::qvx {
 
 namespace {
 
-// A time out of range becomes the nearest one in range: a file may have a time in the year 2400, which 64 bits of
-// nanoseconds cannot express.
-std::int64_t nanoseconds(const struct statx_timestamp& time) {
-    using Limits = std::numeric_limits<std::int64_t>;
+// None for a time that 64 bits of nanoseconds cannot express, for example in the year 2400.
+std::optional<std::int64_t> nanoseconds(const struct statx_timestamp& time) {
     std::int64_t result = 0;
-    if (!__builtin_mul_overflow(time.tv_sec, 1'000'000'000, &result) &&
-        !__builtin_add_overflow(result, time.tv_nsec, &result))
-        return result;
-    return time.tv_sec < 0 ? Limits::min() : Limits::max();
+    if (__builtin_mul_overflow(time.tv_sec, 1'000'000'000, &result) ||
+        __builtin_add_overflow(result, time.tv_nsec, &result))
+        return std::nullopt;
+    return result;
 }
 
-void captureFlags(const CaptureSource& source, EntryHead& head) {
+Status captureTime(const struct statx_timestamp& time, std::optional<std::int64_t>& field) {
+    field = nanoseconds(time);
+    return field ? Status() : systemError(EOVERFLOW);
+}
+
+Status captureFlags(const CaptureSource& source, EntryHead& head) {
     int flags = 0;  // the kernel writes an int, although the call is declared for a long
     if (source.descriptor >= 0 && ::ioctl(source.descriptor, FS_IOC_GETFLAGS, &flags) == 0)
         head.flags = static_cast<std::uint32_t>(flags);
+    return {};
 }
 
-void captureAttributes(const CaptureSource& source, EntryTail& tail) {
-    archive_entry* entry = source.extras;
-    if (!entry) return;
-    std::vector<ExtendedAttribute> attributes;
-    std::size_t total = 0;
-    archive_entry_xattr_reset(entry);
-    const char* name = nullptr;
-    const void* value = nullptr;
-    std::size_t size = 0;
-    while (archive_entry_xattr_next(entry, &name, &value, &size) == ARCHIVE_OK) {
-        total += std::char_traits<char>::length(name) + size;
-        if (total > maxAttributeBytes) {
-            tail.attributesOmitted = true;
-            return;
-        }
-        attributes.push_back({name, std::string(static_cast<const char*>(value), size)});
-    }
-    if (!attributes.empty()) tail.attributes = std::move(attributes);
+Status captureAttributes(const CaptureSource& source, EntryTail& tail) {
+    if (source.attributes && !source.attributes->extended.empty())
+        tail.attributes = std::move(source.attributes->extended);
+    return {};
 }
 
-std::string accessListText(archive_entry* entry, int type) {
-    if (!(archive_entry_acl_types(entry) & type)) return {};
-    const std::unique_ptr<char, FreeWith<std::free>> text(archive_entry_acl_to_text(entry, nullptr, type));
-    return text ? text.get() : "";
-}
-
-void captureAccessLists(const CaptureSource& source, EntryTail& tail) {
-    if (!source.extras) return;
-    AccessLists lists{accessListText(source.extras, ARCHIVE_ENTRY_ACL_TYPE_ACCESS),
-                      accessListText(source.extras, ARCHIVE_ENTRY_ACL_TYPE_DEFAULT)};
-    if (!lists.access.empty() || !lists.defaultList.empty()) tail.accessLists = std::move(lists);
+Status captureAccessLists(const CaptureSource& source, EntryTail& tail) {
+    if (!source.attributes) return {};
+    const auto access = parseKernelAccessList(source.attributes->accessList);
+    const auto defaults = parseKernelAccessList(source.attributes->defaultList);
+    AccessLists lists;
+    if (access && !isModeAlone(*access, source.status.stx_mode)) lists.access = *access;
+    if (defaults) lists.defaultList = *defaults;
+    const bool fits = access && defaults && areListsOf(source.type, lists);
+    if (fits && !(lists.access.empty() && lists.defaultList.empty())) tail.accessLists = std::move(lists);
+    return fits ? Status() : systemError(E2BIG);
 }
 
 template <auto member, typename Part>
@@ -109,51 +96,40 @@ void encodeAttributes(const EntryTail& tail, WireWriter& out) {
     }
 }
 
+// Checked before the copies, so that no input makes them larger than the limit.
+ExtendedAttribute decodeAttribute(WireReader& in, std::size_t& bytesLeft) {
+    const std::string_view name = in.text();
+    const std::string_view value = in.text();
+    if (!isAttributeName(name) || value.size() > maxAttributeValueLength || name.size() + value.size() > bytesLeft) {
+        in.fail();
+        return {};
+    }
+    bytesLeft -= name.size() + value.size();
+    return {std::string(name), std::string(value)};
+}
+
 void decodeAttributes(WireReader& in, EntryTail& tail) {
-    constexpr std::size_t maxAttributes = 65536;  // more than the kernel can list: its list of names has at most 64 KiB
-    const std::size_t count = in.count(3);        // bytes: two lengths, and a name of one character
+    constexpr std::size_t minAttributeSize = 8;  // two lengths, and a name of six characters
+    const std::size_t count = in.count(minAttributeSize);
     if (count > maxAttributes) in.fail();
     std::vector<ExtendedAttribute> attributes(in.ok() ? count : 0);
-    for (auto& attribute : attributes) {
-        attribute.name = in.text();
-        attribute.value = in.text();
-        if (attribute.name.empty() || attribute.name.find('\0') != std::string::npos) in.fail();
-    }
+    std::size_t bytesLeft = maxAttributeBytes;
+    for (auto& attribute : attributes) attribute = decodeAttribute(in, bytesLeft);
+    if (std::ranges::adjacent_find(attributes, std::ranges::greater_equal(), &ExtendedAttribute::name) !=
+        attributes.end())
+        in.fail();
     tail.attributes = std::move(attributes);
 }
 
-// For example "user:1000:r-x". A name instead of the number could mean another user on the machine that restores, and
-// would need a lookup.
-bool isAccessListLine(std::string_view line) {
-    const std::size_t id = line.find(':') + 1;
-    const std::size_t rights = line.find(':', id) + 1;
-    if (id == 0 || rights == 0 || line.size() - rights != 3) return false;
-    constexpr std::string_view tags[] = {"user:", "group:", "mask:", "other:"};
-    const auto isNoDigit = [](char c) { return c < '0' || c > '9'; };
-    return std::ranges::find(tags, line.substr(0, id)) != std::end(tags) &&
-           std::ranges::none_of(line.substr(id, rights - 1 - id), isNoDigit) &&
-           line.find_first_not_of("rwx-", rights) == std::string_view::npos;
-}
-
-std::string readAccessList(WireReader& in) {
-    const std::string_view list = in.text();
-    for (std::size_t begin = 0; begin < list.size();) {
-        const std::size_t end = std::min(list.find('\n', begin), list.size());
-        if (!isAccessListLine(list.substr(begin, end - begin))) in.fail();
-        begin = end + 1;
-    }
-    return std::string(list);
-}
-
 void encodeAccessLists(const EntryTail& tail, WireWriter& out) {
-    out.text(tail.accessLists->access);
-    out.text(tail.accessLists->defaultList);
+    encodeAccessList(tail.accessLists->access, out);
+    encodeAccessList(tail.accessLists->defaultList, out);
 }
 
 void decodeAccessLists(WireReader& in, EntryTail& tail) {
-    tail.accessLists.emplace();
-    tail.accessLists->access = readAccessList(in);
-    tail.accessLists->defaultList = readAccessList(in);
+    AccessLists& lists = tail.accessLists.emplace();
+    lists.access = decodeAccessList(in);
+    lists.defaultList = decodeAccessList(in);
 }
 
 // An offset is stored as the distance from the end of the previous extent, so no input decodes to overlapping extents.
@@ -200,35 +176,43 @@ void decodeTotals(WireReader& in, EntryTail& tail) {
     tail.totals = SparseTotals{size, in.varint()};
 }
 
-void captureUser(const CaptureSource& source, EntryHead& head) { head.userId = source.status.stx_uid; }
-void captureGroup(const CaptureSource& source, EntryHead& head) { head.groupId = source.status.stx_gid; }
-void captureMode(const CaptureSource& source, EntryHead& head) {
+Status captureUser(const CaptureSource& source, EntryHead& head) {
+    head.userId = source.status.stx_uid;
+    return {};
+}
+Status captureGroup(const CaptureSource& source, EntryHead& head) {
+    head.groupId = source.status.stx_gid;
+    return {};
+}
+Status captureMode(const CaptureSource& source, EntryHead& head) {
     head.mode = static_cast<std::uint16_t>(source.status.stx_mode & maxMode);
+    return {};
 }
-void captureModified(const CaptureSource& source, EntryHead& head) {
-    head.modified = nanoseconds(source.status.stx_mtime);
+Status captureModified(const CaptureSource& source, EntryHead& head) {
+    return captureTime(source.status.stx_mtime, head.modified);
 }
-void captureChanged(const CaptureSource& source, EntryHead& head) {
-    head.changed = nanoseconds(source.status.stx_ctime);
+Status captureChanged(const CaptureSource& source, EntryHead& head) {
+    return captureTime(source.status.stx_ctime, head.changed);
 }
-void captureCreated(const CaptureSource& source, EntryHead& head) {
-    if (source.status.stx_mask & STATX_BTIME) head.created = nanoseconds(source.status.stx_btime);
+Status captureCreated(const CaptureSource& source, EntryHead& head) {
+    if (!(source.status.stx_mask & STATX_BTIME)) return {};
+    return captureTime(source.status.stx_btime, head.created);
 }
 
 template <auto member, std::uint64_t max, typename Part>
-constexpr FieldRow<Part> numberRow(std::string_view key, void (*capture)(const CaptureSource&, Part&)) {
+constexpr FieldRow<Part> numberRow(std::string_view key, Status (*capture)(const CaptureSource&, Part&)) {
     return {key, isPresent<member>, clear<member>, encodeNumber<member>, decodeNumber<member, max>, capture};
 }
 
 template <auto member>
-constexpr FieldRow<EntryHead> timeRow(std::string_view key, void (*capture)(const CaptureSource&, EntryHead&)) {
+constexpr FieldRow<EntryHead> timeRow(std::string_view key, Status (*capture)(const CaptureSource&, EntryHead&)) {
     return {key, isPresent<member>, clear<member>, encodeTime<member>, decodeTime<member>, capture};
 }
 
 template <auto member, typename Part>
 constexpr FieldRow<Part> row(std::string_view key, void (*encode)(const Part&, WireWriter&),
                              void (*decode)(WireReader&, Part&),
-                             void (*capture)(const CaptureSource&, Part&) = nullptr) {
+                             Status (*capture)(const CaptureSource&, Part&) = nullptr) {
     return {key, isPresent<member>, clear<member>, encode, decode, capture};
 }
 
@@ -249,16 +233,12 @@ constexpr FieldRow<EntryTail> tailRows[] = {
     row<&EntryTail::digest, EntryTail>("SH2", encodeDigest, decodeDigest),
     row<&EntryTail::totals, EntryTail>("SLC", encodeTotals, decodeTotals),
     numberRow<&EntryTail::contentOf, max64, EntryTail>("CLC", nullptr),
-    numberRow<&EntryTail::linkOf, max64, EntryTail>("HLC", nullptr),
+    row<&EntryTail::hardLink, EntryTail>(
+        "HLC", [](const EntryTail&, WireWriter&) {}, [](WireReader&, EntryTail& tail) { tail.hardLink = true; }),
     row<&EntryTail::attributes>("XAT", encodeAttributes, decodeAttributes, captureAttributes),
     row<&EntryTail::accessLists>("ACL", encodeAccessLists, decodeAccessLists, captureAccessLists),
     row<&EntryTail::unreadable, EntryTail>("", encodeUnreadable, decodeUnreadable),
-    // Has a presence bit only, and no value.
-    row<&EntryTail::attributesOmitted, EntryTail>(
-        "", [](const EntryTail&, WireWriter&) {}, [](WireReader&, EntryTail& tail) { tail.attributesOmitted = true; }),
 };
-
-static_assert(std::size(headRows) <= 8 && std::size(tailRows) <= 8);  // one byte of presence bits
 
 // Bit 0 of a mask is the content; the bits of the two tables follow.
 constexpr std::string_view contentKey = "DAT";
@@ -287,6 +267,16 @@ std::span<const FieldRow<EntryHead>> fieldTable() {
 template <>
 std::span<const FieldRow<EntryTail>> fieldTable() {
     return tailRows;
+}
+
+bool isAttributeName(std::string_view name) {
+    if (name == accessListAttribute || name == defaultListAttribute) return false;
+    static constexpr std::string_view prefixes[] = {"user.", "trusted.", "security.", "system."};
+    const auto begins = [&](std::string_view prefix) {
+        return name.starts_with(prefix) && name.size() > prefix.size();
+    };
+    return name.size() <= maxAttributeNameLength && std::ranges::any_of(prefixes, begins) &&
+           name.find('\0') == std::string_view::npos;
 }
 
 FieldMask fieldBit(std::string_view key) {

@@ -1,7 +1,6 @@
 // The fields of an entry: one row for each, with its key, its encoder and decoder, and its source on the disk.
 //
-// The position of a row in its table is the presence bit of the field, so a new field is a new row at the end. The
-// table of the END record is full.
+// The position of a row in its table is the presence bit of the field, so a new field is a new row at the end.
 #pragma once
 
 #include <sys/stat.h>
@@ -10,18 +9,24 @@
 #include <span>
 #include <string_view>
 
+#include "base/error.h"
 #include "qvx/format/entry.h"
 #include "qvx/format/wire.h"
 
-struct archive_entry;
-
 namespace tarnwick::qvx {
+
+// The attributes of a file on the disk.
+struct DiskAttributes {
+    std::vector<ExtendedAttribute> extended;  // those that an archive can have, ascending by name
+    std::string accessList, defaultList;      // as the kernel keeps them; empty for none
+};
 
 // Data from the disk about a file that is captured.
 struct CaptureSource {
     const struct statx& status;
-    int descriptor = -1;              // of the open file; -1 when it is not open
-    archive_entry* extras = nullptr;  // attributes and access lists of the file; null when it has none
+    EntryType type = EntryType::file;
+    int descriptor = -1;                   // of the open file; -1 when it is not open
+    DiskAttributes* attributes = nullptr;  // null when the file has none
 };
 
 // `Part` is EntryHead (fields of the ENTRY record) or EntryTail (fields of the END record).
@@ -31,8 +36,10 @@ struct FieldRow {
     bool (*isPresent)(const Part&);
     void (*clear)(Part&);
     void (*encode)(const Part&, WireWriter&);
-    void (*decode)(WireReader&, Part&);            // calls in.fail() on an invalid value
-    void (*capture)(const CaptureSource&, Part&);  // null: the field describes the content, and the encoder fills it in
+    void (*decode)(WireReader&, Part&);  // calls in.fail() on an invalid value
+    // Leaves a value out that an archive cannot have, and fails. Null: the field describes the content, and the encoder
+    // fills it in.
+    Status (*capture)(const CaptureSource&, Part&);
 };
 
 // The rows of EntryHead and of EntryTail.
@@ -47,9 +54,9 @@ std::span<const FieldRow<EntryTail>> fieldTable();
 template <typename Part>
 void encodeFields(const Part& part, WireWriter& out) {
     const auto table = fieldTable<Part>();
-    unsigned bits = 0;
-    for (std::size_t i = 0; i < table.size(); ++i) bits |= static_cast<unsigned>(table[i].isPresent(part)) << i;
-    out.byte(static_cast<std::uint8_t>(bits));
+    std::uint64_t bits = 0;
+    for (std::size_t i = 0; i < table.size(); ++i) bits |= std::uint64_t{table[i].isPresent(part)} << i;
+    out.varint(bits);
     for (const auto& row : table)
         if (row.isPresent(part)) row.encode(part, out);
 }
@@ -58,17 +65,29 @@ void encodeFields(const Part& part, WireWriter& out) {
 template <typename Part>
 void decodeFields(WireReader& in, Part& part) {
     const auto table = fieldTable<Part>();
-    const unsigned bits = in.byte();
+    const std::uint64_t bits = in.varint();
     if (bits >> table.size() != 0) in.fail();
     for (std::size_t i = 0; in.ok() && i < table.size(); ++i)
         if (bits >> i & 1) table[i].decode(in, part);
 }
 
+// Captures all fields that it can. The error is that of the first field that it cannot.
 template <typename Part>
-void captureFields(const CaptureSource& source, Part& part) {
-    for (const auto& row : fieldTable<Part>())
-        if (row.capture) row.capture(source, part);
+Status captureFields(const CaptureSource& source, Part& part) {
+    Status first;
+    for (const auto& row : fieldTable<Part>()) {
+        if (!row.capture) continue;
+        if (Status captured = row.capture(source, part); first && !captured) first = std::move(captured);
+    }
+    return first;
 }
+
+// Whether an extended attribute of an entry may have this name.
+bool isAttributeName(std::string_view name);
+
+// The attributes of the kernel that are the field ACL.
+inline constexpr const char* accessListAttribute = "system.posix_acl_access";
+inline constexpr const char* defaultListAttribute = "system.posix_acl_default";
 
 // A set of fields, one bit for each key. The content has a key ("DAT") as well, although it is not a field of a record.
 using FieldMask = std::uint32_t;

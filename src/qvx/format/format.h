@@ -46,6 +46,12 @@ enum class RecordType : std::uint8_t {
     root = 6,
     trailer = 7,
 };
+
+// Types for later additions. A reader skips such a record between entries.
+constexpr bool isAddition(RecordType type) {
+    return type >= static_cast<RecordType>(0x40) && type <= static_cast<RecordType>(0x7e);
+}
+
 inline constexpr std::uint8_t recordContinues = 0x80;
 inline constexpr std::size_t recordHeaderSize = 4;
 inline constexpr std::size_t trailerSize = 32;
@@ -53,14 +59,21 @@ inline constexpr std::size_t lastBlockSize = blockHeaderSize + recordHeaderSize 
 
 enum class EntryType : std::uint8_t { file = 1, directory = 2, link = 3 };
 
+inline constexpr std::uint8_t entryDigestAnnounced = 0x80;  // bit in the byte of the type in ENTRY
+
 inline constexpr std::uint8_t indexIncomplete = 0x80;  // bit in the byte of the type of an index entry
 
 inline constexpr std::size_t maxPathLength = 4095;
 inline constexpr unsigned maxMode = 07777;
-inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;        // of one entry, as are the next three
-inline constexpr std::size_t maxAttributeBytes = 1048576;                  // names and values together
-inline constexpr std::uint64_t maxDigestedHoles = std::uint64_t{1} << 40;  // bytes
+inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;  // of one entry, as are the next seven
+inline constexpr std::size_t maxTargetLength = 4095;
+inline constexpr std::size_t maxAttributes = 65536;
+inline constexpr std::size_t maxAttributeNameLength = 255;
+inline constexpr std::size_t maxAttributeValueLength = 65536;
+inline constexpr std::size_t maxAttributeBytes = 1048576;  // names and values together
+inline constexpr std::size_t maxAccessRules = 8191;        // of one list
 inline constexpr std::size_t maxUnreadableExtents = 4096;
+inline constexpr std::uint64_t maxDigestedZeros = std::uint64_t{1} << 34;  // bytes, of all entries of an archive
 inline constexpr std::size_t maxEndLength = 2097152;  // bytes of the joined payload, as in the next row
 inline constexpr std::size_t maxIndexLength = 1048576;
 

@@ -35,13 +35,13 @@ std::vector<PlacedDigest> digestContents(Bytes plain) {
     std::vector<PlacedDigest> digests;
     ContentDigest digest;
     std::vector<Bytes> content;
-    bool whole = false;  // the current entry began in this block and has no hole so far
+    bool whole = false;  // the current entry began in this block, announces a digest and has no hole so far
     std::size_t begin = 0;
     std::size_t offset = 0;
     RecordCursor cursor(plain);
     while (const auto record = digests.size() < maxDigests ? cursor.next() : std::nullopt) {
         if (record->type == RecordType::entry) {
-            whole = true;
+            whole = announcesDigest(record->payload);
             begin = offset;
             content.clear();
         } else if (record->type == RecordType::data && content.size() < maxParts) {

@@ -17,8 +17,8 @@ struct BlockPlace {
     std::uint64_t position = 0;  // in the file, of the block header
 };
 
-// The digest of the content of an entry that is complete in one block and has no holes. Workers compute these in
-// parallel.
+// The digest of the content of an entry that announces one, is complete in one block and has no holes. Workers compute
+// these in parallel.
 struct PlacedDigest {
     std::size_t offset = 0;  // of the ENTRY record
     Digest digest{};

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <new>
 
+#include "qvx/format/access_list.h"
+
 namespace tarnwick::qvx {
 
 namespace {
@@ -77,24 +79,31 @@ ReadOutcome EntryReader::begin(const Record& record) {
     if (!head) return damaged("the beginning of an entry is malformed");
     head_ = std::move(*head);
     precomputed_ = record.contentDigest;
-    if (!precomputed_) digest_.restart();
+    digested_ = head_.digestAnnounced;
+    if (digested_ && !precomputed_) digest_.restart();
     size_ = 0;
     holes_ = 0;
     zeros_ = 0;
+    hasContent_ = false;
     // A sink that refuses an entry does not get an abandon() for it.
     inEntry_ = sink_.begin(head_);
     return ReadOutcome::fromSink(inEntry_);
 }
 
 ReadOutcome EntryReader::addData(Bytes bytes) {
+    if (head_.type == EntryType::directory) return damaged("a directory has content");
     // A subtraction, because a sum could overflow.
     if (bytes.size() > maxContentSize - size_) return damaged("the content is too long");
     size_ += bytes.size();
-    if (head_.type == EntryType::directory) return damaged("a directory has content");
-    // The kernel makes no link with a longer target, and the sinks keep the target in memory.
-    if (head_.type == EntryType::link && size_ > maxPathLength) return damaged("the target of the link is too long");
-    if (!precomputed_) digest_.add(bytes);
+    hasContent_ = true;
+    if (head_.type == EntryType::link && !isTargetPart(bytes)) return damaged("the target of the link is malformed");
+    if (digested_ && !precomputed_) digest_.add(bytes);
     return ReadOutcome::fromSink(sink_.data(bytes));
+}
+
+// The sinks keep the target in memory.
+bool EntryReader::isTargetPart(Bytes bytes) const {
+    return size_ <= maxTargetLength && std::ranges::find(bytes, 0) == bytes.end();
 }
 
 ReadOutcome EntryReader::addHole(Bytes payload) {
@@ -104,8 +113,9 @@ ReadOutcome EntryReader::addHole(Bytes payload) {
     size_ += *length;
     zeros_ += *length;
     ++holes_;
-    // Such an entry has no digest; computing one could take hours.
-    if (zeros_ > maxDigestedHoles) return ReadOutcome::fromSink(sink_.hole(*length));
+    hasContent_ = true;
+    if (head_.digestAnnounced) digested_ = digestedZeros_.add(*length);
+    if (!digested_) return ReadOutcome::fromSink(sink_.hole(*length));
     // In pieces, so that the sink can stop a long hole early.
     for (std::uint64_t left = *length, piece = 0; left > 0; left -= piece) {
         piece = std::min(left, maxHolePiece);
@@ -131,33 +141,40 @@ bool EntryReader::unreadableFits() const {
     if (!tail_.unreadable || tail_.unreadable->empty()) return true;
     std::uint64_t total = 0;
     for (const Extent& extent : *tail_.unreadable) total += extent.length;
-    return head_.type == EntryType::file && !tail_.contentOf && tail_.unreadable->back().end() <= size_ &&
-           total <= zeros_;
+    return head_.type == EntryType::file && tail_.unreadable->back().end() <= size_ && total <= zeros_;
 }
 
 Status EntryReader::checkTail() {
-    if (!unreadableFits()) return error("the unreadable extents do not fit the content");
-    // The checks below are for an entry that contains its content.
-    if (tail_.contentOf) return checkReference();
-    const bool file = head_.type == EntryType::file;
-    if (tail_.linkOf || (tail_.totals && !file) || (tail_.digest && head_.type == EntryType::directory))
-        return error("the entry has fields that do not go together");
-    if (tail_.digest && zeros_ > maxDigestedHoles)
-        return error("the entry has a digest, but its holes are too large for one");
-    if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
-        return error("the size does not match");
-    if (tail_.digest && *tail_.digest != (precomputed_ ? *precomputed_ : digest_.finish()))
-        return error("the digest does not match");
-    if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return error("the link has no target");
-    return {};
+    if (tail_.accessLists && !areListsOf(head_.type, *tail_.accessLists))
+        return error("the entry has an access list that its type cannot have");
+    return tail_.contentOf ? checkReference() : checkContent();
 }
 
-// A reference may name only an earlier entry, so that following references ends.
+// The caller knows whether the entry that is named has content, and where it is.
 Status EntryReader::checkReference() const {
-    const bool own = size_ > 0 || holes_ > 0;
-    const bool back = *tail_.contentOf < head_.number && tail_.linkOf.value_or(0) < head_.number;
-    if (head_.type == EntryType::file && back && !own) return {};
+    const bool other = *tail_.contentOf != head_.number;
+    if (head_.type == EntryType::file && other && !hasContent_ && !head_.digestAnnounced) return {};
     return error("the reference to the entry's content is malformed");
+}
+
+Status EntryReader::checkContent() {
+    if (!unreadableFits()) return error("the unreadable extents do not fit the content");
+    if (tail_.totals && head_.type != EntryType::file) return error("the entry has fields that do not go together");
+    if (!tail_.totals && holes_ > 0) return error("the size is missing");
+    if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
+        return error("the size does not match");
+    const bool noTarget = tail_.unreadable && !hasContent_;
+    if (head_.type == EntryType::link && size_ == 0 && !noTarget) return error("the link has no target");
+    return checkDigest();
+}
+
+Status EntryReader::checkDigest() {
+    const bool certain = scope_ == Scope::everyEntry || !head_.digestAnnounced || holes_ == 0;
+    if (certain && digested_ != tail_.digest.has_value())
+        return error(digested_ ? "the digest is missing" : "the entry has a digest, but must not have one");
+    if (tail_.digest && digested_ && *tail_.digest != (precomputed_ ? *precomputed_ : digest_.finish()))
+        return error("the digest does not match");
+    return {};
 }
 
 ReadOutcome EntryReader::damaged(std::string text) {

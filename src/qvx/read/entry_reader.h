@@ -53,7 +53,11 @@ private:
 
 class EntryReader {
 public:
-    explicit EntryReader(EntrySink& sink) : sink_(sink) {}
+    // Only a reader of every entry, in the order in which they are stored, knows the sum of all zeros. Others accept
+    // that an entry with holes has no digest, although it announces one; and they check no more zeros than the format
+    // allows for a whole archive.
+    enum class Scope { someEntries, everyEntry };
+    explicit EntryReader(EntrySink& sink, Scope scope = Scope::someEntries) : sink_(sink), scope_(scope) {}
 
     // Reads an ENTRY, DATA, HOLE or END record. If isComplete() is true afterwards, call deliver() or abandon() next.
     // If the entry is damaged, it is already abandoned when this returns. The fault names no block.
@@ -87,17 +91,24 @@ private:
     ReadOutcome damaged(std::string text);
     Status checkTail();
     Status checkReference() const;
+    Status checkContent();
+    Status checkDigest();
     [[nodiscard]] bool unreadableFits() const;
+    [[nodiscard]] bool isTargetPart(Bytes bytes) const;
 
     EntrySink& sink_;
+    const Scope scope_;
     EntryHead head_;
     EntryTail tail_;
     RecordJoiner joiner_;
     ContentDigest digest_;
+    DigestedZeros digestedZeros_;
     std::optional<Digest> precomputed_;  // of the content, if the record came with its digest
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // bytes in the holes
+    bool hasContent_ = false;  // a DATA or HOLE record, even if it is empty
+    bool digested_ = false;    // the digest is announced, and the zeros are within their limit
     bool inEntry_ = false;
     bool complete_ = false;
 };

@@ -61,12 +61,6 @@ Status EntryTable::resolve(EntryReader& entry) const {
         return entry.error("the entry with its content is missing or a different one");
     // Its zeros would be taken for real content, because only that entry says which of them are not.
     if (content->unreadable) return entry.error("the entry with its content is incomplete");
-    if (tail.linkOf) {
-        // Two names of one file have the same content, so both must refer to the same entry.
-        const FileEntry* link = find(*tail.linkOf);
-        if (!link || link->content != *tail.contentOf)
-            return entry.error("the entry that it is linked to is missing or a different one");
-    }
     const bool sameDigest = !tail.digest || tail.digest == content->digest;
     const bool sameSize = !tail.totals || tail.totals->size == content->totals.size;
     if (!sameDigest || !sameSize) return entry.error("digest or size differ from those of the entry with its content");

@@ -9,11 +9,12 @@ std::string incompleteText(EntryType type, const EntryTail& tail) {
     constexpr std::size_t maxShown = 8;
     const std::vector<Extent>& extents = *tail.unreadable;
     std::string text = "incomplete when it was captured: ";
-    // An empty list: what could not be read is not a part of the content whose place is known.
+    // What is missing is not a part of the content whose place is known.
     if (extents.empty()) {
         text += type == EntryType::directory ? "its metadata"
                 : type == EntryType::link    ? "its target or its metadata"
                                              : "its metadata or the end of its content";
+        return text + " could not be read or stored";
     }
     for (std::size_t i = 0; i < std::min(extents.size(), maxShown); ++i)
         text += (i == 0 ? "bytes " : ", ") + std::to_string(extents[i].offset) + " to " +

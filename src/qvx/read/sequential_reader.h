@@ -10,7 +10,7 @@ class SequentialReader {
 public:
     // All arguments must outlive the reader.
     SequentialReader(const ArchiveFile& file, const MessageKeys& keys, EntrySink& sink)
-        : file_(file), random_(file, keys, map_), entry_(sink) {}
+        : file_(file), random_(file, keys, map_), entry_(sink, EntryReader::Scope::everyEntry) {}
 
     // Reads the next block. If the outcome is not complete, call only abandon() after it.
     ReadOutcome consume(const OpenedBlock& block);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "base/file_reading.h"
 #include "qvx/write/read_ahead.h"
@@ -23,15 +24,23 @@ constexpr std::uint64_t maxStep = 1048576;
 
 }  // namespace
 
+std::string reasonText(const IncompleteEntry& entry) {
+    switch (entry.error) {
+        case E2BIG: return "an archive cannot hold all of its extended attributes or access lists";
+        case EOVERFLOW: return "an archive cannot hold one of its times";
+        default: return std::strerror(entry.error);
+    }
+}
+
 struct ArchiveEncoder::Entry {
     DiskEntry& source;
     EntryTail& tail = source.tail;
     IndexEntry indexEntry{};
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
-    std::uint64_t zeros = 0;  // bytes in the holes
-    bool stopped = false;     // no more is read: the file was shorter than its status said, or too many reads failed
-    int contentError = 0;     // errno value of the first read that failed
+    bool digested = false;  // the digest of the content is computed, or known
+    bool stopped = false;   // no more is read: the file was shorter than its status said, or too many reads failed
+    int contentError = 0;   // errno value of the first read that failed
     unsigned failedReads = 0;
     std::uint64_t step = minStep;      // bytes to skip after the next failed read
     std::vector<Extent> unreadable{};  // parts of the content
@@ -42,6 +51,7 @@ ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned r
       fields_(fields),
       storesContent_(fields & fieldBit("DAT")),
       storesReferences_(fields & fieldBit("CLC")),
+      storesDigests_(fields & fieldBit("SH2")),
       readers_(readers) {}
 
 Status ArchiveEncoder::write(const PathList& list) {
@@ -60,21 +70,29 @@ Status ArchiveEncoder::write(const PathList& list) {
 Status ArchiveEncoder::writeEntry(DiskEntry& source) {
     if (source.error != 0) return systemError(source.error, source.listed.path);
     Entry entry{source};
+    const bool reused = source.listed.type == EntryType::file && reuseContent(entry);
+    entry.digested = !reused && announcesDigest(entry);
     writeHead(entry);
-    if (source.listed.type == EntryType::file) {
+    if (source.listed.type == EntryType::file && !reused && storesContent_) {
         if (Status written = writeFile(entry); !written) return written;
     } else if (source.listed.type == EntryType::link) {
         writeContent(entry, source.content);
-        if (entry.size > 0) entry.tail.digest = source.digest;
     }
     markIncomplete(entry);
     writeTail(entry);
     return {};
 }
 
+bool ArchiveEncoder::announcesDigest(const Entry& entry) const {
+    const bool link = entry.source.listed.type == EntryType::link && !entry.source.content.empty();
+    const bool file = entry.source.listed.type == EntryType::file && storesContent_;
+    return storesDigests_ && (file || link);
+}
+
 void ArchiveEncoder::writeHead(Entry& entry) {
     EntryHead& head = entry.source.head;
     head.number = root_.entries;
+    head.digestAnnounced = entry.digested;
     removeOtherFields(fields_, head);
     payload_.clear();
     encodeEntryHead(head, payload_);
@@ -88,16 +106,13 @@ void ArchiveEncoder::writeHead(Entry& entry) {
 
 Status ArchiveEncoder::writeFile(Entry& entry) {
     DiskEntry& source = entry.source;
-    if (reuseContent(entry) || !storesContent_) return {};
-    Digest digest = source.digest;
     if (source.file || source.unopened) {
         digest_.restart();
         if (Status written = writeExtents(entry); !written) return written;
-        digest = digest_.finish();
+        if (entry.digested) entry.tail.digest = digest_.finish();
     } else {
         writeContent(entry, source.content);
     }
-    if (entry.zeros <= maxDigestedHoles) entry.tail.digest = digest;
     if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
     // Only a content that was read completely may serve for other entries.
     if (entry.size == source.status.stx_size && entry.contentError == 0)
@@ -120,7 +135,7 @@ bool ArchiveEncoder::reuseContent(Entry& entry) {
     const auto number = stored_->find(source.listed.device, source.status.stx_ino);
     if (!number) return false;
     entry.tail.contentOf = number;
-    if (list_->pathOf(*number) != source.listed.path) entry.tail.linkOf = number;
+    entry.tail.hardLink = list_->pathOf(*number) != source.listed.path;
     entry.size = source.status.stx_size;
     return true;
 }
@@ -140,6 +155,7 @@ void ArchiveEncoder::reserveSpace(std::uint64_t content) {
 
 void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {
     entry.size = content.size();
+    if (entry.digested) entry.tail.digest = entry.source.digest;
     while (!content.empty()) {
         reserveSpace(content.size());
         const Bytes part = content.first(std::min(content.size(), stream_.freeSpace().size() - recordHeaderSize));
@@ -189,10 +205,9 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
     if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
     writeRecord(RecordType::hole, payload_);
     entry.size += length;
-    entry.zeros += length;
     ++entry.holes;
-    // Any user can make a file that is one hole of exabytes; its digest would never be finished.
-    if (entry.zeros <= maxDigestedHoles) digest_.addZeros(length);
+    if (entry.digested) entry.digested = digestedZeros_.add(length);
+    if (entry.digested) digest_.addZeros(length);
 }
 
 // Reads directly into the block. If the file has become shorter since its status was read, the entry ends there. Bytes
@@ -220,7 +235,7 @@ void ArchiveEncoder::appendPart(Entry& entry, Bytes part) {
     if (entry.stopped) return;
     entry.step = minStep;
     entry.size += part.size();
-    digest_.add(part);
+    if (entry.digested) digest_.add(part);
     encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(part.size())}, stream_.freeSpace().data());
     stream_.commit(recordHeaderSize + part.size());
 }
@@ -249,7 +264,8 @@ void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
 
 void ArchiveEncoder::writeTail(Entry& entry) {
     EntryHead& head = entry.source.head;
-    removeOtherFields(fields_, entry.tail);
+    // Readers need the totals of a content with holes.
+    removeOtherFields(entry.holes > 0 ? fields_ | fieldBit("SLC") : fields_, entry.tail);
     payload_.clear();
     encodeEntryTail(entry.tail, payload_);
     writeRecord(RecordType::end, payload_);

@@ -18,8 +18,11 @@ namespace tarnwick::qvx {
 
 struct IncompleteEntry {
     std::uint64_t number = 0;  // in the path list, from 0
-    int error = 0;             // the errno value of the first failure
+    int error = 0;  // the errno value of a failure; E2BIG and EOVERFLOW if an archive cannot have its metadata
 };
+
+// For people: what is wrong with the entry.
+std::string reasonText(const IncompleteEntry& entry);
 
 // Encodes one archive. Throws std::bad_alloc and std::system_error.
 class ArchiveEncoder {
@@ -40,6 +43,7 @@ private:
     Status writeEntry(DiskEntry& source);
     Status writeFile(Entry& entry);
     Status writeExtents(Entry& entry);
+    [[nodiscard]] bool announcesDigest(const Entry& entry) const;
     static Result<Extent> nextExtent(const Entry& entry);
     Status writeExtent(Entry& entry, std::uint64_t end);
     void appendPart(Entry& entry, Bytes part);
@@ -61,10 +65,12 @@ private:
     const FieldMask fields_;
     const bool storesContent_;
     const bool storesReferences_;  // to an earlier entry with the same content
+    const bool storesDigests_;
     const unsigned readers_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;
     ContentDigest digest_;
+    DigestedZeros digestedZeros_;
     std::vector<std::uint8_t> payload_;
     struct timespec started_ {};
     IndexPartEncoder part_;

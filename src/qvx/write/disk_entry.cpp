@@ -69,11 +69,9 @@ void DiskEntryReader::begin(DiskEntry& entry, MutableBytes buffer) {
         return describeUnopened(entry);
     }
     // A symbolic link is not opened. Its attributes are read through the path of the open folder.
-    const std::string link =
-        entry.file ? "" : "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
-    record(
-        metadata_.read(entry.file ? entry.listed.path : link, entry.file.get(), entry.status, entry.head, entry.tail),
-        entry);
+    AttributeSource source{entry.file.get()};
+    if (!entry.file) source.path = "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
+    record(metadata_.read(source, entry.status, entry.head, entry.tail), entry);
     // A directory has no content that is read later.
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
     if (entry.listed.type == EntryType::link) record(readLink(entry, buffer), entry);
@@ -95,7 +93,8 @@ void DiskEntryReader::describeUnopened(DiskEntry& entry) {
     entry.file = FileDescriptor();
     entry.head.type = entry.listed.type;
     entry.head.path = entry.listed.path.substr(1);
-    if (entry.status.stx_mask != 0) captureFields({entry.status}, entry.head);
+    // The entry is incomplete already, so a field that is left out needs no further mark.
+    if (entry.status.stx_mask != 0) static_cast<void>(captureFields({entry.status, entry.head.type}, entry.head));
 }
 
 Status DiskEntryReader::openFolder(const PathList::Entry& listed) {
@@ -134,8 +133,10 @@ Status DiskEntryReader::readLink(DiskEntry& entry, MutableBytes buffer) {
     const ssize_t length =
         ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(buffer.data()), buffer.size());
     if (length < 0) return systemError(errno);
-    if (length == 0) return systemError(EIO);  // only on a damaged file system; readers refuse an empty target
-    setContent(entry, buffer.first(static_cast<std::size_t>(length)));
+    const MutableBytes target = buffer.first(static_cast<std::size_t>(length));
+    // Only on a damaged file system; readers refuse such a target.
+    if (target.empty() || target.size() > maxTargetLength || std::ranges::count(target, 0) > 0) return systemError(EIO);
+    setContent(entry, target);
     return {};
 }
 

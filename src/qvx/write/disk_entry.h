@@ -2,7 +2,9 @@
 #pragma once
 
 #include "base/error.h"
+#include "base/handle.h"
 #include "qvx/format/content_digest.h"
+#include "qvx/format/entry_codec.h"
 #include "qvx/write/entry_metadata.h"
 #include "qvx/write/path_list.h"
 
@@ -11,7 +13,7 @@ namespace tarnwick::qvx {
 struct DiskEntry {
     PathList::Entry listed;
     int error = 0;          // errno value: the file has vanished or was replaced, or memory or descriptors ran out
-    int unreadable = 0;     // errno value: the file is there, but a part of it could not be read
+    int unreadable = 0;     // errno value: the file is there, but a part of it could not be read or stored
     bool unopened = false;  // the file could not be opened: at most its size is known; `unreadable` is set
     struct statx status {};
     EntryHead head;  // all but the number

@@ -3,37 +3,36 @@
 #include <fcntl.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <new>
-
-#include "qvx/format/field_table.h"
+#include <cstring>
 
 namespace tarnwick::qvx {
 
 namespace {
 
-// The length of all names, each with a zero byte. The names include those of access lists, which the kernel keeps as
-// attributes.
-ssize_t listAttributes(const std::string& path, int descriptor, char* names, std::size_t size) {
-    return descriptor >= 0 ? ::flistxattr(descriptor, names, size) : ::llistxattr(path.c_str(), names, size);
+// The length of all names, each with a zero byte at its end.
+ssize_t listNames(const AttributeSource& source, char* names, std::size_t size) {
+    return source.descriptor >= 0 ? ::flistxattr(source.descriptor, names, size)
+                                  : ::llistxattr(source.path.c_str(), names, size);
 }
 
-ssize_t attributeLength(const std::string& path, int descriptor, const char* name) {
-    return descriptor >= 0 ? ::fgetxattr(descriptor, name, nullptr, 0) : ::lgetxattr(path.c_str(), name, nullptr, 0);
+ssize_t readValue(const AttributeSource& source, const std::string& name, char* value, std::size_t size) {
+    return source.descriptor >= 0 ? ::fgetxattr(source.descriptor, name.c_str(), value, size)
+                                  : ::lgetxattr(source.path.c_str(), name.c_str(), value, size);
 }
 
-// libarchive silently skips attributes and lists that it cannot read, so each one is tried here. When the list of names
-// has grown in the meantime, this is not checked.
-Status probeAttributes(const std::string& path, int descriptor, std::size_t length) {
-    std::string names(length, '\0');
-    const ssize_t listed = listAttributes(path, descriptor, names.data(), names.size());
-    if (listed < 0) return errno == ERANGE ? Status() : systemError(errno);
-    names.resize(static_cast<std::size_t>(listed));
-    for (std::size_t at = 0; at < names.size(); at += std::char_traits<char>::length(&names[at]) + 1)
-        if (attributeLength(path, descriptor, &names[at]) < 0 && errno != ENODATA && errno != ENOTSUP)
-            return systemError(errno);
-    return {};
+std::vector<std::string> splitNames(std::string_view names) {
+    std::vector<std::string> split;
+    for (std::size_t at = 0; at < names.size(); at += split.back().size() + 1)
+        split.emplace_back(names.substr(at, names.find('\0', at) - at));
+    std::ranges::sort(split);
+    const auto repeated = std::ranges::unique(split);  // only of a hostile file system
+    split.erase(repeated.begin(), repeated.end());
+    return split;
 }
+
+Status firstFailure(const Status& first, const Status& second) { return first ? second : first; }
 
 }  // namespace
 
@@ -43,37 +42,48 @@ Status readStatus(int descriptor, const char* name, struct statx& status) {
     return systemError(errno);
 }
 
-Status MetadataReader::read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head,
+Status MetadataReader::read(const AttributeSource& source, const struct statx& status, EntryHead& head,
                             EntryTail& tail) {
-    captureFields({status, descriptor}, head);
+    const Status captured = captureFields({status, head.type, source.descriptor}, head);
     // Most files have no attributes; this one call shows it.
-    const ssize_t length = listAttributes(path, descriptor, nullptr, 0);
-    if (length < 0) return errno == ENOTSUP || errno == ENOSYS ? Status() : systemError(errno);
-    if (length == 0) return {};
-    if (Status read = readAttributes(path, descriptor, status, tail); !read) return read;
-    return probeAttributes(path, descriptor, static_cast<std::size_t>(length));
+    const ssize_t length = listNames(source, nullptr, 0);
+    if (length == 0) return captured;
+    if (length < 0) return firstFailure(captured, errno == ENOTSUP || errno == ENOSYS ? Status() : systemError(errno));
+    DiskAttributes attributes;
+    const Status read = firstFailure(captured, readAttributes(source, attributes));
+    return firstFailure(read, captureFields({status, head.type, source.descriptor, &attributes}, tail));
 }
 
-Status MetadataReader::readAttributes(const std::string& path, int descriptor, const struct statx& status,
-                                      EntryTail& tail) {
-    if (!disk_) {
-        disk_.reset(archive_read_disk_new());
-        entry_.reset(archive_entry_new());
-        if (!disk_ || !entry_) throw std::bad_alloc();
-        archive_read_disk_set_symlink_physical(disk_.get());
-        // The encoder finds holes while it reads, and the flags are read already.
-        archive_read_disk_set_behavior(disk_.get(), ARCHIVE_READDISK_NO_SPARSE | ARCHIVE_READDISK_NO_FFLAGS);
+Status MetadataReader::readAttributes(const AttributeSource& source, DiskAttributes& attributes) {
+    const ssize_t length = listNames(source, names_.data(), names_.size());
+    if (length < 0) return systemError(errno);
+    bytesLeft_ = maxAttributeBytes;
+    Status first;
+    for (const auto& name : splitNames({names_.data(), static_cast<std::size_t>(length)}))
+        first = firstFailure(first, readAttribute(source, name, attributes));
+    return first;
+}
+
+Status MetadataReader::readAttribute(const AttributeSource& source, const std::string& name,
+                                     DiskAttributes& attributes) {
+    const bool access = name == accessListAttribute;
+    const bool defaultList = name == defaultListAttribute;
+    if (!access && !defaultList && !isAttributeName(name)) return systemError(E2BIG);
+    // Most values are short, and the kernel clears as many bytes as it is offered.
+    constexpr std::size_t shortValue = 512;
+    ssize_t length = readValue(source, name, value_.data(), shortValue);
+    if (length < 0 && errno == ERANGE) length = readValue(source, name, value_.data(), value_.size());
+    // It is gone by now, or the file system lists it without a value.
+    if (length < 0) return errno == ENODATA || errno == ENOTSUP ? Status() : systemError(errno);
+    std::string value(value_.data(), static_cast<std::size_t>(length));
+    if (access || defaultList) {
+        (access ? attributes.accessList : attributes.defaultList) = std::move(value);
+        return {};
     }
-    archive_entry_clear(entry_.get());
-    archive_entry_copy_pathname(entry_.get(), path.c_str());
-    archive_entry_copy_sourcepath(entry_.get(), path.c_str());
-    const int result = archive_read_disk_entry_from_file(disk_.get(), entry_.get(), descriptor, nullptr);
-    // A warning means that some attributes or lists could not be read; the others are there.
-    if (result >= ARCHIVE_WARN) {
-        captureFields({status, descriptor, entry_.get()}, tail);
-    }
-    if (result >= ARCHIVE_OK) return {};
-    return systemError(archive_errno(disk_.get()) > 0 ? archive_errno(disk_.get()) : EIO);
+    if (name.size() + value.size() > bytesLeft_) return systemError(E2BIG);
+    bytesLeft_ -= name.size() + value.size();
+    attributes.extended.push_back({name, std::move(value)});
+    return {};
 }
 
 }  // namespace tarnwick::qvx

@@ -1,16 +1,13 @@
 // The metadata of one file on the disk.
 #pragma once
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <sys/stat.h>
 
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "base/error.h"
-#include "base/handle.h"
-#include "qvx/format/entry_codec.h"
+#include "qvx/format/field_table.h"
 
 namespace tarnwick::qvx {
 
@@ -18,19 +15,32 @@ namespace tarnwick::qvx {
 // itself when `name` is empty. The birth time is included where the file system has it.
 Status readStatus(int descriptor, const char* name, struct statx& status);
 
+// A file whose attributes are read: an open one, or the symbolic link at `path`, which cannot be opened.
+struct AttributeSource {
+    int descriptor = -1;  // -1 for a link
+    std::string path{};   // of a link
+};
+
 // Reads one file after another. For one thread at a time.
 class MetadataReader {
 public:
-    // Fills the fields of `head` and the attributes and access lists of `tail` for the open file `descriptor`. A
-    // symbolic link is not open (-1) and is read by its path. Attributes past their size limit are left out, and the
-    // tail says so. On a failure, what could be read is filled in. Throws std::bad_alloc.
-    Status read(const std::string& path, int descriptor, const struct statx& status, EntryHead& head, EntryTail& tail);
+    MetadataReader() : names_(maxAttributeBuffer), value_(maxAttributeBuffer) {}
+
+    // Fills the fields of `head`, whose type is set, and the attributes and access lists of `tail`. Leaves out what
+    // cannot be read and what an archive cannot have, and fails: with E2BIG for attributes and lists that an archive
+    // cannot have, with EOVERFLOW for times. Throws std::bad_alloc.
+    Status read(const AttributeSource& source, const struct statx& status, EntryHead& head, EntryTail& tail);
 
 private:
-    Status readAttributes(const std::string& path, int descriptor, const struct statx& status, EntryTail& tail);
+    static constexpr std::size_t maxAttributeBuffer =
+        65536;  // bytes: the kernel gives no longer list of names or value
 
-    std::unique_ptr<archive, FreeWith<archive_read_free>> disk_;
-    std::unique_ptr<archive_entry, FreeWith<archive_entry_free>> entry_;
+    Status readAttributes(const AttributeSource& source, DiskAttributes& attributes);
+    Status readAttribute(const AttributeSource& source, const std::string& name, DiskAttributes& attributes);
+
+    std::vector<char> names_;
+    std::vector<char> value_;
+    std::size_t bytesLeft_ = 0;  // of names and values
 };
 
 }  // namespace tarnwick::qvx
