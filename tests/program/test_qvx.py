@@ -130,6 +130,14 @@ class Qvx(Scenario):
         os.close(unread)
         self.run_qvx("cat", *KEY, ARCHIVE, SOURCE + "/e", stdout=pipe)
 
+    # A tmpfs stores more of them than an archive.
+    def test_create_reports_attributes_that_it_leaves_out(self):
+        write(SOURCE + "/file", "x")
+        for letter in "abcdefghijklmnopq":
+            os.setxattr(SOURCE + "/file", f"trusted.{letter}", bytes(65536))
+        self.create()
+        self.run_qvx("verify", *KEY, ARCHIVE)
+
     # The content of the second name is in the first one. Random blocks are stored raw and need no leader.
     def test_cat_fails_when_the_content_of_another_entry_is_damaged(self):
         write(SOURCE + "/first", os.urandom(3 << 20))
