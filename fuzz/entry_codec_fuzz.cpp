@@ -37,7 +37,7 @@ void checkRecords(Bytes block) {
     };
     while (const auto record = cursor.next()) {
         append(record->type, record->continues, record->payload);
-        require((record->type > RecordType::pad && record->type <= RecordType::trailer) || isAddition(record->type));
+        require(record->type <= RecordType::trailer || isAddition(record->type));
         require(!record->continues ||
                 (record->type >= RecordType::end && block.size() - encoded.size() <= recordHeaderSize));
     }

@@ -129,7 +129,8 @@ TEST_F(ArchiveWriting, DropsMetadataPastTheLimitsInSilence) {
     if (!supported) GTEST_SKIP() << "/dev/shm cannot have such metadata: " << std::strerror(errno);
 
     const auto list = guardedList({attributes, time});
-    auto writer = ArchiveWriter::open(*publicPointOf(recipient()), 1, [](Bytes) { return Status(); });
+    const Point recipients[] = {*publicPointOf(recipient())};
+    auto writer = ArchiveWriter::open(recipients, 1, [](Bytes) { return Status(); });
     const auto incomplete = writer->write(list, allFields, 1);
     ASSERT_TRUE(incomplete);
     ASSERT_EQ(incomplete->size(), 2U);

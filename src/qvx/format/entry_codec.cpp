@@ -48,8 +48,9 @@ std::optional<Record> RecordCursor::next() {
         }
         record.payload = block_.subspan(offset_ + recordHeaderSize, length);
         offset_ += recordHeaderSize + length;
-        if (record.type != RecordType::pad) return record;
-        damaged_ = !isZero(record.payload);
+        if (record.type == RecordType::pad) damaged_ = !isZero(record.payload);
+        const bool skipped = record.type == RecordType::pad && recordHeaderSize + length < block_.size();
+        if (!damaged_ && !skipped) return record;
     }
     damaged_ = damaged_ || !isZero(block_.subspan(offset_));
     return std::nullopt;

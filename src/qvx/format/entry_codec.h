@@ -32,7 +32,8 @@ class RecordCursor {
 public:
     explicit RecordCursor(Bytes block, std::size_t offset = 0);
 
-    // The next record that is not padding; its type may be one for later additions. None at the end of the block, and
+    // The next record; its type may be one for later additions. Padding is returned only if it is the whole block,
+    // because a split record does not continue after it. None at the end of the block, and
     // where the bytes are not a record: damaged() is then true. The payload points into the block.
     std::optional<Record> next();
     [[nodiscard]] bool damaged() const { return damaged_; }

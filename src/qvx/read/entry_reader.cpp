@@ -35,6 +35,7 @@ ReadOutcome EntryReader::consume(const Record& record) {
     if (!inEntry_) return damaged("a record is outside of an entry");
     if (joiner_.joining() && record.type != RecordType::end) return damaged("a split record is not continued");
     switch (record.type) {
+        case RecordType::pad: return {};
         case RecordType::data: return addData(record.payload);
         case RecordType::hole: return addHole(record.payload);
         case RecordType::end: break;

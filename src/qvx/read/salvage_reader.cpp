@@ -32,7 +32,7 @@ std::uint64_t SalvageReader::finish() {
 }
 
 ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace& place) {
-    const bool ofEntry = record.type >= RecordType::entry && record.type <= RecordType::end;
+    const bool ofEntry = record.type <= RecordType::end;  // or padding
     if (!ofEntry || record.type == RecordType::entry) abandonEntry("its end is lost");
     // The first records after a gap may belong to an entry that began earlier and is reported already.
     if (!entry_.inEntry() && record.type != RecordType::entry) return {};

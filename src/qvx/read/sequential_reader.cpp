@@ -44,7 +44,8 @@ Status SequentialReader::checkPlace(const OpenedBlock& block) const {
 
 ReadOutcome SequentialReader::consumeRecord(const Record& record, const EntryPlace& place) {
     if (joiner_.joining()) return consumeIndexRecord(record, place);
-    if (isAddition(record.type) && phase_ == Phase::entries && !entry_.inEntry()) return {};
+    const bool skipped = record.type == RecordType::pad || isAddition(record.type);
+    if (skipped && phase_ == Phase::entries && !entry_.inEntry()) return {};
     switch (record.type) {
         case RecordType::index:
         case RecordType::root: joinedPlace_ = place; return consumeIndexRecord(record, place);
