@@ -20,6 +20,7 @@ constexpr std::size_t damageStep = 1;
 
 constexpr auto link = EntryType::link, folder = EntryType::directory;
 constexpr auto hole = RecordType::hole, root = RecordType::root;
+constexpr auto splitEnd = static_cast<RecordType>(0x84);
 constexpr auto addition = static_cast<RecordType>(0x40);
 
 // What reading an archive in one way has found. The message of a fault is "SUBJECT: TEXT".
@@ -211,6 +212,12 @@ TEST(ForgedArchive, RejectsContradictions) {
              b.begin("x").end({.accessLists = {{{}, list}}}, 0);
          },
          "access list"},
+        {"padding in a split record",
+         [](auto& b) {
+             b.begin("x").data(std::string(blockSize - 18, 'a')).record(splitEnd, {0x40});
+             b.record(RecordType::pad, ByteVector(blockSize - 4)).record(RecordType::end, {0});
+         },
+         "x: a split record is not continued"},
         {"addition in an entry", [](auto& b) { b.begin("x").record(addition, {}).end({}, 0); }, "x: the entry has no"},
         {"addition after root", [](auto& b) { b.file("x", "a").root().record(addition, {}); }, "after the root"},
         {"link without target", [](auto& b) { b.begin("x", link).end({}, 0); }, "has no target"},
@@ -246,14 +253,10 @@ TEST(ForgedArchive, RejectsContradictions) {
     }
 }
 
-TEST(ForgedArchive, KeepsEntriesBetweenAdditions) {
+TEST(ForgedArchive, KeepsEntriesBetweenAdditionsAndPadding) {
     ArchiveBuilder builder;
-    builder.record(addition, {1})
-        .file("x", "a")
-        .record(addition, {})
-        .endIndexPart()
-        .record(addition, {})
-        .file("y", "b");
+    builder.record(addition, {1}).file("x", "a").record(addition, {}).endIndexPart().record(addition, {}).endBlock();
+    builder.record(RecordType::pad, ByteVector(blockSize - 4)).file("y", "b");
     const auto bytes = builder.finish();
     for (const auto way : {By::blocks, By::index, By::salvage}) {
         EXPECT_EQ(read(way, bytes).seen, (Seen{"x=a", "y=b"}));
