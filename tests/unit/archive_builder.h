@@ -48,6 +48,23 @@ inline PathList guardedList(const Seen& paths) {
     return list;
 }
 
+// Reads without keeping contents, which may have many zeros. Sees "SIZE/HOLES", then "#" for a digest, "+N" for N
+// attributes, and "!" for an incomplete entry. An entry that is abandoned is "!" alone.
+struct FieldsSink : EntrySink {
+    bool begin(const EntryHead&) override { return true; }
+    bool data(Bytes) override { return true; }
+    bool hole(std::uint64_t) override { return true; }
+    bool finish(const EntryTail& tail, const ContentReader&) override {
+        seen.push_back(std::to_string(tail.totals->size) + '/' + std::to_string(tail.totals->holes));
+        seen.back() += tail.digest ? "#" : "";
+        if (tail.attributes) seen.back() += '+' + std::to_string(tail.attributes->size());
+        seen.back() += tail.unreadable ? "!" : "";
+        return true;
+    }
+    void abandon() override { seen.emplace_back("!"); }
+    Seen seen;
+};
+
 struct Tail {
     std::optional<Digest> digest = std::nullopt;
     std::optional<SparseTotals> totals = std::nullopt;

@@ -101,27 +101,22 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
     }
 }
 
-using Attributes = std::vector<ExtendedAttribute>;
-
-Attributes manyAttributes(std::size_t count) {
-    Attributes attributes;
-    for (std::size_t i = 0; i < count; ++i) attributes.push_back({"user." + std::to_string(100000 + i), ""});
-    return attributes;
-}
-
-Attributes largeAttributes(std::size_t bytes) {
-    Attributes attributes = manyAttributes(16);
-    for (auto& [name, value] : attributes) {
-        value.assign(std::min(bytes - name.size(), maxAttributeValueLength), 'x');
-        bytes -= name.size() + value.size();
+EntryTail attributesOf(std::size_t count, std::size_t bytes) {
+    EntryTail fields{.attributes = std::vector<ExtendedAttribute>(count)};
+    for (auto& [name, value] : *fields.attributes) {
+        name = "user." + std::to_string(100000 + count--);
+        value.assign(std::min(bytes, maxAttributeValueLength), 'x');
+        bytes -= value.size();
     }
-    return attributes;
+    std::ranges::reverse(*fields.attributes);
+    return fields;
 }
 
 AccessList listOf(std::size_t count) {
-    AccessList list{{Kind::owner, 7}};
-    for (std::uint32_t id = 0; list.size() < count - 3; ++id) list.push_back({Kind::user, 7, id});
-    for (const auto kind : {Kind::owningGroup, Kind::mask, Kind::others}) list.push_back({kind, 7});
+    AccessList list(count, {Kind::user, 7});
+    for (std::uint32_t id = 0; auto& rule : list) rule.id = id++;
+    list[0] = {Kind::owner, 7};
+    for (const auto kind : {Kind::owningGroup, Kind::mask, Kind::others}) list[count++ - 3] = {kind, 7};
     return list;
 }
 
@@ -129,11 +124,12 @@ TEST(EntryCodec, RefusesMoreItemsThanTheirLimit) {
     std::vector<Extent> extents;
     for (std::size_t i = 0; i <= maxUnreadableExtents; ++i) extents.push_back({2 * i, 1});
     const auto withoutLast = std::vector(extents.begin(), extents.end() - 1);
+    constexpr std::size_t total = maxAttributeBytes - 16 * std::string_view("user.100000").size();
     const std::string name = "user." + std::string(250, 'n'), value(maxAttributeValueLength, 'v');
     const std::tuple<const char*, EntryTail, EntryTail> limits[] = {
         {"extents", {.unreadable = withoutLast}, {.unreadable = extents}},
-        {"attributes", {.attributes = manyAttributes(65536)}, {.attributes = manyAttributes(65537)}},
-        {"bytes", {.attributes = largeAttributes(1 << 20)}, {.attributes = largeAttributes((1 << 20) + 1)}},
+        {"attributes", attributesOf(65536, 0), attributesOf(65537, 0)},
+        {"bytes", attributesOf(16, total), attributesOf(16, total + 1)},
         {"name", {.attributes = {{{name, ""}}}}, {.attributes = {{{name + 'n', ""}}}}},
         {"value", {.attributes = {{{"user.a", value}}}}, {.attributes = {{{"user.a", value + 'v'}}}}},
         {"access", {.accessLists = {{listOf(8191), {}}}}, {.accessLists = {{listOf(8192), {}}}}},
