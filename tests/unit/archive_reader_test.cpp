@@ -110,7 +110,7 @@ TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
 TEST(ArchiveReader, ChecksTheDigestOfEachOfManyEntriesInABlock) {
     ArchiveBuilder builder;
     for (int i = 0; i < 5000; ++i) builder.file("x", "a");
-    EXPECT_EQ(read(By::blocks, builder.begin("y").data("a").end({.digest = sha256("b")}, 1).finish()).faults,
+    EXPECT_EQ(read(By::blocks, builder.announce().begin("y").data("a").end({.digest = sha256("b")}, 1).finish()).faults,
               "y: the digest does not match; ");
 }
 
@@ -200,7 +200,8 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"size of link", [](auto& b) { b.begin("x", link).data("a").end(totals(1, 0), 1); }, "x: the entry has fields"},
         {"zero byte in target", [](auto& b) { b.file("x", std::string(2, 0), link); }, "x: the target"},
         {"long target", [](auto& b) { b.file("x", std::string(4096, 'a'), link); }, "x: the target"},
-        {"target lost but stored", [](auto& b) { b.begin("x", link).data("").end(lostMetadata, 0); }, "has no target"},
+        {"target lost but stored", [](auto& b) { b.begin("x", link).data("").end(lostMetadata, 0); },
+         "a part of the content is empty"},
         {"reference of link", [](auto& b) { b.file("x", "a").begin("y", link).end({.contentOf = 0}, 1); }, "reference"},
         {"list of link", [](auto& b) { b.begin("x", link).data("a").end(withList, 1); }, "an access list"},
         {"default list of file", [](auto& b) { b.begin("x").end(withDefaultList, 0); }, "an access list"},
@@ -212,7 +213,9 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"huge hole", [](auto& b) { b.begin("x").record(hole, endless).end({}, 0); }, "a hole"},
         {"refers to itself", [](auto& b) { b.reference("x", 0, false, 0); }, "x: the reference"},
         {"refers to later entry", [](auto& b) { b.reference("x", 1, false, 3).file("y", "abc"); }, "x: the entry with"},
-        {"has own content", [](auto& b) { b.file("x", "").begin("y").data("").end({.contentOf = 0}, 0); }, "reference"},
+        {"has own content", [](auto& b) { b.file("x", "a").begin("y").data("a").end({.contentOf = 0}, 1); },
+         "reference"},
+        {"empty data", [](auto& b) { b.begin("x").data("").end({}, 0); }, "x: a part of the content is empty"},
         {"refers to copy", [](auto& b) { b.file("x", "a").reference("y", 0, true, 1).reference("z", 1, true, 1); },
          "its content is"},
         {"refers to link", [](auto& b) { b.file("x", "a", link).reference("y", 0, true, 1); }, "y: the entry with its"},

@@ -17,7 +17,7 @@ using Kind = AccessRule::Kind;
 constexpr unsigned kinds = 6;
 constexpr unsigned maxPermissions = 7;
 constexpr unsigned kindShift = 3;            // in the byte of kind and permissions
-constexpr std::uint32_t noId = 0xffffffff;   // of the kernel, in entries of the other kinds
+constexpr std::uint32_t noId = maxId + 1;    // of the kernel, in entries of the other kinds
 constexpr std::size_t kernelHeaderSize = 4;  // the version
 constexpr std::size_t kernelEntrySize = 8;   // tag, permissions, id
 
@@ -49,7 +49,7 @@ bool isAccessList(const AccessList& list) {
     std::array<std::size_t, kinds> counts{};
     const auto count = [&](Kind kind) -> std::size_t& { return counts[static_cast<std::size_t>(kind)]; };
     for (const AccessRule& rule : list) {
-        if (rule.id == noId) return false;
+        if (rule.id > maxId) return false;
         ++count(rule.kind);
     }
     const bool named = count(Kind::user) + count(Kind::group) > 0;

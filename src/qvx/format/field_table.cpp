@@ -111,7 +111,7 @@ ExtendedAttribute decodeAttribute(WireReader& in, std::size_t& bytesLeft) {
 void decodeAttributes(WireReader& in, EntryTail& tail) {
     constexpr std::size_t minAttributeSize = 8;  // two lengths, and a name of six characters
     const std::size_t count = in.count(minAttributeSize);
-    if (count > maxAttributes) in.fail();
+    if (count == 0 || count > maxAttributes) in.fail();
     std::vector<ExtendedAttribute> attributes(in.ok() ? count : 0);
     std::size_t bytesLeft = maxAttributeBytes;
     for (auto& attribute : attributes) attribute = decodeAttribute(in, bytesLeft);
@@ -130,6 +130,7 @@ void decodeAccessLists(WireReader& in, EntryTail& tail) {
     AccessLists& lists = tail.accessLists.emplace();
     lists.access = decodeAccessList(in);
     lists.defaultList = decodeAccessList(in);
+    if (lists.access.empty() && lists.defaultList.empty()) in.fail();
 }
 
 // An offset is stored as the distance from the end of the previous extent, so no input decodes to overlapping extents.
@@ -176,13 +177,17 @@ void decodeTotals(WireReader& in, EntryTail& tail) {
     tail.totals = SparseTotals{size, in.varint()};
 }
 
-Status captureUser(const CaptureSource& source, EntryHead& head) {
-    head.userId = source.status.stx_uid;
+Status captureId(std::uint32_t id, std::optional<std::uint32_t>& field) {
+    if (id > maxId) return systemError(EOVERFLOW);
+    field = id;
     return {};
 }
+
+Status captureUser(const CaptureSource& source, EntryHead& head) {
+    return captureId(source.status.stx_uid, head.userId);
+}
 Status captureGroup(const CaptureSource& source, EntryHead& head) {
-    head.groupId = source.status.stx_gid;
-    return {};
+    return captureId(source.status.stx_gid, head.groupId);
 }
 Status captureMode(const CaptureSource& source, EntryHead& head) {
     head.mode = static_cast<std::uint16_t>(source.status.stx_mode & maxMode);
@@ -220,8 +225,8 @@ constexpr std::uint64_t max32 = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint64_t max64 = std::numeric_limits<std::uint64_t>::max();
 
 constexpr FieldRow<EntryHead> headRows[] = {
-    numberRow<&EntryHead::userId, max32, EntryHead>("UID", captureUser),
-    numberRow<&EntryHead::groupId, max32, EntryHead>("GID", captureGroup),
+    numberRow<&EntryHead::userId, maxId, EntryHead>("UID", captureUser),
+    numberRow<&EntryHead::groupId, maxId, EntryHead>("GID", captureGroup),
     numberRow<&EntryHead::mode, maxMode, EntryHead>("MOD", captureMode),
     numberRow<&EntryHead::flags, max32, EntryHead>("FLG", captureFlags),
     row<&EntryHead::modified>("MTM", encodeModified, decodeModified, captureModified),

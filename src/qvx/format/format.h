@@ -65,6 +65,7 @@ inline constexpr std::uint8_t indexIncomplete = 0x80;  // bit in the byte of the
 
 inline constexpr std::size_t maxPathLength = 4095;
 inline constexpr unsigned maxMode = 07777;
+inline constexpr std::uint32_t maxId = 0xfffffffe;  // of a user or a group; to the kernel, 2^32 - 1 means no id
 inline constexpr std::uint64_t maxContentSize = 0x7fffffffffffffff;  // of one entry, as are the next seven
 inline constexpr std::size_t maxTargetLength = 4095;
 inline constexpr std::size_t maxAttributes = 65536;

@@ -85,7 +85,6 @@ ReadOutcome EntryReader::begin(const Record& record) {
     size_ = 0;
     holes_ = 0;
     zeros_ = 0;
-    hasContent_ = false;
     // A sink that refuses an entry does not get an abandon() for it.
     inEntry_ = sink_.begin(head_);
     return ReadOutcome::fromSink(inEntry_);
@@ -93,10 +92,10 @@ ReadOutcome EntryReader::begin(const Record& record) {
 
 ReadOutcome EntryReader::addData(Bytes bytes) {
     if (head_.type == EntryType::directory) return damaged("a directory has content");
+    if (bytes.empty()) return damaged("a part of the content is empty");
     // A subtraction, because a sum could overflow.
     if (bytes.size() > maxContentSize - size_) return damaged("the content is too long");
     size_ += bytes.size();
-    hasContent_ = true;
     if (head_.type == EntryType::link && !isTargetPart(bytes)) return damaged("the target of the link is malformed");
     if (digested_ && !precomputed_) digest_.add(bytes);
     return ReadOutcome::fromSink(sink_.data(bytes));
@@ -114,7 +113,6 @@ ReadOutcome EntryReader::addHole(Bytes payload) {
     size_ += *length;
     zeros_ += *length;
     ++holes_;
-    hasContent_ = true;
     if (head_.digestAnnounced) digested_ = digestedZeros_.add(*length);
     if (!digested_) return ReadOutcome::fromSink(sink_.hole(*length));
     // In pieces, so that the sink can stop a long hole early.
@@ -154,7 +152,7 @@ Status EntryReader::checkTail() {
 // The caller knows whether the entry that is named has content, and where it is.
 Status EntryReader::checkReference() const {
     const bool other = *tail_.contentOf != head_.number;
-    if (head_.type == EntryType::file && other && !hasContent_ && !head_.digestAnnounced) return {};
+    if (head_.type == EntryType::file && other && size_ == 0 && !head_.digestAnnounced) return {};
     return error("the reference to the entry's content is malformed");
 }
 
@@ -164,8 +162,7 @@ Status EntryReader::checkContent() {
     if (!tail_.totals && holes_ > 0) return error("the size is missing");
     if (tail_.totals && (tail_.totals->size != size_ || tail_.totals->holes != holes_))
         return error("the size does not match");
-    const bool noTarget = tail_.unreadable && !hasContent_;
-    if (head_.type == EntryType::link && size_ == 0 && !noTarget) return error("the link has no target");
+    if (head_.type == EntryType::link && size_ == 0 && !tail_.unreadable) return error("the link has no target");
     return checkDigest();
 }
 

@@ -107,7 +107,6 @@ private:
     std::uint64_t size_ = 0;
     std::uint64_t holes_ = 0;
     std::uint64_t zeros_ = 0;  // bytes in the holes
-    bool hasContent_ = false;  // a DATA or HOLE record, even if it is empty
     bool digested_ = false;    // the digest is announced, and the zeros are within their limit
     bool inEntry_ = false;
     bool complete_ = false;

@@ -114,8 +114,8 @@ Status ArchiveEncoder::writeFile(Entry& entry) {
         writeContent(entry, source.content);
     }
     if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
-    // Only a content that was read completely may serve for other entries.
-    if (entry.size == source.status.stx_size && entry.contentError == 0)
+    // Only an entry that is complete may serve for other entries.
+    if (entry.size == source.status.stx_size && entry.contentError == 0 && source.unreadable == 0)
         stored_->add(source.listed.device, source.status.stx_ino, source.head.number);
     return {};
 }
