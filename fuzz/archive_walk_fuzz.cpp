@@ -40,8 +40,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // Leniently, and with every third block lost.
     CheckingSink lenient;
     const BlockMap map;
-    SalvageReader salvage(
-        *file, MessageKeys(), map, lenient, [](const ReadFault&) {}, [](std::uint64_t, std::uint64_t) {});
+    SalvageReader salvage(*file, MessageKeys(), map, lenient, [](const ReadFault&) {});
     for (const auto& block : blocks)
         if (block.place.sequence % 3 != 2 && !salvage.consume(block)) return 0;
     salvage.finish();

@@ -48,8 +48,8 @@ public:
         require(open_ && (!tail.contentOf || content_.empty()));
         require(!tail.unreadable || extentsFit(*tail.unreadable));
         if (tail.contentOf && !content(*this)) content_.clear();
-        require(!tail.digest || tail.contentOf || sha256(content_) == *tail.digest);
-        require(!tail.totals || tail.contentOf || tail.totals->size == content_.size());
+        require(!tail.digest || sha256(content_) == *tail.digest);
+        require(!tail.totals || tail.totals->size == content_.size());
         open_ = false;
         kept_ += content_.size();
         seen.push_back(path_ + '=' + content_);

@@ -1,7 +1,7 @@
 // The payloads of records: what decodes must encode to the same bytes.
+#include "decoded_root.h"
 #include "qvx/format/block_codec.h"
 #include "qvx/format/entry_codec.h"
-#include "qvx/format/index_codec.h"
 #include "require.h"
 
 using namespace tarnwick::qvx;

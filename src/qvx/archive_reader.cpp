@@ -10,9 +10,10 @@ namespace tarnwick::qvx {
 
 namespace {
 
-std::string lossText(std::uint64_t first, std::uint64_t end) {
-    if (end - first == 1) return "entry " + std::to_string(first) + " is lost";
-    return "entries " + std::to_string(first) + " to " + std::to_string(end - 1) + " are lost";
+// The count of those of the numbers from `first` to one before `end` that are not in `found`, which ascends.
+std::uint64_t countMissing(const std::vector<std::uint32_t>& found, std::uint64_t first, std::uint64_t end) {
+    const auto present = std::ranges::lower_bound(found, end) - std::ranges::lower_bound(found, first);
+    return end - first - static_cast<std::uint64_t>(present);
 }
 
 }  // namespace
@@ -37,28 +38,27 @@ Result<void, ReadFault> ArchiveReader::loadIndex() {
 
 Result<void, ReadFault> ArchiveReader::list(const ArchiveIndex::Visitor& visit) {
     if (auto loaded = loadIndex(); !loaded) return loaded;
-    bool continues = true;
-    const auto visitOne = [&](std::uint64_t number, const IndexEntry& entry) {
-        continues = visit(number, entry);
-        return continues;
-    };
-    for (std::size_t part = 0; continues && part < index_->parts(); ++part)
-        if (auto visited = index_->visitPart(part, visitOne); !visited) return visited;
-    return {};
+    return index_->visit(visit);
 }
 
 ReadOutcome ArchiveReader::readChosen(const EntryChoice& choice, EntrySink& sink) {
     if (auto loaded = loadIndex(); !loaded) return loaded.error();
-    EntryTable table;
-    for (std::size_t part = 0; part < index_->parts(); ++part) {
-        const auto entries = chooseEntries(*index_, part, choice);
-        if (!entries) return entries.error();
-        if (entries->empty()) continue;
-        BlockPipeline blocks(*file_, keys_, ChosenBlocks(*file_, index_->map(), *entries), &index_->map());
-        ChosenEntryReader reader(blocks, *index_, choice, sink, table);
-        for (const auto& entry : *entries)
-            if (auto outcome = reader.read(entry.place); !outcome) return outcome;
-    }
+    ChosenEntries chosen;
+    const auto indexed = chooseEntries(*index_, choice, chosen);
+    RereadContents contents(*file_, keys_, index_->map());
+    DeferredEntries deferred;
+    if (auto outcome = readStored(chosen, choice, sink, contents, deferred); !outcome) return outcome;
+    // Only now: a damaged part of the index loses only the entries that it covers, and those after it.
+    if (!indexed) return indexed.error();
+    return deferred.deliver(*index_, choice, contents, sink);
+}
+
+ReadOutcome ArchiveReader::readStored(const ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
+                                      RereadContents& contents, DeferredEntries& deferred) {
+    BlockPipeline blocks(*file_, keys_, ChosenBlocks(*file_, index_->map(), chosen), &index_->map());
+    ChosenEntryReader reader(blocks, choice, sink, contents, deferred);
+    for (const auto& entry : chosen)
+        if (auto outcome = reader.read(entry); !outcome) return outcome;
     return {};
 }
 
@@ -77,27 +77,32 @@ ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     const BlockMap map = scanForBlocks(*file_, keys_);
     const auto indexed = loadIndex();
     if (!indexed) report(indexed.error());
-    const auto reportLoss = [&](std::uint64_t first, std::uint64_t end) {
-        report(readFault(lossText(first, end)));
-        if (indexed) reportNames(first, end, report);
-    };
-    SalvageReader reader(*file_, keys_, map, sink, report, reportLoss);
+    SalvageReader reader(*file_, keys_, map, sink, report);
     BlockPipeline blocks(*file_, keys_, MappedBlocks(*file_, map));
     while (const auto block = blocks.next())
         if (auto outcome = reader.consume(*block); !outcome) return outcome;
-    const std::uint64_t end = reader.finish();
-    if (indexed && end < index_->entries()) reportLoss(end, index_->entries());
+    reportLost(reader.finish(), report);
     return {};
 }
 
-void ArchiveReader::reportNames(std::uint64_t first, std::uint64_t end, const FaultReport& report) {
-    const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
-        if (number >= first && number < end) report({{"lost", 0, entryName(entry.path)}, entry.block});
-        return number < end;
+// `found` has the numbers of all other entries, ascending.
+void ArchiveReader::reportLost(const std::vector<std::uint32_t>& found, const FaultReport& report) {
+    const auto reportUnnamed = [&](std::uint64_t first, std::uint64_t end) {
+        const std::uint64_t count = countMissing(found, first, end);
+        if (count > 0) report(readFault("entries lost whose names are not known: " + std::to_string(count)));
     };
-    // The numbers are reported already. Where a part of the index is damaged, their names are not known.
-    for (std::size_t part = index_->partOf(first); part < index_->parts() && index_->partFirst(part) < end; ++part)
-        static_cast<void>(index_->visitPart(part, visit));
+    if (!index_) return reportUnnamed(0, found.empty() ? 0 : found.back() + std::uint64_t{1});
+    for (std::size_t part = 0; part < index_->parts(); ++part) {
+        std::uint64_t next = index_->partFirst(part);
+        const auto visited = index_->visitPart(part, [&](std::uint64_t number, const IndexEntry& entry) {
+            next = number + 1;
+            if (!std::ranges::binary_search(found, number)) report({{"lost", 0, entryName(entry.path)}, entry.block});
+            return true;
+        });
+        if (visited) continue;
+        report(visited.error());
+        reportUnnamed(next, index_->partEnd(part));
+    }
 }
 
 }  // namespace tarnwick::qvx

@@ -25,11 +25,12 @@ public:
     static Result<std::unique_ptr<ArchiveReader>, OpenFault> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
                                                                   Opening opening = Opening::intact);
 
-    // Calls `visit` for the index entries in archive order until it returns false. Reads only the index. Fails when the
-    // index is damaged.
+    // Calls `visit` for the index entries by number until it returns false. Reads only the index. Fails when the index
+    // is damaged.
     Result<void, ReadFault> list(const ArchiveIndex::Visitor& visit);
 
-    // Reads the chosen entries in archive order, and only the blocks that contain them. Ends at the first damage.
+    // Reads the chosen entries in the order in which they are stored, and only the blocks that contain them; last those
+    // whose content is in an entry that is not chosen. Ends at the first damage.
     ReadOutcome readChosen(const EntryChoice& choice, EntrySink& sink);
 
     // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each
@@ -46,7 +47,9 @@ private:
         : file_(std::move(file)), keys_(header.unsealed.keys.block), headerDamage_(header.damage) {}
 
     Result<void, ReadFault> loadIndex();
-    void reportNames(std::uint64_t first, std::uint64_t end, const FaultReport& report);
+    ReadOutcome readStored(const ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
+                           RereadContents& contents, DeferredEntries& deferred);
+    void reportLost(const std::vector<std::uint32_t>& found, const FaultReport& report);
 
     std::unique_ptr<ArchiveFile> file_;
     MessageKeys keys_;

@@ -74,7 +74,7 @@ struct Tail {
     std::optional<std::vector<Extent>> unreadable = std::nullopt;
 };
 
-// All that is put into one block must fit.
+// Records are not split, and PAD fills a block when the next one does not fit.
 class ArchiveBuilder {
 public:
     ArchiveBuilder() : ArchiveBuilder(leaderEvery(2)) {}
@@ -95,9 +95,13 @@ public:
     // Changes a payload before it is sealed.
     std::function<void(RecordType, ByteVector&)> forge = [](RecordType, ByteVector&) {};
 
+    // Changes what the index says of an entry.
+    std::function<void(std::uint64_t number, IndexEntry&)> forgeIndex = [](std::uint64_t, IndexEntry&) {};
+
     ArchiveBuilder& record(RecordType type, ByteVector payload) {
         forge(type, payload);
         std::array<std::uint8_t, recordHeaderSize> header{};
+        reserve(payload.size());
         encodeRecordHeader({type, false, static_cast<std::uint32_t>(payload.size())}, header.data());
         stream_->put(header);
         stream_->put(payload);
@@ -111,24 +115,34 @@ public:
         announced_ = true;
         return *this;
     }
+    // The next entry gets this number, and those after it the following ones.
+    ArchiveBuilder& number(std::uint64_t number) {
+        next_ = number;
+        return *this;
+    }
     ArchiveBuilder& begin(const std::string& path, EntryType type = EntryType::file) {
         EntryHead head;
-        head.number = entries_++;
+        head.number = next_++;
+        ++entries_;
         head.type = type;
         head.digestAnnounced = std::exchange(announced_, false);
         head.path = path;
         ByteVector payload;
         encodeEntryHead(head, payload);
-        index_ = {stream_->block(), stream_->offset(), type, path};
+        reserve(payload.size());
+        index_ = {stream_->block(), stream_->offset(), 0, type, path};
         return record(RecordType::entry, payload);
     }
     ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
         ByteVector payload;
         encodeEntryTail(
             {tail.digest, tail.totals, tail.contentOf, tail.hardLink, {}, tail.accessLists, tail.unreadable}, payload);
+        reserve(payload.size());
         index_.size = size;
         index_.incomplete = tail.unreadable.has_value();
-        part_.add(index_);
+        index_.span = stream_->block() - index_.block;
+        forgeIndex(next_ - 1, index_);
+        pending_.emplace_back(next_ - 1, index_);
         return record(RecordType::end, payload);
     }
     ArchiveBuilder& endBlock() {
@@ -143,15 +157,22 @@ public:
         return begin(path).end({.contentOf = content, .hardLink = hardLink}, size);
     }
 
-    ArchiveBuilder& endIndexPart() {
+    // Covers all entries that no part has covered, or the `count` first of them by number.
+    ArchiveBuilder& endIndexPart(std::size_t count = SIZE_MAX) {
+        std::ranges::stable_sort(pending_, {}, &std::pair<std::uint64_t, IndexEntry>::first);
+        const auto end = pending_.begin() + std::ptrdiff_t(std::min(count, pending_.size()));
+        std::for_each(pending_.begin(), end, [&](const auto& entry) { part_.add(entry.second); });
+        const auto first = static_cast<std::uint32_t>(std::exchange(covered_, covered_ + part_.count()));
         ByteVector payload;
-        root_.parts.push_back({entries_ - part_.count(), stream_->block(), stream_->offset()});
         part_.finish(payload);
+        pending_.erase(pending_.begin(), end);
+        reserve(payload.size());
+        root_.parts.push_back({first, std::uint32_t(stream_->block()), std::uint32_t(stream_->offset())});
         return record(RecordType::index, payload);
     }
 
     ArchiveBuilder& root() {
-        if (part_.count() > 0) endIndexPart();
+        if (!pending_.empty()) endIndexPart();
         static_cast<void>(endBlock().stream_->drain());
         if (!rootUsesLeaders) stream_->stopUsingLeaders();
         trailer_ = {blocks_.size(), stream_->block(), entries_, stream_->block() + 2};
@@ -181,9 +202,16 @@ public:
     std::vector<std::size_t> positions{fileHeader.size()};
 
 private:
+    void reserve(std::size_t payload) {
+        if (stream_->freeSpace().size() < recordHeaderSize + payload) stream_->pad();
+    }
+
     ByteVector blocks_;
     IndexPartEncoder part_;
     IndexEntry index_;
+    std::vector<std::pair<std::uint64_t, IndexEntry>> pending_;  // entries that no part covers yet
+    std::uint64_t covered_ = 0;
+    std::uint64_t next_ = 0;
     ArchiveRoot root_;
     Trailer trailer_;
     std::uint64_t entries_ = 0;

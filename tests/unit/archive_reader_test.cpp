@@ -217,7 +217,7 @@ TEST(ForgedArchive, RejectsContradictions) {
          "reference"},
         {"empty data", [](auto& b) { b.begin("x").data("").end({}, 0); }, "x: a part of the content is empty"},
         {"refers to copy", [](auto& b) { b.file("x", "a").reference("y", 0, true, 1).reference("z", 1, true, 1); },
-         "its content is"},
+         "z: the entry with its"},
         {"refers to link", [](auto& b) { b.file("x", "a", link).reference("y", 0, true, 1); }, "y: the entry with its"},
         {"refers to incomplete",
          [](auto& b) { b.begin("x").record(hole, {4}).end(lost(0, 4), 4).reference("y", 0, false, 4); }, "incomplete"},
@@ -233,7 +233,7 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"root leads", [](auto& b) { b.file("x", "a").endBlock().endIndexPart().rootUsesLeaders = true; }, "a leader"},
         {"root needs leader", [](auto& b) { b.file("x", "a").rootUsesLeaders = true; }, "a leader"},
         {"trailer before root", [](auto& b) { b.record(RecordType::trailer, {}); }, "the trailer is not where"},
-        {"empty part", [](auto& b) { b.file("x", "a").endIndexPart().endIndexPart(); }, "covers no entry"},
+        {"empty part", [](auto& b) { b.file("x", "a").endIndexPart().endIndexPart(); }, "covers too few"},
     };
     for (const auto& [name, build, fault] : forgeries) {
         ArchiveBuilder builder;
@@ -245,7 +245,7 @@ TEST(ForgedArchive, RejectsContradictions) {
 
 TEST(ForgedArchive, KeepsEntriesBetweenAdditionsAndPadding) {
     ArchiveBuilder builder;
-    builder.record(addition, {1}).file("x", "a").record(addition, {}).endIndexPart().record(addition, {}).endBlock();
+    builder.record(addition, {1}).file("x", "a").record(addition, {}).endBlock();
     builder.record(RecordType::pad, ByteVector(blockSize - 4)).file("y", "b");
     const auto bytes = builder.finish();
     for (const auto way : {By::blocks, By::index, By::salvage}) {
@@ -269,6 +269,12 @@ TEST(ForgedArchive, RejectsDigestAfterTooManyZeros) {
         EXPECT_TRUE((*openArchive(bytes))->readChosen([](auto, auto path) { return path != "x"; }, some));
         EXPECT_EQ(some.seen, (Seen{"3/0#", digest ? "1/1#" : "1/1"}));
     }
+}
+
+TEST(ForgedArchive, RejectsChosenEntryWhoseContentHasAnotherDigest) {
+    ArchiveBuilder builder;
+    builder.announce().begin("a").data("abc").end(digestOf("abd"), 3).reference("b", 0, false, 3);
+    EXPECT_EQ(read(By::index, builder.finish(), "b").seen, Seen{"b="});
 }
 
 TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {

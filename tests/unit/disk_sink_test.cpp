@@ -48,10 +48,14 @@ struct Extraction {
         if (kind == ':' || kind == '#') tail.contentOf = std::stoul(word.substr(end + 1));
         tail.hardLink = kind == '#';
         contents.push_back(tail.contentOf ? contents[*tail.contentOf] : word.substr(end + 1));
-        tail.digest = sha256(whole(contents.back()));
+        const Digest digest = sha256(whole(contents.back()));
+        if (tail.contentOf) tail.content = ContentCheck{whole(contents.back()).size(), checkOf(digest)};
+        if (!tail.contentOf) tail.digest = digest;
         if (!sink.begin(head) || (kind != '/' && !tail.contentOf && !pass(contents.back(), sink))) return;
         if (kind == '~') return sink.abandon();
-        const auto reread = [&](EntrySink& next) { return ++rereads > 0 && pass(contents.back(), next); };
+        const auto reread = [&](EntrySink& next) {
+            return ++rereads > 0 && pass(contents.back(), next) ? Status() : Status(Error{"stopped"});
+        };
         if (kind != '?') sink.finish(tail, reread);
     }
     static bool pass(const std::string& content, EntrySink& to) {

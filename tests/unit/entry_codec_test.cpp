@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fuzz/decoded_root.h"
 #include "qvx/format/access_list.h"
 #include "qvx/format/field_table.h"
 #include "qvx/format/index_codec.h"
@@ -105,13 +106,27 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
         {"short padding", isBlock, "00080000 0000000000000000", "00070000 0000000000000000"},
         {"padding of ones", isBlock, "00080000 0000000000000000", "00080000 0000000000000001"},
         {"rest of ones", isBlock, "02060000 000000000000 0000", "02060000 000000000000 0001"},
-        {"offset of an index part", root, "000100 00 ffff3f 00", "000100 00 808040 00"},
+        {"offset of an index part", root, "010100 00 ffff3f 00", "010100 00 808040 00"},
+        {"block of an index part", root, "010100 ffffff03 00 00", "010100 80808004 00 00"},
+        {"first index part", root, "020100 00 00 00", "020101 00 00 00"},
+        {"index part of 128 entries", root, "810102 00 00 00 8001 00 00 00", "810102 00 00 00 7f 00 00 00"},
+        {"last index part", root, "810102 00 00 00 8001 00 00 00", "810102 00 00 00 8101 00 00 00"},
+        {"no index part", root, "000000", "010000"},
         {"shortest block", root, "00000111", "00000110"},
         {"longest block", root, "000001908040", "000001918040"},
-        {"count of index parts", root, "000000", "000100"},
-        {"count of index entries", isPart, "0001 0000 01 00 0161 00 00 00 00 00", "0000"},
-        {"entry number", isPart, "0001 0000 01 00 0161 00 00 00 00 00",
-         "ffffffffffffffffff01 01 0000 01 00 0161 00 00 00 00 00"},
+        {"count of index parts", root, "000000", "010100"},
+        {"count of index entries", isPart, "0001 000000 01 00 0161 00 00 00 00 00", "0000"},
+        {"entry number in the index", isPart, "feffffff0f 01 000000 01 00 0161 00 00 00 00 00",
+         "ffffffff0f 01 000000 01 00 0161 00 00 00 00 00"},
+        {"block of an entry", isPart, "0001 feffff070000 01 00 0161 00 00 00 00 00",
+         "0001 808080080000 01 00 0161 00 00 00 00 00"},
+        {"block before the first", isPart, "0001 000000 01 00 0161 00 00 00 00 00",
+         "0001 010000 01 00 0161 00 00 00 00 00"},
+        {"span of an entry", isPart, "0001 0000ffffff03 01 00 0161 00 00 00 00 00",
+         "0001 000080808004 01 00 0161 00 00 00 00 00"},
+        {"size of an entry", isPart, "0001 000000 01 00 0161 00 00 00 ffffffffffffffff7f 00",
+         "0001 000000 01 00 0161 00 00 00 80808080808080808001 00"},
+        {"entry number", head, "feffffff0f 01 016100", "ffffffff0f 01 016100"},
     };
     for (const auto& [name, decodes, valid, refused] : bounds) {
         EXPECT_TRUE(decodes(fromHex(valid))) << name;

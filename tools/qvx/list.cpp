@@ -28,7 +28,9 @@ CommandResult runList(const ListOptions& options) {
     if (!options.json) return finishOutput(options.archive, listIndex(**reader));
     // The index does not have all that this prints, so the whole archive is read, and checked on the way.
     JsonSink sink;
-    return finishOutput(options.archive, (*reader)->readAll(sink));
+    const auto outcome = (*reader)->readAll(sink);
+    if (const Status printed = sink.finishLines(); !printed) return CommandError{printed.error()};
+    return finishOutput(options.archive, outcome);
 }
 
 }  // namespace

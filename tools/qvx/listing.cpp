@@ -127,6 +127,7 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     object.number("btime_ns", head_.created);
     if (tail.totals) object.number("size", tail.totals->size);
     if (tail.totals) object.number("holes", tail.totals->holes);
+    if (tail.content) object.number("size", tail.content->size);
     if (tail.digest) object.text("sha256", hexText(*tail.digest));
     if (head_.type == EntryType::link) object.text("target", linkTarget_);
     object.number("content_of", tail.contentOf);
@@ -136,7 +137,12 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     if (tail.accessLists) object.text("default_acl", accessListText(tail.accessLists->defaultList));
     if (tail.unreadable) object.raw("incomplete", "true");
     if (tail.unreadable) object.raw("unreadable", extentsText(*tail.unreadable));
-    return put(object.finish() + '\n');
+    return lines_.add(static_cast<std::uint32_t>(head_.number), object.finish() + '\n');
+}
+
+Status JsonSink::finishLines() {
+    static_cast<void>(lines_.finish());  // what fails to be written, the caller sees in the stream
+    return lines_.status();
 }
 
 bool OutputSink::begin(const EntryHead& head) {
@@ -160,9 +166,9 @@ bool OutputSink::hole(std::uint64_t length) {
 bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
     incomplete_ = incomplete_ || tail.unreadable;
     if (tail.unreadable) report(escapedName(path_) + ": " + incompleteText(EntryType::file, tail));
-    if (!tail.contentOf || content(*this)) return true;
-    if (!std::ferror(stdout)) report("the content, which is in an earlier entry, cannot be read");
-    return false;
+    const Status read = tail.contentOf ? content(*this) : Status();
+    if (!read && !std::ferror(stdout)) report(escapedName(path_) + ": " + read.error().text);
+    return static_cast<bool>(read);
 }
 
 bool CheckSink::begin(const EntryHead& head) {
@@ -171,9 +177,7 @@ bool CheckSink::begin(const EntryHead& head) {
 }
 
 bool CheckSink::finish(const EntryTail& tail, const ContentReader&) {
-    if (head_.number < next_) return true;
-    next_ = head_.number + 1;
-    if (!tail.unreadable) return true;
+    if (++finished_ <= known_ || !tail.unreadable) return true;
     ++incomplete_;
     report(archive_ + ": " + escapedName(entryName(head_.path)) + ": " + incompleteText(head_.type, tail));
     return true;

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
+#include "ordered_lines.h"
 #include "qvx/archive_reader.h"
 
 namespace tarnwick::qvx {
@@ -10,8 +12,8 @@ namespace tarnwick::qvx {
 // "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" after the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
 
-// Prints each entry as one JSON object on one line, with everything that the archive contains about it except the
-// content.
+// Prints each entry as one JSON object on one line, by number, with everything that the archive contains about it
+// except the content.
 class JsonSink : public EntrySink {
 public:
     bool begin(const EntryHead& head) override;
@@ -20,9 +22,13 @@ public:
     bool finish(const EntryTail& tail, const ContentReader& content) override;
     void abandon() override {}
 
+    // Call it at the end, also after damage.
+    Status finishLines();
+
 private:
     EntryHead head_;
     std::string linkTarget_;
+    OrderedLines lines_;
 };
 
 // Writes the content of its files to standard output. Stops when that fails. Reports incomplete files.
@@ -51,10 +57,14 @@ public:
     void abandon() override {}
     [[nodiscard]] std::uint64_t incomplete() const { return incomplete_; }  // count of entries
 
+    // The archive is read again: the entries that were read so far come again first.
+    void startAgain() { known_ = std::exchange(finished_, 0); }
+
 private:
     std::string archive_;  // its name in messages
     EntryHead head_;
-    std::uint64_t next_ = 0;  // number of the first entry not seen yet
+    std::uint64_t finished_ = 0;  // count of entries, in this reading
+    std::uint64_t known_ = 0;     // count of the first entries that are reported already
     std::uint64_t incomplete_ = 0;
 };
 

@@ -15,6 +15,7 @@ void reportOtherDamage(const std::string& archive, ArchiveReader& reader, const 
         const auto error = archiveError(archive, fault);
         if (error.text != first.text) report(error);
     };
+    sink.startAgain();
     static_cast<void>(reader.salvage(sink, reportFault));  // the sink never stops it
 }
 

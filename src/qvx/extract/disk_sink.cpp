@@ -126,8 +126,9 @@ Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content
     // From the archive, into a new file: what was copied above is incomplete or wrong.
     if (auto made = file.create(parent_, head_); !made) return made;
     DigestingSink sink(run_, &file);
-    if (content(sink) || run_.interrupted()) return {};
-    return sink.written() ? Error{"its content cannot be read"} : sink.written();
+    const Status read = content(sink);
+    if (read || run_.interrupted()) return {};
+    return sink.written() ? read : sink.written();
 }
 
 Status DiskSink::submitToWriters(const EntryTail& tail) {

@@ -2,27 +2,28 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <iterator>
-
 namespace tarnwick::qvx {
 
 namespace {
+
+// Of the content, which is in an earlier entry.
+std::optional<DigestCheck> digestOf(const EntryTail& tail) {
+    return tail.content ? tail.content->digest : std::nullopt;
+}
 
 std::int64_t nanoseconds(const timespec& time) { return time.tv_sec * std::int64_t{1000000000} + time.tv_nsec; }
 
 }  // namespace
 
 void ExtractedFiles::add(std::uint64_t number, std::string_view path) {
+    places_[number] = {text_.size(), path.size()};
     text_ += path;
-    ends_.push_back({number, text_.size()});
 }
 
 std::optional<std::string_view> ExtractedFiles::pathOf(std::uint64_t number) const {
-    const auto found = std::ranges::lower_bound(ends_, number, {}, &PathEnd::number);
-    if (found == ends_.end() || found->number != number) return std::nullopt;
-    const std::size_t begin = found == ends_.begin() ? 0 : std::prev(found)->end;
-    return std::string_view(text_).substr(begin, found->end - begin);
+    const auto found = places_.find(number);
+    if (found == places_.end()) return std::nullopt;
+    return std::string_view(text_).substr(found->second.begin, found->second.length);
 }
 
 // The digest is checked, and the link is made, through one descriptor. It does not matter if somebody replaces the name
@@ -36,7 +37,8 @@ bool ExtractedFiles::link(std::uint64_t number, const EntryTail& tail, int direc
 bool ExtractedFiles::copy(std::uint64_t number, const EntryTail& tail, TemporaryFile& file) {
     const FileDescriptor source = open(number);
     DigestingSink sink(run_, &file);
-    return source && tail.digest && readFile(source.get(), sink, *tail.digest);
+    const auto expected = digestOf(tail);
+    return source && expected && readFile(source.get(), sink, *expected);
 }
 
 bool ExtractedFiles::isInPlace(int directory, const std::string& name, const EntryHead& head,
@@ -57,7 +59,8 @@ FileDescriptor ExtractedFiles::open(std::uint64_t number) {
 // Without a digest, nothing shows that the file is still the one that was extracted.
 bool ExtractedFiles::hasContent(const FileDescriptor& file, const EntryTail& tail) const {
     DigestingSink sink(run_);
-    return file && tail.digest && readFile(file.get(), sink, *tail.digest);
+    const auto expected = digestOf(tail);
+    return file && expected && readFile(file.get(), sink, *expected);
 }
 
 }  // namespace tarnwick::qvx

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <unordered_map>
 
 #include "qvx/extract/destination.h"
 #include "qvx/extract/file_content.h"
@@ -19,7 +19,7 @@ public:
     // `directory` is the destination.
     ExtractedFiles(const ExtractionRun& run, int directory) : run_(run), destination_(directory) {}
 
-    void add(std::uint64_t number, std::string_view path);  // entry numbers ascend
+    void add(std::uint64_t number, std::string_view path);
     [[nodiscard]] std::optional<std::string_view> pathOf(std::uint64_t number) const;
 
     // Makes `file` a second name in `directory` for the file of entry `number`. False when that is not possible.
@@ -34,9 +34,9 @@ public:
                                  const EntryTail& tail) const;
 
 private:
-    struct PathEnd {
-        std::uint64_t number = 0;
-        std::size_t end = 0;  // in text_
+    struct PathPlace {  // in text_
+        std::size_t begin = 0;
+        std::size_t length = 0;
     };
 
     FileDescriptor open(std::uint64_t number);
@@ -44,8 +44,8 @@ private:
 
     const ExtractionRun& run_;
     Destination destination_;  // not the sink's, because openParent() would close its directory
-    std::vector<PathEnd> ends_;
-    std::string text_;  // all paths, one after another
+    std::unordered_map<std::uint64_t, PathPlace> places_;  // by entry number
+    std::string text_;                                     // all paths, one after another
 };
 
 }  // namespace tarnwick::qvx

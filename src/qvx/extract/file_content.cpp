@@ -70,8 +70,8 @@ bool DigestingSink::hole(std::uint64_t length) {
     return !run_.interrupted();
 }
 
-bool readFile(int file, DigestingSink& sink, const Digest& expected) {
-    return readAll(file, sink) && sink.digest() == expected;
+bool readFile(int file, DigestingSink& sink, const DigestCheck& expected) {
+    return readAll(file, sink) && checkOf(sink.digest()) == expected;
 }
 
 }  // namespace tarnwick::qvx

@@ -34,6 +34,6 @@ private:
 
 // Passes the content of an open file to `sink`, which computes its digest, holes as holes. Whether all of it was passed
 // and its digest is `expected`.
-bool readFile(int file, DigestingSink& sink, const Digest& expected);
+bool readFile(int file, DigestingSink& sink, const DigestCheck& expected);
 
 }  // namespace tarnwick::qvx

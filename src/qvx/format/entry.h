@@ -1,6 +1,7 @@
 // An entry of an archive: what its ENTRY and END records contain.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -59,6 +60,21 @@ struct Extent {
     [[nodiscard]] std::uint64_t end() const { return offset + length; }
 };
 
+// The first half of a SHA-256: it shows whether a content is the right one, but is not its digest.
+using DigestCheck = std::array<std::uint8_t, 16>;
+
+inline DigestCheck checkOf(const Digest& digest) {
+    DigestCheck check{};
+    std::copy_n(digest.begin(), check.size(), check.begin());
+    return check;
+}
+
+// What a reader remembers of the content of an entry.
+struct ContentCheck {
+    std::uint64_t size = 0;
+    std::optional<DigestCheck> digest;  // none if the entry has no digest
+};
+
 struct EntryTail {
     std::optional<Digest> digest = std::nullopt;
     std::optional<SparseTotals> totals = std::nullopt;
@@ -70,6 +86,9 @@ struct EntryTail {
     // the content that are stored as zeros instead, in ascending order and never adjacent. There are none when the
     // missing part is metadata, the target of a link, or the end of a content of unknown size.
     std::optional<std::vector<Extent>> unreadable = std::nullopt;
+
+    // Not stored. If contentOf is set: of the entry with the content, if the reader has read that.
+    std::optional<ContentCheck> content = std::nullopt;
 };
 
 }  // namespace tarnwick::qvx

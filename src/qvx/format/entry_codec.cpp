@@ -89,7 +89,7 @@ void encodeEntryHead(const EntryHead& head, std::vector<std::uint8_t>& bytes) {
 std::optional<EntryHead> decodeEntryHead(Bytes payload) {
     WireReader in(payload);
     EntryHead head;
-    head.number = in.varint();
+    head.number = in.number<std::uint64_t>(maxEntries - 1);
     const unsigned type = in.byte();
     head.type = readEntryType(in, type & ~unsigned{entryDigestAnnounced});
     head.digestAnnounced = type & entryDigestAnnounced;

@@ -1,7 +1,6 @@
 #include "qvx/format/index_codec.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "qvx/format/entry_codec.h"
 
@@ -15,10 +14,11 @@ std::size_t sharedLength(std::string_view a, std::string_view b) {
 
 // Turns `entry` from the previous entry into the next one.
 void readIndexEntry(WireReader& in, IndexEntry& entry) {
-    const std::uint64_t step = in.varint();
-    if (step > std::numeric_limits<std::uint64_t>::max() - entry.block) in.fail();
-    entry.block += step;
+    // An unsigned sum: a hostile difference may wrap around, and is then too large.
+    entry.block += static_cast<std::uint64_t>(in.signedVarint());
+    if (entry.block >= maxBlocks) return in.fail();
     entry.offset = in.number<std::uint64_t>(blockSize - 1);
+    entry.span = in.number<std::uint64_t>(maxBlocks - 1 - entry.block);
     const unsigned type = in.byte();
     entry.type = readEntryType(in, type & ~unsigned{indexIncomplete});
     entry.incomplete = type & indexIncomplete;
@@ -28,7 +28,7 @@ void readIndexEntry(WireReader& in, IndexEntry& entry) {
     entry.mode = in.number<std::uint16_t>(maxMode);
     entry.userId = in.number<std::uint32_t>();
     entry.groupId = in.number<std::uint32_t>();
-    entry.size = in.varint();
+    entry.size = in.number<std::uint64_t>(maxContentSize);
     entry.modifiedSeconds = wrappingAdd(entry.modifiedSeconds, in.signedVarint());
     if (!isPathOf(entry.type, entry.path)) in.fail();
 }
@@ -38,8 +38,9 @@ void readIndexEntry(WireReader& in, IndexEntry& entry) {
 void IndexPartEncoder::add(const IndexEntry& entry) {
     WireWriter out(body_);
     const std::size_t shared = sharedLength(before_.path, entry.path);
-    out.varint(entry.block - before_.block);
+    out.signedVarint(static_cast<std::int64_t>(entry.block - before_.block));
     out.varint(entry.offset);
+    out.varint(entry.span);
     out.byte(static_cast<std::uint8_t>(static_cast<unsigned>(entry.type) | (entry.incomplete ? indexIncomplete : 0U)));
     out.varint(shared);
     out.text(std::string_view(entry.path).substr(shared));
@@ -66,7 +67,7 @@ void IndexPartEncoder::finish(std::vector<std::uint8_t>& bytes) {
 
 IndexPartDecoder::IndexPartDecoder(Bytes payload)
     : in_(payload.size() > maxIndexLength ? Bytes{} : payload), first_(in_.varint()), count_(in_.varint()) {
-    if (count_ == 0 || first_ > std::numeric_limits<std::uint64_t>::max() - count_) in_.fail();
+    if (count_ == 0 || count_ > maxEntries || first_ > maxEntries - count_) in_.fail();
 }
 
 const IndexEntry* IndexPartDecoder::next() {
@@ -93,23 +94,38 @@ void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes) {
     for (const auto length : root.sealedLengths) out.varint(length);
 }
 
-std::optional<ArchiveRoot> decodeRoot(Bytes payload) {
-    WireReader in(payload);
-    ArchiveRoot root;
-    root.entries = in.varint();
-    root.parts.resize(in.count(3));
-    for (auto& part : root.parts) {
-        part.first = in.varint();
-        part.block = in.varint();
-        part.offset = in.number<std::uint64_t>(blockSize - 1);
+RootDecoder::RootDecoder(Bytes payload)
+    : in_(payload), entries_(in_.number<std::uint64_t>(maxEntries)), left_(in_.varint()) {
+    if ((left_ == 0) != (entries_ == 0)) in_.fail();
+}
+
+std::optional<IndexPartPlace> RootDecoder::nextPart() {
+    if (!in_.ok() || !inParts_) return std::nullopt;
+    if (left_ == 0) {
+        inParts_ = false;
+        left_ = in_.varint();
+        return std::nullopt;
     }
-    root.sealedLengths.resize(in.count(1));
-    for (auto& length : root.sealedLengths) {
-        length = in.number<std::uint32_t>(blockSize + tagSize);
-        if (length <= tagSize) in.fail();
-    }
-    if (!in.ok() || !in.atEnd()) return std::nullopt;
-    return root;
+    const bool first = minFirst_ == 0;
+    IndexPartPlace part;
+    part.first = in_.number<std::uint32_t>();
+    part.block = in_.number<std::uint32_t>(maxBlocks - 1);
+    part.offset = in_.number<std::uint32_t>(blockSize - 1);
+    // The first part begins with entry 0, and every part covers an entry.
+    if (part.first < minFirst_ || (first && part.first != 0) || part.first >= entries_) in_.fail();
+    if (!in_.ok()) return std::nullopt;
+    minFirst_ = part.first + minIndexPartEntries;
+    --left_;
+    return part;
+}
+
+std::optional<std::uint32_t> RootDecoder::nextLength() {
+    if (!in_.ok() || inParts_ || left_ == 0) return std::nullopt;
+    const auto length = in_.number<std::uint32_t>(blockSize + tagSize);
+    if (length <= tagSize) in_.fail();
+    if (!in_.ok()) return std::nullopt;
+    --left_;
+    return length;
 }
 
 std::array<std::uint8_t, trailerSize> encodeTrailer(const Trailer& trailer) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <compare>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,9 +11,18 @@
 
 namespace tarnwick::qvx {
 
+// The position of a record: of its first part, if it is split.
+struct RecordPlace {
+    std::uint32_t block = 0;
+    std::uint32_t offset = 0;  // in that block
+
+    auto operator<=>(const RecordPlace&) const = default;
+};
+
 struct IndexEntry {
     std::uint64_t block = 0;   // of the ENTRY record
     std::uint64_t offset = 0;  // in that block
+    std::uint64_t span = 0;    // count of blocks after that one, up to the one in which the END record ends
     EntryType type = EntryType::file;
     std::string path;
     std::uint16_t mode = 0;
@@ -23,7 +33,7 @@ struct IndexEntry {
     bool incomplete = false;  // the entry's tail has `unreadable`
 };
 
-// Encodes index parts, one after the other.
+// Encodes index parts, one after the other. Entries are added by number, from 0.
 class IndexPartEncoder {
 public:
     void add(const IndexEntry& entry);
@@ -61,10 +71,13 @@ private:
     IndexEntry entry_;
 };
 
+// Small, because an archive may have 33 million of them.
 struct IndexPartPlace {
-    std::uint64_t first = 0;   // entry number of the first entry covered
-    std::uint64_t block = 0;   // block of its INDEX record
-    std::uint64_t offset = 0;  // in that block
+    std::uint32_t first = 0;   // entry number of the first entry covered
+    std::uint32_t block = 0;   // block of its INDEX record
+    std::uint32_t offset = 0;  // in that block
+
+    bool operator==(const IndexPartPlace&) const = default;
 };
 
 struct ArchiveRoot {
@@ -74,7 +87,39 @@ struct ArchiveRoot {
 };
 
 void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes);
-std::optional<ArchiveRoot> decodeRoot(Bytes payload);
+
+// The longest payload of a root for so many entries, and blocks before it.
+constexpr std::size_t maxRootLength(std::uint64_t entries, std::uint64_t blocks) {
+    constexpr std::size_t maxCountLength = 5;
+    constexpr std::size_t maxPartLength = 12;
+    constexpr std::size_t maxSealedLengthLength = 3;
+    return 3 * maxCountLength + maxPartLength * static_cast<std::size_t>(entries / minIndexPartEntries + 1) +
+           maxSealedLengthLength * static_cast<std::size_t>(blocks);
+}
+
+// Reads a root in order, without a copy of it in memory: first nextPart() until there is none, then nextLength().
+class RootDecoder {
+public:
+    explicit RootDecoder(Bytes payload);
+
+    [[nodiscard]] std::uint64_t entries() const { return entries_; }
+
+    // None at the end, and at damage. The parts cover the entries without gap or overlap.
+    std::optional<IndexPartPlace> nextPart();
+
+    // The length of the sealed bytes of the next block; none at the end, and at damage.
+    std::optional<std::uint32_t> nextLength();
+
+    // Everything was read, and nothing follows.
+    [[nodiscard]] bool complete() const { return in_.ok() && in_.atEnd() && !inParts_ && left_ == 0; }
+
+private:
+    WireReader in_;
+    std::uint64_t entries_;
+    std::uint64_t left_;  // parts, or lengths, not read yet
+    std::uint64_t minFirst_ = 0;
+    bool inParts_ = true;
+};
 
 struct Trailer {
     std::uint64_t rootPosition = 0;  // bytes from the end of the file header to the block header

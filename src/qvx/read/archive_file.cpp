@@ -32,6 +32,7 @@ void ArchiveFile::setBlocks(std::uint64_t begin, std::uint64_t end) {
 Status ArchiveFile::read(std::uint64_t position, MutableBytes bytes) const {
     // Checked first, because a position from a hostile archive may be too large for pread.
     if (position > size_ || bytes.size() > size_ - position) return pastEnd();
+    bytesRead_ += bytes.size();
     while (!bytes.empty()) {
         const auto count = readAt(descriptor_.get(), bytes, position);
         if (!count) return count.error();

@@ -1,6 +1,7 @@
 // An archive file opened for reading: its bytes, and where its blocks are.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -26,6 +27,9 @@ public:
     // Fills `bytes` from the file. Fails also when the file ends too early.
     [[nodiscard]] Status read(std::uint64_t position, MutableBytes bytes) const;
 
+    // The bytes that read() was asked for so far: a measure of work, for tests.
+    [[nodiscard]] std::uint64_t bytesRead() const { return bytesRead_; }
+
 private:
     ArchiveFile(FileDescriptor descriptor, std::uint64_t size)
         : descriptor_(std::move(descriptor)), size_(size), blocksEnd_(size) {}
@@ -34,6 +38,7 @@ private:
     std::uint64_t size_;
     std::uint64_t blocksBegin_ = 0;
     std::uint64_t blocksEnd_;
+    mutable std::atomic<std::uint64_t> bytesRead_ = 0;
 };
 
 }  // namespace tarnwick::qvx

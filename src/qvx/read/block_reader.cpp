@@ -137,6 +137,7 @@ BlockPointer RandomBlocks::find(std::uint64_t sequence) const {
 
 BlockPointer RandomBlocks::open(std::uint64_t sequence) {
     const auto block = std::make_shared<OpenedBlock>(unopened(sequence));
+    if (!block->fault) ++opened_;
     opener_.open(*block, [&] { return getLeader(block->header.leader); });
     return block;
 }

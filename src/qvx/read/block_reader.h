@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "qvx/format/block_codec.h"
+#include "qvx/format/index_codec.h"
 #include "qvx/read/archive_file.h"
 
 namespace tarnwick::qvx {
@@ -34,6 +35,11 @@ struct OpenedBlock {
     [[nodiscard]] bool last() const { return header.last(); }
 };
 using BlockPointer = std::shared_ptr<const OpenedBlock>;
+
+// A block that unseals has a sequence number below maxBlocks.
+inline RecordPlace recordPlace(const OpenedBlock& block, std::size_t offset) {
+    return {static_cast<std::uint32_t>(block.place.sequence), static_cast<std::uint32_t>(offset)};
+}
 
 ReadFault blockFault(const BlockPlace& place, const Error& error);
 ReadFault blockFault(const BlockPlace& place, std::string text);
@@ -89,6 +95,8 @@ public:
     // Never null. A block that is not in the map has a fault.
     BlockPointer get(std::uint64_t sequence);
 
+    [[nodiscard]] std::uint64_t opened() const { return opened_; }  // count of blocks, leaders included
+
 private:
     static constexpr std::size_t keptLeaders = 4;
 
@@ -102,6 +110,7 @@ private:
     BlockOpener opener_;
     std::deque<BlockPointer> leaders_;
     BlockPointer other_;
+    std::uint64_t opened_ = 0;
 };
 
 // Opens the blocks that a supplier names, in parallel, and returns them in the order of the supplier. The workers call

@@ -1,6 +1,7 @@
 #include "qvx/read/chosen_entry_reader.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tarnwick::qvx {
 
@@ -10,34 +11,49 @@ constexpr const char* indexMismatch = "the index does not match the entry";
 
 }  // namespace
 
-Result<std::vector<ChosenEntry>, ReadFault> chooseEntries(ArchiveIndex& index, std::size_t part,
-                                                          const EntryChoice& choice) {
-    std::vector<ChosenEntry> entries;
-    const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
-        // An entry ends no later than the block in which the next entry begins; the last entry of a part ends no later
-        // than the block of that index part.
-        if (!entries.empty() && entries.back().place.number + 1 == number) entries.back().lastBlock = entry.block;
+Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& choice, ChosenEntries& chosen) {
+    const auto visited = index.visit([&](std::uint64_t number, const IndexEntry& entry) {
         if (choice(number, entry.path))
-            entries.push_back({{number, entry.block, entry.offset}, std::max(entry.block, index.partBlock(part))});
+            chosen.push_back({{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.offset)},
+                              static_cast<std::uint32_t>(number),
+                              static_cast<std::uint32_t>(entry.span)});
         return true;
-    };
-    if (auto visited = index.visitPart(part, visit); !visited) return visited.error();
-    return entries;
+    });
+    std::ranges::sort(chosen, {}, &ChosenEntry::place);
+    return visited;
 }
 
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
-    while (next_ < chosen_.size() && chosen_[next_].lastBlock < sequence_) ++next_;
+    while (next_ < chosen_.size() && chosen_[next_].lastBlock() < sequence_) ++next_;
     if (next_ == chosen_.size()) return std::nullopt;
-    sequence_ = std::max(sequence_, chosen_[next_].place.block);
+    sequence_ = std::max<std::uint64_t>(sequence_, chosen_[next_].place.block);
     const std::uint64_t sequence = sequence_++;
     if (const auto place = map_.find(sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
     return BlockPipeline::Task{{{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}}};
 }
 
-// This loop ends even if the entry has no END record: findBlock() fails when the pipeline has no more blocks.
-ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
-    std::size_t offset = place.offset;
-    for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
+bool LateSink::begin(const EntryHead& head) {
+    head_ = &head;
+    return true;
+}
+
+bool LateSink::finish(const EntryTail& tail, const ContentReader& content) {
+    return start() && sink_.finish(tail, content);
+}
+
+void LateSink::abandon() {
+    if (!std::exchange(head_, nullptr)) sink_.abandon();
+}
+
+bool LateSink::start() {
+    const EntryHead* head = std::exchange(head_, nullptr);
+    return !head || sink_.begin(*head);
+}
+
+// The loop ends at the block where the index says that the entry ends, or when the pipeline has no more blocks.
+ReadOutcome ChosenEntryReader::read(const ChosenEntry& chosen) {
+    std::size_t offset = chosen.place.offset;
+    for (std::uint64_t sequence = chosen.place.block; sequence <= chosen.lastBlock(); ++sequence, offset = 0) {
         if (auto found = findBlock(sequence); !found) return found;
         RecordCursor cursor(block_->plain, offset);
         while (const auto record = cursor.next()) {
@@ -46,12 +62,13 @@ ReadOutcome ChosenEntryReader::read(const EntryPlace& place) {
             if (!outcome) return outcome;
             // The index is untrusted input. The entry at this place must have the number from the index, and its path
             // must be a chosen one, too.
-            if (entry_.head().number != place.number || !choice_(place.number, entry_.head().path))
+            if (entry_.head().number != chosen.number || !choice_(chosen.number, entry_.head().path))
                 return damaged(entry_.error(indexMismatch));
-            if (entry_.isComplete()) return deliver(place);
+            if (entry_.isComplete()) return deliver(chosen);
         }
         if (cursor.damaged()) return damaged(entry_.error("the block contains something that is not a record"));
     }
+    return damaged(entry_.error(indexMismatch));
 }
 
 ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
@@ -64,28 +81,22 @@ ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
     return {};
 }
 
-ReadOutcome ChosenEntryReader::deliver(const EntryPlace& place) {
-    // A reference that the table cannot resolve is not damage yet: the entry with the content may be one that is not
-    // chosen. Its content is found through the index and compared with the digest of this entry.
-    static_cast<void>(table_.resolve(entry_));
-    table_.add(place, entry_);
+ReadOutcome ChosenEntryReader::deliver(const ChosenEntry& chosen) {
+    if (block_->place.sequence != chosen.lastBlock()) return damaged(entry_.error(indexMismatch));
+    const auto content = entry_.tail().contentOf;
+    if (content && !table_.contains(*content)) return defer(chosen);
+    if (const Status resolved = table_.resolve(entry_); !resolved) return damaged(resolved.error());
+    if (const Status added = table_.add(chosen.place, entry_); !added) return damaged(added.error());
     return entry_.deliver([&](EntrySink& sink) {
-        const auto source = locate(*entry_.tail().contentOf);
-        return source && readContent(index_.blocks(), *source, entry_.tail(), sink);
+        return contents_.read(*content, table_.placeOf(*content), entry_.tail().content, sink);
     });
 }
 
-std::optional<EntryPlace> ChosenEntryReader::locate(std::uint64_t number) {
-    std::optional<EntryPlace> place;
-    const std::size_t part = index_.partOf(number);
-    if (part == index_.parts()) return place;
-    const auto visit = [&](std::uint64_t visited, const IndexEntry& entry) {
-        if (visited == number) place = EntryPlace{number, entry.block, entry.offset};
-        return visited < number;
-    };
-    // If the part is damaged, no place is found. The sink then reports that the content cannot be read.
-    static_cast<void>(index_.visitPart(part, visit));
-    return place;
+// The entry with the content is not chosen.
+ReadOutcome ChosenEntryReader::defer(const ChosenEntry& chosen) {
+    if (const Status added = deferred_.add(chosen.place, entry_); !added) return damaged(added.error());
+    entry_.abandon();
+    return {};
 }
 
 ReadOutcome ChosenEntryReader::damaged(const Error& error) {

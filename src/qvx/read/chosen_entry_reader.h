@@ -1,31 +1,32 @@
 // Reads chosen entries through the index, without reading the rest of the archive.
 #pragma once
 
-#include <functional>
-#include <string_view>
+#include <deque>
 
+#include "qvx/read/deferred_entries.h"
 #include "qvx/read/entry_table.h"
 #include "qvx/read/index_reader.h"
 
 namespace tarnwick::qvx {
 
-// Whether to read the entry.
-using EntryChoice = std::function<bool(std::uint64_t number, std::string_view path)>;
-
 struct ChosenEntry {
-    EntryPlace place;
-    std::uint64_t lastBlock = 0;  // its END record is in this block or an earlier one
-};
+    RecordPlace place;
+    std::uint32_t number = 0;
+    std::uint32_t span = 0;  // count of blocks after that one, up to the one of its END record
 
-// The chosen entries of one part of the index, in archive order.
-Result<std::vector<ChosenEntry>, ReadFault> chooseEntries(ArchiveIndex& index, std::size_t part,
-                                                          const EntryChoice& choice);
+    [[nodiscard]] std::uint64_t lastBlock() const { return std::uint64_t{place.block} + span; }
+};
+using ChosenEntries = std::deque<ChosenEntry>;  // which grows without a copy
+
+// Adds the chosen entries in the order in which they are stored, also when a part of the index is damaged: those of the
+// other parts before it.
+Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& choice, ChosenEntries& chosen);
 
 // Supplies the blocks of the chosen entries to a BlockPipeline, each block once. All arguments must outlive the
 // pipeline, which opens the leaders that are needed by itself.
 class ChosenBlocks {
 public:
-    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const std::vector<ChosenEntry>& chosen)
+    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen)
         : file_(file), map_(map), chosen_(chosen) {}
 
     std::optional<BlockPipeline::Task> operator()();
@@ -33,33 +34,54 @@ public:
 private:
     const ArchiveFile& file_;
     const BlockMap& map_;
-    const std::vector<ChosenEntry>& chosen_;
+    const ChosenEntries& chosen_;
     std::size_t next_ = 0;
     std::uint64_t sequence_ = 0;
 };
 
-// Reads the chosen entries of one index part from the blocks that the pipeline opens.
+// Begins an entry at another sink only when its content comes, or its end: until then, nothing is known about an entry
+// that is dropped.
+class LateSink : public EntrySink {
+public:
+    explicit LateSink(EntrySink& sink) : sink_(sink) {}
+    bool begin(const EntryHead& head) override;
+    bool data(Bytes bytes) override { return start() && sink_.data(bytes); }
+    bool hole(std::uint64_t length) override { return start() && sink_.hole(length); }
+    bool finish(const EntryTail& tail, const ContentReader& content) override;
+    void abandon() override;
+
+private:
+    bool start();
+
+    EntrySink& sink_;
+    const EntryHead* head_ = nullptr;  // of the entry that is not begun yet
+};
+
+// Reads the chosen entries from the blocks that the pipeline opens.
 class ChosenEntryReader {
 public:
-    // All arguments must outlive the reader. `table` collects the entries of all parts.
-    ChosenEntryReader(BlockPipeline& blocks, ArchiveIndex& index, const EntryChoice& choice, EntrySink& sink,
-                      EntryTable& table)
-        : blocks_(blocks), index_(index), choice_(choice), entry_(sink), table_(table) {}
+    // All arguments must outlive the reader. `contents` reads those of entries that were read before.
+    ChosenEntryReader(BlockPipeline& blocks, const EntryChoice& choice, EntrySink& sink, RereadContents& contents,
+                      DeferredEntries& deferred)
+        : blocks_(blocks), choice_(choice), sink_(sink), contents_(contents), deferred_(deferred) {}
 
-    // Reads the entry at `place`. Places must ascend.
-    ReadOutcome read(const EntryPlace& place);
+    // Reads an entry, and delivers or defers it. Call it in the order in which they are stored.
+    ReadOutcome read(const ChosenEntry& chosen);
 
 private:
     ReadOutcome findBlock(std::uint64_t sequence);
-    ReadOutcome deliver(const EntryPlace& place);
-    std::optional<EntryPlace> locate(std::uint64_t number);
+    ReadOutcome checkChosen(const ChosenEntry& chosen);
+    ReadOutcome deliver(const ChosenEntry& chosen);
+    ReadOutcome defer(const ChosenEntry& chosen);
     ReadOutcome damaged(const Error& error);
 
     BlockPipeline& blocks_;
-    ArchiveIndex& index_;
     const EntryChoice& choice_;
-    EntryReader entry_;
-    EntryTable& table_;
+    LateSink sink_;
+    RereadContents& contents_;
+    DeferredEntries& deferred_;
+    EntryReader entry_{sink_};
+    EntryTable table_;
     BlockPointer block_;
 };
 

@@ -49,11 +49,6 @@ ReadOutcome EntryReader::consume(const Record& record) {
     return damaged("the end of the entry is malformed");
 }
 
-void EntryReader::adopt(const std::optional<Digest>& digest, const std::optional<SparseTotals>& totals) {
-    tail_.digest = digest;
-    tail_.totals = totals;
-}
-
 ReadOutcome EntryReader::deliver(const EntrySink::ContentReader& content) {
     inEntry_ = false;
     complete_ = false;
@@ -61,7 +56,7 @@ ReadOutcome EntryReader::deliver(const EntrySink::ContentReader& content) {
     return ReadOutcome::fromSink(sink_.finish(tail_, content));
 }
 
-std::uint64_t EntryReader::size() const { return tail_.totals ? tail_.totals->size : size_; }
+std::uint64_t EntryReader::size() const { return tail_.content ? tail_.content->size : size_; }
 
 Error EntryReader::error(std::string text) const {
     return {std::move(text), 0, inEntry_ ? entryName(head_.path) : std::string()};

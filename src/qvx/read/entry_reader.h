@@ -15,8 +15,8 @@ namespace tarnwick::qvx {
 class EntrySink {
 public:
     // Reads the content from the earlier entry that contains it. Passes it to another sink, by data() and hole() only.
-    // False when it cannot be read or does not match its size or digest.
-    using ContentReader = std::function<bool(EntrySink&)>;
+    // Fails when it cannot be read or does not match its size or digest, and when that sink stops it.
+    using ContentReader = std::function<Status(EntrySink&)>;
 
     virtual ~EntrySink() = default;
     virtual bool begin(const EntryHead& head) = 0;
@@ -24,8 +24,7 @@ public:
     virtual bool hole(std::uint64_t length) = 0;  // zero bytes, `length` of them
 
     // The entry is complete, and what was passed is its content. If tail.contentOf is set, nothing was passed, and
-    // `content` reads the content. The digest and totals in `tail` are then those of the entry with the content, if
-    // that entry was read too.
+    // `content` reads the content. What is known about it is in tail.content.
     virtual bool finish(const EntryTail& tail, const ContentReader& content) = 0;
 
     // The entry cannot be completed.
@@ -66,8 +65,8 @@ public:
     // The END record has been read: head() and tail() describe the entry.
     [[nodiscard]] bool isComplete() const { return complete_; }
 
-    // Sets digest and totals of the tail to those of the entry with the content.
-    void adopt(const std::optional<Digest>& digest, const std::optional<SparseTotals>& totals);
+    // Sets tail().content, of an entry whose content is in another one.
+    void adopt(const ContentCheck& content) { tail_.content = content; }
 
     // Calls finish() of the sink.
     ReadOutcome deliver(const EntrySink::ContentReader& content);

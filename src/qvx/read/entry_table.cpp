@@ -1,83 +1,90 @@
 #include "qvx/read/entry_table.h"
 
 #include <algorithm>
+#include <random>
 
 namespace tarnwick::qvx {
 
 namespace {
 
-// Passes only the content of one entry to the sink of another entry.
-class ContentForwarder : public EntrySink {
-public:
-    explicit ContentForwarder(EntrySink& sink) : sink_(sink) {}
-    bool begin(const EntryHead&) override { return true; }
-    bool data(Bytes bytes) override { return sink_.data(bytes); }
-    bool hole(std::uint64_t length) override { return sink_.hole(length); }
-    bool finish(const EntryTail&, const ContentReader&) override { return true; }
-    void abandon() override {}
-
-private:
-    EntrySink& sink_;
-};
+constexpr std::size_t firstSlots = 1024;
+constexpr std::uint32_t offsetMask = blockSize - 1;
+constexpr std::uint32_t hasDigest = 1U << 30;
+constexpr std::uint32_t hasUnreadable = 1U << 31;  // a part of the content could not be read
 
 }  // namespace
 
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink) {
-    // The entry is checked again while it is read: since its digest was computed, the file may have changed.
-    ContentForwarder forwarder(sink);
-    EntryReader entry(forwarder);
-    std::size_t offset = place.offset;
-    for (std::uint64_t sequence = place.block;; ++sequence, offset = 0) {
-        const auto block = blocks.get(sequence);
-        if (block->fault) return false;
-        RecordCursor cursor(block->plain, offset);
-        while (const auto record = cursor.next()) {
-            if (!entry.consume(*record)) return false;
-            if (!entry.isComplete()) continue;
-            // The place may come from the index of a hostile archive: the entry must be the one that was named, and not
-            // refer to another one itself.
-            return entry.head().number == place.number && !entry.tail().contentOf &&
-                   (!expected.digest || expected.digest == entry.tail().digest) &&
-                   (!expected.totals || expected.totals->size == entry.size());
-        }
-        if (cursor.damaged()) return false;
-    }
+EntryTable::EntryTable() : slots_(firstSlots) {
+    std::random_device random;
+    for (auto& row : hash_) std::ranges::generate(row, std::ref(random));
 }
 
-void EntryTable::add(const EntryPlace& place, const EntryReader& entry) {
-    if (entry.head().type != EntryType::file) return;
+Status EntryTable::add(const RecordPlace& place, const EntryReader& entry) {
     const EntryTail& tail = entry.tail();
-    const SparseTotals totals = tail.totals.value_or(SparseTotals{entry.size(), 0});
+    if (entry.head().type != EntryType::file || tail.contentOf) return {};
+    if ((count_ + 1) * 4 > slots_.size() * 3) grow();  // at least one slot in four is free
+    const auto number = static_cast<std::uint32_t>(entry.head().number);
+    std::uint32_t& slot = slots_[slotOf(number)];
+    if (slot != 0) return entry.error("an earlier entry has its number");
     const bool unreadable = tail.unreadable && !tail.unreadable->empty();
-    files_.push_back({place, tail.contentOf.value_or(place.number), tail.digest, totals, unreadable});
-}
-
-Status EntryTable::resolve(EntryReader& entry) const {
-    const EntryTail& tail = entry.tail();
-    if (!tail.contentOf) return {};
-    const FileEntry* content = find(*tail.contentOf);
-    // A reference leads directly to the entry with the content, so no chain of references must be followed.
-    if (!content || content->content != *tail.contentOf)
-        return entry.error("the entry with its content is missing or a different one");
-    // Its zeros would be taken for real content, because only that entry says which of them are not.
-    if (content->unreadable) return entry.error("the entry with its content is incomplete");
-    const bool sameDigest = !tail.digest || tail.digest == content->digest;
-    const bool sameSize = !tail.totals || tail.totals->size == content->totals.size;
-    if (!sameDigest || !sameSize) return entry.error("digest or size differ from those of the entry with its content");
-    entry.adopt(content->digest, content->totals);
+    const std::uint32_t flags = (tail.digest ? hasDigest : 0) | (unreadable ? hasUnreadable : 0);
+    if (count_ % chunkLength == 0) chunks_.push_back(std::make_unique<Chunk>());
+    (*chunks_.back())[count_ % chunkLength] = {number,
+                                               place.block,
+                                               place.offset | flags,
+                                               static_cast<std::uint32_t>(entry.size()),
+                                               static_cast<std::uint32_t>(entry.size() >> 32),
+                                               tail.digest ? checkOf(*tail.digest) : DigestCheck{}};
+    slot = static_cast<std::uint32_t>(++count_);
     return {};
 }
 
-const EntryPlace* EntryTable::placeOf(std::uint64_t number) const {
-    const FileEntry* file = find(number);
-    return file && file->content == number ? &file->place : nullptr;
+Status EntryTable::resolve(EntryReader& entry) const {
+    if (!entry.tail().contentOf) return {};
+    const File* file = find(*entry.tail().contentOf);
+    if (!file) return entry.error("the entry with its content is missing or a different one");
+    // Its zeros would be taken for real content, because only that entry says which of them are not.
+    if (file->offsetAndFlags & hasUnreadable) return entry.error("the entry with its content is incomplete");
+    ContentCheck content{file->sizeLow | std::uint64_t{file->sizeHigh} << 32, std::nullopt};
+    if (file->offsetAndFlags & hasDigest) content.digest = file->digest;
+    entry.adopt(content);
+    return {};
 }
 
-const EntryTable::FileEntry* EntryTable::find(std::uint64_t number) const {
-    const auto found =
-        std::lower_bound(files_.begin(), files_.end(), number,
-                         [](const FileEntry& file, std::uint64_t key) { return file.place.number < key; });
-    return found != files_.end() && found->place.number == number ? &*found : nullptr;
+RecordPlace EntryTable::placeOf(std::uint64_t number) const {
+    const File& file = *find(number);
+    return {file.block, file.offsetAndFlags & offsetMask};
+}
+
+const EntryTable::File& EntryTable::at(std::uint32_t slot) const {
+    return (*chunks_[(slot - 1) / chunkLength])[(slot - 1) % chunkLength];
+}
+
+const EntryTable::File* EntryTable::find(std::uint64_t number) const {
+    if (number >= maxEntries) return nullptr;
+    const std::uint32_t slot = slots_[slotOf(static_cast<std::uint32_t>(number))];
+    return slot != 0 ? &at(slot) : nullptr;
+}
+
+// The slot of the entry with this number; otherwise the free slot where it belongs.
+std::size_t EntryTable::slotOf(std::uint32_t number) const {
+    std::size_t slot = hashOf(number);
+    while (slots_[slot] != 0 && at(slots_[slot]).number != number) slot = (slot + 1) % slots_.size();
+    return slot;
+}
+
+std::size_t EntryTable::hashOf(std::uint32_t number) const {
+    std::uint32_t hash = 0;
+    for (unsigned i = 0; i < hash_.size(); ++i) hash ^= hash_[i][number >> (8 * i) & 0xff];
+    return hash % slots_.size();
+}
+
+// The slots are filled again from the chunks, so that the old ones need not be kept meanwhile.
+void EntryTable::grow() {
+    const std::size_t size = slots_.size() * 2;
+    slots_ = {};
+    slots_.resize(size);
+    for (std::uint32_t slot = 1; slot <= count_; ++slot) slots_[slotOf(at(slot).number)] = slot;
 }
 
 }  // namespace tarnwick::qvx

@@ -1,45 +1,59 @@
-// The entries read so far, for the later entries that refer to them.
+// The regular files read so far, for the later entries that refer to their content.
 #pragma once
 
-#include "qvx/read/block_reader.h"
+#include <array>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "qvx/format/index_codec.h"
 #include "qvx/read/entry_reader.h"
 
 namespace tarnwick::qvx {
 
-struct EntryPlace {
-    std::uint64_t number = 0;
-    std::uint64_t block = 0;
-    std::size_t offset = 0;
-};
-
-// Reads the content of the entry at `place`, which must have it itself. False when it cannot be read or does not match
-// the digest and size in the tail of the entry that refers to it.
-bool readContent(RandomBlocks& blocks, const EntryPlace& place, const EntryTail& expected, EntrySink& sink);
-
-// The regular files read so far, to which later entries may refer. About 100 bytes each.
+// Memory: at most 48 bytes for each regular file that has its own content. Nothing that has been stored is ever moved,
+// so growing needs no second copy of it. The entries come in any order.
 class EntryTable {
 public:
-    void add(const EntryPlace& place, const EntryReader& entry);
+    EntryTable();
 
-    // Fails when the references of the entry are wrong. An entry whose content is in another one gets the digest and
-    // size of that one.
+    // Adds the entry at `place`, unless another one has its content. Fails when there is one with its number.
+    Status add(const RecordPlace& place, const EntryReader& entry);
+
+    // Whether a reference to this entry can be resolved. Only entries that end earlier were added.
+    [[nodiscard]] bool contains(std::uint64_t number) const { return find(number) != nullptr; }
+
+    // Fails when the entry's reference is wrong. An entry whose content is in another one gets its `content`.
     Status resolve(EntryReader& entry) const;
 
-    // The place of an entry that has its own content; null when there is no such entry.
-    [[nodiscard]] const EntryPlace* placeOf(std::uint64_t number) const;
+    // Where an entry begins that contains() has.
+    [[nodiscard]] RecordPlace placeOf(std::uint64_t number) const;
 
 private:
-    struct FileEntry {
-        EntryPlace place;
-        std::uint64_t content = 0;  // number of the entry with the content: this one or an earlier one
-        std::optional<Digest> digest;
-        SparseTotals totals;      // `holes` is 0 when the entry does not state it
-        bool unreadable = false;  // a part of the content could not be read
+    // Numbers of 64 bits are in halves: their alignment would cost 4 bytes.
+    struct File {
+        std::uint32_t number;
+        std::uint32_t block;
+        std::uint32_t offsetAndFlags;
+        std::uint32_t sizeLow;
+        std::uint32_t sizeHigh;
+        DigestCheck digest;
     };
+    static_assert(sizeof(File) == 36);
+    static constexpr std::size_t chunkLength = 16384;
+    using Chunk = std::array<File, chunkLength>;
 
-    [[nodiscard]] const FileEntry* find(std::uint64_t number) const;
+    [[nodiscard]] const File& at(std::uint32_t slot) const;
+    [[nodiscard]] const File* find(std::uint64_t number) const;
+    [[nodiscard]] std::size_t slotOf(std::uint32_t number) const;
+    [[nodiscard]] std::size_t hashOf(std::uint32_t number) const;
+    void grow();
 
-    std::vector<FileEntry> files_;  // ascending
+    std::vector<std::unique_ptr<Chunk>> chunks_;
+    std::size_t count_ = 0;
+    std::vector<std::uint32_t> slots_;  // open addressing: the place of a file in the chunks, plus 1; 0 if free
+    // Random, one row for each byte of a number: nobody can choose numbers that all have one slot.
+    std::array<std::array<std::uint32_t, 256>, 4> hash_;
 };
 
 }  // namespace tarnwick::qvx

@@ -1,7 +1,5 @@
 #include "qvx/read/index_audit.h"
 
-#include <algorithm>
-
 namespace tarnwick::qvx {
 
 namespace {
@@ -12,77 +10,77 @@ std::int64_t wholeSeconds(std::int64_t nanoseconds) {
     return nanoseconds / nanosecondsPerSecond - (nanoseconds % nanosecondsPerSecond < 0 ? 1 : 0);
 }
 
-bool same(const IndexEntry& a, const IndexEntry& b) {
-    return a.block == b.block && a.offset == b.offset && a.type == b.type && a.path == b.path && a.mode == b.mode &&
-           a.userId == b.userId && a.groupId == b.groupId && a.size == b.size &&
-           a.modifiedSeconds == b.modifiedSeconds && a.incomplete == b.incomplete;
-}
-
-// Decoded before they are compared: another writer may encode a path with a shorter shared prefix.
-bool sameEntries(Bytes one, Bytes other) {
-    IndexPartDecoder a(one);
-    IndexPartDecoder b(other);
-    if (a.first() != b.first() || a.count() != b.count()) return false;
-    for (std::uint64_t i = 0; i < a.count(); ++i) {
-        const IndexEntry* left = a.next();
-        const IndexEntry* right = b.next();
-        if (!left || !right || !same(*left, *right)) return false;
-    }
-    return !a.next() && !b.next() && !a.damaged() && !b.damaged();
-}
-
 Error mismatch(const char* text) { return {text}; }
 
 }  // namespace
 
-Status IndexAudit::addEntry(const EntryPlace& place, const EntryReader& entry) {
+void IndexAudit::addEntry(const RecordPlace& place, std::uint64_t endBlock, const EntryReader& entry) {
     const auto& head = entry.head();
-    pending_.add({place.block, place.offset, head.type, head.path, head.mode.value_or(0), head.userId.value_or(0),
-                  head.groupId.value_or(0), entry.size(), wholeSeconds(head.modified.value_or(0)),
-                  entry.tail().unreadable.has_value()});
+    read_.add(head.number, {place.block, place.offset, endBlock - place.block, head.type, head.path,
+                            head.mode.value_or(0), head.userId.value_or(0), head.groupId.value_or(0), entry.size(),
+                            wholeSeconds(head.modified.value_or(0)), entry.tail().unreadable.has_value()});
     ++entries_;
-    // The length of a part is limited, so no part that is still to come could cover all these entries.
-    if (pending_.size() > maxIndexLength) return entry.error("the index leaves out entries");
-    return {};
 }
 
-// The expected part is encoded from the entries that were read, so every field is compared.
-Status IndexAudit::checkPart(Bytes payload, const EntryPlace& place) {
-    if (entries_ == covered_) return mismatch("a part of the index covers no entry");
-    std::vector<std::uint8_t> expected;
-    pending_.finish(expected);
-    parts_.push_back({covered_, place.block, place.offset});
-    covered_ = entries_;
-    if (!sameEntries(expected, payload)) return mismatch("a part of the index does not match the entries");
+Status IndexAudit::checkPart(Bytes payload, const RecordPlace& place) {
+    if (!parts_.empty() && covered_ - parts_.back().first < minIndexPartEntries)
+        return mismatch("a part of the index covers too few entries");
+    IndexPartDecoder decoder(payload);
+    if (decoder.damaged()) return mismatch("a part of the index is malformed");
+    if (decoder.first() != covered_) return mismatch("a part of the index does not continue the one before it");
+    parts_.push_back({static_cast<std::uint32_t>(covered_), place.block, place.offset});
+    covered_ += decoder.count();
+    return checkEntries(decoder, place);
+}
+
+Status IndexAudit::checkEntries(IndexPartDecoder& decoder, const RecordPlace& part) {
+    std::uint64_t number = decoder.first();
+    while (const IndexEntry* entry = decoder.next()) {
+        if (std::pair(entry->block, entry->offset) >= std::pair<std::uint64_t, std::uint64_t>(part.block, part.offset))
+            return mismatch("a part of the index is before an entry that it covers");
+        indexed_.add(number++, *entry);
+    }
+    if (decoder.damaged()) return mismatch("a part of the index is malformed");
     return {};
 }
 
 Status IndexAudit::checkRoot(Bytes payload, std::uint64_t block) {
     rootBlock_ = block;
-    const auto root = decodeRoot(payload);
-    if (!root || covered_ != entries_ || root->entries != entries_)
-        return mismatch("the root does not match the entries");
-    const auto samePart = [](const IndexPartPlace& a, const IndexPartPlace& b) {
-        return a.first == b.first && a.block == b.block && a.offset == b.offset;
-    };
-    if (!std::equal(root->parts.begin(), root->parts.end(), parts_.begin(), parts_.end(), samePart))
-        return mismatch("the root does not match the index");
-    const auto sameLength = [](std::uint32_t length, const CheckedBlock& checked) {
-        return length == checked.sealedLength;
-    };
-    // Only the blocks before the root: it cannot state the lengths of its own blocks. In range, because the sequence
-    // numbers of the blocks read so far have no gap.
-    const auto end = blocks_.begin() + static_cast<std::ptrdiff_t>(block);
-    if (!std::equal(root->sealedLengths.begin(), root->sealedLengths.end(), blocks_.begin(), end, sameLength))
-        return mismatch("the root does not match the blocks");
+    RootDecoder root(payload);
+    if (root.entries() != entries_ || covered_ != entries_) return mismatch("the root does not match the entries");
+    // Each part continues the one before it, so the index has each number once. Then the entries have each once, too.
+    if (read_ != indexed_) return mismatch("the index does not agree with the entries");
+    if (!matchesParts(root)) return mismatch("the root does not match the index");
+    if (!matchesBlocks(root, block)) return mismatch("the root does not match the blocks");
     return {};
 }
 
-Status IndexAudit::checkTrailer(Bytes payload) {
+bool IndexAudit::matchesParts(RootDecoder& root) const {
+    std::size_t count = 0;
+    for (; const auto part = root.nextPart(); ++count)
+        if (count == parts_.size() || *part != parts_[count]) return false;
+    return count == parts_.size();
+}
+
+// Only the blocks before the root, which cannot state the lengths of its own blocks.
+bool IndexAudit::matchesBlocks(RootDecoder& root, std::uint64_t end) const {
+    std::uint64_t block = 0;
+    for (; const auto length = root.nextLength(); ++block) {
+        // A block that was read ends where the next one begins.
+        const auto place = blocks_.find(block);
+        const auto next = blocks_.find(block + 1);
+        if (!place || !next || next->position - place->position != blockHeaderSize + *length) return false;
+    }
+    return block == end && root.complete();
+}
+
+Status IndexAudit::checkTrailer(Bytes payload) const {
     const auto trailer = decodeTrailer(payload);
-    const bool matches = trailer && trailer->rootSequence == rootBlock_ &&
-                         trailer->rootPosition == blocks_[rootBlock_].place.position - blocks_[0].place.position &&
-                         trailer->entries == entries_ && trailer->blocks == blocks_.size();
+    const auto begin = blocks_.find(0);
+    const auto root = blocks_.find(rootBlock_);
+    const bool matches = trailer && begin && root && trailer->rootSequence == rootBlock_ &&
+                         trailer->rootPosition == root->position - begin->position && trailer->entries == entries_ &&
+                         trailer->blocks == blocks_.end();
     if (!matches) return mismatch("the trailer does not match the archive");
     return {};
 }

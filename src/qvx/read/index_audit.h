@@ -1,32 +1,43 @@
 // Compares index, root and trailer with the entries and blocks that were read.
 #pragma once
 
-#include "qvx/format/index_codec.h"
-#include "qvx/read/entry_table.h"
+#include <optional>
+#include <vector>
+
+#include "qvx/read/block_reader.h"
+#include "qvx/read/entry_reader.h"
+#include "qvx/read/entry_sum.h"
 
 namespace tarnwick::qvx {
 
-// Call the functions in the order of the archive, addBlock() before those for the records of the block.
+// Call the functions in the order of the archive. Memory: 12 bytes for each part of the index, none for an entry.
 class IndexAudit {
 public:
-    void addBlock(const OpenedBlock& block) { blocks_.push_back({block.place, block.header.sealedLength}); }
+    // `blocks` has the blocks read so far, and must outlive this object.
+    explicit IndexAudit(const BlockMap& blocks) : blocks_(blocks) {}
 
-    // Each fails when the archive contradicts itself. A payload is that of a logical record.
-    Status addEntry(const EntryPlace& place, const EntryReader& entry);
-    Status checkPart(Bytes payload, const EntryPlace& place);
+    [[nodiscard]] std::uint64_t entries() const { return entries_; }
+
+    // The entry at `place` ends in `endBlock`.
+    void addEntry(const RecordPlace& place, std::uint64_t endBlock, const EntryReader& entry);
+
+    // Each fails when the archive contradicts itself. A payload is that of a logical record, which begins at `place`.
+    // Whether the entries are those of the index is known only after checkRoot().
+    Status checkPart(Bytes payload, const RecordPlace& place);
     Status checkRoot(Bytes payload, std::uint64_t block);  // where the record begins
-    Status checkTrailer(Bytes payload);
+    Status checkTrailer(Bytes payload) const;
 
 private:
-    struct CheckedBlock {
-        BlockPlace place;
-        std::uint32_t sealedLength = 0;
-    };
+    Status checkEntries(IndexPartDecoder& decoder, const RecordPlace& part);
+    bool matchesParts(RootDecoder& root) const;
+    bool matchesBlocks(RootDecoder& root, std::uint64_t end) const;
 
-    std::vector<CheckedBlock> blocks_;
+    const BlockMap& blocks_;
+    const EntrySum::Key key_ = EntrySum::randomKey();
+    EntrySum read_{key_};     // of the entries
+    EntrySum indexed_{key_};  // of the entries in the index
     std::vector<IndexPartPlace> parts_;
-    IndexPartEncoder pending_;  // the entries that no part has covered yet
-    std::uint64_t covered_ = 0;
+    std::uint64_t covered_ = 0;  // by the index
     std::uint64_t entries_ = 0;
     std::uint64_t rootBlock_ = 0;
 };

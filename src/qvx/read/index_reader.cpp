@@ -1,7 +1,5 @@
 #include "qvx/read/index_reader.h"
 
-#include <algorithm>
-
 #include "qvx/read/entry_reader.h"
 
 namespace tarnwick::qvx {
@@ -23,8 +21,17 @@ Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const MessageKey
     const auto trailer = record && record->type == RecordType::trailer ? decodeTrailer(record->payload) : std::nullopt;
     // A seal does not make the content trusted: everyone with the public key can seal an archive. So numbers in it are
     // checked before they are used.
-    if (!trailer || trailer->blocks - 1 != header->sequence || trailer->rootSequence >= header->sequence) return cut;
+    if (!trailer || trailer->blocks > maxBlocks || trailer->blocks - 1 != header->sequence ||
+        trailer->rootSequence >= header->sequence || trailer->rootPosition > file.size() ||
+        trailer->entries > maxEntries)
+        return cut;
     return *trailer;
+}
+
+// The root ends in the block before the last one, and only padding follows it.
+bool endsWithRoot(RecordCursor& cursor, const OpenedBlock& block, const Trailer& trailer, std::uint64_t lastBlock) {
+    return !cursor.next() && !cursor.damaged() && block.place.sequence + 2 == trailer.blocks &&
+           block.place.position + blockHeaderSize + block.header.sealedLength == lastBlock;
 }
 
 }  // namespace
@@ -34,9 +41,7 @@ Result<std::unique_ptr<ArchiveIndex>, ReadFault> ArchiveIndex::load(const Archiv
     if (!trailer) return trailer.error();
     std::unique_ptr<ArchiveIndex> index(new ArchiveIndex(file, keys));
     if (auto root = index->readRoot(file, keys, *trailer); !root) return root.error();
-    if (index->root_.entries == trailer->entries && index->fillMap(file, *trailer) && index->partsAreInOrder())
-        return index;
-    return readFault("the root of the index does not fit the archive");
+    return index;
 }
 
 // The blocks of the root follow one another and need no leader.
@@ -44,63 +49,62 @@ Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const Me
                                                const Trailer& trailer) {
     BlockOpener opener(file, keys);
     RecordJoiner joiner;
+    const std::size_t limit = maxRootLength(trailer.entries, trailer.rootSequence);
     // A position that overflows is not in the file, or does not fit the lengths in the root.
     BlockPlace place{trailer.rootSequence, file.blocksBegin() + trailer.rootPosition};
-    const auto malformed = [&] { return blockFault(place, "the root of the index is malformed"); };
     for (; place.sequence < trailer.blocks - 1; ++place.sequence) {
         auto block = unopenedBlock(file, place);
         opener.open(block, [] { return BlockPointer(); });
         if (block.fault) return *block.fault;
-        const auto record = RecordCursor(block.plain).next();
-        if (!record || record->type != RecordType::root || block.header.leads()) return malformed();
-        // The root is smaller than the file: it has fewer bytes for each block and index part than these take in the
-        // file.
-        const auto state = joiner.add(*record, static_cast<std::size_t>(file.size()));
-        if (state == RecordJoiner::State::damaged) return malformed();
+        RecordCursor cursor(block.plain);
+        const auto record = cursor.next();
+        if (!record || record->type != RecordType::root || block.header.leads()) break;
+        const auto state = joiner.add(*record, limit);
+        if (state == RecordJoiner::State::damaged) break;
         if (state == RecordJoiner::State::complete) {
-            auto root = decodeRoot(joiner.payload());
-            if (!root) return malformed();
-            root_ = std::move(*root);
-            return {};
+            if (!endsWithRoot(cursor, block, trailer, file.blocksEnd() - lastBlockSize)) break;
+            if (useRoot(joiner.payload(), file, trailer)) return {};
+            return readFault("the root of the index does not fit the archive");
         }
         place.position += blockHeaderSize + block.header.sealedLength;
     }
-    return malformed();
+    return blockFault(place, "the root of the index is malformed");
 }
 
 // The root states only lengths. The positions follow from them, and the blocks must end where the root begins.
-bool ArchiveIndex::fillMap(const ArchiveFile& file, const Trailer& trailer) {
-    // One length for each block before the root.
-    if (root_.sealedLengths.size() != trailer.rootSequence) return false;
+bool ArchiveIndex::useRoot(Bytes payload, const ArchiveFile& file, const Trailer& trailer) {
+    RootDecoder root(payload);
+    entries_ = root.entries();
+    while (const auto part = root.nextPart()) parts_.push_back(*part);
     BlockPlace place{0, file.blocksBegin()};
-    for (const auto length : root_.sealedLengths) {
+    while (const auto length = root.nextLength()) {
         map_.add(place);
         ++place.sequence;
-        place.position += blockHeaderSize + length;
+        place.position += blockHeaderSize + *length;
     }
-    return place.position == file.blocksBegin() + trailer.rootPosition;
+    return root.complete() && entries_ == trailer.entries && place.sequence == trailer.rootSequence &&
+           place.position == file.blocksBegin() + trailer.rootPosition;
 }
 
-// partOf() relies on this order, and each part must cover at least one entry.
-bool ArchiveIndex::partsAreInOrder() const {
-    std::uint64_t minFirst = 0;
-    for (const auto& part : root_.parts) {
-        const bool first = &part == &root_.parts.front();
-        if (first ? part.first != 0 : part.first < minFirst) return false;
-        minFirst = part.first + 1;
-    }
-    return root_.parts.empty() ? root_.entries == 0 : minFirst <= root_.entries;
+Result<void, ReadFault> ArchiveIndex::visit(const Visitor& visit) {
+    bool continues = true;
+    const auto visitOne = [&](std::uint64_t number, const IndexEntry& entry) {
+        continues = visit(number, entry);
+        return continues;
+    };
+    for (std::size_t part = 0; continues && part < parts_.size(); ++part)
+        if (auto visited = visitPart(part, visitOne); !visited) return visited;
+    return {};
 }
 
 Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor& visit) {
-    const IndexPartPlace& place = root_.parts[part];
-    const std::uint64_t end = part + 1 < root_.parts.size() ? root_.parts[part + 1].first : root_.entries;
+    const IndexPartPlace& place = parts_[part];
     const auto payload = readPart(place);
     if (!payload) return payload.error();
     IndexPartDecoder decoder(*payload);
     std::uint64_t number = place.first;
     // A part that covers other entries than the root says would give them wrong numbers.
-    if (decoder.first() == number && decoder.count() == end - number) {
+    if (decoder.first() == number && decoder.count() == partEnd(part) - number) {
         while (const IndexEntry* entry = decoder.next())
             if (!visit(number++, *entry)) return {};
         if (!decoder.damaged()) return {};
@@ -108,13 +112,6 @@ Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor&
     ReadFault fault = readFault("a part of the index is malformed");
     fault.block = place.block;
     return fault;
-}
-
-std::size_t ArchiveIndex::partOf(std::uint64_t number) const {
-    if (number >= root_.entries) return root_.parts.size();
-    const auto next = std::upper_bound(root_.parts.begin(), root_.parts.end(), number,
-                                       [](std::uint64_t key, const IndexPartPlace& part) { return key < part.first; });
-    return static_cast<std::size_t>(next - root_.parts.begin()) - 1;
 }
 
 Result<std::vector<std::uint8_t>, ReadFault> ArchiveIndex::readPart(const IndexPartPlace& place) {

@@ -3,7 +3,6 @@
 
 #include <functional>
 
-#include "qvx/format/entry_codec.h"
 #include "qvx/format/index_codec.h"
 #include "qvx/read/block_reader.h"
 
@@ -14,31 +13,33 @@ public:
     // Reads trailer and root. Both arguments must outlive the index.
     static Result<std::unique_ptr<ArchiveIndex>, ReadFault> load(const ArchiveFile& file, const MessageKeys& keys);
 
-    [[nodiscard]] std::uint64_t entries() const { return root_.entries; }
-    [[nodiscard]] std::size_t parts() const { return root_.parts.size(); }
-    [[nodiscard]] std::uint64_t partFirst(std::size_t part) const { return root_.parts[part].first; }
-    [[nodiscard]] std::uint64_t partBlock(std::size_t part) const { return root_.parts[part].block; }
+    [[nodiscard]] std::uint64_t entries() const { return entries_; }
+    [[nodiscard]] std::size_t parts() const { return parts_.size(); }
 
-    // Calls `visit` for the entries of one part, in order, until it returns false. Only one entry is in memory at a
-    // time. Fails at damage.
+    // The numbers of the entries that a part covers: from partFirst() to one before partEnd().
+    [[nodiscard]] std::uint64_t partFirst(std::size_t part) const { return parts_[part].first; }
+    [[nodiscard]] std::uint64_t partEnd(std::size_t part) const {
+        return part + 1 < parts_.size() ? parts_[part + 1].first : entries_;
+    }
+
+    // Calls `visit` for the entries of one part, or of all parts, by number, until it returns false. Only one entry is
+    // in memory at a time. Fails at damage.
     using Visitor = std::function<bool(std::uint64_t number, const IndexEntry& entry)>;
     Result<void, ReadFault> visitPart(std::size_t part, const Visitor& visit);
+    Result<void, ReadFault> visit(const Visitor& visit);
 
-    // The index of the part that covers the entry; parts() when there is none.
-    [[nodiscard]] std::size_t partOf(std::uint64_t number) const;
-
+    // Where the blocks before the root are.
     [[nodiscard]] const BlockMap& map() const { return map_; }
-    RandomBlocks& blocks() { return blocks_; }
 
 private:
     ArchiveIndex(const ArchiveFile& file, const MessageKeys& keys) : blocks_(file, keys, map_) {}
 
     Result<void, ReadFault> readRoot(const ArchiveFile& file, const MessageKeys& keys, const Trailer& trailer);
-    bool fillMap(const ArchiveFile& file, const Trailer& trailer);
-    bool partsAreInOrder() const;
+    bool useRoot(Bytes payload, const ArchiveFile& file, const Trailer& trailer);
     Result<std::vector<std::uint8_t>, ReadFault> readPart(const IndexPartPlace& place);
 
-    ArchiveRoot root_;
+    std::uint64_t entries_ = 0;
+    std::vector<IndexPartPlace> parts_;
     BlockMap map_;
     RandomBlocks blocks_;
 };

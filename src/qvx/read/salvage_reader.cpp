@@ -1,5 +1,7 @@
 #include "qvx/read/salvage_reader.h"
 
+#include <algorithm>
+
 namespace tarnwick::qvx {
 
 ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
@@ -17,21 +19,22 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
     RecordCursor cursor(block.plain);
     std::size_t offset = 0;
     while (const auto record = cursor.next()) {
-        // The number is 0 until the head of the entry is decoded; placeEntry() sets it.
-        if (auto outcome = consumeRecord(*record, {0, block.place.sequence, offset}); !outcome) return outcome;
+        if (auto outcome = consumeRecord(*record, recordPlace(block, offset)); !outcome) return outcome;
         offset = cursor.offset();
     }
     if (cursor.damaged()) abandonEntry("its block contains something that is not a record");
     return {};
 }
 
-std::uint64_t SalvageReader::finish() {
+std::vector<std::uint32_t> SalvageReader::finish() {
     abandonEntry("its end is lost");
     reportDamagedRun();
-    return nextEntry_;
+    std::ranges::sort(numbers_);
+    numbers_.erase(std::unique(numbers_.begin(), numbers_.end()), numbers_.end());
+    return std::move(numbers_);
 }
 
-ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace& place) {
+ReadOutcome SalvageReader::consumeRecord(const Record& record, const RecordPlace& place) {
     const bool ofEntry = record.type <= RecordType::end;  // or padding
     if (!ofEntry || record.type == RecordType::entry) abandonEntry("its end is lost");
     // The first records after a gap may belong to an entry that began earlier and is reported already.
@@ -45,32 +48,24 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const EntryPlace&
     if (!outcome) return outcome;
     if (entry_.isComplete()) return deliver();
     // After consume(), which decodes the number.
-    if (record.type == RecordType::entry) placeEntry(place);
+    if (record.type == RecordType::entry) {
+        entryPlace_ = place;
+        numbers_.push_back(static_cast<std::uint32_t>(entry_.head().number));
+    }
     return {};
 }
 
-// Entries are numbered in order, so a gap in the numbers means that the entries in between are lost.
-void SalvageReader::placeEntry(const EntryPlace& place) {
-    entryPlace_ = place;
-    entryPlace_.number = entry_.head().number;
-    if (entryPlace_.number < nextEntry_) return abandonEntry("its number is wrong");
-    if (entryPlace_.number > nextEntry_) {
-        reportDamagedRun();
-        reportLoss_(nextEntry_, entryPlace_.number);
-    }
-    nextEntry_ = entryPlace_.number + 1;
-}
-
 ReadOutcome SalvageReader::deliver() {
-    if (const Status checked = table_.resolve(entry_); !checked) {
+    Status checked = table_.resolve(entry_);
+    if (checked) checked = table_.add(entryPlace_, entry_);
+    if (!checked) {
         abandonEntry(checked.error().text);
         return {};
     }
-    table_.add(entryPlace_, entry_);
     // The content may be in an earlier entry whose blocks are no longer in memory, so they are opened again.
     return entry_.deliver([this](EntrySink& sink) {
-        const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
-        return place && readContent(random_, *place, entry_.tail(), sink);
+        const std::uint64_t number = *entry_.tail().contentOf;
+        return contents_.read(number, table_.placeOf(number), entry_.tail().content, sink);
     });
 }
 

@@ -11,7 +11,6 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
     }
     // Needed later to read the content of an earlier entry again.
     map_.add(block.place);
-    audit_.addBlock(block);
     if (const Status checked = checkPlace(block); !checked) return damagedUnless(checked);
     mayHaveRoot_ = !block.header.leads() && !block.header.needsLeader();
     RecordCursor cursor(block.plain);
@@ -20,7 +19,7 @@ ReadOutcome SequentialReader::consume(const OpenedBlock& block) {
     while (auto record = cursor.next()) {
         // The workers computed the digests of entries that are complete in this block.
         if (digest != block.digests.end() && digest->offset == offset) record->contentDigest = (digest++)->digest;
-        if (auto outcome = consumeRecord(*record, {count_, block.place.sequence, offset}); !outcome) return outcome;
+        if (auto outcome = consumeRecord(*record, recordPlace(block, offset)); !outcome) return outcome;
         offset = cursor.offset();
     }
     if (cursor.damaged()) return damaged("the block contains something that is not a record");
@@ -42,7 +41,7 @@ Status SequentialReader::checkPlace(const OpenedBlock& block) const {
     return {};
 }
 
-ReadOutcome SequentialReader::consumeRecord(const Record& record, const EntryPlace& place) {
+ReadOutcome SequentialReader::consumeRecord(const Record& record, const RecordPlace& place) {
     if (joiner_.joining()) return consumeIndexRecord(record, place);
     const bool skipped = record.type == RecordType::pad || isAddition(record.type);
     if (skipped && phase_ == Phase::entries && !entry_.inEntry()) return {};
@@ -54,31 +53,27 @@ ReadOutcome SequentialReader::consumeRecord(const Record& record, const EntryPla
     }
 }
 
-ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const EntryPlace& place) {
+ReadOutcome SequentialReader::consumeEntryRecord(const Record& record, const RecordPlace& place) {
     if (phase_ != Phase::entries) return damaged("an entry is after the root");
     if (record.type == RecordType::entry) entryPlace_ = place;
     auto outcome = entry_.consume(record);
     if (outcome.fault()) return blockFault(block_, *outcome.fault());
     if (!outcome) return outcome;
-    if (entry_.isComplete()) return deliver();
-    // The index and references name an entry by its number, which is its place in the order of the archive.
-    if (entry_.head().number != count_) return damagedUnless(entry_.error("the entry has a wrong number"));
-    return {};
+    return entry_.isComplete() ? deliver() : ReadOutcome();
 }
 
 ReadOutcome SequentialReader::deliver() {
     // Before the audit: resolve() gives a reference the size of its content, which the index states.
     if (const Status checked = table_.resolve(entry_); !checked) return damagedUnless(checked);
-    if (const Status checked = audit_.addEntry(entryPlace_, entry_); !checked) return damagedUnless(checked);
-    table_.add(entryPlace_, entry_);
-    ++count_;
+    audit_.addEntry(entryPlace_, block_.sequence, entry_);
+    if (const Status added = table_.add(entryPlace_, entry_); !added) return damagedUnless(added);
     return entry_.deliver([this](EntrySink& sink) {
-        const EntryPlace* place = table_.placeOf(*entry_.tail().contentOf);
-        return place && readContent(random_, *place, entry_.tail(), sink);
+        const std::uint64_t number = *entry_.tail().contentOf;
+        return contents_.read(number, table_.placeOf(number), entry_.tail().content, sink);
     });
 }
 
-ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const EntryPlace& place) {
+ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const RecordPlace& place) {
     if (entry_.inEntry()) return damagedUnless(entry_.error("the entry has no end"));
     if (phase_ != Phase::entries) return damaged("there is a record after the root");
     const bool root = record.type == RecordType::root;
@@ -86,9 +81,8 @@ ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const Ent
     // but no offset in it.
     if (root && place.offset != 0) return damaged("the root does not begin its block");
     if (root && !mayHaveRoot_) return damaged("a block of the root is a leader or needs one");
-    // The format does not limit the size of the root; it cannot be larger than the file.
-    const std::uint64_t limit = root ? file_.size() : maxIndexLength;
-    switch (joiner_.add(record, static_cast<std::size_t>(limit))) {
+    const std::size_t limit = root ? maxRootLength(audit_.entries(), place.block) : maxIndexLength;
+    switch (joiner_.add(record, limit)) {
         case RecordJoiner::State::partial: return {};
         case RecordJoiner::State::damaged: return damaged("a split record is not continued, or too long");
         case RecordJoiner::State::complete: break;
@@ -98,7 +92,7 @@ ReadOutcome SequentialReader::consumeIndexRecord(const Record& record, const Ent
     return damagedUnless(audit_.checkRoot(joiner_.payload(), joinedPlace_.block));
 }
 
-ReadOutcome SequentialReader::consumeTrailer(const Record& record, const EntryPlace& place) {
+ReadOutcome SequentialReader::consumeTrailer(const Record& record, const RecordPlace& place) {
     if (phase_ != Phase::trailer || place.offset != 0) return damaged("the trailer is not where it must be");
     phase_ = Phase::complete;
     return damagedUnless(audit_.checkTrailer(record.payload));

@@ -3,6 +3,7 @@
 
 #include "qvx/read/entry_table.h"
 #include "qvx/read/index_audit.h"
+#include "qvx/read/reread_contents.h"
 
 namespace tarnwick::qvx {
 
@@ -10,7 +11,7 @@ class SequentialReader {
 public:
     // All arguments must outlive the reader.
     SequentialReader(const ArchiveFile& file, const MessageKeys& keys, EntrySink& sink)
-        : file_(file), random_(file, keys, map_), entry_(sink, EntryReader::Scope::everyEntry) {}
+        : contents_(file, keys, map_), entry_(sink, EntryReader::Scope::everyEntry) {}
 
     // Reads the next block. If the outcome is not complete, call only abandon() after it.
     ReadOutcome consume(const OpenedBlock& block);
@@ -25,26 +26,24 @@ private:
     enum class Phase { entries, trailer, complete };  // what comes next
 
     Status checkPlace(const OpenedBlock& block) const;
-    ReadOutcome consumeRecord(const Record& record, const EntryPlace& place);
-    ReadOutcome consumeEntryRecord(const Record& record, const EntryPlace& place);
-    ReadOutcome consumeIndexRecord(const Record& record, const EntryPlace& place);
-    ReadOutcome consumeTrailer(const Record& record, const EntryPlace& place);
+    ReadOutcome consumeRecord(const Record& record, const RecordPlace& place);
+    ReadOutcome consumeEntryRecord(const Record& record, const RecordPlace& place);
+    ReadOutcome consumeIndexRecord(const Record& record, const RecordPlace& place);
+    ReadOutcome consumeTrailer(const Record& record, const RecordPlace& place);
     ReadOutcome deliver();
     ReadOutcome damaged(const char* text) const;
     ReadOutcome damagedUnless(const Status& checked) const;
 
-    const ArchiveFile& file_;
     BlockMap map_;
-    RandomBlocks random_;
+    RereadContents contents_;
     EntryReader entry_;
-    EntryPlace entryPlace_;
+    RecordPlace entryPlace_;
     EntryTable table_;
-    IndexAudit audit_;
+    IndexAudit audit_{map_};
     RecordJoiner joiner_;
-    EntryPlace joinedPlace_;
+    RecordPlace joinedPlace_;
     Phase phase_ = Phase::entries;
     BlockPlace block_;
-    std::uint64_t count_ = 0;  // of the entries delivered
     bool mayHaveRoot_ = true;  // the current block is no leader and needs none
 };
 

@@ -13,7 +13,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t indexPartSize = 256 * 1024;     // bytes of payload; bounds the memory for an index part
+// Bytes of payload; bounds the memory for an index part. A part is longer only to cover the least count of entries.
+constexpr std::size_t indexPartSize = 256 * 1024;
 constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes, of a file whose size is reported as 0
 constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
@@ -268,7 +269,7 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     removeOtherFields(entry.holes > 0 ? fields_ | fieldBit("SLC") : fields_, entry.tail);
     payload_.clear();
     encodeEntryTail(entry.tail, payload_);
-    writeRecord(RecordType::end, payload_);
+    entry.indexEntry.span = writeRecord(RecordType::end, payload_) - entry.indexEntry.block;
 
     entry.indexEntry.type = head.type;
     entry.indexEntry.path = std::move(head.path);
@@ -283,11 +284,12 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     entry.indexEntry.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
     part_.add(entry.indexEntry);
     ++root_.entries;
-    if (part_.size() >= indexPartSize) flushIndexPart();
+    if (part_.size() >= indexPartSize && part_.count() >= minIndexPartEntries) flushIndexPart();
 }
 
-// A payload that does not fit continues in the next block.
-void ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
+// A payload that does not fit continues in the next block. Returns the block of the last part.
+std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
+    std::uint64_t block = 0;
     do {
         if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
         const std::size_t length = std::min(stream_.freeSpace().size() - recordHeaderSize, payload.size());
@@ -295,19 +297,22 @@ void ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
         encodeRecordHeader({type, length < payload.size(), static_cast<std::uint32_t>(length)}, header.data());
         std::copy(header.begin(), header.end(), stream_.freeSpace().begin());
         std::copy_n(payload.begin(), length, stream_.freeSpace().begin() + recordHeaderSize);
+        block = stream_.block();  // before commit(), which ends a block that is full
         stream_.commit(recordHeaderSize + length);
         payload = payload.subspan(length);
     } while (!payload.empty());
+    return block;
 }
 
 void ArchiveEncoder::flushIndexPart() {
     if (part_.count() == 0) return;
-    const std::uint64_t first = root_.entries - part_.count();
+    const auto first = static_cast<std::uint32_t>(root_.entries - part_.count());
     payload_.clear();
     part_.finish(payload_);
     if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
     // After the padding, which may begin a new block.
-    root_.parts.push_back({first, stream_.block(), stream_.offset()});
+    root_.parts.push_back(
+        {first, static_cast<std::uint32_t>(stream_.block()), static_cast<std::uint32_t>(stream_.offset())});
     writeRecord(RecordType::index, payload_);
 }
 

@@ -55,7 +55,7 @@ private:
     void writeHole(Entry& entry, std::uint64_t length);
     void writeHead(Entry& entry);
     void writeTail(Entry& entry);
-    void writeRecord(RecordType type, Bytes payload);
+    std::uint64_t writeRecord(RecordType type, Bytes payload);
     void reserveSpace(std::uint64_t content);
     void flushIndexPart();
     Status complete();

@@ -1,0 +1,80 @@
+#include "qvx/read/spool.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "base/handle.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr const char* spoolSubject = "temporary file";
+
+FileDescriptor openUnnamed(const char* directory) {
+    return FileDescriptor(directory ? ::open(directory, O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600) : -1);
+}
+
+}  // namespace
+
+Result<std::uint64_t> Spool::append(Bytes text) {
+    if (!file_)
+        if (Status opened = open(); !opened) return opened.error();
+    const std::uint64_t position = size_;
+    const std::uint64_t length = text.size();
+    std::array<std::uint8_t, sizeof length> bytes{};
+    std::memcpy(bytes.data(), &length, sizeof length);
+    if (Status written = write(bytes); !written) return written.error();
+    if (Status written = write(text); !written) return written.error();
+    return position;
+}
+
+Status Spool::read(std::uint64_t position, std::vector<std::uint8_t>& text) const {
+    std::array<std::uint8_t, sizeof(std::uint64_t)> bytes{};
+    if (Status done = readAt(position, bytes); !done) return done;
+    std::uint64_t length = 0;
+    std::memcpy(&length, bytes.data(), sizeof length);
+    text.resize(static_cast<std::size_t>(length));
+    return readAt(position + sizeof length, text);
+}
+
+Status Spool::open() {
+    file_ = openUnnamed(::secure_getenv("TMPDIR"));
+    if (!file_) file_ = openUnnamed("/var/tmp");
+    if (file_) return {};
+    // A file system that cannot have a file without a name.
+    const std::unique_ptr<std::FILE, FreeWith<std::fclose>> named(std::tmpfile());
+    if (named) file_ = FileDescriptor(::fcntl(::fileno(named.get()), F_DUPFD_CLOEXEC, 0));
+    if (!file_) return systemError(errno, spoolSubject);
+    return {};
+}
+
+Status Spool::write(Bytes bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(size_));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return systemError(count < 0 ? errno : EIO, spoolSubject);
+        size_ += static_cast<std::uint64_t>(count);
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+    return {};
+}
+
+Status Spool::readAt(std::uint64_t position, MutableBytes bytes) const {
+    while (!bytes.empty()) {
+        const ssize_t count = ::pread(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return systemError(count < 0 ? errno : EIO, spoolSubject);
+        position += static_cast<std::uint64_t>(count);
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+    return {};
+}
+
+}  // namespace tarnwick::qvx

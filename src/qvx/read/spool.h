@@ -1,0 +1,32 @@
+// Texts in a temporary file, for what must wait and may be too much for memory.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "base/error.h"
+#include "base/handle.h"
+#include "qvx/bytes.h"
+
+namespace tarnwick::qvx {
+
+// The file has no name, and exists only after the first append(). It is in TMPDIR or /var/tmp, because /tmp is often in
+// memory. For one thread at a time.
+class Spool {
+public:
+    // Returns the position to read the text from.
+    Result<std::uint64_t> append(Bytes text);
+
+    // Reads the text that was appended at `position` into `text`.
+    Status read(std::uint64_t position, std::vector<std::uint8_t>& text) const;
+
+private:
+    Status open();
+    Status write(Bytes bytes);
+    Status readAt(std::uint64_t position, MutableBytes bytes) const;
+
+    FileDescriptor file_;
+    std::uint64_t size_ = 0;
+};
+
+}  // namespace tarnwick::qvx
