@@ -1,8 +1,12 @@
 // Archives whose entries are stored in another order than that of their numbers, honest and hostile.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
+#include <fstream>
 
+#include "qvx/listing.h"
 #include "unit/archive_builder.h"
 
 using namespace tarnwick;
@@ -274,5 +278,54 @@ TEST(StoredOrder, CountsLostEntriesWithoutAnIndex) {
     EXPECT_EQ(reading.salvaged().size(), archive.expected.size() - 40);
     EXPECT_NE(reading.faults.find("entries lost whose names are not known: 40"), std::string::npos) << reading.faults;
 }
+
+#ifndef __SANITIZE_ADDRESS__  // it has an allocator of its own
+std::size_t statusKilobytes(const std::string& wanted) {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;)
+        if (std::size_t value = 0; word == wanted && status >> value) return value;
+    return 0;
+}
+
+// By how much the memory of this process rises meanwhile, in KiB.
+template <typename Step>
+std::size_t peakOf(const Step& step) {
+    ::malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << "5";  // the peak begins here
+    const std::size_t before = statusKilobytes("VmRSS:");
+    step();
+    return statusKilobytes("VmHWM:") - before;
+}
+
+// 150 MB of paths, more than all memory that may be used.
+TEST(StoredOrder, KeepsNoPathOfAnEntryInMemory) {
+    constexpr std::size_t count = 40000, maxKilobytes = 131072 + 64 * count / 1024;
+    const std::string path(3800, 'p');
+    auto file = [&] {
+        ArchiveBuilder builder;
+        for (std::size_t i = 0; i < count; ++i) {
+            builder.number((i * 7919 + 1) % count).file(path + std::to_string(i), "x");
+        }
+        for (std::size_t i = 0; i < count; i += 20000) builder.endIndexPart(20000);
+        return archiveFile(builder.finish());
+    }();
+    const auto reader = std::move(*ArchiveReader::open(std::move(*file), recipient()));
+    const int output = ::dup(STDOUT_FILENO), null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    std::size_t listed = 0;
+    const auto countOne = [&](auto, const auto&) { return ++listed > 0; };
+    CheckSink check("archive");
+    JsonSink json;
+    EXPECT_LT(peakOf([&] { EXPECT_TRUE(reader->list(countOne)); }), maxKilobytes);
+    EXPECT_EQ(listed, count);
+    EXPECT_LT(peakOf([&] { EXPECT_TRUE(reader->readAll(check)); }), maxKilobytes);
+    std::fflush(stdout);
+    ::dup2(null, STDOUT_FILENO);
+    EXPECT_LT(peakOf([&] { EXPECT_TRUE(reader->readAll(json)); }), maxKilobytes);
+    EXPECT_TRUE(json.finishLines());
+    std::fflush(stdout);
+    ::dup2(output, STDOUT_FILENO);
+    EXPECT_LT(peakOf([&] { EXPECT_TRUE(reader->salvage(check, [](const ReadFault&) {})); }), maxKilobytes);
+}
+#endif
 
 }  // namespace
