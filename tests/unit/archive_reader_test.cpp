@@ -52,7 +52,7 @@ Reading read(By way, const ByteVector& bytes, std::string_view wanted = {}) {
 struct SmallArchive {
     SmallArchive() {
         builder.file("one", "first content").endBlock().file("two", "second content").endBlock();
-        builder.reference("three", 0, true, 13).endIndexPart().endBlock();
+        builder.reference("three", 0, true, 13).endBlock();
         builder.announce().begin("four").data("fourth ").endBlock();
         builder.data("content").end({.digest = sha256("fourth content")}, 14);
         bytes = builder.finish();

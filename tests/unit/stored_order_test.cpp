@@ -21,8 +21,8 @@ class Reading {
 public:
     explicit Reading(const ByteVector& bytes) {
         auto file = archiveFile(bytes);
-        file_ = file->get();
-        reader_ = std::move(*ArchiveReader::open(std::move(*file), recipient()));
+        file_ = file.get();
+        reader_ = std::move(*ArchiveReader::open(std::move(file), recipient(), ArchiveReader::Opening::salvage));
     }
 
     Seen all() { return outcome(reader_->readAll(sink)); }
@@ -77,7 +77,7 @@ struct Shuffled {
     void add(std::size_t number) {
         builder.number(number);
         const bool refers = number == 7 || number < 2;
-        if (refers) builder.reference(name(number), 200, {}, 11);
+        if (refers) builder.reference(name(number), 200, false, 11);
         if (!refers) builder.file(name(number), "content " + std::to_string(number));
         expected.push_back(name(number) + "=content " + std::to_string(refers ? 200 : number));
         if (expected.size() % 40 == 0) builder.endBlock();
@@ -106,7 +106,7 @@ TEST(StoredOrder, IsReadInEveryWay) {
 // The content is in another entry, so this entry is delivered late; but the one that was stored last must remain.
 TEST(StoredOrder, LateEntryDoesNotReplaceALaterOneOfItsPath) {
     ArchiveBuilder builder;
-    builder.file("a", "old").reference("x", 0, {}, 3).reference("y", 0, {}, 3).file("x", "new");
+    builder.file("a", "old").reference("x", 0, false, 3).reference("y", 0, false, 3).file("x", "new");
     Reading reading(builder.finish());
     EXPECT_EQ(reading.chosen({"x", "y"}), (Seen{"x=new", "y=old"}));
     EXPECT_EQ(reading.faults, "");
@@ -159,11 +159,11 @@ TEST(StoredOrder, RejectsAnIndexThatDoesNotAgreeWithTheEntries) {
              b.endIndexPart(127);
          },
          "covers too few"},
-        {"reference to a later end", [](auto& b) { b.reference("x", 1, {}, 1).file("y", "a"); },
+        {"reference to a later end", [](auto& b) { b.reference("x", 1, false, 1).file("y", "a"); },
          "x: the entry with its"},
         {"reference to a reference of a higher number",
          [](auto& b) {
-             b.number(2).file("x", "a").number(1).reference("y", 2, {}, 1).number(0).reference("z", 1, {}, 1);
+             b.number(2).file("x", "a").number(1).reference("y", 2, false, 1).number(0).reference("z", 1, false, 1);
          },
          "z: the entry with its"},
     };
@@ -188,7 +188,7 @@ TEST(StoredOrder, RejectsAChosenEntryThatIsNotWhereTheIndexSays) {
     for (const auto& [fault, forge] : forgeries) {
         ArchiveBuilder builder;
         builder.forgeIndex = [&forge = forge](auto, IndexEntry& entry) { forge(entry); };
-        builder.begin("x").data("ab").endBlock().data("cd").end({.digest = sha256("abcd")}, 4).endBlock();
+        builder.announce().begin("x").data("ab").endBlock().data("cd").end({.digest = sha256("abcd")}, 4).endBlock();
         Reading reading(builder.data("").finish());
         EXPECT_EQ(std::ranges::count(reading.chosen({"x"}), "x=abcd"), 0) << fault;
         EXPECT_NE(reading.faults, "") << fault;
@@ -197,14 +197,17 @@ TEST(StoredOrder, RejectsAChosenEntryThatIsNotWhereTheIndexSays) {
 
 TEST(StoredOrder, RejectsAReferenceToAnEntryThatIsNotChosenAndNotASource) {
     const std::pair<const char*, void (*)(ArchiveBuilder&)> forgeries[] = {
-        {"later", [](auto& b) { b.reference("x", 1, {}, 1).file("y", "a"); }},
-        {"missing", [](auto& b) { b.reference("x", 5, {}, 1); }},
-        {"itself", [](auto& b) { b.reference("x", 0, {}, 1); }},
-        {"link", [](auto& b) { b.file("y", "a", link).reference("x", 0, {}, 1); }},
-        {"reference", [](auto& b) { b.file("z", "a").reference("y", 0, {}, 1).reference("x", 1, {}, 1); }},
+        {"later", [](auto& b) { b.reference("x", 1, false, 1).file("y", "a"); }},
+        {"missing", [](auto& b) { b.reference("x", 5, false, 1); }},
+        {"itself", [](auto& b) { b.reference("x", 0, false, 1); }},
+        {"link", [](auto& b) { b.file("y", "a", link).reference("x", 0, false, 1); }},
+        {"reference", [](auto& b) { b.file("z", "a").reference("y", 0, false, 1).reference("x", 1, false, 1); }},
         {"incomplete",
          [](auto& b) {
-             b.begin("y").record(RecordType::hole, {4}).end({.unreadable = {{{0, 4}}}}, 4).reference("x", 0, {}, 4);
+             b.begin("y")
+                 .record(RecordType::hole, {4})
+                 .end({.totals = SparseTotals{4, 1}, .unreadable = {{{0, 4}}}}, 4)
+                 .reference("x", 0, false, 4);
          }},
     };
     for (const auto& [fault, build] : forgeries) {
@@ -221,7 +224,7 @@ ByteVector scattered(std::size_t count, std::size_t references) {
     ArchiveBuilder builder;
     for (std::size_t i = 0; i < count; ++i) builder.file("c" + std::to_string(i), "text").endBlock();
     for (std::size_t i = 0; i < references; ++i) {
-        builder.reference("r" + std::to_string(i), i % count, {}, 4);
+        builder.reference("r" + std::to_string(i), i % count, false, 4);
         if (i % 1000 == 999) builder.endIndexPart();
     }
     return builder.finish();
@@ -309,7 +312,7 @@ TEST(StoredOrder, KeepsNoPathOfAnEntryInMemory) {
         for (std::size_t i = 0; i < count; i += 20000) builder.endIndexPart(20000);
         return archiveFile(builder.finish());
     }();
-    const auto reader = std::move(*ArchiveReader::open(std::move(*file), recipient()));
+    const auto reader = std::move(*ArchiveReader::open(std::move(file), recipient()));
     const int output = ::dup(STDOUT_FILENO), null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::size_t listed = 0;
     const auto countOne = [&](auto, const auto&) { return ++listed > 0; };
