@@ -300,16 +300,16 @@ std::size_t peakOf(const Step& step) {
     return statusKilobytes("VmHWM:") - before;
 }
 
-// 150 MB of paths, more than all memory that may be used.
+// 90 MB of paths, more than all memory that may be used.
 TEST(StoredOrder, KeepsNoPathOfAnEntryInMemory) {
-    constexpr std::size_t count = 40000, maxKilobytes = 131072 + 64 * count / 1024;
+    constexpr std::size_t count = 24000, maxKilobytes = 81920 + 64 * count / 1024;
     const std::string path(3800, 'p');
     auto file = [&] {
         ArchiveBuilder builder;
         for (std::size_t i = 0; i < count; ++i) {
             builder.number((i * 7919 + 1) % count).file(path + std::to_string(i), "x");
         }
-        for (std::size_t i = 0; i < count; i += 20000) builder.endIndexPart(20000);
+        for (std::size_t i = 0; i < count; i += 8000) builder.endIndexPart(8000);
         return archiveFile(builder.finish());
     }();
     const auto reader = std::move(*ArchiveReader::open(std::move(file), recipient()));
