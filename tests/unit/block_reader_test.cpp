@@ -14,29 +14,35 @@ namespace {
 const ByteVector plain(blockSize, 't');
 
 TEST(BlockHeader, RejectsEveryFieldThatThePageDoesNotAllow) {
+    constexpr std::uint32_t raw = blockSize + tagSize, last = 52;
+    constexpr std::uint8_t dictionary = blockCompressed | blockWithDictionary;
     const std::tuple<const char*, BlockHeader, bool> headers[] = {
-        {"raw", {17, 0, 1}, true},
-        {"longest", {blockSize + tagSize, 0, 1}, true},
-        {"no content", {16, 0, 1}, false},
-        {"too long", {blockSize + tagSize + 1, 0, 1}, false},
-        {"last number", {100, 0, maxBlocks - 1}, true},
-        {"too high a number", {100, 0, maxBlocks}, false},
-        {"unknown flag", {100, 0x10, 1}, false},
-        {"last", {100, blockLast, 1}, true},
-        {"last, compressed", {100, blockLast | blockCompressed, 1}, false},
-        {"last, a leader", {100, blockLast | blockLeader, 1}, false},
-        {"raw leader", {100, blockLeader, 1}, true},
+        {"raw", {raw, 0, 1}, true},
+        {"short", {raw - 1, 0, 1}, false},
+        {"long", {raw + 1, 0, 1}, false},
+        {"shortest frame", {17, blockCompressed, 1}, true},
+        {"no frame", {16, blockCompressed, 1}, false},
+        {"longest frame", {raw - 1, blockCompressed, 1}, true},
+        {"frame of a block", {raw, blockCompressed, 1}, false},
+        {"last number", {raw, 0, maxBlocks - 1}, true},
+        {"too high a number", {raw, 0, maxBlocks}, false},
+        {"unknown flag", {raw, 0x10, 1}, false},
+        {"last", {last, blockLast, 1}, true},
+        {"last, of another length", {last + 1, blockLast, 1}, false},
+        {"last, compressed", {last, blockLast | blockCompressed, 1}, false},
+        {"last, a leader", {last, blockLast | blockLeader, 1}, false},
+        {"raw leader", {raw, blockLeader, 1}, true},
         {"compressed leader", {100, blockLeader | blockCompressed, 1}, true},
-        {"needs a leader", {100, blockCompressed | blockWithDictionary, 2, 1}, true},
-        {"raw, with dictionary", {100, blockWithDictionary, 2, 1}, false},
-        {"leader needs a leader", {100, blockLeader | blockCompressed | blockWithDictionary, 2, 1}, false},
-        {"its own leader", {100, blockCompressed | blockWithDictionary, 2, 2}, false},
-        {"leader comes later", {100, blockCompressed | blockWithDictionary, 2, 3}, false},
+        {"needs a leader", {100, dictionary, 2, 1}, true},
+        {"raw, with dictionary", {raw, blockWithDictionary, 2, 1}, false},
+        {"leader needs a leader", {100, blockLeader | dictionary, 2, 1}, false},
+        {"its own leader", {100, dictionary, 2, 2}, false},
+        {"leader comes later", {100, dictionary, 2, 3}, false},
         {"names a leader without need", {100, blockCompressed, 2, 1}, false},
     };
     for (const auto& [name, header, valid] : headers)
         EXPECT_EQ(decodeBlockHeader(encodeBlockHeader(header)).has_value(), valid) << name;
-    auto bytes = encodeBlockHeader({17, 0, 1});
+    auto bytes = encodeBlockHeader({raw, 0, 1});
     EXPECT_FALSE(decodeBlockHeader(Bytes(bytes).first(blockHeaderSize - 1)));
     bytes[0] ^= 1;
     EXPECT_FALSE(decodeBlockHeader(bytes));

@@ -45,6 +45,13 @@ bool flagsAgree(std::uint8_t flags) {
     return !(flags & blockWithDictionary) || (flags & blockCompressed && !(flags & blockLeader));
 }
 
+bool lengthAgrees(const BlockHeader& header) {
+    if (header.flags & blockLast) return header.sealedLength == lastBlockSize - blockHeaderSize;
+    if (header.flags & blockCompressed)
+        return header.sealedLength > tagSize && header.sealedLength < blockSize + tagSize;
+    return header.sealedLength == blockSize + tagSize;
+}
+
 // For a block with its dictionary right before it in memory. Both are whole blocks.
 ZSTD_parameters dictionaryParameters() {
     ZSTD_parameters parameters = ZSTD_getParams(compressionLevel, blockSize, blockSize);
@@ -74,11 +81,10 @@ std::optional<BlockHeader> decodeBlockHeader(Bytes bytes) {
     header.flags = bytes[7];
     header.sequence = getLittleEndian<8>(bytes.data() + 8);
     header.leader = getLittleEndian<8>(bytes.data() + 16);
-    const bool inRange =
-        header.sealedLength > tagSize && header.sealedLength <= blockSize + tagSize && header.sequence < maxBlocks;
     // A leader that comes later could need this block in turn.
     const bool hasLeader = header.needsLeader() ? header.leader < header.sequence : header.leader == 0;
-    if (!inRange || !hasLeader || !flagsAgree(header.flags)) return std::nullopt;
+    if (!lengthAgrees(header) || !hasLeader || !flagsAgree(header.flags) || header.sequence >= maxBlocks)
+        return std::nullopt;
     return header;
 }
 

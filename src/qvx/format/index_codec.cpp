@@ -12,6 +12,15 @@ std::size_t sharedLength(std::string_view a, std::string_view b) {
     return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
 }
 
+// Turns `path` from the previous path into the next one. It has only one form: what the two share is not repeated.
+void readPath(WireReader& in, std::string& path) {
+    const auto shared = static_cast<std::size_t>(in.number<std::uint64_t>(path.size()));
+    const std::string_view rest = in.text();
+    if (!in.ok()) return;
+    if (shared < path.size() && rest.starts_with(path[shared])) in.fail();
+    path.replace(shared, std::string::npos, rest);
+}
+
 // Turns `entry` from the previous entry into the next one.
 void readIndexEntry(WireReader& in, IndexEntry& entry) {
     // An unsigned sum: a hostile difference may wrap around, and is then too large.
@@ -22,12 +31,10 @@ void readIndexEntry(WireReader& in, IndexEntry& entry) {
     const unsigned type = in.byte();
     entry.type = readEntryType(in, type & ~unsigned{indexIncomplete});
     entry.incomplete = type & indexIncomplete;
-    const auto shared = in.number<std::uint64_t>(entry.path.size());
-    if (in.ok()) entry.path.resize(static_cast<std::size_t>(shared));
-    entry.path += in.text();
+    readPath(in, entry.path);
     entry.mode = in.number<std::uint16_t>(maxMode);
-    entry.userId = in.number<std::uint32_t>();
-    entry.groupId = in.number<std::uint32_t>();
+    entry.userId = in.number<std::uint32_t>(maxId);
+    entry.groupId = in.number<std::uint32_t>(maxId);
     entry.size = in.number<std::uint64_t>(maxContentSize);
     entry.modifiedSeconds = wrappingAdd(entry.modifiedSeconds, in.signedVarint());
     if (!isPathOf(entry.type, entry.path)) in.fail();

@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t firstSlots = 1024;
 constexpr std::uint32_t offsetMask = blockSize - 1;
 constexpr std::uint32_t hasDigest = 1U << 30;
-constexpr std::uint32_t hasUnreadable = 1U << 31;  // a part of the content could not be read
+constexpr std::uint32_t isIncomplete = 1U << 31;
 
 }  // namespace
 
@@ -26,8 +26,7 @@ Status EntryTable::add(const RecordPlace& place, const EntryReader& entry) {
     const auto number = static_cast<std::uint32_t>(entry.head().number);
     std::uint32_t& slot = slots_[slotOf(number)];
     if (slot != 0) return entry.error("an earlier entry has its number");
-    const bool unreadable = tail.unreadable && !tail.unreadable->empty();
-    const std::uint32_t flags = (tail.digest ? hasDigest : 0) | (unreadable ? hasUnreadable : 0);
+    const std::uint32_t flags = (tail.digest ? hasDigest : 0) | (tail.unreadable ? isIncomplete : 0);
     if (count_ % chunkLength == 0) chunks_.push_back(std::make_unique<Chunk>());
     (*chunks_.back())[count_ % chunkLength] = {number,
                                                place.block,
@@ -43,8 +42,8 @@ Status EntryTable::resolve(EntryReader& entry) const {
     if (!entry.tail().contentOf) return {};
     const File* file = find(*entry.tail().contentOf);
     if (!file) return entry.error("the entry with its content is missing or a different one");
-    // Its zeros would be taken for real content, because only that entry says which of them are not.
-    if (file->offsetAndFlags & hasUnreadable) return entry.error("the entry with its content is incomplete");
+    // Only that entry says what is missing, so this one would look complete.
+    if (file->offsetAndFlags & isIncomplete) return entry.error("the entry with its content is incomplete");
     ContentCheck content{file->sizeLow | std::uint64_t{file->sizeHigh} << 32, std::nullopt};
     if (file->offsetAndFlags & hasDigest) content.digest = file->digest;
     entry.adopt(content);

@@ -20,8 +20,7 @@ bool hasContent(const EntryReader& entry, const std::optional<ContentCheck>& exp
 // An entry that others may refer to. Its place may come from the index of a hostile archive.
 bool isSource(const EntryReader& entry, std::uint64_t number) {
     const EntryTail& tail = entry.tail();
-    return entry.head().number == number && entry.head().type == EntryType::file && !tail.contentOf &&
-           (!tail.unreadable || tail.unreadable->empty());
+    return entry.head().number == number && entry.head().type == EntryType::file && !tail.contentOf && !tail.unreadable;
 }
 
 }  // namespace
