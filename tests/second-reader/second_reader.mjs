@@ -1,16 +1,20 @@
 // A second reader of qvx archives, written from docs/qvx-format.md alone, so that an error in both the page and the
-// programs is found. `node second_reader.mjs KEY.pem ARCHIVE` reads the archive once from front to back, prints a line
-// of JSON for each entry (bytes that need not be text in base64), and compares index, root and trailer with them.
-// Status 1: the archive breaks a rule. The lines printed so far are of complete entries; others may be missing.
+// programs is found. `node second_reader.mjs KEY.pem ARCHIVE` reads the archive once from front to back, compares index,
+// root and trailer with the entries, and prints a line of JSON for each entry in the order of the numbers (bytes that
+// need not be text in base64). Status 1: the archive breaks a rule. The lines are of complete entries; some may be
+// missing.
 import { spawnSync } from "node:child_process";
-import { createDecipheriv, createECDH, createHash, createHmac, createPrivateKey } from "node:crypto";
+import { createDecipheriv, createECDH, createHash, createHmac, createPrivateKey, hkdfSync } from "node:crypto";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 
-const PLAIN_HEADER = "89515658" + "0d0a1a0a" + "0100" + "0300" + "01080000" + "00000000000000c0" + "00001000";
+const HEADER = "89515658" + "0d0a1a0a" + "0100" + "0300" + "01080000" + "00000000000000c0" + "00001000";
+const END_MARK = "89515658" + "454e440a", FRAME = "28b52ffd" + "a000001000", LAST_BLOCK = 76;
 const SSH_KEY = "\0\0\0\x13ecdsa-sha2-nistp256\0\0\0\x08nistp256\0\0\0\x41"; // and the point
 const BLOCK = 1 << 20, TAG = 16, RECORD_HEADER = 4;
-const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, CONTINUES = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
+const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, LEADER = 8, LEADERS = 16, CONTINUES = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
 const PAD = 0, ENTRY = 1, DATA = 2, HOLE = 3, END = 4, INDEX = 5, ROOT = 6, TRAILER = 7, SPLIT = [END, INDEX, ROOT];
+const HASHED_ZEROS = 1n << 34n, MAX_SIZE = 1n << 63n, ATTRIBUTE = /^(user|trusted|security|system)\.[^\0]/s;
+const [OWNER, USER, OWNING_GROUP, GROUP, MASK, OTHERS] = [0, 1, 2, 3, 4, 5];
 const BAD_PATH = /\0|^(?=.)\.{0,2}(\/|$)|\/\.{0,2}(\/|$)/s;
 
 const demand = (condition, what) => { if (!condition) throw new Error(what); };
@@ -56,7 +60,7 @@ function labelled(suiteId) {
   };
 }
 
-// Base mode with DHKEM(P-256, HKDF-SHA256), HKDF-SHA256 and AES-256-GCM.
+// Keys of the one message in base mode with DHKEM(P-256, HKDF-SHA256), HKDF-SHA256 and AES-256-GCM.
 function receive(own, encapsulated, info) {
   const kem = labelled("4b454d0010"), suite = labelled("48504b45001000010002"), none = Buffer.alloc(0);
   const points = Buffer.concat([encapsulated, own.getPublicKey()]);
@@ -75,39 +79,60 @@ function unseal({ key, nonce }, number, sealed, aad) {
   return Buffer.concat([cipher.update(sealed.subarray(0, -TAG)), cipher.final()]);
 }
 
-function openHeader(header, pem) {
-  const groupLength = header.readUInt32LE(28);
-  demand(header.toString("hex", 0, 28) === PLAIN_HEADER && groupLength > 0, "the header is not one of version 1");
+// The keys of the archive, from its header.
+function openHeader(file, pem) {
+  const fixed = file.read(64), count = fixed.readUInt16LE(28);
+  demand(fixed.toString("hex", 0, 28) === HEADER && count >= 1 && count <= 16, "the header is not one of version 1");
   const own = createECDH("prime256v1");
   own.setPrivateKey(Buffer.from(createPrivateKey(pem).export({ format: "jwk" }).d, "base64url"));
-  const keyId = sha256(Buffer.concat([Buffer.from(SSH_KEY), own.getPublicKey()])).digest();
-  demand(header.subarray(32, 64).equals(keyId), "the archive is sealed to another key");
-  return { groupLength, keys: receive(own, header.subarray(64), header.subarray(0, 64)) };
+  const keyId = sha256(Buffer.concat([Buffer.from(SSH_KEY), own.getPublicKey()])).digest("hex");
+  const recipients = new Map(repeat(count, () => [file.read(32).toString("hex"), [file.read(65), file.read(48)]]));
+  demand(recipients.size === count && fixed.readUInt16LE(30) === 0, "a recipient is there twice, or no zero");
+  demand(recipients.has(keyId), "the archive is sealed to another key");
+  const [encapsulated, sealed] = recipients.get(keyId);
+  const contentKey = unseal(receive(own, encapsulated, fixed), 0, sealed, Buffer.alloc(0));
+  const derive = (info, size) => Buffer.from(hkdfSync("sha256", contentKey, fixed.subarray(32), info, size));
+  const tag = createHmac("sha256", derive("qvx header key", 32)).update(file.bytes.subarray(0, file.at)).digest();
+  demand(tag.equals(file.read(32)), "the tag of the header differs");
+  return { key: derive("qvx block key", 32), nonce: derive("qvx block nonce", 12) };
+}
+
+function checkFooter(file, header) {
+  const size = Buffer.alloc(4);
+  size.writeUInt32LE(header.length);
+  const footer = Buffer.concat([header, size, Buffer.from(END_MARK, "hex")]);
+  demand(file.bytes.subarray(file.at).equals(footer), "the footer differs, or something follows it");
 }
 
 function decompress(frame, dictionary) {
-  demand(frame.length > 4 && frame.readUInt32LE() === 0xfd2fb528 && frame[4] >> 5, "a frame without its size");
+  demand(frame.toString("hex", 0, 9) === FRAME, "the frame is not the one that is allowed");
   const result = spawnSync("zstd", ["-qdc", ...dictionary], { input: frame, maxBuffer: BLOCK });
   demand(result.status === 0, `a frame does not open: ${result.error ?? result.stderr}`);
   return result.stdout;
 }
 
-function* readBlocks(file, { groupLength, keys }, leader) {
+function* readBlocks(file, keys, folder) {
+  const leaders = [], content = (leader) => `${folder}/${leader}`;
   for (let number = 0, flags; flags !== LAST; number++) {
-    const position = file.at, header = file.read(16), length = header.readUIntLE(4, 3);
+    const position = file.at, header = file.read(24), length = header.readUIntLE(4, 3);
     flags = header[7];
     const known = header.readUInt32BE() === 0x51565842 && header.readBigUInt64LE(8) === BigInt(number);
     demand(known && length > TAG && length <= BLOCK + TAG, "no block header, or one of another block");
-    const leads = number % groupLength === 0, possible = [0, LAST, COMPRESSED, leads ? 0 : COMPRESSED | DICTIONARY];
-    demand(possible.includes(flags), "impossible flags of a block");
+    const possible = [0, LAST, COMPRESSED, COMPRESSED | DICTIONARY, LEADER, COMPRESSED | LEADER];
+    demand(possible.includes(flags) && number < 1 << 23, "impossible flags of a block, or too many blocks");
+    const leader = Number(header.readBigUInt64LE(16));
+    demand(flags & DICTIONARY ? leaders.includes(leader) : leader === 0, "the leader of a block is none of the last");
     const stored = unseal(keys, number, file.read(length), header);
-    const plain = flags & COMPRESSED ? decompress(stored, flags & DICTIONARY ? ["-D", leader] : []) : stored;
+    const dictionary = flags & DICTIONARY ? ["-D", content(leader)] : [];
+    const plain = flags & COMPRESSED ? decompress(stored, dictionary) : stored;
     demand(flags === LAST ? plain.length < BLOCK : plain.length === BLOCK, "wrong size of a block");
-    // zstd reads a dictionary from a file. With a zero in front, it is not mistaken for a trained dictionary.
-    if (leads) writeFileSync(leader, Buffer.concat([Buffer.of(0), plain]));
+    if (flags & LEADER) {
+      // zstd reads a dictionary from a file. With a zero in front, it is not mistaken for a trained dictionary.
+      writeFileSync(content(number), Buffer.concat([Buffer.of(0), plain]));
+      if (leaders.push(number) > LEADERS) rmSync(content(leaders.shift()));
+    }
     yield { number, position, length, flags, plain };
   }
-  demand(file.at === file.bytes.length, "something follows the last block");
 }
 
 // The logical records of a block; one that continues in the next block is kept in `state.open` until then.
@@ -132,13 +157,16 @@ function* readRecords(block, state) {
 }
 
 class Archive {
-  constructor() { Object.assign(this, { blocks: [], entries: [], parts: [], indexed: 0, state: {} }); }
+  constructor(start) {
+    Object.assign(this, { start, blocks: [], entries: [], count: 0, parts: [], indexed: 0, zeros: 0n, state: {} });
+  }
 
   block({ plain, ...block }) {
     this.blocks.push(block);
     for (const { type, payload, offset, block: { number } } of readRecords({ plain, ...block }, this.state)) {
-      demand(type in this && [DATA, HOLE, END].includes(type) === Boolean(this.open), "a record out of place");
       demand(!this.root || type === TRAILER, "more than the trailer follows the root");
+      if (type >= 0x40 && type <= 0x7e && !this.open) continue; // an addition
+      demand(type in this && [DATA, HOLE, END].includes(type) === Boolean(this.open), "a record out of place");
       const fields = new Fields(payload);
       this[type](fields, number, offset);
       demand(fields.at === payload.length, "a payload is too long");
@@ -146,68 +174,113 @@ class Archive {
   }
 
   [ENTRY](fields, ...place) {
-    const entry = { number: fields.count(), type: fields.byte(), path: fields.text() };
-    demand(entry.number === this.entries.length && [FILE, DIRECTORY, LINK].includes(entry.type), "no such entry");
+    const number = fields.count(), type = fields.byte(), entry = { number, type: type & 0x7f, path: fields.text() };
+    demand(!this.entries[number] && number < 2 ** 32 - 1 && [FILE, DIRECTORY, LINK].includes(entry.type), "no such entry");
     demand(entry.path.length <= 4095 && !BAD_PATH.test(entry.path.toString("latin1")), "a path that is not allowed");
-    const present = fields.byte();
+    demand(entry.path.length > 0 || entry.type === DIRECTORY, "only a directory may have no path");
+    const present = fields.count();
     ["uid", "gid", "mode", "flags"].forEach((key, bit) => { if (present & (1 << bit)) entry[key] = fields.count(); });
     if (present & 0x10) entry.mtime_ns = fields.read(8).readBigInt64LE();
     if (present & 0x20) entry.ctime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
     if (present & 0x40) entry.btime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
-    demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777, "an entry has an unknown field or mode");
-    this.open = { entry, place, size: 0n, holes: 0, digest: sha256(""), target: [] };
-  }
-
-  add(bytes) {
-    this.open.digest.update(bytes);
-    this.open.size += BigInt(bytes.length);
-    if (this.open.entry.type === LINK) this.open.target.push(bytes);
+    const within = [entry.uid, entry.gid, entry.flags].every((value = 0) => value < 2 ** 32);
+    demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777 && within, "an entry has an unknown field or mode");
+    const announced = type > 0x80;
+    demand(!announced || entry.type !== DIRECTORY, "a directory has no digest");
+    this.open = { entry, place, announced, size: 0n, holes: 0, zeros: 0n, digest: sha256(""), target: [] };
   }
 
   [DATA](fields) {
-    demand(this.open.entry.type !== DIRECTORY, "a directory has content");
-    this.add(fields.read(fields.bytes.length));
+    const { entry, digest, target } = this.open, bytes = fields.read(fields.bytes.length);
+    demand(entry.type !== DIRECTORY, "a directory has content");
+    digest.update(bytes);
+    this.open.size += BigInt(bytes.length);
+    if (entry.type === LINK) target.push(bytes);
   }
 
   [HOLE](fields) {
-    let rest = fields.varint();
-    demand(this.open.entry.type === FILE && rest > 0n, "a hole that is empty or outside a file");
-    for (; rest >= BLOCK; rest -= BigInt(BLOCK)) this.add(Buffer.alloc(BLOCK));
-    this.add(Buffer.alloc(Number(rest)));
+    const length = fields.varint(), { entry, announced, digest } = this.open;
+    demand(entry.type === FILE && length > 0n, "a hole that is empty or outside a file");
+    this.open.size += length;
+    this.open.zeros += length;
     this.open.holes++;
+    if (announced) this.zeros += length;
+    this.open.covered = this.zeros > HASHED_ZEROS;
+    for (let rest = announced && !this.open.covered ? length : 0n; rest > 0n; rest -= BigInt(BLOCK))
+      digest.update(Buffer.alloc(rest > BLOCK ? BLOCK : Number(rest)));
   }
 
   [END](fields) {
-    const { entry, place, size, holes, digest, target } = this.open;
-    const present = fields.byte(), has = (bit) => Boolean(present & (1 << bit)), isFile = entry.type === FILE;
-    demand((has(1) ? isFile : holes === 0) && (!has(0) || entry.type !== DIRECTORY), "an end has the wrong fields");
+    const { entry, place, announced, size, holes, zeros, digest, target, covered } = this.open;
+    const present = fields.count(), has = (bit) => Boolean(present & (1 << bit)), isFile = entry.type === FILE;
+    demand(fields.bytes.length <= 2 << 20 && present < 0x80 && size < MAX_SIZE, "an end that is too large");
+    demand(has(0) === (announced && !covered), "a digest is announced and not there, or the other way round");
+    demand(has(1) ? isFile : holes === 0, "totals of what is no file, or none of a file with holes");
     const wanted = has(0) && fields.read(32).toString("hex"), sum = has(1) && [fields.varint(), fields.count()];
     if (has(2)) entry.content_of = fields.count();
-    if (has(3)) entry.link_of = fields.count();
-    if (has(4)) entry.xattrs = repeat(fields.count(), () => [fields.text(), fields.text()]);
-    if (has(5)) [entry.acl, entry.default_acl] = [fields.text().toString(), fields.text().toString()];
+    if (has(3)) entry.hard_link = true;
+    if (has(4)) entry.xattrs = this.attributes(fields);
+    if (has(5)) [entry.acl, entry.default_acl] = [this.accessList(fields), this.accessList(fields)];
     if (has(6)) Object.assign(entry, { incomplete: true, unreadable: this.extents(fields) });
-    if (has(7)) entry.xattrs_omitted = true;
-    const holder = has(2) ? this.entries[entry.content_of] : { type: FILE, size, holes, sha256: digest.digest("hex") };
-    demand(!has(2) || (isFile && size === 0n), "content besides a reference to content");
+    const own = { place: [], type: FILE, size, holes, sha256: has(0) ? digest.digest("hex") : undefined };
+    const holder = has(2) ? this.entries[entry.content_of] : own;
+    demand(!has(2) || (isFile && size === 0n && !announced && !has(1)), "content besides a reference to content");
     const isHolder = holder?.type === FILE && holder.content_of === undefined && !holder.unreadable?.length;
-    demand(isHolder && (!has(3) || (has(2) && entry.link_of < entry.number)), "a reference to no content");
-    const end = (entry.unreadable ?? []).reduce((_, { offset, length }) => offset + length, 0n);
-    demand(end === 0n || (isFile && !has(2) && end <= size), "wrong unreadable extents");
-    demand(entry.type !== LINK || size > 0n || has(6), "a link without target");
+    demand(isHolder && (!has(3) || has(2)), "a reference to no content");
+    const { offset = 0n, length = 0n } = entry.unreadable?.at(-1) ?? {};
+    const total = (entry.unreadable ?? []).reduce((before, extent) => before + extent.length, 0n);
+    demand(total === 0n || (isFile && !has(2) && offset + length <= size && total <= zeros), "wrong unreadable extents");
+    demand(entry.type !== LINK || has(6) || size > 0n, "a link without target");
+    entry.target = entry.type === LINK ? Buffer.concat(target) : undefined;
+    demand(!entry.target || (size <= 4095n && !entry.target.includes(0)), "a target that is not allowed");
+    demand(!has(5) || (entry.type !== LINK && (entry.type === DIRECTORY || !entry.default_acl)), "a list of the wrong type");
     if (isFile) Object.assign(entry, { size: holder.size, holes: holder.holes });
-    if (isFile || has(0)) entry.sha256 = holder.sha256;
+    if (entry.type === LINK) entry.size = size;
+    entry.sha256 = holder.sha256;
     demand(!has(0) || wanted === entry.sha256, "the content's digest differs");
-    demand(!has(1) || same(sum, [entry.size, entry.holes]), "the content's sum differs");
-    if (entry.type === LINK) Object.assign(entry, { size, target: Buffer.concat(target) });
-    this.entries.push(Object.assign(entry, { place }));
+    demand(!has(1) || same(sum, [size, holes]), "the content's sum differs");
+    this.entries[entry.number] = Object.assign(entry, { place, span: this.blocks.length - 1 - place[0] });
+    this.count++;
     this.open = null;
-    print(entry);
+  }
+
+  attributes(fields) {
+    const found = repeat(this.limited(fields, 65536), () => [fields.text(), fields.text()]);
+    const names = found.map(([name]) => name.toString("latin1"));
+    const allowed = (name, i) => ATTRIBUTE.test(name) && !name.includes("\0") && name.length <= 255 &&
+      !name.startsWith("system.posix_acl_") && (i === 0 || names[i - 1] < name);
+    demand(names.every(allowed), "the name of an attribute is not allowed, or out of order");
+    const sizes = found.map(([name, value]) => name.length + value.length);
+    demand(sizes.reduce((sum, size) => sum + size, 0) <= BLOCK, "the attributes are too large");
+    demand(found.every(([, value]) => value.length <= 65536), "the value of an attribute is too large");
+    return found;
+  }
+
+  limited(fields, limit) {
+    const count = fields.count();
+    demand(count <= limit, "a count is too high");
+    return count;
+  }
+
+  // The text form of an access list.
+  accessList(fields) {
+    const list = repeat(this.limited(fields, 8191), () => {
+      const byte = fields.byte(), kind = byte >> 3, named = kind === USER || kind === GROUP;
+      return { kind, permissions: byte & 7, id: named ? fields.count() : -1 };
+    });
+    const count = (...kinds) => list.filter(({ kind }) => kinds.includes(kind)).length;
+    const sorted = ({ kind, id }, i) => i === 0 || list[i - 1].kind < kind || (list[i - 1].kind === kind && list[i - 1].id < id);
+    demand(list.every(({ kind, id }) => kind <= OTHERS && id < 2 ** 32 - 1) && list.every(sorted), "a list out of order");
+    const base = [OWNER, OWNING_GROUP, OTHERS].every((kind) => count(kind) === 1);
+    demand(!list.length || (base && (count(MASK) || !count(USER, GROUP))), "a list lacks an entry");
+    const names = ["user", "user", "group", "group", "mask", "other"];
+    const shown = (permissions) => [..."rwx"].map((letter, i) => (permissions & (4 >> i) ? letter : "-")).join("");
+    return list.map(({ kind, id, permissions }) => `${names[kind]}:${id < 0 ? "" : id}:${shown(permissions)}\n`).join("");
   }
 
   extents(fields) {
     let end = 0n;
-    return repeat(fields.count(), (_, i) => {
+    return repeat(this.limited(fields, 4096), (_, i) => {
       const offset = end + fields.varint(), length = fields.varint();
       demand(length > 0n && (offset > end || i === 0), "unreadable extents that are empty or adjacent");
       end = offset + length;
@@ -216,40 +289,43 @@ class Archive {
   }
 
   [INDEX](fields, ...place) {
-    const first = fields.count(), entries = this.entries.slice(first, first + fields.count());
-    demand(first === this.indexed, "an index part covers the wrong entries");
+    const first = fields.count(), count = fields.count();
+    demand(first === this.indexed && count > 0 && fields.bytes.length <= BLOCK, "an index part is empty or out of order");
+    demand(this.parts.every(([, , , before]) => before >= 128), "an index part covers too few entries");
     let block = 0, path = Buffer.alloc(0), seconds = 0n;
-    for (const entry of entries) {
-      const found = [(block += fields.count()), fields.count(), fields.byte()];
+    for (let number = first; number < first + count; number++) {
+      const found = [(block += Number(zigzag(fields.varint()))), fields.count(), fields.count(), fields.byte()];
       path = Buffer.concat([path.subarray(0, fields.count()), fields.text()]);
       found.push(fields.count(), fields.count(), fields.count(), fields.varint(), (seconds += zigzag(fields.varint())));
-      const { mode = 0, uid = 0, gid = 0, size = 0n } = entry;
+      const entry = this.entries[number] ?? {}, { mode = 0, uid = 0, gid = 0, size = 0n } = entry;
       const type = entry.type | (entry.incomplete ? 0x80 : 0);
-      const expected = [...entry.place, type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
-      demand(same(found, expected) && path.equals(entry.path), `the index differs for entry ${entry.number}`);
+      const expected = [...(entry.place ?? []), entry.span, type, mode, uid, gid, size, wholeSeconds(entry.mtime_ns)];
+      demand(same(found, expected) && path.equals(entry.path), `the index differs for entry ${number}`);
     }
-    this.parts.push([first, ...place]);
-    this.indexed += entries.length;
+    this.parts.push([first, ...place, count]);
+    this.indexed += count;
   }
 
   [ROOT](fields, number, offset) {
     const entries = fields.count(), before = this.blocks.slice(0, number).map((each) => each.length);
     const parts = repeat(fields.count(), () => [fields.count(), fields.count(), fields.count()]);
     const lengths = repeat(fields.count(), () => fields.count());
-    demand(offset === 0 && this.indexed === entries && entries === this.entries.length, "entries are not indexed");
-    demand(same(parts, this.parts) && same(lengths, before), "the root differs");
-    demand(this.blocks.slice(number).every((each) => !(each.flags & DICTIONARY)), "the root needs a dictionary");
+    demand(offset === 0 && this.indexed === entries && entries === this.count, "entries are not indexed");
+    const places = this.parts.map((part) => part.slice(0, 3));
+    demand(same(parts, places) && same(lengths, before), "the root differs");
+    demand(this.blocks.slice(number).every((each) => !(each.flags & (DICTIONARY | LEADER))), "the root needs a leader");
     this.root = this.blocks[number];
   }
 
   [TRAILER](fields, number, offset) {
     const found = repeat(4, () => fields.read(8).readBigUInt64LE());
-    this.whole = same(found, [this.root?.position, this.root?.number, this.entries.length, number + 1]);
-    demand(this.whole && this.blocks[number].flags === LAST && offset === 0, "the trailer differs");
+    this.whole = same(found, [this.root?.position - this.start, this.root?.number, this.count, number + 1]);
+    const { flags, length } = this.blocks[number];
+    demand(this.whole && flags === LAST && offset === 0 && length === LAST_BLOCK - 24, "the trailer differs");
   }
 }
 
-function print({ place, size, ...entry }) {
+function print({ place, span, size, ...entry }) {
   const base64 = (value) => (Buffer.isBuffer(value) ? value.toString("base64") : value?.map(base64));
   const type = ["file", "directory", "link"][entry.type - 1];
   const shown = { ...entry, type, mode: entry.mode?.toString(8).padStart(4, "0") };
@@ -261,12 +337,16 @@ function print({ place, size, ...entry }) {
 
 const folder = mkdtempSync("/tmp/second-reader-");
 process.on("exit", () => rmSync(folder, { recursive: true }));
+let archive;
 try {
-  const [key, path] = process.argv.slice(2), file = new Fields(readFileSync(path)), archive = new Archive();
-  const sealing = openHeader(file.read(129), readFileSync(key));
-  for (const block of readBlocks(file, sealing, `${folder}/leader`)) archive.block(block);
+  const [key, path] = process.argv.slice(2), file = new Fields(readFileSync(path));
+  const keys = openHeader(file, readFileSync(key)), header = file.bytes.subarray(0, file.at);
+  archive = new Archive(file.at);
+  for (const block of readBlocks(file, keys, folder)) archive.block(block);
   demand(archive.whole && !archive.state.open, "the archive has no trailer");
+  checkFooter(file, header);
 } catch (error) {
   console.error(`second-reader: ${error.message}`);
   process.exitCode = 1;
 }
+Object.values(archive?.entries ?? []).forEach(print);
