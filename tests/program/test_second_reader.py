@@ -55,7 +55,7 @@ class SecondReader(Scenario):
 
     def test_same_entries(self):
         found = self.agree(ARCHIVE, KEY)
-        self.assertEqual([entry.get("link_of") is None for entry in found if "content_of" in entry], [False, True])
+        self.assertEqual([entry.get("hard_link") is None for entry in found if "content_of" in entry], [False, True])
         self.assertEqual(sum(entry.get("holes", 0) for entry in found), 2)
         for name in "kinds", "blocks", "nothing", "incomplete":
             self.agree(f"{SAMPLES}{name}.qvx", SAMPLES + "recipient.pem")

@@ -104,8 +104,17 @@ function checkFooter(file, header) {
   demand(file.bytes.subarray(file.at).equals(footer), "the footer differs, or something follows it");
 }
 
+// zstd would go on with a second frame. A block has a header of 3 bytes: last or not, its type, its size.
+function frameEnd(frame) {
+  for (let at = 9; ;) {
+    const header = new Fields(frame.subarray(at)).read(3).readUIntLE(0, 3), repeatsOneByte = ((header >> 1) & 3) === 1;
+    at += 3 + (repeatsOneByte ? 1 : header >> 3);
+    if (header & 1) return at;
+  }
+}
+
 function decompress(frame, dictionary) {
-  demand(frame.toString("hex", 0, 9) === FRAME, "the frame is not the one that is allowed");
+  demand(frame.toString("hex", 0, 9) === FRAME && frameEnd(frame) === frame.length, "not the one frame that is allowed");
   const result = spawnSync("zstd", ["-qdc", ...dictionary], { input: frame, maxBuffer: BLOCK });
   demand(result.status === 0, `a frame does not open: ${result.error ?? result.stderr}`);
   return result.stdout;
@@ -117,7 +126,8 @@ function* readBlocks(file, keys, folder) {
     const position = file.at, header = file.read(24), length = header.readUIntLE(4, 3);
     flags = header[7];
     const known = header.readUInt32BE() === 0x51565842 && header.readBigUInt64LE(8) === BigInt(number);
-    demand(known && length > TAG && length <= BLOCK + TAG, "no block header, or one of another block");
+    const lengths = flags & LAST ? length === LAST_BLOCK - 24 : flags & COMPRESSED ? length > TAG : length === BLOCK + TAG;
+    demand(known && lengths && length - (flags & COMPRESSED ? 0 : 1) < BLOCK + TAG, "no block header, or of another block");
     const possible = [0, LAST, COMPRESSED, COMPRESSED | DICTIONARY, LEADER, COMPRESSED | LEADER];
     demand(possible.includes(flags) && number < 1 << 23, "impossible flags of a block, or too many blocks");
     const leader = Number(header.readBigUInt64LE(16));
@@ -183,7 +193,7 @@ class Archive {
     if (present & 0x10) entry.mtime_ns = fields.read(8).readBigInt64LE();
     if (present & 0x20) entry.ctime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
     if (present & 0x40) entry.btime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
-    const within = [entry.uid, entry.gid, entry.flags].every((value = 0) => value < 2 ** 32);
+    const within = (entry.flags ?? 0) < 2 ** 32 && [entry.uid, entry.gid].every((id = 0) => id < 2 ** 32 - 1);
     demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777 && within, "an entry has an unknown field or mode");
     const announced = type > 0x80;
     demand(!announced || entry.type !== DIRECTORY, "a directory has no digest");
@@ -192,7 +202,7 @@ class Archive {
 
   [DATA](fields) {
     const { entry, digest, target } = this.open, bytes = fields.read(fields.bytes.length);
-    demand(entry.type !== DIRECTORY, "a directory has content");
+    demand(entry.type !== DIRECTORY && bytes.length > 0, "a directory has content, or DATA none");
     digest.update(bytes);
     this.open.size += BigInt(bytes.length);
     if (entry.type === LINK) target.push(bytes);
@@ -225,7 +235,7 @@ class Archive {
     const own = { place: [], type: FILE, size, holes, sha256: has(0) ? digest.digest("hex") : undefined };
     const holder = has(2) ? this.entries[entry.content_of] : own;
     demand(!has(2) || (isFile && size === 0n && !announced && !has(1)), "content besides a reference to content");
-    const isHolder = holder?.type === FILE && holder.content_of === undefined && !holder.unreadable?.length;
+    const isHolder = holder?.type === FILE && holder.content_of === undefined && !holder.incomplete;
     demand(isHolder && (!has(3) || has(2)), "a reference to no content");
     const { offset = 0n, length = 0n } = entry.unreadable?.at(-1) ?? {};
     const total = (entry.unreadable ?? []).reduce((before, extent) => before + extent.length, 0n);
@@ -233,10 +243,11 @@ class Archive {
     demand(entry.type !== LINK || has(6) || size > 0n, "a link without target");
     entry.target = entry.type === LINK ? Buffer.concat(target) : undefined;
     demand(!entry.target || (size <= 4095n && !entry.target.includes(0)), "a target that is not allowed");
-    demand(!has(5) || (entry.type !== LINK && (entry.type === DIRECTORY || !entry.default_acl)), "a list of the wrong type");
-    if (isFile) Object.assign(entry, { size: holder.size, holes: holder.holes });
-    if (entry.type === LINK) entry.size = size;
-    entry.sha256 = holder.sha256;
+    const lists = Boolean(entry.acl || entry.default_acl) && entry.type !== LINK;
+    demand(!has(5) || (lists && (entry.type === DIRECTORY || !entry.default_acl)), "a list of the wrong type, or none");
+    entry.size = isFile ? holder.size : size;
+    if (isFile && !has(2)) entry.holes = holes;
+    entry.sha256 = own.sha256;
     demand(!has(0) || wanted === entry.sha256, "the content's digest differs");
     demand(!has(1) || same(sum, [size, holes]), "the content's sum differs");
     this.entries[entry.number] = Object.assign(entry, { place, span: this.blocks.length - 1 - place[0] });
@@ -246,6 +257,7 @@ class Archive {
 
   attributes(fields) {
     const found = repeat(this.limited(fields, 65536), () => [fields.text(), fields.text()]);
+    demand(found.length > 0, "no attributes");
     const names = found.map(([name]) => name.toString("latin1"));
     const allowed = (name, i) => ATTRIBUTE.test(name) && !name.includes("\0") && name.length <= 255 &&
       !name.startsWith("system.posix_acl_") && (i === 0 || names[i - 1] < name);
@@ -275,7 +287,7 @@ class Archive {
     demand(!list.length || (base && (count(MASK) || !count(USER, GROUP))), "a list lacks an entry");
     const names = ["user", "user", "group", "group", "mask", "other"];
     const shown = (permissions) => [..."rwx"].map((letter, i) => (permissions & (4 >> i) ? letter : "-")).join("");
-    return list.map(({ kind, id, permissions }) => `${names[kind]}:${id < 0 ? "" : id}:${shown(permissions)}\n`).join("");
+    return list.map(({ kind, id, permissions }) => `${names[kind]}:${id < 0 ? "" : id}:${shown(permissions)}`).join("\n");
   }
 
   extents(fields) {
@@ -295,7 +307,9 @@ class Archive {
     let block = 0, path = Buffer.alloc(0), seconds = 0n;
     for (let number = first; number < first + count; number++) {
       const found = [(block += Number(zigzag(fields.varint()))), fields.count(), fields.count(), fields.byte()];
-      path = Buffer.concat([path.subarray(0, fields.count()), fields.text()]);
+      const before = path, shared = fields.count(), rest = fields.text();
+      demand(shared <= before.length && (shared === before.length || before[shared] !== rest[0]), "paths share more");
+      path = Buffer.concat([before.subarray(0, shared), rest]);
       found.push(fields.count(), fields.count(), fields.count(), fields.varint(), (seconds += zigzag(fields.varint())));
       const entry = this.entries[number] ?? {}, { mode = 0, uid = 0, gid = 0, size = 0n } = entry;
       const type = entry.type | (entry.incomplete ? 0x80 : 0);
@@ -314,14 +328,14 @@ class Archive {
     const places = this.parts.map((part) => part.slice(0, 3));
     demand(same(parts, places) && same(lengths, before), "the root differs");
     demand(this.blocks.slice(number).every((each) => !(each.flags & (DICTIONARY | LEADER))), "the root needs a leader");
-    this.root = this.blocks[number];
+    this.root = { ...this.blocks[number], last: this.blocks.length - 1 };
   }
 
   [TRAILER](fields, number, offset) {
     const found = repeat(4, () => fields.read(8).readBigUInt64LE());
     this.whole = same(found, [this.root?.position - this.start, this.root?.number, this.count, number + 1]);
-    const { flags, length } = this.blocks[number];
-    demand(this.whole && flags === LAST && offset === 0 && length === LAST_BLOCK - 24, "the trailer differs");
+    const { flags } = this.blocks[number];
+    demand(this.whole && flags === LAST && offset === 0 && number === this.root.last + 1, "the trailer differs");
   }
 }
 

@@ -131,7 +131,7 @@ bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     if (tail.digest) object.text("sha256", hexText(*tail.digest));
     if (head_.type == EntryType::link) object.text("target", linkTarget_);
     object.number("content_of", tail.contentOf);
-    if (tail.hardLink) object.number("link_of", tail.contentOf);
+    if (tail.hardLink) object.raw("hard_link", "true");
     if (tail.attributes) object.raw("xattrs", attributesText(tail));
     if (tail.accessLists) object.text("acl", accessListText(tail.accessLists->access));
     if (tail.accessLists) object.text("default_acl", accessListText(tail.accessLists->defaultList));
