@@ -9,7 +9,7 @@ import world
 from world import DATA, Scenario, call, content, on_terminal, read, write
 
 SAMPLES = DATA + "/archives/"
-GOOD = "kinds", "blocks", "nothing", "incomplete"
+GOOD = "kinds", "blocks", "nothing", "incomplete", "order"
 KEY, ARCHIVE, SOURCE, OUT = ["--key", "/media/key.pem"], "/media/archive.qvx", "/media/source", "/media/out"
 
 

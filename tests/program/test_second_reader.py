@@ -57,7 +57,7 @@ class SecondReader(Scenario):
         found = self.agree(ARCHIVE, KEY)
         self.assertEqual([entry.get("hard_link") is None for entry in found if "content_of" in entry], [False, True])
         self.assertEqual(sum(entry.get("holes", 0) for entry in found), 2)
-        for name in "kinds", "blocks", "nothing", "incomplete":
+        for name in "kinds", "blocks", "nothing", "incomplete", "order":
             self.agree(f"{SAMPLES}{name}.qvx", SAMPLES + "recipient.pem")
 
     def test_damage_is_refused(self):

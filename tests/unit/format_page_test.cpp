@@ -44,8 +44,8 @@ KeyHandle keyAfter(const std::string& heading) { return std::move(*parsePrivateK
 // What the writer draws at random.
 ArchiveSecrets secretsOfThePage() {
     ArchiveSecrets secrets;
-    std::ranges::copy(listing("The salt"), secrets.salt.begin());
-    std::ranges::copy(listing("The content key"), secrets.contentKey.bytes.begin());
+    std::ranges::copy(listing("The salt:"), secrets.salt.begin());
+    std::ranges::copy(listing("The content key:"), secrets.contentKey.bytes.begin());
     secrets.ephemeral.push_back(keyAfter("The sender's ephemeral key"));
     return secrets;
 }
@@ -72,7 +72,7 @@ ByteVector writeExample() {
 
 TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
-    auto file = listing("The file, 715 bytes");
+    auto file = listing("The file, 1109 bytes");
     const pid_t child = fork();
     if (child == 0) ::_exit(writeExample() == file ? 0 : 1);
     int status = 0;
@@ -86,7 +86,7 @@ TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
     ByteVector derived(keys.block.key.bytes.begin(), keys.block.key.bytes.end());
     derived.insert(derived.end(), keys.block.baseNonce.begin(), keys.block.baseNonce.end());
     derived.insert(derived.end(), keys.header.bytes.begin(), keys.header.bytes.end());
-    EXPECT_EQ(derived, listing("The derived keys"));
+    EXPECT_EQ(derived, listing("The derived keys:"));
     std::size_t at = headerSize(1);
     for (const char* heading : {"The plain bytes of block 0", "Of block 1", "Of block 2"}) {
         const auto block = decodeBlockHeader(Bytes(file).subspan(at));
