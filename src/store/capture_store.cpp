@@ -17,8 +17,8 @@
 #include "base/fatal_error.h"
 #include "base/file_reading.h"
 #include "base/handle.h"
+#include "base/pending_file.h"
 #include "base/quoted_path.h"
-#include "base/random_name.h"
 #include "log/execution_log.h"
 
 namespace tarnwick {
@@ -67,14 +67,12 @@ bool copyBytes(int source, int target) {
     }
 }
 
-std::string newHiddenName() { return std::string(hiddenPrefix) + randomDigits(); }
-
 bool isHiddenName(const std::string& name) {
     return name.starts_with(hiddenPrefix) && name.size() == hiddenPrefix.size() + 16 &&
            name.find_first_not_of("0123456789abcdef", hiddenPrefix.size()) == std::string::npos;
 }
 
-// A run locks the hidden file that it writes.
+// PendingFile locks a hidden file that is being written.
 void removeIfAbandoned(const fs::path& path) {
     const auto file = openRegularFile(path, O_RDWR | O_NOFOLLOW);
     struct stat status {};
@@ -88,63 +86,21 @@ void removeAbandonedCopies(const fs::path& folder) {
         if (isHiddenName(path.filename())) removeIfAbandoned(path);
 }
 
-// A copy that is not complete. It has no name, or a hidden one on file systems that need one.
-struct UnfinishedCopy {
-    FileDescriptor file;
-    std::string hiddenName;  // empty: none
-};
-
-// Another run may remove the file before it is locked here; then its name is gone.
-UnfinishedCopy createHidden(int folder) {
-    UnfinishedCopy copy;
-    do {
-        copy.hiddenName = newHiddenName();
-        const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-        copy.file = FileDescriptor(::openat(folder, copy.hiddenName.c_str(), flags, 0600));
-        if (!copy.file) return {};
-        ::flock(copy.file.get(), LOCK_EX);
-    } while (::faccessat(folder, copy.hiddenName.c_str(), F_OK, 0) != 0 && errno == ENOENT);
-    return copy;
-}
-
-UnfinishedCopy createCopy(int folder) {
-    FileDescriptor nameless(::openat(folder, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
-    if (!nameless) return createHidden(folder);
-    return {std::move(nameless), {}};
-}
-
 bool completeCopy(int source, int copy) {
     return copyBytes(source, copy) && ::fchmod(copy, 0644) == 0 && ::fsync(copy) == 0;
 }
 
-// Not every file system can rename without replacing. A hard link does not replace either.
-bool renameHidden(int folder, const char* hidden, const char* name) {
-    if (::renameat2(folder, hidden, folder, name, RENAME_NOREPLACE) == 0) return true;
-    if (errno != EINVAL || ::linkat(folder, hidden, folder, name, 0) != 0) return false;
-    ::unlinkat(folder, hidden, 0);
-    return true;
-}
-
 // Fails when a file of that name exists.
-bool linkUnderName(int folder, const UnfinishedCopy& copy, const char* name) {
-    if (!copy.hiddenName.empty()) return renameHidden(folder, copy.hiddenName.c_str(), name);
-    const std::string nameless = "/proc/self/fd/" + std::to_string(copy.file.get());
-    return ::linkat(AT_FDCWD, nameless.c_str(), folder, name, AT_SYMLINK_FOLLOW) == 0;
-}
-
-bool placeCopy(int source, int folder, const char* name) {
-    const UnfinishedCopy copy = createCopy(folder);
-    if (!copy.file) return false;
-    if (completeCopy(source, copy.file.get()) && linkUnderName(folder, copy, name)) return ::fsync(folder) == 0;
-    if (!copy.hiddenName.empty()) ::unlinkat(folder, copy.hiddenName.c_str(), 0);
-    return false;
+bool placeCopy(int source, int folder, const std::string& name) {
+    auto copy = PendingFile::create(folder, hiddenPrefix);
+    return copy && completeCopy(source, copy->descriptor()) && copy->place(name) && ::fsync(folder) == 0;
 }
 
 // The copy gets its name when it is complete and synced, so no capture in the store is incomplete.
 bool copyIntoPlace(const fs::path& archive, const fs::path& target) {
     const FileDescriptor source(::open(archive.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     const FileDescriptor folder(::open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return source && folder && placeCopy(source.get(), folder.get(), target.filename().c_str());
+    return source && folder && placeCopy(source.get(), folder.get(), target.filename());
 }
 
 }  // namespace
