@@ -41,20 +41,6 @@ Status expectListed(const PathList::Entry& listed, const struct statx& status) {
     return systemError(ESTALE);
 }
 
-// Where the name begins in the path; what is before it is the folder, with a slash at its end.
-std::size_t nameStart(const PathList::Entry& listed) { return listed.path.rfind('/') + 1; }
-
-const char* nameOf(const PathList::Entry& listed) {
-    const char* name = listed.path.c_str() + nameStart(listed);
-    return *name ? name : ".";
-}
-
-Result<FileDescriptor> openDirectory(const std::string& path) {
-    FileDescriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!directory) return systemError(errno);
-    return directory;
-}
-
 }  // namespace
 
 bool isUnreadable(int error) {
@@ -70,7 +56,7 @@ void DiskEntryReader::begin(DiskEntry& entry, MutableBytes buffer) {
     }
     // A symbolic link is not opened. Its attributes are read through the path of the open folder.
     AttributeSource source{entry.file.get()};
-    if (!entry.file) source.path = "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed);
+    if (!entry.file) source.path = "/proc/self/fd/" + std::to_string(folder_.get()) + '/' + nameOf(entry.listed.path);
     record(metadata_.read(source, entry.status, entry.head, entry.tail), entry);
     // A directory has no content that is read later.
     if (entry.listed.type == EntryType::directory) entry.file = FileDescriptor();
@@ -98,7 +84,7 @@ void DiskEntryReader::describeUnopened(DiskEntry& entry) {
 }
 
 Status DiskEntryReader::openFolder(const PathList::Entry& listed) {
-    const auto path = std::string_view(listed.path).substr(0, nameStart(listed));
+    const auto path = folderOf(listed.path);
     if (!folder_ || path != folderPath_ || listed.isGuarded() != folderGuarded_) {
         folderPath_ = path;
         folderGuarded_ = listed.isGuarded();
@@ -117,7 +103,7 @@ Status DiskEntryReader::openFolder(const PathList::Entry& listed) {
 // `statx` before `open`, so that no device is opened; again after it, because the name may have changed in between.
 Status DiskEntryReader::open(DiskEntry& entry) {
     if (Status opened = openFolder(entry.listed); !opened) return opened;
-    const char* name = nameOf(entry.listed);
+    const char* name = nameOf(entry.listed.path);
     if (Status read = readStatus(folder_.get(), name, entry.status); !read) return read;
     if (Status same = expectListed(entry.listed, entry.status); !same) return same;
     entry.head.type = entry.listed.type;
@@ -131,7 +117,7 @@ Status DiskEntryReader::open(DiskEntry& entry) {
 
 Status DiskEntryReader::readLink(DiskEntry& entry, MutableBytes buffer) {
     const ssize_t length =
-        ::readlinkat(folder_.get(), nameOf(entry.listed), reinterpret_cast<char*>(buffer.data()), buffer.size());
+        ::readlinkat(folder_.get(), nameOf(entry.listed.path), reinterpret_cast<char*>(buffer.data()), buffer.size());
     if (length < 0) return systemError(errno);
     const MutableBytes target = buffer.first(static_cast<std::size_t>(length));
     // Only on a damaged file system; readers refuse such a target.

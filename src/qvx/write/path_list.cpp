@@ -117,7 +117,37 @@ Error unsupportedType(std::string_view path) {
     return {"neither a regular file, a directory nor a symbolic link", 0, std::string(path)};
 }
 
+// Looks for the name in its folder: the kernel refuses a path of 4096 bytes, but that of a folder is always shorter.
+template <typename OpenFolder>
+Result<PathList::Entry> lookUpIn(const OpenFolder& open, std::string_view directory, std::string_view path) {
+    auto listed = listedPath(directory, path);
+    if (!listed) return listed.error();
+    const auto folder = open(std::string(folderOf(*listed)));
+    struct stat own {
+    }, status{};
+    if (!folder) return systemError(folder.error().code, std::string(path));
+    if (::fstat(folder->get(), &own) != 0 ||
+        ::fstatat(folder->get(), nameOf(*listed), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return systemError(errno, std::string(path));
+    const auto type = entryTypeOf(status.st_mode);
+    if (!type) return unsupportedType(path);
+    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino, own.st_dev, own.st_ino};
+}
+
 }  // namespace
+
+std::string_view folderOf(std::string_view listed) { return listed.substr(0, listed.rfind('/') + 1); }
+
+const char* nameOf(const std::string& listed) {
+    const char* name = listed.c_str() + folderOf(listed).size();
+    return *name ? name : ".";
+}
+
+Result<FileDescriptor> openDirectory(const std::string& path) {
+    FileDescriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return systemError(errno);
+    return directory;
+}
 
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path) {
     if (path.empty()) return std::nullopt;
@@ -135,30 +165,13 @@ std::optional<std::string> normalPath(std::string_view directory, std::string_vi
 }
 
 Result<PathList::Entry> lookUp(std::string_view directory, std::string_view path) {
-    auto listed = listedPath(directory, path);
-    if (!listed) return listed.error();
-    struct stat status {};
-    if (::lstat(listed->c_str(), &status) != 0) return systemError(errno, std::string(path));
-    const auto type = entryTypeOf(status.st_mode);
-    if (!type) return unsupportedType(path);
-    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino};
+    auto entry = lookUpIn(openDirectory, directory, path);
+    if (entry) entry->folderDevice = entry->folderInode = 0;
+    return entry;
 }
 
 Result<PathList::Entry> lookUpGuarded(std::string_view directory, std::string_view path) {
-    auto listed = listedPath(directory, path);
-    if (!listed) return listed.error();
-    const std::size_t nameAt = listed->rfind('/') + 1;
-    const auto folder = openDirectoryGuarded(listed->substr(0, nameAt));
-    struct stat own {
-    }, status{};
-    if (!folder) return systemError(folder.error().code, std::string(path));
-    if (::fstat(folder->get(), &own) != 0 ||
-        // AT_EMPTY_PATH is for the root directory, whose name is empty.
-        ::fstatat(folder->get(), listed->c_str() + nameAt, &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
-        return systemError(errno, std::string(path));
-    const auto type = entryTypeOf(status.st_mode);
-    if (!type) return unsupportedType(path);
-    return PathList::Entry{std::move(*listed), *type, status.st_dev, status.st_ino, own.st_dev, own.st_ino};
+    return lookUpIn(openDirectoryGuarded, directory, path);
 }
 
 std::optional<EntryType> entryTypeOf(mode_t mode) {

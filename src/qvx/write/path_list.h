@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "base/handle.h"
 #include "qvx/format/format.h"
 
 namespace tarnwick::qvx {
@@ -73,6 +74,15 @@ private:
 // cannot contain the path. That includes a path with "..": the component before it may be a link, so it cannot be
 // removed.
 std::optional<std::string> normalPath(std::string_view directory, std::string_view path);
+
+// The two parts of the path of a list entry: the folder, with a slash at its end, and the name in it. "/" has the name
+// ".". An entry is opened in its folder, because the kernel refuses paths of more than 4095 bytes, and the whole path
+// may have one more.
+std::string_view folderOf(std::string_view listed);
+const char* nameOf(const std::string& listed);
+
+// Opens a directory for lookups only (O_PATH).
+Result<FileDescriptor> openDirectory(const std::string& path);
 
 // The file at `path`, relative to `directory` unless absolute. Fails when it does not exist or an archive cannot
 // contain it.
