@@ -26,10 +26,11 @@ Result<ArchiveWriter> ArchiveWriter::open(std::span<const Point> recipients, uns
     return ArchiveWriter(std::move(*header), std::move(blocks), std::move(sink));
 }
 
-Result<std::vector<IncompleteEntry>> ArchiveWriter::write(const PathList& list, FieldMask fields, unsigned readers) {
+Result<std::vector<IncompleteEntry>> ArchiveWriter::write(const PathList& list, FieldMask fields, unsigned readers,
+                                                          Unreadable unreadable) {
     if (used_) return systemError(EINVAL);
     used_ = true;
-    ArchiveEncoder encoder(*blocks_, fields, readers);
+    ArchiveEncoder encoder(*blocks_, fields, readers, unreadable);
     if (Status written = encoder.write(list); !written) return written.error();
     // An archive is complete when its footer is written, and not earlier.
     if (Status written = sink_(encodeFooter(header_)); !written) return written.error();

@@ -3,8 +3,11 @@
 
 namespace tarnwick::qvx {
 
-// From this call on, SIGINT, SIGTERM and SIGHUP are recorded and do not end the process.
+// From this call on, SIGINT, SIGTERM and SIGHUP are recorded and do not end the process, unless they are ignored.
 void watchForInterruption();
 bool interrupted();
+
+// Ends the process by the signal that was recorded, so that a shell knows why it ended.
+void endAsInterrupted();
 
 }  // namespace tarnwick::qvx

@@ -47,13 +47,14 @@ struct ArchiveEncoder::Entry {
     std::vector<Extent> unreadable{};  // parts of the content
 };
 
-ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers)
+ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers, Unreadable unreadable)
     : stream_(stream),
       fields_(fields),
       storesContent_(fields & fieldBit("DAT")),
       storesReferences_(fields & fieldBit("CLC")),
       storesDigests_(fields & fieldBit("SH2")),
-      readers_(readers) {}
+      readers_(readers),
+      unreadable_(unreadable) {}
 
 Status ArchiveEncoder::write(const PathList& list) {
     // The kernel sets change times by the coarse clock, so the start is read from it, too.
@@ -79,7 +80,7 @@ Status ArchiveEncoder::writeEntry(DiskEntry& source) {
     } else if (source.listed.type == EntryType::link) {
         writeContent(entry, source.content);
     }
-    markIncomplete(entry);
+    if (Status marked = markIncomplete(entry); !marked) return marked;
     writeTail(entry);
     return {};
 }
@@ -121,11 +122,14 @@ Status ArchiveEncoder::writeFile(Entry& entry) {
     return {};
 }
 
-void ArchiveEncoder::markIncomplete(Entry& entry) {
+Status ArchiveEncoder::markIncomplete(Entry& entry) {
     const int error = entry.source.unreadable != 0 ? entry.source.unreadable : entry.contentError;
-    if (error == 0) return;
+    if (error == 0) return {};
+    const IncompleteEntry incomplete{root_.entries, error};
+    if (unreadable_ == Unreadable::fail) return Error{reasonText(incomplete), error, entry.source.listed.path};
     entry.tail.unreadable = std::move(entry.unreadable);
-    incomplete_.push_back({root_.entries, error});
+    incomplete_.push_back(incomplete);
+    return {};
 }
 
 // A file is stored once, unless it was changed after the encoder started. Only the kernel sets the change time: if that

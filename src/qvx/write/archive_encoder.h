@@ -24,11 +24,14 @@ struct IncompleteEntry {
 // For people: what is wrong with the entry.
 std::string reasonText(const IncompleteEntry& entry);
 
+// A file that cannot be read or stored in full is marked as incomplete, or ends the archive with a failure.
+enum class Unreadable { mark, fail };
+
 // Encodes one archive. Throws std::bad_alloc and std::system_error.
 class ArchiveEncoder {
 public:
     // `readers` threads read from the disk.
-    ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers);
+    ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers, Unreadable unreadable);
 
     // Reads every entry of `list` from the disk and writes all blocks. The subject of an error is the file that caused
     // it, if a file did.
@@ -49,7 +52,7 @@ private:
     void appendPart(Entry& entry, Bytes part);
     void skipUnreadable(Entry& entry, int error, std::uint64_t end);
     void writeUnreadable(Entry& entry, std::uint64_t end);
-    void markIncomplete(Entry& entry);
+    Status markIncomplete(Entry& entry);
     bool reuseContent(Entry& entry);
     void writeContent(Entry& entry, Bytes content);
     void writeHole(Entry& entry, std::uint64_t length);
@@ -67,6 +70,7 @@ private:
     const bool storesReferences_;  // to an earlier entry with the same content
     const bool storesDigests_;
     const unsigned readers_;
+    const Unreadable unreadable_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;
     ContentDigest digest_;

@@ -1,0 +1,85 @@
+#include "archive_output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "interruption.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr mode_t archiveMode = 0644;
+constexpr std::string_view hiddenPrefix = ".qvx-";
+
+// O_PATH, because a user may be able to create files in a folder without being able to list it.
+FileDescriptor openFolder(const std::string& path) {
+    return FileDescriptor(::open(path.empty() ? "." : path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+}  // namespace
+
+Result<ArchiveOutput> ArchiveOutput::open(const std::string& path) {
+    const std::size_t nameAt = path.rfind('/') + 1;
+    if (nameAt == path.size()) return systemError(path.empty() ? ENOENT : EISDIR, path);
+    ArchiveOutput output(path, path.substr(nameAt), openFolder(path.substr(0, nameAt)));
+    if (!output.folder_) return output.failure(errno);
+    if (Status checked = output.checkExisting(); !checked) return checked.error();
+    return output;
+}
+
+// To replace a file, one needs rights to its folder only. To write to it, which is what the user asks for, one needs
+// rights to the file.
+Status ArchiveOutput::checkExisting() {
+    struct stat status {};
+    existing_.reset();
+    if (::fstatat(folder_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? Status() : failure(errno);
+    if (!S_ISREG(status.st_mode)) return Error{"not a regular file", 0, path_};
+    if (::geteuid() != 0 && status.st_uid != ::geteuid()) return failure(EPERM);
+    if (::faccessat(folder_.get(), name_.c_str(), W_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) != 0) return failure(errno);
+    existing_ = status;
+    return {};
+}
+
+bool ArchiveOutput::isAt(const struct stat& status) const {
+    return existing_ && existing_->st_dev == status.st_dev && existing_->st_ino == status.st_ino;
+}
+
+Status ArchiveOutput::create() {
+    auto created = PendingFile::create(folder_.get(), hiddenPrefix);
+    if (!created) return failure(created.error().code);
+    file_.emplace(std::move(*created));
+    if (file_->isHidden()) watchForInterruption();
+    // The mode does not depend on the umask.
+    return ::fchmod(file_->descriptor(), archiveMode) == 0 ? Status() : failure(errno);
+}
+
+ArchiveWriter::Sink ArchiveOutput::sink() const {
+    return [write = fileSink(file_->descriptor(), path_)](Bytes bytes) {
+        return interrupted() ? Status(Error{"interrupted"}) : write(bytes);
+    };
+}
+
+// What is at the path is checked again: writing the archive may have taken hours.
+Status ArchiveOutput::place() {
+    if (::fsync(file_->descriptor()) != 0) return failure(errno);
+    watchForInterruption();  // or a file with a hidden name may remain
+    if (interrupted()) return Error{"interrupted"};
+    if (Status checked = checkExisting(); !checked) return checked;
+    const Status placed = existing_ ? file_->replace(name_) : file_->place(name_);
+    return placed ? syncFolder() : failure(placed.error().code);
+}
+
+Status ArchiveOutput::syncFolder() const {
+    const FileDescriptor folder(::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // A folder that the user cannot read is synced with its whole file system.
+    const int result = folder ? ::fsync(folder.get()) : ::syncfs(file_->descriptor());
+    // EINVAL: a file system that does not sync folders
+    return result == 0 || errno == EINVAL ? Status() : failure(errno);
+}
+
+}  // namespace tarnwick::qvx
