@@ -3,6 +3,8 @@
 import json
 import os
 import re
+import signal
+import stat
 import subprocess
 
 import world
@@ -157,24 +159,117 @@ class Qvx(Scenario):
         write(ARCHIVE, blocks[:300] + b"damaged" + blocks[307:])
         self.run_qvx("verify", "--key", SAMPLES + "recipient.pem", ARCHIVE)
 
+    # SOURCE/name/ddd.../ddd with a folder, a file and a link whose paths have exactly `length` bytes. The kernel refuses
+    # paths of 4096 bytes, so each folder is made in the one above it. The last folder.
+    def deep(self, name, length):
+        rest = length - len(f"{SOURCE}/{name}/leaf")
+        folder = os.open(SOURCE, os.O_PATH)
+        for part in [name] + ["d" * 99] * (rest // 100 - 1) + ["d" * (rest % 100 + 99)]:
+            os.mkdir(part, dir_fd=folder)
+            folder = os.open(part, os.O_PATH, dir_fd=folder)
+        os.mkdir("down", dir_fd=folder)
+        os.symlink("target", "link", dir_fd=folder)
+        os.write(os.open("text", os.O_WRONLY | os.O_CREAT, dir_fd=folder), b"content")
+        return folder
+
+    # The limit of an archive is 4095 bytes without the slash at the beginning.
+    def test_longest_paths_are_archived_and_longer_ones_reported(self):
+        write(SOURCE + "/zero", "0")
+        folder = self.deep("fits", 4096)
+        self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, SOURCE)
+        paths = self.entries(ARCHIVE)
+        self.assertEqual([len(path) for path in paths[-4:]], [4095] * 3 + [len(SOURCE + "/zero") - 1])
+        self.qvx("extract", *KEY, "-C", OUT, ARCHIVE)
+        at = os.open(OUT, os.O_PATH)
+        for part in paths[-2].split("/")[:-1]:
+            at = os.open(part, os.O_PATH | os.O_NOFOLLOW, dir_fd=at)
+        self.assertEqual((os.readlink("link", dir_fd=at), os.listdir(os.open("down", os.O_RDONLY, dir_fd=at)),
+                          os.read(os.open("text", os.O_RDONLY, dir_fd=at), 9)), ("target", [], b"content"))
+        self.start("create", "-r", "/media/key.pub", "-o", ARCHIVE, ".", program="qvx",
+                   limits=lambda: os.fchdir(folder)).communicate()
+        self.assertEqual(self.entries(ARCHIVE), paths[-5:-1])
+        self.deep("long", 4097)
+        os.mkdir("down/x", dir_fd=folder)
+        for strict, count in ([], 4), (["--strict"], 1):
+            process = self.start("create", "-r", "/media/key.pub", "-o", ARCHIVE, *strict, SOURCE, program="qvx")
+            lines = [line.split(": ") for line in process.communicate()[1].decode().splitlines()]
+            self.assertEqual([(len(line[1]), line[-1]) for line in lines],
+                             [(size, "File name too long") for size in (4098, 4097, 4097, 4097)[:count]])
+            self.assertEqual(process.returncode, 1)
+            self.assertEqual([path for path in self.entries(ARCHIVE) if len(path) > 4091 or path[-4:] == "zero"], paths[-4:])
+
     def test_full_disk_is_reported(self):
         self.lay(OUT, "size=4m")
         self.frozen("extract", "blocks", "-C", OUT)
-        os.symlink("missing/file", "/media/link")
-        write(SOURCE, os.urandom(5 << 20))
-        for output in "/media/link", OUT + "/archive":
-            self.run_qvx("create", "-r", "/media/key.pub", "-o", output, SOURCE)
         self.files()
-        self.assertTrue(os.path.islink("/media/link"))
+
+    def test_create_on_a_full_disk_leaves_the_old_archive(self):
+        self.lay(OUT, "size=4m")
+        write(SOURCE, os.urandom(5 << 20))
+        write(OUT + "/archive", "old")
+        for refuse in None, world.refuse_unnamed_files:
+            for name in "archive", "new":
+                self.run_qvx("create", "-r", "/media/key.pub", "-o", f"{OUT}/{name}", SOURCE, limits=refuse)
+            self.assertEqual((os.listdir(OUT), read(OUT + "/archive")), (["archive"], "old"))
 
     def test_reports_what_an_archive_lacks(self):
         os.makedirs(SOURCE + "/closed", 0)
         os.chmod(write(SOURCE + "/secret", "x"), 0)
+        os.chmod(os.path.dirname(write(SOURCE + "/listed/file", "x")), 0o744)
         os.mkfifo(SOURCE + "/fifo")
         os.chmod(SOURCE, 0o777)
         for name in "/closed", "/secret", "/", "":
             self.run_qvx("create", "-r", "/media/key.pub", "-o", SOURCE + "/archive", SOURCE + name, user=65534)
         self.note("entries", "\n".join(self.entries(SOURCE + "/archive")))
+        for name in "/closed", "/secret", "/listed":
+            self.run_qvx("create", "--strict", "-r", "/media/key.pub", "-o", SOURCE + "/strict", SOURCE + name, user=65534)
+            self.assertFalse(os.path.exists(SOURCE + "/strict"))
+        self.run_qvx("create", "--strict", "-r", "/media/key.pub", "-o", SOURCE + "/strict", SOURCE)
+        self.run_qvx("create", "-r", "/media/key.pub", "-o", SOURCE + "/hidden", SOURCE,
+                     limits=world.refuse_unnamed_files)
+        self.note("entries", "\n".join(self.entries(SOURCE + "/hidden")))
+
+    # The source is one file of which every page but the first of each MiB is a hole. Reading it takes many seconds, so
+    # the signal comes in the middle.
+    def test_interrupted_create_leaves_the_old_archive(self):
+        with open(write(SOURCE + "/file"), "r+b") as file:
+            for megabyte in range(16384):
+                os.pwrite(file.fileno(), b"x", megabyte << 20)
+        write(OUT + "/archive", "old")
+        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL:
+            for refuse in (lambda: None), world.refuse_unnamed_files:
+                process = self.start("create", "-r", "/media/key.pub", "-o", OUT + "/archive", SOURCE, program="qvx",
+                                     limits=lambda: (refuse(), signal.signal(signal.SIGINT, signal.SIG_DFL)))
+                while not subprocess.getoutput(f"ls -l /proc/{process.pid}/fd | grep {OUT}/[.#]"):
+                    self.assertIsNone(process.poll())
+                process.send_signal(number)
+                process.communicate()
+                self.assertEqual((process.returncode, read(OUT + "/archive")), (-number, "old"))
+                if number != signal.SIGKILL:
+                    self.assertEqual(os.listdir(OUT), ["archive"])
+
+    def test_output_replaces_only_a_file_of_the_user(self):
+        write(SOURCE + "/file", "x")
+        os.chmod(OUT, 0o777)
+        os.mkfifo(OUT + "/fifo")
+        os.mkdir(OUT + "/folder")
+        os.symlink("file", OUT + "/link")
+        os.mknod(OUT + "/null", 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+        for name in "file", "mine", "protected":
+            write(f"{OUT}/{name}", "old")
+            os.chown(f"{OUT}/{name}", 65534 if name != "file" else 1000, 0)
+        os.chmod(OUT + "/protected", 0o444)
+        os.link(OUT + "/mine", OUT + "/other name")
+        for name in "fifo", "folder", "folder/", "link", "null", "file", "protected", "missing/archive", "mine", "new":
+            self.run_qvx("create", "-r", "/media/key.pub", "-o", f"{OUT}/{name}", SOURCE, user=65534)
+        self.note("files", call("sh", "-c", f"find {OUT} -mindepth 1 -printf '%P %M %U %n\\n' | sort"))
+        self.assertEqual([read(f"{OUT}/{name}") for name in ("file", "protected", "other name")], ["old"] * 3)
+        for name in "mine", "new":
+            self.assertEqual(self.entries(f"{OUT}/{name}"), ["media/source", "media/source/file"])
+        os.chmod(OUT, 0o1733)
+        self.run_qvx("create", "-r", "/media/key.pub", "-o", "archive", SOURCE, user=65534, cwd=OUT,
+                     limits=lambda: os.umask(0o77))
+        self.note("files", call("find", OUT, "-name", "archive", "-printf", "%P %M %U %n\n"))
 
     def test_failed_create_leaves_no_archive(self):
         write(SOURCE + "/file", "x")

@@ -64,7 +64,7 @@ protected:
     // What the writer said of the archive; a capture says nothing of incomplete files.
     std::optional<Creation> write(Writer writer) const {
         try {
-            if (writer == byQvx) return *createArchive({{recipientLine}, archive_, "", {source_}});
+            if (writer == byQvx) return *createArchive({{recipientLine}, archive_, "", {source_}, false});
             encryptFile(files_, recipientLine, archive_);
             return Creation::complete;
         } catch (const std::exception& error) {  // from qvx also the failed Result
@@ -83,9 +83,21 @@ protected:
         if (!file) return damaged;
         const auto reader = ArchiveReader::open(std::move(*file), privateKeyFromScalar(scalar).get());
         if (!reader || !(*reader)->readAll(sink) || !(*reader)->list(mark)) return damaged;
+        // The files in the folder were left out.
+        if (sink.seen.size() == 1 && sink.seen[0] == expected_[0]) return incomplete;
         for (std::size_t i = 0; i < expected_.size(); ++i)
             if (sink.seen.size() != expected_.size() || (!marks[i] && sink.seen[i] != expected_[i])) return damaged;
         return std::ranges::count(marks, true) > 0 ? incomplete : whole;
+    }
+    // A capture writes to a new folder. qvx replaces an archive.
+    static std::string before(Writer writer) { return writer == byQvx ? "old archive" : ""; }
+    static std::string content(const fs::path& path) {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator(file), {}};
+    }
+    bool hasHiddenFile() const {
+        return std::ranges::any_of(fs::directory_iterator(folder_.path),
+                                   [](const auto& entry) { return entry.path().filename().native().starts_with('.'); });
     }
     Verdict judge(Writer writer, const Fault& fault) const noexcept {
         const auto files = openFiles();
@@ -93,13 +105,14 @@ protected:
         const auto made = write(writer);
         const bool reached = disarm() > fault.first;
         if (openFiles() != files) return leaking;
-        if (!made) return fs::exists(archive_) ? left : refused;
+        if (!made) return content(archive_) == before(writer) && !hasHiddenFile() ? refused : left;
         const Verdict verdict = readBack();
         if (writer == byQvx && (made == Creation::incomplete) != (verdict == incomplete)) return damaged;
         return verdict == whole && !reached ? notReached : verdict;
     }
     Verdict run(Writer writer, const Fault& fault) const {
         fs::remove(archive_);
+        if (writer == byQvx) folder_.write("archive.qvx", before(writer));
         const pid_t child = fork();
         if (child == 0) {
             ::alarm(hangs);
@@ -158,7 +171,10 @@ TEST_F(ArchiveFaults, PartialArchiveIsLeftWhenACallFails) {
     for (const auto writer : {byCapture, byQvx})
         for (const auto& [call, error, times, expected] : faults)
             expectAll(writer, {call, 0, times, error, {}}, expected);
-    expectAll(byQvx, {"readdir", 0, 1, EIO, {}}, {refused});
+    expectAll(byQvx, {"readdir", 0, 1, EIO, {}}, {incomplete});
+    EXPECT_EQ(run(byQvx, {"sync", 0, 1, EIO, {}}), refused);  // the file
+    EXPECT_EQ(run(byQvx, {"sync", 1, 1, EIO, {}}), left);     // the folder, after the archive was placed
+    expectAll(byQvx, {"name", 0, 1, EIO, {}}, {refused});
 }
 
 #ifndef __SANITIZE_ADDRESS__  // it has an allocator of its own

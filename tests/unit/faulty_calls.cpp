@@ -58,6 +58,10 @@ FAULTY(int, fstatat64, (int at, const char* path, void* status, int flags), (at,
 FAULTY(int, statx, (int at, const char* path, int flags, int mask, void* status), (at, path, flags, mask, status), -1,
        "stat")
 FAULTY(int, fchmod, (int file, int mode), (file, mode), -1, "mode")
+FAULTY(int, fsync, (int file), (file), -1, "sync")
+FAULTY(int, linkat, (int at, const char* path, int folder, const char* name, int flags), (at, path, folder, name, flags),
+       -1, "name")
+FAULTY(int, renameat, (int at, const char* path, int folder, const char* name), (at, path, folder, name), -1, "name")
 FAULTY(int, ioctl, (int file, unsigned long request, void* argument), (file, request, argument), -1, "flags")
 FAULTY(long, lseek64, (int file, long offset, int whence), (file, offset, whence), -1, "seek")
 FAULTY(long, flistxattr, (int file, char* list, std::size_t size), (file, list, size), -1, "xattr")
