@@ -12,6 +12,7 @@
 #include "base/visible_text.h"
 #include "new_file.h"
 #include "qvx/crypto/ssh_key.h"
+#include "qvx/format/header_seal.h"
 
 namespace tarnwick::qvx {
 
@@ -91,6 +92,8 @@ Result<std::vector<Point>> loadRecipients(const std::vector<std::string>& linesO
     for (const auto& lineOrPath : linesOrPaths) {
         const auto recipient = loadRecipient(lineOrPath);
         if (!recipient) return recipient.error();
+        if (Status checked = checkRecipients({&*recipient, 1}); !checked)
+            return Error{checked.error().text, 0, lineOrPath};
         recipients.push_back(*recipient);
     }
     return recipients;
