@@ -12,7 +12,7 @@ QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": 
 LINKED_TOOLS = {("tarnwick-consent", "volctl"), ("tarnwick-consent", "platform")}  # built on modules of another folder
 TOOLS_SEE = {"base", "plist", "qvx"}
 LIBRARY_FOLDERS = {"plist", "qvx", "platform"}  # the folders that may see third-party libraries
-THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|archive|libcryptsetup)\b(?!_)")
+THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|libcryptsetup)\b(?!_)")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 
 

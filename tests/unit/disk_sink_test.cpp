@@ -29,7 +29,7 @@ std::string text(const fs::path& file) {
 // end with "@": a content that is too long for memory, with holes. The neighbour "out" of the destination must stay as
 // it is.
 struct Extraction {
-    explicit Extraction(bool keepIncomplete = true) : keep(keepIncomplete) {}
+    explicit Extraction(ExtractOptions options = {.keepIncomplete = true}) : wanted(std::move(options)) {}
     ~Extraction() {
         fs::current_path("/");
         EXPECT_EQ(text(out / "victim") + std::to_string(fs::hard_link_count(out / "victim")), "untouched1");
@@ -91,10 +91,11 @@ struct Extraction {
     std::vector<std::string> contents;
     std::multiset<std::string> problems;
     bool stop = false;
-    const bool keep;
+    const ExtractOptions wanted;
     unsigned rereads = 0;  // of contents in the archive
     DiskSink sink{root.get(),
-                  {.keepIncomplete = keep,
+                  {.keepIncomplete = wanted.keepIncomplete,
+                   .preserve = wanted.preserve,
                    .report = [this](const Error& error) { problems.insert(error.subject + ": " + error.text); },
                    .interrupted = [this] { return stop; }}};
 };
@@ -128,6 +129,17 @@ TEST(DiskSink, LeavesRightTree) {
          "a~2@",
          "a.incomplete.1=2@ a.incomplete=",
          {"a" + kept + "a.incomplete.1"}},
+        {"OverwritesIncompleteByEntry",
+         ":",
+         "a~1 b/ b/c~2@ a.incomplete=x b/c.incomplete/ b/c.incomplete.1>x",
+         "a.incomplete.1=1 a.incomplete=x b/ b/c.incomplete.1>x b/c.incomplete.2=2@ b/c.incomplete/",
+         {"a" + kept + "a.incomplete.1", "b/c" + kept + "c.incomplete.2"}},
+        {"OverwritesEntryByIncomplete",
+         ":",
+         "a.incomplete=x a~1 a~2",
+         "a.incomplete.1=1 a.incomplete.2=2 a.incomplete=x",
+         {"a" + kept + "a.incomplete.1", "a" + kept + "a.incomplete.2"}},
+        {"LinksFileWithInodeOfRemovedOne", ":", "a=1 a=2 c=3 a=4 a=5 b#0", "a=5 b=1 c=3"},
         {"MakesTooLongName", ":", longName + "~x", cutName + "=x", {longName + kept + cutName}},
         {"LeavesTemporaryFile", "mkdir -p a/b", "a=x d/ d/a?x@", "a/ a/b/ d/", {"a: Directory not empty"}},
     };
@@ -146,7 +158,7 @@ TEST(DiskSink, WritesAgainOnlyWhatIsNotInPlace) {
     Extraction run;
     run.head.mode = 0600;
     run.head.modified = 1500000000;
-    run.extract("a=1@ b#0 a:0 c#2 d:0");
+    run.extract("a=1@ b#0 a:0 c#0 d:0");
     EXPECT_EQ(run.tree(), "a#1@ b#1@ c#1@ d=1@");
     struct stat status {};
     EXPECT_EQ(stat((run.in / "d").c_str(), &status), 0);
@@ -163,7 +175,7 @@ TEST(DiskSink, WritesAgainOnlyWhatIsNotInPlace) {
 }
 
 TEST(DiskSink, MixesAbandonedFileIntoNext) {
-    Extraction run(false);
+    Extraction run(ExtractOptions{});
     run.extract("a~1 b=2 c~3@ d=4 e~5@");
     EXPECT_EQ(run.tree(), "b=2 d=4");
     EXPECT_EQ(fs::status(run.in / "b").permissions(), fs::perms(0600));  // the archive has none
@@ -174,7 +186,7 @@ TEST(DiskSink, SearchesForFreeNameForever) {
     const std::string fill = "; touch a.incomplete; seq -f a.incomplete.%g 998 | xargs touch";
     ASSERT_EQ(std::system(("cd " + run.in.string() + fill).c_str()), 0);
     run.extract("a~1");
-    EXPECT_EQ(run.problems, std::multiset<std::string>{"a: File exists"});
+    EXPECT_EQ((run.tree(), run.problems), std::multiset<std::string>{"a: File exists"});
 }
 
 TEST(DiskSink, WritesAfterInterruption) {
@@ -219,7 +231,7 @@ std::string listOn(const fs::path& file, const char* kind) {
 
 // From the disk through an archive to the disk. The text of a list in other libraries ends at 2^31.
 TEST(DiskSink, DropsIdsFromAccessLists) {
-    Extraction run;
+    Extraction run({.preserve = true});
     const auto folder = run.folder.path / "from/folder", file = run.folder.write("from/folder/file", "content");
     const auto list = kernelAccessList(listOf({7, 0x7fffffff, 0x80000000, 0xfffffffe}));
     setList(folder, "system.posix_acl_access", list);
@@ -231,6 +243,18 @@ TEST(DiskSink, DropsIdsFromAccessLists) {
         EXPECT_EQ(listOn(run.in / folder.relative_path(), kind), list) << kind;
     EXPECT_EQ(listOn(run.in / file.relative_path(), "system.posix_acl_access"), list);
     EXPECT_EQ(run.problems, std::multiset<std::string>());
+}
+
+// The mask of a list is in the place of the permissions of the group.
+TEST(DiskSink, GrantsByAccessListWhatUmaskWithholds) {
+    const mode_t before = umask(027);
+    Extraction run;
+    umask(before);
+    const auto file = run.folder.write("from", "content");
+    setList(file, "system.posix_acl_access", kernelAccessList(listOf({7})));
+    EXPECT_TRUE((*test::openArchive(test::writeArchive(test::guardedList({file}))))->readAll(run.sink));
+    run.sink.finishDirectories();
+    EXPECT_EQ(fs::status(run.in / file.relative_path()).permissions(), fs::perms(0750));
 }
 
 // The time is before 1970, and the default list of the destination would allow more than the mode.
@@ -248,16 +272,6 @@ TEST(DiskSink, LeavesInheritedAccessListOrOtherTime) {
         for (const auto* kind : {"system.posix_acl_access", "system.posix_acl_default"})
             EXPECT_LT(getxattr(path.c_str(), kind, nullptr, 0), 0) << name << kind;
     }
-}
-
-TEST(DirectoryMetadata, RefusesMoreAttributesThanMemoryAllows) {
-    DirectoryMetadata directories;
-    EntryTail large, small;
-    large.attributes = {{"a", std::string((32U << 20) - sizeof(ExtendedAttribute) - 1, 'x')}};
-    large.accessLists = {AccessList((16U << 20) / sizeof(AccessRule)), AccessList((16U << 20) / sizeof(AccessRule))};
-    small.accessLists = {AccessList(1), {}};
-    EXPECT_TRUE(directories.add({}, large) && directories.add({}, {}));
-    EXPECT_FALSE(directories.add({}, small));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ USER, PASSWORD = "owner", "a longer word"
 MACHINE_ID = "5eed" * 8
 
 PACKAGES = """linux-image-amd64 systemd-sysv udev initramfs-tools lvm2 cryptsetup-bin btrfs-progs xfsprogs dosfstools
-    fdisk attr sudo man-db openssl python3 libblkid1 libmount1 libcryptsetup12 libarchive13 libzstd1 libssl3 libexpat1
+    fdisk attr sudo man-db openssl python3 libblkid1 libmount1 libcryptsetup12 libzstd1 libssl3 libexpat1
     libcurl4""".split()
 LEFT_OUT = ["/usr/share/doc/*", "/usr/share/locale/*"] + [
     f"/lib/modules/*/kernel/{folder}/*" for folder in ("sound", "drivers/net", "drivers/gpu", "drivers/media")]

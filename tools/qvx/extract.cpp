@@ -1,5 +1,6 @@
 // qvx extract
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -17,6 +18,7 @@ struct ExtractionOptions : ArchiveOptions {
     std::string directory = ".";
     std::vector<std::string> paths;  // empty for all entries
     bool salvage = false;
+    bool preserve = false;
 };
 
 // The paths of the command line, each with everything below it.
@@ -90,7 +92,13 @@ bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, Dis
     return reportDamage(options, reader.readAll(sink));
 }
 
+void reportLeftOut(const DiskSink& sink) {
+    const std::string kinds = sink.leftOut();
+    if (!kinds.empty()) report("not restored: " + kinds + "; --preserve restores them, for root only");
+}
+
 CommandResult runExtract(const ExtractionOptions& options) {
+    if (options.preserve && geteuid() != 0) return CommandError{{"only root can use --preserve"}};
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
     using Opening = ArchiveReader::Opening;
@@ -98,10 +106,12 @@ CommandResult runExtract(const ExtractionOptions& options) {
     if (!reader) return reader.error();
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
+                                    .preserve = options.preserve,
                                     .report = [](const Error& problem) { report(problem); },
                                     .interrupted = interrupted});
     const bool complete = extractEntries(options, **reader, sink);
     sink.finishDirectories();
+    reportLeftOut(sink);
     if (interrupted()) return CommandError{{"interrupted"}};
     return complete && !sink.failed() ? exitSuccess : exitFailed;
 }
@@ -112,6 +122,7 @@ CommandRun declareExtract(CommandOptions& command) {
     const auto options = std::make_shared<ExtractionOptions>();
     command.add("-C,--directory", options->directory, "where to; the working directory otherwise");
     command.addFlag("--salvage", options->salvage, "extract the intact files of a damaged archive");
+    command.addFlag("--preserve", options->preserve, "restore owners, special modes, flags and all attributes");
     declareKeyAndArchive(command, *options);
     command.add("PATH", options->paths, "entries to extract, with all below them; otherwise all");
     command.exclude("--salvage", "PATH");

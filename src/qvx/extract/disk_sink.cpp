@@ -6,16 +6,12 @@
 
 #include <cerrno>
 
-#include "base/visible_text.h"
+#include "qvx/extract/inode_flags.h"
 #include "qvx/read/incomplete_text.h"
 
 namespace tarnwick::qvx {
 
 namespace {
-
-constexpr std::size_t maxNameLength = 255;
-// Ends the search for a free name in a directory that somebody has filled with such names.
-constexpr int maxIncompleteNames = 999;  // of one file
 
 // Replaces an existing file. An existing directory stays.
 Status createDirectory(int parent, const std::string& name) {
@@ -26,14 +22,6 @@ Status createDirectory(int parent, const std::string& name) {
     if (errno != EEXIST || fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return systemError(errno);
     if (S_ISDIR(status.st_mode) || (unlinkat(parent, name.c_str(), 0) == 0 && make())) return {};
     return systemError(errno);
-}
-
-// NAME.incomplete, then NAME.incomplete.1 to NAME.incomplete.998.
-std::string incompleteName(const std::string& name, int attempt) {
-    constexpr std::string_view suffix = ".incomplete";
-    constexpr std::size_t maxNumberLength = 4;
-    const std::string number = attempt > 0 ? '.' + std::to_string(attempt) : "";
-    return name.substr(0, maxNameLength - suffix.size() - maxNumberLength) + std::string(suffix) + number;
 }
 
 }  // namespace
@@ -76,7 +64,7 @@ void DiskSink::abandon() {
 void DiskSink::finishDirectories() {
     file_.discard();  // of an entry that was begun when the reading ended
     waitForPending();
-    directories_.restore(run_, destination_);
+    deferred_.finish(run_, destination_);
 }
 
 Status DiskSink::beginEntry() {
@@ -91,76 +79,81 @@ Status DiskSink::beginEntry() {
 }
 
 Status DiskSink::finishEntry(const EntryTail& tail, const ContentReader& content) {
-    if (head_.type == EntryType::directory) return directories_.add(head_, tail);
+    if (head_.type == EntryType::directory) return deferred_.addDirectory(head_, tail);
     if (head_.type == EntryType::link) return finishLink(tail);
     if (tail.contentOf) return finishReference(tail, content);
-    return file_.isInMemory() ? submitToWriters(tail) : commit(tail);
+    return file_.isInMemory() && !restoresFlags() ? submitToWriters(tail) : commit(tail);
 }
 
 Status DiskSink::finishLink(const EntryTail& tail) {
     if (linkTarget_.empty()) return Error{"the link has no target"};
     // symlink(2) would end the target at the zero byte.
     if (linkTarget_.find('\0') != std::string::npos) return Error{"the target of the link is malformed"};
-    if (auto made = file_.temporary().create(parent_, head_, &linkTarget_); !made) return made;
+    if (auto made = file_.temporary().createLink(parent_, head_, linkTarget_); !made) return made;
     return commit(tail);
 }
 
 // The content is in an earlier entry, which may also be another name of the same file.
 Status DiskSink::finishReference(const EntryTail& tail, const ContentReader& content) {
     waitForPending();  // the file with the content may still be in the queue
+    const auto source = extracted_.find(*tail.contentOf);
     // The archive contains this path twice. To write the same file again would change nothing.
-    if (extracted_.pathOf(*tail.contentOf) == head_.path && extracted_.isInPlace(parent_, name_, head_, tail)) {
-        extracted_.add(head_.number, head_.path);
-        return {};
-    }
-    if (tail.hardLink && extracted_.link(*tail.contentOf, tail, parent_, file_.temporary())) return commit(tail);
-    if (auto copied = copyContent(tail, content); !copied || run_.interrupted()) return copied;
+    if (source && source->path == head_.path && extracted_.isInPlace(*source, head_)) return {};
+    if (tail.hardLink && source && extracted_.link(*source, parent_, head_, file_.temporary()))
+        return file_.temporary().rename(name_);
+    if (auto copied = copyContent(source, tail, content); !copied || run_.interrupted()) return copied;
     return commit(tail);
 }
 
-Status DiskSink::copyContent(const EntryTail& tail, const ContentReader& content) {
+Status DiskSink::copyContent(const std::optional<ExtractedFile>& source, const EntryTail& tail,
+                             const ContentReader& content) {
     TemporaryFile& file = file_.temporary();
-    if (auto made = file.create(parent_, head_); !made) return made;
     // From the file that was extracted earlier, so that its blocks need not be opened again.
-    if (extracted_.copy(*tail.contentOf, tail, file) || run_.interrupted()) return {};
+    if (source) {
+        if (auto made = file.create(parent_, head_); !made) return made;
+        if (extracted_.copy(*source, tail, file) || run_.interrupted()) return {};
+    }
     // From the archive, into a new file: what was copied above is incomplete or wrong.
     if (auto made = file.create(parent_, head_); !made) return made;
-    DigestingSink sink(run_, &file);
+    FileSink sink(run_, file);
     const Status read = content(sink);
     if (read || run_.interrupted()) return {};
     return sink.written() ? read : sink.written();
 }
 
 Status DiskSink::submitToWriters(const EntryTail& tail) {
-    // The file is registered before it exists: finishReference() waits for the writers before it uses it.
     pending_.add(head_.path);
-    extracted_.add(head_.number, head_.path);
     writers_.add(parent_, destination_.keepOpen(), {name_, head_, tail, file_.releaseContent()});
     return {};
 }
 
 Status DiskSink::commit(const EntryTail& tail) {
-    if (auto finished = file_.temporary().finish(tail); !finished) return finished;
-    if (auto renamed = file_.temporary().rename(name_); !renamed) return renamed;
-    // After the rename: only now does the path lead to the content.
-    if (head_.type == EntryType::file) extracted_.add(head_.number, head_.path);
+    TemporaryFile& file = file_.temporary();
+    if (auto written = file_.writeOut(); !written) return written;
+    if (auto finished = file.finish(tail); !finished) return finished;
+    if (auto renamed = file.rename(name_); !renamed) return renamed;
+    if (head_.type != EntryType::file) return {};
+    if (restoresFlags())
+        if (auto added = deferred_.addFlags(head_, file.identity()); !added) return added;
+    // Other entries refer only to one that has its own content.
+    return tail.contentOf ? Status() : extracted_.add(head_.number, {head_.path, file.identity()});
+}
+
+bool DiskSink::restoresFlags() const { return run_.preserves() && hasInodeFlags(head_); }
+
+Status DiskSink::keepIncomplete() {
+    TemporaryFile& file = file_.temporary();
+    if (auto written = file_.writeOut(); !written) return written;
+    if (auto finished = file.finish({}); !finished) return finished;
+    if (auto added = deferred_.addKept(head_, file.name()); !added) return added;
+    file.release();
     return {};
 }
 
-Status DiskSink::keepIncomplete() {
-    if (auto written = file_.writeOut(); !written) return written;
-    if (auto finished = file_.temporary().finish({}); !finished) return finished;
-    waitForPending();  // a writer may still create a file of this name
-    for (int attempt = 0;; ++attempt) {
-        const std::string name = incompleteName(name_, attempt);
-        auto renamed = file_.temporary().renameIfFree(name);
-        if (renamed) run_.warn({"the part that was read is kept as " + visibleText(name), 0, head_.path});
-        if (renamed || renamed.error().code != EEXIST || attempt + 1 == maxIncompleteNames) return renamed;
-    }
-}
-
 void DiskSink::waitForPending() {
-    writers_.flush();
+    for (const auto& [number, file] : writers_.flush())
+        if (const auto added = extracted_.add(number, file); !added)
+            run_.fail({added.error().text, added.error().code, file.path});
     pending_.clear();
 }
 

@@ -1,66 +1,67 @@
 #include "qvx/extract/extracted_files.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace tarnwick::qvx {
 
-namespace {
-
-// Of the content, which is in an earlier entry.
-std::optional<DigestCheck> digestOf(const EntryTail& tail) {
-    return tail.content ? tail.content->digest : std::nullopt;
+Status ExtractedFiles::add(std::uint64_t number, const ExtractedFile& file) {
+    std::vector<std::uint8_t> record;
+    WireWriter out(record);
+    encodeIdentity(file.identity, out);
+    out.text(file.path);
+    const auto position = spool_.append(record);
+    if (!position) return position.error();
+    places_.add(number, *position);
+    return {};
 }
 
-std::int64_t nanoseconds(const timespec& time) { return time.tv_sec * std::int64_t{1000000000} + time.tv_nsec; }
-
-}  // namespace
-
-void ExtractedFiles::add(std::uint64_t number, std::string_view path) {
-    places_[number] = {text_.size(), path.size()};
-    text_ += path;
+std::optional<ExtractedFile> ExtractedFiles::find(std::uint64_t number) const {
+    std::vector<std::uint8_t> record;
+    const auto place = places_.find(number);
+    if (!place || !spool_.read(*place, record)) return std::nullopt;
+    WireReader in(record);
+    const FileIdentity identity = decodeIdentity(in);
+    return ExtractedFile{std::string(in.text()), identity};
 }
 
-std::optional<std::string_view> ExtractedFiles::pathOf(std::uint64_t number) const {
-    const auto found = places_.find(number);
-    if (found == places_.end()) return std::nullopt;
-    return std::string_view(text_).substr(found->second.begin, found->second.length);
-}
-
-// The digest is checked, and the link is made, through one descriptor. It does not matter if somebody replaces the name
-// in the meantime.
-bool ExtractedFiles::link(std::uint64_t number, const EntryTail& tail, int directory, TemporaryFile& file) {
-    const FileDescriptor source = open(number);
-    return hasContent(source, tail) && file.link(directory, source.get());
+// The file is compared and linked through one descriptor. It does not matter if somebody replaces the name in the
+// meantime.
+bool ExtractedFiles::link(const ExtractedFile& file, int directory, const EntryHead& head, TemporaryFile& link) {
+    const FileDescriptor source = openSame(file);
+    return source && link.link(directory, head, source.get());
 }
 
 // The digest is compared after the copy. If it differs, the file has changed since it was extracted.
-bool ExtractedFiles::copy(std::uint64_t number, const EntryTail& tail, TemporaryFile& file) {
-    const FileDescriptor source = open(number);
-    DigestingSink sink(run_, &file);
-    const auto expected = digestOf(tail);
-    return source && expected && readFile(source.get(), sink, *expected);
+bool ExtractedFiles::copy(const ExtractedFile& file, const EntryTail& tail, TemporaryFile& copy) {
+    const auto expected = tail.content ? tail.content->digest : std::nullopt;
+    if (!expected) return false;
+    // O_NONBLOCK: a FIFO that somebody has put there must not block the extraction.
+    const FileDescriptor source = open(file, O_RDONLY | O_NONBLOCK);
+    const auto found = source ? identityOf(source.get()) : Error{};
+    if (!found || found->size != file.identity.size) return false;
+    DigestingSink sink(run_, copy, zeros_);
+    return readFile(source.get(), sink, *expected);
 }
 
-bool ExtractedFiles::isInPlace(int directory, const std::string& name, const EntryHead& head,
-                               const EntryTail& tail) const {
-    const FileDescriptor file = openRegularFile(directory, name);
+bool ExtractedFiles::isInPlace(const ExtractedFile& file, const EntryHead& head) {
+    const FileDescriptor same = openSame(file);
     struct stat status {};
-    return file && fstat(file.get(), &status) == 0 && head.mode == (status.st_mode & 07777U) &&
-           head.modified == nanoseconds(status.st_mtim) && hasContent(file, tail);
+    return same && fstat(same.get(), &status) == 0 && restoredMode(run_, head) == (status.st_mode & 07777U) &&
+           head.modified == file.identity.modified;
 }
 
 // Opened by its path again: a descriptor for each extracted file would exceed the limit of open files.
-FileDescriptor ExtractedFiles::open(std::uint64_t number) {
-    const auto path = pathOf(number);
-    const auto parent = path ? destination_.openParent(*path) : Error{};
-    return parent ? openRegularFile(*parent, Destination::nameOf(*path)) : FileDescriptor();
+FileDescriptor ExtractedFiles::open(const ExtractedFile& file, int flags) {
+    const auto parent = destination_.openParent(file.path);
+    if (!parent) return {};
+    return FileDescriptor(openat(*parent, Destination::nameOf(file.path).c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Without a digest, nothing shows that the file is still the one that was extracted.
-bool ExtractedFiles::hasContent(const FileDescriptor& file, const EntryTail& tail) const {
-    DigestingSink sink(run_);
-    const auto expected = digestOf(tail);
-    return file && expected && readFile(file.get(), sink, *expected);
+FileDescriptor ExtractedFiles::openSame(const ExtractedFile& file) {
+    FileDescriptor found = open(file, O_PATH);
+    const auto identity = found ? identityOf(found.get()) : Error{};
+    return identity && *identity == file.identity ? std::move(found) : FileDescriptor();
 }
 
 }  // namespace tarnwick::qvx

@@ -1,51 +1,55 @@
 // The regular files extracted so far, for later entries with the same content.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 
 #include "qvx/extract/destination.h"
+#include "qvx/extract/entry_places.h"
 #include "qvx/extract/file_content.h"
+#include "qvx/extract/file_identity.h"
+#include "qvx/read/spool.h"
 
 namespace tarnwick::qvx {
 
-// A file is opened again by its path, and somebody may have replaced or changed it by then. So its content is used only
-// if it has the digest of the entry.
+// Where the file of an entry was when it was written.
+struct ExtractedFile {
+    std::string path;
+    FileIdentity identity;
+};
+
+// A file is opened again by its path, and somebody may have replaced or changed it by then. It is linked only if it is
+// still the same file, and copied only if the copy has the digest of the entry.
+//
+// Memory: that of EntryPlaces. Paths and identities are in the spool.
 class ExtractedFiles {
 public:
-    // `directory` is the destination.
-    ExtractedFiles(const ExtractionRun& run, int directory) : run_(run), destination_(directory) {}
+    // `directory` is the destination. All arguments must outlive this object.
+    ExtractedFiles(const ExtractionRun& run, int directory, Spool& spool)
+        : run_(run), destination_(directory), spool_(spool) {}
 
-    void add(std::uint64_t number, std::string_view path);
-    [[nodiscard]] std::optional<std::string_view> pathOf(std::uint64_t number) const;
+    Status add(std::uint64_t number, const ExtractedFile& file);
+    [[nodiscard]] std::optional<ExtractedFile> find(std::uint64_t number) const;
 
-    // Makes `file` a second name in `directory` for the file of entry `number`. False when that is not possible.
-    bool link(std::uint64_t number, const EntryTail& tail, int directory, TemporaryFile& file);
+    // Makes `link` a second name in `directory` for the file. False when that is not possible.
+    bool link(const ExtractedFile& file, int directory, const EntryHead& head, TemporaryFile& link);
 
-    // Appends the content of the file of entry `number` to `file`. False when that is not possible; the content of
-    // `file` is then incomplete or wrong.
-    bool copy(std::uint64_t number, const EntryTail& tail, TemporaryFile& file);
+    // Appends the content of the file to `copy`. False when that is not possible; the content of `copy` is then
+    // incomplete or wrong.
+    bool copy(const ExtractedFile& file, const EntryTail& tail, TemporaryFile& copy);
 
-    // Whether `name` in `directory` is the file that the entry describes, with its mode, time and content.
-    [[nodiscard]] bool isInPlace(int directory, const std::string& name, const EntryHead& head,
-                                 const EntryTail& tail) const;
+    // Whether it is still the same file, and has the mode and time of this other entry.
+    [[nodiscard]] bool isInPlace(const ExtractedFile& file, const EntryHead& head);
 
 private:
-    struct PathPlace {  // in text_
-        std::size_t begin = 0;
-        std::size_t length = 0;
-    };
-
-    FileDescriptor open(std::uint64_t number);
-    [[nodiscard]] bool hasContent(const FileDescriptor& file, const EntryTail& tail) const;
+    FileDescriptor open(const ExtractedFile& file, int flags);
+    [[nodiscard]] FileDescriptor openSame(const ExtractedFile& file);
 
     const ExtractionRun& run_;
     Destination destination_;  // not the sink's, because openParent() would close its directory
-    std::unordered_map<std::uint64_t, PathPlace> places_;  // by entry number
-    std::string text_;                                     // all paths, one after another
+    Spool& spool_;
+    EntryPlaces places_;  // in the spool
+    DigestedZeros zeros_;
 };
 
 }  // namespace tarnwick::qvx

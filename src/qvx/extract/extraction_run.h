@@ -1,9 +1,12 @@
 // What the parts of one extraction share: the options of the caller, its report of problems, and whether to stop.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <utility>
 
 #include "base/error.h"
@@ -13,6 +16,10 @@ namespace tarnwick::qvx {
 struct ExtractOptions {
     bool keepIncomplete = false;  // keep the part that was read of an abandoned file as NAME.incomplete
 
+    // Restore owners, set-id and sticky bits, inode flags and all attributes. For root only: anybody can make an
+    // archive that has a program of root with the set-user-id bit.
+    bool preserve = false;
+
     // Receives each problem; the subject is the path of the entry. Several threads call it, one at a time. It must not
     // throw.
     std::function<void(const Error&)> report = [](const Error&) {};
@@ -21,10 +28,14 @@ struct ExtractOptions {
     std::function<bool()> interrupted = [] { return false; };
 };
 
+// Metadata that is restored only with ExtractOptions::preserve.
+enum class Privilege : unsigned { owner, specialBits, attribute, flag };
+
 // Any thread may call any function at any time.
 class ExtractionRun {
 public:
-    explicit ExtractionRun(ExtractOptions options) : options_(std::move(options)) {}
+    // Reads the umask by changing it for a moment: no other thread may create files meanwhile.
+    explicit ExtractionRun(ExtractOptions options);
 
     // Reports a problem that does not make the extraction fail: metadata that could not be set.
     void warn(const Error& problem) {
@@ -42,10 +53,19 @@ public:
     [[nodiscard]] bool interrupted() const { return options_.interrupted(); }
     [[nodiscard]] bool keepsIncomplete() const { return options_.keepIncomplete; }
 
+    [[nodiscard]] bool preserves() const { return options_.preserve; }
+    [[nodiscard]] mode_t umask() const { return umask_; }  // 0 with `preserve`
+
+    // Records that an entry has such metadata, and that it is not restored.
+    void leaveOut(Privilege privilege) { leftOut_ |= 1U << static_cast<unsigned>(privilege); }
+    [[nodiscard]] std::string leftOut() const;  // "owners, inode flags"; empty for none
+
 private:
     const ExtractOptions options_;
+    const mode_t umask_;
     std::mutex mutex_;  // for calls of options_.report
     std::atomic<bool> failed_ = false;
+    std::atomic<unsigned> leftOut_ = 0;  // bits by Privilege
 };
 
 }  // namespace tarnwick::qvx

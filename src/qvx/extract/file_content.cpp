@@ -1,7 +1,5 @@
 #include "qvx/extract/file_content.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,24 +48,25 @@ bool readAll(int file, EntrySink& sink) {
 
 }  // namespace
 
-FileDescriptor openRegularFile(int directory, const std::string& name) {
-    // O_NONBLOCK: a FIFO that somebody has put there must not block the extraction.
-    FileDescriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) return {};
-    return file;
+bool FileSink::data(Bytes bytes) {
+    written_ = file_.append(bytes);
+    return written_ && !run_.interrupted();
+}
+
+bool FileSink::hole(std::uint64_t length) {
+    file_.appendHole(length);
+    return !run_.interrupted();
 }
 
 bool DigestingSink::data(Bytes bytes) {
     digest_.add(bytes);
-    if (file_) written_ = file_->append(bytes);
-    return written_ && !run_.interrupted();
+    return FileSink::data(bytes);
 }
 
 bool DigestingSink::hole(std::uint64_t length) {
+    if (!zeros_.add(length)) return false;
     digest_.addZeros(length);
-    if (file_) file_->appendHole(length);
-    return !run_.interrupted();
+    return FileSink::hole(length);
 }
 
 bool readFile(int file, DigestingSink& sink, const DigestCheck& expected) {

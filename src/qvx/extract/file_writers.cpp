@@ -1,9 +1,8 @@
 #include "qvx/extract/file_writers.h"
 
-#include <sched.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -50,10 +49,11 @@ void FileWriters::add(int directory, std::shared_ptr<const void> owner, SmallFil
     batch_.files.push_back(std::move(file));
 }
 
-void FileWriters::flush() {
+std::vector<WrittenFile> FileWriters::flush() {
     submitBatch();
     Lock lock(mutex_);
     writeUntil([this] { return batches_.empty(); }, lock, temporary_);
+    return std::exchange(written_, {});
 }
 
 void FileWriters::submitBatch() {
@@ -74,9 +74,6 @@ void FileWriters::startThread() {
 }
 
 void FileWriters::runThread() {
-    // The disk writer creates files in the working directory and reads the umask by changing it. A thread that cannot
-    // have its own of both does nothing.
-    if (::unshare(CLONE_FS) != 0) return;
     TemporaryFile temporary(run_);
     Lock lock(mutex_);
     writeUntil([this] { return closed_; }, lock, temporary);
@@ -95,10 +92,13 @@ bool FileWriters::writeNextBatch(Lock& lock, TemporaryFile& temporary) {
     if (batch == batches_.end()) return false;
     batch->started = true;
     lock.unlock();
+    std::vector<WrittenFile> written;
     for (const auto& file : batch->files)
         // After an interruption, the remaining files are dropped.
-        if (!run_.interrupted()) writeFile(file, batch->directory, temporary);
+        if (!run_.interrupted() && writeFile(file, batch->directory, temporary))
+            written.push_back({file.head.number, {file.head.path, temporary.identity()}});
     lock.lock();
+    std::ranges::move(written, std::back_inserter(written_));
     batches_.erase(batch);
     changed_.notify_all();
     return true;
@@ -114,16 +114,18 @@ std::list<FileWriters::Batch>::iterator FileWriters::nextBatch() {
 }
 
 // An exception would end the program when it leaves a thread.
-void FileWriters::writeFile(const SmallFile& file, int directory, TemporaryFile& temporary) {
+bool FileWriters::writeFile(const SmallFile& file, int directory, TemporaryFile& temporary) {
+    Status written;
     try {
-        const Status written = writeSmallFile(file, directory, temporary);
-        if (!written) run_.fail(written.error());
+        written = writeSmallFile(file, directory, temporary);
     } catch (const std::bad_alloc&) {
-        run_.fail({"out of memory", ENOMEM, {}});
+        written = Error{"out of memory", ENOMEM, {}};
     } catch (const std::system_error& error) {  // no random numbers for the temporary name
-        run_.fail(systemError(error.code().value(), file.head.path));
+        written = systemError(error.code().value(), file.head.path);
     }
     temporary.discard();
+    if (!written) run_.fail(written.error());
+    return static_cast<bool>(written);
 }
 
 }  // namespace tarnwick::qvx

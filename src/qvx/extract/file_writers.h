@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "qvx/extract/temporary_file.h"
+#include "qvx/extract/extracted_files.h"
 
 namespace tarnwick::qvx {
 
@@ -21,10 +21,14 @@ struct SmallFile {
     std::vector<std::uint8_t> content;
 };
 
+struct WrittenFile {
+    std::uint64_t number = 0;  // of the entry
+    ExtractedFile file;
+};
+
 // Files of one directory are written in the order in which they were added. The caller writes too when the threads do
 // not keep up. Files that cannot be written are reported; interruption skips the rest. Memory: 8 MiB for contents and
-// attributes, and at most as much again as the largest attributes of a file in each batch. Changes the working
-// directory of the caller.
+// attributes, and at most as much again as the largest attributes of a file in each batch.
 class FileWriters {
 public:
     explicit FileWriters(ExtractionRun& run) : run_(run), temporary_(run) {}
@@ -35,8 +39,8 @@ public:
     // `owner` keeps `directory` open.
     void add(int directory, std::shared_ptr<const void> owner, SmallFile file);
 
-    // Waits until every added file is on disk or was reported.
-    void flush();
+    // Waits until every added file is on disk or was reported. Returns those that are on disk since the last call.
+    std::vector<WrittenFile> flush();
 
 private:
     struct Batch {  // of one directory
@@ -55,7 +59,7 @@ private:
     void writeUntil(Condition condition, Lock& lock, TemporaryFile& temporary);
     bool writeNextBatch(Lock& lock, TemporaryFile& temporary);
     std::list<Batch>::iterator nextBatch();
-    void writeFile(const SmallFile& file, int directory, TemporaryFile& temporary);
+    bool writeFile(const SmallFile& file, int directory, TemporaryFile& temporary);
 
     ExtractionRun& run_;
     Batch batch_;              // of the files added last; not given to the threads yet
@@ -64,6 +68,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;  // batches_ or closed_
     std::list<Batch> batches_;         // in the order of submission; those in progress too
+    std::vector<WrittenFile> written_;
     bool closed_ = false;
     std::vector<std::jthread> threads_;  // last: they use all of the above
 };

@@ -7,15 +7,17 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t maxPaths = 4096;
+constexpr std::size_t maxBytes = 2U << 20;
 
 }  // namespace
 
 bool PendingPaths::conflictWith(std::string_view path) const {
-    return paths_.size() >= maxPaths || paths_.contains(path) || anyBelow(path) || anyAbove(path);
+    return paths_.size() >= maxPaths || bytes_ >= maxBytes || paths_.contains(path) || anyBelow(path) || anyAbove(path);
 }
 
 void PendingPaths::add(std::string_view path) {
     paths_.emplace(path);
+    bytes_ += path.size();
     lastFolder_ = Destination::parentPathOf(path);
 }
 
@@ -31,6 +33,11 @@ bool PendingPaths::anyAbove(std::string_view path) const {
          folder = Destination::parentPathOf(folder))
         if (paths_.contains(folder)) return true;
     return false;
+}
+
+void PendingPaths::clear() {
+    paths_.clear();
+    bytes_ = 0;
 }
 
 }  // namespace tarnwick::qvx

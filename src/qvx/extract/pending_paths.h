@@ -11,18 +11,20 @@ namespace tarnwick::qvx {
 class PendingPaths {
 public:
     // Whether an entry at `path` must wait for the writers: they may write files in any order, so none of them may have
-    // the same path, or be a folder of the other. Also true when there are 4096 paths, which bounds the memory.
+    // the same path, or be a folder of the other. Also true when there are 4096 paths or 2 MiB of them, which bounds
+    // the memory.
     [[nodiscard]] bool conflictWith(std::string_view path) const;
 
     // Adds a path for which conflictWith() was false.
     void add(std::string_view path);
-    void clear() { paths_.clear(); }
+    void clear();
 
 private:
     [[nodiscard]] bool anyBelow(std::string_view path) const;
     [[nodiscard]] bool anyAbove(std::string_view path) const;
 
     std::set<std::string, std::less<>> paths_;
+    std::size_t bytes_ = 0;   // of the paths
     std::string lastFolder_;  // folder of the path added last
 };
 

@@ -1,7 +1,5 @@
 #include "qvx/extract/restored_metadata.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -9,9 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 
 #include "base/visible_text.h"
+#include "qvx/extract/inode_flags.h"
 #include "qvx/format/access_list.h"
 #include "qvx/format/field_table.h"
 
@@ -19,73 +17,79 @@ namespace tarnwick::qvx {
 
 namespace {
 
-using DiskEntry = std::unique_ptr<archive_entry, FreeWith<archive_entry_free>>;
-
 constexpr std::int64_t nanosecondsPerSecond = 1000000000;
+constexpr mode_t setIdBits = S_ISUID | S_ISGID;
+constexpr mode_t specialBits = setIdBits | S_ISVTX;
 
-struct Privileges {
-    bool owner = false;             // set owner and group
-    bool systemAttributes = false;  // set attributes outside of "user."
-};
-
-// Decides which metadata is restored. Users other than root would get a message for each file.
-Privileges privileges() {
-    const bool root = geteuid() == 0;
-    return {.owner = root, .systemAttributes = root};
-}
-
-bool isRestored(const ExtendedAttribute& attribute) {
-    return attribute.name.starts_with("user.") || privileges().systemAttributes;
-}
-
-mode_t fileType(EntryType type) {
-    switch (type) {
-        case EntryType::directory: return AE_IFDIR;
-        case EntryType::link: return AE_IFLNK;
-        case EntryType::file: break;
-    }
-    return AE_IFREG;
-}
-
-void setModified(archive_entry* entry, std::int64_t modified) {
-    std::int64_t seconds = modified / nanosecondsPerSecond;
-    std::int64_t nanoseconds = modified % nanosecondsPerSecond;
-    if (nanoseconds < 0) {
-        nanoseconds += nanosecondsPerSecond;
+timespec timeOf(std::int64_t nanoseconds) {
+    std::int64_t seconds = nanoseconds / nanosecondsPerSecond;
+    std::int64_t rest = nanoseconds % nanosecondsPerSecond;
+    if (rest < 0) {
+        rest += nanosecondsPerSecond;
         --seconds;
     }
-    archive_entry_set_mtime(entry, seconds, nanoseconds);
+    return {seconds, rest};
 }
 
-DiskEntry makeEntry(const std::string& name, const EntryHead& head) {
-    DiskEntry entry(archive_entry_new());
-    if (!entry) throw std::bad_alloc();
-    archive_entry_set_pathname(entry.get(), name.c_str());
-    archive_entry_set_filetype(entry.get(), fileType(head.type));
-    // If the archive has no mode or owner, the file belongs to this user, and nobody else has access.
-    archive_entry_set_perm(entry.get(), head.mode.value_or(head.type == EntryType::file ? 0600 : 0700));
-    archive_entry_set_uid(entry.get(), head.userId.value_or(geteuid()));
-    archive_entry_set_gid(entry.get(), head.groupId.value_or(getegid()));
-    if (head.modified) setModified(entry.get(), *head.modified);
-    return entry;
+// As the kernel applies it to a list. Without this, a list would give the rights that the umask withholds.
+AccessList withoutBits(AccessList list, mode_t umask) {
+    using Kind = AccessRule::Kind;
+    const auto isMask = [](const AccessRule& rule) { return rule.kind == Kind::mask; };
+    const Kind groupClass = std::ranges::any_of(list, isMask) ? Kind::mask : Kind::owningGroup;
+    for (auto& rule : list) {
+        if (rule.kind == Kind::owner) rule.permissions &= ~(umask >> 6) & 7U;
+        if (rule.kind == groupClass) rule.permissions &= ~(umask >> 3) & 7U;
+        if (rule.kind == Kind::others) rule.permissions &= ~umask & 7U;
+    }
+    return list;
 }
 
-// The attributes and access control lists of one open file.
-class AttributeWriter {
+// Of one open file.
+class MetadataWriter {
 public:
-    // An O_PATH descriptor has no attribute calls. Its entry in /proc leads to the file itself, whatever has happened
-    // to the name.
-    AttributeWriter(ExtractionRun& run, const std::string& path, const FileDescriptor& file)
-        : run_(run), path_(path), place_("/proc/self/fd/" + std::to_string(file.get())) {}
+    // An O_PATH descriptor has no calls for modes and attributes. Its entry in /proc leads to the file itself, whatever
+    // has happened to the name.
+    MetadataWriter(ExtractionRun& run, const EntryHead& head, int file)
+        : run_(run), head_(head), file_(file), place_("/proc/self/fd/" + std::to_string(file)) {}
 
-    void setAttribute(const ExtendedAttribute& attribute) {
-        if (!set(attribute.name.c_str(), attribute.value)) warn(errno, "extended attribute ", attribute.name);
+    void setOwner() {
+        const uid_t user = head_.userId.value_or(geteuid());
+        const gid_t group = head_.groupId.value_or(getegid());
+        if (!run_.preserves()) {
+            if (user != geteuid() || group != getegid()) run_.leaveOut(Privilege::owner);
+        } else if (fchownat(file_, "", user, group, AT_EMPTY_PATH) != 0) {
+            warn(errno, "owner");
+        } else {
+            hasOwner_ = head_.userId && head_.groupId;
+        }
+    }
+
+    void setMode() {
+        mode_t mode = restoredMode(run_, head_);
+        if (head_.mode && !run_.preserves() && *head_.mode & specialBits) run_.leaveOut(Privilege::specialBits);
+        // A program must not get the rights of another user than the archive says.
+        if (mode & setIdBits && !hasOwner_) {
+            mode &= ~setIdBits;
+            warn(EPERM, "set-id bits");
+        }
+        if (chmod(place_.c_str(), mode) != 0) warn(errno, "mode");
     }
 
     // A list that is not in the archive was inherited from the directory, and might allow more than the mode.
     void setList(const AccessList& list, const char* attribute) {
         if (list.empty()) return removeList(attribute);
-        if (!set(attribute, kernelAccessList(list))) warn(errno, "access control list");
+        if (!set(attribute, kernelAccessList(withoutBits(list, run_.umask())))) warn(errno, "access control list");
+    }
+
+    void setAttribute(const ExtendedAttribute& attribute) {
+        if (!run_.preserves() && !attribute.name.starts_with("user.")) return run_.leaveOut(Privilege::attribute);
+        if (!set(attribute.name.c_str(), attribute.value)) warn(errno, "extended attribute ", attribute.name);
+    }
+
+    void setTime() {
+        if (!head_.modified) return;
+        const timespec times[] = {{0, UTIME_OMIT}, timeOf(*head_.modified)};
+        if (utimensat(file_, "", times, AT_EMPTY_PATH) != 0) warn(errno, "modification time");
     }
 
 private:
@@ -100,17 +104,17 @@ private:
 
     // `code` is evaluated before any text is built, which could change errno.
     void warn(int code, std::string_view what, const std::string& name = {}) {
-        run_.warn({std::string(what) + visibleText(name) + ": " + std::strerror(code), code, path_});
+        run_.warn({std::string(what) + visibleText(name) + " not restored: " + std::strerror(code), code, head_.path});
     }
 
     ExtractionRun& run_;
-    const std::string& path_;
+    const EntryHead& head_;
+    const int file_;
     const std::string place_;
+    bool hasOwner_ = false;  // of the archive
 };
 
 }  // namespace
-
-void FreeDiskWriter::operator()(archive* writer) const noexcept { archive_write_free(writer); }
 
 std::size_t attributeMemory(const EntryTail& tail) {
     std::size_t size = 0;
@@ -122,50 +126,27 @@ std::size_t attributeMemory(const EntryTail& tail) {
     return size;
 }
 
-DiskWriter newDiskWriter(int flags) {
-    DiskWriter writer(archive_write_disk_new());
-    if (!writer) throw std::bad_alloc();
-    // The kernel allows only root to give a file away.
-    const int owner = privileges().owner ? ARCHIVE_EXTRACT_OWNER : 0;
-    archive_write_disk_set_options(writer.get(), flags | owner | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME);
-    return writer;
-}
-
-int writeHeader(archive* writer, const std::string& name, const EntryHead& head, const std::string* linkTarget) {
-    const DiskEntry entry = makeEntry(name, head);
-    if (linkTarget) archive_entry_set_symlink(entry.get(), linkTarget->c_str());
-    return archive_write_header(writer, entry.get());
-}
-
-// The messages of the library contain file names unescaped.
-Error writerError(archive* writer, const char* fallback, const std::string& path) {
-    const char* text = archive_error_string(writer);
-    return {text ? visibleText(text) : fallback, std::max(0, archive_errno(writer)), path};
-}
-
-void restoreAttributes(ExtractionRun& run, const EntryHead& head, const FileDescriptor& file, const EntryTail& tail) {
-    AttributeWriter writer(run, head.path, file);
+void restoreMetadata(ExtractionRun& run, const EntryHead& head, const EntryTail& tail, int file) {
+    if (!run.preserves() && hasInodeFlags(head)) run.leaveOut(Privilege::flag);
+    MetadataWriter writer(run, head, file);
+    // A change of the owner clears set-id bits and file capabilities, and a change of the mode changes the mask of an
+    // access list.
+    writer.setOwner();
+    if (head.type != EntryType::link) {  // which has neither mode nor lists
+        const auto lists = tail.accessLists.value_or(AccessLists{});
+        writer.setMode();
+        writer.setList(lists.access, accessListAttribute);
+        if (head.type == EntryType::directory) writer.setList(lists.defaultList, defaultListAttribute);
+    }
     if (tail.attributes)
-        for (const auto& attribute : *tail.attributes)
-            if (isRestored(attribute)) writer.setAttribute(attribute);
-    // The kernel has no access control lists for links.
-    if (head.type == EntryType::link) return;
-    const auto lists = tail.accessLists.value_or(AccessLists{});
-    writer.setList(lists.access, accessListAttribute);
-    if (head.type == EntryType::directory) writer.setList(lists.defaultList, defaultListAttribute);
+        for (const auto& attribute : *tail.attributes) writer.setAttribute(attribute);
+    writer.setTime();
 }
 
-void restoreDirectory(ExtractionRun& run, const std::string& name, const EntryHead& head, const EntryTail& tail) {
-    // A name that has become a link in the meantime is refused, not followed.
-    const FileDescriptor file(open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!file) return run.warn(systemError(errno, head.path));
-    restoreAttributes(run, head, file, tail);
-    // The disk writer sets the times of directories when it is closed, so each directory has its own disk writer.
-    const DiskWriter writer = newDiskWriter(ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                            ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
-    if (writeHeader(writer.get(), name, head, nullptr) != ARCHIVE_OK ||
-        archive_write_finish_entry(writer.get()) != ARCHIVE_OK || archive_write_close(writer.get()) != ARCHIVE_OK)
-        run.warn(writerError(writer.get(), "metadata not restored", head.path));
+mode_t restoredMode(const ExtractionRun& run, const EntryHead& head) {
+    // If the archive has no mode, nobody else has access.
+    const mode_t mode = head.mode.value_or(head.type == EntryType::file ? 0600 : 0700);
+    return run.preserves() ? mode : mode & 0777 & ~run.umask();
 }
 
 }  // namespace tarnwick::qvx

@@ -3,13 +3,16 @@
 
 #include <string>
 
+#include "base/handle.h"
+#include "qvx/bytes.h"
+#include "qvx/extract/file_identity.h"
 #include "qvx/extract/restored_metadata.h"
 
 namespace tarnwick::qvx {
 
-// create() or link() makes the file, finish() completes it, rename() gives it its name. The destructor removes a file
-// that was not renamed. The directory must stay open, and be the working directory, until then. The subject of an error
-// is the path of the entry.
+// create(), createLink() or link() makes the file, finish() completes it, rename() gives it its name. The destructor
+// removes a file that was not renamed. The directory must stay open until then. The subject of an error is the path of
+// the entry.
 class TemporaryFile {
 public:
     explicit TemporaryFile(ExtractionRun& run) : run_(run) {}
@@ -17,42 +20,49 @@ public:
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile() { discard(); }
 
-    // Makes an empty file, or with `linkTarget` a symbolic link, and makes `directory` the working directory.
-    Status create(int directory, const EntryHead& head, const std::string* linkTarget = nullptr);
+    // Makes an empty file.
+    Status create(int directory, const EntryHead& head);
 
-    // Makes a second name for the open file `source`. It is complete. There must be no file yet.
-    Status link(int directory, int source);
+    // Makes a symbolic link.
+    Status createLink(int directory, const EntryHead& head, const std::string& target);
+
+    // Makes a second name for the open file `source`. It is complete.
+    Status link(int directory, const EntryHead& head, int source);
 
     Status append(Bytes bytes);
     void appendHole(std::uint64_t length) { size_ += length; }
 
-    // Completes content and metadata; warns of metadata that could not be set.
+    // Completes content and metadata, but not the inode flags; warns of metadata that could not be set.
     Status finish(const EntryTail& tail);
 
     // Replaces what has that name, except a directory that is not empty.
     Status rename(const std::string& name);
 
-    // An existing file of that name is an error with the code EEXIST.
-    Status renameIfFree(const std::string& name);
+    // Leaves the file where it is, with its temporary name.
+    void release();
 
     void discard();
     [[nodiscard]] bool exists() const { return !name_.empty(); }
+    [[nodiscard]] const std::string& name() const { return name_; }
+
+    // Of the last regular file that was finished.
+    [[nodiscard]] const FileIdentity& identity() const { return identity_; }
 
 private:
-    Status openCreated();
-    Status renamed(int result);
-    [[nodiscard]] Error writeError() const;
+    void begin(int directory, const EntryHead& head);
+    Status openLink();
+    Status finishContent();
+    [[nodiscard]] Error fileError(int code) const { return systemError(code, head_.path); }
 
     ExtractionRun& run_;
-    DiskWriter writer_;
     EntryHead head_;
     std::string name_;     // empty: none
-    FileDescriptor file_;  // O_PATH, of what was created; none when another user may have made it
+    FileDescriptor file_;  // of what was created; none when another user may have made it, or it is complete
     int directory_ = -1;
     std::uint64_t size_ = 0;
     std::uint64_t written_ = 0;  // end of the last byte that is not in a hole
-    bool open_ = false;          // the disk writer has not closed it
     bool linked_ = false;        // made by link()
+    FileIdentity identity_;
 };
 
 }  // namespace tarnwick::qvx

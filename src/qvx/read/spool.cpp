@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "base/handle.h"
+#include "base/random_name.h"
 
 namespace tarnwick::qvx {
 
@@ -21,6 +21,14 @@ FileDescriptor openUnnamed(const char* directory) {
     return FileDescriptor(directory ? ::open(directory, O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600) : -1);
 }
 
+// A file system that cannot have a file without a name.
+FileDescriptor openRemoved(int directory) {
+    const std::string name = ".qvx-" + randomDigits();
+    FileDescriptor file(::openat(directory, name.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_RDWR | O_CLOEXEC, 0600));
+    if (file) ::unlinkat(directory, name.c_str(), 0);
+    return file;
+}
+
 }  // namespace
 
 Result<std::uint64_t> Spool::append(Bytes text) {
@@ -28,10 +36,10 @@ Result<std::uint64_t> Spool::append(Bytes text) {
         if (Status opened = open(); !opened) return opened.error();
     const std::uint64_t position = size_;
     const std::uint64_t length = text.size();
-    std::array<std::uint8_t, sizeof length> bytes{};
+    std::vector<std::uint8_t> bytes(sizeof length);
     std::memcpy(bytes.data(), &length, sizeof length);
+    bytes.insert(bytes.end(), text.begin(), text.end());
     if (Status written = write(bytes); !written) return written.error();
-    if (Status written = write(text); !written) return written.error();
     return position;
 }
 
@@ -45,6 +53,7 @@ Status Spool::read(std::uint64_t position, std::vector<std::uint8_t>& text) cons
 }
 
 Status Spool::open() {
+    if (directory_ >= 0) return openInDirectory();
     file_ = openUnnamed(::secure_getenv("TMPDIR"));
     if (!file_) file_ = openUnnamed("/var/tmp");
     if (file_) return {};
@@ -53,6 +62,12 @@ Status Spool::open() {
     if (named) file_ = FileDescriptor(::fcntl(::fileno(named.get()), F_DUPFD_CLOEXEC, 0));
     if (!file_) return systemError(errno, spoolSubject);
     return {};
+}
+
+Status Spool::openInDirectory() {
+    file_ = FileDescriptor(::openat(directory_, ".", O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
+    if (!file_) file_ = openRemoved(directory_);
+    return file_ ? Status() : systemError(errno, spoolSubject);
 }
 
 Status Spool::write(Bytes bytes) {

@@ -10,10 +10,15 @@
 
 namespace tarnwick::qvx {
 
-// The file has no name, and exists only after the first append(). It is in TMPDIR or /var/tmp, because /tmp is often in
-// memory. For one thread at a time.
+// The file has no name, and exists only after the first append(). For one thread at a time.
 class Spool {
 public:
+    // The file will be in TMPDIR or /var/tmp, because /tmp is often in memory.
+    Spool() = default;
+
+    // The file will be in this open directory, which must outlive the object.
+    explicit Spool(int directory) : directory_(directory) {}
+
     // Returns the position to read the text from.
     Result<std::uint64_t> append(Bytes text);
 
@@ -22,9 +27,11 @@ public:
 
 private:
     Status open();
+    Status openInDirectory();
     Status write(Bytes bytes);
     Status readAt(std::uint64_t position, MutableBytes bytes) const;
 
+    int directory_ = -1;
     FileDescriptor file_;
     std::uint64_t size_ = 0;
 };
