@@ -75,6 +75,8 @@ ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
 ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     if (headerDamage_) report(*headerDamage_);
     const BlockMap map = scanForBlocks(*file_, keys_);
+    if (const auto& place = map.misplaced())
+        report({{"the block is repeated or not in its place"}, place->sequence, place->position});
     const auto indexed = loadIndex();
     if (!indexed) report(indexed.error());
     SalvageReader reader(*file_, keys_, map, sink, report);

@@ -299,6 +299,10 @@ TEST(ArchiveSalvage, ReadsBlocksInAnyOrderAndUpToACut) {
     const auto mixed = archive.with({whole[3], whole[0], whole[6], whole[1], whole[1], whole[4], whole[5], whole[2]});
     EXPECT_EQ(read(By::salvage, mixed).seen, archive.all);
     EXPECT_NE(read(By::salvage, mixed).faults, "");
+    // The index is where it was.
+    const auto swapped = archive.with({whole[1], whole[0], whole[2], whole[3], whole[4], whole[5], whole[6]});
+    EXPECT_EQ(read(By::salvage, swapped).seen, archive.all);
+    EXPECT_NE(read(By::salvage, swapped).faults, "");
     const auto cut = archive.with({whole[0], whole[1], {whole[2].begin(), whole[2].begin() + 5}});
     EXPECT_EQ(read(By::salvage, cut).seen, (Seen{archive.all[0], archive.all[1]}));
 }

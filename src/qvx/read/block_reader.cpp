@@ -109,6 +109,7 @@ Status BlockOpener::decode(OpenedBlock& block, const LeaderSource& leader) {
 }
 
 void BlockMap::add(const BlockPlace& place) {
+    if (place.sequence < positions_.size() && !misplaced_) misplaced_ = place;
     if (place.sequence >= positions_.size()) positions_.resize(place.sequence + 1, missing);
     std::uint64_t& position = positions_[place.sequence];
     if (position == missing) position = place.position;

@@ -79,9 +79,13 @@ public:
     [[nodiscard]] std::optional<BlockPlace> find(std::uint64_t sequence) const;
     [[nodiscard]] std::uint64_t end() const { return positions_.size(); }  // the number after the last block
 
+    // The first block that was added after a later one, or again; none if the blocks were added in order.
+    [[nodiscard]] const std::optional<BlockPlace>& misplaced() const { return misplaced_; }
+
 private:
     static constexpr std::uint64_t missing = ~std::uint64_t{0};
 
+    std::optional<BlockPlace> misplaced_;
     std::deque<std::uint64_t> positions_;  // not a vector, which needs twice the memory when it grows
 };
 
