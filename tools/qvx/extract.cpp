@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <memory>
 
 #include "archive_access.h"
@@ -19,6 +20,8 @@ struct ExtractionOptions : ArchiveOptions {
     std::vector<std::string> paths;  // empty for all entries
     bool salvage = false;
     bool preserve = false;
+    bool force = false;
+    std::string limit;  // SIZE; empty for none
 };
 
 // The paths of the command line, each with everything below it.
@@ -97,7 +100,22 @@ void reportLeftOut(const DiskSink& sink) {
     if (!kinds.empty()) report("not restored: " + kinds + "; --preserve restores them, for root only");
 }
 
+// Bytes: a number, with K, M, G or T for powers of 1024.
+std::optional<std::uint64_t> parseSize(std::string_view text) {
+    constexpr std::string_view units = "KMGT";
+    const std::size_t unit = text.empty() ? units.npos : units.find(text.back());
+    if (unit != units.npos) text.remove_suffix(1);
+    const unsigned shift = unit == units.npos ? 0 : static_cast<unsigned>(10 * (unit + 1));
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool valid = error == std::errc() && end == text.data() + text.size() && number << shift >> shift == number;
+    return valid ? std::optional(number << shift) : std::nullopt;
+}
+
 CommandResult runExtract(const ExtractionOptions& options) {
+    const auto limit = parseSize(options.limit);
+    if (!limit && !options.limit.empty())
+        return CommandError{{"not a number of bytes, with K, M, G or T", 0, options.limit}, exitUsage};
     if (options.preserve && geteuid() != 0) return CommandError{{"only root can use --preserve"}};
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
@@ -107,6 +125,8 @@ CommandResult runExtract(const ExtractionOptions& options) {
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
                                     .preserve = options.preserve,
+                                    .limit = limit,
+                                    .fillsDisk = options.force,
                                     .report = [](const Error& problem) { report(problem); },
                                     .interrupted = interrupted});
     const bool complete = extractEntries(options, **reader, sink);
@@ -123,6 +143,8 @@ CommandRun declareExtract(CommandOptions& command) {
     command.add("-C,--directory", options->directory, "where to; the working directory otherwise");
     command.addFlag("--salvage", options->salvage, "extract the intact files of a damaged archive");
     command.addFlag("--preserve", options->preserve, "restore owners, special modes, flags and all attributes");
+    command.add("--limit", options->limit, "write at most so many bytes; with K, M, G or T, powers of 1024");
+    command.addFlag("--force", options->force, "fill the disk");
     declareKeyAndArchive(command, *options);
     command.add("PATH", options->paths, "entries to extract, with all below them; otherwise all");
     command.exclude("--salvage", "PATH");

@@ -131,6 +131,7 @@ Status DeferredWork::add(const EntryHead& head, std::uint8_t task, Bytes details
     out.varint(headBytes.size());
     out.bytes(headBytes);
     out.bytes(details);
+    if (auto charged = run_.chargeSpace(record.size()); !charged) return charged;
     const auto position = spool_.append(record);
     if (!position) return position.error();
     const auto depth = static_cast<std::uint64_t>(std::ranges::count(head.path, '/'));
@@ -138,14 +139,14 @@ Status DeferredWork::add(const EntryHead& head, std::uint8_t task, Bytes details
     return {};
 }
 
-void DeferredWork::finish(ExtractionRun& run, Destination& destination) {
+void DeferredWork::finish(Destination& destination) {
     std::ranges::sort(places_);
-    Worker worker(run, destination);
+    Worker worker(run_, destination);
     std::vector<std::uint8_t> record;
     for (const std::uint64_t place : places_) {
         Status done = spool_.read(place & maxPosition, record);
         if (done) done = worker.run(record);
-        if (!done) run.fail(done.error());
+        if (!done) run_.fail(done.error());
     }
     places_.clear();
 }

@@ -14,8 +14,8 @@ namespace tarnwick::qvx {
 // Memory: 8 bytes for each task. The rest is in the spool.
 class DeferredWork {
 public:
-    // `spool` must outlive this object.
-    explicit DeferredWork(Spool& spool) : spool_(spool) {}
+    // Both must outlive this object.
+    DeferredWork(ExtractionRun& run, Spool& spool) : run_(run), spool_(spool) {}
 
     // Will set all metadata of the directory. Of two entries with the same path, the later one counts.
     Status addDirectory(const EntryHead& head, const EntryTail& tail);
@@ -29,11 +29,12 @@ public:
 
     // Does all of it, and reports what could not be done. The deepest path is first, so that a directory comes after
     // what is in it.
-    void finish(ExtractionRun& run, Destination& destination);
+    void finish(Destination& destination);
 
 private:
     Status add(const EntryHead& head, std::uint8_t task, Bytes details);
 
+    ExtractionRun& run_;
     Spool& spool_;
     std::deque<std::uint64_t> places_;  // in the spool, each with the depth of the path
 };

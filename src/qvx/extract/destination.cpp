@@ -12,15 +12,19 @@ namespace {
 
 // An archive may contain a link and then an entry below it, to write outside of the destination. So a link is refused
 // in every component.
-FileDescriptor openDirectory(int directory, const std::string& name) {
+FileDescriptor openDirectory(ExtractionRun&, int directory, const std::string& name) {
     return FileDescriptor(openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-FileDescriptor makeDirectory(int directory, const std::string& name) {
-    if (FileDescriptor opened = openDirectory(directory, name)) return opened;
+FileDescriptor makeDirectory(ExtractionRun& run, int directory, const std::string& name) {
+    if (FileDescriptor opened = openDirectory(run, directory, name)) return opened;
+    if (const auto charged = run.charge(ExtractionRun::minCharge); !charged) {
+        errno = charged.error().code;
+        return {};
+    }
     // Something else is there, or another program made it first: the second call says which.
     if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) return {};
-    return openDirectory(directory, name);
+    return openDirectory(run, directory, name);
 }
 
 Error openError(int code, std::string_view path) {
@@ -52,7 +56,7 @@ Result<int> Destination::parent(std::string_view path, OpenDirectory openCompone
     for (std::size_t begin = 0; begin < parentPath.size();) {
         const std::size_t end = std::min(parentPath.find('/', begin), parentPath.size());
         const int from = directory ? directory.get() : root_;
-        FileDescriptor next = openComponent(from, std::string(parentPath.substr(begin, end - begin)));
+        FileDescriptor next = openComponent(run_, from, std::string(parentPath.substr(begin, end - begin)));
         if (!next) return openError(errno, path);
         directory = std::move(next);
         begin = end + 1;

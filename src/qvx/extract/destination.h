@@ -7,13 +7,14 @@
 
 #include "base/error.h"
 #include "base/handle.h"
+#include "qvx/extract/extraction_run.h"
 
 namespace tarnwick::qvx {
 
 class Destination {
 public:
-    // `root` is an open directory, which must outlive this object.
-    explicit Destination(int root) : root_(root) {}
+    // `root` is an open directory, which must outlive this object, as must `run`.
+    Destination(ExtractionRun& run, int root) : run_(run), root_(root) {}
 
     // Opens the directory that contains the last component of `path`, one component after another, never through a
     // link. The descriptor is valid until the next call. `path` has no empty, "." or ".." component. An error with the
@@ -33,10 +34,11 @@ public:
     static std::string nameOf(std::string_view path);
 
 private:
-    using OpenDirectory = FileDescriptor (*)(int, const std::string&);
+    using OpenDirectory = FileDescriptor (*)(ExtractionRun&, int, const std::string&);
 
     Result<int> parent(std::string_view path, OpenDirectory openComponent);
 
+    ExtractionRun& run_;
     int root_;
     std::shared_ptr<const FileDescriptor> parent_;
     std::string parentPath_;

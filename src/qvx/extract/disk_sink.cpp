@@ -64,7 +64,7 @@ void DiskSink::abandon() {
 void DiskSink::finishDirectories() {
     file_.discard();  // of an entry that was begun when the reading ended
     waitForPending();
-    deferred_.finish(run_, destination_);
+    deferred_.finish(destination_);
 }
 
 Status DiskSink::beginEntry() {
@@ -75,7 +75,9 @@ Status DiskSink::beginEntry() {
     if (!parent) return parent.error();
     parent_ = *parent;
     file_.begin(parent_, head_);
-    return head_.type == EntryType::directory ? createDirectory(parent_, name_) : Status();
+    if (head_.type != EntryType::directory) return {};
+    auto charged = run_.charge(ExtractionRun::minCharge);
+    return charged ? createDirectory(parent_, name_) : charged;
 }
 
 Status DiskSink::finishEntry(const EntryTail& tail, const ContentReader& content) {

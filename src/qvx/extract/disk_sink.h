@@ -22,10 +22,10 @@ class DiskSink : public EntrySink {
 public:
     // `directory` is an open directory, which must outlive the sink.
     DiskSink(int directory, ExtractOptions options)
-        : run_(std::move(options)),
-          destination_(directory),
+        : run_(std::move(options), directory),
+          destination_(run_, directory),
           spool_(directory),
-          deferred_(spool_),
+          deferred_(run_, spool_),
           extracted_(run_, directory, spool_) {}
 
     bool begin(const EntryHead& head) override;

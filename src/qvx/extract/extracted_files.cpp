@@ -10,6 +10,7 @@ Status ExtractedFiles::add(std::uint64_t number, const ExtractedFile& file) {
     WireWriter out(record);
     encodeIdentity(file.identity, out);
     out.text(file.path);
+    if (auto charged = run_.chargeSpace(record.size()); !charged) return charged;
     const auto position = spool_.append(record);
     if (!position) return position.error();
     places_.add(number, *position);

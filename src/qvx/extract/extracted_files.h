@@ -25,8 +25,8 @@ struct ExtractedFile {
 class ExtractedFiles {
 public:
     // `directory` is the destination. All arguments must outlive this object.
-    ExtractedFiles(const ExtractionRun& run, int directory, Spool& spool)
-        : run_(run), destination_(directory), spool_(spool) {}
+    ExtractedFiles(ExtractionRun& run, int directory, Spool& spool)
+        : run_(run), destination_(run, directory), spool_(spool) {}
 
     Status add(std::uint64_t number, const ExtractedFile& file);
     [[nodiscard]] std::optional<ExtractedFile> find(std::uint64_t number) const;
@@ -45,7 +45,7 @@ private:
     FileDescriptor open(const ExtractedFile& file, int flags);
     [[nodiscard]] FileDescriptor openSame(const ExtractedFile& file);
 
-    const ExtractionRun& run_;
+    ExtractionRun& run_;
     Destination destination_;  // not the sink's, because openParent() would close its directory
     Spool& spool_;
     EntryPlaces places_;  // in the spool

@@ -18,8 +18,16 @@ constexpr const char* privilegeNames[] = {"owners", "set-id and sticky bits", "a
 
 }  // namespace
 
-ExtractionRun::ExtractionRun(ExtractOptions options)
-    : options_(std::move(options)), umask_(options_.preserve ? 0 : currentUmask()) {}
+ExtractionRun::ExtractionRun(ExtractOptions options, int directory)
+    : options_(std::move(options)),
+      umask_(options_.preserve ? 0 : currentUmask()),
+      budget_(directory, options_.limit, options_.fillsDisk) {}
+
+Status ExtractionRun::stopIfFailed(const Status& charged) {
+    if (charged) return {};
+    if (!stopped_.exchange(true)) fail(charged.error());
+    return systemError(ECANCELED);
+}
 
 std::string ExtractionRun::leftOut() const {
     std::string text;

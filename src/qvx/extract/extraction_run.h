@@ -4,12 +4,14 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
 
 #include "base/error.h"
+#include "qvx/extract/write_budget.h"
 
 namespace tarnwick::qvx {
 
@@ -19,6 +21,9 @@ struct ExtractOptions {
     // Restore owners, set-id and sticky bits, inode flags and all attributes. For root only: anybody can make an
     // archive that has a program of root with the set-user-id bit.
     bool preserve = false;
+
+    std::optional<std::uint64_t> limit = std::nullopt;  // bytes that may be written; see ExtractionRun::charge()
+    bool fillsDisk = false;                             // leave nothing of the file system free
 
     // Receives each problem; the subject is the path of the entry. Several threads call it, one at a time. It must not
     // throw.
@@ -34,8 +39,9 @@ enum class Privilege : unsigned { owner, specialBits, attribute, flag };
 // Any thread may call any function at any time.
 class ExtractionRun {
 public:
-    // Reads the umask by changing it for a moment: no other thread may create files meanwhile.
-    explicit ExtractionRun(ExtractOptions options);
+    // `directory` is the destination, which must outlive this object. Reads the umask by changing it for a moment: no
+    // other thread may create files meanwhile.
+    ExtractionRun(ExtractOptions options, int directory);
 
     // Reports a problem that does not make the extraction fail: metadata that could not be set.
     void warn(const Error& problem) {
@@ -46,11 +52,20 @@ public:
     // Reports a problem that makes the extraction fail.
     void fail(const Error& problem) {
         failed_ = true;
-        warn(problem);
+        if (problem.code != ECANCELED) warn(problem);
     }
 
+    // Counts data that will be written now: bytes of contents, and at least 4096 for each file, directory and link.
+    // Fails if they exceed the limit or the disk. That is reported once, the extraction is then interrupted, and the
+    // error that is returned is not to be reported.
+    Status charge(std::uint64_t bytes) { return stopIfFailed(budget_.charge(bytes)); }
+    static constexpr std::uint64_t minCharge = 4096;
+
+    // The same for temporary data, which do not count for the limit.
+    Status chargeSpace(std::uint64_t bytes) { return stopIfFailed(budget_.chargeSpace(bytes)); }
+
     [[nodiscard]] bool failed() const { return failed_; }
-    [[nodiscard]] bool interrupted() const { return options_.interrupted(); }
+    [[nodiscard]] bool interrupted() const { return stopped_ || options_.interrupted(); }
     [[nodiscard]] bool keepsIncomplete() const { return options_.keepIncomplete; }
 
     [[nodiscard]] bool preserves() const { return options_.preserve; }
@@ -61,10 +76,14 @@ public:
     [[nodiscard]] std::string leftOut() const;  // "owners, inode flags"; empty for none
 
 private:
+    Status stopIfFailed(const Status& charged);
+
     const ExtractOptions options_;
     const mode_t umask_;
     std::mutex mutex_;  // for calls of options_.report
+    WriteBudget budget_;
     std::atomic<bool> failed_ = false;
+    std::atomic<bool> stopped_ = false;
     std::atomic<unsigned> leftOut_ = 0;  // bits by Privilege
 };
 

@@ -19,16 +19,17 @@ std::string randomName() { return ".qvx-" + randomDigits(); }
 
 }  // namespace
 
-void TemporaryFile::begin(int directory, const EntryHead& head) {
+Status TemporaryFile::begin(int directory, const EntryHead& head) {
     discard();
-    size_ = written_ = 0;
+    size_ = data_ = written_ = 0;
     linked_ = false;
     directory_ = directory;
     head_ = head;
+    return run_.charge(ExtractionRun::minCharge);
 }
 
 Status TemporaryFile::create(int directory, const EntryHead& head) {
-    begin(directory, head);
+    if (auto begun = begin(directory, head); !begun) return begun;
     const std::string name = randomName();
     file_ = FileDescriptor(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file_) return fileError(errno);
@@ -37,7 +38,7 @@ Status TemporaryFile::create(int directory, const EntryHead& head) {
 }
 
 Status TemporaryFile::createLink(int directory, const EntryHead& head, const std::string& target) {
-    begin(directory, head);
+    if (auto begun = begin(directory, head); !begun) return begun;
     const std::string name = randomName();
     if (symlinkat(target.c_str(), directory, name.c_str()) != 0) return fileError(errno);
     name_ = name;
@@ -56,7 +57,7 @@ Status TemporaryFile::openLink() {
 }
 
 Status TemporaryFile::link(int directory, const EntryHead& head, int source) {
-    begin(directory, head);
+    if (auto begun = begin(directory, head); !begun) return begun;
     linked_ = true;
     const std::string name = randomName();
     const std::string place = "/proc/self/fd/" + std::to_string(source);
@@ -66,7 +67,15 @@ Status TemporaryFile::link(int directory, const EntryHead& head, int source) {
     return {};
 }
 
+// The first bytes were counted when the file was made.
+Status TemporaryFile::chargeData(std::uint64_t bytes) {
+    const std::uint64_t before = std::max(data_, ExtractionRun::minCharge);
+    data_ += bytes;
+    return data_ > before ? run_.charge(data_ - before) : Status();
+}
+
 Status TemporaryFile::append(Bytes bytes) {
+    if (auto charged = chargeData(bytes.size()); !charged) return charged;
     while (!bytes.empty()) {
         const Bytes piece = bytes.first(std::min(bytes.size(), writePiece));
         const ssize_t count = pwrite(file_.get(), piece.data(), piece.size(), static_cast<off_t>(size_));

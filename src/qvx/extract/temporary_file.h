@@ -49,7 +49,8 @@ public:
     [[nodiscard]] const FileIdentity& identity() const { return identity_; }
 
 private:
-    void begin(int directory, const EntryHead& head);
+    Status begin(int directory, const EntryHead& head);
+    Status chargeData(std::uint64_t bytes);
     Status openLink();
     Status finishContent();
     [[nodiscard]] Error fileError(int code) const { return systemError(code, head_.path); }
@@ -60,6 +61,7 @@ private:
     FileDescriptor file_;  // of what was created; none when another user may have made it, or it is complete
     int directory_ = -1;
     std::uint64_t size_ = 0;
+    std::uint64_t data_ = 0;     // bytes that are not in a hole
     std::uint64_t written_ = 0;  // end of the last byte that is not in a hole
     bool linked_ = false;        // made by link()
     FileIdentity identity_;
