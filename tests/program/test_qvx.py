@@ -213,6 +213,22 @@ class Qvx(Scenario):
                 self.run_qvx("create", "-r", "/media/key.pub", "-o", f"{OUT}/{name}", SOURCE, limits=refuse)
             self.assertEqual((os.listdir(OUT), read(OUT + "/archive")), (["archive"], "old"))
 
+    def test_extraction_stops_before_the_disk_is_full(self):
+        for number in range(20):
+            write(f"{SOURCE}/{number % 4}/{number:02}", os.urandom(1 << 20))
+        self.create()
+        self.lay(OUT, "size=16m")
+        for words in ["--limit", "4M"], [], ["--force"], ["--limit", "99999999T"], ["--limit", "1m"]:
+            self.run_qvx("extract", *KEY, *words, "-C", OUT, ARCHIVE)
+            space = os.statvfs(OUT)
+            used = (space.f_blocks - space.f_bfree) * space.f_frsize
+            if words == ["--limit", "4M"]:
+                self.assertTrue(2 << 20 < used <= 4 << 20, used)
+            elif not words:
+                self.assertTrue(space.f_blocks <= space.f_bavail * 20 < 4 * space.f_blocks, space)
+            self.assertEqual(call("find", OUT, "-name", ".qvx*"), "")
+            world.clear(OUT)
+
     def test_reports_what_an_archive_lacks(self):
         os.makedirs(SOURCE + "/closed", 0)
         os.chmod(write(SOURCE + "/secret", "x"), 0)

@@ -96,6 +96,7 @@ struct Extraction {
     DiskSink sink{root.get(),
                   {.keepIncomplete = wanted.keepIncomplete,
                    .preserve = wanted.preserve,
+                   .limit = wanted.limit,
                    .report = [this](const Error& error) { problems.insert(error.subject + ": " + error.text); },
                    .interrupted = [this] { return stop; }}};
 };
@@ -172,6 +173,59 @@ TEST(DiskSink, WritesAgainOnlyWhatIsNotInPlace) {
     fs::resize_file(run.in / "a", 1 << 20);  // by somebody else: it ends with a hole
     run.extract("e:0");
     EXPECT_EQ(run.rereads, 1U);
+}
+
+// Of the process, in all calls that read.
+std::uint64_t bytesRead() {
+    std::ifstream counters("/proc/self/io");
+    std::string name;
+    std::uint64_t count = 0;
+    counters >> name >> count;
+    return name == "rchar:" ? count : ~0ULL;
+}
+
+TEST(DiskSink, ReadsContentForEachLinkOrRepetition) {
+    Extraction run;
+    run.head.modified = 7;
+    run.extract("a=" + std::string(1 << 20, 'x') + '@');
+    const auto before = bytesRead();
+    for (unsigned i = 0; i < 50; ++i) run.extract('b' + std::to_string(i) + "#0 a:0");
+    EXPECT_LT(bytesRead() - before, 1U << 20);
+    EXPECT_EQ(fs::hard_link_count(run.in / "a"), 51U);
+    EXPECT_EQ(run.rereads, 0U);
+}
+
+TEST(DiskSink, WritesMoreThanLimit) {
+    struct {
+        std::string name;
+        unsigned limit;  // times 4096 bytes
+        std::string archive, after;
+    } const cases[] = {
+        {"SkipsDirectories", 2, "a/ b/ c/", "a/ b/"},
+        {"SkipsParents", 2, "a/b/c=1@", "a/ a/b/"},
+        {"SkipsLinks", 2, "a=1@ b#0 c>x", "a#1@ b#1@"},
+        {"SkipsCopies", 2, "a=1 b:0 c:0", "a=1 b=1"},
+        {"SkipsSmallContents", 2, "a=" + std::string(8193, 'x') + " b=1", ""},
+        {"SkipsLargeContents", 2, "a=" + std::string(8192, 'x') + "@ b>x", ""},
+        {"CountsHoles", 1, "a=1@", "a=1@"},
+    };
+    for (const auto& [name, limit, archive, after] : cases) {
+        SCOPED_TRACE(name);
+        Extraction run({.keepIncomplete = true, .limit = limit * 4096});
+        run.extract(archive);
+        EXPECT_EQ(run.tree(), after);
+        EXPECT_EQ(run.problems.size(), name == "CountsHoles" ? 0U : 1U);
+    }
+}
+
+TEST(EntryPlaces, ForgetsEntries) {
+    EntryPlaces places;
+    constexpr std::uint64_t count = 99991, step = 31337;  // a prime, so that each number comes once
+    for (std::uint64_t i = 0; i < count; ++i) places.add(2 * (i * step % count), i << 20);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        ASSERT_EQ(places.find(2 * (i * step % count)), i << 20);
+        ASSERT_FALSE(places.find(2 * i + 1));
+    }
 }
 
 TEST(DiskSink, MixesAbandonedFileIntoNext) {
