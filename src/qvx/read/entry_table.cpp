@@ -15,7 +15,7 @@ constexpr std::uint32_t isIncomplete = 1U << 31;
 }  // namespace
 
 EntryTable::EntryTable() : slots_(firstSlots) {
-    std::random_device random;
+    std::mt19937 random(std::random_device{}());  // the device alone takes a microsecond for each number
     for (auto& row : hash_) std::ranges::generate(row, std::ref(random));
 }
 
