@@ -157,7 +157,7 @@ class Qvx(Scenario):
     # Without the leader, no block of its group can be opened.
     def test_blocks_without_their_leader_are_reported_together(self):
         blocks = content(SAMPLES + "blocks.qvx")
-        write(ARCHIVE, blocks[:300] + b"damaged" + blocks[307:])
+        write(ARCHIVE, blocks[:500] + b"damaged" + blocks[507:])
         self.run_qvx("verify", "--key", SAMPLES + "recipient.pem", ARCHIVE)
 
     # SOURCE/name/ddd.../ddd with a folder, a file and a link whose paths have exactly `length` bytes. The kernel refuses
@@ -201,7 +201,7 @@ class Qvx(Scenario):
 
     def test_full_disk_is_reported(self):
         self.lay(OUT, "size=4m")
-        self.frozen("extract", "blocks", "-C", OUT)
+        self.frozen("extract", "blocks", "--force", "-C", OUT)
         self.files()
 
     def test_create_on_a_full_disk_leaves_the_old_archive(self):

@@ -191,8 +191,9 @@ class Archive {
     const present = fields.count();
     ["uid", "gid", "mode", "flags"].forEach((key, bit) => { if (present & (1 << bit)) entry[key] = fields.count(); });
     if (present & 0x10) entry.mtime_ns = fields.read(8).readBigInt64LE();
-    if (present & 0x20) entry.ctime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
-    if (present & 0x40) entry.btime_ns = zigzag(fields.varint()) + (entry.mtime_ns ?? 0n);
+    const time = () => BigInt.asIntN(64, zigzag(fields.varint()) + (entry.mtime_ns ?? 0n));
+    if (present & 0x20) entry.ctime_ns = time();
+    if (present & 0x40) entry.btime_ns = time();
     const within = (entry.flags ?? 0) < 2 ** 32 && [entry.uid, entry.gid].every((id = 0) => id < 2 ** 32 - 1);
     demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777 && within, "an entry has an unknown field or mode");
     const announced = type > 0x80;
