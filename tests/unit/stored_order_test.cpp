@@ -282,6 +282,19 @@ TEST(StoredOrder, CountsLostEntriesWithoutAnIndex) {
     EXPECT_NE(reading.faults.find("entries lost whose names are not known: 40"), std::string::npos) << reading.faults;
 }
 
+// Each header costs an attempt to unseal a block of 1 MiB.
+TEST(StoredOrder, EndsTheSearchAmongFalseBlockHeaders) {
+    ByteVector bytes = ArchiveBuilder().file("x", "a").finish();
+    for (std::uint64_t i = 0; i < 200; ++i) {
+        const auto header = encodeBlockHeader({blockSize + tagSize, 0, i});
+        bytes.insert(bytes.end(), header.begin(), header.end());
+    }
+    bytes.resize(bytes.size() + 2 * blockSize);
+    Reading reading(bytes);
+    EXPECT_EQ(reading.salvaged(), Seen{"x=a"});
+    EXPECT_LT(reading.readings(), 20);
+}
+
 #ifndef __SANITIZE_ADDRESS__  // it has an allocator of its own
 std::size_t statusKilobytes(const std::string& wanted) {
     std::ifstream status("/proc/self/status");
