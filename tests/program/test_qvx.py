@@ -199,11 +199,6 @@ class Qvx(Scenario):
             self.assertEqual(process.returncode, 1)
             self.assertEqual([path for path in self.entries(ARCHIVE) if len(path) > 4091 or path[-4:] == "zero"], paths[-4:])
 
-    def test_full_disk_is_reported(self):
-        self.lay(OUT, "size=4m")
-        self.frozen("extract", "blocks", "--force", "-C", OUT)
-        self.files()
-
     def test_create_on_a_full_disk_leaves_the_old_archive(self):
         self.lay(OUT, "size=4m")
         write(SOURCE, os.urandom(5 << 20))

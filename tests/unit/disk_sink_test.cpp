@@ -9,6 +9,7 @@
 
 #include "qvx/format/access_list.h"
 #include "unit/archive_builder.h"
+#include "unit/peak_memory.h"
 #include "unit/temporary_folder.h"
 
 using namespace tarnwick;
@@ -217,6 +218,32 @@ TEST(DiskSink, WritesMoreThanLimit) {
         EXPECT_EQ(run.problems.size(), name == "CountsHoles" ? 0U : 1U);
     }
 }
+
+#ifndef __SANITIZE_ADDRESS__
+// 46 MB of paths, of files and of directories with attributes.
+TEST(DiskSink, KeepsPathsOrAttributesInMemory) {
+    constexpr std::size_t count = 12000, maxKilobytes = 20480;
+    Extraction run;
+    std::string folder;
+    for (unsigned i = 0; i < 15; ++i) folder += std::string(250, 'd') + '/';
+    EntryTail tail;
+    tail.attributes = {{"user.x", std::string(2000, 'x')}};
+    EXPECT_LT(test::peakOf([&] {
+                  for (std::size_t i = 0; i < count; ++i) {
+                      const bool isFile = i % 2 == 0;
+                      run.head.number = (i * 7919) % count;
+                      run.head.type = isFile ? EntryType::file : EntryType::directory;
+                      run.head.path = folder + std::to_string(i);
+                      run.sink.begin(run.head);
+                      run.sink.finish(isFile ? EntryTail{} : tail, {});
+                  }
+                  run.sink.finishDirectories();
+              }),
+              maxKilobytes);
+    EXPECT_EQ(run.problems, std::multiset<std::string>());
+    EXPECT_EQ(getxattr((run.in / folder / "11999").c_str(), "user.x", nullptr, 0), 2000);
+}
+#endif
 
 TEST(EntryPlaces, ForgetsEntries) {
     EntryPlaces places;

@@ -1,13 +1,13 @@
 // Archives whose entries are stored in another order than that of their numbers, honest and hostile.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <fstream>
 
 #include "qvx/listing.h"
 #include "unit/archive_builder.h"
+#include "unit/peak_memory.h"
 
 using namespace tarnwick;
 using namespace tarnwick::test;
@@ -296,23 +296,6 @@ TEST(StoredOrder, EndsTheSearchAmongFalseBlockHeaders) {
 }
 
 #ifndef __SANITIZE_ADDRESS__  // it has an allocator of its own
-std::size_t statusKilobytes(const std::string& wanted) {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;)
-        if (std::size_t value = 0; word == wanted && status >> value) return value;
-    return 0;
-}
-
-// By how much the memory of this process rises meanwhile, in KiB.
-template <typename Step>
-std::size_t peakOf(const Step& step) {
-    ::malloc_trim(0);
-    std::ofstream("/proc/self/clear_refs") << "5";  // the peak begins here
-    const std::size_t before = statusKilobytes("VmRSS:");
-    step();
-    return statusKilobytes("VmHWM:") - before;
-}
-
 // 90 MB of paths, more than all memory that may be used.
 TEST(StoredOrder, KeepsNoPathOfAnEntryInMemory) {
     constexpr std::size_t count = 24000, maxKilobytes = 81920 + 64 * count / 1024;
