@@ -48,7 +48,9 @@ bool ExtractedFiles::copy(const ExtractedFile& file, const EntryTail& tail, Temp
 bool ExtractedFiles::isInPlace(const ExtractedFile& file, const EntryHead& head) {
     const FileDescriptor same = openSame(file);
     struct stat status {};
-    return same && fstat(same.get(), &status) == 0 && restoredMode(run_, head) == (status.st_mode & 07777U) &&
+    if (!same || fstat(same.get(), &status) != 0) return false;
+    const bool sameOwner = !run_.preserves() || (head.userId == status.st_uid && head.groupId == status.st_gid);
+    return sameOwner && restoredMode(run_, head) == (status.st_mode & 07777U) &&
            head.modified == file.identity.modified;
 }
 

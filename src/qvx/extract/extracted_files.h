@@ -38,7 +38,7 @@ public:
     // incomplete or wrong.
     bool copy(const ExtractedFile& file, const EntryTail& tail, TemporaryFile& copy);
 
-    // Whether it is still the same file, and has the mode and time of this other entry.
+    // Whether it is still the same file, and has the mode, time and (if restored) owner of this other entry.
     [[nodiscard]] bool isInPlace(const ExtractedFile& file, const EntryHead& head);
 
 private:

@@ -12,7 +12,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t bufferSize = 1048576;
+constexpr off_t maxBuffer = 1048576;
 
 // The end of the data or of the hole at `at`. File systems that do not report holes have data only.
 off_t seek(int file, off_t at, int whence, off_t fallback, off_t size) {
@@ -35,7 +35,7 @@ bool readData(int file, off_t begin, off_t end, MutableBytes buffer, EntrySink& 
 
 bool readAll(int file, EntrySink& sink) {
     const off_t size = lseek(file, 0, SEEK_END);
-    std::vector<std::uint8_t> buffer(bufferSize);
+    std::vector<std::uint8_t> buffer(static_cast<std::size_t>(std::clamp<off_t>(size, 0, maxBuffer)));
     for (off_t at = 0; at < size;) {
         const off_t begin = seek(file, at, SEEK_DATA, at, size);
         const off_t end = seek(file, begin, SEEK_HOLE, size, size);
