@@ -369,6 +369,7 @@ class Preserve(Disks):
             write(f"/media/disk/source/{name}", name)
         source = "/media/disk/source/"
         os.link(source + "immutable", source + "second")
+        os.chmod(source + "capable", 0o444)
         os.chown(source + "program", 1000, 1001)
         os.chown(source + "closed", 1000, 1000)
         os.chmod(source + "program", 0o6777)

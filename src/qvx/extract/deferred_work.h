@@ -17,7 +17,7 @@ public:
     // Both must outlive this object.
     DeferredWork(ExtractionRun& run, Spool& spool) : run_(run), spool_(spool) {}
 
-    // Will set all metadata of the directory. Of two entries with the same path, the later one counts.
+    // Will set all metadata of the directory. Of two entries with the same path, the later one is set last.
     Status addDirectory(const EntryHead& head, const EntryTail& tail);
 
     // Will set the inode flags of the file, if it is still there.

@@ -129,17 +129,17 @@ std::size_t attributeMemory(const EntryTail& tail) {
 void restoreMetadata(ExtractionRun& run, const EntryHead& head, const EntryTail& tail, int file) {
     if (!run.preserves() && hasInodeFlags(head)) run.leaveOut(Privilege::flag);
     MetadataWriter writer(run, head, file);
-    // A change of the owner clears set-id bits and file capabilities, and a change of the mode changes the mask of an
-    // access list.
+    // A change of the owner clears set-id bits and file capabilities, a user cannot set attributes of a file that the
+    // mode protects from writing, and a change of the mode changes the mask of an access list.
     writer.setOwner();
+    if (tail.attributes)
+        for (const auto& attribute : *tail.attributes) writer.setAttribute(attribute);
     if (head.type != EntryType::link) {  // which has neither mode nor lists
         const auto lists = tail.accessLists.value_or(AccessLists{});
         writer.setMode();
         writer.setList(lists.access, accessListAttribute);
         if (head.type == EntryType::directory) writer.setList(lists.defaultList, defaultListAttribute);
     }
-    if (tail.attributes)
-        for (const auto& attribute : *tail.attributes) writer.setAttribute(attribute);
     writer.setTime();
 }
 
