@@ -63,7 +63,7 @@ inline constexpr std::uint8_t entryDigestAnnounced = 0x80;  // bit in the byte o
 
 inline constexpr std::uint8_t indexIncomplete = 0x80;  // bit in the byte of the type of an index entry
 
-inline constexpr std::uint64_t maxEntries = 4294967295;  // of one archive
+inline constexpr std::uint64_t maxEntries = 4294967295;    // of one archive
 inline constexpr std::uint64_t minIndexPartEntries = 128;  // the last part may have fewer
 inline constexpr std::size_t maxPathLength = 4095;
 inline constexpr unsigned maxMode = 07777;
