@@ -43,8 +43,8 @@ Result<void, ReadFault> DeferredEntries::dropReplaced(ArchiveIndex& index, const
     // Of several with one path, the one with the highest number comes first and stays.
     std::ranges::sort(waiting_, std::ranges::greater(),
                       [](const Waiting& waiting) { return std::pair(waiting.pathHash, waiting.number); });
-    const auto [end, last] = std::ranges::unique(waiting_, {}, &Waiting::pathHash);
-    waiting_.erase(end, last);
+    const auto samePath = [](const Waiting& a, const Waiting& b) { return a.pathHash == b.pathHash; };
+    waiting_.erase(std::unique(waiting_.begin(), waiting_.end(), samePath), waiting_.end());
     const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
         const auto found =
             std::ranges::lower_bound(waiting_, hashOf(entry.path), std::ranges::greater(), &Waiting::pathHash);
