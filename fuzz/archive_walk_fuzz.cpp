@@ -8,18 +8,20 @@ using namespace tarnwick::qvx;
 
 namespace {
 
+constexpr std::uint32_t blockDistance = 100;  // in the file, as the root of an intact archive states it
+
 std::vector<OpenedBlock> blocksOf(Bytes input) {
     std::vector<OpenedBlock> blocks;
     while (input.size() >= 2) {
         const Bytes plain = input.subspan(2, std::min<std::size_t>(input[0] + 256U * input[1], input.size() - 2));
         OpenedBlock block;
-        block.place = {blocks.size(), headerSize(1) + 100 * blocks.size()};
-        block.header = {84, 0, blocks.size()};
+        block.place = {blocks.size(), headerSize(1) + blockDistance * blocks.size()};
+        block.header = {blockDistance - blockHeaderSize, 0, blocks.size()};
         block.plain.assign(plain.begin(), plain.end());
         blocks.push_back(std::move(block));
         input = input.subspan(2 + plain.size());
     }
-    if (!blocks.empty()) blocks.back().header.flags = blockLast;
+    if (!blocks.empty()) blocks.back().header = {lastBlockSize - blockHeaderSize, blockLast, blocks.size() - 1};
     return blocks;
 }
 
