@@ -67,6 +67,7 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
         {"reference with digest", tail, "0400", "05" + digest + "00"},
         {"reference with size", tail, "0400", "06000000"},
         {"reference with lost content", tail, "440000", "4400010001"},
+        {"entry with the content", tail, "04feffffff0f", "04ffffffff0f"},
         {"hard link without reference", tail, "0c00", "08"},
         {"name without rest", tail, "100106757365722e6100", "100105757365722e00"},
         {"name of another kind", tail, "100106757365722e6100", "100106746573742e6100"},

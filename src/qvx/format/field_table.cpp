@@ -222,7 +222,6 @@ constexpr FieldRow<Part> row(std::string_view key, void (*encode)(const Part&, W
 }
 
 constexpr std::uint64_t max32 = std::numeric_limits<std::uint32_t>::max();
-constexpr std::uint64_t max64 = std::numeric_limits<std::uint64_t>::max();
 
 constexpr FieldRow<EntryHead> headRows[] = {
     numberRow<&EntryHead::userId, maxId, EntryHead>("UID", captureUser),
@@ -237,7 +236,7 @@ constexpr FieldRow<EntryHead> headRows[] = {
 constexpr FieldRow<EntryTail> tailRows[] = {
     row<&EntryTail::digest, EntryTail>("SH2", encodeDigest, decodeDigest),
     row<&EntryTail::totals, EntryTail>("SLC", encodeTotals, decodeTotals),
-    numberRow<&EntryTail::contentOf, max64, EntryTail>("CLC", nullptr),
+    numberRow<&EntryTail::contentOf, maxEntries - 1, EntryTail>("CLC", nullptr),
     row<&EntryTail::hardLink, EntryTail>(
         "HLC", [](const EntryTail&, WireWriter&) {}, [](WireReader&, EntryTail& tail) { tail.hardLink = true; }),
     row<&EntryTail::attributes>("XAT", encodeAttributes, decodeAttributes, captureAttributes),
