@@ -1,6 +1,8 @@
 // Writes small archives with any records in any order, also archives that contradict themselves.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <optional>
 #include <string>
@@ -24,10 +26,11 @@ inline EVP_PKEY* recipient() {
 
 inline std::vector<Point> recipients() { return {*publicPointOf(recipient())}; }
 
-inline Result<std::unique_ptr<ArchiveReader>, OpenFault> openArchive(
-    const ByteVector& bytes, EVP_PKEY* key = recipient(),
-    ArchiveReader::Opening opening = ArchiveReader::Opening::intact) {
-    return ArchiveReader::open(archiveFile(bytes), key, opening);
+inline auto openArchive(const ByteVector& bytes) { return ArchiveReader::open(archiveFile(bytes), recipient()); }
+
+inline ByteVector joined(ByteVector first, const ByteVector& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 // What the archive writer makes of the listed files. Empty if it fails.
@@ -48,6 +51,63 @@ inline PathList guardedList(const Seen& paths) {
     return list;
 }
 
+// Reads an archive in every way. The message of a fault is "SUBJECT: TEXT". An archive that cannot be opened has no
+// entries.
+class Reading {
+public:
+    using Opening = ArchiveReader::Opening;
+
+    explicit Reading(const ByteVector& bytes, Opening opening = Opening::intact) {
+        auto file = archiveFile(bytes);
+        file_ = file.get();
+        auto opened = ArchiveReader::open(std::move(file), recipient(), opening);
+        if (opened) reader_ = std::move(*opened);
+        if (!opened) report(opened.error());
+    }
+
+    Seen all() { return reader_ ? outcome(reader_->readAll(sink_)) : Seen(); }
+    Seen salvaged() {
+        return reader_ ? outcome(reader_->salvage(sink_, [&](const ReadFault& fault) { report(fault); })) : Seen();
+    }
+    Seen chosenBy(const EntryChoice& choice) { return reader_ ? outcome(reader_->readChosen(choice, sink_)) : Seen(); }
+    // All, if no path is listed.
+    Seen chosen(const Seen& paths = {}) {
+        return chosenBy([&](auto, auto path) { return paths.empty() || std::ranges::count(paths, path) > 0; });
+    }
+    Seen listed() {
+        Seen paths;
+        const auto visit = [&](auto, const IndexEntry& entry) { return paths.push_back(entry.path), true; };
+        if (const auto list = reader_->list(visit); !list) report(list.error());
+        return paths;
+    }
+
+    // How often each byte of the archive was read, roughly: each block costs its length.
+    [[nodiscard]] double readings() const { return double(file_->bytesRead()) / double(file_->size()); }
+
+    std::string faults;
+
+private:
+    Seen outcome(const ReadOutcome& outcome) {
+        if (outcome.fault()) report(*outcome.fault());
+        return std::exchange(sink_.seen, {});
+    }
+    void report(const ReadFault& fault) {
+        faults += (fault.subject.empty() ? "" : fault.subject + ": ") + fault.text + "; ";
+    }
+
+    CheckingSink sink_;
+    const ArchiveFile* file_ = nullptr;
+    std::unique_ptr<ArchiveReader> reader_;
+};
+
+inline void expectEntries(const ByteVector& archive, const Seen& expected) {
+    Reading reading(archive);
+    EXPECT_EQ(reading.all(), expected);
+    EXPECT_EQ(reading.chosen(), expected);
+    EXPECT_EQ(reading.salvaged(), expected);
+    EXPECT_EQ(reading.faults, "");
+}
+
 // Reads without keeping contents, which may have many zeros. Sees "SIZE/HOLES", then "#" for a digest, "+N" for N
 // attributes, and "!" for an incomplete entry. An entry that is abandoned is "!" alone.
 struct FieldsSink : EntrySink {
@@ -65,23 +125,13 @@ struct FieldsSink : EntrySink {
     Seen seen;
 };
 
-struct Tail {
-    std::optional<Digest> digest = std::nullopt;
-    std::optional<SparseTotals> totals = std::nullopt;
-    std::optional<std::uint64_t> contentOf = std::nullopt;
-    bool hardLink = false;
-    std::optional<AccessLists> accessLists = std::nullopt;
-    std::optional<std::vector<Extent>> unreadable = std::nullopt;
-};
-
 // Records are not split, and PAD fills a block when the next one does not fit.
 class ArchiveBuilder {
 public:
-    ArchiveBuilder() : ArchiveBuilder(leaderEvery(2)) {}
-    explicit ArchiveBuilder(LeaderChoice leaders) {
+    explicit ArchiveBuilder(LeaderChoice leaders = leaderEvery(2)) {
         const auto append = [this](Bytes block) {
-            blocks_.insert(blocks_.end(), block.begin(), block.end());
-            positions.push_back(fileHeader.size() + blocks_.size());
+            blocks.insert(blocks.end(), block.begin(), block.end());
+            positions.push_back(fileHeader.size() + blocks.size());
             return Status();
         };
         stream_.emplace(deriveArchiveKeys(secrets.contentKey, secrets.salt)->block, 1, append, std::move(leaders));
@@ -133,10 +183,9 @@ public:
         index_ = {stream_->block(), stream_->offset(), 0, type, path};
         return record(RecordType::entry, payload);
     }
-    ArchiveBuilder& end(const Tail& tail, std::uint64_t size) {
+    ArchiveBuilder& end(const EntryTail& tail, std::uint64_t size) {
         ByteVector payload;
-        encodeEntryTail(
-            {tail.digest, tail.totals, tail.contentOf, tail.hardLink, {}, tail.accessLists, tail.unreadable}, payload);
+        encodeEntryTail(tail, payload);
         reserve(payload.size());
         index_.size = size;
         index_.incomplete = tail.unreadable.has_value();
@@ -153,8 +202,8 @@ public:
     ArchiveBuilder& file(const std::string& path, std::string_view content, EntryType type = EntryType::file) {
         return announce().begin(path, type).data(content).end({.digest = sha256(content)}, content.size());
     }
-    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, bool hardLink, std::uint64_t size) {
-        return begin(path).end({.contentOf = content, .hardLink = hardLink}, size);
+    ArchiveBuilder& reference(const std::string& path, std::uint64_t content, std::uint64_t size) {
+        return begin(path).end({.contentOf = content}, size);
     }
 
     // Covers all entries that no part has covered, or the `count` first of them by number.
@@ -175,7 +224,7 @@ public:
         if (!pending_.empty()) endIndexPart();
         static_cast<void>(endBlock().stream_->drain());
         if (!rootUsesLeaders) stream_->stopUsingLeaders();
-        trailer_ = {blocks_.size(), stream_->block(), entries_, stream_->block() + 2};
+        trailer_ = {blocks.size(), stream_->block(), entries_, stream_->block() + 2};
         root_.entries = entries_;
         root_.sealedLengths = stream_->sealedLengths();
         ByteVector payload;
@@ -188,15 +237,13 @@ public:
         const auto trailer = encodeTrailer(root().endBlock().trailer_);
         record(RecordType::trailer, {trailer.begin(), trailer.end()});
         static_cast<void>(stream_->finish({}));
-        return archiveOf(fileHeader, blocks_);
+        return archiveOf(fileHeader, blocks);
     }
-    static ByteVector archiveOf(const ByteVector& header, const ByteVector& blocks) {
-        ByteVector file = header;
-        file.insert(file.end(), blocks.begin(), blocks.end());
-        const auto footer = encodeFooter(header);
-        file.insert(file.end(), footer.begin(), footer.end());
-        return file;
+    static ByteVector archiveOf(const ByteVector& header, const ByteVector& sealed) {
+        return joined(joined(header, sealed), encodeFooter(header));
     }
+
+    ByteVector blocks;  // sealed
 
     // Where the blocks begin in the file, and where the footer does.
     std::vector<std::size_t> positions{fileHeader.size()};
@@ -206,7 +253,6 @@ private:
         if (stream_->freeSpace().size() < recordHeaderSize + payload) stream_->pad();
     }
 
-    ByteVector blocks_;
     IndexPartEncoder part_;
     IndexEntry index_;
     std::vector<std::pair<std::uint64_t, IndexEntry>> pending_;  // entries that no part covers yet

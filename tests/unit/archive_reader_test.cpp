@@ -19,40 +19,14 @@ constexpr std::size_t damageStep = 1;
 #endif
 
 constexpr auto link = EntryType::link, folder = EntryType::directory;
-constexpr auto hole = RecordType::hole, root = RecordType::root;
+constexpr auto hole = RecordType::hole, root = RecordType::root, pad = RecordType::pad;
 constexpr auto addition = static_cast<RecordType>(0x40), splitEnd = static_cast<RecordType>(0x84);
-
-// What reading an archive in one way has found. The message of a fault is "SUBJECT: TEXT".
-struct Reading {
-    Seen seen;
-    std::string faults;
-};
-
-enum class By { blocks, index, salvage };
-
-// By the index, reads the entry with the path `wanted`, or all.
-Reading read(By way, const ByteVector& bytes, std::string_view wanted = {}) {
-    std::string faults;
-    const auto report = [&](const ReadFault& fault) {
-        faults += (fault.subject.empty() ? "" : fault.subject + ": ") + fault.text + "; ";
-    };
-    const auto choice = [&](auto, std::string_view path) { return wanted.empty() || path == wanted; };
-    CheckingSink sink;
-    using Opening = ArchiveReader::Opening;
-    const auto reader = openArchive(bytes, recipient(), way == By::salvage ? Opening::salvage : Opening::intact);
-    const auto outcome = !reader              ? ReadOutcome(reader.error())
-                         : way == By::salvage ? (*reader)->salvage(sink, report)
-                         : way == By::index   ? (*reader)->readChosen(choice, sink)
-                                              : (*reader)->readAll(sink);
-    if (outcome.fault()) report(*outcome.fault());
-    return {sink.seen, faults};
-}
 
 // Four entries in five blocks: two groups of two and the leader of a third; then root and trailer.
 struct SmallArchive {
     SmallArchive() {
         builder.file("one", "first content").endBlock().file("two", "second content").endBlock();
-        builder.reference("three", 0, true, 13).endBlock();
+        builder.reference("three", 0, 13).endBlock();
         builder.announce().begin("four").data("fourth ").endBlock();
         builder.data("content").end({.digest = sha256("fourth content")}, 14);
         bytes = builder.finish();
@@ -60,9 +34,9 @@ struct SmallArchive {
         for (std::size_t i = 0; i + 1 < builder.positions.size(); ++i) blocks.emplace_back(at(i), at(i + 1));
     }
     [[nodiscard]] ByteVector with(const std::vector<ByteVector>& others) const {
-        ByteVector joined;
-        for (const auto& block : others) joined.insert(joined.end(), block.begin(), block.end());
-        return ArchiveBuilder::archiveOf(builder.fileHeader, joined);
+        ByteVector sealed;
+        for (const auto& block : others) sealed = joined(std::move(sealed), block);
+        return ArchiveBuilder::archiveOf(builder.fileHeader, sealed);
     }
 
     ArchiveBuilder builder;
@@ -74,20 +48,18 @@ struct SmallArchive {
 // A damaged archive is refused, and the entries before the damage are right. Reading by the index gives no wrong entry
 // either, though it may not come to the damage.
 void expectRefused(const SmallArchive& archive, const ByteVector& damaged, const std::string& damage) {
-    const auto reading = read(By::blocks, damaged);
+    Reading reading(damaged);
+    const Seen all = reading.all();
     EXPECT_NE(reading.faults, "") << damage;
-    for (const auto& seen : {reading.seen, read(By::index, damaged).seen})
+    for (const auto& seen : {all, reading.chosen()})
         for (std::size_t i = 0; i < seen.size(); ++i)
             EXPECT_TRUE(seen[i].ends_with('!') || seen[i] == archive.all[i]) << damage << ' ' << seen[i];
 }
 
 TEST(ArchiveReader, ReadsTheSameEntriesInEveryWay) {
     const SmallArchive archive;
-    for (const auto way : {By::blocks, By::index, By::salvage}) {
-        EXPECT_EQ(read(way, archive.bytes).seen, archive.all);
-        EXPECT_EQ(read(way, archive.bytes).faults, "");
-    }
-    EXPECT_EQ(read(By::index, archive.bytes, "three").seen, Seen{"three=first content"});
+    expectEntries(archive.bytes, archive.all);
+    EXPECT_EQ(Reading(archive.bytes).chosen({"three"}), Seen{"three=first content"});
 }
 
 TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
@@ -102,16 +74,17 @@ TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
         all.push_back({name, '=', name});
     }
     const auto bytes = builder.finish();
-    for (const auto way : {By::blocks, By::index, By::salvage}) EXPECT_EQ(read(way, bytes).seen, all);
-    EXPECT_EQ(read(By::index, bytes, "Y").seen, Seen{"Y=Y"});
+    expectEntries(bytes, all);
+    EXPECT_EQ(Reading(bytes).chosen({"Y"}), Seen{"Y=Y"});
 }
 
 // The workers compute the digests of the first ones only.
 TEST(ArchiveReader, ChecksTheDigestOfEachOfManyEntriesInABlock) {
     ArchiveBuilder builder;
     for (int i = 0; i < 5000; ++i) builder.file("x", "a");
-    EXPECT_EQ(read(By::blocks, builder.announce().begin("y").data("a").end({.digest = sha256("b")}, 1).finish()).faults,
-              "y: the digest does not match; ");
+    Reading reading(builder.announce().begin("y").data("a").end({.digest = sha256("b")}, 1).finish());
+    EXPECT_EQ(reading.all().size(), 5001U);
+    EXPECT_EQ(reading.faults, "y: the digest does not match; ");
 }
 
 TEST(ArchiveDamage, RejectsEveryChangedByteAndEveryShorterLength) {
@@ -162,65 +135,71 @@ TEST(ForgedArchive, RejectsEveryChangedByteOfIndexRootAndTrailer) {
             }
             position += payload.size();
         };
-        const auto bytes =
-            builder.file("one", "content").reference("two", 0, true, 7).file("three", "one", link).finish();
-        const auto reading = read(By::blocks, bytes);
-        EXPECT_TRUE(!changed || !reading.faults.empty() || (ofEntry && reading.seen == all)) << at;
+        Reading reading(builder.file("one", "content").reference("two", 0, 7).file("three", "one", link).finish());
+        const Seen seen = reading.all();
+        EXPECT_TRUE(!changed || !reading.faults.empty() || (ofEntry && seen == all)) << at;
     }
 }
 
 const ByteVector endless{255, 255, 255, 255, 255, 255, 255, 255, 255, 1};
-Tail totals(std::uint64_t size, std::uint64_t holes) { return {.totals = SparseTotals{size, holes}}; }
-Tail lost(std::uint64_t offset, std::uint64_t length) {
+EntryTail totals(std::uint64_t size, std::uint64_t holes) { return {.totals = SparseTotals{size, holes}}; }
+EntryTail lost(std::uint64_t offset, std::uint64_t length) {
     return {.totals = {{4, 1}}, .unreadable = {{{offset, length}}}};
 }
-const Tail lostMetadata{.unreadable = std::vector<Extent>()};
 const AccessList list{{AccessRule::Kind::owner, 6}, {AccessRule::Kind::owningGroup, 4}, {AccessRule::Kind::others, 4}};
-const Tail withList{.accessLists = {{list, {}}}}, withDefaultList{.accessLists = {{{}, list}}};
-Tail digestOf(std::string_view content) { return {.digest = sha256(content)}; }
+const EntryTail withList{.accessLists = {{list, {}}}}, withDefaultList{.accessLists = {{{}, list}}};
+EntryTail digestOf(std::string_view content) { return {.digest = sha256(content)}; }
 
-void splitByPadding(ArchiveBuilder& b) {
-    b.begin("x").data(std::string(blockSize - 18, 'a')).record(splitEnd, {0x40});
-    b.record(RecordType::pad, ByteVector(blockSize - 4)).record(RecordType::end, {0});
+// Two entries in two blocks, and an index that says something else of them.
+auto indexed(void (*forge)(IndexEntry&)) {
+    return [forge](ArchiveBuilder& b) {
+        b.forgeIndex = [forge](auto, IndexEntry& entry) { forge(entry); };
+        b.file("x", "a").endBlock().file("y", "b").endIndexPart().endBlock();
+    };
 }
 
 // All of them are sealed correctly.
 TEST(ForgedArchive, RejectsContradictions) {
-    const std::tuple<const char*, void (*)(ArchiveBuilder&), const char*> forgeries[] = {
+    const ByteVector padding(blockSize - 4);
+    const std::string almostBlock(blockSize - 18, 'a'), longTarget(4096, 'a'), zeros(2, 0);
+    const std::tuple<std::string, std::function<void(ArchiveBuilder&)>, const char*> forgeries[] = {
         {"size", [](auto& b) { b.begin("x").data("abc").end(totals(4, 0), 4); }, "x: the size"},
         {"count of holes", [](auto& b) { b.begin("x").data("abc").end(totals(3, 1), 3); }, "x: the size"},
         {"digest", [](auto& b) { b.announce().begin("x").data("abc").end(digestOf("abd"), 3); }, "x: the digest"},
         {"folder with content", [](auto& b) { b.begin("", folder).data("a").end({}, 1); }, "has content"},
         {"folder with digest", [](auto& b) { b.begin("x", folder).end(digestOf(""), 0); }, "x: the entry has a digest"},
-        {"folder with empty data", [](auto& b) { b.begin("x", folder).data("").end({}, 0); }, "has content"},
         {"digest missing", [](auto& b) { b.announce().begin("x").data("a").end({}, 1); }, "x: the digest is missing"},
         {"digest not announced", [](auto& b) { b.begin("x").end(digestOf(""), 0); }, "x: the entry has a digest"},
-        {"digest of reference", [](auto& b) { b.file("x", "a").announce().reference("y", 0, false, 1); }, "reference"},
+        {"digest of reference", [](auto& b) { b.file("x", "a").announce().reference("y", 0, 1); }, "reference"},
         {"hole without size", [](auto& b) { b.begin("x").record(hole, {1}).end({}, 1); }, "x: the size is missing"},
         {"size of link", [](auto& b) { b.begin("x", link).data("a").end(totals(1, 0), 1); }, "x: the entry has fields"},
-        {"zero byte in target", [](auto& b) { b.file("x", std::string(2, 0), link); }, "x: the target"},
-        {"long target", [](auto& b) { b.file("x", std::string(4096, 'a'), link); }, "x: the target"},
-        {"target lost but stored", [](auto& b) { b.begin("x", link).data("").end(lostMetadata, 0); },
-         "a part of the content is empty"},
+        {"zero byte in target", [&](auto& b) { b.file("x", zeros, link); }, "x: the target"},
+        {"long target", [&](auto& b) { b.file("x", longTarget, link); }, "x: the target"},
         {"reference of link", [](auto& b) { b.file("x", "a").begin("y", link).end({.contentOf = 0}, 1); }, "reference"},
         {"list of link", [](auto& b) { b.begin("x", link).data("a").end(withList, 1); }, "an access list"},
         {"default list of file", [](auto& b) { b.begin("x").end(withDefaultList, 0); }, "an access list"},
-        {"padding in a split record", splitByPadding, "x: a split record is not continued"},
+        {"padding in a split record",
+         [&](auto& b) { b.begin("x").data(almostBlock).record(splitEnd, {0x40}).record(pad, padding).end({}, 0); },
+         "x: a split record is not continued"},
         {"addition in an entry", [](auto& b) { b.begin("x").record(addition, {}).end({}, 0); }, "x: the entry has no"},
         {"addition after root", [](auto& b) { b.file("x", "a").root().record(addition, {}); }, "after the root"},
         {"link without target", [](auto& b) { b.begin("x", link).end({}, 0); }, "has no target"},
         {"link with a hole", [](auto& b) { b.begin("x", link).record(hole, {1}).end({}, 1); }, "a hole"},
         {"huge hole", [](auto& b) { b.begin("x").record(hole, endless).end({}, 0); }, "a hole"},
-        {"refers to itself", [](auto& b) { b.reference("x", 0, false, 0); }, "x: the reference"},
-        {"refers to later entry", [](auto& b) { b.reference("x", 1, false, 3).file("y", "abc"); }, "x: the entry with"},
         {"has own content", [](auto& b) { b.file("x", "a").begin("y").data("a").end({.contentOf = 0}, 1); },
          "reference"},
         {"empty data", [](auto& b) { b.begin("x").data("").end({}, 0); }, "x: a part of the content is empty"},
-        {"refers to copy", [](auto& b) { b.file("x", "a").reference("y", 0, true, 1).reference("z", 1, true, 1); },
-         "z: the entry with its"},
-        {"refers to link", [](auto& b) { b.file("x", "a", link).reference("y", 0, true, 1); }, "y: the entry with its"},
+        {"refers to itself", [](auto& b) { b.reference("x", 0, 1); }, "x: the reference"},
+        {"refers to later entry", [](auto& b) { b.reference("x", 1, 3).file("y", "abc"); }, "x: the entry with"},
+        {"refers to no entry", [](auto& b) { b.reference("x", 5, 1); }, "x: the entry with its"},
+        {"refers to copy", [](auto& b) { b.file("z", "a").reference("y", 0, 1).reference("x", 1, 1); },
+         "x: the entry with its"},
+        {"refers to later copy",
+         [](auto& b) { b.number(2).file("z", "a").number(1).reference("y", 2, 1).number(0).reference("x", 1, 1); },
+         "x: the entry with its"},
+        {"refers to link", [](auto& b) { b.file("y", "a", link).reference("x", 0, 1); }, "x: the entry with its"},
         {"refers to incomplete",
-         [](auto& b) { b.begin("x").record(hole, {4}).end(lost(0, 4), 4).reference("y", 0, false, 4); }, "incomplete"},
+         [](auto& b) { b.begin("y").record(hole, {4}).end(lost(0, 4), 4).reference("x", 0, 4); }, "incomplete"},
         {"no end", [](auto& b) { b.begin("x"); }, "x: the entry has no end"},
         {"entry in an entry", [](auto& b) { b.begin("x").file("y", "a"); }, "x: the entry has no end"},
         {"data after entry", [](auto& b) { b.file("x", "a").data("b"); }, "outside of an entry"},
@@ -233,25 +212,37 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"root leads", [](auto& b) { b.file("x", "a").endBlock().endIndexPart().rootUsesLeaders = true; }, "a leader"},
         {"root needs leader", [](auto& b) { b.file("x", "a").rootUsesLeaders = true; }, "a leader"},
         {"trailer before root", [](auto& b) { b.record(RecordType::trailer, {}); }, "the trailer is not where"},
-        {"empty part", [](auto& b) { b.file("x", "a").endIndexPart().endIndexPart(); }, "covers too few"},
+        {"index: block", indexed([](auto& entry) { entry.block = 0; }), "does not agree"},
+        {"index: incomplete", indexed([](auto& entry) { entry.incomplete = true; }), "does not agree"},
+        {"index: part before its entry", indexed([](auto& entry) { entry.block += 1; }), "before an entry"},
+        {"number twice", [](auto& b) { b.file("x", "a", link).number(0).file("x", "a", link); }, "does not agree"},
+        {"number of a file twice", [](auto& b) { b.file("x", "a").number(0).file("y", "b"); }, "y: an earlier entry"},
+        {"number missing", [](auto& b) { b.file("x", "a").number(2).file("y", "b"); }, "does not agree"},
+        {"entry not indexed", [](auto& b) { b.begin("x", folder).record(RecordType::end, {0}); }, "the root does not"},
+        {"part of 127 entries",
+         [](auto& b) {
+             for (int i = 0; i < 128; ++i) b.file("x", "a");
+             b.endIndexPart(127);
+         },
+         "covers too few"},
     };
     for (const auto& [name, build, fault] : forgeries) {
         ArchiveBuilder builder;
         build(builder);
-        const auto faults = read(By::blocks, builder.finish()).faults;
-        EXPECT_NE(faults.find(fault), std::string::npos) << name << ": " << faults;
+        Reading reading(builder.finish());
+        reading.all();
+        EXPECT_NE(reading.faults.find(fault), std::string::npos) << name << ": " << reading.faults;
+        // Where the content is comes from the index alone, if only the reference is chosen.
+        const Seen chosen = name.starts_with("refers") ? reading.chosen({"x"}) : Seen();
+        for (const auto& seen : chosen) EXPECT_TRUE(seen == "x=" || seen == "x!") << name << ' ' << seen;
     }
 }
 
 TEST(ForgedArchive, KeepsEntriesBetweenAdditionsAndPadding) {
     ArchiveBuilder builder;
     builder.record(addition, {1}).file("x", "a").record(addition, {}).endBlock();
-    builder.record(RecordType::pad, ByteVector(blockSize - 4)).file("y", "b");
-    const auto bytes = builder.finish();
-    for (const auto way : {By::blocks, By::index, By::salvage}) {
-        EXPECT_EQ(read(way, bytes).seen, (Seen{"x=a", "y=b"}));
-        EXPECT_EQ(read(way, bytes).faults, "");
-    }
+    builder.record(pad, ByteVector(blockSize - 4)).file("y", "b");
+    expectEntries(builder.finish(), {"x=a", "y=b"});
 }
 
 // Only a reader of all entries knows that there were too many zeros before the last one.
@@ -273,8 +264,8 @@ TEST(ForgedArchive, RejectsDigestAfterTooManyZeros) {
 
 TEST(ForgedArchive, RejectsChosenEntryWhoseContentHasAnotherDigest) {
     ArchiveBuilder builder;
-    builder.announce().begin("a").data("abc").end(digestOf("abd"), 3).reference("b", 0, false, 3);
-    EXPECT_EQ(read(By::index, builder.finish(), "b").seen, Seen{"b="});
+    builder.announce().begin("a").data("abc").end(digestOf("abd"), 3).reference("b", 0, 3);
+    EXPECT_EQ(Reading(builder.finish()).chosen({"b"}), Seen{"b="});
 }
 
 TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {
@@ -286,32 +277,36 @@ TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {
         auto damaged = archive.bytes;
         damaged[at] ^= 0x40;
         const auto block = std::upper_bound(positions.begin(), positions.end(), at) - positions.begin() - 1;
-        const auto reading = read(By::salvage, damaged);
+        Reading reading(damaged, Reading::Opening::salvage);
+        const Seen seen = reading.salvaged();
         EXPECT_NE(reading.faults, "") << at;
         for (std::size_t i = 0; i < archive.all.size(); ++i)
-            EXPECT_EQ(std::ranges::count(reading.seen, archive.all[i]), 1 - std::ranges::count(needed[i], block)) << at;
+            EXPECT_EQ(std::ranges::count(seen, archive.all[i]), 1 - std::ranges::count(needed[i], block)) << at;
     }
 }
 
 TEST(ArchiveSalvage, ReadsBlocksInAnyOrderAndUpToACut) {
     const SmallArchive archive;
     const auto& whole = archive.blocks;
-    const auto mixed = archive.with({whole[3], whole[0], whole[6], whole[1], whole[1], whole[4], whole[5], whole[2]});
-    EXPECT_EQ(read(By::salvage, mixed).seen, archive.all);
-    EXPECT_NE(read(By::salvage, mixed).faults, "");
-    // The index is where it was.
-    const auto swapped = archive.with({whole[1], whole[0], whole[2], whole[3], whole[4], whole[5], whole[6]});
-    EXPECT_EQ(read(By::salvage, swapped).seen, archive.all);
-    EXPECT_NE(read(By::salvage, swapped).faults, "");
-    const auto cut = archive.with({whole[0], whole[1], {whole[2].begin(), whole[2].begin() + 5}});
-    EXPECT_EQ(read(By::salvage, cut).seen, (Seen{archive.all[0], archive.all[1]}));
+    const ByteVector cut{whole[2].begin(), whole[2].begin() + 5};
+    const std::pair<std::vector<ByteVector>, Seen> cases[] = {
+        {{whole[3], whole[0], whole[6], whole[1], whole[1], whole[4], whole[5], whole[2]}, archive.all},
+        // The index is where it was.
+        {{whole[1], whole[0], whole[2], whole[3], whole[4], whole[5], whole[6]}, archive.all},
+        {{whole[0], whole[1], cut}, {archive.all[0], archive.all[1]}},
+    };
+    for (const auto& [blocks, expected] : cases) {
+        Reading reading(archive.with(blocks));
+        EXPECT_EQ(reading.salvaged(), expected);
+        EXPECT_NE(reading.faults, "");
+    }
 }
 
 TEST(ArchiveSalvage, EndsDespiteAMillionFalseHeaders) {
     const auto header = encodeBlockHeader({blockSize / 2, blockCompressed, 1});
     std::vector<ByteVector> blocks(1000000, ByteVector(header.begin(), header.end()));
     blocks.emplace_back(blockSize);
-    EXPECT_TRUE(read(By::salvage, SmallArchive().with(blocks)).seen.empty());
+    EXPECT_TRUE(Reading(SmallArchive().with(blocks)).salvaged().empty());
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 using namespace tarnwick;
 using namespace tarnwick::test;
-using Opening = ArchiveReader::Opening;
 
 namespace {
 
@@ -20,9 +19,7 @@ struct SharedArchive {
     SharedArchive() {
         builder.file("one", "first content").endBlock().file("two", "second content");
         header = *sealHeader(builder.secrets, std::vector{*publicPointOf(recipient()), pointOf(other)});
-        const auto whole = builder.finish();
-        blocks.assign(whole.begin() + std::ptrdiff_t(builder.positions.front()),
-                      whole.begin() + std::ptrdiff_t(builder.positions.back()));
+        static_cast<void>(builder.finish());
         bytes = ArchiveBuilder::archiveOf(header, blocks);
     }
     // Footer and header with the same change.
@@ -34,7 +31,8 @@ struct SharedArchive {
 
     const KeyHandle other = generatePrivateKey();
     ArchiveBuilder builder;
-    ByteVector header, blocks, bytes;
+    const ByteVector& blocks = builder.blocks;
+    ByteVector header, bytes;
     const Seen all{"one=first content", "two=second content"};
 };
 
@@ -43,21 +41,7 @@ std::string fault(const ByteVector& bytes) {
     return opened ? "" : opened.error().text;
 }
 
-Seen salvaged(const ByteVector& bytes, std::string* faults = nullptr) {
-    CheckingSink sink;
-    const auto opened = openArchive(bytes, recipient(), Opening::salvage);
-    const auto report = [&](const ReadFault& found) {
-        if (faults) *faults += found.text;
-    };
-    if (opened) static_cast<void>((*opened)->salvage(sink, report));
-    return sink.seen;
-}
-
-ByteVector joined(const ByteVector& a, const ByteVector& b) {
-    ByteVector both = a;
-    both.insert(both.end(), b.begin(), b.end());
-    return both;
-}
+Seen salvaged(const ByteVector& bytes) { return Reading(bytes, Reading::Opening::salvage).salvaged(); }
 
 TEST(FileHeader, RejectsEveryFieldThatThePageDoesNotAllow) {
     const SharedArchive archive;
@@ -141,10 +125,10 @@ TEST(HeaderCopies, AreFoundAfterDamageToBeginningOrEnd) {
         {"no header, bytes after it", joined(joined(archive.blocks, footer), junk), "not a qvx archive"},
     };
     for (const auto& [name, bytes, expected] : cases) {
-        std::string faults;
+        Reading reading(bytes, Reading::Opening::salvage);
         EXPECT_TRUE(fault(bytes).starts_with(expected)) << name << ": " << fault(bytes);
-        EXPECT_EQ(salvaged(bytes, &faults), archive.all) << name;
-        EXPECT_NE(faults, "") << name;
+        EXPECT_EQ(reading.salvaged(), archive.all) << name;
+        EXPECT_NE(reading.faults, "") << name;
     }
     EXPECT_TRUE(salvaged(joined(archive.blocks, junk)).empty()) << "no header at all";
 }
