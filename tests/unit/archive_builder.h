@@ -128,7 +128,8 @@ struct FieldsSink : EntrySink {
 // Records are not split, and PAD fills a block when the next one does not fit.
 class ArchiveBuilder {
 public:
-    explicit ArchiveBuilder(LeaderChoice leaders = leaderEvery(2)) {
+    explicit ArchiveBuilder(LeaderChoice leaders = leaderEvery(2), const std::vector<Point>& to = recipients())
+        : fileHeader(*sealHeader(secrets, to)) {
         const auto append = [this](Bytes block) {
             blocks.insert(blocks.end(), block.begin(), block.end());
             positions.push_back(fileHeader.size() + blocks.size());
@@ -138,7 +139,7 @@ public:
     }
 
     const ArchiveSecrets secrets = std::move(*randomSecrets());
-    const ByteVector fileHeader = std::move(*sealHeader(secrets, recipients()));
+    const ByteVector fileHeader;
 
     bool rootUsesLeaders = false;
 

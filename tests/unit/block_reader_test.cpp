@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 #include <zstd.h>
 
-#include "fuzz/checking_sink.h"
+#include "unit/archive_builder.h"
 
 using namespace tarnwick;
-using namespace tarnwick::qvx;
+using namespace tarnwick::test;
 
 namespace {
 
@@ -73,11 +73,6 @@ ByteVector compressed(const Parameters& parameters, const ByteVector& content = 
     return frame;
 }
 
-ByteVector operator+(ByteVector a, const ByteVector& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 TEST(BlockDecoder, RejectsEveryFrameButTheOneOfThePage) {
     const ByteVector frame = compressed({}), skippable{0x50, 0x2a, 0x4d, 0x18, 0, 0, 0, 0};
     const ByteVector half(blockSize / 2, 't'), twice(2 * blockSize, 't');
@@ -88,12 +83,12 @@ TEST(BlockDecoder, RejectsEveryFrameButTheOneOfThePage) {
         std::pair("one with a checksum", compressed({{ZSTD_c_checksumFlag, 1}})),
         std::pair("one without its size", compressed({{ZSTD_c_contentSizeFlag, 0}})),
         std::pair("one of half a block", compressed({}, half)),
-        std::pair("two of half a block", compressed({}, half) + compressed({}, half)),
+        std::pair("two of half a block", joined(compressed({}, half), compressed({}, half))),
         std::pair("one of two blocks", compressed({}, twice)),
-        std::pair("two frames", frame + frame),
-        std::pair("a skippable frame after it", frame + skippable),
-        std::pair("a skippable frame before it", skippable + frame),
-        std::pair("a byte after it", frame + ByteVector{0}),
+        std::pair("two frames", joined(frame, frame)),
+        std::pair("a skippable frame after it", joined(frame, skippable)),
+        std::pair("a skippable frame before it", joined(skippable, frame)),
+        std::pair("a byte after it", joined(frame, {0})),
         std::pair("a cut one", cutFrame),
         std::pair("one that states another size", otherSize),
         std::pair("none", ByteVector{0}),
@@ -112,10 +107,8 @@ TEST(BlockDecoder, UsesALeaderAsRawContentEvenIfItLooksLikeATrainedDictionary) {
     EXPECT_EQ(faultOf(frame, blockCompressed | blockWithDictionary, leader), BlockFault::none);
 }
 
-struct Role {
-    bool leads = false;
-    std::optional<std::uint64_t> leader = std::nullopt;
-};
+using Role = LeaderChoice::Role;
+using Numbers = std::vector<std::uint64_t>;
 
 // A file of blocks with these roles. A leader is whatever block is named.
 struct BlockFile {
@@ -127,63 +120,43 @@ struct BlockFile {
             const BlockRole role{false, leads, leader ? &dictionary : nullptr};
             block.resize(encoder.encode(map.end(), role, plain, block.data()));
             map.add({map.end(), bytes.size()});
-            bytes.insert(bytes.end(), block.begin(), block.end());
+            bytes = joined(std::move(bytes), block);
         }
         file = archiveFile(bytes);
     }
-    // The numbers of the blocks that cannot be opened.
-    [[nodiscard]] std::vector<std::uint64_t> damaged(BlockPipeline::Supplier supplier, const BlockMap* leaders) const {
-        std::vector<std::uint64_t> numbers;
-        BlockPipeline pipeline(*file, keys, std::move(supplier), leaders);
+    // The numbers of the blocks that cannot be opened, in the order of the file.
+    [[nodiscard]] Numbers damaged(const BlockMap* leaders) const {
+        Numbers numbers;
+        BlockPipeline pipeline(*file, MessageKeys(), MappedBlocks(*file, map), leaders);
         while (const auto block = pipeline.next())
             if (block->fault) numbers.push_back(block->place.sequence);
         return numbers;
     }
-    [[nodiscard]] std::vector<std::uint64_t> damagedAtRandom() const {
-        std::vector<std::uint64_t> numbers;
-        RandomBlocks random(*file, keys, map);
+    [[nodiscard]] Numbers damagedAtRandom() const {
+        Numbers numbers;
+        RandomBlocks random(*file, MessageKeys(), map);
         for (std::uint64_t i = map.end(); i-- > 0;)
             if (random.get(i)->fault) numbers.insert(numbers.begin(), i);
         return numbers;
     }
 
-    const MessageKeys keys;
     ByteVector bytes;
     BlockMap map;
     std::unique_ptr<ArchiveFile> file;
 };
 
-using Numbers = std::vector<std::uint64_t>;
-
 TEST(BlockPipeline, RejectsABlockWhoseLeaderIsNotOneOfTheLastSixteen) {
     std::vector<Role> roles(17, {true});
     roles.insert(roles.end(), {{false, 1}, {false, 16}, {false, 0}, {true}, {false, 1}, {false, 4}});
     const BlockFile blocks(roles);
-    EXPECT_EQ(blocks.damaged(MappedBlocks(*blocks.file, blocks.map), nullptr), (Numbers{19, 21}));
+    EXPECT_EQ(blocks.damaged(nullptr), (Numbers{19, 21}));
     EXPECT_EQ(blocks.damagedAtRandom(), Numbers{}) << "each block with its leader, wherever that is";
 }
 
 TEST(BlockPipeline, RejectsABlockWhoseLeaderIsNone) {
     const BlockFile blocks({{true}, {false, 0}, {false, 1}, {false, 2}, {}, {false, 4}, {false, 0}});
-    const Numbers expected{2, 3, 5};
-    EXPECT_EQ(blocks.damaged(MappedBlocks(*blocks.file, blocks.map), nullptr), expected);
-    EXPECT_EQ(blocks.damaged(MappedBlocks(*blocks.file, blocks.map), &blocks.map), expected);
-    EXPECT_EQ(blocks.damagedAtRandom(), expected);
-}
-
-TEST(BlockPipeline, OpensTheLeadersOfChosenBlocksByItself) {
-    std::vector<Role> roles(20, {true});
-    for (std::uint64_t i = 0; i < 20; ++i) roles.push_back({false, 4 + (7 * i) % 16});
-    const BlockFile blocks(roles);
-    for (const std::uint64_t step : {1U, 3U, 7U}) {
-        std::uint64_t next = 20;
-        const auto everyStep = [&]() -> std::optional<BlockPipeline::Task> {
-            const auto place = blocks.map.find(std::exchange(next, next + step));
-            if (!place) return std::nullopt;
-            return BlockPipeline::Task{unopenedBlock(*blocks.file, *place)};
-        };
-        EXPECT_EQ(blocks.damaged(everyStep, &blocks.map), Numbers{}) << step;
-    }
+    for (const auto& numbers : {blocks.damaged(nullptr), blocks.damaged(&blocks.map), blocks.damagedAtRandom()})
+        EXPECT_EQ(numbers, (Numbers{2, 3, 5}));
 }
 
 }  // namespace

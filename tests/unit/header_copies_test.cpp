@@ -16,12 +16,6 @@ Point pointOf(const KeyHandle& key) { return *publicPointOf(key.get()); }
 
 // An archive for two recipients: recipient() and another one.
 struct SharedArchive {
-    SharedArchive() {
-        builder.file("one", "first content").endBlock().file("two", "second content");
-        header = *sealHeader(builder.secrets, std::vector{*publicPointOf(recipient()), pointOf(other)});
-        static_cast<void>(builder.finish());
-        bytes = ArchiveBuilder::archiveOf(header, blocks);
-    }
     // Footer and header with the same change.
     [[nodiscard]] ByteVector with(const std::function<void(FileHeader&)>& change) const {
         auto decoded = *decodeFileHeader(header);
@@ -29,10 +23,9 @@ struct SharedArchive {
         return ArchiveBuilder::archiveOf(encodeFileHeader(decoded), blocks);
     }
 
-    const KeyHandle other = generatePrivateKey();
-    ArchiveBuilder builder;
-    const ByteVector& blocks = builder.blocks;
-    ByteVector header, bytes;
+    ArchiveBuilder builder{leaderEvery(2), {recipients()[0], pointOf(generatePrivateKey())}};
+    const ByteVector &header = builder.fileHeader, &blocks = builder.blocks;
+    const ByteVector bytes = builder.file("one", "first content").endBlock().file("two", "second content").finish();
     const Seen all{"one=first content", "two=second content"};
 };
 
