@@ -33,7 +33,8 @@ enum Writer { byCapture, byQvx };
 // As exit statuses.
 enum Verdict { whole = 40, incomplete, refused, notReached, damaged, leaking, left, died };
 using Verdicts = std::set<Verdict>;
-const Verdicts isEither{whole, refused}, isAny{whole, incomplete, refused};
+const Verdicts isWhole{whole}, isMarked{incomplete}, isRefused{refused};
+const Verdicts isEither{whole, refused}, anything{whole, incomplete, refused}, isStored{whole, incomplete};
 
 // Of the key whose every byte is 0x11. Written out, so that a fault may meet the cipher library's first start, too.
 const std::string recipientLine =
@@ -147,26 +148,13 @@ protected:
 // A file that is there and cannot be read is marked; one that is gone, or resources that are, end in a refusal.
 TEST_F(ArchiveFaults, PartialArchiveIsLeftWhenACallFails) {
     const std::tuple<const char*, int, unsigned, Verdicts> faults[] = {
-        {"open", EMFILE, 1, isEither},
-        {"open", EACCES, 1, isAny},
-        {"stat", EIO, 1, isAny},
-        {"read", EIO, 1, {whole, incomplete}},
-        {"read", EIO, forever, {incomplete}},
-        {"read", ESTALE, 1, {refused}},
-        {"read", EINTR, 3, {whole}},
-        {"read", halved, 1, {whole}},
-        {"link", EIO, 1, {incomplete}},
-        {"link", ENOENT, 1, {refused}},
-        {"write", EIO, 1, {refused}},
-        {"write", EINTR, 3, {whole}},
-        {"write", halved, forever, {whole}},
-        {"seek", EIO, 1, isEither},
-        {"seek", EINVAL, 1, {whole}},
-        {"mode", EPERM, 1, {refused}},
-        {"flags", ENOTTY, 1, {whole}},
-        {"xattr", EIO, forever, {incomplete}},
-        {"close", EIO, 1, {whole}},
-        {"thread", EAGAIN, 1, isEither},
+        {"open", EMFILE, 1, isEither},       {"open", EACCES, 1, anything},    {"stat", EIO, 1, anything},
+        {"read", EIO, 1, isStored},          {"read", EIO, forever, isMarked}, {"read", ESTALE, 1, isRefused},
+        {"read", EINTR, 3, isWhole},         {"read", halved, 1, isWhole},     {"link", EIO, 1, isMarked},
+        {"link", ENOENT, 1, isRefused},      {"write", EIO, 1, isRefused},     {"write", EINTR, 3, isWhole},
+        {"write", halved, forever, isWhole}, {"seek", EIO, 1, isEither},       {"seek", EINVAL, 1, isWhole},
+        {"mode", EPERM, 1, isRefused},       {"flags", ENOTTY, 1, isWhole},    {"xattr", EIO, forever, isMarked},
+        {"close", EIO, 1, isWhole},          {"thread", EAGAIN, 1, isEither},
     };
     for (const auto writer : {byCapture, byQvx})
         for (const auto& [call, error, times, expected] : faults)

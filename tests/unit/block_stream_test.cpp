@@ -28,14 +28,12 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
         for (std::size_t failing = 0; failing <= blocks; ++failing) {
             std::size_t calls = 0;
             file.clear();
-            BlockStream stream(
-                MessageKeys(), workers,
-                [&](Bytes bytes) {
-                    EXPECT_EQ(decodeBlockHeader(bytes)->sequence, calls);  // and a race, if two are at the sink
-                    file.insert(file.end(), bytes.begin(), bytes.end());
-                    return calls++ == failing ? Status(tarnwick::systemError(ENOSPC)) : Status();
-                },
-                leaderEvery(3));
+            const auto sink = [&](Bytes bytes) {
+                EXPECT_EQ(decodeBlockHeader(bytes)->sequence, calls);  // and a race, if two are at the sink
+                file.insert(file.end(), bytes.begin(), bytes.end());
+                return calls++ == failing ? Status(tarnwick::systemError(ENOSPC)) : Status();
+            };
+            BlockStream stream(MessageKeys(), workers, sink, leaderEvery(3));
             fill(stream);
             EXPECT_EQ(bool(stream.finish(std::vector<std::uint8_t>(36))), failing == blocks);
             EXPECT_EQ(calls, std::min(failing + 1, blocks)) << "nothing is written behind a gap";

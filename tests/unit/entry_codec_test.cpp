@@ -16,8 +16,7 @@ using Kind = AccessRule::Kind;
 
 namespace {
 
-bool isPart(Bytes payload) {
-    IndexPartDecoder decoder(payload);
+bool isSound(auto decoder) {
     while (decoder.next()) continue;
     return !decoder.damaged();
 }
@@ -26,17 +25,13 @@ constexpr auto head = [](Bytes payload) { return decodeEntryHead(payload).has_va
 constexpr auto tail = [](Bytes payload) { return decodeEntryTail(payload).has_value(); };
 constexpr auto hole = [](Bytes payload) { return decodeHole(payload).has_value(); };
 constexpr auto root = [](Bytes payload) { return decodeRoot(payload).has_value(); };
+constexpr auto isPart = [](Bytes payload) { return isSound(IndexPartDecoder(payload)); };
+constexpr auto isBlock = [](Bytes block) { return isSound(RecordCursor(block)); };
 
 bool isTail(const EntryTail& fields) {
     std::vector<std::uint8_t> payload;
     encodeEntryTail(fields, payload);
     return tail(payload);
-}
-
-bool isBlock(Bytes block) {
-    RecordCursor cursor(block);
-    while (cursor.next()) continue;
-    return !cursor.damaged();
 }
 
 using Strings = std::vector<std::string>;
@@ -120,11 +115,10 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
 EntryTail attributesOf(std::size_t count, std::size_t bytes) {
     EntryTail fields{.attributes = std::vector<ExtendedAttribute>(count)};
     for (auto& [name, value] : *fields.attributes) {
-        name = "user." + std::to_string(100000 + count--);
+        name = "user." + std::to_string(200000 - count--);
         value.assign(std::min(bytes, maxAttributeValueLength), 'x');
         bytes -= value.size();
     }
-    std::ranges::reverse(*fields.attributes);
     return fields;
 }
 
@@ -137,9 +131,10 @@ AccessList listOf(std::size_t count) {
 }
 
 TEST(EntryCodec, RefusesMoreItemsThanTheirLimit) {
-    std::vector<Extent> extents;
-    for (std::size_t i = 0; i <= maxUnreadableExtents; ++i) extents.push_back({2 * i, 1});
-    const auto withoutLast = std::vector(extents.begin(), extents.end() - 1);
+    std::vector<Extent> extents, withoutLast;
+    for (std::size_t i = 0; i < maxUnreadableExtents; ++i) withoutLast.push_back({2 * i, 1});
+    extents = withoutLast;
+    extents.push_back({2 * maxUnreadableExtents, 1});
     constexpr std::size_t total = maxAttributeBytes - 16 * std::string_view("user.100000").size();
     const std::string name = "user." + std::string(250, 'n'), value(maxAttributeValueLength, 'v');
     const std::tuple<const char*, EntryTail, EntryTail> limits[] = {

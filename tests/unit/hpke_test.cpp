@@ -9,6 +9,7 @@
 
 using namespace tarnwick::qvx;
 using tarnwick::test::fromHex;
+using Direction = MessageCipher::Direction;
 
 namespace {
 
@@ -29,26 +30,23 @@ TEST(Hpke, GivesThePublishedCiphertextsAndOpensThem) {
     for (std::string name, value; json >> name;) {
         if (!name.ends_with(':')) continue;
         json >> value;
-        for (auto* text : {&name, &value})
-            std::erase_if(*text, [](unsigned char each) { return !std::isalnum(each) && each != '_'; });
+        for (auto* text : {&name, &value}) std::erase_if(*text, [](char c) { return !std::isalnum(c) && c != '_'; });
         fields[name] = value;
         if (name == "enc") {
             const auto aead = static_cast<Aead>(std::stoi(fields.at("aead_id")));
-            sender =
-                hpkeSend(aead, publicKeyFromPoint(bytes("pkRm")).get(), privateKey(bytes("skEm")).get(), bytes("info"));
-            receiver = hpkeReceive(aead, privateKey(bytes("skRm")).get(), bytes("enc"), bytes("info"));
+            const auto recipient = publicKeyFromPoint(bytes("pkRm")), own = privateKey(bytes("skRm"));
+            sender = hpkeSend(aead, recipient.get(), privateKey(bytes("skEm")).get(), bytes("info"));
+            receiver = hpkeReceive(aead, own.get(), bytes("enc"), bytes("info"));
             ASSERT_TRUE(sender && receiver && std::ranges::equal(bytes("enc"), sender->encapsulated));
         } else if (name == "ct") {
             const auto sequence = std::stoull(fields.at("seq"));
             auto message = bytes("pt");
             message.resize(message.size() + tagSize);
-            const MutableBytes plain = MutableBytes(message).first(message.size() - tagSize);
+            const auto plain = MutableBytes(message).first(message.size() - tagSize);
             const auto tag = MutableBytes(message).last<tagSize>();
-            ASSERT_TRUE(
-                MessageCipher(sender->keys, MessageCipher::Direction::seal).seal(sequence, bytes("aad"), plain, tag));
+            ASSERT_TRUE(MessageCipher(sender->keys, Direction::seal).seal(sequence, bytes("aad"), plain, tag));
             EXPECT_EQ(message, bytes("ct")) << "message " << sequence;
-            ASSERT_TRUE(
-                MessageCipher(*receiver, MessageCipher::Direction::open).open(sequence, bytes("aad"), plain, tag));
+            ASSERT_TRUE(MessageCipher(*receiver, Direction::open).open(sequence, bytes("aad"), plain, tag));
             EXPECT_TRUE(std::ranges::equal(plain, bytes("pt")));
             ++messages;
         }
