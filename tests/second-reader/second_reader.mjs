@@ -1,7 +1,7 @@
 // A second reader of qvx archives, written from docs/qvx-format.md alone, so that an error in both the page and the
-// programs is found. `node second_reader.mjs KEY.pem ARCHIVE` reads the archive once from front to back, compares index,
-// root and trailer with the entries, and prints a line of JSON for each entry in the order of the numbers (bytes that
-// need not be text in base64). Status 1: the archive breaks a rule. The lines are of complete entries; some may be
+// programs is found. `node second_reader.mjs KEY.pem ARCHIVE` reads the archive once from front to back, compares
+// index, root and trailer with the entries, and prints a line of JSON for each entry in the order of the numbers (bytes
+// that need not be text in base64). Status 1: the archive breaks a rule. The lines are of complete entries; some may be
 // missing.
 import { spawnSync } from "node:child_process";
 import { createDecipheriv, createECDH, createHash, createHmac, createPrivateKey, hkdfSync } from "node:crypto";
@@ -11,11 +11,15 @@ const HEADER = "89515658" + "0d0a1a0a" + "0100" + "0300" + "01080000" + "0000000
 const END_MARK = "89515658" + "454e440a", FRAME = "28b52ffd" + "a000001000", LAST_BLOCK = 76;
 const SSH_KEY = "\0\0\0\x13ecdsa-sha2-nistp256\0\0\0\x08nistp256\0\0\0\x41"; // and the point
 const BLOCK = 1 << 20, TAG = 16, RECORD_HEADER = 4;
-const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, LEADER = 8, LEADERS = 16, CONTINUES = 0x80, FILE = 1, DIRECTORY = 2, LINK = 3;
+const LAST = 1, COMPRESSED = 2, DICTIONARY = 4, LEADER = 8, LEADERS = 16, CONTINUES = 0x80;
+const FLAGS = [0, LAST, COMPRESSED, COMPRESSED | DICTIONARY, LEADER, COMPRESSED | LEADER];
 const PAD = 0, ENTRY = 1, DATA = 2, HOLE = 3, END = 4, INDEX = 5, ROOT = 6, TRAILER = 7, SPLIT = [END, INDEX, ROOT];
-const HASHED_ZEROS = 1n << 34n, MAX_SIZE = 1n << 63n, ATTRIBUTE = /^(user|trusted|security|system)\.[^\0]/s;
-const [OWNER, USER, OWNING_GROUP, GROUP, MASK, OTHERS] = [0, 1, 2, 3, 4, 5];
+const FILE = 1, DIRECTORY = 2, LINK = 3, MAX_ID = 2 ** 32 - 2, MAX_SIZE = 1n << 63n, MAX_HASHED_ZEROS = 1n << 34n;
+const MAXIMA = { uid: MAX_ID, gid: MAX_ID, mode: 0o7777, flags: 2 ** 32 - 1 };
 const BAD_PATH = /\0|^(?=.)\.{0,2}(\/|$)|\/\.{0,2}(\/|$)/s;
+const ATTRIBUTE = /^(?!system\.posix_acl_(access|default)$)(user|trusted|security|system)\.[^\0]+$/;
+const WHO = ["user", "user", "group", "group", "mask", "other"], USER = 1, GROUP = 3;
+const ACCESS_LIST = /^(025|01*23*45)?$/; // of the kinds of its entries
 
 const demand = (condition, what) => { if (!condition) throw new Error(what); };
 const same = (one, other) => String(one) === String(other);
@@ -30,12 +34,17 @@ class Fields {
   constructor(bytes) { Object.assign(this, { bytes, at: 0 }); }
 
   byte() { return this.read(1)[0]; }
-  count() { return Number(this.varint()); }
-  text() { return this.read(this.count()); }
+  text(limit) { return this.read(this.count(limit)); }
 
   read(count) {
     demand(count <= this.bytes.length - this.at, "a payload or the archive is too short");
     return this.bytes.subarray(this.at, (this.at += count));
+  }
+
+  count(limit = Infinity) {
+    const value = Number(this.varint());
+    demand(value <= limit, "a number is too high");
+    return value;
   }
 
   varint() {
@@ -49,26 +58,21 @@ class Fields {
   }
 }
 
-// The labelled extraction and expansion of HPKE (RFC 9180, section 4) under one suite identifier. No output is longer
-// than one digest.
-function labelled(suiteId) {
-  const hmac = (key, ...parts) => createHmac("sha256", key).update(Buffer.concat(parts)).digest();
-  const label = (text) => Buffer.concat([Buffer.from("HPKE-v1"), Buffer.from(suiteId, "hex"), Buffer.from(text)]);
-  return {
-    extract: (salt, text, secret) => hmac(salt, label(text), secret),
-    expand: (key, text, info, size) => hmac(key, Buffer.of(0, size), label(text), info, Buffer.of(1)).subarray(0, size),
-  };
-}
+// The labelled extraction and expansion of HPKE (RFC 9180, section 4). No output is longer than one digest.
+const hmac = (key, ...parts) => parts.reduce((mac, part) => mac.update(part), createHmac("sha256", key)).digest();
+const extract = (suite, salt, label, secret) => hmac(salt, "HPKE-v1", suite, label, secret);
+const expand = (suite, key, label, info, size) =>
+  hmac(key, Buffer.of(0, size), "HPKE-v1", suite, label, info, Buffer.of(1)).subarray(0, size);
 
 // Keys of the one message in base mode with DHKEM(P-256, HKDF-SHA256), HKDF-SHA256 and AES-256-GCM.
 function receive(own, encapsulated, info) {
-  const kem = labelled("4b454d0010"), suite = labelled("48504b45001000010002"), none = Buffer.alloc(0);
+  const kem = "KEM\0\x10", suite = "HPKE\0\x10\0\x01\0\x02";
   const points = Buffer.concat([encapsulated, own.getPublicKey()]);
-  const extracted = kem.extract(none, "eae_prk", own.computeSecret(encapsulated));
-  const secret = suite.extract(kem.expand(extracted, "shared_secret", points, 32), "secret", none);
-  const hashes = [suite.extract(none, "psk_id_hash", none), suite.extract(none, "info_hash", info)];
+  const extracted = extract(kem, "", "eae_prk", own.computeSecret(encapsulated));
+  const secret = extract(suite, expand(kem, extracted, "shared_secret", points, 32), "secret", "");
+  const hashes = [extract(suite, "", "psk_id_hash", ""), extract(suite, "", "info_hash", info)];
   const context = Buffer.concat([Buffer.of(0), ...hashes]);
-  return { key: suite.expand(secret, "key", context, 32), nonce: suite.expand(secret, "base_nonce", context, 12) };
+  return { key: expand(suite, secret, "key", context, 32), nonce: expand(suite, secret, "base_nonce", context, 12) };
 }
 
 // The plain bytes of message `number`. Throws if the seal is broken.
@@ -92,31 +96,28 @@ function openHeader(file, pem) {
   const [encapsulated, sealed] = recipients.get(keyId);
   const contentKey = unseal(receive(own, encapsulated, fixed), 0, sealed, Buffer.alloc(0));
   const derive = (info, size) => Buffer.from(hkdfSync("sha256", contentKey, fixed.subarray(32), info, size));
-  const tag = createHmac("sha256", derive("qvx header key", 32)).update(file.bytes.subarray(0, file.at)).digest();
+  const tag = hmac(derive("qvx header key", 32), file.bytes.subarray(0, file.at));
   demand(tag.equals(file.read(32)), "the tag of the header differs");
   return { key: derive("qvx block key", 32), nonce: derive("qvx block nonce", 12) };
 }
 
 function checkFooter(file, header) {
-  const size = Buffer.alloc(4);
-  size.writeUInt32LE(header.length);
-  const footer = Buffer.concat([header, size, Buffer.from(END_MARK, "hex")]);
-  demand(file.bytes.subarray(file.at).equals(footer), "the footer differs, or something follows it");
+  const end = [Buffer.from(Uint32Array.of(header.length).buffer), Buffer.from(END_MARK, "hex")];
+  const isFooter = file.bytes.subarray(file.at).equals(Buffer.concat([header, ...end]));
+  demand(isFooter, "the footer differs, or something follows it");
 }
 
-// zstd would go on with a second frame. A block has a header of 3 bytes: last or not, its type, its size.
-function frameEnd(frame) {
-  for (let at = 9; ;) {
-    const header = new Fields(frame.subarray(at)).read(3).readUIntLE(0, 3), repeatsOneByte = ((header >> 1) & 3) === 1;
-    at += 3 + (repeatsOneByte ? 1 : header >> 3);
-    if (header & 1) return at;
-  }
-}
-
+// zstd would go on with a second frame. A block has a header of 3 bytes: last or not, its type, its size. Type 1 is one
+// byte, repeated.
 function decompress(frame, dictionary) {
-  demand(frame.toString("hex", 0, 9) === FRAME && frameEnd(frame) === frame.length, "not the one frame that is allowed");
+  const fields = new Fields(frame), start = fields.read(9).toString("hex");
+  for (let header = 0; !(header & 1); ) {
+    header = fields.read(3).readUIntLE(0, 3);
+    fields.read((header & 6) === 2 ? 1 : header >> 3);
+  }
+  demand(start === FRAME && fields.at === frame.length, "not the one frame that is allowed");
   const result = spawnSync("zstd", ["-qdc", ...dictionary], { input: frame, maxBuffer: BLOCK });
-  demand(result.status === 0, `a frame does not open: ${result.error ?? result.stderr}`);
+  demand(result.status === 0 && result.stdout.length === BLOCK, `a bad frame: ${result.error ?? result.stderr}`);
   return result.stdout;
 }
 
@@ -126,16 +127,15 @@ function* readBlocks(file, keys, folder) {
     const position = file.at, header = file.read(24), length = header.readUIntLE(4, 3);
     flags = header[7];
     const known = header.readUInt32BE() === 0x51565842 && header.readBigUInt64LE(8) === BigInt(number);
-    const lengths = flags & LAST ? length === LAST_BLOCK - 24 : flags & COMPRESSED ? length > TAG : length === BLOCK + TAG;
-    demand(known && lengths && length - (flags & COMPRESSED ? 0 : 1) < BLOCK + TAG, "no block header, or of another block");
-    const possible = [0, LAST, COMPRESSED, COMPRESSED | DICTIONARY, LEADER, COMPRESSED | LEADER];
-    demand(possible.includes(flags) && number < 1 << 23, "impossible flags of a block, or too many blocks");
+    demand(known && FLAGS.includes(flags) && number < 1 << 23, "no header of this block, or too many blocks");
+    const rawLength = flags & LAST ? LAST_BLOCK - 24 : BLOCK + TAG;
+    const isPossible = flags & COMPRESSED ? length > TAG && length < BLOCK + TAG : length === rawLength;
+    demand(isPossible, "the length of a block is impossible");
     const leader = Number(header.readBigUInt64LE(16));
     demand(flags & DICTIONARY ? leaders.includes(leader) : leader === 0, "the leader of a block is none of the last");
     const stored = unseal(keys, number, file.read(length), header);
     const dictionary = flags & DICTIONARY ? ["-D", content(leader)] : [];
     const plain = flags & COMPRESSED ? decompress(stored, dictionary) : stored;
-    demand(flags === LAST ? plain.length < BLOCK : plain.length === BLOCK, "wrong size of a block");
     if (flags & LEADER) {
       // zstd reads a dictionary from a file. With a zero in front, it is not mistaken for a trained dictionary.
       writeFileSync(content(number), Buffer.concat([Buffer.of(0), plain]));
@@ -184,20 +184,18 @@ class Archive {
   }
 
   [ENTRY](fields, ...place) {
-    const number = fields.count(), type = fields.byte(), entry = { number, type: type & 0x7f, path: fields.text() };
-    demand(!this.entries[number] && number < 2 ** 32 - 1 && [FILE, DIRECTORY, LINK].includes(entry.type), "no such entry");
-    demand(entry.path.length <= 4095 && !BAD_PATH.test(entry.path.toString("latin1")), "a path that is not allowed");
-    demand(entry.path.length > 0 || entry.type === DIRECTORY, "only a directory may have no path");
-    const present = fields.count();
-    ["uid", "gid", "mode", "flags"].forEach((key, bit) => { if (present & (1 << bit)) entry[key] = fields.count(); });
+    const number = fields.count(MAX_ID), byte = fields.byte(), type = byte & 0x7f, announced = byte > 0x80;
+    const entry = { number, type, path: fields.text(4095) };
+    demand(!this.entries[number] && [FILE, DIRECTORY, LINK].includes(type), "no such entry");
+    demand(!BAD_PATH.test(entry.path.toString("latin1")), "a path that is not allowed");
+    demand(type === DIRECTORY ? !announced : entry.path.length > 0, "a directory has no digest, others have a path");
+    const present = fields.count(0x7f);
+    for (const [bit, key] of Object.keys(MAXIMA).entries())
+      if (present & (1 << bit)) entry[key] = fields.count(MAXIMA[key]);
     if (present & 0x10) entry.mtime_ns = fields.read(8).readBigInt64LE();
     const time = () => BigInt.asIntN(64, zigzag(fields.varint()) + (entry.mtime_ns ?? 0n));
     if (present & 0x20) entry.ctime_ns = time();
     if (present & 0x40) entry.btime_ns = time();
-    const within = (entry.flags ?? 0) < 2 ** 32 && [entry.uid, entry.gid].every((id = 0) => id < 2 ** 32 - 1);
-    demand(present < 0x80 && (entry.mode ?? 0) <= 0o7777 && within, "an entry has an unknown field or mode");
-    const announced = type > 0x80;
-    demand(!announced || entry.type !== DIRECTORY, "a directory has no digest");
     this.open = { entry, place, announced, size: 0n, holes: 0, zeros: 0n, digest: sha256(""), target: [] };
   }
 
@@ -216,84 +214,72 @@ class Archive {
     this.open.zeros += length;
     this.open.holes++;
     if (announced) this.zeros += length;
-    this.open.covered = this.zeros > HASHED_ZEROS;
+    this.open.covered = this.zeros > MAX_HASHED_ZEROS;
     for (let rest = announced && !this.open.covered ? length : 0n; rest > 0n; rest -= BigInt(BLOCK))
       digest.update(Buffer.alloc(rest > BLOCK ? BLOCK : Number(rest)));
   }
 
   [END](fields) {
     const { entry, place, announced, size, holes, zeros, digest, target, covered } = this.open;
-    const present = fields.count(), has = (bit) => Boolean(present & (1 << bit)), isFile = entry.type === FILE;
-    demand(fields.bytes.length <= 2 << 20 && present < 0x80 && size < MAX_SIZE, "an end that is too large");
+    const present = fields.count(0x7f), has = (bit) => Boolean(present & (1 << bit)), isFile = entry.type === FILE;
+    demand(fields.bytes.length <= 2 << 20 && size < MAX_SIZE, "an end that is too large");
     demand(has(0) === (announced && !covered), "a digest is announced and not there, or the other way round");
     demand(has(1) ? isFile : holes === 0, "totals of what is no file, or none of a file with holes");
-    const wanted = has(0) && fields.read(32).toString("hex"), sum = has(1) && [fields.varint(), fields.count()];
+    if (has(0)) entry.sha256 = digest.digest("hex");
+    demand(!has(0) || fields.read(32).toString("hex") === entry.sha256, "the content's digest differs");
+    demand(!has(1) || (fields.varint() === size && fields.count() === holes), "the content's sum differs");
     if (has(2)) entry.content_of = fields.count();
     if (has(3)) entry.hard_link = true;
     if (has(4)) entry.xattrs = this.attributes(fields);
     if (has(5)) [entry.acl, entry.default_acl] = [this.accessList(fields), this.accessList(fields)];
     if (has(6)) Object.assign(entry, { incomplete: true, unreadable: this.extents(fields) });
-    const own = { place: [], type: FILE, size, holes, sha256: has(0) ? digest.digest("hex") : undefined };
-    const holder = has(2) ? this.entries[entry.content_of] : own;
-    demand(!has(2) || (isFile && size === 0n && !announced && !has(1)), "content besides a reference to content");
+    const holder = has(2) ? this.entries[entry.content_of] : { type: FILE, size };
     const isHolder = holder?.type === FILE && holder.content_of === undefined && !holder.incomplete;
     demand(isHolder && (!has(3) || has(2)), "a reference to no content");
-    const { offset = 0n, length = 0n } = entry.unreadable?.at(-1) ?? {};
-    const total = (entry.unreadable ?? []).reduce((before, extent) => before + extent.length, 0n);
-    demand(total === 0n || (isFile && !has(2) && offset + length <= size && total <= zeros), "wrong unreadable extents");
+    demand(!has(2) || (isFile && size === 0n && !announced && !has(1)), "content besides a reference to content");
+    const { unreadable = [] } = entry, { offset, length } = unreadable.at(-1) ?? {};
+    const within = isFile && !has(2) && offset + length <= size;
+    const total = unreadable.reduce((sum, extent) => sum + extent.length, 0n);
+    demand(total === 0n || (within && total <= zeros), "wrong unreadable extents");
+    if (entry.type === LINK) entry.target = Buffer.concat(target);
     demand(entry.type !== LINK || has(6) || size > 0n, "a link without target");
-    entry.target = entry.type === LINK ? Buffer.concat(target) : undefined;
     demand(!entry.target || (size <= 4095n && !entry.target.includes(0)), "a target that is not allowed");
-    const lists = Boolean(entry.acl || entry.default_acl) && entry.type !== LINK;
-    demand(!has(5) || (lists && (entry.type === DIRECTORY || !entry.default_acl)), "a list of the wrong type, or none");
+    demand(!entry.default_acl || entry.type === DIRECTORY, "a default list of what is no directory");
+    demand(!has(5) || (entry.type !== LINK && (entry.acl || entry.default_acl)), "a list of a link, or none");
     entry.size = isFile ? holder.size : size;
     if (isFile && !has(2)) entry.holes = holes;
-    entry.sha256 = own.sha256;
-    demand(!has(0) || wanted === entry.sha256, "the content's digest differs");
-    demand(!has(1) || same(sum, [size, holes]), "the content's sum differs");
     this.entries[entry.number] = Object.assign(entry, { place, span: this.blocks.length - 1 - place[0] });
     this.count++;
     this.open = null;
   }
 
   attributes(fields) {
-    const found = repeat(this.limited(fields, 65536), () => [fields.text(), fields.text()]);
-    demand(found.length > 0, "no attributes");
+    const found = repeat(fields.count(65536), () => [fields.text(255), fields.text(65536)]);
     const names = found.map(([name]) => name.toString("latin1"));
-    const allowed = (name, i) => ATTRIBUTE.test(name) && !name.includes("\0") && name.length <= 255 &&
-      !name.startsWith("system.posix_acl_") && (i === 0 || names[i - 1] < name);
-    demand(names.every(allowed), "the name of an attribute is not allowed, or out of order");
-    const sizes = found.map(([name, value]) => name.length + value.length);
-    demand(sizes.reduce((sum, size) => sum + size, 0) <= BLOCK, "the attributes are too large");
-    demand(found.every(([, value]) => value.length <= 65536), "the value of an attribute is too large");
+    const allowed = names.every((name, i) => ATTRIBUTE.test(name) && (i === 0 || names[i - 1] < name));
+    demand(allowed && found.length > 0, "no attributes, or the name of one is not allowed or out of order");
+    demand(found.flat().reduce((sum, text) => sum + text.length, 0) <= BLOCK, "the attributes are too large");
     return found;
-  }
-
-  limited(fields, limit) {
-    const count = fields.count();
-    demand(count <= limit, "a count is too high");
-    return count;
   }
 
   // The text form of an access list.
   accessList(fields) {
-    const list = repeat(this.limited(fields, 8191), () => {
-      const byte = fields.byte(), kind = byte >> 3, named = kind === USER || kind === GROUP;
-      return { kind, permissions: byte & 7, id: named ? fields.count() : -1 };
+    let kinds = "", last = -1;
+    const lines = repeat(fields.count(8191), () => {
+      const byte = fields.byte(), kind = byte >> 3;
+      const id = kind === USER || kind === GROUP ? fields.count(MAX_ID) : "", place = kind * 2 ** 32 + Number(id);
+      demand(place > last, "a list out of order");
+      last = place;
+      kinds += kind.toString(32);
+      return `${WHO[kind]}:${id}:${"rwx".replace(/./g, (letter, i) => (byte & (4 >> i) ? letter : "-"))}`;
     });
-    const count = (...kinds) => list.filter(({ kind }) => kinds.includes(kind)).length;
-    const sorted = ({ kind, id }, i) => i === 0 || list[i - 1].kind < kind || (list[i - 1].kind === kind && list[i - 1].id < id);
-    demand(list.every(({ kind, id }) => kind <= OTHERS && id < 2 ** 32 - 1) && list.every(sorted), "a list out of order");
-    const base = [OWNER, OWNING_GROUP, OTHERS].every((kind) => count(kind) === 1);
-    demand(!list.length || (base && (count(MASK) || !count(USER, GROUP))), "a list lacks an entry");
-    const names = ["user", "user", "group", "group", "mask", "other"];
-    const shown = (permissions) => [..."rwx"].map((letter, i) => (permissions & (4 >> i) ? letter : "-")).join("");
-    return list.map(({ kind, id, permissions }) => `${names[kind]}:${id < 0 ? "" : id}:${shown(permissions)}`).join("\n");
+    demand(ACCESS_LIST.test(kinds), "a list lacks an entry");
+    return lines.join("\n");
   }
 
   extents(fields) {
     let end = 0n;
-    return repeat(this.limited(fields, 4096), (_, i) => {
+    return repeat(fields.count(4096), (_, i) => {
       const offset = end + fields.varint(), length = fields.varint();
       demand(length > 0n && (offset > end || i === 0), "unreadable extents that are empty or adjacent");
       end = offset + length;
@@ -302,8 +288,8 @@ class Archive {
   }
 
   [INDEX](fields, ...place) {
-    const first = fields.count(), count = fields.count();
-    demand(first === this.indexed && count > 0 && fields.bytes.length <= BLOCK, "an index part is empty or out of order");
+    const first = fields.count(), count = fields.count(), size = fields.bytes.length;
+    demand(first === this.indexed && count > 0 && size <= BLOCK, "an index part is empty or out of order");
     demand(this.parts.every(([, , , before]) => before >= 128), "an index part covers too few entries");
     let block = 0, path = Buffer.alloc(0), seconds = 0n;
     for (let number = first; number < first + count; number++) {
@@ -358,7 +344,7 @@ try {
   const keys = openHeader(file, readFileSync(key)), header = file.bytes.subarray(0, file.at);
   archive = new Archive(file.at);
   for (const block of readBlocks(file, keys, folder)) archive.block(block);
-  demand(archive.whole && !archive.state.open, "the archive has no trailer");
+  demand(archive.whole, "the archive has no trailer");
   checkFooter(file, header);
 } catch (error) {
   console.error(`second-reader: ${error.message}`);
