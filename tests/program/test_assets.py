@@ -2,6 +2,7 @@
 import contextlib
 import http.server
 import os
+import pathlib
 import re
 import ssl
 import subprocess
@@ -42,18 +43,18 @@ class Site(Scenario):
         os.mkdir(SITE)
 
     # A web server over SITE that the service is configured for. Each of `tricks` answers the paths that have its
-    # ending; `over` is set when the server ends.
+    # ending.
     def serve(self, tls=None):
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        server.tricks, server.over = {}, threading.Event()
+        server.tricks = {}
         if tls:
             server.socket = tls.wrap_socket(server.socket, server_side=True)
         server.url = f"http{'s' if tls else ''}://127.0.0.1:{server.server_port}"
         write("/etc/tarnwick/asset-service.plist", property_list(
             {"CatalogURL": server.url + "/catalog.plist", "CatalogKey": "/etc/tarnwick/catalog.pem"}))
         threading.Thread(target=server.serve_forever).start()
-        for ending in server.server_close, server.shutdown, server.over.set:
-            self.addCleanup(ending)
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
         return server
 
     def make_key(self, *kind):
@@ -64,6 +65,14 @@ class Site(Scenario):
         for version in versions:
             write(f"{SITE}/{TYPE}/{version}/{NAME}", "<plist/>")
         call(*self.publisher(**options))
+
+    # Publishes as 6.0 a configuration that finds a file on the volume Data. The program trusts no other any more.
+    def publish_specification(self):
+        self.volume("Data", YES, ["/logs/a.log"])
+        self.specification(("/logs", ".*"))
+        os.remove("/etc/tarnwick/internal-policies.plist")
+        write(NEWER, content("/media/spec.plist"))
+        self.publish()
 
     def publisher(self, **options):
         return [sys.executable, "-W", "error", f"{PROJECT}/tools/asset-publish/asset-publish", "--key",
@@ -92,17 +101,13 @@ class Assets(Site):
         self.fetch()
         tls = self.certificate()
         self.make_key("ed25519")
-        self.volume("Data", YES, ["/logs/a.log"])
-        self.specification(("/logs", ".*"))
-        os.remove("/etc/tarnwick/internal-policies.plist")
         write(f"{STORE}/4.1/{NAME}", "<plist/>")
         self.fetch()
         server = self.serve(tls)
         for versions, trust in (["5.10"], {}), (["5.10"], TRUST), (["5.12", "5.9", "4.99"], TRUST), ([], TRUST):
             self.publish(*versions)
             self.fetch(environment=trust)
-        write(f"{SITE}/{TYPE}/6.0/{NAME}", content("/media/spec.plist"))
-        self.publish()
+        self.publish_specification()
         self.fetch(environment=TRUST)
         server.shutdown()
         server.server_close()
@@ -121,7 +126,7 @@ class Assets(Site):
         for name, damage in {
                 "redirect to a file": lambda: redirect("file:///etc/passwd"),
                 "redirect to itself": lambda: redirect("/catalog.plist"),
-                "no answer": lambda: server.tricks.update({".plist": lambda handler: server.over.wait()}),
+                "no answer": lambda: server.tricks.update({".plist": lambda handler: handler.rfile.read()}),
                 "too large": lambda: self.sign(good + b"\n" * (1 << 20)),
                 "no signature": lambda: os.unlink(CATALOG + ".sig"),
                 "changed after signing": lambda: write(CATALOG, good + b"\n"),
@@ -156,8 +161,7 @@ class Assets(Site):
                 ({"serial": 0}, lambda: write(CATALOG, hostile), "is not from 1 to"),
                 ({"days": 0}, lambda: None, "at least 1")):
             with self.subTest(message, **options):
-                if os.path.lexists(CATALOG):
-                    os.unlink(CATALOG)
+                pathlib.Path(CATALOG).unlink(missing_ok=True)
                 self.sign(good)
                 damage()
                 before = call("ls", "-l", "--full-time", SITE)
@@ -188,49 +192,35 @@ activate = 1
 # The programs load no module that the caller's environment names. It names one that OpenSSL loads with its
 # configuration, and one in place of the provider that libcryptsetup loads.
 class Environment(Site, Disks):
-    def setUp(self):
-        super().setUp()
-        os.mkdir("/media/modules")
-        for name in "marking", "legacy":
-            call("cc", "-shared", "-fPIC", "-x", "c", "-", "-o", f"/media/modules/{name}.so", input=MODULE.encode())
-        write("/media/openssl.cnf", OPENSSL)
-        self.configuration = {"OPENSSL_CONF": "/media/openssl.cnf"}
-        self.modules = {"OPENSSL_MODULES": "/media/modules", "OPENSSL_ENGINES": "/media/modules"}
-        self.hostile = {**self.configuration, **self.modules}
-
-    # Whether the run loaded a module.
-    def marks(self, *words, environment=(), typed=b"", **more):
-        process = self.start(*words[1:], program=words[0], environment={**(environment or self.hostile)}, **more)
-        self.out = b"".join(process.communicate(typed))
-        self.status = process.returncode
+    # Runs a program in the environment. Whether it loaded a module.
+    def marks(self, program, *words, environment, **more):
+        process = self.start(*words, program=program, environment=environment, **more)
+        self.out = b"".join(process.communicate(b"wrong"))
         with contextlib.suppress(FileNotFoundError):
             os.unlink("/media/mark")
             return True
         return False
 
-    def test_of_the_caller_loads_no_module_into_a_download(self):
-        self.volume("Data", YES, ["/logs/a.log"])
-        self.specification(("/logs", ".*"))
-        os.remove("/etc/tarnwick/internal-policies.plist")
-        write(f"{SITE}/{TYPE}/6.0/{NAME}", content("/media/spec.plist"))
-        self.serve(self.certificate())
-        self.publish()
-        self.assertTrue(self.marks("fetch_config", environment={**self.configuration, **TRUST}), "without protection")
-        self.assertFalse(self.marks("tarnwick", environment={**self.hostile, **TRUST}))
-        self.assertEqual((self.status, os.listdir(STORE)), (0, ["6.0"]), self.out)
-
-    def test_of_the_caller_loads_no_module_into_a_companion(self):
+    def test_of_the_caller_loads_no_module(self):
+        for name in "marking", "legacy":
+            source = write(f"/media/modules/{name}.c", MODULE)
+            call("cc", "-shared", "-fPIC", "-o", source[:-1] + "so", source)
+        configuration = {"OPENSSL_CONF": write("/media/openssl.cnf", OPENSSL), **TRUST}
+        modules = {"OPENSSL_MODULES": "/media/modules", "OPENSSL_ENGINES": "/media/modules"}
         device = self.attach(self.locked(b"right"))
-        for control, environment in ("openssl rand 1", self.configuration), (f"cryptsetup luksDump /dev/{device}",
-                                                                             self.modules):
-            subprocess.run(control.split(), env={"PATH": world.PATH, **environment}, capture_output=True)
-            os.unlink("/media/mark")  # fails if the control has left none
+        self.serve(self.certificate())
+        self.publish_specification()
         write("/media/cwd/file", "content")
-        for words in (("qvx", "keygen", "-o", "key"), ("qvx", "create", "-r", "key.pub", "-o", "a.qvx", "file"),
+        subprocess.run(["cryptsetup", "luksDump", "/dev/" + device], env={"PATH": world.PATH, **modules})
+        os.unlink("/media/mark")  # fails if this control has left none
+        self.assertTrue(self.marks("fetch_config", environment=configuration), "without protection")
+        for words in (("tarnwick",), ("qvx", "keygen", "-o", "key"),
+                      ("qvx", "create", "-r", "key.pub", "-o", "a.qvx", "file"),
                       ("qvx", "extract", "-k", "key.pem", "-C", "/media/preboot", "a.qvx"), ("nvram", "-p"),
                       ("volctl", "list"), ("tarnwick-consent", "show"),
                       ("volctl", "zkfs", "unlockVolume", device, "--key-fd", "0")):
             with self.subTest(words):
-                self.assertFalse(self.marks(*words, typed=b"wrong"))
+                self.assertFalse(self.marks(*words, environment={**configuration, **modules}))
+        self.assertEqual(os.listdir(STORE), ["6.0"])
         self.assertIn(b"wrong passphrase", self.out)
         self.assertEqual(content("/media/preboot/media/cwd/file"), b"content")

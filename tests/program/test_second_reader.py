@@ -1,12 +1,13 @@
 # qvx's archives read by a reader in another language that shares no code with it; see second-reader/.
 import base64
+import glob
 import json
 import os
 import random
 import shutil
 import subprocess
 
-from world import BIN, DATA, HERE, Scenario, call, content, write
+from world import BIN, DATA, HERE, Scenario, call, write
 
 READER = HERE + "/../second-reader/second_reader.mjs"
 TREE, ARCHIVE, KEY = "/media/tree", "/media/archive.qvx", "/media/key.pem"
@@ -35,34 +36,28 @@ def entries(lines):
 
 
 class SecondReader(Scenario):
-    def setUp(self):
-        super().setUp()
+    # Both readers accept the archive and find the same entries, which are returned, or both refuse it.
+    def agree(self, archive, key):
+        shutil.copy(READER, "/media/second_reader.mjs")  # node cannot run it from /proc/PID/fd
+        second = subprocess.run(["node", "/media/second_reader.mjs", key, archive], capture_output=True, check=False)
+        with self.subTest(os.path.basename(archive)):
+            if self.start("verify", "--key", key, archive, program="qvx", stderr=None).wait() != 0:
+                return self.assertEqual((second.returncode, second.stderr[:15]), (1, b"second-reader: "))
+            self.assertEqual((second.returncode, second.stderr), (0, b""))
+            listed = self.qvx("list", "--json", "--key", key, archive)
+            found = list(entries(second.stdout.splitlines()))
+            self.assertEqual(found, list(map(json.loads, listed.splitlines())))
+            return found
+
+    def test_same_entries(self):
         self.qvx("keygen", "-o", "/media/key")
         make_tree()
         self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, TREE, TREE + "/noise")
-
-    def read(self, archive, key):
-        shutil.copy(READER, "/media/second_reader.mjs")  # node cannot run it from /proc/PID/fd
-        return subprocess.run(["node", "/media/second_reader.mjs", key, archive], capture_output=True, check=False)
-
-    def agree(self, archive, key):
-        result = self.read(archive, key)
-        self.assertEqual((result.returncode, result.stderr), (0, b""), archive)
-        found = list(entries(result.stdout.splitlines()))
-        listed = self.qvx("list", "--json", "--key", key, archive)
-        self.assertEqual(found, list(map(json.loads, listed.splitlines())), archive)
-        return found
-
-    def test_same_entries(self):
         found = self.agree(ARCHIVE, KEY)
         self.assertEqual([entry.get("hard_link") is None for entry in found if "content_of" in entry], [False, True])
         self.assertEqual(sum(entry.get("holes", 0) for entry in found), 2)
-        for name in "kinds", "blocks", "nothing", "incomplete", "order":
-            self.agree(f"{SAMPLES}{name}.qvx", SAMPLES + "recipient.pem")
 
-    def test_damage_is_refused(self):
-        whole = content(ARCHIVE)
-        flipped = (whole[:at] + bytes([whole[at] ^ 1]) + whole[at + 1:] for at in (28, 70, 150, len(whole) - 100))
-        for damaged in (*flipped, whole[:-1], whole[:-68], whole + b"\0"):
-            result = self.read(write(ARCHIVE, damaged), KEY)
-            self.assertEqual((result.returncode, result.stderr[:15]), (1, b"second-reader: "))
+    # test_qvx.py says which of them are good.
+    def test_frozen_archives(self):
+        for archive in glob.glob(SAMPLES + "*.qvx"):
+            self.agree(archive, SAMPLES + "recipient.pem")
