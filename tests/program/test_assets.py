@@ -18,6 +18,7 @@ STORE = f"/var/lib/tarnwick/assets/{TYPE}"
 SITE = "/media/site"
 CATALOG = SITE + "/catalog.plist"
 NAME, TRUST = "tarnwick.config.plist", {"SSL_CERT_FILE": "/media/server.pem"}
+P256, P384 = (("ec", "-pkeyopt", "ec_paramgen_curve:" + curve) for curve in ("P-256", "P-384"))
 NEWER = f"{SITE}/{TYPE}/6.0/{NAME}"
 
 
@@ -39,7 +40,7 @@ class Handler(http.server.SimpleHTTPRequestHandler):
 class Site(Scenario):
     def setUp(self):
         super().setUp()
-        self.make_key("ec", "-pkeyopt", "ec_paramgen_curve:prime256v1")
+        self.make_key(*P256)
         os.mkdir(SITE)
 
     # A web server over SITE that the service is configured for. Each of `tricks` answers the paths that have its
@@ -136,7 +137,8 @@ class Assets(Site):
                 "missing": lambda: os.unlink(CATALOG),
                 "a file longer than published": lambda: (self.publish("6.0"), write(NEWER, "<plist/> ")),
                 "a file changed": lambda: (self.publish("6.0"), write(NEWER, "<plisT/>")),
-                "a file missing": lambda: (self.publish("6.0"), os.unlink(NEWER))}.items():
+                "a file missing": lambda: (self.publish("6.0"), os.unlink(NEWER)),
+                "a key of a curve that OpenSSL accepts": lambda: (self.make_key(*P384), self.sign(good))}.items():
             server.tricks.clear()
             self.sign(good)
             damage()

@@ -1,6 +1,7 @@
 # volctl on real loop devices.
 import os
 import plistlib
+import re
 import struct
 
 from world import Disks, call, on_terminal, property_list, read, write
@@ -20,14 +21,13 @@ class Volctl(Disks):
         path, identity = self.formatted("-L", "name of it", format=format)
         os.mkdir("/media/dirty")
         call("mount", path, "/media/dirty")
-        write("/media/dirty/orphan", "x" * 100000)
-        with open("/media/dirty/orphan", "rb"):
+        with open("/media/dirty/orphan", "wb") as orphan:
+            orphan.write(b"x" * 100000)
             write("/media/dirty/kept")
-            os.remove("/media/dirty/orphan")
+            os.remove(orphan.name)
             for option in "-f", "-u":  # moves all so far from the journal to its place
                 call("fsfreeze", option, "/media/dirty")
-            write("/media/dirty/kept", "only in the journal")
-            call("sync", "/media/dirty/kept")
+            call("sync", write("/media/dirty/kept", "only in the journal"))
             call("cp", "--sparse=always", path, path + ".copy")
         call("umount", "/media/dirty")  # the kernel mounts no two file systems of one identity
         return path + ".copy", identity
@@ -52,7 +52,7 @@ class Volctl(Disks):
         self.note("mounted", call("findmnt", "-no", "VFS-OPTIONS", "/run/tarnwick/volumes/" + device))
         self.note("in it", call("ls", "-R", "/run/tarnwick/volumes/"))
         listed = plistlib.loads(call("/media/programs/volctl", "zkfs", "listGroups", "-plist").encode())
-        self.note("listed", "".join(f"{container}\n" for container in listed["Containers"] if device in str(container)))
+        self.note("listed", "\n".join(str(each) for each in listed["Containers"] if device in str(each)))
         self.volctl("zkfs", "lockVolume", device)
         self.volctl("info", "-plist", device)
         self.assert_unused(device, path, before)
@@ -71,8 +71,7 @@ class Volctl(Disks):
             device = self.mount(self.formatted("-L", "$(reboot)\x1b[2J")[0], folder)
             for words in ("zkfs", "unlockVolume", device), ("zkfs", "lockVolume", device), ("info", "-plist", folder):
                 self.volctl(*words)
-            table = call("/media/programs/volctl", "list")
-            self.note("listed", "".join(line + "\n" for line in table.splitlines() if line.startswith(device + " ")))
+            self.note("listed", *re.findall(f"(?m)^{device} .*", call("/media/programs/volctl", "list")))
 
     def test_file_system_in_doubt_is_left_alone(self):
         path = self.formatted()[0]

@@ -1,7 +1,6 @@
 // The content of catalogs is checked by asset_catalog_fuzz, and by the program test with a web server.
 #include <gtest/gtest.h>
 
-#include "platform/assets/asset_catalog.h"
 #include "platform/assets/asset_configuration.h"
 
 using namespace tarnwick;
@@ -16,17 +15,4 @@ TEST(AssetUrls, StayWithTheCatalogsSchemeAndPlainHttpOnThisMachine) {
     EXPECT_EQ(resolveUrl("https://host/a/c.plist?x", "b/f%20g"), "https://host/a/b/f%20g");
     EXPECT_FALSE(resolveUrl("https://host/c", "file:///etc/passwd"));
     EXPECT_FALSE(resolveUrl("http://127.0.0.1/c", "//host/f"));
-}
-
-// OpenSSL would verify with it.
-TEST(CatalogSignature, RefusesKeyOfAnotherCurve) {
-    constexpr auto p384 = R"(-----BEGIN PUBLIC KEY-----
-MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAERMjULiE0j+9KgAzj/2pYGQhEZj1UupZt
-NVWrsWUXwkMgMy9B+o2GEtQ1oVA5JW4GSfT8suOVn6kOSdU4rqPwBy6aUQyxVULn
-OWY8LA/DSKqYElF+P+UlaAHYEHbe//V1
------END PUBLIC KEY-----
-)";
-    const auto catalog = readCatalog({"<plist/>", "signature"}, p384);
-    ASSERT_FALSE(catalog);
-    EXPECT_EQ(catalog.error(), AssetError::keyUnusable);
 }
