@@ -29,9 +29,22 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
 std::vector<std::uint32_t> SalvageReader::finish() {
     abandonEntry("its end is lost");
     reportDamagedRun();
+    removeRepeatedNumbers();
+    return std::move(numbers_);
+}
+
+// A hostile archive may begin one entry any number of times.
+void SalvageReader::addNumber(std::uint32_t number) {
+    if (numbers_.size() == numbers_.capacity()) {
+        removeRepeatedNumbers();
+        numbers_.reserve(2 * numbers_.size() + 1);  // so that not every number is sorted again
+    }
+    numbers_.push_back(number);
+}
+
+void SalvageReader::removeRepeatedNumbers() {
     std::ranges::sort(numbers_);
     numbers_.erase(std::unique(numbers_.begin(), numbers_.end()), numbers_.end());
-    return std::move(numbers_);
 }
 
 ReadOutcome SalvageReader::consumeRecord(const Record& record, const RecordPlace& place) {
@@ -50,7 +63,7 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const RecordPlace
     // After consume(), which decodes the number.
     if (record.type == RecordType::entry) {
         entryPlace_ = place;
-        numbers_.push_back(static_cast<std::uint32_t>(entry_.head().number));
+        addNumber(static_cast<std::uint32_t>(entry_.head().number));
     }
     return {};
 }

@@ -26,6 +26,8 @@ public:
 private:
     ReadOutcome consumeRecord(const Record& record, const RecordPlace& place);
     ReadOutcome deliver();
+    void addNumber(std::uint32_t number);
+    void removeRepeatedNumbers();
     void abandonEntry(std::string reason);
     void report(const ReadFault& fault);
     void reportBlock(const ReadFault& fault);
