@@ -9,7 +9,7 @@ from world import CONSENT, NO, YES, Disks, call, clear, content, property_list, 
 
 FOLDER, NAME = os.path.split(CONSENT)
 OTHER_KEYS = {"AutoSubmitVersion": 4, "Name": "D\u00e4ta <&>", "Bytes": b"\0\xff", "List": [True, {"a": 1.5}]}
-CHOICES = {"grant": {"AutoSubmit": True}, "deny": {"AutoSubmit": False}, "ask": {}}
+CHOICES = {"grant": YES, "deny": NO, "ask": {}}
 
 
 def fingerprint(folder):
@@ -101,11 +101,9 @@ class Consent(Disks):
             self.refuses("deny", folder, folder=folder)
 
     def test_failure_while_writing_leaves_no_half_record(self):
-        def small_files():
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
-
+        small_files = {"limits": lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
+                                          resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100)))}
         folder, record = self.data()
-        self.refuses("grant", folder, folder=folder, limits=small_files)  # removes its new folders again
+        self.refuses("grant", folder, folder=folder, **small_files)  # removes its new folders again
         write(record, plistlib.dumps(NO))
-        self.refuses("grant", folder, folder=folder, limits=small_files)
+        self.refuses("grant", folder, folder=folder, **small_files)

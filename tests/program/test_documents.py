@@ -84,8 +84,7 @@ class Documents(Disks):
                 device = device or self.make_volume()
             if "/home" in block:  # a data volume, which a loop device is only where it is named
                 write("/etc/tarnwick/volumes.plist", property_list({"Roles": {device: "Data"}}))
-                call("mount", f"/dev/{device}", "/home")
-                self.addCleanup(call, "umount", "--lazy", "/home")
+                self.lay("/home", "rw", "auto", "/dev/" + device)
             shown, status, _ = on_terminal([*command, 'sudo() { "$@"; }\n' + block.replace("sda3", device)], b"ass",
                                            *[b"secret\n"] * (2 if "safe.pem" in block else 0))
             self.assertEqual(status, 0, f"{block}\n{shown.decode()}")

@@ -105,12 +105,10 @@ class Store(Scenario):
         self.assertFalse(os.path.exists("/media/target"))
 
     def test_only_abandoned_copies_are_removed(self):
-        abandoned, locked, foreign, link = (f"{STORE}/.tarnwick-{digit * 16}" for digit in "012f")
-        others = [write(f"{STORE}/.tarnwick-{name}") for name in ("0" * 15, "0" * 17, "g" * 16)]
-        for path in abandoned, locked, foreign:
-            write(path)
+        names = "0" * 16, "1" * 16, "2" * 16, "0" * 15, "0" * 17, "g" * 16
+        abandoned, locked, foreign, other, *_ = (write(f"{STORE}/.tarnwick-{name}") for name in names)
         os.chown(foreign, 1000, 1000)
-        os.symlink(others[0], link)
+        os.symlink(other, f"{STORE}/.tarnwick-{'f' * 16}")
         with open(locked, "rb") as file:
             fcntl.flock(file, fcntl.LOCK_EX)
             self.capture()

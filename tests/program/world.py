@@ -156,7 +156,6 @@ class Scenario(unittest.TestCase):
             layers = [f"/media/{kind}{path}" for kind in ("upper", "work")]
             call("mkdir", "-p", *layers)
             self.lay(path, "lowerdir={},upperdir={},workdir={}".format(path, *layers), "overlay")
-            os.makedirs(path + "/tarnwick", exist_ok=True)
             self.lay(path + "/tarnwick", "mode=755")
         for command in ("volctl", "nvram", "man"):
             shutil.copy(f"{HERE}/stand-in", f"/media/bin/{command}")
@@ -170,9 +169,9 @@ class Scenario(unittest.TestCase):
             write(path, self.record)
         self.assertEqual(self.record, read(path) if self.record else "")
 
-    # Mounts a file system until the end of the test, with all that is mounted below it.
-    def lay(self, target, options, kind="tmpfs"):
-        call("mount", "-t", kind, "-o", options, "world", target)
+    # Mounts a file system until the end of the test, with all that is mounted below it. Creates the folder.
+    def lay(self, target, options, kind="tmpfs", source="world"):
+        call("mount", "-t", kind, "-o", "X-mount.mkdir," + options, source, target)
         self.addCleanup(call, "umount", "--lazy", target)
 
     # Answers to `line`, in turn; the last one is repeated. A text means that text and status 0.
@@ -321,7 +320,5 @@ class Disks(Scenario):
 
     # Mounts the image on the folder. The name of its loop device.
     def mount(self, path, folder):
-        os.makedirs(folder, exist_ok=True)
-        call("mount", "/dev/" + (device := self.attach(path)), folder)
-        self.addCleanup(call, "umount", "--lazy", folder)
+        self.lay(folder, "rw", "auto", "/dev/" + (device := self.attach(path)))
         return device

@@ -1,8 +1,8 @@
 // A second reader of qvx archives, written from docs/qvx-format.md alone, so that an error in both the page and the
 // programs is found. `node second_reader.mjs KEY.pem ARCHIVE` reads the archive once from front to back, compares
-// index, root and trailer with the entries, and prints a line of JSON for each entry in the order of the numbers (bytes
-// that need not be text in base64). Status 1: the archive breaks a rule. The lines are of complete entries; some may be
-// missing.
+// index, root and trailer with the entries, and prints a line of JSON for each entry in the order of the numbers (its
+// strings are the bytes of the archive, which need not be UTF-8). Status 1: the archive breaks a rule. The lines are of
+// complete entries; some may be missing.
 import { spawnSync } from "node:child_process";
 import { createDecipheriv, createECDH, createHash, createHmac, createPrivateKey, hkdfSync } from "node:crypto";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
@@ -327,13 +327,14 @@ class Archive {
 }
 
 function print({ place, span, size, ...entry }) {
-  const base64 = (value) => (Buffer.isBuffer(value) ? value.toString("base64") : value?.map(base64));
-  const type = ["file", "directory", "link"][entry.type - 1];
-  const shown = { ...entry, type, mode: entry.mode?.toString(8).padStart(4, "0") };
-  for (const key of ["path", "target", "xattrs"]) shown[key] = base64(entry[key]);
+  const text = (bytes) => bytes?.toString("latin1"), type = ["file", "directory", "link"][entry.type - 1];
+  const xattrs = entry.xattrs && Object.fromEntries(entry.xattrs.map((pair) => pair.map(text)));
+  const shown = { ...entry, type, path: text(entry.path), target: text(entry.target), xattrs };
+  shown.mode = entry.mode?.toString(8).padStart(4, "0");
   if (entry.type === FILE) shown.size = size;
-  const mark = (_, value) => (typeof value === "bigint" ? `#${value}` : value);
-  console.log(JSON.stringify(shown, mark).replace(/"#(-?\d+)"/g, "$1"));
+  const mark = (_, value) => (typeof value === "bigint" ? `\u2116${value}` : value); // no byte is this character
+  const line = JSON.stringify(shown, mark).replace(/"\u2116(-?\d+)"/g, "$1");
+  process.stdout.write(Buffer.from(`${line}\n`, "latin1"));
 }
 
 const folder = mkdtempSync("/tmp/second-reader-");
