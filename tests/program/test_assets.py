@@ -23,14 +23,13 @@ NEWER = f"{SITE}/{TYPE}/6.0/{NAME}"
 
 
 class Handler(http.server.SimpleHTTPRequestHandler):
+    send_file = http.server.SimpleHTTPRequestHandler.do_GET
+
     def __init__(self, *arguments):
         super().__init__(*arguments, directory=SITE)
 
     def do_GET(self):
-        for ending, act in self.server.tricks.items():
-            if self.path.endswith(ending):
-                return act(self)
-        return super().do_GET()
+        self.server.answer(self)
 
     def log_message(self, *_):
         pass
@@ -43,11 +42,10 @@ class Site(Scenario):
         self.make_key(*P256)
         os.mkdir(SITE)
 
-    # A web server over SITE that the service is configured for. Each of `tricks` answers the paths that have its
-    # ending.
+    # A web server over SITE that the service is configured for. Its `answer` can be replaced.
     def serve(self, tls=None):
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        server.tricks = {}
+        server.answer = Handler.send_file
         if tls:
             server.socket = tls.wrap_socket(server.socket, server_side=True)
         server.url = f"http{'s' if tls else ''}://127.0.0.1:{server.server_port}"
@@ -117,7 +115,7 @@ class Assets(Site):
 
     def test_refused_catalog_or_file_leaves_the_installed_asset_in_use(self):
         def redirect(url):
-            server.tricks[".plist"] = lambda handler: (
+            server.answer = lambda handler: (
                 handler.send_response(302), handler.send_header("Location", url), handler.end_headers())
 
         self.publish("5.0", serial=7)
@@ -127,7 +125,7 @@ class Assets(Site):
         for name, damage in {
                 "redirect to a file": lambda: redirect("file:///etc/passwd"),
                 "redirect to itself": lambda: redirect("/catalog.plist"),
-                "no answer": lambda: server.tricks.update({".plist": lambda handler: handler.rfile.read()}),
+                "no answer": lambda: setattr(server, "answer", lambda handler: handler.rfile.read()),
                 "too large": lambda: self.sign(good + b"\n" * (1 << 20)),
                 "no signature": lambda: os.unlink(CATALOG + ".sig"),
                 "changed after signing": lambda: write(CATALOG, good + b"\n"),
@@ -139,7 +137,7 @@ class Assets(Site):
                 "a file changed": lambda: (self.publish("6.0"), write(NEWER, "<plisT/>")),
                 "a file missing": lambda: (self.publish("6.0"), os.unlink(NEWER)),
                 "a key of a curve that OpenSSL accepts": lambda: (self.make_key(*P384), self.sign(good))}.items():
-            server.tricks.clear()
+            server.answer = Handler.send_file
             self.sign(good)
             damage()
             self.note("fault", name)

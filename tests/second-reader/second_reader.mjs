@@ -101,12 +101,6 @@ function openHeader(file, pem) {
   return { key: derive("qvx block key", 32), nonce: derive("qvx block nonce", 12) };
 }
 
-function checkFooter(file, header) {
-  const end = [Buffer.from(Uint32Array.of(header.length).buffer), Buffer.from(END_MARK, "hex")];
-  const isFooter = file.bytes.subarray(file.at).equals(Buffer.concat([header, ...end]));
-  demand(isFooter, "the footer differs, or something follows it");
-}
-
 // zstd would go on with a second frame. A block has a header of 3 bytes: last or not, its type, its size. Type 1 is one
 // byte, repeated.
 function decompress(frame, dictionary) {
@@ -346,7 +340,8 @@ try {
   archive = new Archive(file.at);
   for (const block of readBlocks(file, keys, folder)) archive.block(block);
   demand(archive.whole, "the archive has no trailer");
-  checkFooter(file, header);
+  const end = [Buffer.from(Uint32Array.of(header.length).buffer), Buffer.from(END_MARK, "hex")];
+  demand(file.bytes.subarray(file.at).equals(Buffer.concat([header, ...end])), "the footer differs, or something follows it");
 } catch (error) {
   console.error(`second-reader: ${error.message}`);
   process.exitCode = 1;
