@@ -28,24 +28,18 @@ void checkPart(Bytes payload) {
 // All that stands in a block is records, and padding of one form up to its end.
 void checkRecords(Bytes block) {
     RecordCursor cursor(block);
-    ByteVector encoded;
-    const auto append = [&](RecordType type, bool continues, Bytes payload) {
-        encoded.resize(encoded.size() + recordHeaderSize);
-        const auto length = static_cast<std::uint32_t>(payload.size());
-        encodeRecordHeader({type, continues, length}, &encoded[encoded.size() - recordHeaderSize]);
-        encoded.insert(encoded.end(), payload.begin(), payload.end());
-    };
-    while (const auto record = cursor.next()) {
-        append(record->type, record->continues, record->payload);
+    std::size_t end = 0;
+    for (std::optional<Record> record; (record = cursor.next()); end = cursor.offset()) {
+        require(cursor.offset() == end + recordHeaderSize + record->payload.size());
         require(record->type <= RecordType::trailer || isAddition(record->type));
-        require(!record->continues ||
-                (record->type >= RecordType::end && block.size() - encoded.size() <= recordHeaderSize));
+        const bool full = block.size() - cursor.offset() < recordHeaderSize;
+        require(!record->continues || (record->type >= RecordType::end && full));
     }
-    if (cursor.damaged()) return;
-    const std::size_t room = block.size() - encoded.size();
-    if (room >= recordHeaderSize) append(RecordType::pad, false, ByteVector(room - recordHeaderSize));
-    encoded.resize(block.size());
-    require(std::ranges::equal(encoded, block));
+    ByteVector padding(std::max(block.size() - end, recordHeaderSize));
+    const auto length = static_cast<std::uint32_t>(padding.size() - recordHeaderSize);
+    encodeRecordHeader({RecordType::pad, false, length}, padding.data());
+    padding.resize(block.size() - end);
+    require(cursor.damaged() || std::ranges::equal(block.subspan(end), padding));
 }
 
 }  // namespace

@@ -54,12 +54,9 @@ protected:
         std::ofstream(source_ / "d").seekp(300000) << "end";
         fs::create_hard_link(source_ / "b", source_ / "e");
         fs::create_symlink("a", source_ / "f");
-        const std::pair<const char*, std::string> entries[] = {
-            {"", ""}, {"a", "content"}, {"b", noise}, {"c", ""}, {"d", holes + "end"}, {"e", noise}, {"f", "a"}};
-        for (const auto& [name, content] : entries) {
-            files_.push_back(*name ? source_ / name : source_);
-            expected_.push_back(files_.back().string().substr(1) + '=' + content);
-        }
+        files_ = {source_, source_ / "a", source_ / "b", source_ / "c", source_ / "d", source_ / "e", source_ / "f"};
+        expected_ = {"", "content", noise, "", holes + "end", noise, "a"};
+        for (std::size_t i = 0; i < files_.size(); ++i) expected_[i].insert(0, files_[i].string().substr(1) + '=');
     }
 
     // What the writer said of the archive; a capture says nothing of incomplete files.
@@ -93,8 +90,7 @@ protected:
     // A capture writes to a new folder. qvx replaces an archive.
     static std::string before(Writer writer) { return writer == byQvx ? "old archive" : ""; }
     static std::string content(const fs::path& path) {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator(file), {}};
+        return {std::istreambuf_iterator(std::ifstream(path).rdbuf()), {}};
     }
     bool hasHiddenFile() const {
         return std::ranges::any_of(fs::directory_iterator(folder_.path),

@@ -99,19 +99,15 @@ TEST(HeaderCopies, AreFoundAfterDamageToBeginningOrEnd) {
     const ByteVector& whole = archive.bytes;
     const ByteVector footer = encodeFooter(archive.header), junk(100, 'j');
     const auto body = joined(archive.header, archive.blocks);
-    const auto overwritten = [](ByteVector bytes, std::size_t at, std::size_t count) {
-        std::fill_n(bytes.begin() + std::ptrdiff_t(at), count, std::uint8_t{0});
-        return bytes;
-    };
     const char* const cut = "the archive is cut, or bytes follow it";
     const char* const first = "the header is damaged; its copy in the footer is intact";
     const std::tuple<const char*, ByteVector, const char*> cases[] = {
-        {"header overwritten", overwritten(whole, 0, archive.header.size()), first},
+        {"header overwritten", joined(ByteVector(archive.header.size()), joined(archive.blocks, footer)), first},
         {"header missing", joined(archive.blocks, footer), first},
         {"part of header missing", {whole.begin() + 50, whole.end()}, first},
         {"footer missing", body, cut},
         {"footer cut", {whole.begin(), whole.end() - 1}, cut},
-        {"footer overwritten", overwritten(whole, body.size(), footer.size()), cut},
+        {"footer overwritten", joined(body, ByteVector(footer.size())), cut},
         {"bytes after it", joined(whole, junk), cut},
         {"footer of another archive", joined(body, encodeFooter(another.header)), "the header and its copy in"},
         {"bytes before it, no footer", joined(junk, body), "not a qvx archive"},
