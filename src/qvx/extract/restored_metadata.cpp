@@ -34,12 +34,13 @@ timespec timeOf(std::int64_t nanoseconds) {
 // As the kernel applies it to a list. Without this, a list would give the rights that the umask withholds.
 AccessList withoutBits(AccessList list, mode_t umask) {
     using Kind = AccessRule::Kind;
+    const auto allowed = [&](int shift) { return static_cast<std::uint8_t>(~(umask >> shift) & 7U); };
     const auto isMask = [](const AccessRule& rule) { return rule.kind == Kind::mask; };
     const Kind groupClass = std::ranges::any_of(list, isMask) ? Kind::mask : Kind::owningGroup;
     for (auto& rule : list) {
-        if (rule.kind == Kind::owner) rule.permissions &= ~(umask >> 6) & 7U;
-        if (rule.kind == groupClass) rule.permissions &= ~(umask >> 3) & 7U;
-        if (rule.kind == Kind::others) rule.permissions &= ~umask & 7U;
+        if (rule.kind == Kind::owner) rule.permissions &= allowed(6);
+        if (rule.kind == groupClass) rule.permissions &= allowed(3);
+        if (rule.kind == Kind::others) rule.permissions &= allowed(0);
     }
     return list;
 }

@@ -23,6 +23,7 @@ Recipient readRecipient(WireReader& in) {
 
 bool areDistinct(const std::vector<Recipient>& recipients) {
     std::vector<Digest> fingerprints;
+    fingerprints.reserve(recipients.size());
     for (const auto& recipient : recipients) fingerprints.push_back(recipient.fingerprint);
     std::ranges::sort(fingerprints);
     return std::ranges::adjacent_find(fingerprints) == fingerprints.end();

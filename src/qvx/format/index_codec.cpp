@@ -18,7 +18,8 @@ void readPath(WireReader& in, std::string& path) {
     const std::string_view rest = in.text();
     if (!in.ok()) return;
     if (shared < path.size() && rest.starts_with(path[shared])) in.fail();
-    path.replace(shared, std::string::npos, rest);
+    path.resize(shared);
+    path += rest;
 }
 
 // Turns `entry` from the previous entry into the next one.
