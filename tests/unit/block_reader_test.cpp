@@ -113,7 +113,7 @@ using Numbers = std::vector<std::uint64_t>;
 // A file of blocks with these roles. A leader is whatever block is named.
 struct BlockFile {
     explicit BlockFile(const std::vector<Role>& roles) {
-        BlockEncoder encoder{MessageKeys()};
+        BlockEncoder encoder{keys};
         for (const auto& [leads, leader] : roles) {
             ByteVector block(BlockEncoder::capacity);
             const Dictionary dictionary{leader.value_or(0), plain};
@@ -127,19 +127,20 @@ struct BlockFile {
     // The numbers of the blocks that cannot be opened, in the order of the file.
     [[nodiscard]] Numbers damaged(const BlockMap* leaders) const {
         Numbers numbers;
-        BlockPipeline pipeline(*file, MessageKeys(), MappedBlocks(*file, map), leaders);
+        BlockPipeline pipeline(*file, keys, MappedBlocks(*file, map), leaders);
         while (const auto block = pipeline.next())
             if (block->fault) numbers.push_back(block->place.sequence);
         return numbers;
     }
     [[nodiscard]] Numbers damagedAtRandom() const {
         Numbers numbers;
-        RandomBlocks random(*file, MessageKeys(), map);
+        RandomBlocks random(*file, keys, map);
         for (std::uint64_t i = map.end(); i-- > 0;)
             if (random.get(i)->fault) numbers.insert(numbers.begin(), i);
         return numbers;
     }
 
+    const MessageKeys keys;
     ByteVector bytes;
     BlockMap map;
     std::unique_ptr<ArchiveFile> file;

@@ -86,7 +86,8 @@ Result<std::vector<Collection::Found>> Collection::readDirectory(const std::stri
     for (errno = 0; const dirent* entry = readdir(directory->get()); errno = 0) {
         const std::string_view name = entry->d_name;
         if (name == "." || name == "..") continue;
-        Found& found = below.emplace_back(std::string(name));
+        Found& found = below.emplace_back();
+        found.name = name;
         found.error = readStatus(dirfd(directory->get()), *entry, found.status);
     }
     if (errno != 0) return systemError(errno);

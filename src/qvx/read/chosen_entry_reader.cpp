@@ -12,7 +12,7 @@ constexpr const char* indexMismatch = "the index does not match the entry";
 }  // namespace
 
 Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& choice, ChosenEntries& chosen) {
-    const auto visited = index.visit([&](std::uint64_t number, const IndexEntry& entry) {
+    auto visited = index.visit([&](std::uint64_t number, const IndexEntry& entry) {
         if (choice(number, entry.path))
             chosen.push_back({{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.offset)},
                               static_cast<std::uint32_t>(number),

@@ -53,7 +53,7 @@ private:
     std::size_t count_ = 0;
     std::vector<std::uint32_t> slots_;  // open addressing: the place of a file in the chunks, plus 1; 0 if free
     // Random, one row for each byte of a number: nobody can choose numbers that all have one slot.
-    std::array<std::array<std::uint32_t, 256>, 4> hash_;
+    std::array<std::array<std::uint32_t, 256>, 4> hash_{};
 };
 
 }  // namespace tarnwick::qvx

@@ -30,7 +30,7 @@ Status RereadContents::read(std::uint64_t number, const RecordPlace& place, cons
                             EntrySink& sink) {
     ++reads_;
     forwarder_.forwardTo(&sink);
-    const Status found = readEntry(place);
+    Status found = readEntry(place);
     const bool intact = found && isSource(entry_, number) && hasContent(entry_, expected);
     entry_.abandon();
     if (!found) return found;

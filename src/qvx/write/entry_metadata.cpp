@@ -27,8 +27,7 @@ std::vector<std::string> splitNames(std::string_view names) {
     for (std::size_t at = 0; at < names.size(); at += split.back().size() + 1)
         split.emplace_back(names.substr(at, names.find('\0', at) - at));
     std::ranges::sort(split);
-    const auto repeated = std::ranges::unique(split);  // only of a hostile file system
-    split.erase(repeated.begin(), repeated.end());
+    split.erase(std::unique(split.begin(), split.end()), split.end());  // only a hostile file system repeats a name
     return split;
 }
 
@@ -44,7 +43,7 @@ Status readStatus(int descriptor, const char* name, struct statx& status) {
 
 Status MetadataReader::read(const AttributeSource& source, const struct statx& status, EntryHead& head,
                             EntryTail& tail) {
-    const Status captured = captureFields({status, head.type, source.descriptor}, head);
+    Status captured = captureFields({status, head.type, source.descriptor}, head);
     // Most files have no attributes; this one call shows it.
     const ssize_t length = listNames(source, nullptr, 0);
     if (length == 0) return captured;
