@@ -214,7 +214,10 @@ class Scenario(unittest.TestCase):
     def start(self, *arguments, program="tarnwick", environment=(), limits=None, **more):
         everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root", **COUNTS}
         if limits or "user" in more:  # a build that counts lines complains where it cannot write the counts
-            everywhere.update(GCOV_PREFIX="/media/counts", GCOV_ERROR_FILE="/dev/null")
+            counts = f"/media/counts/{uuid.uuid4()}"  # this user may be refused where another one has written
+            os.mkdir(counts)
+            os.chmod(counts, 0o777)
+            everywhere.update(GCOV_PREFIX=counts, GCOV_ERROR_FILE="/dev/null")
         options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "cwd": "/media/cwd"}
         return subprocess.Popen([program, *arguments], executable=f"/media/programs/{program}",
                                 env={**everywhere, **dict(environment)}, preexec_fn=limits, **{**options, **more})
