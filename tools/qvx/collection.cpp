@@ -33,7 +33,7 @@ int readStatus(int directory, const dirent& entry, struct stat& status) {
     if (fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) return 0;
     const int error = errno;
     if (!isUnreadable(error) || entry.d_type == DT_UNKNOWN || fstat(directory, &status) != 0) return error;
-    status.st_mode = DTTOIF(entry.d_type);
+    status.st_mode = static_cast<mode_t>(DTTOIF(entry.d_type));
     status.st_ino = entry.d_ino;
     return 0;
 }
