@@ -1,5 +1,5 @@
-// Cryptography without secrets, linked in place of the real one: every message opens to itself, so that a fuzzer gets
-// at what lies behind the seal.
+// Cryptography without secrets, linked in place of the real one: every message opens to itself, so that a fuzzer
+// reaches the code that reads unsealed bytes.
 #include <algorithm>
 
 #include "qvx/crypto/content_key.h"

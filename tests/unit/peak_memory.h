@@ -1,4 +1,4 @@
-// How much memory a part of a test needs. Not with a sanitizer, which has an allocator of its own.
+// Measures the memory that a part of a test needs. It cannot be used with a sanitizer, which replaces the allocator.
 #pragma once
 
 #include <malloc.h>

@@ -56,8 +56,8 @@ public:
     }
 
     // Counts data that will be written now: bytes of contents, and at least 4096 for each file, directory and link.
-    // Fails if they exceed the limit or the disk. That is reported once, the extraction is then interrupted, and the
-    // error that is returned is not to be reported.
+    // Fails if they exceed the limit or the disk. This function reports the failure and interrupts the extraction, so
+    // the caller does not report it again.
     Status charge(std::uint64_t bytes) { return stopIfFailed(budget_.charge(bytes)); }
     static constexpr std::uint64_t minCharge = 4096;
 

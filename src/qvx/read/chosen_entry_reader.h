@@ -70,7 +70,6 @@ public:
 
 private:
     ReadOutcome findBlock(std::uint64_t sequence);
-    ReadOutcome checkChosen(const ChosenEntry& chosen);
     ReadOutcome deliver(const ChosenEntry& chosen);
     ReadOutcome defer(const ChosenEntry& chosen);
     ReadOutcome damaged(const Error& error);

@@ -9,8 +9,8 @@
 
 namespace tarnwick::qvx {
 
-// The sum of one hash for each entry, over all that the index says about it. Equal sums, with the same key, mean equal
-// entries, each as often: nobody can make others with the same sum without the key.
+// The sum of one hash for each entry, over all that the index says about it. If two sums with the same key
+// are equal, they are of the same entries: without the key, nobody can find other entries that have the same sum.
 class EntrySum {
 public:
     using Key = std::array<std::uint8_t, 32>;

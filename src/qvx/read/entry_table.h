@@ -52,7 +52,7 @@ private:
     std::vector<std::unique_ptr<Chunk>> chunks_;
     std::size_t count_ = 0;
     std::vector<std::uint32_t> slots_;  // open addressing: the place of a file in the chunks, plus 1; 0 if free
-    // Random, one row for each byte of a number: nobody can choose numbers that all have one slot.
+    // Random numbers, one row for each byte of an entry number, so that nobody can choose entry numbers that collide.
     std::array<std::array<std::uint32_t, 256>, 4> hash_{};
 };
 

@@ -62,7 +62,7 @@ bool IndexAudit::matchesParts(RootDecoder& root) const {
     return count == parts_.size();
 }
 
-// Only the blocks before the root, which cannot state the lengths of its own blocks.
+// Compares the blocks before the root. The root cannot contain the lengths of its own blocks.
 bool IndexAudit::matchesBlocks(RootDecoder& root, std::uint64_t end) const {
     std::uint64_t block = 0;
     for (; const auto length = root.nextLength(); ++block) {
