@@ -219,7 +219,7 @@ TEST(DiskSink, WritesMoreThanLimit) {
     }
 }
 
-#ifndef __SANITIZE_ADDRESS__
+#if !defined __SANITIZE_ADDRESS__ && !defined __SANITIZE_THREAD__  // they have allocators of their own
 // 46 MB of paths, of files and of directories with attributes.
 TEST(DiskSink, KeepsPathsOrAttributesInMemory) {
     constexpr std::size_t count = 12000, maxKilobytes = 20480;
