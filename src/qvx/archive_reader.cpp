@@ -74,7 +74,9 @@ ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
 
 ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     if (headerDamage_) report(*headerDamage_);
-    const BlockMap map = scanForBlocks(*file_, keys_);
+    const auto [map, complete] = scanForBlocks(*file_, keys_);
+    if (!complete)
+        report(readFault("the search for blocks ended early, because there are too many false block headers"));
     if (const auto& place = map.misplaced())
         report({{"the block is repeated or not in its place"}, place->sequence, place->position});
     const auto indexed = loadIndex();

@@ -121,7 +121,7 @@ function* readBlocks(file, keys, folder) {
     const position = file.at, header = file.read(24), length = header.readUIntLE(4, 3);
     flags = header[7];
     const known = header.readUInt32BE() === 0x51565842 && header.readBigUInt64LE(8) === BigInt(number);
-    demand(known && FLAGS.includes(flags) && number < 1 << 23, "no header of this block, or too many blocks");
+    demand(known && FLAGS.includes(flags) && number < 1 << 21, "no header of this block, or too many blocks");
     const rawLength = flags & LAST ? LAST_BLOCK - 24 : BLOCK + TAG;
     const isPossible = flags & COMPRESSED ? length > TAG && length < BLOCK + TAG : length === rawLength;
     demand(isPossible, "the length of a block is impossible");

@@ -258,6 +258,11 @@ TEST(ForgedArchive, RejectsDigestAfterTooManyZeros) {
         EXPECT_TRUE((*openArchive(bytes))->readChosen([](auto, auto path) { return path != "x"; }, some));
         EXPECT_EQ(some.seen, (Seen{"3/0#", digest ? "1/1#" : "1/1"}));
     }
+    auto tail = totals(maxDigestedZeros + 1, 1);
+    tail.digest = Digest{};
+    FieldsSink alone;
+    const auto bytes = ArchiveBuilder().announce().begin("x").record(hole, tooLong).end(tail, 0).finish();
+    EXPECT_TRUE((*openArchive(bytes))->readChosen([](auto, auto) { return true; }, alone).fault());
 }
 
 TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {

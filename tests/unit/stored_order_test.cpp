@@ -69,6 +69,7 @@ TEST(StoredOrder, RejectsAChosenEntryThatIsNotWhereTheIndexSays) {
         {"span too short", [](auto& entry) { entry.span = 0; }},
         {"span too long", [](auto& entry) { entry.span = 2; }},
         {"span past the end", [](auto& entry) { entry.span = 1000; }},
+        {"mark", [](auto& entry) { entry.incomplete = true; }},
     };
     for (const auto& [fault, forge] : forgeries) {
         ArchiveBuilder builder;
@@ -128,6 +129,8 @@ TEST(StoredOrder, NamesLostEntriesInOneWalkOfTheIndex) {
     for (const std::size_t lost : {0U, 2U, 63998U})
         EXPECT_NE(reading.faults.find(name(lost) + ": lost; "), std::string::npos) << lost;
     EXPECT_EQ(reading.faults.find(name(1) + ": lost; "), std::string::npos);
+    EXPECT_NE(reading.faults.find("is malformed; the block has more entries with faults; n0: lost; "),
+              std::string::npos);
     EXPECT_LT(reading.readings(), 10);
 }
 
@@ -151,6 +154,7 @@ TEST(StoredOrder, EndsTheSearchAmongFalseBlockHeaders) {
     bytes.resize(bytes.size() + 2 * blockSize);
     Reading reading(bytes, Reading::Opening::salvage);
     EXPECT_EQ(reading.salvaged(), Seen{"x=a"});
+    EXPECT_NE(reading.faults.find("ended early"), std::string::npos) << reading.faults;
     EXPECT_LT(reading.readings(), 20);
 }
 

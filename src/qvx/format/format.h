@@ -29,7 +29,7 @@ inline constexpr std::size_t footerEndSize = 4 + endMark.size();
 
 inline constexpr std::array<std::uint8_t, 4> blockMagic{0x51, 0x56, 0x58, 0x42};
 inline constexpr std::size_t blockHeaderSize = 24;
-inline constexpr std::uint64_t maxBlocks = 8388608;
+inline constexpr std::uint64_t maxBlocks = 2097152;
 inline constexpr std::size_t maxLeaders = 16;  // that a block may choose from: the last ones before it
 inline constexpr std::uint8_t blockLast = 0x01;
 inline constexpr std::uint8_t blockCompressed = 0x02;

@@ -41,6 +41,11 @@ void readIndexEntry(WireReader& in, IndexEntry& entry) {
     if (!isPathOf(entry.type, entry.path)) in.fail();
 }
 
+bool follows(const IndexPartPlace& part, const IndexPartPlace& before) {
+    const bool coversEnough = part.first >= std::uint64_t{before.first} + minIndexPartEntries;
+    return coversEnough && std::pair(part.block, part.offset) > std::pair(before.block, before.offset);
+}
+
 }  // namespace
 
 void IndexPartEncoder::add(const IndexEntry& entry) {
@@ -114,15 +119,13 @@ std::optional<IndexPartPlace> RootDecoder::nextPart() {
         left_ = in_.varint();
         return std::nullopt;
     }
-    const bool first = minFirst_ == 0;
     IndexPartPlace part;
     part.first = in_.number<std::uint32_t>();
     part.block = in_.number<std::uint32_t>(maxBlocks - 1);
     part.offset = in_.number<std::uint32_t>(blockSize - 1);
-    // The first part begins with entry 0, and every part covers an entry.
-    if (part.first < minFirst_ || (first && part.first != 0) || part.first >= entries_) in_.fail();
+    if (part.first >= entries_ || !(before_ ? follows(part, *before_) : part.first == 0)) in_.fail();
     if (!in_.ok()) return std::nullopt;
-    minFirst_ = part.first + minIndexPartEntries;
+    before_ = part;
     --left_;
     return part;
 }

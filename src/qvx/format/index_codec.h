@@ -104,7 +104,7 @@ public:
 
     [[nodiscard]] std::uint64_t entries() const { return entries_; }
 
-    // None at the end, and at damage. The parts cover the entries without gap or overlap.
+    // None at the end, and at damage. The parts cover the entries without gap or overlap, in the order of their places.
     std::optional<IndexPartPlace> nextPart();
 
     // The length of the sealed bytes of the next block; none at the end, and at damage.
@@ -116,8 +116,8 @@ public:
 private:
     WireReader in_;
     std::uint64_t entries_;
-    std::uint64_t left_;  // parts, or lengths, not read yet
-    std::uint64_t minFirst_ = 0;
+    std::uint64_t left_;                    // parts, or lengths, not read yet
+    std::optional<IndexPartPlace> before_;  // the part before
     bool inParts_ = true;
 };
 

@@ -17,10 +17,10 @@ public:
     Scanner(const ArchiveFile& file, const MessageKeys& keys)
         : file_(file), cipher_(keys, MessageCipher::Direction::open), search_(file, blockMagic) {}
 
-    BlockMap run() {
+    BlockScan run() {
         // From the beginning of the file: the header may be missing.
         std::uint64_t position = 0;
-        while (position < file_.size() && rejectedBytes_ / maxRejectedFactor <= file_.size()) {
+        while (position < file_.size() && mayContinue()) {
             // The inside of an unsealed block is not searched: a magic in it is chance.
             if (const auto length = tryBlock(position)) {
                 position += *length;
@@ -28,10 +28,12 @@ public:
                 position = search_.find(position + 1);
             }
         }
-        return std::move(map_);
+        return {std::move(map_), mayContinue()};
     }
 
 private:
+    [[nodiscard]] bool mayContinue() const { return rejectedBytes_ / maxRejectedFactor <= file_.size(); }
+
     // The length of the block at `position`, header included; none when no block can be unsealed there.
     std::optional<std::uint64_t> tryBlock(std::uint64_t position) {
         const auto header = readBlockHeader(file_, position);
@@ -61,6 +63,6 @@ private:
 
 }  // namespace
 
-BlockMap scanForBlocks(const ArchiveFile& file, const MessageKeys& keys) { return Scanner(file, keys).run(); }
+BlockScan scanForBlocks(const ArchiveFile& file, const MessageKeys& keys) { return Scanner(file, keys).run(); }
 
 }  // namespace tarnwick::qvx

@@ -16,7 +16,8 @@ Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& ch
         if (choice(number, entry.path))
             chosen.push_back({{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.offset)},
                               static_cast<std::uint32_t>(number),
-                              static_cast<std::uint32_t>(entry.span)});
+                              static_cast<std::uint32_t>(entry.span) & 0x7fffffffU,
+                              entry.incomplete});
         return true;
     });
     std::ranges::sort(chosen, {}, &ChosenEntry::place);
@@ -82,7 +83,9 @@ ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
 }
 
 ReadOutcome ChosenEntryReader::deliver(const ChosenEntry& chosen) {
-    if (block_->place.sequence != chosen.lastBlock()) return damaged(entry_.error(indexMismatch));
+    const bool incomplete = entry_.tail().unreadable.has_value();
+    if (block_->place.sequence != chosen.lastBlock() || incomplete != chosen.incomplete)
+        return damaged(entry_.error(indexMismatch));
     const auto content = entry_.tail().contentOf;
     if (content && !table_.contains(*content)) return defer(chosen);
     if (const Status resolved = table_.resolve(entry_); !resolved) return damaged(resolved.error());

@@ -12,7 +12,8 @@ namespace tarnwick::qvx {
 struct ChosenEntry {
     RecordPlace place;
     std::uint32_t number = 0;
-    std::uint32_t span = 0;  // count of blocks after that one, up to the one of its END record
+    std::uint32_t span : 31 = 0;  // count of blocks after that one, up to the one of its END record
+    bool incomplete : 1 = false;
 
     [[nodiscard]] std::uint64_t lastBlock() const { return std::uint64_t{place.block} + span; }
 };

@@ -4,6 +4,13 @@
 
 namespace tarnwick::qvx {
 
+namespace {
+
+// A hostile block may begin 131,072 entries and end none. Damage alone causes at most two faults in a block.
+constexpr unsigned maxReportsOfBlock = 16;
+
+}  // namespace
+
 ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
     if (block.place.sequence > nextBlock_) {
         report({{"blocks are missing or damaged up to block " + std::to_string(block.place.sequence - 1)}, nextBlock_});
@@ -11,6 +18,7 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
     }
     nextBlock_ = block.place.sequence + 1;
     block_ = block.place;
+    reported_ = 0;
     if (block.fault) {
         abandonEntry("a part of its content is lost");
         reportBlock(*block.fault);
@@ -33,13 +41,13 @@ std::vector<std::uint32_t> SalvageReader::finish() {
     return std::move(numbers_);
 }
 
-// A hostile archive may begin one entry any number of times.
-void SalvageReader::addNumber(std::uint32_t number) {
+// A hostile archive may have one entry any number of times.
+void SalvageReader::addNumber() {
     if (numbers_.size() == numbers_.capacity()) {
         removeRepeatedNumbers();
         numbers_.reserve(2 * numbers_.size() + 1);  // so that not every number is sorted again
     }
-    numbers_.push_back(number);
+    numbers_.push_back(static_cast<std::uint32_t>(entry_.head().number));
 }
 
 void SalvageReader::removeRepeatedNumbers() {
@@ -52,19 +60,16 @@ ReadOutcome SalvageReader::consumeRecord(const Record& record, const RecordPlace
     if (!ofEntry || record.type == RecordType::entry) abandonEntry("its end is lost");
     // The first records after a gap may belong to an entry that began earlier and is reported already.
     if (!entry_.inEntry() && record.type != RecordType::entry) return {};
+    const bool begun = entry_.inEntry();
     auto outcome = entry_.consume(record);
     if (outcome.fault()) {
         // The entry reader has abandoned the entry. The next entry may be intact.
-        report(blockFault(block_, *outcome.fault()));
+        reportEntry(*outcome.fault(), begun);
         return {};
     }
     if (!outcome) return outcome;
     if (entry_.isComplete()) return deliver();
-    // After consume(), which decodes the number.
-    if (record.type == RecordType::entry) {
-        entryPlace_ = place;
-        addNumber(static_cast<std::uint32_t>(entry_.head().number));
-    }
+    if (record.type == RecordType::entry) entryPlace_ = place;
     return {};
 }
 
@@ -75,6 +80,7 @@ ReadOutcome SalvageReader::deliver() {
         abandonEntry(checked.error().text);
         return {};
     }
+    addNumber();
     // The content may be in an earlier entry whose blocks are no longer in memory, so they are opened again.
     return entry_.deliver([this](EntrySink& sink) {
         const std::uint64_t number = *entry_.tail().contentOf;
@@ -84,8 +90,16 @@ ReadOutcome SalvageReader::deliver() {
 
 void SalvageReader::abandonEntry(std::string reason) {
     if (!entry_.inEntry()) return;
-    report(blockFault(block_, entry_.error(std::move(reason))));
+    reportEntry(entry_.error(std::move(reason)), true);
     entry_.abandon();
+}
+
+// An entry that is not reported here is reported as lost, if the index has it.
+void SalvageReader::reportEntry(const Error& error, bool begun) {
+    if (reported_ > maxReportsOfBlock) return;
+    if (reported_++ == maxReportsOfBlock) return report(blockFault(block_, "the block has more entries with faults"));
+    if (begun) addNumber();
+    report(blockFault(block_, error));
 }
 
 // Faults are reported in the order of the archive, so a pending run of damaged blocks comes first.

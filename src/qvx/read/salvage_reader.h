@@ -20,15 +20,16 @@ public:
     ReadOutcome consume(const OpenedBlock& block);
 
     // Call after the last block. Reports an entry that has no end. Returns the numbers of all entries that were
-    // delivered or reported, ascending, each once.
+    // delivered or reported by name, ascending, each once.
     std::vector<std::uint32_t> finish();
 
 private:
     ReadOutcome consumeRecord(const Record& record, const RecordPlace& place);
     ReadOutcome deliver();
-    void addNumber(std::uint32_t number);
+    void addNumber();
     void removeRepeatedNumbers();
     void abandonEntry(std::string reason);
+    void reportEntry(const Error& error, bool begun);
     void report(const ReadFault& fault);
     void reportBlock(const ReadFault& fault);
     void reportDamagedRun();
@@ -38,9 +39,10 @@ private:
     RecordPlace entryPlace_;
     EntryTable table_;
     FaultReport report_;
-    std::vector<std::uint32_t> numbers_;  // of the entries that were begun
+    std::vector<std::uint32_t> numbers_;  // of the entries that were delivered or reported
     BlockPlace block_;
     std::uint64_t nextBlock_ = 0;
+    unsigned reported_ = 0;                // faults of entries in this block
     std::optional<ReadFault> damagedRun_;  // a run of damaged blocks that is not reported yet
     std::uint64_t damagedRunEnd_ = 0;
 };

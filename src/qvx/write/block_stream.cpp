@@ -89,7 +89,7 @@ void BlockStream::send(bool last) {
     // Reserved here, because this function can throw std::bad_alloc to its caller, and a worker cannot.
     if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
     if (block_ == limit_ && status_)
-        status_ = Error{"an archive has at most 8388608 blocks; store the files in several archives", EFBIG};
+        status_ = Error{"an archive has at most 2097152 blocks; store the files in several archives", EFBIG};
     ++block_;
     changed_.notify_all();
     // The next block reuses the job of an earlier block, jobs_.size() before it. That block must be written first.
