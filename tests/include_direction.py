@@ -16,11 +16,6 @@ THIRD_PARTY = re.compile(r"(openssl|curl|libmount|blkid|CLI|expat|zstd|zdict|lib
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 
 
-def qvx_folder(path):
-    """The folder inside src/qvx; None for a public header and for one that all of the library shares."""
-    return path.split("/")[1] if path.count("/") > 1 else None
-
-
 def allowed(source: str, quote: str, target: str) -> bool:
     tree, home, *_ = source.split("/")
     folder = target.split("/")[0]
@@ -31,8 +26,9 @@ def allowed(source: str, quote: str, target: str) -> bool:
     if tree == "tools":
         return folder in TOOLS_SEE or (home, folder) in LINKED_TOOLS
     if home == folder == "qvx":
-        inner, outer = qvx_folder(target), qvx_folder(source.removeprefix("src/"))
-        return outer is None or target == "qvx/bytes.h" or inner in (outer, *QVX_SEES[outer].split())
+        # The folders inside src/qvx; none of a public header and of one that all of the library shares.
+        inner, outer = "".join(target.split("/")[1:-1]), "".join(source.split("/")[2:-1])
+        return not outer or target == "qvx/bytes.h" or inner in (outer, *QVX_SEES[outer].split())
     return home == folder or HEIGHT[folder] < HEIGHT[home]
 
 
