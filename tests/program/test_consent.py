@@ -5,7 +5,7 @@ import resource
 import signal
 import subprocess
 
-from world import CONSENT, NO, YES, Disks, call, clear, content, property_list, volume_info, write
+from world import CONSENT, NO, YES, Disks, call, clear, content, property_list, write
 
 FOLDER, NAME = os.path.split(CONSENT)
 OTHER_KEYS = {"AutoSubmitVersion": 4, "Name": "D\u00e4ta <&>", "Bytes": b"\0\xff", "List": [True, {"a": 1.5}]}
@@ -32,11 +32,9 @@ class Consent(Disks):
         self.assertEqual((self.consent(*words, **options), fingerprint(folder)), (1, before))
 
     def test_changes_and_what_the_capture_makes_of_them(self):
-        folder, _ = self.data()
         self.specification()
-        self.volumes = [{"DeviceIdentifier": "disk1", "DiskUUID": "UUID-1", "Role": "Data"}]
-        self.answer("volctl info -plist disk1", volume_info("data", "disk1", folder))
-        self.list_volumes()
+        self.volume("data")
+        folder, _ = self.data()
         self.consent("show", folder)
         os.umask(0o077)
         self.addCleanup(os.umask, 0o022)

@@ -8,7 +8,7 @@ import re
 import shutil
 
 import world
-from world import SPECIFIED, YES, Disks, call, on_terminal, property_list, read, write
+from world import SPECIFIED, YES, Disks, on_terminal, property_list, read, shell, write
 
 TOP = world.HERE + "/../.."
 TYPE, NAME = "com.vexlor.Provisor.tarnwick.config", "tarnwick.config.plist"
@@ -53,8 +53,7 @@ class Documents(Disks):
 
     # The device of the examples, with the real `volctl` and `nvram`.
     def make_volume(self):
-        for name in "volctl", "nvram":
-            os.remove(f"/media/bin/{name}")
+        shell("/media/bin", "rm volctl nvram")
         return self.attach(self.formatted()[0])
 
     # On a machine with the package, and with the configuration that a site would publish.
@@ -74,8 +73,7 @@ class Documents(Disks):
         device = ""
         for block in (text for mark, text in BLOCKS + EXAMPLES if mark == "sh world"):
             if "keygen -o service" in block:
-                for path in glob.glob("/media/cwd/service.*") + glob.glob("/media/cwd/tarnwick-*.qvx"):
-                    os.remove(path)
+                shell("/media/cwd", "rm -f service.* tarnwick-*.qvx")
             if "-out site.key" in block:  # the new key does not replace the catalog of the last one
                 shutil.rmtree("/media/cwd/site", ignore_errors=True)
             if "tarnwick-*.qvx" in block and not glob.glob("/media/cwd/tarnwick-*.qvx"):

@@ -1,14 +1,9 @@
 # Volumes below volumes, links and odd names: which of the files that a search prints are captured.
 import os
 
-from world import CONSENT, NO, YES, Answer, Disks, call, property_list, read, write
+from world import CONSENT, NO, YES, Answer, Disks, property_list, read, shell, write
 
 LOGS = ".*/[a-z]*.log"
-
-
-def link(target, path, owner):
-    os.symlink(target, path)
-    os.chown(path, owner, owner, follow_symlinks=False)
 
 
 class Nested(Disks):
@@ -31,14 +26,12 @@ class Nested(Disks):
         self.planned("root/var", NO, ["/log/denied.log", "/log/more.log"])
         self.planned("root/srv", YES, ["/log/granted.log"])
         self.mounted("/media/root/stick", ["/unplanned.log"])
-        for source, target in ("logs", "again"), ("var/log", "bound"):
-            call("mount", "-o", "bind,X-mount.mkdir", f"/media/root/{source}", f"/media/root/{target}")
+        shell("/media/root", """
+            mount -o bind,X-mount.mkdir logs again; mount -o bind,X-mount.mkdir var/log bound
+            ln -s srv trusted; ln -s trusted/log/.. chain; ln -s /media/root/var leading
+            ln -s srv foreign; chown -h 1000:1000 foreign""")
         self.lay("/media/root/run", "mode=755")
         write("/media/root/run/volatile.log")
-        link("srv", "/media/root/trusted", 0)
-        link("trusted/log/..", "/media/root/chain", 0)
-        link("/media/root/var", "/media/root/leading", 0)
-        link("srv", "/media/root/foreign", 1000)
         self.specification(("/", LOGS), *((f"/{name}/log", LOGS) for name in ("chain", "leading", "foreign")))
         self.capture("--noninteractive")
 
@@ -53,8 +46,7 @@ class Nested(Disks):
     def test_mount_number_that_was_of_another_mount_gives_no_consent(self):
         self.planned("root", YES, ["/logs/own.log"])
         stick = self.mounted("/media/stick", ["/private.log"])
-        call("mkdir", "/media/root/memory", "/media/root/stick")
-        call("mount", "-t", "tmpfs", "memory", "/media/root/memory")
+        shell("/media/root", "mkdir memory stick; mount -t tmpfs memory memory")
         self.specification(("/", LOGS))
         exchange = f"umount /media/root/memory && mount /dev/{stick} /media/root/stick"
         self.assertEqual(self.found(f'{exchange} && exec /usr/bin/find "$@"'), ["media/root/logs/own.log"])
@@ -63,14 +55,12 @@ class Nested(Disks):
     # The user can give it the name of a folder of his own.
     def test_link_of_root_in_the_folder_of_another_user_is_not_followed(self):
         self.planned("one", YES, ["/logs/own.log", "/logs/app/folder/a.log", "/secret/a.log"])
-        link("/media/one/secret", "/media/one/logs/app/current", 0)
+        os.symlink("/media/one/secret", "/media/one/logs/app/current")
         self.specification(("/logs", LOGS))
-        for owner, mode in (1000, 0o755), (0, 0o777):
-            os.chown("/media/one/logs/app", owner, owner)
-            os.chmod("/media/one/logs/app", mode)
+        for change in "chown 1000:1000 .", "chown 0:0 .; chmod 777 .; mv folder current; mv old folder":
+            shell("/media/one/logs/app", change)
             swap = "cd /media/one/logs/app; mv folder old; mv current folder"
             self.assertEqual(self.found(f'/usr/bin/find "$@" && {swap}'), ["media/one/logs/own.log"])
-            call("bash", "-c", "cd /media/one/logs/app; mv folder current; mv old folder")
 
     def test_line_feeds_belong_to_the_name(self):
         names = ["a.log", "first\nsecond.log", "\n.log", "end.log\n", "decoy", "d\n/media/one/logs/planted.log",

@@ -1,18 +1,19 @@
 # qvx as a whole program, and archives that were made once: every later qvx must read the good ones and refuse the
 # others for the right reason.
+import ctypes
 import json
 import os
 import re
 import signal
-import stat
 import subprocess
 
 import world
-from world import DATA, Disks, Scenario, call, content, on_terminal, read, write
+from world import DATA, Disks, Scenario, call, content, on_terminal, overwrite, read, shell, write
 
 SAMPLES = DATA + "/archives/"
 GOOD = "kinds", "blocks", "nothing", "incomplete", "order"
-KEY, ARCHIVE, SOURCE, OUT = ["--key", "/media/key.pem"], "/media/archive.qvx", "/media/source", "/media/out"
+KEY, FROZEN_KEY = ["--key", "/media/key.pem"], ["--key", SAMPLES + "recipient.pem"]
+ARCHIVE, SOURCE, OUT = "/media/archive.qvx", "/media/source", "/media/out"
 
 
 # The entries of a list, without what no copy can keep and what older archives do not store of links.
@@ -24,39 +25,45 @@ def entries(listing):
     return found
 
 
-class Qvx(Scenario):
+class WithKey(Scenario):
     def setUp(self):
         super().setUp()
         self.known[SAMPLES] = "samples/"
-        self.qvx("keygen", "-o", "/media/key")
+        self.make_key("key")
         os.mkdir(OUT)
+
+    def make_key(self, name):
+        fingerprint = self.qvx("keygen", "-o", f"/media/{name}").strip()
+        self.known[fingerprint] = f"<print of {name}>"
+        return fingerprint
 
     def run_qvx(self, *words, **options):
         return self.tool("qvx", *words, **options)
 
-    def create(self, *paths, **options):
-        self.run_qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, *(paths or [SOURCE]), **options)
+    def create(self, *words, to=ARCHIVE, **options):
+        self.run_qvx("create", "-r", "/media/key.pub", "-o", to, *(words or [SOURCE]), **options)
 
+
+class Qvx(WithKey):
     def frozen(self, command, name, *words):
-        return self.run_qvx(command, "--key", SAMPLES + "recipient.pem", *words, f"{SAMPLES}{name}.qvx")
+        return self.run_qvx(command, *FROZEN_KEY, *words, f"{SAMPLES}{name}.qvx")
 
     def files(self):
-        self.note("files", "\n".join(sorted(call("find", OUT, "-type", "f", "-printf", "%s %p\n").splitlines())))
+        self.note_files("files", OUT, "%s %p", "-type", "f")
 
     # Control characters in their names are escaped.
     def test_frozen_archives_are_read(self):
         for name in GOOD:
-            self.assertEqual(self.qvx("list", "--json", "--key", SAMPLES + "recipient.pem", f"{SAMPLES}{name}.qvx"),
-                             read(f"{SAMPLES}{name}.json"))
+            listed = self.qvx("list", "--json", *FROZEN_KEY, f"{SAMPLES}{name}.qvx")
+            self.assertEqual(listed, read(f"{SAMPLES}{name}.json"))
             self.frozen("verify", name)
             self.frozen("extract", name, "-C", OUT)
             self.frozen("list", name)
             self.run_qvx("info", f"{SAMPLES}{name}.qvx")
 
     def test_incomplete_file_is_reported_once(self):
-        key = "--key", SAMPLES + "recipient.pem"
-        self.run_qvx("verify", *key, write(ARCHIVE, content(SAMPLES + "incomplete.qvx") + b"x"))
-        self.run_qvx("cat", *key, SAMPLES + "incomplete.qvx", "tmp/sample/partly-too", stdout=subprocess.DEVNULL)
+        self.run_qvx("verify", *FROZEN_KEY, write(ARCHIVE, content(SAMPLES + "incomplete.qvx") + b"x"))
+        self.run_qvx("cat", *FROZEN_KEY, SAMPLES + "incomplete.qvx", "tmp/sample/partly-too", stdout=subprocess.DEVNULL)
 
     def test_damaged_archives_are_refused(self):
         for name in sorted(name[:-4] for name in os.listdir(SAMPLES) if name.endswith(".qvx")):
@@ -80,35 +87,32 @@ class Qvx(Scenario):
 
     # A program whose owner cannot be set would run as root.
     def test_hostile_name_in_a_warning_is_escaped(self):
-        write(SOURCE + "/\x1b[2J/\x1b")
-        for name in "", "/\x1b":
-            os.chown(SOURCE + "/\x1b[2J" + name, 1000, 0)
-        os.chmod(SOURCE + "/\x1b[2J/\x1b", 0o4755)
-        os.setxattr(SOURCE + "/\x1b[2J", "trusted.\x1b", b"1")
-        self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, SOURCE)
-        done = subprocess.run(["setpriv", "--bounding-set=-chown,-sys_admin", "--inh-caps=-chown,-sys_admin", world.BIN +
-                               "/qvx", "extract", "--preserve", *KEY, "-C", OUT, ARCHIVE],
-                              check=False, capture_output=True)
-        self.assertRegex(done.stderr, rb"\A[ -~]*owner[ -~]*\n[ -~]*set-id bits[ -~]*\n[ -~]*owner[ -~]*\n[ -~]*trusted[ -~]*\n\Z")
-        self.assertEqual((done.returncode, os.stat(f"{OUT}{SOURCE}/\x1b[2J/\x1b").st_mode), (0, 0o100755))
+        program = write(SOURCE + "/\x1b[2J/\x1b")
+        for path in os.path.dirname(program), program:
+            os.chown(path, 1000, 0)
+            os.setxattr(path, "trusted.\x1b", b"1")
+        os.chmod(program, 0o4755)
+        self.create()
+        self.run_qvx("extract", "--preserve", *KEY, "-C", OUT, ARCHIVE, limits=lambda: [
+            ctypes.CDLL(None).prctl(24, capability) for capability in (0, 21)])  # drops those to chown and for trusted
+        self.assertEqual(os.stat(OUT + program).st_mode, 0o100755)
 
     def test_no_program_prints_an_invisible_character_of_a_name(self):
         name = "\x1b[2J\u202e\u00ad\u3164\ufe0f\U000e0041"
         write(f"{SOURCE}/{name}/file", "x")
         os.mkfifo(f"{SOURCE}/{name}/fifo")
         self.qvx("keygen", "-o", f"/media/{name}")
-        for status, *words in ((0, "qvx", "create", "-r", f"/media/{name}.pub", "-o", f"/media/{name}", SOURCE),
-                               (0, "qvx", "list", "--key", f"/media/{name}.pem", f"/media/{name}"),
-                               (0, "qvx", "list", "--json", "--key", f"/media/{name}.pem", f"/media/{name}"),
-                               (1, "qvx", "cat", "--key", f"/media/{name}.pem", f"/media/{name}", name),
-                               (3, "qvx", "verify", *KEY, f"/media/{name}"), (1, "qvx", "info", name),
-                               (1, "qvx", "extract", *KEY, "-C", name, ARCHIVE), (2, "qvx", "info", ARCHIVE, name),
-                               (1, "volctl", "info", name), (2, "volctl", "list", name), (2, "nvram", "-p", name),
-                               (1, "tarnwick-consent", "show", name), (2, "tarnwick-consent", "show", "--" + name)):
-            with self.subTest(words):
-                process = self.start(*words[1:], program=words[0])
+        for line in ("0 qvx create -r @.pub -o @ /media/source", "0 qvx list --key @.pem @",
+                     "0 qvx list --json --key @.pem @", "1 qvx cat --key @.pem @ NAME",
+                     "3 qvx verify --key /media/key.pem @", "1 qvx info NAME",
+                     "1 qvx extract --key /media/key.pem -C NAME /media/archive.qvx",
+                     "2 qvx info /media/archive.qvx NAME", "1 volctl info NAME", "2 volctl list NAME", "2 nvram -p NAME",
+                     "1 tarnwick-consent show NAME", "2 tarnwick-consent show --NAME"):
+            with self.subTest(line):
+                status, program, *words = line.replace("@", "/media/NAME").replace("NAME", name).split()
+                process = self.start(*words, program=program)
                 printed = b"".join(process.communicate())
-                self.assertEqual(process.returncode, status, printed)
+                self.assertEqual(process.returncode, int(status), printed)
                 self.assertRegex(printed, rb"\A[ -~\n]*(\\xe2\\x80\\xae|\\u202e)[ -~\n]*\Z")
 
     def test_names_from_a_file_are_stored_unchanged_with_duplicates(self):
@@ -148,9 +152,7 @@ class Qvx(Scenario):
         write(SOURCE + "/first", os.urandom(3 << 20))
         os.link(SOURCE + "/first", SOURCE + "/second")
         self.create()
-        with open(ARCHIVE, "r+b") as archive:
-            archive.seek(3 << 19)
-            archive.write(b"damaged")
+        overwrite(ARCHIVE, 3 << 19, b"damaged")
         for name in "first", "second":
             self.run_qvx("cat", *KEY, ARCHIVE, f"{SOURCE}/{name}", stdout=subprocess.DEVNULL)
         self.run_qvx("extract", *KEY, "-C", OUT, ARCHIVE, SOURCE + "/second")
@@ -158,48 +160,46 @@ class Qvx(Scenario):
 
     # Without the leader, no block of its group can be opened.
     def test_blocks_without_their_leader_are_reported_together(self):
-        blocks = content(SAMPLES + "blocks.qvx")
-        write(ARCHIVE, blocks[:500] + b"damaged" + blocks[507:])
-        self.run_qvx("verify", "--key", SAMPLES + "recipient.pem", ARCHIVE)
+        overwrite(write(ARCHIVE, content(SAMPLES + "blocks.qvx")), 500, b"damaged")
+        self.run_qvx("verify", *FROZEN_KEY, ARCHIVE)
 
-    # SOURCE/name/ddd.../ddd with a folder, a file and a link whose paths have exactly `length` bytes. The kernel refuses
-    # paths of 4096 bytes, so each folder is made in the one above it. The last folder.
+    # SOURCE/name/ddd.../ddd with a folder, a file and a link whose paths have exactly `length` bytes. The kernel
+    # refuses paths of 4096 bytes, so a short name is replaced by the long one at the end. The last folder.
     def deep(self, name, length):
-        rest = length - len(f"{SOURCE}/{name}/leaf")
-        folder = os.open(SOURCE, os.O_PATH)
-        for part in [name] + ["d" * 99] * (rest // 100 - 1) + ["d" * (rest % 100 + 99)]:
-            os.mkdir(part, dir_fd=folder)
-            folder = os.open(part, os.O_PATH, dir_fd=folder)
-        os.mkdir("down", dir_fd=folder)
-        os.symlink("target", "link", dir_fd=folder)
-        os.write(os.open("text", os.O_WRONLY | os.O_CREAT, dir_fd=folder), b"content")
-        return folder
+        folder = f"{SOURCE}/x/" + (("d" * 99 + "/") * 40)[:length - len(f"{SOURCE}/{name}//leaf")]
+        os.makedirs(folder + "/down")
+        os.symlink("target", folder + "/link")
+        write(folder + "/text", "content")
+        os.rename(SOURCE + "/x", f"{SOURCE}/{name}")
+        return folder.replace("/x/", f"/{name}/")
 
     # The limit of an archive is 4095 bytes without the slash at the beginning.
     def test_longest_paths_are_archived_and_longer_ones_reported(self):
+        def create(*words, **options):
+            process = self.start("create", "-r", "/media/key.pub", "-o", ARCHIVE, *words, program="qvx", **options)
+            return process.communicate()[1].decode(), process.returncode
+
         write(SOURCE + "/zero", "0")
-        folder = self.deep("fits", 4096)
-        self.qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, SOURCE)
+        folder = self.deep(fits := "f" * 150, 4096)
+        self.assertEqual(create(SOURCE), ("", 0))
         paths = self.entries(ARCHIVE)
         self.assertEqual([len(path) for path in paths[-4:]], [4095] * 3 + [len(SOURCE + "/zero") - 1])
         self.qvx("extract", *KEY, "-C", OUT, ARCHIVE)
-        at = os.open(OUT, os.O_PATH)
-        for part in paths[-2].split("/")[:-1]:
-            at = os.open(part, os.O_PATH | os.O_NOFOLLOW, dir_fd=at)
-        self.assertEqual((os.readlink("link", dir_fd=at), os.listdir(os.open("down", os.O_RDONLY, dir_fd=at)),
-                          os.read(os.open("text", os.O_RDONLY, dir_fd=at), 9)), ("target", [], b"content"))
-        self.start("create", "-r", "/media/key.pub", "-o", ARCHIVE, ".", program="qvx",
-                   limits=lambda: os.fchdir(folder)).communicate()
+        os.rename(f"{OUT}{SOURCE}/{fits}", OUT + "/x")
+        copy = folder.replace(f"{SOURCE}/{fits}", OUT + "/x")
+        self.assertEqual((os.readlink(copy + "/link"), os.listdir(copy + "/down"), read(copy + "/text")),
+                         ("target", [], "content"))
+        create(".", cwd=folder)
         self.assertEqual(self.entries(ARCHIVE), paths[-5:-1])
-        self.deep("long", 4097)
-        os.mkdir("down/x", dir_fd=folder)
-        for strict, count in ([], 4), (["--strict"], 1):
-            process = self.start("create", "-r", "/media/key.pub", "-o", ARCHIVE, *strict, SOURCE, program="qvx")
-            lines = [line.split(": ") for line in process.communicate()[1].decode().splitlines()]
+        self.deep("l" * 150, 4097)
+        call("mkdir", "down/x", cwd=folder)
+        for words, lengths in ([SOURCE], [4098, 4097, 4097, 4097]), (["--strict", SOURCE], [4098]):
+            errors, status = create(*words)
+            lines = [line.split(": ") for line in errors.splitlines()]
             self.assertEqual([(len(line[1]), line[-1]) for line in lines],
-                             [(size, "File name too long") for size in (4098, 4097, 4097, 4097)[:count]])
-            self.assertEqual(process.returncode, 1)
-            self.assertEqual([path for path in self.entries(ARCHIVE) if len(path) > 4091 or path[-4:] == "zero"], paths[-4:])
+                             [(length, "File name too long") for length in lengths])
+            self.assertEqual(status, 1)
+            self.assertEqual([path for path in self.entries(ARCHIVE) if len(path) > 4091 or "zero" in path], paths[-4:])
 
     def test_create_on_a_full_disk_leaves_the_old_archive(self):
         self.lay(OUT, "size=4m")
@@ -207,7 +207,7 @@ class Qvx(Scenario):
         write(OUT + "/archive", "old")
         for refuse in None, world.refuse_unnamed_files:
             for name in "archive", "new":
-                self.run_qvx("create", "-r", "/media/key.pub", "-o", f"{OUT}/{name}", SOURCE, limits=refuse)
+                self.create(to=f"{OUT}/{name}", limits=refuse)
             self.assertEqual((os.listdir(OUT), read(OUT + "/archive")), (["archive"], "old"))
 
     def test_extraction_stops_before_the_disk_is_full(self):
@@ -228,20 +228,16 @@ class Qvx(Scenario):
             world.clear(OUT)
 
     def test_reports_what_an_archive_lacks(self):
-        os.makedirs(SOURCE + "/closed", 0)
-        os.chmod(write(SOURCE + "/secret", "x"), 0)
-        os.chmod(os.path.dirname(write(SOURCE + "/listed/file", "x")), 0o744)
-        os.mkfifo(SOURCE + "/fifo")
-        os.chmod(SOURCE, 0o777)
+        shell(SOURCE, """mkdir -m 0 closed; mkdir -m 744 listed; mkfifo fifo; touch listed/file; echo -n x >secret
+            chmod 0 secret; chmod 777 .""")
         for name in "/closed", "/secret", "/", "":
-            self.run_qvx("create", "-r", "/media/key.pub", "-o", SOURCE + "/archive", SOURCE + name, user=65534)
+            self.create(SOURCE + name, to=SOURCE + "/archive", user=65534)
         self.note("entries", "\n".join(self.entries(SOURCE + "/archive")))
         for name in "/closed", "/secret", "/listed":
-            self.run_qvx("create", "--strict", "-r", "/media/key.pub", "-o", SOURCE + "/strict", SOURCE + name, user=65534)
+            self.create("--strict", SOURCE + name, to=SOURCE + "/strict", user=65534)
             self.assertFalse(os.path.exists(SOURCE + "/strict"))
-        self.run_qvx("create", "--strict", "-r", "/media/key.pub", "-o", SOURCE + "/strict", SOURCE)
-        self.run_qvx("create", "-r", "/media/key.pub", "-o", SOURCE + "/hidden", SOURCE,
-                     limits=world.refuse_unnamed_files)
+        self.create("--strict", SOURCE, to=SOURCE + "/strict")
+        self.create(to=SOURCE + "/hidden", limits=world.refuse_unnamed_files)
         self.note("entries", "\n".join(self.entries(SOURCE + "/hidden")))
 
     # The source is one file of which every page but the first of each MiB is a hole. Reading it takes many seconds, so
@@ -265,26 +261,18 @@ class Qvx(Scenario):
 
     def test_output_replaces_only_a_file_of_the_user(self):
         write(SOURCE + "/file", "x")
-        os.chmod(OUT, 0o777)
-        os.mkfifo(OUT + "/fifo")
-        os.mkdir(OUT + "/folder")
-        os.symlink("file", OUT + "/link")
-        os.mknod(OUT + "/null", 0o600 | stat.S_IFCHR, os.makedev(1, 3))
-        for name in "file", "mine", "protected":
-            write(f"{OUT}/{name}", "old")
-            os.chown(f"{OUT}/{name}", 65534 if name != "file" else 1000, 0)
-        os.chmod(OUT + "/protected", 0o444)
-        os.link(OUT + "/mine", OUT + "/other name")
+        shell(OUT, """chmod 777 .; mkfifo fifo; mkdir folder; ln -s file link; mknod null c 1 3; chmod 600 null
+            echo -n old | tee file mine protected; ln mine 'other name'
+            chown 1000 file; chown 65534 mine protected; chmod 444 protected""")
         for name in "fifo", "folder", "folder/", "link", "null", "file", "protected", "missing/archive", "mine", "new":
-            self.run_qvx("create", "-r", "/media/key.pub", "-o", f"{OUT}/{name}", SOURCE, user=65534)
-        self.note("files", call("sh", "-c", f"find {OUT} -mindepth 1 -printf '%P %M %U %n\\n' | sort"))
+            self.create(to=f"{OUT}/{name}", user=65534)
+        self.note_files("files", OUT, "%P %M %U %n", "-mindepth", "1")
         self.assertEqual([read(f"{OUT}/{name}") for name in ("file", "protected", "other name")], ["old"] * 3)
         for name in "mine", "new":
             self.assertEqual(self.entries(f"{OUT}/{name}"), ["media/source", "media/source/file"])
         os.chmod(OUT, 0o1733)
-        self.run_qvx("create", "-r", "/media/key.pub", "-o", "archive", SOURCE, user=65534, cwd=OUT,
-                     limits=lambda: os.umask(0o77))
-        self.note("files", call("find", OUT, "-name", "archive", "-printf", "%P %M %U %n\n"))
+        self.create(to="archive", user=65534, cwd=OUT, limits=lambda: os.umask(0o77))
+        self.note_files("files", OUT, "%P %M %U %n", "-name", "archive")
 
     def test_failed_create_leaves_no_archive(self):
         write(SOURCE + "/file", "x")
@@ -296,16 +284,14 @@ class Qvx(Scenario):
             self.run_qvx("create", "-r", recipient, "-o", ARCHIVE, *paths)
             self.assertFalse(os.path.exists(ARCHIVE))
         self.run_qvx("create", "-r", "/media/all keys", "-o", ARCHIVE, SOURCE)
-        self.run_qvx("create", "-r", key, "-o", ARCHIVE, "/media/missing")
+        self.create("/media/missing")
         self.run_qvx("verify", *KEY, ARCHIVE)  # the one made before
         self.run_qvx("keygen", "-o", "/media/key")
 
     def test_archive_for_several_recipients_is_copied_for_others(self):
         write(SOURCE + "/file", "x")
         for name in "other", "third":
-            self.qvx("keygen", "-o", f"/media/{name}")
-        for name in "key", "other", "third":
-            self.known[call("ssh-keygen", "-lf", f"/media/{name}.pub").split()[1]] = f"<print of {name}>"
+            self.make_key(name)
         to_both = ["-r", "/media/key.pub", "-r", "/media/other.pub"]
         self.run_qvx("create", *to_both, *to_both[:2], "-o", ARCHIVE, SOURCE)
         self.run_qvx("create", *to_both, "-o", ARCHIVE, SOURCE)
@@ -323,8 +309,7 @@ class Qvx(Scenario):
         os.remove("/media/copy.qvx")
         self.run_qvx("rekey", "--key", "/media/third.pem", *copy)
         self.run_qvx("extract", "--key", "/media/third.pem", "--salvage", "-C", OUT, ARCHIVE)
-        with open(ARCHIVE, "r+b") as archive:
-            archive.truncate(os.stat(ARCHIVE).st_size - 1)
+        os.truncate(ARCHIVE, os.stat(ARCHIVE).st_size - 1)
         self.run_qvx("rekey", *KEY, *copy)
         self.run_qvx("info", ARCHIVE)
         self.run_qvx("extract", *KEY, "--salvage", "-C", OUT, ARCHIVE)
@@ -334,10 +319,7 @@ class Qvx(Scenario):
     def test_keys_of_every_form_and_files_that_are_no_keys(self):
         write(SOURCE + "/file", "x")
         self.create()
-        printed = self.qvx("keygen", "-o", "/media/other")
-        self.assertIn(printed.strip(), call("ssh-keygen", "-lf", "/media/other.pub"))
-        for name in "key", "other":
-            self.known[call("ssh-keygen", "-lf", f"/media/{name}.pub").split()[1]] = f"<print of {name}>"
+        self.assertEqual(self.make_key("other"), call("ssh-keygen", "-lf", "/media/other.pub").split()[1])
         secret = "-passout", "pass:open sesame"
         for name, *words in (("sec1.pem", "ec"), ("locked.pem", "pkcs8", "-topk8", "-v2", "aes-256-cbc", *secret)):
             call("openssl", *words, "-in", "/media/key.pem", "-out", f"/media/{name}")
@@ -356,41 +338,26 @@ class Qvx(Scenario):
 
 
 # On a file system that has inode flags.
-class Preserve(Disks):
-    def setUp(self):
-        super().setUp()
-        self.mount(self.formatted()[0], "/media/disk")
-        self.qvx("keygen", "-o", "/media/key")
-
+class Preserve(WithKey, Disks):
     # An archive that anybody can make. The second name of an immutable file is linked although nothing can be linked
     # to it once its flags are set.
     def make_archive(self):
-        for name in "program", "capable", "append", "immutable", "closed/below/file":
-            write(f"/media/disk/source/{name}", name)
-        source = "/media/disk/source/"
-        os.link(source + "immutable", source + "second")
-        os.chmod(source + "capable", 0o444)
-        os.chown(source + "program", 1000, 1001)
-        os.chown(source + "closed", 1000, 1000)
-        os.chmod(source + "program", 0o6777)
-        os.chmod(source + "closed", 0o3777)
-        os.symlink("program", source + "link")
-        os.chown(source + "link", 1000, 1000, follow_symlinks=False)
-        os.setxattr(source + "capable", "security.capability", bytes.fromhex("0100000200200000000000000000000000000000"))
-        os.setxattr(source + "capable", "trusted.x", b"1")
-        os.setxattr(source + "capable", "user.x", b"1")
-        for flag, name in ("a", "append"), ("id", "immutable"), ("d", "program"), ("i", "closed/below"), ("a", "closed"):
-            call("chattr", "+" + flag, source + name)
-        self.run_qvx("create", "-r", "/media/key.pub", "-o", ARCHIVE, source)
-
-    def run_qvx(self, *words, **options):
-        return self.tool("qvx", *words, **options)
+        self.mount(self.formatted()[0], "/media/disk")
+        shell("/media/disk/source", """
+            mkdir -p closed/below; for name in program capable append immutable closed/below/file; do
+                echo -n $name >$name; done
+            ln immutable second; ln -s program link; chmod 444 capable
+            chown 1000:1001 program; chown 1000:1000 closed; chown -h 1000:1000 link
+            chmod 6777 program; chmod 3777 closed; setfattr -n trusted.x -v 1 capable; setfattr -n user.x -v 1 capable
+            setfattr -n security.capability -v 0x0100000200200000000000000000000000000000 capable
+            chattr +a append; chattr +id immutable; chattr +d program; chattr +i closed/below; chattr +a closed""")
+        self.create("/media/disk/source/")
 
     def extract(self, to, *words, **options):
         os.makedirs(to, exist_ok=True)
         self.run_qvx("extract", *KEY, *words, "-C", to, ARCHIVE, **options)
         tree = to + "/media/disk/source"
-        self.note("files", "\n".join(sorted(call("find", ".", "-printf", "%M %U %G %n %p\n", cwd=tree).splitlines())))
+        self.note_files("files", tree, "%M %U %G %n ./%P")
         show = f"cd {tree}; find . -not -type l -exec lsattr -d {{}} + 2>&1 | awk '{{gsub(/[e-]/,\"\",$1)}}1' | sort"
         self.note("flags", subprocess.getoutput(show))
         self.note("attributes", str(sorted(os.listxattr(tree + "/capable"))))
@@ -400,11 +367,8 @@ class Preserve(Disks):
         self.extract("/media/disk/default")
         self.extract("/media/disk/masked", limits=lambda: os.umask(0o077))
         self.extract("/media/disk/all", "--preserve", limits=lambda: os.umask(0o077))
-        os.chmod("/media/key.pem", 0o644)
-        os.makedirs("/media/disk/user")
-        os.chown("/media/disk/user", 65534, 65534)
+        shell("/media/disk/user", "chmod 644 /media/key.pem; chown 65534:65534 .")
         self.run_qvx("extract", *KEY, "--preserve", "-C", "/media/disk/user", ARCHIVE, user=65534)
         self.extract("/media/disk/user", user=65534)
-        os.makedirs("/media/ram")
         self.lay("/media/ram", "mode=755", "ramfs")
         self.extract("/media/ram", "--preserve")

@@ -1,11 +1,10 @@
 # The store on the destination volume: listing, pruning, placing, removing.
 import fcntl
 import os
-import shutil
 import signal
 
 import world
-from world import PREBOOT, STORE, YES, Answer, Scenario, call, write
+from world import PREBOOT, STORE, YES, Answer, Scenario, call, shell, write
 
 LIMIT, MIB = 1 << 30, 1 << 20
 NAME = f'{STORE}/"${{folder##*/}}.qvx"'  # of the capture, for a stand-in
@@ -31,10 +30,8 @@ class Store(Scenario):
     def test_limit_counts_the_captures_and_the_archive_to_the_byte(self):
         for name in "tarnwick-old.qvx.bak", "Tarnwick.qvx", ".qvx", "xtarnwick.qvx":
             self.sparse(name)
-        os.makedirs(f"{STORE}/tarnwick-folder.qvx")
-        os.symlink("/media/nowhere", f"{STORE}/tarnwick-dangling.qvx")
-        precious = write("/media/precious")
-        os.symlink(precious, f"{STORE}/tarnwick-old.qvx")
+        shell(STORE, "mkdir tarnwick-folder.qvx; ln -s /media/nowhere tarnwick-dangling.qvx")
+        os.symlink(precious := write("/media/precious"), f"{STORE}/tarnwick-old.qvx")
         for more in 0, 1:
             size = '$(stat -c %s "$folder/${folder##*/}.qvx")'
             self.then(f"truncate -s $(({LIMIT} + {more} - {size})) {precious}")
@@ -66,16 +63,13 @@ class Store(Scenario):
     # A full volume keeps nothing, a read-only one all; a file in the place of the store is not touched.
     def test_archive_that_cannot_be_placed(self):
         self.sparse("tarnwick-old.qvx")
-        call("mount", "--bind", "/media/preboot", "/media/preboot")
-        call("mount", "-o", "remount,bind,ro", "/media/preboot")
+        shell("/media", "mount --bind preboot preboot; mount -o remount,bind,ro preboot")
         self.capture()
         self.tarnwick("--cleanup")
         self.lay("/media/preboot", "size=8k,mode=755")
-        filler = write("/media/preboot/filler", "x" * 8192)
+        write("/media/preboot/filler", "x" * 8192)
         self.capture()
-        os.remove(filler)
-        shutil.rmtree(STORE)
-        write(STORE, "in the way")
+        shell("/media/preboot", "rm -r filler tarnwick; touch tarnwick")
         self.capture()
 
     # A limit on the size of files, set when the archive is complete, kills the copy at its fifth kilobyte. Where a

@@ -3,7 +3,7 @@ import json
 import os
 import random
 
-from world import YES, Disks, call, content, write
+from world import YES, Disks, call, content, overwrite, write
 
 BLOCK, FOLDER, LOGS, OUT = 4096, "/media/worn", "/media/worn/log", "/media/out"
 ARCHIVE, KEY = "/media/archive.qvx", ("--key", "/media/key.pem")
@@ -30,33 +30,27 @@ class Unreadable(Disks):
     def wear_out(self):
         call("mkfs.btrfs", "-q", "--rootdir", FOLDER, path := self.image(128))
         image = content(path)
-        with open(path, "r+b") as disk:
-            for name, (_, damaged, _) in FILES.items():
-                data, at = self.files[f"{LOGS}/{name}"], 0
-                for block in damaged:
-                    at = image.index(data[block * BLOCK:][:64], at)
-                    disk.seek(at)
-                    disk.write(b"worn out")
+        for name, (_, damaged, _) in FILES.items():
+            data, at = self.files[f"{LOGS}/{name}"], 0
+            for block in damaged:
+                at = image.index(data[block * BLOCK:][:64], at)
+                overwrite(path, at, b"worn out")
         self.mount(path, FOLDER)
-
-    def listed(self, archive):
-        lines = self.qvx("list", "--json", *KEY, archive).splitlines()
-        return {entry["path"]: entry for entry in map(json.loads, lines)}
 
     # The marks in the archive, and the contents when it is extracted.
     def agrees(self, archive, names=tuple(FILES)):
-        listed = self.listed(archive)
+        lines = self.qvx("list", "--json", *KEY, archive).splitlines()
+        listed = {"/" + entry["path"]: entry for entry in map(json.loads, lines)}
         os.mkdir(OUT)
         self.assertEqual(self.tool("qvx", "extract", *KEY, "-C", OUT, archive), 1)
         for path, name in ((f"{LOGS}/{name}", name) for name in names):
-            entry, data, unreadable = listed[path[1:]], self.files[path], []
-            expected = bytearray(data)
+            expected, unreadable = bytearray(self.files[path]), []
             for at, count in FILES[name][2]:
-                begin, end = at * BLOCK, min((at + count) * BLOCK, len(data))
+                begin, end = at * BLOCK, min((at + count) * BLOCK, len(expected))
                 expected[begin:end] = bytes(end - begin)
                 unreadable.append({"offset": begin, "length": end - begin})
-            self.assertEqual((path, entry.get("unreadable", [])), (path, unreadable))
-            self.assertEqual(entry.get("incomplete", False), bool(unreadable))
+            self.assertEqual((listed[path].get("unreadable", []), listed[path].get("incomplete", False)),
+                             (unreadable, bool(unreadable)), path)
             self.assertEqual(content(OUT + path), expected, path)
 
     def test_capture_completes(self):

@@ -4,7 +4,7 @@ import plistlib
 import re
 import struct
 
-from world import Disks, call, on_terminal, property_list, read, write
+from world import Disks, call, on_terminal, overwrite, property_list, read, shell, write
 
 SETTINGS = "/etc/tarnwick/volumes.plist"
 
@@ -19,16 +19,11 @@ class Volctl(Disks):
     # An image as a power cut leaves it: a deleted file still open, and a journal to replay.
     def dirty_image(self, format):
         path, identity = self.formatted("-L", "name of it", format=format)
-        os.mkdir("/media/dirty")
-        call("mount", path, "/media/dirty")
-        with open("/media/dirty/orphan", "wb") as orphan:
-            orphan.write(b"x" * 100000)
-            write("/media/dirty/kept")
-            os.remove(orphan.name)
-            for option in "-f", "-u":  # moves all so far from the journal to its place
-                call("fsfreeze", option, "/media/dirty")
-            call("sync", write("/media/dirty/kept", "only in the journal"))
-            call("cp", "--sparse=always", path, path + ".copy")
+        call("mount", "-o", "loop,X-mount.mkdir", path, "/media/dirty")
+        shell("/media/dirty", f"""exec 3>orphan; head -c 100000 /dev/zero >&3; touch kept; rm orphan
+            fsfreeze -f .; fsfreeze -u .   # moves all so far from the journal to its place
+            echo 'only in the journal' >kept; sync kept
+            cp --sparse=always {path} {path}.copy""")
         call("umount", "/media/dirty")  # the kernel mounts no two file systems of one identity
         return path + ".copy", identity
 
@@ -75,9 +70,8 @@ class Volctl(Disks):
 
     def test_file_system_in_doubt_is_left_alone(self):
         path = self.formatted()[0]
-        with open(path, "r+b") as file:  # the superblock of a reiserfs, where ext4 keeps something else
-            file.seek(65536)
-            file.write(struct.pack("<IIII28xH6x", 16384, 100, 17, 18, 4096) + b"ReIsEr2Fs\0")
+        # The superblock of a reiserfs, where ext4 keeps something else.
+        overwrite(path, 65536, struct.pack("<IIII28xH6x", 16384, 100, 17, 18, 4096) + b"ReIsEr2Fs\0")
         before, device = call("sha256sum", path), self.attach(path)
         self.unlock(device)
         self.assert_unused(device, path, before)
@@ -112,9 +106,7 @@ class Volctl(Disks):
             words = ["/media/programs/volctl", "zkfs", "unlockVolume", device]
             self.note("shown", "{}\n{} {}".format(*on_terminal(words, b"Passphrase for", *lines)))
         self.assert_unused(device, path, before)
-        with open("/dev/" + device, "r+b") as file:
-            file.seek(4096)
-            file.write(b"\xff" * 4096)
+        overwrite("/dev/" + device, 4096, b"\xff" * 4096)
         before = call("sha256sum", path)
         self.unlock(device, "--key-fd", "0", typed=b"wrong")
         self.assert_unused(device, path, before)

@@ -76,6 +76,12 @@ def refuse_unnamed_files():
         raise OSError(ctypes.get_errno(), "seccomp")
 
 
+# Runs a script in the folder, which it makes.
+def shell(folder, script):
+    os.makedirs(folder, exist_ok=True)
+    return call("bash", "-euc", script, cwd=folder)
+
+
 # Types a line at each prompt for a secret on a new terminal. Returns what was shown, the exit status, and whether the
 # echo is on again.
 def on_terminal(words, prompt, *lines):
@@ -118,6 +124,12 @@ def write(path, content=""):
     file.write_bytes(content if isinstance(content, bytes) else content.encode())
     file.chmod(0o644)
     return path
+
+
+def overwrite(path, at, content):
+    with open(path, "r+b") as file:
+        file.seek(at)
+        file.write(content)
 
 
 def content(path):
@@ -214,10 +226,7 @@ class Scenario(unittest.TestCase):
     def start(self, *arguments, program="tarnwick", environment=(), limits=None, **more):
         everywhere = {"PATH": PATH, "TZ": "UTC", "HOME": "/root", **COUNTS}
         if limits or "user" in more:  # a build that counts lines complains where it cannot write the counts
-            counts = f"/media/counts/{uuid.uuid4()}"  # this user may be refused where another one has written
-            os.mkdir(counts)
-            os.chmod(counts, 0o777)
-            everywhere.update(GCOV_PREFIX=counts, GCOV_ERROR_FILE="/dev/null")
+            everywhere.update(GCOV_PREFIX=f"/media/counts/{uuid.uuid4()}", GCOV_ERROR_FILE="/dev/null")
         options = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "cwd": "/media/cwd"}
         return subprocess.Popen([program, *arguments], executable=f"/media/programs/{program}",
                                 env={**everywhere, **dict(environment)}, preexec_fn=limits, **{**options, **more})
@@ -233,8 +242,7 @@ class Scenario(unittest.TestCase):
         archive = archive and os.path.join("/media/cwd", archive)
         log = f"/tmp/tarnwick-{stamp}.log"
         self.note("log", read(log) if os.path.exists(log) else "")
-        found = subprocess.getoutput("find /tmp /media/preboot /media/cwd -mindepth 1 -printf '%M %p\\n'")
-        self.note("left", "\n".join(sorted(self.normal(found))))
+        self.note_files("left", "/tmp /media/preboot /media/cwd", "%M %p", "-mindepth", "1")
         self.note("archive", "\n".join(self.entries(archive) if archive else []))
         return Result(process.returncode, text, stamp, archive, temporary)
 
@@ -266,6 +274,11 @@ class Scenario(unittest.TestCase):
             [f"({tail} lines as before)"] * bool(tail)
         self.record += "".join(line + "\n" for line in ([f"-- {title}"] if lines else []) + shown)
         self.noted[title] = lines
+
+    # `form` is of find's -printf.
+    def note_files(self, title, folders, form, *tests):
+        found = call("find", *folders.split(), *tests, "-printf", form + "\n")
+        self.note(title, "\n".join(sorted(self.normal(found))))
 
     def normal(self, text):
         for known in sorted(self.known, key=len, reverse=True):
