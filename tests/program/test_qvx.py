@@ -320,10 +320,8 @@ class Qvx(WithKey):
         write(SOURCE + "/file", "x")
         self.create()
         self.assertEqual(self.make_key("other"), call("ssh-keygen", "-lf", "/media/other.pub").split()[1])
-        secret = "-passout", "pass:open sesame"
-        for name, *words in (("sec1.pem", "ec"), ("locked.pem", "pkcs8", "-topk8", "-v2", "aes-256-cbc", *secret)):
-            call("openssl", *words, "-in", "/media/key.pem", "-out", f"/media/{name}")
-        os.mkfifo("/media/fifo")
+        shell("/media", """mkfifo fifo; openssl ec -in key.pem -out sec1.pem
+            openssl pkcs8 -topk8 -v2 aes-256-cbc -passout 'pass:open sesame' -in key.pem -out locked.pem""")
         for name in "sec1.pem", "key.pub", "other.pem", "locked.pem", "missing":
             self.run_qvx("verify", "--key", f"/media/{name}", ARCHIVE)
         self.run_qvx("verify", "--key", "-", ARCHIVE, typed=content("/media/key.pem"))
@@ -339,9 +337,18 @@ class Qvx(WithKey):
 
 # On a file system that has inode flags.
 class Preserve(WithKey, Disks):
+    def extract(self, to, *words, **options):
+        os.makedirs(to, exist_ok=True)
+        self.run_qvx("extract", *KEY, *words, "-C", to, ARCHIVE, **options)
+        tree = to + "/media/disk/source"
+        self.note_files("files", tree, "%M %U %G %n ./%P")
+        show = f"cd {tree}; find . -not -type l -exec lsattr -d {{}} + 2>&1 | awk '{{gsub(/[e-]/,\"\",$1)}}1' | sort"
+        self.note("flags", subprocess.getoutput(show))
+        self.note("attributes", str(sorted(os.listxattr(tree + "/capable"))))
+
     # An archive that anybody can make. The second name of an immutable file is linked although nothing can be linked
     # to it once its flags are set.
-    def make_archive(self):
+    def test_privileges_are_restored_only_on_request(self):
         self.mount(self.formatted()[0], "/media/disk")
         shell("/media/disk/source", """
             mkdir -p closed/below; for name in program capable append immutable closed/below/file; do
@@ -352,18 +359,6 @@ class Preserve(WithKey, Disks):
             setfattr -n security.capability -v 0x0100000200200000000000000000000000000000 capable
             chattr +a append; chattr +id immutable; chattr +d program; chattr +i closed/below; chattr +a closed""")
         self.create("/media/disk/source/")
-
-    def extract(self, to, *words, **options):
-        os.makedirs(to, exist_ok=True)
-        self.run_qvx("extract", *KEY, *words, "-C", to, ARCHIVE, **options)
-        tree = to + "/media/disk/source"
-        self.note_files("files", tree, "%M %U %G %n ./%P")
-        show = f"cd {tree}; find . -not -type l -exec lsattr -d {{}} + 2>&1 | awk '{{gsub(/[e-]/,\"\",$1)}}1' | sort"
-        self.note("flags", subprocess.getoutput(show))
-        self.note("attributes", str(sorted(os.listxattr(tree + "/capable"))))
-
-    def test_privileges_are_restored_only_on_request(self):
-        self.make_archive()
         self.extract("/media/disk/default")
         self.extract("/media/disk/masked", limits=lambda: os.umask(0o077))
         self.extract("/media/disk/all", "--preserve", limits=lambda: os.umask(0o077))
