@@ -10,7 +10,7 @@ import sys
 import threading
 
 import world
-from world import YES, Disks, Scenario, call, content, property_list, write
+from world import YES, Disks, Scenario, call, content, property_list, shell, write
 
 PROJECT = world.HERE + "/../.."
 TYPE = "com.vexlor.Provisor.tarnwick.config"
@@ -80,9 +80,8 @@ class Site(Scenario):
 
     # A server certificate, which TRUST makes the programs accept.
     def certificate(self):
-        new = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout /media/server.key -subj /CN=server"
-        call("openssl", "req", "-x509", *new.split(), "-addext", "subjectAltName=IP:127.0.0.1",
-             "-out", "/media/server.pem")
+        shell("/media", """openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=server \
+            -addext subjectAltName=IP:127.0.0.1 -keyout server.key -out server.pem""")
         tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         tls.load_cert_chain("/media/server.pem", "/media/server.key")
         return tls
