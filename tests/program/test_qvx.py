@@ -357,7 +357,7 @@ class Preserve(WithKey, Disks):
             chown 1000:1001 program; chown 1000:1000 closed; chown -h 1000:1000 link
             chmod 6777 program; chmod 3777 closed; setfattr -n trusted.x -v 1 capable; setfattr -n user.x -v 1 capable
             setfattr -n security.capability -v 0x0100000200200000000000000000000000000000 capable
-            chattr +a append; chattr +id immutable; chattr +d program; chattr +i closed/below; chattr +a closed""")
+            chattr +a append; chattr +id immutable; chattr +d program; chattr +i closed/below; chattr +aP closed""")
         self.create("/media/disk/source/")
         self.extract("/media/disk/default")
         self.extract("/media/disk/masked", limits=lambda: os.umask(0o077))

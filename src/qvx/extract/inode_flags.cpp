@@ -18,7 +18,8 @@ struct InodeFlag {
     const char* name;
 };
 
-// Those of FS_FL_USER_MODIFIABLE. The last two forbid changes, also of other flags.
+// What a user can set on one file system or another. FS_FL_USER_MODIFIABLE lacks the newer ones. The last two forbid
+// changes, also of other flags.
 constexpr InodeFlag inodeFlags[] = {
     {FS_SECRM_FL, 's', "secure deletion"},
     {FS_UNRM_FL, 'u', "undeletable"},
@@ -26,9 +27,15 @@ constexpr InodeFlag inodeFlags[] = {
     {FS_SYNC_FL, 'S', "synchronous updates"},
     {FS_NODUMP_FL, 'd', "no dump"},
     {FS_NOATIME_FL, 'A', "no access times"},
+    {FS_NOCOMP_FL, 'm', "not compressed"},
+    {FS_JOURNAL_DATA_FL, 'j', "data in the journal"},
     {FS_NOTAIL_FL, 't', "no tail merging"},
     {FS_DIRSYNC_FL, 'D', "synchronous directory"},
     {FS_TOPDIR_FL, 'T', "top of a hierarchy"},
+    {FS_NOCOW_FL, 'C', "no copy on write"},
+    {FS_DAX_FL, 'x', "direct access"},
+    {FS_PROJINHERIT_FL, 'P', "inherited project"},
+    {FS_CASEFOLD_FL, 'F', "case is ignored"},
     {FS_APPEND_FL, 'a', "append only"},
     {FS_IMMUTABLE_FL, 'i', "immutable"},
 };
@@ -38,22 +45,23 @@ constexpr unsigned modifiable() {
     for (const auto& flag : inodeFlags) bits |= flag.bit;
     return bits;
 }
-static_assert(modifiable() == FS_FL_USER_MODIFIABLE);
+static_assert((modifiable() & FS_FL_USER_MODIFIABLE) == FS_FL_USER_MODIFIABLE);
 
-// One at a time, because a file system that does not know one of several flags sets none. The kernel's argument is an
-// int, although the number of the call says long.
+// One at a time, because a file system that does not know one of several flags sets none. Some ignore a flag without an
+// error, so it is read back. The kernel's argument is an int, although the number of the call says long.
 int addFlag(int file, unsigned bit) {
     unsigned flags = 0;
     if (ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return errno;
     if (flags & bit) return 0;
     flags |= bit;
-    return ioctl(file, FS_IOC_SETFLAGS, &flags) == 0 ? 0 : errno;
+    if (ioctl(file, FS_IOC_SETFLAGS, &flags) != 0 || ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return errno;
+    return flags & bit ? 0 : EOPNOTSUPP;
 }
 
 }  // namespace
 
 bool hasInodeFlags(const EntryHead& head) {
-    return head.type != EntryType::link && head.flags.value_or(0) & FS_FL_USER_MODIFIABLE;
+    return head.type != EntryType::link && head.flags.value_or(0) & modifiable();
 }
 
 void restoreInodeFlags(ExtractionRun& run, const EntryHead& head, int file) {
