@@ -236,6 +236,10 @@ class Qvx(WithKey):
         for name in "/closed", "/secret", "/listed":
             self.create("--strict", SOURCE + name, to=SOURCE + "/strict", user=65534)
             self.assertFalse(os.path.exists(SOURCE + "/strict"))
+        self.create("--files0-from", "-", to=SOURCE + "/some", user=65534,
+                    typed=f"{SOURCE}/closed/file\0{SOURCE}/listed".encode())
+        self.note("entries", "\n".join(self.entries(SOURCE + "/some")))
+        os.unlink(SOURCE + "/some")
         self.create("--strict", SOURCE, to=SOURCE + "/strict")
         self.create(to=SOURCE + "/hidden", limits=world.refuse_unnamed_files)
         self.note("entries", "\n".join(self.entries(SOURCE + "/hidden")))

@@ -56,10 +56,10 @@ Status Collection::addTree(const std::string& path) {
     return directory ? addBelow({(*added)->path, path}) : Status();
 }
 
-// None if the path is too long for an archive.
+// None if the file cannot be reached, or its path is too long for an archive. What is no file at all has no code.
 Result<std::optional<PathList::Entry>> Collection::addNamed(const std::string& path) {
     auto entry = lookUp(working_, path);
-    if (!entry && entry.error().code != ENAMETOOLONG) return entry.error();
+    if (!entry && entry.error().code == 0) return entry.error();
     if (!entry) {
         Status left = leaveOut(entry.error());
         return left ? Result<std::optional<PathList::Entry>>(std::nullopt) : left.error();
