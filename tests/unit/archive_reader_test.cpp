@@ -299,4 +299,12 @@ TEST(ArchiveSalvage, ReadsBlocksInAnyOrderAndUpToACut) {
     }
 }
 
+TEST(ArchiveSalvage, FindsBlocksWithHighNumbersInAShortRest) {
+    ArchiveBuilder builder;
+    for (int i = 0; i < 100; ++i) builder.file(std::to_string(i), "a").endBlock();
+    const auto bytes = builder.finish();
+    const ByteVector rest(bytes.begin() + std::ptrdiff_t(builder.positions[98]), bytes.end());
+    EXPECT_EQ(Reading(rest, Reading::Opening::salvage).salvaged(), (Seen{"98=a", "99=a"}));
+}
+
 }  // namespace

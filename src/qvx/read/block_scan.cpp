@@ -37,8 +37,7 @@ private:
     // The length of the block at `position`, header included; none when no block can be unsealed there.
     std::optional<std::uint64_t> tryBlock(std::uint64_t position) {
         const auto header = readBlockHeader(file_, position);
-        // A file of this size cannot contain more blocks, so a higher number is false and needs no attempt.
-        if (!header || header->sequence > file_.size() / blockHeaderSize) return std::nullopt;
+        if (!header) return std::nullopt;
         sealed_.resize(header->sealedLength);
         if (!file_.read(position + blockHeaderSize, sealed_)) return std::nullopt;
         const MutableBytes stored = MutableBytes(sealed_).first(sealed_.size() - tagSize);
