@@ -243,7 +243,7 @@ TEST(ForgedArchive, KeepsEntriesBetweenAdditionsAndPadding) {
     expectEntries(builder.finish(), {"x=a", "y=b"});
 }
 
-// Only a reader of all entries knows that there were too many zeros before the last one.
+// Only a reader of the entry with too many zeros knows that they come before the last one.
 TEST(ForgedArchive, RejectsDigestAfterTooManyZeros) {
     const ByteVector tooLong{0x81, 0x80, 0x80, 0x80, 0x40};  // 2^34 + 1
     for (const bool digest : {false, true}) {
@@ -257,6 +257,11 @@ TEST(ForgedArchive, RejectsDigestAfterTooManyZeros) {
         EXPECT_EQ(all.seen, (Seen{"17179869185/1", "3/0#", digest ? "!" : "1/1"}));
         EXPECT_TRUE((*openArchive(bytes))->readChosen([](auto, auto path) { return path != "x"; }, some));
         EXPECT_EQ(some.seen, (Seen{"3/0#", digest ? "1/1#" : "1/1"}));
+        FieldsSink chosen, salvaged;
+        EXPECT_EQ(bool((*openArchive(bytes))->readChosen([](auto, auto) { return true; }, chosen)), !digest);
+        EXPECT_TRUE((*openArchive(bytes))->salvage(salvaged, [](const ReadFault&) {}));
+        EXPECT_EQ(chosen.seen, all.seen);
+        EXPECT_EQ(salvaged.seen, all.seen);
     }
     auto tail = totals(maxDigestedZeros + 1, 1);
     tail.digest = Digest{};
@@ -305,6 +310,12 @@ TEST(ArchiveSalvage, FindsBlocksWithHighNumbersInAShortRest) {
     const auto bytes = builder.finish();
     const ByteVector rest(bytes.begin() + std::ptrdiff_t(builder.positions[98]), bytes.end());
     EXPECT_EQ(Reading(rest, Reading::Opening::salvage).salvaged(), (Seen{"98=a", "99=a"}));
+}
+
+TEST(ArchiveSalvage, ReportsWhatIsNoRecordBehindAllIndexedEntries) {
+    Reading reading(ArchiveBuilder().file("x", "a").endIndexPart().record(static_cast<RecordType>(8), {}).finish());
+    EXPECT_EQ(reading.salvaged(), Seen{"x=a"});
+    EXPECT_EQ(reading.faults, "the block contains something that is not a record; ");
 }
 
 }  // namespace

@@ -165,7 +165,8 @@ Status EntryReader::checkDigest() {
     const bool certain = scope_ == Scope::everyEntry || !head_.digestAnnounced || holes_ == 0;
     if (certain && digested_ != tail_.digest.has_value())
         return error(digested_ ? "the digest is missing" : "the entry has a digest, but must not have one");
-    if (tail_.digest && zeros_ > maxDigestedZeros) return error("the entry has a digest, but must not have one");
+    const bool mayHaveDigest = digested_ || (scope_ == Scope::repeatedEntries && zeros_ <= maxDigestedZeros);
+    if (tail_.digest && !mayHaveDigest) return error("the entry has a digest, but must not have one");
     if (tail_.digest && digested_ && *tail_.digest != (precomputed_ ? *precomputed_ : digest_.finish()))
         return error("the digest does not match");
     return {};

@@ -54,8 +54,8 @@ class EntryReader {
 public:
     // Only a reader of every entry, in the order in which they are stored, knows the sum of all zeros. Others accept
     // that an entry with holes has no digest, although it announces one; and they check no more zeros than the format
-    // allows for a whole archive.
-    enum class Scope { someEntries, everyEntry };
+    // allows for a whole archive. A reader that reads entries repeatedly may exceed that where the writer did not.
+    enum class Scope { repeatedEntries, someEntries, everyEntry };
     explicit EntryReader(EntrySink& sink, Scope scope = Scope::someEntries) : sink_(sink), scope_(scope) {}
 
     // Reads an ENTRY, DATA, HOLE or END record. If isComplete() is true afterwards, call deliver() or abandon() next.

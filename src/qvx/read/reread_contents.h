@@ -50,7 +50,8 @@ private:
     const BlockMap& map_;
     RandomBlocks blocks_;
     Forwarder forwarder_;
-    EntryReader entry_{forwarder_};  // one for all contents: it limits the zeros whose digest is computed
+    // One for all contents: it limits the zeros whose digest is computed.
+    EntryReader entry_{forwarder_, EntryReader::Scope::repeatedEntries};
     std::uint64_t reads_ = 0;
     std::uint64_t scanned_ = 0;  // bytes of records
 };

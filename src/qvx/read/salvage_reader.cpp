@@ -30,7 +30,7 @@ ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
         if (auto outcome = consumeRecord(*record, recordPlace(block, offset)); !outcome) return outcome;
         offset = cursor.offset();
     }
-    if (cursor.damaged()) abandonEntry("its block contains something that is not a record");
+    if (cursor.damaged()) reportUnknownRest();
     return {};
 }
 
@@ -92,6 +92,12 @@ void SalvageReader::abandonEntry(std::string reason) {
     if (!entry_.inEntry()) return;
     reportEntry(entry_.error(std::move(reason)), true);
     entry_.abandon();
+}
+
+// Entries may follow that no index names.
+void SalvageReader::reportUnknownRest() {
+    if (!entry_.inEntry()) return report(blockFault(block_, "the block contains something that is not a record"));
+    abandonEntry("its block contains something that is not a record");
 }
 
 // An entry that is not reported here is reported as lost, if the index has it.

@@ -29,6 +29,7 @@ private:
     void addNumber();
     void removeRepeatedNumbers();
     void abandonEntry(std::string reason);
+    void reportUnknownRest();
     void reportEntry(const Error& error, bool begun);
     void report(const ReadFault& fault);
     void reportBlock(const ReadFault& fault);
