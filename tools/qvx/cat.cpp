@@ -17,14 +17,16 @@ CommandResult runCat(const CatOptions& options) {
     const auto reader = openArchive(options);
     if (!reader) return reader.error();
     std::optional<std::uint64_t> last;  // of several entries with one path, the last one is used
-    const auto findLast = [&, path = entryPath(options.path)](std::uint64_t number, const IndexEntry& entry) {
+    const std::string path = entryPath(options.path);
+    const auto findLast = [&](std::uint64_t number, const IndexEntry& entry) {
         if (entry.path == path) last = number;
         return true;
     };
     if (auto listed = (*reader)->list(findLast); !listed) return archiveError(options.archive, listed.error());
     if (!last) return CommandError{{"not in the archive", 0, options.path}};
     OutputSink sink;
-    const auto chosen = [&](std::uint64_t number, std::string_view) { return number == *last; };
+    // The index and the entry may disagree.
+    const auto chosen = [&](std::uint64_t number, std::string_view at) { return number == *last && at == path; };
     auto result = finishOutput(options.archive, (*reader)->readChosen(chosen, sink));
     if (result && sink.incomplete()) return exitFailed;
     return result;

@@ -1,6 +1,7 @@
 #include "qvx/read/chosen_entry_reader.h"
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 namespace tarnwick::qvx {
@@ -9,15 +10,25 @@ namespace {
 
 constexpr const char* indexMismatch = "the index does not match the entry";
 
+std::uint32_t hashOf(std::string_view path) { return static_cast<std::uint32_t>(std::hash<std::string_view>()(path)); }
+
 }  // namespace
+
+ChosenEntry::ChosenEntry(std::uint64_t entryNumber, const IndexEntry& entry)
+    : block(entry.block & (maxBlocks - 1)),
+      offset(entry.offset & (blockSize - 1)),
+      span(entry.span & (maxBlocks - 1)),
+      incomplete(entry.incomplete),
+      number(static_cast<std::uint32_t>(entryNumber)),
+      pathHash(hashOf(entry.path)) {}
+
+bool ChosenEntry::isBegunBy(const EntryHead& head) const {
+    return head.number == number && hashOf(head.path) == pathHash;
+}
 
 Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& choice, ChosenEntries& chosen) {
     auto visited = index.visit([&](std::uint64_t number, const IndexEntry& entry) {
-        if (choice(number, entry.path))
-            chosen.push_back({{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.offset)},
-                              static_cast<std::uint32_t>(number),
-                              static_cast<std::uint32_t>(entry.span) & 0x7fffffffU,
-                              entry.incomplete});
+        if (choice(number, entry.path)) chosen.emplace_back(number, entry);
         return true;
     });
     std::ranges::sort(chosen, {}, &ChosenEntry::place);
@@ -27,7 +38,7 @@ Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& ch
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
     while (next_ < chosen_.size() && chosen_[next_].lastBlock() < sequence_) ++next_;
     if (next_ == chosen_.size()) return std::nullopt;
-    sequence_ = std::max<std::uint64_t>(sequence_, chosen_[next_].place.block);
+    sequence_ = std::max<std::uint64_t>(sequence_, chosen_[next_].block);
     const std::uint64_t sequence = sequence_++;
     if (const auto place = map_.find(sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
     return BlockPipeline::Task{{{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}}};
@@ -53,17 +64,18 @@ bool LateSink::start() {
 
 // The loop ends at the block where the index says that the entry ends, or when the pipeline has no more blocks.
 ReadOutcome ChosenEntryReader::read(const ChosenEntry& chosen) {
-    std::size_t offset = chosen.place.offset;
-    for (std::uint64_t sequence = chosen.place.block; sequence <= chosen.lastBlock(); ++sequence, offset = 0) {
+    std::size_t offset = chosen.offset;
+    for (std::uint64_t sequence = chosen.block; sequence <= chosen.lastBlock(); ++sequence, offset = 0) {
         if (auto found = findBlock(sequence); !found) return found;
         RecordCursor cursor(block_->plain, offset);
         while (const auto record = cursor.next()) {
             auto outcome = entry_.consume(*record);
             if (outcome.fault()) return damaged(*outcome.fault());
             if (!outcome) return outcome;
-            // The index is untrusted input. The entry at this place must have the number from the index, and its path
-            // must be a chosen one, too.
-            if (entry_.head().number != chosen.number || !choice_(chosen.number, entry_.head().path))
+            // The index is untrusted input. The entry at this place must have the number and the path from the index.
+            // Others may have the same hash, but the path is a chosen one in any case.
+            const bool begins = record->type == RecordType::entry;
+            if (begins && !(chosen.isBegunBy(entry_.head()) && choice_(chosen.number, entry_.head().path)))
                 return damaged(entry_.error(indexMismatch));
             if (entry_.isComplete()) return deliver(chosen);
         }
@@ -84,12 +96,12 @@ ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
 
 ReadOutcome ChosenEntryReader::deliver(const ChosenEntry& chosen) {
     const bool incomplete = entry_.tail().unreadable.has_value();
-    if (block_->place.sequence != chosen.lastBlock() || incomplete != chosen.incomplete)
+    if (block_->place.sequence != chosen.lastBlock() || incomplete != bool(chosen.incomplete))
         return damaged(entry_.error(indexMismatch));
     const auto content = entry_.tail().contentOf;
     if (content && !table_.contains(*content)) return defer(chosen);
     if (const Status resolved = table_.resolve(entry_); !resolved) return damaged(resolved.error());
-    if (const Status added = table_.add(chosen.place, entry_); !added) return damaged(added.error());
+    if (const Status added = table_.add(chosen.place(), entry_); !added) return damaged(added.error());
     return entry_.deliver([&](EntrySink& sink) {
         return contents_.read(*content, table_.placeOf(*content), entry_.tail().content, sink);
     });
@@ -97,7 +109,7 @@ ReadOutcome ChosenEntryReader::deliver(const ChosenEntry& chosen) {
 
 // The entry with the content is not chosen.
 ReadOutcome ChosenEntryReader::defer(const ChosenEntry& chosen) {
-    if (const Status added = deferred_.add(chosen.place, entry_); !added) return damaged(added.error());
+    if (const Status added = deferred_.add(chosen.place(), entry_); !added) return damaged(added.error());
     entry_.abandon();
     return {};
 }

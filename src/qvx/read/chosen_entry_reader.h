@@ -9,14 +9,25 @@
 
 namespace tarnwick::qvx {
 
+// What the index says of an entry.
 struct ChosenEntry {
-    RecordPlace place;
-    std::uint32_t number = 0;
-    std::uint32_t span : 31 = 0;  // count of blocks after that one, up to the one of its END record
-    bool incomplete : 1 = false;
+    ChosenEntry(std::uint64_t entryNumber, const IndexEntry& entry);
 
-    [[nodiscard]] std::uint64_t lastBlock() const { return std::uint64_t{place.block} + span; }
+    [[nodiscard]] RecordPlace place() const {
+        return {static_cast<std::uint32_t>(block), static_cast<std::uint32_t>(offset)};
+    }
+    [[nodiscard]] std::uint64_t lastBlock() const { return std::uint64_t{block} + span; }
+    [[nodiscard]] bool isBegunBy(const EntryHead& head) const;
+
+    std::uint64_t block : 21;
+    std::uint64_t offset : 20;
+    std::uint64_t span : 21;  // count of blocks after that one, up to the one of its END record
+    std::uint64_t incomplete : 1;
+    std::uint32_t number;
+    std::uint32_t pathHash;
 };
+static_assert(sizeof(ChosenEntry) == 16);
+static_assert(maxBlocks == 1 << 21 && blockSize == 1 << 20);
 using ChosenEntries = std::deque<ChosenEntry>;  // which grows without a copy
 
 // Adds the chosen entries in the order in which they are stored, also when a part of the index is damaged: those of the
