@@ -100,12 +100,16 @@ TEST(EntryCodec, RefusesTheFirstValuePastABound) {
         {isPart,
          {"0001 000000 01 00 0161 00 00 00 00 00", "feffffff0f 01 000000 01 00 0161 00 00 00 00 00",
           "0001 feffff010000 01 00 0161 00 00 00 00 00", "0001 0000ffff7f 01 00 0161 00 00 00 00 00",
-          "0001 000000 01 00 0161 00 00 00 ffffffffffffffff7f 00"},
+          "0001 000000 01 00 0161 00 00 00 ffffffffffffffff7f 00", "0001 000000 02 00 0161 00 00 00 00 00",
+          "0001 000000 03 00 0161 00 00 00 ff1f 00", "0001 000000 83 00 0161 00 00 00 00 00"},
          {"count of index entries: 0000", "entry number in the index: ffffffff0f 01 000000 01 00 0161 00 00 00 00 00",
           "block of an entry: 0001 808080020000 01 00 0161 00 00 00 00 00",
           "block before the first: 0001 010000 01 00 0161 00 00 00 00 00",
           "span of an entry: 0001 000080808001 01 00 0161 00 00 00 00 00",
-          "size of an entry: 0001 000000 01 00 0161 00 00 00 80808080808080808001 00"}},
+          "size of an entry: 0001 000000 01 00 0161 00 00 00 80808080808080808001 00",
+          "size of a folder: 0001 000000 02 00 0161 00 00 00 01 00",
+          "empty target: 0001 000000 03 00 0161 00 00 00 00 00",
+          "long target: 0001 000000 03 00 0161 00 00 00 8020 00"}},
     };
     for (const auto& [decodes, valid, refused] : bounds) {
         for (const auto& payload : valid) EXPECT_TRUE(decodes(fromHex(payload))) << payload;

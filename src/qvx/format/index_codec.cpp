@@ -22,6 +22,12 @@ void readPath(WireReader& in, std::string& path) {
     path += rest;
 }
 
+bool isSizeOf(const IndexEntry& entry) {
+    if (entry.type == EntryType::file) return true;
+    if (entry.type == EntryType::directory) return entry.size == 0;
+    return entry.size <= maxTargetLength && (entry.size > 0 || entry.incomplete);
+}
+
 // Turns `entry` from the previous entry into the next one.
 void readIndexEntry(WireReader& in, IndexEntry& entry) {
     // An unsigned sum: a hostile difference may wrap around, and is then too large.
@@ -38,7 +44,7 @@ void readIndexEntry(WireReader& in, IndexEntry& entry) {
     entry.groupId = in.number<std::uint32_t>(maxId);
     entry.size = in.number<std::uint64_t>(maxContentSize);
     entry.modifiedSeconds = wrappingAdd(entry.modifiedSeconds, in.signedVarint());
-    if (!isPathOf(entry.type, entry.path)) in.fail();
+    if (!isPathOf(entry.type, entry.path) || !isSizeOf(entry)) in.fail();
 }
 
 bool follows(const IndexPartPlace& part, const IndexPartPlace& before) {
@@ -92,6 +98,12 @@ const IndexEntry* IndexPartDecoder::next() {
     readIndexEntry(in_, entry_);
     ++returned_;
     return in_.ok() ? &entry_ : nullptr;
+}
+
+bool isBefore(const IndexEntry& entry, const RecordPlace& part) {
+    const std::pair begin(entry.block, entry.offset);
+    return begin < std::pair<std::uint64_t, std::uint64_t>(part.block, part.offset) &&
+           entry.block + entry.span <= part.block;
 }
 
 void encodeRoot(const ArchiveRoot& root, std::vector<std::uint8_t>& bytes) {

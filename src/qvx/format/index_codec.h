@@ -71,12 +71,16 @@ private:
     IndexEntry entry_;
 };
 
+// Whether a part of the index at `part` comes after the END of the entry.
+bool isBefore(const IndexEntry& entry, const RecordPlace& part);
+
 // Small, because an archive may have 33 million of them.
 struct IndexPartPlace {
     std::uint32_t first = 0;   // entry number of the first entry covered
     std::uint32_t block = 0;   // block of its INDEX record
     std::uint32_t offset = 0;  // in that block
 
+    [[nodiscard]] RecordPlace place() const { return {block, offset}; }
     bool operator==(const IndexPartPlace&) const = default;
 };
 

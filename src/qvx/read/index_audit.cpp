@@ -36,8 +36,7 @@ Status IndexAudit::checkPart(Bytes payload, const RecordPlace& place) {
 Status IndexAudit::checkEntries(IndexPartDecoder& decoder, const RecordPlace& part) {
     std::uint64_t number = decoder.first();
     while (const IndexEntry* entry = decoder.next()) {
-        if (std::pair(entry->block, entry->offset) >= std::pair<std::uint64_t, std::uint64_t>(part.block, part.offset))
-            return mismatch("a part of the index is before an entry that it covers");
+        if (!isBefore(*entry, part)) return mismatch("a part of the index is before an entry that it covers");
         indexed_.add(number++, *entry);
     }
     if (decoder.damaged()) return mismatch("a part of the index is malformed");

@@ -105,9 +105,10 @@ Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor&
     std::uint64_t number = place.first;
     // A part that covers other entries than the root says would give them wrong numbers.
     if (decoder.first() == number && decoder.count() == partEnd(part) - number) {
-        while (const IndexEntry* entry = decoder.next())
+        const IndexEntry* entry = decoder.next();
+        for (; entry && isBefore(*entry, place.place()); entry = decoder.next())
             if (!visit(number++, *entry)) return {};
-        if (!decoder.damaged()) return {};
+        if (!entry && !decoder.damaged()) return {};
     }
     ReadFault fault = readFault("a part of the index is malformed");
     fault.block = place.block;
