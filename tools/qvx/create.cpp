@@ -79,6 +79,8 @@ Result<Creation> create(std::span<const Point> recipients, const CreateOptions& 
     if (error) return systemError(error.value(), "the working directory");
     Collection collection(*output, working, options.strict);
     if (Status collected = collect(collection, options); !collected) return collected.error();
+    if (collection.list().size() == 0 && !collection.complete())
+        return Error{"no archive is made, because none of the files can be reached"};
     const auto incomplete = writeArchive(collection.list(), recipients, *output, options.strict);
     if (!incomplete) return incomplete.error();
     for (const IncompleteEntry& entry : *incomplete)
