@@ -9,6 +9,11 @@
 
 namespace tarnwick {
 
+inline std::string contentOf(const std::filesystem::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
 struct TemporaryFolder {
     explicit TemporaryFolder(const std::string& parent = testing::TempDir()) {
         path = mkdtemp((parent + "test.XXXXXX").data());
