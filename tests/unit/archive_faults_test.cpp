@@ -41,7 +41,9 @@ const std::string recipientLine =
     "ecdsa-sha2-nistp256 AAAAE2VjZHNhLXNoYTItbmlzdHAyNTYAAAAIbmlzdHAyNTYAAABBBAIX5hfwtkQ5"
     "KCePlpmeaaI6TywVK99tbN9m5bgCgtTtGUp968uXcS0t2jyoWqh2Wlb0X8dYWZZS8ol8ZTBuV5Q=";
 
-std::ptrdiff_t openFiles() { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); }
+std::ptrdiff_t filesIn(const fs::path& folder) {
+    return std::distance(fs::directory_iterator(folder), fs::directory_iterator());
+}
 
 class ArchiveFaults : public testing::Test {
 protected:
@@ -89,27 +91,20 @@ protected:
     }
     // A capture writes to a new folder. qvx replaces an archive.
     static std::string before(Writer writer) { return writer == byQvx ? "old archive" : ""; }
-    static std::string content(const fs::path& path) {
-        return {std::istreambuf_iterator(std::ifstream(path).rdbuf()), {}};
-    }
-    bool hasHiddenFile() const {
-        return std::ranges::any_of(fs::directory_iterator(folder_.path),
-                                   [](const auto& entry) { return entry.path().filename().native().starts_with('.'); });
-    }
     Verdict judge(Writer writer, const Fault& fault) const noexcept {
-        const auto files = openFiles();
+        const auto files = filesIn("/proc/self/fd");
         arm(fault);
         const auto made = write(writer);
         const bool reached = disarm() > fault.first;
-        if (openFiles() != files) return leaking;
-        if (!made) return content(archive_) == before(writer) && !hasHiddenFile() ? refused : left;
+        if (filesIn("/proc/self/fd") != files) return leaking;
+        if (!made) return contentOf(archive_) == before(writer) && filesIn(out_) <= 1 ? refused : left;
         const Verdict verdict = readBack();
         if (writer == byQvx && (made == Creation::incomplete) != (verdict == incomplete)) return damaged;
         return verdict == whole && !reached ? notReached : verdict;
     }
     Verdict run(Writer writer, const Fault& fault) const {
-        fs::remove(archive_);
-        if (writer == byQvx) folder_.write("archive.qvx", before(writer));
+        folder_.write("out/archive.qvx", before(writer));
+        if (writer == byCapture) fs::remove(archive_);
         const pid_t child = fork();
         if (child == 0) {
             ::alarm(hangs);
@@ -136,7 +131,7 @@ protected:
     }
 
     TemporaryFolder folder_;
-    const fs::path source_ = folder_.path / "source", archive_ = folder_.path / "archive.qvx";
+    const fs::path source_ = folder_.path / "source", out_ = folder_.path / "out", archive_ = out_ / "archive.qvx";
     FilesList files_;
     Seen expected_;  // none: any will do
 };

@@ -14,6 +14,7 @@
 #include "unit/archive_builder.h"
 #include "unit/clock_tick.h"
 #include "unit/hex.h"
+#include "unit/temporary_folder.h"
 
 namespace fs = std::filesystem;
 using namespace tarnwick;
@@ -23,10 +24,9 @@ namespace {
 
 // The lines of the block of text that follows `heading` in docs/qvx-format.md.
 std::string blockAfter(const std::string& heading) {
-    std::ostringstream page;
-    page << std::ifstream(TEST_DATA "/../../docs/qvx-format.md").rdbuf();
-    const auto at = page.str().find("\n    ", page.str().find(heading));
-    return std::regex_replace(page.str().substr(at, page.str().find("\n\n", at) - at), std::regex("\n    "), "\n");
+    const auto page = contentOf(TEST_DATA "/../../docs/qvx-format.md");
+    const auto at = page.find("\n    ", page.find(heading));
+    return std::regex_replace(page.substr(at, page.find("\n\n", at) - at), std::regex("\n    "), "\n");
 }
 
 // A listing: in every line an offset, bytes, and perhaps a remark.
