@@ -52,11 +52,9 @@ TEST(AssetTransfer, HasTimeForTheSignedSizesAtTheMinimumRate) {
         for (const auto size : sizes) asset.files.push_back({.path = {}, .size = size, .sha256 = {}, .url = {}});
         return assetDownloadTime(asset).count();
     };
-    EXPECT_EQ(timeFor({0}), 60);
     EXPECT_EQ(timeFor({1}), 60);
     EXPECT_EQ(timeFor({1 << 20, 1 << 14}), 60 + 64 + 1);
-    EXPECT_EQ(timeFor({1 << 30}), 1740) << "callers wait no longer than 1800";
-    EXPECT_EQ(timeFor({INT64_MAX, INT64_MAX, INT64_MAX}), 1740);
+    EXPECT_EQ(timeFor({INT64_MAX, INT64_MAX, INT64_MAX}), 1740) << "callers wait no longer than 1800";
 }
 
 constexpr auto stopped = static_cast<std::int64_t>(AssetError::stopped);

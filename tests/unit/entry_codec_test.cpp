@@ -128,18 +128,16 @@ EntryTail attributesOf(std::size_t count, std::size_t bytes) {
 }
 
 AccessList listOf(std::size_t count) {
-    AccessList list(count, {Kind::user, 7});
-    for (std::uint32_t id = 0; auto& rule : list) rule.id = id++;
-    list[0] = {Kind::owner, 7};
-    for (const auto kind : {Kind::owningGroup, Kind::mask, Kind::others}) list[count++ - 3] = {kind, 7};
+    AccessList list{{Kind::owner, 7}};
+    while (list.size() < count - 3) list.push_back({Kind::user, 7, static_cast<std::uint32_t>(list.size())});
+    for (const auto kind : {Kind::owningGroup, Kind::mask, Kind::others}) list.push_back({kind, 7});
     return list;
 }
 
 TEST(EntryCodec, RefusesMoreItemsThanTheirLimit) {
-    std::vector<Extent> extents, withoutLast;
-    for (std::size_t i = 0; i < maxUnreadableExtents; ++i) withoutLast.push_back({2 * i, 1});
-    extents = withoutLast;
-    extents.push_back({2 * maxUnreadableExtents, 1});
+    std::vector<Extent> extents;
+    for (std::size_t i = 0; i <= maxUnreadableExtents; ++i) extents.push_back({2 * i, 1});
+    const std::vector<Extent> withoutLast(extents.begin(), extents.end() - 1);
     constexpr std::size_t total = maxAttributeBytes - 16 * std::string_view("user.100000").size();
     const std::string name = "user." + std::string(250, 'n'), value(maxAttributeValueLength, 'v');
     const std::tuple<const char*, EntryTail, EntryTail> limits[] = {
