@@ -25,13 +25,11 @@ std::vector<OpenedBlock> blocksOf(Bytes input) {
     return blocks;
 }
 
-// A file without blocks: content that entries refer to cannot be read from it.
-std::unique_ptr<ArchiveFile> emptyFile() { return archiveFile(ByteVector(1 << 20)); }
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const std::unique_ptr<ArchiveFile> file = emptyFile();
+    // Without blocks: content that entries refer to cannot be read from it.
+    static const std::unique_ptr<ArchiveFile> file = archiveFile(ByteVector(1 << 20));
     const std::vector<OpenedBlock> blocks = blocksOf({data, size});
     CheckingSink strict;
     SequentialReader reader(*file, MessageKeys(), strict);

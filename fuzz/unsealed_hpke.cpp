@@ -8,7 +8,6 @@ namespace tarnwick::qvx {
 
 bool startCipherLibrary() { return true; }
 KeyHandle publicKeyFromPoint(Bytes) { return nullptr; }
-KeyHandle privateKeyFromScalar(const Scalar&) { return nullptr; }
 KeyHandle generatePrivateKey() { return nullptr; }
 std::optional<Point> publicPointOf(EVP_PKEY*) { return Point{}; }
 SecretKey::~SecretKey() = default;
