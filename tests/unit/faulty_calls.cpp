@@ -51,8 +51,6 @@ unsigned tarnwick::test::disarm() {
 // clang-format off
 FAULTY(int, open64, (const char* path, int flags, int mode), (path, flags, mode), -1, "open")
 FAULTY(int, openat64, (int folder, const char* path, int flags, int mode), (folder, path, flags, mode), -1, "open")
-FAULTY(int, stat64, (const char* path, void* status), (path, status), -1, "stat")
-FAULTY(int, lstat64, (const char* path, void* status), (path, status), -1, "stat")
 FAULTY(int, fstat64, (int file, void* status), (file, status), -1, "stat")
 FAULTY(int, fstatat64, (int at, const char* path, void* status, int flags), (at, path, status, flags), -1, "stat")
 FAULTY(int, statx, (int at, const char* path, int flags, int mask, void* status), (at, path, flags, mask, status), -1,
@@ -69,7 +67,6 @@ FAULTY(long, llistxattr, (const char* path, char* list, std::size_t size), (path
 FAULTY(long, fgetxattr, (int file, const char* name, void* value, std::size_t size), (file, name, value, size), -1,
        "xattr")
 FAULTY(long, readlinkat, (int at, const char* path, char* target, std::size_t size), (at, path, target, size), -1, "link")
-FAULTY(long, read, (int file, void* bytes, std::size_t size), (file, bytes, size), -1, "read", size)
 FAULTY(long, pread64, (int file, void* bytes, std::size_t size, long at), (file, bytes, size, at), -1, "read", size)
 FAULTY(long, write, (int file, const void* bytes, std::size_t size), (file, bytes, size), -1, "write", size)
 FAULTY(int, close, (int file), (file), (real(file), -1), "close")

@@ -68,7 +68,8 @@ TEST(HeaderTag, RejectsOtherRecipients) {
     ASSERT_EQ(fault(archive.with([](FileHeader&) {})), "");
     for (const auto& [name, change] : changes) {
         const auto text = fault(archive.with(change));
-        EXPECT_TRUE(text.ends_with("its tag is wrong; ") || text.starts_with("the content key")) << name << ": " << text;
+        EXPECT_TRUE(text.ends_with("its tag is wrong; ") || text.starts_with("the content key"))
+            << name << ": " << text;
     }
 }
 
@@ -100,9 +101,7 @@ TEST(HeaderCopies, AreFoundAfterDamageToBeginningOrEnd) {
     const char* const first = "the header is damaged; its copy in the footer is intact";
     const std::tuple<const char*, ByteVector, const char*> cases[] = {
         {"header overwritten", joined(ByteVector(archive.header.size()), joined(archive.blocks, footer)), first},
-        {"header missing", joined(archive.blocks, footer), first},
         {"part of header missing", {whole.begin() + 50, whole.end()}, first},
-        {"footer missing", body, cut},
         {"footer cut", {whole.begin(), whole.end() - 1}, cut},
         {"footer overwritten", joined(body, ByteVector(footer.size())), cut},
         {"bytes after it", joined(whole, junk), cut},
