@@ -21,7 +21,7 @@ struct ExtractionOptions : ArchiveOptions {
     bool salvage = false;
     bool preserve = false;
     bool force = false;
-    std::string limit;  // SIZE; empty for none
+    std::string limit = "18446744073709551615";  // SIZE; more than any archive can write
 };
 
 // The paths of the command line, each with everything below it.
@@ -115,8 +115,7 @@ std::optional<std::uint64_t> parseSize(std::string_view text) {
 
 CommandResult runExtract(const ExtractionOptions& options) {
     const auto limit = parseSize(options.limit);
-    if (!limit && !options.limit.empty())
-        return CommandError{{"not a number of bytes, with K, M, G or T", 0, options.limit}, exitUsage};
+    if (!limit) return CommandError{{"not a number of bytes, with K, M, G or T", 0, options.limit}, exitUsage};
     if (options.preserve && geteuid() != 0) return CommandError{{"only root can use --preserve"}};
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
