@@ -199,6 +199,17 @@ TEST(DiskSink, ReadsContentForEachLinkOrRepetition) {
     EXPECT_EQ(run.rereads, 0U);
 }
 
+TEST(DiskSink, WritesMoreAttributesThanLimit) {
+    for (const std::size_t size : {94U, 95U}) {
+        Extraction run({.limit = 4096 + 100});
+        run.head.path = "a";
+        run.sink.begin(run.head);
+        run.sink.finish({.attributes = {{{"user.x", std::string(size, 'x')}}}}, {});
+        EXPECT_EQ(run.tree(), "a=");
+        EXPECT_EQ(run.sink.failed(), size == 95) << size;
+    }
+}
+
 #if !defined __SANITIZE_ADDRESS__ && !defined __SANITIZE_THREAD__  // they have allocators of their own
 // 46 MB of paths, of files and of directories with attributes.
 TEST(DiskSink, KeepsPathsOrAttributesInMemory) {

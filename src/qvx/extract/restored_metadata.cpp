@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "base/visible_text.h"
 #include "qvx/extract/inode_flags.h"
@@ -94,7 +95,9 @@ public:
     }
 
 private:
+    // An archive of few bytes can have megabytes of attributes. When the run stops here, it has reported that.
     bool set(const char* name, const std::string& value) {
+        if (!run_.charge(std::strlen(name) + value.size())) return true;
         return setxattr(place_.c_str(), name, value.data(), value.size(), 0) == 0;
     }
 
