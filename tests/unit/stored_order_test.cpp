@@ -61,6 +61,12 @@ TEST(StoredOrder, LateEntryDoesNotReplaceALaterOneOfItsPath) {
     EXPECT_EQ(reading.faults, "");
 }
 
+TEST(StoredOrder, LateEntriesWhosePathsHaveOneHashAreBothRead) {
+    const std::string one = "the same3JE6PN72hYrU0MpQ", other = "the sameP1lp1sD5RUBVhOP3";  // std::hash of libstdc++
+    Reading reading(ArchiveBuilder().file("a", "1").reference(one, 0, 1).reference(other, 0, 1).finish());
+    EXPECT_EQ(reading.chosen({one, other}), (Seen{one + "=1", other + "=1"}));
+}
+
 // Reading through the index comes to the entry, not to the index's end.
 TEST(StoredOrder, RejectsAChosenEntryThatIsNotWhereTheIndexSays) {
     const std::pair<const char*, std::function<void(IndexEntry&)>> forgeries[] = {

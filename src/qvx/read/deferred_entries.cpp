@@ -4,11 +4,13 @@
 
 namespace tarnwick::qvx {
 
-namespace {
-
-std::uint64_t hashOf(std::string_view path) { return std::hash<std::string_view>()(path); }
-
-}  // namespace
+// An archive could choose two paths that std::hash does not tell apart, and one of the entries would be left out.
+std::uint64_t DeferredEntries::hashOf(std::string_view path) {
+    digest_.restart();
+    digest_.add(key_);
+    digest_.add({reinterpret_cast<const std::uint8_t*>(path.data()), path.size()});
+    return getLittleEndian<8>(digest_.finish().data());
+}
 
 Status DeferredEntries::add(const RecordPlace& place, const EntryReader& entry) {
     // What is decoded encodes to the same bytes: each entry has one form only.
@@ -46,10 +48,9 @@ Result<void, ReadFault> DeferredEntries::dropReplaced(ArchiveIndex& index, const
     const auto samePath = [](const Waiting& a, const Waiting& b) { return a.pathHash == b.pathHash; };
     waiting_.erase(std::unique(waiting_.begin(), waiting_.end(), samePath), waiting_.end());
     const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
-        const auto found =
-            std::ranges::lower_bound(waiting_, hashOf(entry.path), std::ranges::greater(), &Waiting::pathHash);
-        if (found != waiting_.end() && found->pathHash == hashOf(entry.path) && found->number < number &&
-            choice(number, entry.path))
+        const std::uint64_t hash = hashOf(entry.path);
+        const auto found = std::ranges::lower_bound(waiting_, hash, std::ranges::greater(), &Waiting::pathHash);
+        if (found != waiting_.end() && found->pathHash == hash && found->number < number && choice(number, entry.path))
             found->content = found->number;  // an entry that refers to itself is dropped below
         return true;
     };

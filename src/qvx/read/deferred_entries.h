@@ -5,6 +5,7 @@
 #include <functional>
 #include <string_view>
 
+#include "qvx/read/entry_sum.h"
 #include "qvx/read/index_reader.h"
 #include "qvx/read/reread_contents.h"
 #include "qvx/read/spool.h"
@@ -36,10 +37,13 @@ private:
     };
     static constexpr RecordPlace nowhere{0xffffffff, 0};
 
+    std::uint64_t hashOf(std::string_view path);
     Result<void, ReadFault> locateContents(ArchiveIndex& index);
     Result<void, ReadFault> dropReplaced(ArchiveIndex& index, const EntryChoice& choice);
     ReadOutcome deliverOne(const Waiting& waiting, RereadContents& contents, EntryReader& entry);
 
+    const EntrySum::Key key_ = EntrySum::randomKey();
+    ContentDigest digest_;
     Spool spool_;
     std::deque<Waiting> waiting_;
     std::vector<std::uint8_t> text_;
