@@ -1,19 +1,6 @@
 #include "qvx/extract/write_budget.h"
 
-#include <sys/statvfs.h>
-
-#include <algorithm>
-#include <cerrno>
-
 namespace tarnwick::qvx {
-
-namespace {
-
-constexpr std::uint64_t maxReserve = std::uint64_t{1} << 30;
-constexpr std::uint64_t reserveDivisor = 20;
-constexpr std::uint64_t maxUnchecked = std::uint64_t{16} << 20;
-
-}  // namespace
 
 Status WriteBudget::charge(std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
@@ -31,21 +18,9 @@ Status WriteBudget::chargeSpace(std::uint64_t bytes) {
 
 Status WriteBudget::checkSpace(std::uint64_t bytes) {
     if (fillsDisk_) return {};
-    if (bytes > unchecked_) {
-        struct statvfs status {};
-        if (fstatvfs(directory_, &status) != 0) return systemError(errno);
-        const std::uint64_t total = std::uint64_t{status.f_blocks} * status.f_frsize;
-        const std::uint64_t free = std::uint64_t{status.f_bavail} * status.f_frsize;
-        const std::uint64_t reserve = std::min(total / reserveDivisor, maxReserve);
-        // A file system without a size, in memory, has no blocks.
-        if (total != 0 && free < reserve + bytes)
-            return Error{"extraction stopped, because less than " + std::to_string(reserve) +
-                         " bytes would be free on the disk; --force uses all of it"};
-        // Half of the rest: other programs write too, and the kernel counts some blocks only later.
-        unchecked_ = bytes + (total == 0 ? maxUnchecked : std::min(maxUnchecked, (free - reserve - bytes) / 2));
-    }
-    unchecked_ -= bytes;
-    return {};
+    const Status charged = space_.charge(directory_, bytes);
+    if (charged || charged.error().code != 0) return charged;
+    return Error{"extraction stopped, because " + charged.error().text + "; --force uses all of it"};
 }
 
 }  // namespace tarnwick::qvx

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <optional>
 
-#include "base/error.h"
+#include "qvx/read/free_space.h"
 
 namespace tarnwick::qvx {
 
@@ -27,11 +27,11 @@ private:
     Status checkSpace(std::uint64_t bytes);
 
     const int directory_;
-    std::mutex mutex_;  // for left_ and unchecked_
+    std::mutex mutex_;  // for left_ and space_
     std::optional<std::uint64_t> left_;
     const std::optional<std::uint64_t> limit_;
     const bool fillsDisk_;
-    std::uint64_t unchecked_ = 0;  // bytes that can be written before the free space is looked at again
+    FreeSpace space_;
 };
 
 }  // namespace tarnwick::qvx

@@ -71,6 +71,8 @@ Status Spool::openInDirectory() {
 }
 
 Status Spool::write(Bytes bytes) {
+    if (Status charged = directory_ >= 0 ? Status() : space_.charge(file_.get(), bytes.size()); !charged)
+        return Error{charged.error().text, charged.error().code, spoolSubject};
     while (!bytes.empty()) {
         const ssize_t count = ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(size_));
         if (count < 0 && errno == EINTR) continue;

@@ -7,13 +7,14 @@
 #include "base/error.h"
 #include "base/handle.h"
 #include "qvx/bytes.h"
+#include "qvx/read/free_space.h"
 
 namespace tarnwick::qvx {
 
 // The file has no name, and exists only after the first append(). For one thread at a time.
 class Spool {
 public:
-    // The file will be in TMPDIR or /var/tmp, because /tmp is often in memory.
+    // The file will be in TMPDIR or /var/tmp, because /tmp is often in memory. It does not fill the disk.
     Spool() = default;
 
     // The file will be in this open directory, which must outlive the object.
@@ -33,6 +34,7 @@ private:
 
     int directory_ = -1;
     FileDescriptor file_;
+    FreeSpace space_;
     std::uint64_t size_ = 0;
 };
 

@@ -67,6 +67,7 @@ Status MetadataReader::readAttribute(const AttributeSource& source, const std::s
                                      DiskAttributes& attributes) {
     const bool access = name == accessListAttribute;
     const bool defaultList = name == defaultListAttribute;
+    if (name.starts_with("btrfs.")) return {};  // not an attribute, but how this file system compresses the file
     if (!access && !defaultList && !isAttributeName(name)) return systemError(E2BIG);
     // Most values are short, and the kernel clears as many bytes as it is offered.
     constexpr std::size_t shortValue = 512;
