@@ -53,12 +53,13 @@ ReadOutcome ArchiveReader::readChosen(const EntryChoice& choice, EntrySink& sink
     return deferred.deliver(*index_, choice, contents, sink);
 }
 
-ReadOutcome ArchiveReader::readStored(const ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
+// An entry that was read is freed: the tables of the readers and of the sink grow meanwhile.
+ReadOutcome ArchiveReader::readStored(ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
                                       RereadContents& contents, DeferredEntries& deferred) {
     BlockPipeline blocks(*file_, keys_, ChosenBlocks(*file_, index_->map(), chosen), &index_->map());
     ChosenEntryReader reader(blocks, choice, sink, contents, deferred);
-    for (const auto& entry : chosen)
-        if (auto outcome = reader.read(entry); !outcome) return outcome;
+    for (; !chosen.empty(); chosen.pop_front())
+        if (auto outcome = reader.read(chosen.front()); !outcome) return outcome;
     return {};
 }
 

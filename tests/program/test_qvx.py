@@ -45,8 +45,8 @@ class WithKey(Scenario):
 
 
 class Qvx(WithKey):
-    def frozen(self, command, name, *words):
-        return self.run_qvx(command, *FROZEN_KEY, *words, f"{SAMPLES}{name}.qvx")
+    def frozen(self, command, name, *words, **options):
+        return self.run_qvx(command, *FROZEN_KEY, *words, f"{SAMPLES}{name}.qvx", **options)
 
     def files(self):
         self.note_files("files", OUT, "%s %p", "-type", "f")
@@ -224,6 +224,9 @@ class Qvx(WithKey):
                 self.assertTrue(2 << 20 < used <= 4 << 20, used)
             elif not words:
                 self.assertTrue(space.f_blocks <= space.f_bavail * 20 < 4 * space.f_blocks, space)
+            elif words == ["--force"]:
+                write(OUT + "/rest", bytes(1 << 19))
+                self.frozen("list", "order", "--json", environment={"TMPDIR": OUT})
             self.assertEqual(call("find", OUT, "-name", ".qvx*"), "")
             world.clear(OUT)
 

@@ -30,10 +30,10 @@ TEST(StoredContents, FindsEveryFileThatIsListedTwice) {
     for (std::uint64_t i = 0; i < 2 * files; ++i) list.append({"/f", EntryType::file, 1, i % files + 1, 0, 0});
     for (int i = 0; i < 2; ++i) list.append({"/f", EntryType::file, foreign, 1});
     StoredContents stored(list);
-    for (std::uint64_t i = 1; i <= files; ++i) stored.add(1, i, i);
-    stored.add(foreign, 1, 77);
+    for (std::uint64_t i = 1; i <= files; ++i) stored.add(1, i, {i, i});
+    stored.add(foreign, 1, {77, 0});
     for (std::uint64_t i = 1; i <= files; ++i)
-        EXPECT_TRUE(stored.find(1, i) == i && !stored.find(2, i)) << i << ", or on another device";
+        EXPECT_TRUE(stored.find(1, i)->number == i && !stored.find(2, i)) << i << ", or on another device";
     EXPECT_FALSE(stored.find(foreign, 1)) << "a device that does not fit";
 }
 

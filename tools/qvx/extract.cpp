@@ -65,13 +65,29 @@ private:
 
 // Each of these returns whether everything that was asked for could be read, and reports what could not.
 
+struct CheckOnly : EntrySink {
+    bool begin(const EntryHead&) override { return true; }
+    bool data(Bytes) override { return true; }
+    bool hole(std::uint64_t) override { return true; }
+    bool finish(const EntryTail&, const ContentReader&) override { return true; }
+    void abandon() override {}
+};
+
+// All entries were saved, but the archive may contradict itself, which only a reader from front to back finds.
+bool isSound(const ExtractionOptions& options, ArchiveReader& reader) {
+    CheckOnly sink;
+    const auto outcome = reader.readAll(sink);
+    if (outcome.fault()) report(archiveError(options.archive, *outcome.fault()));
+    return static_cast<bool>(outcome);
+}
+
 bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     bool intact = true;
     const auto reportFault = [&](const ReadFault& fault) {
         report(archiveError(options.archive, fault));
         intact = false;
     };
-    return reader.salvage(sink, reportFault) && intact;
+    return reader.salvage(sink, reportFault) && intact && isSound(options, reader);
 }
 
 // Whether the reading is complete.

@@ -146,7 +146,7 @@ bool DiskSink::restoresFlags() const { return run_.preserves() && hasInodeFlags(
 Status DiskSink::keepIncomplete() {
     TemporaryFile& file = file_.temporary();
     if (auto written = file_.writeOut(); !written) return written;
-    if (auto finished = file.finish({}); !finished) return finished;
+    if (auto finished = file.finishPart(); !finished) return finished;
     if (auto added = deferred_.addKept(head_, file.name()); !added) return added;
     file.release();
     return {};

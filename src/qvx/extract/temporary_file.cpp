@@ -101,6 +101,11 @@ Status TemporaryFile::finish(const EntryTail& tail) {
     return {};
 }
 
+Status TemporaryFile::finishPart() {
+    if (head_.mode) *head_.mode &= 0777;
+    return finish({});
+}
+
 // The size of a file that ends with a hole.
 Status TemporaryFile::finishContent() {
     if (size_ == written_) return {};

@@ -35,6 +35,9 @@ public:
     // Completes content and metadata, but not the inode flags; warns of metadata that could not be set.
     Status finish(const EntryTail& tail);
 
+    // The same for a part of a file, which does not become a set-id program.
+    Status finishPart();
+
     // Replaces what has that name, except a directory that is not empty.
     Status rename(const std::string& name);
 

@@ -1,12 +1,17 @@
 #include "qvx/format/index_codec.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "qvx/format/entry_codec.h"
 
 namespace tarnwick::qvx {
 
 namespace {
+
+// A time is a count of nanoseconds with 64 bits.
+constexpr std::int64_t maxSeconds = std::numeric_limits<std::int64_t>::max() / 1000000000;
+constexpr std::int64_t minSeconds = -maxSeconds - 1;
 
 std::size_t sharedLength(std::string_view a, std::string_view b) {
     return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
@@ -44,6 +49,7 @@ void readIndexEntry(WireReader& in, IndexEntry& entry) {
     entry.groupId = in.number<std::uint32_t>(maxId);
     entry.size = in.number<std::uint64_t>(maxContentSize);
     entry.modifiedSeconds = wrappingAdd(entry.modifiedSeconds, in.signedVarint());
+    if (entry.modifiedSeconds < minSeconds || entry.modifiedSeconds > maxSeconds) in.fail();
     if (!isPathOf(entry.type, entry.path) || !isSizeOf(entry)) in.fail();
 }
 

@@ -35,11 +35,22 @@ Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& ch
     return visited;
 }
 
+ChosenBlocks::ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen)
+    : file_(file), map_(map) {
+    for (const ChosenEntry& entry : chosen) {
+        const Range range{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.lastBlock())};
+        if (ranges_.empty() || range.first > ranges_.back().last + 1)
+            ranges_.push_back(range);
+        else
+            ranges_.back().last = std::max(ranges_.back().last, range.last);
+    }
+}
+
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
-    while (next_ < chosen_.size() && chosen_[next_].lastBlock() < sequence_) ++next_;
-    if (next_ == chosen_.size()) return std::nullopt;
-    sequence_ = std::max<std::uint64_t>(sequence_, chosen_[next_].block);
-    const std::uint64_t sequence = sequence_++;
+    if (next_ == ranges_.size()) return std::nullopt;
+    const std::uint32_t sequence = std::max(sequence_, ranges_[next_].first);
+    sequence_ = sequence + 1;
+    if (sequence == ranges_[next_].last) ++next_;
     if (const auto place = map_.find(sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
     return BlockPipeline::Task{{{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}}};
 }

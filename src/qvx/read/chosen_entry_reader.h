@@ -34,21 +34,26 @@ using ChosenEntries = std::deque<ChosenEntry>;  // which grows without a copy
 // other parts before it.
 Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& choice, ChosenEntries& chosen);
 
-// Supplies the blocks of the chosen entries to a BlockPipeline, each block once. All arguments must outlive the
+// Supplies the blocks of the chosen entries to a BlockPipeline, each block once. `file` and `map` must outlive the
 // pipeline, which opens the leaders that are needed by itself.
 class ChosenBlocks {
 public:
-    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen)
-        : file_(file), map_(map), chosen_(chosen) {}
+    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen);
 
     std::optional<BlockPipeline::Task> operator()();
 
 private:
+    // A range for each gap between the entries, so that the consumer can free the entries that it has read.
+    struct Range {
+        std::uint32_t first;
+        std::uint32_t last;
+    };
+
     const ArchiveFile& file_;
     const BlockMap& map_;
-    const ChosenEntries& chosen_;
+    std::vector<Range> ranges_;
     std::size_t next_ = 0;
-    std::uint64_t sequence_ = 0;
+    std::uint32_t sequence_ = 0;
 };
 
 // Begins an entry at another sink only when its content comes, or its end: until then, nothing is known about an entry

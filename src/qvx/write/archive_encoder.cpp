@@ -28,7 +28,7 @@ constexpr std::uint64_t maxStep = 1048576;
 std::string reasonText(const IncompleteEntry& entry) {
     switch (entry.error) {
         case E2BIG: return "an archive cannot hold all of its extended attributes or access lists";
-        case EOVERFLOW: return "an archive cannot hold one of its times";
+        case EOVERFLOW: return "an archive cannot hold its owner or one of its times";
         default: return std::strerror(entry.error);
     }
 }
@@ -118,7 +118,7 @@ Status ArchiveEncoder::writeFile(Entry& entry) {
     if (entry.holes > 0) entry.tail.totals = SparseTotals{entry.size, entry.holes};
     // Only an entry that is complete may serve for other entries.
     if (entry.size == source.status.stx_size && entry.contentError == 0 && source.unreadable == 0)
-        stored_->add(source.listed.device, source.status.stx_ino, source.head.number);
+        stored_->add(source.listed.device, source.status.stx_ino, {source.head.number, entry.size});
     return {};
 }
 
@@ -137,11 +137,11 @@ Status ArchiveEncoder::markIncomplete(Entry& entry) {
 bool ArchiveEncoder::reuseContent(Entry& entry) {
     const DiskEntry& source = entry.source;
     if (!storesReferences_ || !changedBeforeStart(source.status)) return false;
-    const auto number = stored_->find(source.listed.device, source.status.stx_ino);
-    if (!number) return false;
-    entry.tail.contentOf = number;
-    entry.tail.hardLink = list_->pathOf(*number) != source.listed.path;
-    entry.size = source.status.stx_size;
+    const auto stored = stored_->find(source.listed.device, source.status.stx_ino);
+    if (!stored) return false;
+    entry.tail.contentOf = stored->number;
+    entry.tail.hardLink = list_->pathOf(stored->number) != source.listed.path;
+    entry.size = stored->size;
     return true;
 }
 

@@ -39,17 +39,17 @@ std::size_t StoredContents::place(std::uint32_t device, std::uint64_t inode) con
     return at;
 }
 
-std::optional<std::uint64_t> StoredContents::find(dev_t device, ino_t inode) const {
+std::optional<StoredContents::Content> StoredContents::find(dev_t device, ino_t inode) const {
     if (isWide(device)) return std::nullopt;
     const Slot& slot = slots_[place(static_cast<std::uint32_t>(device), inode)];
     if (slot.number == none) return std::nullopt;
-    return slot.number;
+    return Content{slot.number, slot.size};
 }
 
-void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
+void StoredContents::add(dev_t device, ino_t inode, const Content& content) {
     // A slot has 32 bits for the device and for the number. A file that does not fit is stored twice: larger, but
     // correct.
-    if (isWide(device) || number >= none ||
+    if (isWide(device) || content.number >= none ||
         !repeated_[static_cast<std::size_t>(hashOf(device, inode) % repeated_.size())])
         return;
     // With free slots left, place() always ends.
@@ -57,7 +57,7 @@ void StoredContents::add(dev_t device, ino_t inode, std::uint64_t number) {
     const auto narrow = static_cast<std::uint32_t>(device);
     Slot& slot = slots_[place(narrow, inode)];
     if (slot.number == none) ++used_;
-    slot = {inode, narrow, static_cast<std::uint32_t>(number)};
+    slot = {inode, narrow, static_cast<std::uint32_t>(content.number), content.size};
 }
 
 void StoredContents::grow() {

@@ -1,6 +1,6 @@
 // Which files the archive already contains, so that a file that is listed twice, or has two hard links, is stored once.
 //
-// Memory: 2 bytes for each entry of the list (4 during construction), and 16 to 32 bytes for each file that may be
+// Memory: 2 bytes for each entry of the list (4 during construction), and 24 to 48 bytes for each file that may be
 // listed again: those whose inode is listed twice, and a few others whose hash is equal.
 #pragma once
 
@@ -18,17 +18,23 @@ class StoredContents {
 public:
     explicit StoredContents(const PathList& list);
 
-    // The number of the entry with the content of this file.
-    [[nodiscard]] std::optional<std::uint64_t> find(dev_t device, ino_t inode) const;
+    struct Content {
+        std::uint64_t number = 0;  // of the entry that has it
+        std::uint64_t size = 0;
+    };
 
-    // Records that entry `number` has the content of this file. May ignore a file that is listed only once.
-    void add(dev_t device, ino_t inode, std::uint64_t number);
+    // The content of this file, if it is stored.
+    [[nodiscard]] std::optional<Content> find(dev_t device, ino_t inode) const;
+
+    // Records what has the content of this file. May ignore a file that is listed only once.
+    void add(dev_t device, ino_t inode, const Content& content);
 
 private:
     struct Slot {
         std::uint64_t inode = 0;
         std::uint32_t device = 0;
         std::uint32_t number = none;
+        std::uint64_t size = 0;
     };
     static constexpr std::uint32_t none = 0xffffffff;
 
