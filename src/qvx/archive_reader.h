@@ -47,8 +47,8 @@ private:
         : file_(std::move(file)), keys_(header.unsealed.keys.block), headerDamage_(header.damage) {}
 
     Result<void, ReadFault> loadIndex();
-    ReadOutcome readStored(ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
-                           RereadContents& contents, DeferredEntries& deferred);
+    ReadOutcome readStored(ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink, RereadContents& contents,
+                           DeferredEntries& deferred);
     void reportLost(const std::vector<std::uint32_t>& found, const FaultReport& report);
 
     std::unique_ptr<ArchiveFile> file_;
