@@ -18,7 +18,7 @@ Status WriteBudget::chargeSpace(std::uint64_t bytes) {
 
 Status WriteBudget::checkSpace(std::uint64_t bytes) {
     if (fillsDisk_) return {};
-    const Status charged = space_.charge(directory_, bytes);
+    Status charged = space_.charge(directory_, bytes);
     if (charged || charged.error().code != 0) return charged;
     return Error{"extraction stopped, because " + charged.error().text + "; --force uses all of it"};
 }
