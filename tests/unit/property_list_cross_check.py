@@ -1,5 +1,5 @@
-"""Compares the property list reader and writer with Python's: random values, damaged documents, and hostile documents
-(those of tests/data/property_lists.txt, and deep ones). A damaged document may be refused, but never read otherwise."""
+# Compares the property list reader and writer with Python's: random values, damaged documents, and hostile documents
+# (those of tests/data/property_lists.txt, and deep ones). A damaged document may be refused, but never read otherwise.
 import datetime
 import math
 import plistlib
@@ -31,16 +31,16 @@ def random_value(draw, depth, binary):
                    for n in range(draw.randrange(18))}] * 2 * (depth < 4)])()
 
 
+# What the writer makes of it. The representation, because Python's 1, 1.0 and True are equal.
 def in_xml(value):
-    """What the writer makes of it. The representation, because Python's 1, 1.0 and True are equal."""
     kinds = {dict: lambda: {in_xml(key): in_xml(each) for key, each in value.items()},
              list: lambda: [in_xml(each) for each in value], str: lambda: NOT_IN_XML.sub("", value),
              plistlib.UID: lambda: repr(value.data), datetime.datetime: lambda: value.replace(microsecond=0)}
     return kinds.get(type(value), lambda: repr(value))()
 
 
+# None where Python refuses, or reads what our values cannot express (null, keys that are not text, cycles).
 def python_reading(document):
-    """None where Python refuses, or reads what our values cannot express (null, keys that are not text, cycles)."""
     try:
         return in_xml(plistlib.loads(document, fmt=FORMS[document.startswith(b"bplist00")]))
     except Exception:

@@ -1,4 +1,4 @@
-"""A Debian machine made from packages, started under software emulation and driven over its serial lines."""
+# A Debian machine made from packages, started under software emulation and driven over its serial lines.
 import codecs
 import contextlib
 import hashlib
@@ -63,8 +63,9 @@ WantedBy=multi-user.target
 KERNEL_LINE = "root=/dev/vda3 rw console=ttyS0 quiet loglevel=2 systemd.gpt_auto=0 mitigations=off"
 
 
+# A mismatch; it ends the test.
 class Failure(Exception):
-    """A mismatch; it ends the test."""
+    pass
 
 
 def command(*words, **settings):
@@ -79,9 +80,8 @@ def say(text=""):
     print("".join(c if c in "\n\t" or c.isprintable() else f"\\x{ord(c):02x}" for c in text), flush=True)
 
 
+# One end of a terminal. A wait ends when nothing has come for so many seconds.
 class Console:
-    """One end of a terminal. A wait ends when nothing has come for so many seconds."""
-
     def __init__(self):
         self.socket, self.far_end = socket.socketpair()
         self.unread = ""
@@ -90,8 +90,8 @@ class Console:
     def send(self, text):
         self.socket.sendall(text.encode())
 
+    # The match of the pattern and the text before it; both are used up.
     def expect(self, pattern, seconds=240):
-        """The match of the pattern and the text before it; both are used up."""
         while not (match := re.search(pattern, self.unread)):
             ready, _, _ = select.select([self.socket], [], [], seconds)
             received = self.socket.recv(65536) if ready else b""
@@ -113,28 +113,27 @@ class Console:
         return text
 
 
+# A running machine. Its disks are in `folder`.
 class Machine:
-    """A running machine. Its disks are in `folder`."""
-
     def __init__(self, folder):
         self.folder, self.operator, self.control = folder, Console(), Console()
 
+    # Copies a file to the path `name` in the guest, which is relative to /.
     def send(self, path, name):
-        """Copies a file to the path `name` in the guest, which is relative to /."""
         with tarfile.open(self.folder / "tools", "w") as tar:
             tar.add(path, name)
         command("truncate", "-s", EXCHANGE, self.folder / "tools")
         self.control.run("blockdev --flushbufs /dev/disk/by-id/virtio-tools; tar xf /dev/disk/by-id/virtio-tools -C /")
 
+    # Copies files of the guest into the folder `target`.
     def fetch(self, names, target):
-        """Copies files of the guest into the folder `target`."""
         self.control.run(f"tar cf /dev/disk/by-id/virtio-out --format=posix -C / {names} && sync")
         command("tar", "xpf", self.folder / "out", "-C", target)
 
 
+# At the end, and when this process is killed, the power is cut.
 @contextlib.contextmanager
 def running(folder, form, kernel):
-    """At the end, and when this process is killed, the power is cut."""
     machine, words = Machine(folder), []
     for name in "tools", "out":
         command("truncate", "-s", EXCHANGE, folder / name)
@@ -162,8 +161,8 @@ def running(folder, form, kernel):
             qemu.kill()
 
 
+# The files of a machine that has never run.
 def makeTree(tree):
-    """The files of a machine that has never run."""
     command("mmdebstrap", "--variant=minbase", "--mode=root", *(f"--dpkgopt=path-exclude={path}" for path in LEFT_OUT),
             "--skip=cleanup/reproducible",  # the logs of the installation stay
             '--essential-hook=cd "$1/etc" && mkdir -p initramfs-tools/conf.d'
@@ -182,8 +181,8 @@ def makeTree(tree):
     command("systemctl", "--root", tree, "enable", "shell@ttyS0.service", "shell@ttyS1.service")
 
 
+# The disks before anything has run: partitions, and the root file system.
 def makeDisks(folder):
-    """The disks before anything has run: partitions, and the root file system."""
     tree, disk = folder / "tree", folder / "system"
     makeTree(tree)
     command("truncate", "-s", f"{sum(size for size, _, _ in PARTITIONS) + 2}M", disk)
@@ -198,8 +197,8 @@ def makeDisks(folder):
     shutil.rmtree(tree)
 
 
+# Disks with everything planted on them, as a power cut leaves them.
 def makeImage(image, folder, passphrase):
-    """Disks with everything planted on them, as a power cut leaves them."""
     makeDisks(folder)
     say("packages and disks are made")
     with running(folder, "raw", folder) as machine:
@@ -209,8 +208,8 @@ def makeImage(image, folder, passphrase):
     folder.rename(image)
 
 
+# The folder with the disks. Makes them if there are none of this recipe, and removes others. One run at a time.
 def plantedImage(cache, passphrase):
-    """The folder with the disks. Makes them if there are none of this recipe, and removes others. One run at a time."""
     recipe = hashlib.sha256((HERE / "machine.py").read_bytes() + (HERE / "plant").read_bytes() + passphrase.encode())
     image = cache / f"image-{recipe.hexdigest()[:16]}"
     cache.mkdir(parents=True, exist_ok=True)
@@ -222,9 +221,9 @@ def plantedImage(cache, passphrase):
     return image
 
 
+# The machine, running; what the run changes on its disks is not kept.
 @contextlib.contextmanager
 def started(image):
-    """The machine, running; what the run changes on its disks is not kept."""
     with tempfile.TemporaryDirectory(dir=image.parent) as name:
         for disk in *DISKS, "variables":
             command("qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", image / disk, f"{name}/{disk}")
