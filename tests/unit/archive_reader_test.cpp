@@ -45,6 +45,11 @@ struct SmallArchive {
     const Seen all{"one=first content", "two=second content", "three=first content", "four=fourth content"};
 };
 
+ArchiveBuilder& addFiles(int count, ArchiveBuilder& builder) {
+    while (count-- > 0) builder.file("x", "a");
+    return builder;
+}
+
 // A damaged archive is refused, and the entries before the damage are right. Reading by the index gives no wrong entry
 // either, though it may not come to the damage.
 void expectRefused(const SmallArchive& archive, const ByteVector& damaged, const std::string& damage) {
@@ -79,8 +84,8 @@ TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
 // The workers compute the digests of the first ones only.
 TEST(ArchiveReader, ChecksTheDigestOfEachOfManyEntriesInABlock) {
     ArchiveBuilder builder;
-    for (int i = 0; i < 5000; ++i) builder.file("x", "a");
-    Reading reading(builder.announce().begin("y").data("a").end({.digest = sha256("b")}, 1).finish());
+    addFiles(5000, builder).announce().begin("y").data("a").end({.digest = sha256("b")}, 1);
+    Reading reading(builder.finish());
     EXPECT_EQ(reading.all().size(), 5001U);
     EXPECT_EQ(reading.faults, "y: the digest does not match; ");
 }
@@ -151,7 +156,7 @@ EntryTail digestOf(std::string_view content) { return {.digest = sha256(content)
 // Two entries in two blocks, and an index that says something else of them.
 auto indexed(void (*forge)(IndexEntry&)) {
     return [forge](ArchiveBuilder& b) {
-        b.forgeIndex = [forge](auto, IndexEntry& entry) { forge(entry); };
+        b.forgeIndex = forge;
         b.file("x", "a").endBlock().file("y", "b").endIndexPart().endBlock();
     };
 }
@@ -217,12 +222,7 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"number twice", [](auto& b) { b.file("x", "a", link).number(0).file("x", "a", link); }, "does not agree"},
         {"number of a file twice", [](auto& b) { b.file("x", "a").number(0).file("y", "b"); }, "y: an earlier entry"},
         {"entry not indexed", [](auto& b) { b.begin("x", folder).record(RecordType::end, {0}); }, "the root does not"},
-        {"part of 127 entries",
-         [](auto& b) {
-             for (int i = 0; i < 128; ++i) b.file("x", "a");
-             b.endIndexPart(127);
-         },
-         "covers too few"},
+        {"part of 127 entries", [](auto& b) { addFiles(128, b).endIndexPart(127); }, "covers too few"},
     };
     for (const auto& [name, build, fault] : forgeries) {
         ArchiveBuilder builder;
@@ -249,28 +249,22 @@ TEST(ForgedArchive, KeepsEntriesBetweenAdditionsAndPadding) {
 // Only a reader of the entry with too many zeros knows that they come before the last one.
 TEST(ForgedArchive, RejectsDigestAfterTooManyZeros) {
     const ByteVector tooLong{0x81, 0x80, 0x80, 0x80, 0x40};  // 2^34 + 1
+    auto tail = totals(maxDigestedZeros + 1, 1), last = totals(1, 1);
     for (const bool digest : {false, true}) {
         ArchiveBuilder builder;
-        builder.announce().begin("x").record(hole, tooLong).end(totals(maxDigestedZeros + 1, 1), maxDigestedZeros + 1);
-        auto last = totals(1, 1);
         if (digest) last.digest = sha256({"", 1});
+        builder.announce().begin("x").record(hole, tooLong).end(tail, maxDigestedZeros + 1);
         const auto bytes = builder.file("y", "abc").announce().begin("z").record(hole, {1}).end(last, 1).finish();
-        FieldsSink all, some;
-        EXPECT_EQ(bool((*openArchive(bytes))->readAll(all)), !digest);
-        EXPECT_EQ(all.seen, (Seen{"17179869185/1", "3/0#", digest ? "!" : "1/1"}));
-        EXPECT_TRUE((*openArchive(bytes))->readChosen([](auto, auto path) { return path != "x"; }, some));
-        EXPECT_EQ(some.seen, (Seen{"3/0#", digest ? "1/1#" : "1/1"}));
-        FieldsSink chosen, salvaged;
-        EXPECT_EQ(bool((*openArchive(bytes))->readChosen([](auto, auto) { return true; }, chosen)), !digest);
-        EXPECT_TRUE((*openArchive(bytes))->salvage(salvaged, [](const ReadFault&) {}));
-        EXPECT_EQ(chosen.seen, all.seen);
-        EXPECT_EQ(salvaged.seen, all.seen);
+        expectEntries<FieldsSink>(bytes, {"17179869185/1", "3/0#", digest ? "z!" : "1/1"},
+                                  digest ? "z: the entry has a digest, but must not have one; " : "");
+        ReadingInto<FieldsSink> some(bytes);
+        EXPECT_EQ(some.chosen({"y", "z"}), (Seen{"3/0#", digest ? "1/1#" : "1/1"}));
+        EXPECT_EQ(some.faults, "");
     }
-    auto tail = totals(maxDigestedZeros + 1, 1);
     tail.digest = Digest{};
-    FieldsSink alone;
-    const auto bytes = ArchiveBuilder().announce().begin("x").record(hole, tooLong).end(tail, 0).finish();
-    EXPECT_TRUE((*openArchive(bytes))->readChosen([](auto, auto) { return true; }, alone).fault());
+    ReadingInto<FieldsSink> alone(ArchiveBuilder().announce().begin("x").record(hole, tooLong).end(tail, 0).finish());
+    EXPECT_EQ(alone.chosen(), Seen{"x!"});
+    EXPECT_NE(alone.faults, "");
 }
 
 TEST(ArchiveSalvage, KeepsEveryEntryWhoseBlocksAreIntact) {

@@ -4,7 +4,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -73,11 +72,7 @@ ByteVector writeExample() {
 TEST(FormatPage, ShowsAnArchiveAsItIsWrittenAndRead) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace";
     auto file = listing("The file, 1109 bytes");
-    const pid_t child = fork();
-    if (child == 0) ::_exit(writeExample() == file ? 0 : 1);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EXIT(::_exit(writeExample() == file ? 0 : 1), testing::ExitedWithCode(0), "");
 
     const auto key = keyAfter("The recipient's key");
     const auto header = decodeFileHeader(file);

@@ -80,7 +80,7 @@ TEST(StoredOrder, RejectsAChosenEntryThatIsNotWhereTheIndexSays) {
     };
     for (const auto& [fault, forge] : forgeries) {
         ArchiveBuilder builder;
-        builder.forgeIndex = [&forge = forge](auto, IndexEntry& entry) { forge(entry); };
+        builder.forgeIndex = forge;
         builder.announce().begin("x").data("ab").endBlock().data("cd").end({.digest = sha256("abcd")}, 4).endBlock();
         Reading reading(builder.data("").finish());
         EXPECT_EQ(std::ranges::count(reading.chosen(), "x=abcd"), 0) << fault;
