@@ -170,12 +170,11 @@ TEST(StoredOrder, EndsTheSearchAmongFalseBlockHeaders) {
 TEST(StoredOrder, KeepsNoPathOfAnEntryInMemory) {
     constexpr std::size_t count = 24000, maxKilobytes = 81920 + 64 * count / 1024;
     const std::string path(3800, 'p');
-    auto file = [&] {
+    const auto reader = [&] {
         ArchiveBuilder builder;
         for (std::size_t i = 0; i < count; ++i) builder.number((i * 7919 + 1) % count).file(path + name(i), "x");
-        return archiveFile(builder.finish());
+        return std::move(*openArchive(builder.finish()));
     }();
-    const auto reader = std::move(*ArchiveReader::open(std::move(file), recipient()));
     const int output = ::dup(STDOUT_FILENO), null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::size_t listed = 0;
     const auto countOne = [&](auto, const auto&) { return ++listed > 0; };
