@@ -52,8 +52,8 @@ inline PathList guardedList(const Seen& paths) {
     return list;
 }
 
-// Reads an archive in every way, each time into a new Sink. The message of a fault is "SUBJECT: TEXT". An archive that
-// cannot be opened has no entries.
+// Reads an archive in every way, into a Sink. The message of a fault is "SUBJECT: TEXT". An archive that cannot be
+// opened has no entries.
 template <typename Sink>
 class ReadingInto {
 public:
