@@ -170,6 +170,7 @@ TEST(ForgedArchive, RejectsContradictions) {
         {"count of holes", [](auto& b) { b.begin("x").data("abc").end(totals(3, 1), 3); }, "x: the size"},
         {"folder with content", [](auto& b) { b.begin("", folder).data("a").end({}, 1); }, "has content"},
         {"digest missing", [](auto& b) { b.announce().begin("x").data("a").end({}, 1); }, "x: the digest is missing"},
+        {"hole: digest", [](auto& b) { b.announce().begin("x").record(hole, {1}).end(totals(1, 1), 1); }, "missing"},
         {"digest not announced", [](auto& b) { b.begin("x").end(digestOf(""), 0); }, "x: the entry has a digest"},
         {"digest of reference", [](auto& b) { b.file("x", "a").announce().reference("y", 0, 1); }, "reference"},
         {"hole without size", [](auto& b) { b.begin("x").record(hole, {1}).end({}, 1); }, "x: the size is missing"},
