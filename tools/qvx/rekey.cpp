@@ -37,7 +37,7 @@ Status writeCopy(const ArchiveFile& from, const OpenedHeader& old, Bytes header,
     return to(encodeFooter(header));
 }
 
-CommandResult runRekey(const RekeyOptions& options) {
+CommandResult rekey(const RekeyOptions& options) {
     const auto recipients = loadRecipients(options.recipients);
     if (!recipients) return CommandError{recipients.error()};
     auto output = ArchiveOutput::open(options.output);
@@ -53,9 +53,15 @@ CommandResult runRekey(const RekeyOptions& options) {
     Status written = output->create();
     if (written) written = writeCopy(**file, *old, *header, output->sink());
     if (written) written = output->place();
-    if (!written && interrupted()) endAsInterrupted();
     if (!written) return CommandError{written.error()};
     return exitSuccess;
+}
+
+// Only here: a new file with a hidden name is removed by now.
+CommandResult runRekey(const RekeyOptions& options) {
+    auto result = rekey(options);
+    if (!result && interrupted()) endAsInterrupted();
+    return result;
 }
 
 }  // namespace
