@@ -53,7 +53,7 @@ void occupyStandardStreams() {
 }
 
 // By default, glibc raises this limit to the size of every large block that is freed, up to 32 MiB. The next blocks of
-// that size then leave holes in the heap: a third of the memory of `list --json`. Blocks of an archive stay below it.
+// that size then leave holes in the heap. Blocks of an archive stay below it.
 void fixMappingThreshold() {
     constexpr int bytes = 4 << 20;
     mallopt(M_MMAP_THRESHOLD, bytes);

@@ -4,7 +4,7 @@
 
 namespace tarnwick::qvx {
 
-// An archive could choose two paths that std::hash does not tell apart, and one of the entries would be left out.
+// Keyed, because an archive could contain two paths with the same std::hash. One of the entries would be left out.
 std::uint64_t DeferredEntries::hashOf(std::string_view path) {
     digest_.restart();
     digest_.add(key_);
