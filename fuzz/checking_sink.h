@@ -25,7 +25,7 @@ inline Digest sha256(std::string_view text) {
 inline std::unique_ptr<ArchiveFile> archiveFile(const ByteVector& bytes) {
     FileDescriptor memory(memfd_create("archive", MFD_CLOEXEC));
     require(pwrite(memory.get(), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
-    return std::move(*ArchiveFile::open(std::move(memory)));
+    return std::make_unique<ArchiveFile>(std::move(*openFileSource(std::move(memory))));
 }
 
 class CheckingSink : public EntrySink {

@@ -79,9 +79,10 @@ protected:
         CheckingSink sink;
         std::vector<bool> marks;
         const auto mark = [&](auto, const IndexEntry& entry) { return marks.push_back(entry.incomplete), true; };
-        auto file = ArchiveFile::open(FileDescriptor(::open(archive_.c_str(), O_RDONLY | O_CLOEXEC)));
-        if (!file) return damaged;
-        const auto reader = ArchiveReader::open(std::move(*file), privateKeyFromScalar(scalar).get());
+        auto source = openFileSource(FileDescriptor(::open(archive_.c_str(), O_RDONLY | O_CLOEXEC)));
+        if (!source) return damaged;
+        const auto reader =
+            ArchiveReader::open(std::make_unique<ArchiveFile>(std::move(*source)), privateKeyFromScalar(scalar).get());
         if (!reader || !(*reader)->readAll(sink) || !(*reader)->list(mark)) return damaged;
         // The files in the folder were left out.
         if (sink.seen.size() == 1 && sink.seen[0] == expected_[0]) return incomplete;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "key_files.h"
 
@@ -26,9 +27,17 @@ void declareArchive(CommandOptions& command, std::string& archive) {
     command.addRequired("ARCHIVE", archive, "the archive");
 }
 
+void declareKey(CommandOptions& command, std::string& key) {
+    command.add("-k,--key", key, "private key file in PEM form; otherwise the one that $QVX_KEY names");
+}
+
 void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options) {
-    command.addRequired("-k,--key", options.key, "private key file in PEM form");
+    declareKey(command, options.key);
     declareArchive(command, options.archive);
+}
+
+void declareArchives(CommandOptions& command, std::vector<std::string>& archives) {
+    command.addRequiredList("ARCHIVE", archives, "the archives");
 }
 
 void declareRecipients(CommandOptions& command, std::vector<std::string>& recipients) {
@@ -39,20 +48,49 @@ Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::st
     // O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
     FileDescriptor descriptor(open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!descriptor) return CommandError{systemError(errno, archive)};
-    auto file = ArchiveFile::open(std::move(descriptor));
-    if (!file) return archiveError(archive, file.error());
-    return std::move(*file);
+    auto source = openFileSource(std::move(descriptor));
+    if (!source) return archiveError(archive, source.error());
+    return std::make_unique<ArchiveFile>(std::move(*source));
+}
+
+Result<KeyHandle, CommandError> loadKey(const std::string& option) {
+    const char* standard = std::getenv("QVX_KEY");
+    const std::string path = option.empty() && standard ? standard : option;
+    if (path.empty()) return CommandError{{"no private key: give --key, or set QVX_KEY"}, exitUsage};
+    auto key = loadPrivateKey(path);
+    if (!key) return CommandError{key.error()};
+    return std::move(*key);
+}
+
+Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const std::string& archive, EVP_PKEY* key,
+                                                                 ArchiveReader::Opening opening) {
+    auto file = openArchiveFile(archive);
+    if (!file) return file.error();
+    auto reader = ArchiveReader::open(std::move(*file), key, opening);
+    if (!reader) return openError(archive, reader.error());
+    return std::move(*reader);
 }
 
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options,
                                                                  ArchiveReader::Opening opening) {
-    auto file = openArchiveFile(options.archive);
-    if (!file) return file.error();
-    const auto key = loadPrivateKey(options.key);
-    if (!key) return CommandError{key.error()};
-    auto reader = ArchiveReader::open(std::move(*file), key->get(), opening);
-    if (!reader) return openError(options.archive, reader.error());
-    return std::move(*reader);
+    const auto key = loadKey(options.key);
+    if (!key) return key.error();
+    return openArchive(options.archive, key->get(), opening);
+}
+
+CommandResult forEachArchive(const std::vector<std::string>& archives, const ArchiveRun& run) {
+    const bool several = archives.size() > 1;
+    ExitStatus worst = exitSuccess;
+    std::size_t failed = 0;
+    for (const auto& archive : archives) {
+        const auto result = run(archive, several ? escapedName(archive) + ": " : std::string());
+        if (!result) report(result.error());
+        const ExitStatus status = result ? *result : result.error().status;
+        if (status != exitSuccess) ++failed;
+        worst = std::max(worst, status);
+    }
+    if (several) report(std::to_string(archives.size()) + " archives, " + std::to_string(failed) + " with errors");
+    return worst;
 }
 
 CommandError archiveError(const std::string& archive, const ReadFault& fault) {

@@ -6,26 +6,45 @@
 
 #include "command_options.h"
 #include "qvx/archive_reader.h"
+#include "qvx/crypto/private_key.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
 
 struct ArchiveOptions {
     std::string archive;  // path
-    std::string key;      // path of the private key, "-" for standard input
+    std::string key;      // path of the private key, "-" for standard input; empty for $QVX_KEY
+};
+
+// The same for a command that reads several archives.
+struct ArchivesOptions {
+    std::vector<std::string> archives;
+    std::string key;
 };
 
 // Declares the options; PATH arguments may be declared after them. `options` must outlive the parsing.
 void declareArchive(CommandOptions& command, std::string& archive);
+void declareKey(CommandOptions& command, std::string& key);
 void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options);
+void declareArchives(CommandOptions& command, std::vector<std::string>& archives);
 void declareRecipients(CommandOptions& command, std::vector<std::string>& recipients);
 
 // The archive without its key: only the header can be read.
 Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive);
 
-// Asks for the passphrase of the key if it has one. A key that is not a recipient's gives exitOtherKey.
+// Reads the key of the option, or the one that $QVX_KEY names. Asks for its passphrase if it has one.
+Result<KeyHandle, CommandError> loadKey(const std::string& option);
+
+// A key that is not a recipient's gives exitOtherKey.
+Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(
+    const std::string& archive, EVP_PKEY* key, ArchiveReader::Opening opening = ArchiveReader::Opening::intact);
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(
     const ArchiveOptions& options, ArchiveReader::Opening opening = ArchiveReader::Opening::intact);
+
+// Calls `run` for each archive, reports its errors, and returns the worst status. `prefix` is what to print before each
+// line about the archive: nothing if there is only one.
+using ArchiveRun = std::function<CommandResult(const std::string& archive, const std::string& prefix)>;
+CommandResult forEachArchive(const std::vector<std::string>& archives, const ArchiveRun& run);
 
 // The fault in the form of a message about the archive: "ENTRY: block 3 at position 4711: TEXT".
 CommandError archiveError(const std::string& archive, const ReadFault& fault);

@@ -20,6 +20,7 @@ public:
     void add(const char* names, std::vector<std::string>& values, const char* help);
     void addRequired(const char* names, std::string& value, const char* help);
     void addRequired(const char* names, std::vector<std::string>& values, const char* help);  // one for each option
+    void addRequiredList(const char* name, std::vector<std::string>& values, const char* help);
     void addFlag(const char* names, bool& flag, const char* help);
 
     // The two may not be given together. Both must have been added, with these names.

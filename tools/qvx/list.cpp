@@ -10,27 +10,36 @@ namespace tarnwick::qvx {
 
 namespace {
 
-struct ListOptions : ArchiveOptions {
+struct ListOptions : ArchivesOptions {
     bool json = false;
 };
 
-ReadOutcome listIndex(ArchiveReader& reader) {
-    const auto print = [](std::uint64_t, const IndexEntry& entry) {
-        return std::puts(listingLine(entry).c_str()) >= 0;
+ReadOutcome listIndex(ArchiveReader& reader, const std::string& prefix) {
+    const auto print = [&](std::uint64_t, const IndexEntry& entry) {
+        return std::puts((prefix + listingLine(entry)).c_str()) >= 0;
     };
     if (auto listed = reader.list(print); !listed) return listed.error();
     return {};
 }
 
-CommandResult runList(const ListOptions& options) {
-    const auto reader = openArchive(options);
+CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::string& archive,
+                      const std::string& prefix) {
+    const auto reader = openArchive(archive, key);
     if (!reader) return reader.error();
-    if (!options.json) return finishOutput(options.archive, listIndex(**reader));
+    if (!options.json) return finishOutput(archive, listIndex(**reader, prefix));
     // The index does not have all that this prints, so the whole archive is read, and checked on the way.
     JsonSink sink;
     const auto outcome = (*reader)->readAll(sink);
     if (const Status printed = sink.finishLines(); !printed) return CommandError{printed.error()};
-    return finishOutput(options.archive, outcome);
+    return finishOutput(archive, outcome);
+}
+
+CommandResult runList(const ListOptions& options) {
+    const auto key = loadKey(options.key);
+    if (!key) return key.error();
+    return forEachArchive(options.archives, [&](const auto& archive, const auto& prefix) {
+        return listOne(options, key->get(), archive, prefix);
+    });
 }
 
 }  // namespace
@@ -38,7 +47,8 @@ CommandResult runList(const ListOptions& options) {
 CommandRun declareList(CommandOptions& command) {
     const auto options = std::make_shared<ListOptions>();
     command.addFlag("--json", options->json, "one JSON object an entry, with everything but the content");
-    declareKeyAndArchive(command, *options);
+    declareKey(command, options->key);
+    declareArchives(command, options->archives);
     return [options] { return runList(*options); };
 }
 

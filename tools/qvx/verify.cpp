@@ -19,28 +19,36 @@ void reportOtherDamage(const std::string& archive, ArchiveReader& reader, const 
     static_cast<void>(reader.salvage(sink, reportFault));  // the sink never stops it
 }
 
-CommandResult runVerify(const ArchiveOptions& options) {
-    const auto reader = openArchive(options);
+CommandResult verifyOne(EVP_PKEY* key, const std::string& archive) {
+    const auto reader = openArchive(archive, key);
     if (!reader) return reader.error();
-    CheckSink sink(escapedName(options.archive));
+    CheckSink sink(escapedName(archive));
     const auto outcome = (*reader)->readAll(sink);
     if (const ReadFault* fault = outcome.fault()) {
-        const auto first = archiveError(options.archive, *fault);
+        const auto first = archiveError(archive, *fault);
         report(first);
-        reportOtherDamage(options.archive, **reader, first, sink);
+        reportOtherDamage(archive, **reader, first, sink);
         return exitFailed;
     }
     if (sink.incomplete() > 0)
-        report(escapedName(options.archive) +
+        report(escapedName(archive) +
                ": intact; entries incomplete when they were captured: " + std::to_string(sink.incomplete()));
     return exitSuccess;
+}
+
+CommandResult runVerify(const ArchivesOptions& options) {
+    const auto key = loadKey(options.key);
+    if (!key) return key.error();
+    return forEachArchive(options.archives,
+                          [&](const auto& archive, const auto&) { return verifyOne(key->get(), archive); });
 }
 
 }  // namespace
 
 CommandRun declareVerify(CommandOptions& command) {
-    const auto options = std::make_shared<ArchiveOptions>();
-    declareKeyAndArchive(command, *options);
+    const auto options = std::make_shared<ArchivesOptions>();
+    declareKey(command, options->key);
+    declareArchives(command, options->archives);
     return [options] { return runVerify(*options); };
 }
 

@@ -1,23 +1,18 @@
-// An archive file opened for reading: its bytes, and where its blocks are.
+// An archive opened for reading: its bytes, and where its blocks are.
 #pragma once
 
 #include <atomic>
-#include <cstdint>
-#include <memory>
 
-#include "base/handle.h"
-#include "qvx/bytes.h"
-#include "qvx/read/read_outcome.h"
+#include "qvx/read/byte_source.h"
 
 namespace tarnwick::qvx {
 
-// Every read states its position, so any number of threads may share one object.
+// Any number of threads may read from one object.
 class ArchiveFile {
 public:
-    // Fails when the descriptor is not of a regular file.
-    static Result<std::unique_ptr<ArchiveFile>, ReadFault> open(FileDescriptor descriptor);
+    explicit ArchiveFile(std::unique_ptr<ByteSource> source) : source_(std::move(source)), blocksEnd_(size()) {}
 
-    [[nodiscard]] std::uint64_t size() const { return size_; }
+    [[nodiscard]] std::uint64_t size() const { return source_->size(); }
 
     // Sets where the blocks are. Before that, they are the whole file.
     void setBlocks(std::uint64_t begin, std::uint64_t end);
@@ -31,11 +26,7 @@ public:
     [[nodiscard]] std::uint64_t bytesRead() const { return bytesRead_; }
 
 private:
-    ArchiveFile(FileDescriptor descriptor, std::uint64_t size)
-        : descriptor_(std::move(descriptor)), size_(size), blocksEnd_(size) {}
-
-    FileDescriptor descriptor_;
-    std::uint64_t size_;
+    std::unique_ptr<ByteSource> source_;
     std::uint64_t blocksBegin_ = 0;
     std::uint64_t blocksEnd_;
     mutable std::atomic<std::uint64_t> bytesRead_ = 0;
