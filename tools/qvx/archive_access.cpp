@@ -111,10 +111,4 @@ CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcom
     return outcome ? exitSuccess : exitFailed;
 }
 
-std::string entryPath(std::string path) {
-    path.erase(0, std::min(path.find_first_not_of('/'), path.size()));
-    path.erase(path.find_last_not_of('/') + 1);
-    return path.starts_with("./") ? entryPath(path.substr(2)) : path;
-}
-
 }  // namespace tarnwick::qvx

@@ -53,7 +53,4 @@ CommandError openError(const std::string& archive, const OpenFault& fault);
 // Flushes standard output and returns how the command ended: its output counts only when all of it was written.
 CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome);
 
-// The path in the form of an entry: without slashes at the beginning and the end.
-std::string entryPath(std::string path);
-
 }  // namespace tarnwick::qvx

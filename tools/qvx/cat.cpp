@@ -4,6 +4,7 @@
 #include "archive_access.h"
 #include "commands.h"
 #include "listing.h"
+#include "path_pattern.h"
 
 namespace tarnwick::qvx {
 

@@ -9,6 +9,7 @@
 #include "archive_access.h"
 #include "commands.h"
 #include "interruption.h"
+#include "path_pattern.h"
 #include "qvx/extract/disk_sink.h"
 
 namespace tarnwick::qvx {
@@ -24,17 +25,17 @@ struct ExtractionOptions : ArchiveOptions {
     std::string limit = "18446744073709551615";  // SIZE; more than any archive can write
 };
 
-// The paths of the command line, each with everything below it.
+// The patterns of the command line, each with everything below what it matches.
 class PathChoice {
 public:
     explicit PathChoice(const std::vector<std::string>& paths) {
-        for (const auto& path : paths) paths_.push_back({path, entryPath(path)});
+        for (const auto& path : paths) paths_.push_back({path, PathPattern(path)});
     }
 
     bool contains(std::string_view path) {
         bool any = false;
         for (auto& chosen : paths_)
-            if (isAtOrBelow(path, chosen.entryPath)) any = chosen.matched = true;
+            if (chosen.pattern.matchesAtOrAbove(path)) any = chosen.matched = true;
         return any;
     }
 
@@ -51,14 +52,9 @@ public:
 private:
     struct Path {
         std::string given;
-        std::string entryPath;
+        PathPattern pattern;
         bool matched = false;
     };
-
-    static bool isAtOrBelow(std::string_view path, std::string_view chosen) {
-        return chosen.empty() ||
-               (path.starts_with(chosen) && (path.size() == chosen.size() || path[chosen.size()] == '/'));
-    }
 
     std::vector<Path> paths_;
 };
