@@ -54,7 +54,7 @@ class Qvx(WithKey):
     # Control characters in their names are escaped.
     def test_frozen_archives_are_read(self):
         for name in GOOD:
-            listed = self.qvx("list", "--json", *FROZEN_KEY, f"{SAMPLES}{name}.qvx")
+            listed = self.qvx("list", "--full", *FROZEN_KEY, f"{SAMPLES}{name}.qvx")
             self.assertEqual(listed, read(f"{SAMPLES}{name}.json"))
             self.frozen("verify", name)
             self.frozen("extract", name, "-C", OUT)
@@ -81,7 +81,7 @@ class Qvx(WithKey):
         for _ in range(2):
             self.frozen("extract", "kinds", "--preserve", "-C", OUT)
             self.create(OUT + "/tmp/sample", OUT + "/tmp/sample/plain")
-            self.assertEqual(entries(self.qvx("list", "--json", *KEY, ARCHIVE)), entries(wanted))
+            self.assertEqual(entries(self.qvx("list", "--full", *KEY, ARCHIVE)), entries(wanted))
         self.assertLess(os.stat(sparse := OUT + "/tmp/sample/sparse").st_blocks * 512, 1 << 20)
         self.assertEqual(self.qvx("cat", *KEY, ARCHIVE, sparse), read(sparse))
 
@@ -106,7 +106,7 @@ class Qvx(WithKey):
                      "0 qvx list --json --key @.pem @", "1 qvx cat --key @.pem @ NAME",
                      "3 qvx verify --key /media/key.pem @", "1 qvx info NAME",
                      "1 qvx extract --key /media/key.pem -C NAME /media/archive.qvx",
-                     "2 qvx info /media/archive.qvx NAME", "1 volctl info NAME", "2 volctl list NAME", "2 nvram -p NAME",
+                     "2 qvx info /media/archive.qvx --NAME", "1 volctl info NAME", "2 volctl list NAME", "2 nvram -p NAME",
                      "1 tarnwick-consent show NAME", "2 tarnwick-consent show --NAME"):
             with self.subTest(line):
                 status, program, *words = line.replace("@", "/media/NAME").replace("NAME", name).split()
@@ -226,7 +226,7 @@ class Qvx(WithKey):
                 self.assertTrue(space.f_blocks <= space.f_bavail * 20 < 4 * space.f_blocks, space)
             elif words == ["--force"]:
                 write(OUT + "/rest", bytes(1 << 19))
-                self.frozen("list", "order", "--json", environment={"TMPDIR": OUT})
+                self.frozen("list", "order", "--full", environment={"TMPDIR": OUT})
             self.assertEqual(call("find", OUT, "-name", ".qvx*"), "")
             world.clear(OUT)
 
@@ -307,8 +307,8 @@ class Qvx(WithKey):
             self.run_qvx("rekey", "--key", "/media/other.pem", *copy)
         for name in "key", "other", "third":
             self.run_qvx("verify", "--key", f"/media/{name}.pem", "/media/copy.qvx")
-        self.assertEqual(self.qvx("list", "--json", "--key", "/media/third.pem", "/media/copy.qvx"),
-                         self.qvx("list", "--json", *KEY, ARCHIVE))
+        self.assertEqual(self.qvx("list", "--full", "--key", "/media/third.pem", "/media/copy.qvx"),
+                         self.qvx("list", "--full", *KEY, ARCHIVE))
         for archive in ARCHIVE, "/media/copy.qvx":
             self.note("info", "".join(line for line in self.qvx("info", archive).splitlines(keepends=True)
                                       if not line.startswith("size")))

@@ -32,7 +32,7 @@ class SecondReader(Scenario):
             if self.start("verify", "--key", key, archive, program="qvx", stderr=None).wait() != 0:
                 return self.assertEqual((second.returncode, second.stderr[:15]), (1, b"second-reader: "))
             self.assertEqual((second.returncode, second.stderr), (0, b""))
-            listed = self.qvx("list", "--json", "--key", key, archive)
+            listed = self.qvx("list", "--full", "--key", key, archive)
             found = [json.loads(line.decode(errors="surrogateescape")) for line in second.stdout.splitlines()]
             self.assertEqual(found, list(map(json.loads, listed.splitlines())))
             return found

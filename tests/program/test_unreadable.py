@@ -39,7 +39,7 @@ class Unreadable(Disks):
 
     # The marks in the archive, and the contents when it is extracted.
     def agrees(self, archive, names=tuple(FILES)):
-        lines = self.qvx("list", "--json", *KEY, archive).splitlines()
+        lines = self.qvx("list", "--full", *KEY, archive).splitlines()
         listed = {"/" + entry["path"]: entry for entry in map(json.loads, lines)}
         os.mkdir(OUT)
         self.assertEqual(self.tool("qvx", "extract", *KEY, "-C", OUT, archive), 1)

@@ -12,11 +12,13 @@ namespace {
 
 struct ListOptions : ArchivesOptions {
     bool json = false;
+    bool full = false;
 };
 
-ReadOutcome listIndex(ArchiveReader& reader, const std::string& prefix) {
-    const auto print = [&](std::uint64_t, const IndexEntry& entry) {
-        return std::puts((prefix + listingLine(entry)).c_str()) >= 0;
+ReadOutcome listIndex(ArchiveReader& reader, const std::string& prefix, const std::string& archive, bool json) {
+    const auto print = [&](std::uint64_t number, const IndexEntry& entry) {
+        const std::string line = json ? indexJson(archive, number, entry) : prefix + listingLine(entry);
+        return std::puts(line.c_str()) >= 0;
     };
     if (auto listed = reader.list(print); !listed) return listed.error();
     return {};
@@ -26,9 +28,10 @@ CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::stri
                       const std::string& prefix) {
     const auto reader = openArchive(archive, key);
     if (!reader) return reader.error();
-    if (!options.json) return finishOutput(archive, listIndex(**reader, prefix));
+    const std::string member = prefix.empty() ? "" : archive;
+    if (!options.full) return finishOutput(archive, listIndex(**reader, prefix, member, options.json));
     // The index does not have all that this prints, so the whole archive is read, and checked on the way.
-    JsonSink sink;
+    JsonSink sink(member);
     const auto outcome = (*reader)->readAll(sink);
     if (const Status printed = sink.finishLines(); !printed) return CommandError{printed.error()};
     return finishOutput(archive, outcome);
@@ -46,7 +49,8 @@ CommandResult runList(const ListOptions& options) {
 
 CommandRun declareList(CommandOptions& command) {
     const auto options = std::make_shared<ListOptions>();
-    command.addFlag("--json", options->json, "one JSON object an entry, with everything but the content");
+    command.addFlag("--json", options->json, "print one JSON object an entry");
+    command.addFlag("--full", options->full, "the same with everything but the content; reads the whole archive");
     declareKey(command, options->key);
     declareArchives(command, options->archives);
     return [options] { return runList(*options); };

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
-#include "base/json_string.h"
 #include "qvx/format/access_list.h"
 #include "qvx/read/incomplete_text.h"
 #include "report.h"
@@ -28,39 +28,6 @@ std::string modeText(EntryType type, unsigned mode) {
     return text;
 }
 
-std::string timeText(std::int64_t seconds) {
-    const std::time_t time = seconds;
-    std::tm parts{};
-    char text[64];
-    if (!gmtime_r(&time, &parts) || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
-        return '@' + std::to_string(seconds);
-    return text;
-}
-
-const char* typeName(EntryType type) {
-    return type == EntryType::directory ? "directory" : type == EntryType::link ? "link" : "file";
-}
-
-class JsonObject {
-public:
-    template <typename Number>
-    void number(const char* key, const std::optional<Number>& value) {
-        if (value) member(key) += std::to_string(*value);
-    }
-    void number(const char* key, std::uint64_t value) { number(key, std::optional(value)); }
-    void text(const char* key, std::string_view value) { member(key) += jsonString(value); }
-    void raw(const char* key, const std::string& value) { member(key) += value; }
-    [[nodiscard]] std::string finish() const { return '{' + text_ + '}'; }
-
-private:
-    std::string& member(std::string_view key) {
-        if (!text_.empty()) text_ += ", ";
-        return text_ += jsonString(key) + ": ";
-    }
-
-    std::string text_;
-};
-
 std::string hexText(const Digest& digest) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string text;
@@ -68,21 +35,15 @@ std::string hexText(const Digest& digest) {
     return text;
 }
 
-std::string octalText(unsigned mode) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%04o", mode);
-    return text;
-}
-
 std::string extentsText(const std::vector<Extent>& extents) {
-    std::string text;
+    JsonArray array;
     for (const Extent& extent : extents) {
         JsonObject object;
         object.number("offset", extent.offset);
         object.number("length", extent.length);
-        text += (text.empty() ? "" : ", ") + object.finish();
+        array.add(object.finish());
     }
-    return '[' + text + ']';
+    return array.finish();
 }
 
 std::string attributesText(const EntryTail& tail) {
@@ -102,6 +63,44 @@ std::string listingLine(const IndexEntry& entry) {
     return line + ' ' + escapedName(entryName(entry.path));
 }
 
+std::string timeText(std::int64_t seconds) {
+    const std::time_t time = seconds;
+    std::tm parts{};
+    char text[64];
+    if (!gmtime_r(&time, &parts) || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
+        return '@' + std::to_string(seconds);
+    return text;
+}
+
+const char* typeName(EntryType type) {
+    return type == EntryType::directory ? "directory" : type == EntryType::link ? "link" : "file";
+}
+
+std::string octalText(unsigned mode) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%04o", mode);
+    return text;
+}
+
+void addIndexValues(JsonObject& object, const IndexEntry& entry) {
+    object.text("type", typeName(entry.type));
+    object.number("uid", std::optional(entry.userId));
+    object.number("gid", std::optional(entry.groupId));
+    object.text("mode", octalText(entry.mode));
+    object.number("mtime", std::optional(entry.modifiedSeconds));
+    object.number("size", entry.size);
+    if (entry.incomplete) object.raw("incomplete", "true");
+}
+
+std::string indexJson(const std::string& archive, std::uint64_t number, const IndexEntry& entry) {
+    JsonObject object;
+    if (!archive.empty()) object.text("archive", archive);
+    object.number("number", number);
+    object.text("path", entry.path);
+    addIndexValues(object, entry);
+    return object.finish();
+}
+
 bool JsonSink::begin(const EntryHead& head) {
     head_ = head;
     linkTarget_.clear();
@@ -115,6 +114,7 @@ bool JsonSink::data(Bytes bytes) {
 
 bool JsonSink::finish(const EntryTail& tail, const ContentReader&) {
     JsonObject object;
+    if (!archive_.empty()) object.text("archive", archive_);
     object.number("number", head_.number);
     object.text("type", typeName(head_.type));
     object.text("path", head_.path);
@@ -173,10 +173,22 @@ bool OutputSink::finish(const EntryTail& tail, const ContentReader& content) {
 
 bool CheckSink::begin(const EntryHead& head) {
     head_ = head;
+    length_ = 0;
     return true;
 }
 
+bool CheckSink::hole(std::uint64_t length) {
+    length_ += length;
+    return true;
+}
+
+void CheckSink::startAgain() {
+    known_ = std::exchange(finished_, 0);
+    bytes_ = 0;
+}
+
 bool CheckSink::finish(const EntryTail& tail, const ContentReader&) {
+    bytes_ += length_;
     if (++finished_ <= known_ || !tail.unreadable) return true;
     ++incomplete_;
     report(archive_ + ": " + escapedName(entryName(head_.path)) + ": " + incompleteText(head_.type, tail));

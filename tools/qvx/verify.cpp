@@ -1,52 +1,128 @@
 // qvx verify
+#include <cstdio>
 #include <memory>
 
 #include "archive_access.h"
 #include "commands.h"
+#include "json_object.h"
 #include "listing.h"
 
 namespace tarnwick::qvx {
 
 namespace {
 
+struct VerifyOptions : ArchivesOptions {
+    bool json = false;
+};
+
+std::string faultJson(const ReadFault& fault) {
+    JsonObject object;
+    if (!fault.subject.empty()) object.text("entry", fault.subject);
+    object.number("block", fault.block);
+    object.number("position", fault.position);
+    object.text("text", fault.text);
+    return object.finish();
+}
+
+// What is found in one archive.
+class Findings {
+public:
+    explicit Findings(std::string archive) : archive_(std::move(archive)), sink_(escapedName(archive_)) {}
+
+    void check(ArchiveReader& reader);
+    void fail(const CommandError& error);  // the archive could not be opened
+    void reportIncomplete() const;
+    [[nodiscard]] ExitStatus status() const { return status_; }
+    [[nodiscard]] std::string json() const;
+
+private:
+    void add(const ReadFault& fault);
+    void findOtherDamage(ArchiveReader& reader, const ReadFault& first);
+
+    std::string archive_;
+    CheckSink sink_;
+    JsonArray faults_;
+    ExitStatus status_ = exitSuccess;
+    bool readable_ = true;
+};
+
+void Findings::check(ArchiveReader& reader) {
+    const auto outcome = reader.readAll(sink_);
+    const ReadFault* fault = outcome.fault();
+    if (!fault) return;
+    status_ = exitFailed;
+    add(*fault);
+    findOtherDamage(reader, *fault);
+}
+
+void Findings::add(const ReadFault& fault) {
+    report(archiveError(archive_, fault));
+    faults_.add(faultJson(fault));
+}
+
 // After the first damage, everything that can be found out about the rest. Salvage meets the first damage again.
-void reportOtherDamage(const std::string& archive, ArchiveReader& reader, const CommandError& first, CheckSink& sink) {
-    const auto reportFault = [&](const ReadFault& fault) {
-        const auto error = archiveError(archive, fault);
-        if (error.text != first.text) report(error);
+void Findings::findOtherDamage(ArchiveReader& reader, const ReadFault& first) {
+    const std::string known = archiveError(archive_, first).text;
+    sink_.startAgain();
+    const auto addOther = [&](const ReadFault& fault) {
+        if (archiveError(archive_, fault).text != known) add(fault);
     };
-    sink.startAgain();
-    static_cast<void>(reader.salvage(sink, reportFault));  // the sink never stops it
+    static_cast<void>(reader.salvage(sink_, addOther));  // the sink never stops it
 }
 
-CommandResult verifyOne(EVP_PKEY* key, const std::string& archive) {
+void Findings::fail(const CommandError& error) {
+    report(error);
+    faults_.add(faultJson({error.code == 0 ? Error{error.text} : systemError(error.code)}));
+    status_ = error.status;
+    readable_ = error.code == 0;
+}
+
+void Findings::reportIncomplete() const {
+    if (status_ == exitSuccess && sink_.incomplete() > 0)
+        report(escapedName(archive_) +
+               ": intact; entries incomplete when they were captured: " + std::to_string(sink_.incomplete()));
+}
+
+std::string Findings::json() const {
+    JsonObject object;
+    object.text("archive", archive_);
+    object.text("status", !readable_                ? "unreadable"
+                          : status_ == exitOtherKey ? "other key"
+                          : status_ == exitSuccess  ? "intact"
+                                                    : "damaged");
+    object.number("entries", sink_.intact());
+    object.number("bytes", sink_.bytes());
+    object.number("incomplete", sink_.incomplete());
+    object.raw("faults", faults_.finish());
+    return object.finish();
+}
+
+CommandResult verifyOne(EVP_PKEY* key, const std::string& archive, bool json) {
+    Findings findings(archive);
     const auto reader = openArchive(archive, key);
-    if (!reader) return reader.error();
-    CheckSink sink(escapedName(archive));
-    const auto outcome = (*reader)->readAll(sink);
-    if (const ReadFault* fault = outcome.fault()) {
-        const auto first = archiveError(archive, *fault);
-        report(first);
-        reportOtherDamage(archive, **reader, first, sink);
-        return exitFailed;
-    }
-    if (sink.incomplete() > 0)
-        report(escapedName(archive) +
-               ": intact; entries incomplete when they were captured: " + std::to_string(sink.incomplete()));
-    return exitSuccess;
+    if (reader)
+        findings.check(**reader);
+    else
+        findings.fail(reader.error());
+    findings.reportIncomplete();
+    if (json) std::puts(findings.json().c_str());
+    const auto printed = finishOutput(archive, {});
+    return printed ? findings.status() : printed;
 }
 
-CommandResult runVerify(const ArchivesOptions& options) {
+CommandResult runVerify(const VerifyOptions& options) {
     const auto key = loadKey(options.key);
     if (!key) return key.error();
-    return forEachArchive(options.archives,
-                          [&](const auto& archive, const auto&) { return verifyOne(key->get(), archive); });
+    return forEachArchive(options.archives, [&](const auto& archive, const auto&) {
+        return verifyOne(key->get(), archive, options.json);
+    });
 }
 
 }  // namespace
 
 CommandRun declareVerify(CommandOptions& command) {
-    const auto options = std::make_shared<ArchivesOptions>();
+    const auto options = std::make_shared<VerifyOptions>();
+    command.addFlag("--json", options->json, "print one JSON object an archive");
     declareKey(command, options->key);
     declareArchives(command, options->archives);
     return [options] { return runVerify(*options); };
