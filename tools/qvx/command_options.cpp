@@ -24,6 +24,10 @@ void CommandOptions::addRequiredList(const char* name, std::vector<std::string>&
     command_.add_option(name, values, help)->required();
 }
 
+void CommandOptions::addRepeatable(const char* names, std::vector<std::string>& values, const char* help) {
+    command_.add_option(names, values, help)->allow_extra_args(false);
+}
+
 void CommandOptions::addFlag(const char* names, bool& flag, const char* help) { command_.add_flag(names, flag, help); }
 
 void CommandOptions::exclude(const char* first, const char* second) {

@@ -19,7 +19,8 @@ public:
     void add(const char* names, std::string& value, const char* help);
     void add(const char* names, std::vector<std::string>& values, const char* help);
     void addRequired(const char* names, std::string& value, const char* help);
-    void addRequired(const char* names, std::vector<std::string>& values, const char* help);  // one for each option
+    void addRequired(const char* names, std::vector<std::string>& values, const char* help);    // one for each option
+    void addRepeatable(const char* names, std::vector<std::string>& values, const char* help);  // the same
     void addRequiredList(const char* name, std::vector<std::string>& values, const char* help);
     void addFlag(const char* names, bool& flag, const char* help);
 

@@ -14,6 +14,7 @@ using CommandRun = std::function<CommandResult()>;
 // Each declares the options of its command, and returns the function that runs it.
 CommandRun declareCreate(CommandOptions& command);
 CommandRun declareList(CommandOptions& command);
+CommandRun declareFind(CommandOptions& command);
 CommandRun declareVerify(CommandOptions& command);
 CommandRun declareExtract(CommandOptions& command);
 CommandRun declareCat(CommandOptions& command);
@@ -30,6 +31,7 @@ struct Command {
 inline constexpr Command commands[] = {
     {"create", "make an archive of the paths", declareCreate},
     {"list", "print the entries", declareList},
+    {"find", "print the entries whose path matches a pattern", declareFind},
     {"verify", "check everything", declareVerify},
     {"extract", "put entries on disk", declareExtract},
     {"cat", "write the content of a file to standard output", declareCat},
