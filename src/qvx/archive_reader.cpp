@@ -63,6 +63,19 @@ ReadOutcome ArchiveReader::readStored(ChosenEntries& chosen, const EntryChoice& 
     return {};
 }
 
+Result<void, ReadFault> ArchiveReader::readMetadata(const EntryChoice& choice,
+                                                    const StoredMetadataReader::Visitor& visit) {
+    if (auto loaded = loadIndex(); !loaded) return loaded;
+    ChosenEntries chosen;
+    if (auto indexed = chooseEntries(*index_, choice, chosen); !indexed) return indexed;
+    constexpr auto part = ChosenBlocks::Part::metadata;
+    BlockPipeline blocks(*file_, keys_, ChosenBlocks(*file_, index_->map(), chosen, part), &index_->map());
+    StoredMetadataReader reader(blocks, choice, visit);
+    for (const auto& entry : chosen)
+        if (auto read = reader.read(entry); !read) return read;
+    return {};
+}
+
 ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
     SequentialReader reader(*file_, keys_, sink);
     BlockPipeline blocks(*file_, keys_, AllBlocks(*file_));

@@ -11,6 +11,7 @@
 
 #include "qvx/read/chosen_entry_reader.h"
 #include "qvx/read/header_copies.h"
+#include "qvx/read/stored_metadata.h"
 
 namespace tarnwick::qvx {
 
@@ -32,6 +33,10 @@ public:
     // Reads the chosen entries in the order in which they are stored, and only the blocks that contain them; last those
     // whose content is in an entry that is not chosen. Ends at the first damage.
     ReadOutcome readChosen(const EntryChoice& choice, EntrySink& sink);
+
+    // Calls `visit` with the metadata of the chosen entries in the order in which they are stored. Reads the blocks in
+    // which these begin and end, not those between. Contents are not read and not checked. Ends at the first damage.
+    Result<void, ReadFault> readMetadata(const EntryChoice& choice, const StoredMetadataReader::Visitor& visit);
 
     // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each
     // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block but

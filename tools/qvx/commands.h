@@ -16,6 +16,7 @@ CommandRun declareCreate(CommandOptions& command);
 CommandRun declareList(CommandOptions& command);
 CommandRun declareFind(CommandOptions& command);
 CommandRun declareVerify(CommandOptions& command);
+CommandRun declareDiff(CommandOptions& command);
 CommandRun declareExtract(CommandOptions& command);
 CommandRun declareCat(CommandOptions& command);
 CommandRun declareInfo(CommandOptions& command);
@@ -33,6 +34,7 @@ inline constexpr Command commands[] = {
     {"list", "print the entries", declareList},
     {"find", "print the entries whose path matches a pattern", declareFind},
     {"verify", "check everything", declareVerify},
+    {"diff", "print how the entries of two archives differ", declareDiff},
     {"extract", "put entries on disk", declareExtract},
     {"cat", "write the content of a file to standard output", declareCat},
     {"info", "print what can be read without the key", declareInfo},

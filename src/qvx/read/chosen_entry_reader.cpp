@@ -35,15 +35,24 @@ Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& ch
     return visited;
 }
 
-ChosenBlocks::ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen)
+ChosenBlocks::ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen, Part part)
     : file_(file), map_(map) {
+    // An END that begins with an empty part at the end of a block fills two more, and 8 bytes of a fourth.
+    constexpr std::uint64_t beginBlocks = 2, endBlocks = 4;
+    static_assert(maxEndLength <= 2 * std::size_t{blockSize});
     for (const ChosenEntry& entry : chosen) {
-        const Range range{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.lastBlock())};
-        if (ranges_.empty() || range.first > ranges_.back().last + 1)
-            ranges_.push_back(range);
-        else
-            ranges_.back().last = std::max(ranges_.back().last, range.last);
+        const bool skips = part == Part::metadata && entry.span >= beginBlocks + endBlocks;
+        if (skips) add(entry.block, entry.block + beginBlocks - 1);
+        add(skips ? entry.lastBlock() + 1 - endBlocks : entry.block, entry.lastBlock());
     }
+}
+
+void ChosenBlocks::add(std::uint64_t first, std::uint64_t last) {
+    const Range range{static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last)};
+    if (ranges_.empty() || range.first > ranges_.back().last + 1)
+        ranges_.push_back(range);
+    else
+        ranges_.back().last = std::max(ranges_.back().last, range.last);
 }
 
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
@@ -53,6 +62,14 @@ std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
     if (sequence == ranges_[next_].last) ++next_;
     if (const auto place = map_.find(sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
     return BlockPipeline::Task{{{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}}};
+}
+
+void ChosenBlocks::skipContent(const ChosenEntry& entry) {
+    // An END that begins with an empty part at the end of a block fills two more, and 8 bytes of a fourth.
+    constexpr std::uint64_t endBlocks = 4;
+    static_assert(maxEndLength <= 2 * std::size_t{blockSize});
+    if (sequence_ >= std::uint64_t{entry.place.block} + 2 && sequence_ + endBlocks <= entry.lastBlock())
+        sequence_ = entry.lastBlock() + 1 - endBlocks;
 }
 
 bool LateSink::begin(const EntryHead& head) {

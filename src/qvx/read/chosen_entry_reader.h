@@ -38,11 +38,18 @@ Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& ch
 // pipeline, which opens the leaders that are needed by itself.
 class ChosenBlocks {
 public:
-    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen);
+    // For metadata, the blocks in the middle of an entry are left out: of each entry, the first two remain (the target
+    // of a link may begin in one and end in the other) and the last four, which contain the whole END record.
+    enum class Part { everything, metadata };
+
+    ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const ChosenEntries& chosen,
+                 Part part = Part::everything);
 
     std::optional<BlockPipeline::Task> operator()();
 
 private:
+    void add(std::uint64_t first, std::uint64_t last);
+
     // A range for each gap between the entries, so that the consumer can free the entries that it has read.
     struct Range {
         std::uint32_t first;
