@@ -11,6 +11,7 @@
 #include "base/file_reading.h"
 #include "base/visible_text.h"
 #include "new_file.h"
+#include "openssh_key.h"
 #include "qvx/crypto/ssh_key.h"
 #include "qvx/format/header_seal.h"
 
@@ -65,7 +66,7 @@ Result<KeyHandle> loadPrivateKey(const std::string& path) {
     if (!pem) return pem.error();
     // Only on a terminal: a passphrase that is stored in a script protects nothing.
     const auto ask = [&](Passphrase& passphrase) { return askPassphrase(passphrase, "Passphrase for " + path + ": "); };
-    auto key = parsePrivateKey(*pem, ask);
+    auto key = isOpensshKey(*pem) ? parseOpensshKey(*pem, ask) : parsePrivateKey(*pem, ask);
     OPENSSL_cleanse(pem->data(), pem->size());
     if (!key) return Error{key.error().text, key.error().code, path};
     return key;
