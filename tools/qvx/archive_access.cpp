@@ -1,12 +1,16 @@
 #include "archive_access.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
+#include "interruption.h"
 #include "key_files.h"
 
 namespace tarnwick::qvx {
@@ -19,6 +23,16 @@ std::string describe(const ReadFault& fault) {
     if (fault.position) text += (fault.block ? " at position " : "position ") + std::to_string(*fault.position);
     if (fault.block || fault.position) text += ": ";
     return text + fault.text;
+}
+
+bool readerHasClosedOutput() {
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & POLLERR);
+}
+
+void endByClosedPipe() {
+    std::signal(SIGPIPE, SIG_DFL);  // main() ignores it
+    std::raise(SIGPIPE);
 }
 
 }  // namespace
@@ -83,6 +97,7 @@ CommandResult forEachArchive(const std::vector<std::string>& archives, const Arc
     ExitStatus worst = exitSuccess;
     std::size_t failed = 0;
     for (const auto& archive : archives) {
+        if (interrupted()) break;
         const auto result = run(archive, several ? escapedName(archive) + ": " : std::string());
         if (!result) report(result.error());
         const ExitStatus status = result ? *result : result.error().status;
@@ -103,10 +118,17 @@ CommandError openError(const std::string& archive, const OpenFault& fault) {
     return error;
 }
 
+Error notInArchive(const std::string& path) {
+    const auto file = openArchiveFile(path);
+    if (!file || !readHeader(**file)) return {"not in the archive", 0, path};
+    return {"another archive: this command reads only one, and then paths in it", 0, path};
+}
+
 CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome) {
     const bool written = std::fflush(stdout) == 0 && !std::ferror(stdout);
     const auto failure = systemError(errno, "standard output");
     if (outcome.fault()) return archiveError(archive, *outcome.fault());
+    if (!written && readerHasClosedOutput()) endByClosedPipe();
     if (!written) return CommandError{failure};
     return outcome ? exitSuccess : exitFailed;
 }

@@ -50,7 +50,11 @@ CommandResult forEachArchive(const std::vector<std::string>& archives, const Arc
 CommandError archiveError(const std::string& archive, const ReadFault& fault);
 CommandError openError(const std::string& archive, const OpenFault& fault);
 
-// Flushes standard output and returns how the command ended: its output counts only when all of it was written.
+// A path of the command line that no entry has. Says so if it is another archive, where only one is read.
+Error notInArchive(const std::string& path);
+
+// Flushes standard output and returns how the command ended: its output counts only when all of it was written. If the
+// reader of a pipe has closed it, this ends the process by SIGPIPE, as listings of other programs end.
 CommandResult finishOutput(const std::string& archive, const ReadOutcome& outcome);
 
 }  // namespace tarnwick::qvx

@@ -24,7 +24,7 @@ CommandResult runCat(const CatOptions& options) {
         return true;
     };
     if (auto listed = (*reader)->list(findLast); !listed) return archiveError(options.archive, listed.error());
-    if (!last) return CommandError{{"not in the archive", 0, options.path}};
+    if (!last) return CommandError{notInArchive(options.path)};
     OutputSink sink;
     // The index and the entry may disagree.
     const auto chosen = [&](std::uint64_t number, std::string_view at) { return number == *last && at == path; };

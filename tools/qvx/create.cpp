@@ -12,7 +12,6 @@
 #include "archive_output.h"
 #include "collection.h"
 #include "commands.h"
-#include "interruption.h"
 #include "key_files.h"
 #include "qvx/archive_writer.h"
 #include "report.h"
@@ -102,7 +101,6 @@ CommandResult runCreate(const CreateOptions& options) {
     if (options.paths.empty() && options.namesFrom.empty())
         return CommandError{{"there is nothing to put into the archive"}, exitUsage};
     const auto made = createArchive(options);
-    if (!made && interrupted()) endAsInterrupted();
     if (!made) return CommandError{made.error()};
     return *made == Creation::complete ? exitSuccess : exitFailed;
 }

@@ -43,7 +43,7 @@ public:
     [[nodiscard]] bool allMatched() const {
         bool all = true;
         for (const auto& chosen : paths_) {
-            if (!chosen.matched) report(Error{"not in the archive", 0, chosen.given});
+            if (!chosen.matched) report(notInArchive(chosen.given));
             all = all && chosen.matched;
         }
         return all;
@@ -144,7 +144,6 @@ CommandResult runExtract(const ExtractionOptions& options) {
     const bool complete = extractEntries(options, **reader, sink);
     sink.finishDirectories();
     reportLeftOut(sink);
-    if (interrupted()) return CommandError{{"interrupted"}};
     return complete && !sink.failed() ? exitSuccess : exitFailed;
 }
 

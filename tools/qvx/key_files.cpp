@@ -10,6 +10,7 @@
 
 #include "base/file_reading.h"
 #include "base/visible_text.h"
+#include "interruption.h"
 #include "new_file.h"
 #include "openssh_key.h"
 #include "qvx/crypto/ssh_key.h"
@@ -45,6 +46,7 @@ Status writeKeyFiles(const std::string& name, std::string_view pem, std::string_
     if (auto filled = publicFile.append(bytes(line)); !filled) return filled;
     if (auto synced = privateFile.sync(); !synced) return synced;
     if (auto synced = publicFile.sync(); !synced) return synced;
+    if (interrupted()) return Error{"interrupted"};
     privateFile.keep();
     publicFile.keep();
     return {};
@@ -67,7 +69,9 @@ Result<KeyHandle> loadPrivateKey(const std::string& path) {
     // Only on a terminal: a passphrase that is stored in a script protects nothing.
     const auto ask = [&](Passphrase& passphrase) { return askPassphrase(passphrase, "Passphrase for " + path + ": "); };
     auto key = isOpensshKey(*pem) ? parseOpensshKey(*pem, ask) : parsePrivateKey(*pem, ask);
+    const bool isPublic = !key && firstKeyLine(*pem);
     OPENSSL_cleanse(pem->data(), pem->size());
+    if (isPublic) return Error{"this is a public key; the private one is needed", 0, path};
     if (!key) return Error{key.error().text, key.error().code, path};
     return key;
 }
@@ -100,12 +104,29 @@ Result<std::vector<Point>> loadRecipients(const std::vector<std::string>& linesO
     return recipients;
 }
 
-Result<Digest> makeKeyFiles(const std::string& name) {
+namespace {
+
+Result<std::string> newKeyPem(EVP_PKEY* key, const std::string& name) {
+    Passphrase passphrase;
+    Passphrase again;
+    if (Status asked = askPassphrase(passphrase, "Passphrase for " + name + ".pem: "); !asked) return asked.error();
+    if (passphrase.size() == 0) return Error{"the passphrase is empty"};
+    if (Status asked = askPassphrase(again, "The same again: "); !asked) return asked.error();
+    if (!std::ranges::equal(std::string_view(passphrase.data(), passphrase.size()),
+                            std::string_view(again.data(), again.size())))
+        return Error{"the two passphrases differ"};
+    return encryptedKeyPem(key, passphrase);
+}
+
+}  // namespace
+
+Result<Digest> makeKeyFiles(const std::string& name, bool encrypted) {
     const auto key = generatePrivateKey();
     const auto point = publicPointOf(key.get());
     if (!point) return Error{"cannot generate a key"};
-    auto pem = privateKeyPem(key.get());
+    auto pem = encrypted ? newKeyPem(key.get(), name) : privateKeyPem(key.get());
     if (!pem) return pem.error();
+    watchForInterruption();
     const auto written = writeKeyFiles(name, *pem, sshKeyLine(*point) + '\n');
     OPENSSL_cleanse(pem->data(), pem->size());
     if (!written) return written.error();

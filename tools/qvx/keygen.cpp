@@ -10,8 +10,13 @@ namespace tarnwick::qvx {
 
 namespace {
 
-CommandResult runKeygen(const std::string& name) {
-    const auto fingerprint = makeKeyFiles(name);
+struct KeygenOptions {
+    std::string name;
+    bool passphrase = false;
+};
+
+CommandResult runKeygen(const KeygenOptions& options) {
+    const auto fingerprint = makeKeyFiles(options.name, options.passphrase);
     if (!fingerprint) return CommandError{fingerprint.error()};
     std::printf("%s\n", fingerprintText(*fingerprint).c_str());
     return exitSuccess;
@@ -20,9 +25,10 @@ CommandResult runKeygen(const std::string& name) {
 }  // namespace
 
 CommandRun declareKeygen(CommandOptions& command) {
-    const auto name = std::make_shared<std::string>();
-    command.addRequired("-o,--output", *name, "NAME: where the files go, without .pem and .pub");
-    return [name] { return runKeygen(*name); };
+    const auto options = std::make_shared<KeygenOptions>();
+    command.addRequired("-o,--output", options->name, "NAME: where the files go, without .pem and .pub");
+    command.addFlag("--passphrase", options->passphrase, "ask for a passphrase and encrypt the private key with it");
+    return [options] { return runKeygen(*options); };
 }
 
 }  // namespace tarnwick::qvx

@@ -4,11 +4,15 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <new>
+#include <numeric>
+#include <utility>
 
 #include "commands.h"
+#include "interruption.h"
 #include "qvx/crypto/openssl_environment.h"
 
 using namespace tarnwick;
@@ -26,12 +30,38 @@ void declareCommands(CLI::App& app, CommandRun& chosen) {
     }
 }
 
+std::size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < b.size(); ++j) {
+            const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = std::exchange(row[j + 1], std::min({replaced, row[j] + 1, row[j + 1] + 1}));
+        }
+    }
+    return row.back();
+}
+
+// What to say about a first word that is no command; nothing if it is one, or an option.
+std::string describeUnknownCommand(std::string_view word) {
+    constexpr std::size_t maxEdits = 2;
+    const auto edits = [&](const Command& row) { return editDistance(word, row.name); };
+    const auto* nearest = std::ranges::min_element(commands, {}, edits);
+    if (word.empty() || word.starts_with('-') || edits(*nearest) == 0) return {};
+    const bool alike = edits(*nearest) <= maxEdits && edits(*nearest) < word.size();
+    const std::string hint = alike ? std::string("did you mean ") + nearest->name + "?" : "see qvx --help";
+    return "no command " + escapedName(word) + "; " + hint;
+}
+
 int run(int argc, char** argv) {
     CLI::App app("Make, list, check and unpack sealed archives", "qvx");
     app.set_version_flag("--version", "qvx " TARNWICK_VERSION, "print the version and end");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return "qvx: " + escapedName(error.what()) + "; see qvx --help\n";
     });
+    const auto unknown = describeUnknownCommand(argc > 1 ? argv[1] : "");
+    if (!unknown.empty()) return report(unknown), exitUsage;
     CommandRun chosen;
     declareCommands(app, chosen);
     try {
@@ -40,6 +70,7 @@ int run(int argc, char** argv) {
         return app.exit(error) == 0 ? exitSuccess : exitUsage;
     }
     const CommandResult result = chosen();
+    if (interrupted()) endAsInterrupted();
     if (result) return *result;
     report(result.error());
     return result.error().status;

@@ -44,8 +44,8 @@ CommandResult rekey(const RekeyOptions& options) {
     if (!output) return CommandError{output.error()};
     const auto file = openArchiveFile(options.archive);
     if (!file) return file.error();
-    const auto key = loadPrivateKey(options.key);
-    if (!key) return CommandError{key.error()};
+    const auto key = loadKey(options.key);
+    if (!key) return key.error();
     const auto old = openHeader(**file, key->get());
     if (!old) return openError(options.archive, old.error());
     const auto header = sealHeader({old->copy.header.salt, old->unsealed.contentKey}, *recipients);

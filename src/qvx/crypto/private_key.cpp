@@ -3,6 +3,8 @@
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <climits>
@@ -12,7 +14,10 @@ namespace tarnwick::qvx {
 
 namespace {
 
+using Algorithm = std::unique_ptr<X509_ALGOR, FreeWith<X509_ALGOR_free>>;
 using Bio = std::unique_ptr<BIO, FreeWith<BIO_free_all>>;
+using EncryptedKey = std::unique_ptr<X509_SIG, FreeWith<X509_SIG_free>>;
+using KeyInfo = std::unique_ptr<PKCS8_PRIV_KEY_INFO, FreeWith<PKCS8_PRIV_KEY_INFO_free>>;
 
 Error notAKey() { return {"not a private key in PEM form"}; }
 
@@ -64,15 +69,49 @@ Result<KeyHandle> parsePrivateKey(std::string_view pem, const PassphraseSource& 
     return key;
 }
 
-Result<std::string> privateKeyPem(EVP_PKEY* key) {
-    // Secure memory, which OpenSSL wipes when the BIO is freed.
+namespace {
+
+// The text that `write` puts into secure memory, which OpenSSL wipes when the BIO is freed.
+template <typename Write>
+Result<std::string> pemText(const Write& write) {
     const Bio bio(BIO_new(BIO_s_secmem()));
     char* bytes = nullptr;
-    if (bio && PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1) {
+    if (bio && write(bio.get()) == 1) {
         const long length = BIO_get_mem_data(bio.get(), &bytes);
         if (length > 0) return std::string(bytes, static_cast<std::size_t>(length));
     }
     return Error{"the key cannot be written in PEM form"};
+}
+
+// As hard to guess as OWASP recommends for scrypt. More memory, and OpenSSL would refuse to decrypt the key.
+Algorithm passphraseAlgorithm() {
+    constexpr std::uint64_t cost = 16384;
+    constexpr std::uint64_t blockFactor = 8;
+    constexpr std::uint64_t rounds = 5;
+    return Algorithm(PKCS5_pbe2_set_scrypt(EVP_aes_256_cbc(), nullptr, 0, nullptr, cost, blockFactor, rounds));
+}
+
+EncryptedKey encryptKey(EVP_PKEY* key, const Passphrase& passphrase) {
+    const KeyInfo info(EVP_PKEY2PKCS8(key));
+    Algorithm algorithm = passphraseAlgorithm();
+    if (!info || !algorithm) return nullptr;
+    const int length = static_cast<int>(passphrase.size());
+    EncryptedKey encrypted(PKCS8_set0_pbe(passphrase.data(), length, info.get(), algorithm.get()));
+    if (encrypted) static_cast<void>(algorithm.release());  // the encrypted key owns it
+    return encrypted;
+}
+
+}  // namespace
+
+Result<std::string> privateKeyPem(EVP_PKEY* key) {
+    return pemText(
+        [&](BIO* bio) { return PEM_write_bio_PKCS8PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr); });
+}
+
+Result<std::string> encryptedKeyPem(EVP_PKEY* key, const Passphrase& passphrase) {
+    const auto encrypted = encryptKey(key, passphrase);
+    ERR_clear_error();
+    return pemText([&](BIO* bio) { return encrypted ? PEM_write_bio_PKCS8(bio, encrypted.get()) : 0; });
 }
 
 }  // namespace tarnwick::qvx

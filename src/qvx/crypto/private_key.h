@@ -22,4 +22,7 @@ Result<KeyHandle> parsePrivateKey(std::string_view pem, const PassphraseSource& 
 // The key in unencrypted PKCS#8 form. The caller wipes it. Fails when the library does.
 Result<std::string> privateKeyPem(EVP_PKEY* key);
 
+// The key in PKCS#8 form, encrypted with the passphrase, which must not be empty.
+Result<std::string> encryptedKeyPem(EVP_PKEY* key, const Passphrase& passphrase);
+
 }  // namespace tarnwick::qvx
