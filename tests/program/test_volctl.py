@@ -67,6 +67,7 @@ class Volctl(Disks):
             for words in ("zkfs", "unlockVolume", device), ("zkfs", "lockVolume", device), ("info", "-plist", folder):
                 self.volctl(*words)
             self.note("listed", *re.findall(f"(?m)^{device} .*", call("/media/programs/volctl", "list")))
+            self.note("json", *re.findall(f'.*"device": "{device}".*', call("/media/programs/volctl", "list", "--json")))
 
     def test_file_system_in_doubt_is_left_alone(self):
         path = self.formatted()[0]

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
+#include "base/json_string.h"
 #include "base/visible_text.h"
 
 namespace tarnwick {
@@ -20,6 +22,23 @@ std::string stateOf(const Volume& volume) {
 std::vector<std::string> rowOf(const Volume& volume) {
     return {shown(volume.container), shown(volume.group),   shown(volume.deviceIdentifier), shown(volume.name),
             shown(volume.role),      sizeText(volume.size), shown(volume.mountPoint),       stateOf(volume)};
+}
+
+std::string jsonLine(const Volume& volume) {
+    const std::pair<const char*, const std::string&> members[] = {{"container", volume.container},
+                                                                  {"group", volume.group},
+                                                                  {"device", volume.deviceIdentifier},
+                                                                  {"name", volume.name},
+                                                                  {"uuid", volume.uuid},
+                                                                  {"type", volume.fileSystem},
+                                                                  {"role", volume.role},
+                                                                  {"mount_point", volume.mountPoint},
+                                                                  {"left_out", volume.exclusionReason}};
+    std::string line = std::string("{\"locked\": ") + (volume.locked ? "true" : "false");
+    if (volume.size != 0) line += ", \"size\": " + std::to_string(volume.size);
+    for (const auto& [key, value] : members)
+        if (!value.empty()) line += ", " + jsonString(key) + ": " + jsonString(value);
+    return line + "}\n";
 }
 
 // The width on a terminal, estimated as the number of characters.
@@ -61,6 +80,12 @@ std::string volumeTable(const std::vector<Volume>& volumes) {
         {"CONTAINER", "GROUP", "DEVICE", "NAME", "ROLE", "SIZE", "MOUNT POINT", "STATE"}};
     std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
     return alignedTable(rows);
+}
+
+std::string volumeJson(const std::vector<Volume>& volumes) {
+    std::string lines;
+    for (const auto& volume : volumes) lines += jsonLine(volume);
+    return lines;
 }
 
 }  // namespace tarnwick

@@ -17,19 +17,21 @@ constexpr const char* program = "volctl";
 
 struct Options {
     bool asPropertyList = false;
+    bool asJson = false;
     std::string identifier;
     int keyDescriptor = -1;
 };
 
 using Command = std::function<Result<int>(const Machine&, const Options&)>;
 
-Result<int> list(const Machine& machine, const Options&) {
+Result<int> list(const Machine& machine, const Options& options) {
     if (!machine.settingsStatus) {
         auto warning = machine.settingsStatus.error();
         warning.subject = "warning: " + warning.subject;
         report(program, warning);
     }
-    return print(volumeTable(findVolumes(machine)));
+    const auto volumes = findVolumes(machine);
+    return print(options.asJson ? volumeJson(volumes) : volumeTable(volumes));
 }
 
 Result<int> listGroups(const Machine& machine, const Options& options) {
@@ -80,7 +82,8 @@ void declareCommands(CLI::App& app, Options& options, Command& chosen) {
     };
 
     app.require_subcommand(1);
-    addCommand(app, "list", "All volumes as a table", list);
+    addCommand(app, "list", "All volumes as a table", list)
+        ->add_flag("--json", options.asJson, "one JSON object a volume");
     auto* infoCommand = addCommand(app, "info", "One volume", onVolume(information));
     addPropertyListFlag(infoCommand);
     addIdentifier(infoCommand, "ID");
