@@ -26,10 +26,18 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const bool indexed = static_cast<bool>(reader.list(count));
     require(!intact || indexed);
 
+    std::uint64_t described = 0;
+    const auto describe = [&](const StoredMetadata& metadata) {
+        require(isEntryPath(metadata.head.path) && metadata.target.size() <= maxTargetLength);
+        ++described;
+    };
+    const auto choice = [](std::uint64_t number, std::string_view) { return number < 1000; };
+    const bool known = static_cast<bool>(reader.readMetadata(choice, describe));
+
     // The entries of an intact archive are the same in whichever way it is read.
     if (intact) {
         CheckingSink chosen;
-        const auto choice = [](std::uint64_t number, std::string_view) { return number < 1000; };
+        require(known && described == std::min<std::uint64_t>(listed, 1000));
         require(reader.readChosen(choice, chosen) && chosen.seen.size() == std::min<std::uint64_t>(listed, 1000));
         require(std::equal(chosen.seen.begin(), chosen.seen.end(), sink.seen.begin()));
     }

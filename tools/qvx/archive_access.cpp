@@ -42,7 +42,7 @@ void declareArchive(CommandOptions& command, std::string& archive) {
 }
 
 void declareKey(CommandOptions& command, std::string& key) {
-    command.add("-k,--key", key, "private key file in PEM form; otherwise the one that $QVX_KEY names");
+    command.add("-k,--key", key, "private key file; otherwise the one that $QVX_KEY names");
 }
 
 void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options) {

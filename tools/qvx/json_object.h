@@ -10,7 +10,8 @@
 
 namespace tarnwick::qvx {
 
-// The members of one object in the order in which they are added. A key must not come twice.
+// The members of one object in the order in which they are added. A key must not come twice. It is printed as it is, so
+// it contains no character that JSON escapes.
 class JsonObject {
 public:
     template <typename Number>
@@ -25,8 +26,8 @@ public:
 
 private:
     std::string& member(std::string_view key) {
-        if (!text_.empty()) text_ += ", ";
-        return text_ += jsonString(key) + ": ";
+        text_ += text_.empty() ? "\"" : ", \"";
+        return (text_ += key) += "\": ";
     }
 
     std::string text_;

@@ -47,9 +47,10 @@ std::string extentsText(const std::vector<Extent>& extents) {
 }
 
 std::string attributesText(const EntryTail& tail) {
-    JsonObject object;
-    for (const auto& attribute : *tail.attributes) object.text(attribute.name.c_str(), attribute.value);
-    return object.finish();
+    std::string members;
+    for (const auto& [name, value] : *tail.attributes)
+        members += (members.empty() ? "" : ", ") + jsonString(name) + ": " + jsonString(value);
+    return '{' + members + '}';
 }
 
 bool put(std::string_view text) { return std::fwrite(text.data(), 1, text.size(), stdout) == text.size(); }

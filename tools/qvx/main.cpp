@@ -55,7 +55,7 @@ std::string describeUnknownCommand(std::string_view word) {
 }
 
 int run(int argc, char** argv) {
-    CLI::App app("Make, list, check and unpack sealed archives", "qvx");
+    CLI::App app("Make, list, search, compare, check and unpack sealed archives", "qvx");
     app.set_version_flag("--version", "qvx " TARNWICK_VERSION, "print the version and end");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return "qvx: " + escapedName(error.what()) + "; see qvx --help\n";
