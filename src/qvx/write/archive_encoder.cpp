@@ -15,6 +15,8 @@ namespace {
 
 // Bytes of payload; bounds the memory for an index part. A part is longer only to cover the least count of entries.
 constexpr std::size_t indexPartSize = 256 * 1024;
+// Parts are written together, so that a reader over a network needs few requests: of most archives all at the end.
+constexpr std::size_t maxHeldIndex = 4 * 1024 * 1024;
 constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes, of a file whose size is reported as 0
 constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
@@ -288,7 +290,8 @@ void ArchiveEncoder::writeTail(Entry& entry) {
     entry.indexEntry.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
     part_.add(entry.indexEntry);
     ++root_.entries;
-    if (part_.size() >= indexPartSize && part_.count() >= minIndexPartEntries) flushIndexPart();
+    if (part_.size() >= indexPartSize && part_.count() >= minIndexPartEntries) holdIndexPart();
+    if (heldIndex_ >= maxHeldIndex) writeIndexParts();
 }
 
 // A payload that does not fit continues in the next block. Returns the block of the last part.
@@ -308,20 +311,29 @@ std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     return block;
 }
 
-void ArchiveEncoder::flushIndexPart() {
+void ArchiveEncoder::holdIndexPart() {
     if (part_.count() == 0) return;
     const auto first = static_cast<std::uint32_t>(root_.entries - part_.count());
-    payload_.clear();
-    part_.finish(payload_);
-    if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
-    // After the padding, which may begin a new block.
-    root_.parts.push_back(
-        {first, static_cast<std::uint32_t>(stream_.block()), static_cast<std::uint32_t>(stream_.offset())});
-    writeRecord(RecordType::index, payload_);
+    auto& held = indexParts_.emplace_back(first, std::vector<std::uint8_t>());
+    part_.finish(held.second);
+    heldIndex_ += held.second.size();
+}
+
+void ArchiveEncoder::writeIndexParts() {
+    for (const auto& [first, payload] : indexParts_) {
+        if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
+        // After the padding, which may begin a new block.
+        root_.parts.push_back(
+            {first, static_cast<std::uint32_t>(stream_.block()), static_cast<std::uint32_t>(stream_.offset())});
+        writeRecord(RecordType::index, payload);
+    }
+    indexParts_.clear();
+    heldIndex_ = 0;
 }
 
 Status ArchiveEncoder::complete() {
-    flushIndexPart();
+    holdIndexPart();
+    writeIndexParts();
     stream_.pad();
     // The root lists the sealed lengths of all blocks before it, so they must be written first.
     if (Status drained = stream_.drain(); !drained) return drained;

@@ -60,7 +60,8 @@ private:
     void writeTail(Entry& entry);
     std::uint64_t writeRecord(RecordType type, Bytes payload);
     void reserveSpace(std::uint64_t content);
-    void flushIndexPart();
+    void holdIndexPart();
+    void writeIndexParts();
     Status complete();
     [[nodiscard]] bool changedBeforeStart(const struct statx& status) const;
 
@@ -78,6 +79,8 @@ private:
     std::vector<std::uint8_t> payload_;
     struct timespec started_ {};
     IndexPartEncoder part_;
+    std::vector<std::pair<std::uint32_t, std::vector<std::uint8_t>>> indexParts_;  // to be written, by first entry
+    std::size_t heldIndex_ = 0;                                                    // their bytes
     ArchiveRoot root_;
     std::vector<IncompleteEntry> incomplete_;
 };
