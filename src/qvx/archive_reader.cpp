@@ -16,15 +16,21 @@ std::uint64_t countMissing(const std::vector<std::uint32_t>& found, std::uint64_
     return end - first - static_cast<std::uint64_t>(present);
 }
 
+Result<OpenedHeader, OpenFault> openEither(const ArchiveFile& file, EVP_PKEY* key, ArchiveReader::Opening opening) {
+    if (file.isStream()) return openStreamHeader(file, key);
+    return opening == ArchiveReader::Opening::salvage ? salvageHeader(file, key) : openHeader(file, key);
+}
+
 }  // namespace
 
 Result<std::unique_ptr<ArchiveReader>, OpenFault> ArchiveReader::open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
                                                                       Opening opening) {
-    const auto opened = opening == Opening::salvage ? salvageHeader(*file, key) : openHeader(*file, key);
+    const auto opened = openEither(*file, key, opening);
     if (!opened) return opened.error();
     const std::uint64_t header = opened->copy.bytes.size();
     // For salvage, the footer may be missing: then this is where its copy of the header would be.
     file->setBlocks(header, file->size() - std::min(file->size(), header + footerEndSize));
+    if (file->isStream()) file->expectFooter(encodeFooter(opened->copy.bytes));
     return std::unique_ptr<ArchiveReader>(new ArchiveReader(std::move(file), *opened));
 }
 
@@ -100,6 +106,7 @@ ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     while (const auto block = blocks.next())
         if (auto outcome = reader.consume(*block); !outcome) return outcome;
     reportLost(reader.finish(), report);
+    if (const Status readable = file_->canReadAgain(); !readable) report(ReadFault{readable.error()});
     return {};
 }
 

@@ -22,7 +22,8 @@ public:
     enum class Opening { intact, salvage };
 
     // Unseals the content key with the private key of a recipient. Fails when the header or the footer is damaged; for
-    // salvage, one intact header anywhere in the file is enough.
+    // salvage, one intact header anywhere in the file is enough. Of an archive in a stream, only the header is read,
+    // and only readAll() may be called.
     static Result<std::unique_ptr<ArchiveReader>, OpenFault> open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
                                                                   Opening opening = Opening::intact);
 
@@ -46,6 +47,9 @@ public:
     // Reads every entry whose blocks are intact, wherever they are in the file, and reports what is damaged or lost.
     // Complete also when something was reported.
     ReadOutcome salvage(EntrySink& sink, const FaultReport& report);
+
+    // Whether a fault may be damage that salvage() can read around: not in a stream, and not when a connection is lost.
+    [[nodiscard]] bool canSalvage() const { return static_cast<bool>(file_->canReadAgain()); }
 
 private:
     ArchiveReader(std::unique_ptr<ArchiveFile> file, const OpenedHeader& header)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 #include "qvx/read/byte_source.h"
 
@@ -22,6 +23,20 @@ public:
     // Fills `bytes` from the file. Fails also when the file ends too early.
     [[nodiscard]] Status read(std::uint64_t position, MutableBytes bytes) const;
 
+    // Hints that a source that is far away fetches bytes early: these, or those from `position` on, of a reader that
+    // continues from there. The positions may come from a hostile archive.
+    void willRead(std::uint64_t begin, std::uint64_t end) const;
+    void willReadFrom(std::uint64_t position) const;
+
+    // For a stream: what must follow its last block.
+    void expectFooter(std::vector<std::uint8_t> footer) { footer_ = std::move(footer); }
+
+    // Whether the blocks may end at `position`. Reads the footer of a stream.
+    [[nodiscard]] Status checkBlocksEnd(std::uint64_t position) const;
+
+    [[nodiscard]] bool isStream() const { return source_->isStream(); }
+    [[nodiscard]] Status canReadAgain() const { return source_->canReadAgain(); }
+
     // The bytes that read() was asked for so far: a measure of work, for tests.
     [[nodiscard]] std::uint64_t bytesRead() const { return bytesRead_; }
 
@@ -29,6 +44,7 @@ private:
     std::unique_ptr<ByteSource> source_;
     std::uint64_t blocksBegin_ = 0;
     std::uint64_t blocksEnd_;
+    std::vector<std::uint8_t> footer_;
     mutable std::atomic<std::uint64_t> bytesRead_ = 0;
 };
 

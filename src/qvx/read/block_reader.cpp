@@ -16,6 +16,7 @@ namespace {
 constexpr unsigned maxWorkers = 16;
 constexpr std::size_t maxDigests = 4096;  // in one block; the consumer computes those of the other entries
 constexpr std::size_t maxParts = 4096;    // DATA records of one entry
+constexpr std::uint64_t maxSealedBlock = blockHeaderSize + blockSize + tagSize;
 
 const char* describe(BlockFault fault) {
     switch (fault) {
@@ -120,6 +121,14 @@ std::optional<BlockPlace> BlockMap::find(std::uint64_t sequence) const {
     return BlockPlace{sequence, positions_[sequence]};
 }
 
+void willReadBlocks(const ArchiveFile& file, const BlockMap& map, std::uint64_t first, std::uint64_t end) {
+    const auto begin = map.find(first);
+    if (!begin) return;
+    // The map may end with these blocks.
+    const auto next = map.find(end);
+    file.willRead(begin->position, next ? next->position : begin->position + (end - first) * maxSealedBlock);
+}
+
 BlockPointer RandomBlocks::get(std::uint64_t sequence) {
     if (auto kept = find(sequence)) return kept;
     auto block = open(sequence);
@@ -144,6 +153,7 @@ BlockPointer RandomBlocks::open(std::uint64_t sequence) {
 }
 
 OpenedBlock RandomBlocks::unopened(std::uint64_t sequence) const {
+    willReadBlocks(file_, map_, sequence, sequence + 1);
     if (const auto place = map_.find(sequence)) return unopenedBlock(file_, *place);
     return {{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}};
 }
@@ -257,6 +267,7 @@ BlockPipeline::SlotPointer BlockPipeline::findLeader(std::uint64_t sequence) con
 BlockPipeline::SlotPointer BlockPipeline::fetchLeader(std::uint64_t sequence) const {
     const auto place = map_ ? map_->find(sequence) : std::nullopt;
     if (!place) return nullptr;
+    willReadBlocks(file_, *map_, sequence, sequence + 1);
     auto slot = std::make_shared<Slot>(Slot{.block = unopenedBlock(file_, *place), .requested = false});
     return slot->block.header.leads() ? slot : nullptr;
 }
@@ -288,13 +299,9 @@ void BlockPipeline::finish(Slot& slot) {
 
 std::optional<BlockPipeline::Task> AllBlocks::operator()() {
     if (ended_) return std::nullopt;
-    const bool atEnd = next_.position == file_->blocksEnd();
-    if (pastLast_ || atEnd) {
-        ended_ = true;
-        if (pastLast_ && atEnd) return std::nullopt;
-        const char* text = atEnd ? "the last block is missing" : "there are bytes after the last block";
-        return BlockPipeline::Task{{next_, {}, {}, ReadFault{{text}, std::nullopt, next_.position}}};
-    }
+    if (pastLast_) return end(file_->checkBlocksEnd(next_.position));
+    if (next_.position == file_->blocksEnd()) return end(Error{"the last block is missing"});
+    file_->willReadFrom(next_.position);
     BlockPipeline::Task task{unopenedBlock(*file_, next_), true};
     ended_ = task.block.fault.has_value();
     const auto& header = task.block.header;
@@ -304,9 +311,19 @@ std::optional<BlockPipeline::Task> AllBlocks::operator()() {
     return task;
 }
 
+std::optional<BlockPipeline::Task> AllBlocks::end(const Status& checked) {
+    ended_ = true;
+    if (checked) return std::nullopt;
+    return BlockPipeline::Task{{next_, {}, {}, ReadFault{checked.error(), std::nullopt, next_.position}}};
+}
+
 std::optional<BlockPipeline::Task> MappedBlocks::operator()() {
-    while (next_ < map_->end())
-        if (const auto place = map_->find(next_++)) return BlockPipeline::Task{unopenedBlock(*file_, *place)};
+    while (next_ < map_->end()) {
+        const auto place = map_->find(next_++);
+        if (!place) continue;
+        file_->willReadFrom(place->position);
+        return BlockPipeline::Task{unopenedBlock(*file_, *place)};
+    }
     return std::nullopt;
 }
 

@@ -89,6 +89,9 @@ private:
     std::deque<std::uint64_t> positions_;  // not a vector, which needs twice the memory when it grows
 };
 
+// Hints that the blocks from `first` to one before `end` will be read.
+void willReadBlocks(const ArchiveFile& file, const BlockMap& map, std::uint64_t first, std::uint64_t end);
+
 // Opens blocks in any order, for one thread. Keeps the last four leaders and the last other block.
 class RandomBlocks {
 public:
@@ -188,6 +191,8 @@ public:
     std::optional<BlockPipeline::Task> operator()();
 
 private:
+    std::optional<BlockPipeline::Task> end(const Status& checked);
+
     const ArchiveFile* file_;
     BlockPlace next_;
     bool pastLast_ = false;

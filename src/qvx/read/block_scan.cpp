@@ -39,6 +39,7 @@ private:
         const auto header = readBlockHeader(file_, position);
         if (!header) return std::nullopt;
         sealed_.resize(header->sealedLength);
+        file_.willReadFrom(position);
         if (!file_.read(position + blockHeaderSize, sealed_)) return std::nullopt;
         const MutableBytes stored = MutableBytes(sealed_).first(sealed_.size() - tagSize);
         const std::span<const std::uint8_t, tagSize> tag(sealed_.data() + stored.size(), tagSize);

@@ -1,7 +1,8 @@
-// Where the bytes of an archive are: in a file, or elsewhere.
+// Where the bytes of an archive are: in a file, in a pipe, or elsewhere.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "base/handle.h"
@@ -22,7 +23,21 @@ public:
 
     // Fills `bytes`, which are within the size. Fails also when the source has become shorter.
     [[nodiscard]] virtual Status read(std::uint64_t position, MutableBytes bytes) const = 0;
+
+    // A hint: these bytes, which are within the size, will be read soon. Returns at once. A source that is far away
+    // begins to fetch them, as far as it can keep them.
+    virtual void willRead(std::uint64_t /*begin*/, std::uint64_t /*end*/) const {}
+
+    // Whether the bytes come only once, from the first to the last. Then the size is not known: size() is the largest
+    // one.
+    [[nodiscard]] virtual bool isStream() const { return false; }
+
+    // Fails when bytes that were read cannot be read again: from a stream, and when a connection is lost for good.
+    [[nodiscard]] virtual Status canReadAgain() const { return {}; }
 };
+
+// Whether to stop waiting for bytes, because the user has interrupted the program. Any thread may call it.
+using StopQuestion = std::function<bool()>;
 
 // Fails when the descriptor is not of a regular file.
 Result<std::unique_ptr<ByteSource>, ReadFault> openFileSource(FileDescriptor descriptor);

@@ -8,6 +8,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
+constexpr std::size_t maxAhead = 12;  // blocks
 constexpr const char* indexMismatch = "the index does not match the entry";
 
 std::uint32_t hashOf(std::string_view path) { return static_cast<std::uint32_t>(std::hash<std::string_view>()(path)); }
@@ -56,20 +57,33 @@ void ChosenBlocks::add(std::uint64_t first, std::uint64_t last) {
 }
 
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
-    if (next_ == ranges_.size()) return std::nullopt;
-    const std::uint32_t sequence = std::max(sequence_, ranges_[next_].first);
-    sequence_ = sequence + 1;
-    if (sequence == ranges_[next_].last) ++next_;
-    if (const auto place = map_.find(sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
-    return BlockPipeline::Task{{{sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, sequence}}};
+    if (ahead_ <= maxAhead / 2) lookAhead();
+    const auto sequence = next(supplied_);
+    if (!sequence) return std::nullopt;
+    --ahead_;
+    if (const auto place = map_.find(*sequence)) return BlockPipeline::Task{unopenedBlock(file_, *place)};
+    return BlockPipeline::Task{{{*sequence, 0}, {}, {}, ReadFault{{"there is no such block"}, *sequence}}};
 }
 
-void ChosenBlocks::skipContent(const ChosenEntry& entry) {
-    // An END that begins with an empty part at the end of a block fills two more, and 8 bytes of a fourth.
-    constexpr std::uint64_t endBlocks = 4;
-    static_assert(maxEndLength <= 2 * std::size_t{blockSize});
-    if (sequence_ >= std::uint64_t{entry.place.block} + 2 && sequence_ + endBlocks <= entry.lastBlock())
-        sequence_ = entry.lastBlock() + 1 - endBlocks;
+std::optional<std::uint64_t> ChosenBlocks::next(Cursor& cursor) const {
+    if (cursor.range == ranges_.size()) return std::nullopt;
+    const Range& range = ranges_[cursor.range];
+    const std::uint32_t block = std::max(cursor.block, range.first);
+    cursor.block = block + 1;
+    if (block == range.last) ++cursor.range;
+    return block;
+}
+
+// Blocks that follow one another are one hint.
+void ChosenBlocks::lookAhead() {
+    std::uint64_t first = 0;
+    std::uint64_t end = 0;
+    for (std::optional<std::uint64_t> block; ahead_ < maxAhead && (block = next(hinted_)); ++ahead_) {
+        if (*block != end) willReadBlocks(file_, map_, first, end);
+        if (*block != end) first = *block;
+        end = *block + 1;
+    }
+    willReadBlocks(file_, map_, first, end);
 }
 
 bool LateSink::begin(const EntryHead& head) {

@@ -48,19 +48,28 @@ public:
     std::optional<BlockPipeline::Task> operator()();
 
 private:
-    void add(std::uint64_t first, std::uint64_t last);
-
     // A range for each gap between the entries, so that the consumer can free the entries that it has read.
     struct Range {
         std::uint32_t first;
         std::uint32_t last;
     };
 
+    // Where in the ranges this or the look-ahead is.
+    struct Cursor {
+        std::size_t range = 0;
+        std::uint32_t block = 0;
+    };
+
+    void add(std::uint64_t first, std::uint64_t last);
+    std::optional<std::uint64_t> next(Cursor& cursor) const;
+    void lookAhead();
+
     const ArchiveFile& file_;
     const BlockMap& map_;
     std::vector<Range> ranges_;
-    std::size_t next_ = 0;
-    std::uint32_t sequence_ = 0;
+    Cursor supplied_;
+    Cursor hinted_;  // so far the source knows what will be read
+    std::size_t ahead_ = 0;  // blocks from supplied_ to hinted_
 };
 
 // Begins an entry at another sink only when its content comes, or its end: until then, nothing is known about an entry

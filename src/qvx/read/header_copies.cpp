@@ -9,6 +9,9 @@ namespace tarnwick::qvx {
 
 namespace {
 
+// What most readers need from the end of an archive: footer, last block and root, and often the index.
+constexpr std::uint64_t usualEnd = 131072;
+
 // Each try costs a key agreement; somebody may have planted any number of headers.
 constexpr unsigned maxTries = 16;
 
@@ -32,6 +35,19 @@ Result<HeaderCopy> readCopy(const ArchiveFile& file, std::uint64_t position) {
     return HeaderCopy{std::move(bytes), std::move(*header)};
 }
 
+// No byte more than the header: it could not be read again.
+Result<HeaderCopy> readStreamHeader(const ArchiveFile& file) {
+    std::vector<std::uint8_t> bytes;
+    for (std::size_t recipients = 1;; ++recipients) {
+        const std::size_t had = bytes.size();
+        bytes.resize(headerSize(recipients));
+        if (Status read = file.read(had, MutableBytes(bytes).subspan(had)); !read) return read.error();
+        auto header = decodeFileHeader(bytes);
+        if (header) return HeaderCopy{std::move(bytes), std::move(*header)};
+        if (recipients == maxRecipients) return header.error();
+    }
+}
+
 std::optional<std::size_t> readFooterEnd(const ArchiveFile& file) {
     std::array<std::uint8_t, footerEndSize> end{};
     if (file.size() < end.size() || !file.read(file.size() - end.size(), end)) return std::nullopt;
@@ -41,6 +57,7 @@ std::optional<std::size_t> readFooterEnd(const ArchiveFile& file) {
 // Even if the end of the footer is damaged, the header says how long its copy is.
 Copies readCopies(const ArchiveFile& file) {
     Copies copies{readCopy(file, 0), Error{"the footer is missing"}};
+    file.willRead(file.size() - std::min(file.size(), usualEnd), file.size());
     auto length = readFooterEnd(file);
     copies.hasFooterEnd = length.has_value();
     if (!length && copies.first) length = copies.first->bytes.size();
@@ -119,6 +136,12 @@ Result<OpenedHeader, OpenFault> openHeader(const ArchiveFile& file, EVP_PKEY* ke
     auto copies = readCopies(file);
     if (!copies.areIntact()) return OpenFault{damage(copies, key)};
     return unseal(std::move(*copies.first), key);
+}
+
+Result<OpenedHeader, OpenFault> openStreamHeader(const ArchiveFile& file, EVP_PKEY* key) {
+    auto header = readStreamHeader(file);
+    if (!header) return OpenFault{ReadFault{header.error()}};
+    return unseal(std::move(*header), key);
 }
 
 Result<OpenedHeader, OpenFault> salvageHeader(const ArchiveFile& file, EVP_PKEY* key) {

@@ -28,6 +28,9 @@ Result<HeaderCopy, ReadFault> readHeader(const ArchiveFile& file);
 // The same with the private key of a recipient, which also proves that the header is unchanged.
 Result<OpenedHeader, OpenFault> openHeader(const ArchiveFile& file, EVP_PKEY* key);
 
+// The same for a stream, whose footer is checked when it is reached.
+Result<OpenedHeader, OpenFault> openStreamHeader(const ArchiveFile& file, EVP_PKEY* key);
+
 // Opens either copy. If neither is intact and at its place, searches the file for a header.
 Result<OpenedHeader, OpenFault> salvageHeader(const ArchiveFile& file, EVP_PKEY* key);
 

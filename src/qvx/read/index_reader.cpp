@@ -6,6 +6,9 @@ namespace tarnwick::qvx {
 
 namespace {
 
+constexpr std::uint64_t maxHinted = 12;     // blocks
+constexpr std::uint64_t maxPartBlocks = 4;  // that a part is expected to have; a longer one is read without a hint
+
 // The last block has a fixed length, so it is found from the end of the file. Its header states its sequence number.
 Result<Trailer, ReadFault> readTrailer(const ArchiveFile& file, const MessageKeys& keys) {
     const ReadFault cut = readFault("the end of the archive is cut or damaged");
@@ -52,6 +55,7 @@ Result<void, ReadFault> ArchiveIndex::readRoot(const ArchiveFile& file, const Me
     const std::size_t limit = maxRootLength(trailer.entries, trailer.rootSequence);
     // A position that overflows is not in the file, or does not fit the lengths in the root.
     BlockPlace place{trailer.rootSequence, file.blocksBegin() + trailer.rootPosition};
+    file.willRead(place.position, file.blocksEnd());
     for (; place.sequence < trailer.blocks - 1; ++place.sequence) {
         auto block = unopenedBlock(file, place);
         opener.open(block, [] { return BlockPointer(); });
@@ -99,6 +103,7 @@ Result<void, ReadFault> ArchiveIndex::visit(const Visitor& visit) {
 
 Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor& visit) {
     const IndexPartPlace& place = parts_[part];
+    hint(part);
     const auto payload = readPart(place);
     if (!payload) return payload.error();
     IndexPartDecoder decoder(*payload);
@@ -113,6 +118,24 @@ Result<void, ReadFault> ArchiveIndex::visitPart(std::size_t part, const Visitor&
     ReadFault fault = readFault("a part of the index is malformed");
     fault.block = place.block;
     return fault;
+}
+
+// The parts from this one on whose blocks follow one another. In most archives these are all parts.
+void ArchiveIndex::hint(std::size_t part) {
+    if (part < hinted_) return;
+    const std::uint64_t first = parts_[part].block;
+    std::uint64_t end = first;
+    for (; part < parts_.size() && end - first < maxHinted && parts_[part].block <= end; ++part)
+        end = partEndBlock(part);
+    willReadBlocks(file_, map_, first, end);
+    hinted_ = part;
+}
+
+// At least the block after the one in which the part begins; more only if the part may go on into it.
+std::uint64_t ArchiveIndex::partEndBlock(std::size_t part) const {
+    const std::uint64_t block = parts_[part].block;
+    const std::uint64_t next = part + 1 < parts_.size() ? parts_[part + 1].block : map_.end();
+    return next > block && next - block <= maxPartBlocks ? next : block + 1;
 }
 
 Result<std::vector<std::uint8_t>, ReadFault> ArchiveIndex::readPart(const IndexPartPlace& place) {

@@ -32,14 +32,18 @@ public:
     [[nodiscard]] const BlockMap& map() const { return map_; }
 
 private:
-    ArchiveIndex(const ArchiveFile& file, const MessageKeys& keys) : blocks_(file, keys, map_) {}
+    ArchiveIndex(const ArchiveFile& file, const MessageKeys& keys) : file_(file), blocks_(file, keys, map_) {}
 
     Result<void, ReadFault> readRoot(const ArchiveFile& file, const MessageKeys& keys, const Trailer& trailer);
     bool useRoot(Bytes payload, const ArchiveFile& file, const Trailer& trailer);
     Result<std::vector<std::uint8_t>, ReadFault> readPart(const IndexPartPlace& place);
+    void hint(std::size_t part);
+    [[nodiscard]] std::uint64_t partEndBlock(std::size_t part) const;
 
+    const ArchiveFile& file_;
     std::uint64_t entries_ = 0;
     std::vector<IndexPartPlace> parts_;
+    std::size_t hinted_ = 0;  // the parts before this one will be read
     BlockMap map_;
     RandomBlocks blocks_;
 };

@@ -16,6 +16,7 @@ std::uint64_t MagicSearch::find(std::uint64_t position) {
         if (position < windowAt_ || position + magic_.size() > windowAt_ + window_.size()) {
             window_.resize(static_cast<std::size_t>(std::min(windowSize, file_.size() - position)));
             windowAt_ = position;
+            file_.willReadFrom(position);
             // The disk may be damaged here. The search continues after this window, which is emptied: its bytes are not
             // those of the file.
             if (!file_.read(position, window_)) {
