@@ -8,7 +8,7 @@ import sys
 LAYERS = [["base"], ["log", "plist", "qvx"], ["platform"], ["config", "volumes"], ["capture", "store"], ["app"]]
 HEIGHT = {folder: number for number, layer in enumerate(LAYERS) for folder in layer}
 QVX_SEES = {"crypto": "", "format": "crypto", "write": "format crypto", "read": "format crypto",
-            "extract": "read format"}
+            "extract": "read format", "remote": "read format"}
 LINKED_TOOLS = {("tarnwick-consent", "volctl"), ("tarnwick-consent", "platform")}  # built on modules of another folder
 TOOLS_SEE = {"base", "plist", "qvx"}
 LIBRARY_FOLDERS = {"plist", "qvx", "platform"}  # the folders that may see third-party libraries

@@ -1,0 +1,189 @@
+#include "qvx/remote/remote_source.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "qvx/remote/range_fetcher.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+constexpr std::uint64_t pieceSize = 65536;
+constexpr std::size_t maxPieces = 512;          // in the cache
+constexpr std::size_t maxHinted = 256;          // pieces that hints may ask for at the same time
+constexpr std::uint64_t maxRequestPieces = 64;  // in one request, so that several are in progress
+
+// A part of the object. It is complete when it has all its bytes.
+struct Piece {
+    std::vector<std::uint8_t> bytes;
+    std::uint64_t used = 0;  // greater for a later use
+};
+
+class RemoteSource : public ByteSource {
+public:
+    RemoteSource(const std::string& url, StopQuestion interrupted)
+        : fetcher_(url,
+                   {[this](std::uint64_t position, Bytes bytes) { receive(position, bytes); },
+                    [this](const Status& status, const ObjectState& object) { finish(status, object); }},
+                   std::move(interrupted)) {}
+
+    Status open();
+
+    [[nodiscard]] std::uint64_t size() const override { return size_; }
+    [[nodiscard]] Status read(std::uint64_t position, MutableBytes bytes) const override;
+    void willRead(std::uint64_t begin, std::uint64_t end) const override;
+    [[nodiscard]] Status canReadAgain() const override;
+
+private:
+    [[nodiscard]] bool isComplete(std::uint64_t number, const Piece& piece) const;
+    [[nodiscard]] Piece* awaitPiece(std::unique_lock<std::mutex>& lock, std::uint64_t number, std::uint64_t end) const;
+    [[nodiscard]] std::uint64_t piecesBefore(std::uint64_t number) const;
+    void request(std::uint64_t begin, std::uint64_t end) const;
+    void fetchRun(std::uint64_t begin, std::uint64_t end) const;
+    void freePieces(std::size_t count) const;
+    void receive(std::uint64_t position, Bytes bytes);
+    void finish(const Status& status, const ObjectState& object);
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    mutable std::map<std::uint64_t, Piece> pieces_;  // by number: all that were asked for
+    mutable std::uint64_t uses_ = 0;
+    mutable std::size_t pending_ = 0;  // pieces that were asked for and are not complete
+    Status state_;                     // fails after a failure that did not pass
+    std::uint64_t size_ = 0;           // constant after open()
+    mutable RangeFetcher fetcher_;     // last, because its thread uses the others
+};
+
+// The first answer gives the size.
+Status RemoteSource::open() {
+    std::unique_lock lock(mutex_);
+    fetchRun(0, 1);
+    changed_.wait(lock, [this] { return size_ > 0 || !state_; });
+    return state_;
+}
+
+Status RemoteSource::read(std::uint64_t position, MutableBytes bytes) const {
+    std::unique_lock lock(mutex_);
+    while (!bytes.empty()) {
+        const std::uint64_t number = position / pieceSize;
+        const std::uint64_t end = (position + bytes.size() - 1) / pieceSize + 1;
+        const Piece* piece = awaitPiece(lock, number, end);
+        if (!piece) return state_;
+        const std::size_t offset = position % pieceSize;
+        const std::size_t count = std::min(bytes.size(), piece->bytes.size() - offset);
+        std::copy_n(piece->bytes.begin() + static_cast<std::ptrdiff_t>(offset), count, bytes.begin());
+        bytes = bytes.subspan(count);
+        position += count;
+    }
+    return {};
+}
+
+void RemoteSource::willRead(std::uint64_t begin, std::uint64_t end) const {
+    const std::uint64_t first = begin / pieceSize;
+    const std::lock_guard lock(mutex_);
+    if (pending_ < maxHinted) request(first, std::min((end - 1) / pieceSize + 1, first + maxHinted));
+}
+
+Status RemoteSource::canReadAgain() const {
+    const std::lock_guard lock(mutex_);
+    return state_;
+}
+
+bool RemoteSource::isComplete(std::uint64_t number, const Piece& piece) const {
+    return size_ > 0 && piece.bytes.size() == std::min(pieceSize, size_ - number * pieceSize);
+}
+
+// The piece with the number; those up to `end` will be needed next. Null after a failure.
+Piece* RemoteSource::awaitPiece(std::unique_lock<std::mutex>& lock, std::uint64_t number, std::uint64_t end) const {
+    while (state_) {
+        auto found = pieces_.find(number);
+        if (found == pieces_.end()) {
+            request(number, end + std::min(piecesBefore(number), maxRequestPieces));
+            found = pieces_.find(number);
+        }
+        found->second.used = ++uses_;
+        if (isComplete(number, found->second)) return &found->second;
+        changed_.wait(lock);
+    }
+    return nullptr;
+}
+
+// A reader that nobody announced, and that has read so many pieces in order, probably continues.
+std::uint64_t RemoteSource::piecesBefore(std::uint64_t number) const {
+    std::uint64_t count = 0;
+    while (count < maxRequestPieces && count < number && pieces_.contains(number - count - 1)) ++count;
+    return count;
+}
+
+// Requests the pieces that are missing, each run of them at once.
+void RemoteSource::request(std::uint64_t begin, std::uint64_t end) const {
+    end = std::min(end, (size_ - 1) / pieceSize + 1);
+    std::uint64_t first = begin;
+    for (std::uint64_t number = begin; number < end; ++number) {
+        const bool known = pieces_.contains(number);
+        // A long run is cut at fixed places, so that the hints of a reader that continues add no short ones.
+        const bool cut = number % maxRequestPieces == 0 && end - first > maxRequestPieces;
+        if (!known && !cut) continue;
+        fetchRun(first, number);
+        first = known ? number + 1 : number;
+    }
+    fetchRun(first, end);
+}
+
+void RemoteSource::fetchRun(std::uint64_t begin, std::uint64_t end) const {
+    if (begin >= end) return;
+    freePieces(end - begin);
+    pending_ += end - begin;
+    for (std::uint64_t number = begin; number < end; ++number) pieces_[number].used = ++uses_;
+    fetcher_.fetch({begin * pieceSize, end * pieceSize});
+}
+
+// Of the complete pieces, frees those that were not used for the longest time.
+void RemoteSource::freePieces(std::size_t count) const {
+    while (pieces_.size() + count > maxPieces) {
+        auto oldest = pieces_.end();
+        for (auto piece = pieces_.begin(); piece != pieces_.end(); ++piece)
+            if (isComplete(piece->first, piece->second) &&
+                (oldest == pieces_.end() || piece->second.used < oldest->second.used))
+                oldest = piece;
+        if (oldest == pieces_.end()) return;
+        pieces_.erase(oldest);
+    }
+}
+
+// A request begins at a piece, and what it receives continues what it received.
+void RemoteSource::receive(std::uint64_t position, Bytes bytes) {
+    const std::lock_guard lock(mutex_);
+    while (!bytes.empty()) {
+        const std::size_t count = std::min<std::uint64_t>(bytes.size(), pieceSize - position % pieceSize);
+        auto& piece = pieces_[position / pieceSize].bytes;
+        piece.reserve(pieceSize);
+        piece.insert(piece.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
+        bytes = bytes.subspan(count);
+        position += count;
+        // The last piece is shorter, and nothing is asked for after it.
+        if (position % pieceSize == 0) --pending_;
+    }
+    changed_.notify_all();
+}
+
+void RemoteSource::finish(const Status& status, const ObjectState& object) {
+    const std::lock_guard lock(mutex_);
+    if (status) size_ = object.size;
+    if (!status && state_) state_ = status;
+    changed_.notify_all();
+}
+
+}  // namespace
+
+Result<std::unique_ptr<ByteSource>, ReadFault> openRemoteSource(const std::string& url, StopQuestion interrupted) {
+    auto source = std::make_unique<RemoteSource>(url, std::move(interrupted));
+    if (Status opened = source->open(); !opened) return ReadFault{opened.error()};
+    return std::unique_ptr<ByteSource>(std::move(source));
+}
+
+}  // namespace tarnwick::qvx
