@@ -12,6 +12,9 @@
 
 #include "interruption.h"
 #include "key_files.h"
+#include "qvx/read/stream_source.h"
+#include "qvx/remote/remote_source.h"
+#include "qvx/remote/remote_url.h"
 
 namespace tarnwick::qvx {
 
@@ -33,6 +36,15 @@ bool readerHasClosedOutput() {
 void endByClosedPipe() {
     std::signal(SIGPIPE, SIG_DFL);  // main() ignores it
     std::raise(SIGPIPE);
+}
+
+Result<std::unique_ptr<ByteSource>, ReadFault> openSource(const std::string& archive) {
+    if (archive == "-") return openStreamSource(FileDescriptor(dup(STDIN_FILENO)), interrupted);
+    if (isUrl(archive)) return openRemoteSource(archive, interrupted);
+    // O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
+    FileDescriptor descriptor(open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!descriptor) return ReadFault{systemError(errno)};
+    return openFileSource(std::move(descriptor));
 }
 
 }  // namespace
@@ -58,11 +70,19 @@ void declareRecipients(CommandOptions& command, std::vector<std::string>& recipi
     command.addRequired("-r,--recipient", recipients, "key line, or a file that holds one; may be repeated");
 }
 
-Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive) {
-    // O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
-    FileDescriptor descriptor(open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!descriptor) return CommandError{systemError(errno, archive)};
-    auto source = openFileSource(std::move(descriptor));
+std::string archiveName(const std::string& archive) {
+    if (archive == "-") return "standard input";
+    return isUrl(archive) ? printableUrl(archive) : archive;
+}
+
+Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive, Access access) {
+    if (archive == "-" && access == Access::anywhere)
+        return CommandError{{"this needs the end of the archive first, which a pipe cannot give; save the archive to a "
+                             "file"},
+                            exitUsage};
+    if (isUrl(archive) && !isSecureUrl(archive))
+        return CommandError{{"http:// is not supported, only https://", 0, archiveName(archive)}, exitUsage};
+    auto source = openSource(archive);
     if (!source) return archiveError(archive, source.error());
     return std::make_unique<ArchiveFile>(std::move(*source));
 }
@@ -77,8 +97,8 @@ Result<KeyHandle, CommandError> loadKey(const std::string& option) {
 }
 
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const std::string& archive, EVP_PKEY* key,
-                                                                 ArchiveReader::Opening opening) {
-    auto file = openArchiveFile(archive);
+                                                                 ArchiveReader::Opening opening, Access access) {
+    auto file = openArchiveFile(archive, access);
     if (!file) return file.error();
     auto reader = ArchiveReader::open(std::move(*file), key, opening);
     if (!reader) return openError(archive, reader.error());
@@ -86,10 +106,12 @@ Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const std::stri
 }
 
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options,
-                                                                 ArchiveReader::Opening opening) {
+                                                                 ArchiveReader::Opening opening, Access access) {
+    if (options.key == "-" && options.archive == "-")
+        return CommandError{{"the key and the archive cannot both be standard input"}, exitUsage};
     const auto key = loadKey(options.key);
     if (!key) return key.error();
-    return openArchive(options.archive, key->get(), opening);
+    return openArchive(options.archive, key->get(), opening, access);
 }
 
 CommandResult forEachArchive(const std::vector<std::string>& archives, const ArchiveRun& run) {
@@ -98,7 +120,7 @@ CommandResult forEachArchive(const std::vector<std::string>& archives, const Arc
     std::size_t failed = 0;
     for (const auto& archive : archives) {
         if (interrupted()) break;
-        const auto result = run(archive, several ? escapedName(archive) + ": " : std::string());
+        const auto result = run(archive, several ? escapedName(archiveName(archive)) + ": " : std::string());
         if (!result) report(result.error());
         const ExitStatus status = result ? *result : result.error().status;
         if (status != exitSuccess) ++failed;
@@ -109,7 +131,7 @@ CommandResult forEachArchive(const std::vector<std::string>& archives, const Arc
 }
 
 CommandError archiveError(const std::string& archive, const ReadFault& fault) {
-    return {{describe(fault), fault.code, archive}};
+    return {{describe(fault), fault.code, archiveName(archive)}};
 }
 
 CommandError openError(const std::string& archive, const OpenFault& fault) {

@@ -12,7 +12,7 @@
 namespace tarnwick::qvx {
 
 struct ArchiveOptions {
-    std::string archive;  // path
+    std::string archive;  // path, https:// URL, or "-" for standard input
     std::string key;      // path of the private key, "-" for standard input; empty for $QVX_KEY
 };
 
@@ -29,17 +29,27 @@ void declareKeyAndArchive(CommandOptions& command, ArchiveOptions& options);
 void declareArchives(CommandOptions& command, std::vector<std::string>& archives);
 void declareRecipients(CommandOptions& command, std::vector<std::string>& recipients);
 
+// What messages and output call the archive: hostile bytes. Of a URL, without what may be secret.
+std::string archiveName(const std::string& archive);
+
+// What a command needs: bytes anywhere, or all of them from the first to the last, for ArchiveReader::readAll(). Only
+// for `inOrder` the archive may be standard input.
+enum class Access { anywhere, inOrder };
+
 // The archive without its key: only the header can be read.
-Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive);
+Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive,
+                                                                   Access access = Access::anywhere);
 
 // Reads the key of the option, or the one that $QVX_KEY names. Asks for its passphrase if it has one.
 Result<KeyHandle, CommandError> loadKey(const std::string& option);
 
 // A key that is not a recipient's gives exitOtherKey.
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(
-    const std::string& archive, EVP_PKEY* key, ArchiveReader::Opening opening = ArchiveReader::Opening::intact);
+    const std::string& archive, EVP_PKEY* key, ArchiveReader::Opening opening = ArchiveReader::Opening::intact,
+    Access access = Access::anywhere);
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(
-    const ArchiveOptions& options, ArchiveReader::Opening opening = ArchiveReader::Opening::intact);
+    const ArchiveOptions& options, ArchiveReader::Opening opening = ArchiveReader::Opening::intact,
+    Access access = Access::anywhere);
 
 // Calls `run` for each archive, reports its errors, and returns the worst status. `prefix` is what to print before each
 // line about the archive: nothing if there is only one.

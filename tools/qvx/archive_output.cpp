@@ -23,11 +23,22 @@ FileDescriptor openFolder(const std::string& path) {
 }  // namespace
 
 Result<ArchiveOutput> ArchiveOutput::open(const std::string& path) {
+    if (path == "-") return openStandard();
     const std::size_t nameAt = path.rfind('/') + 1;
     if (nameAt == path.size()) return systemError(path.empty() ? ENOENT : EISDIR, path);
     ArchiveOutput output(path, path.substr(nameAt), openFolder(path.substr(0, nameAt)));
     if (!output.folder_) return output.failure(errno);
     if (Status checked = output.checkExisting(); !checked) return checked.error();
+    return output;
+}
+
+Result<ArchiveOutput> ArchiveOutput::openStandard() {
+    ArchiveOutput output("standard output", {}, FileDescriptor());
+    if (::isatty(STDOUT_FILENO) == 1) return Error{"an archive is not for a terminal; redirect it", 0, output.path_};
+    struct stat status {};
+    if (::fstat(STDOUT_FILENO, &status) != 0) return output.failure(errno);
+    // A file among those that go into the archive must be left out.
+    if (S_ISREG(status.st_mode)) output.existing_ = status;
     return output;
 }
 
@@ -50,6 +61,7 @@ bool ArchiveOutput::isAt(const struct stat& status) const {
 }
 
 Status ArchiveOutput::create() {
+    if (!folder_) return {};
     auto created = PendingFile::create(folder_.get(), hiddenPrefix);
     if (!created) return failure(created.error().code);
     file_.emplace(std::move(*created));
@@ -59,13 +71,14 @@ Status ArchiveOutput::create() {
 }
 
 ArchiveWriter::Sink ArchiveOutput::sink() const {
-    return [write = fileSink(file_->descriptor(), path_)](Bytes bytes) {
+    return [write = fileSink(file_ ? file_->descriptor() : STDOUT_FILENO, path_)](Bytes bytes) {
         return interrupted() ? Status(Error{"interrupted"}) : write(bytes);
     };
 }
 
 // What is at the path is checked again: writing the archive may have taken hours.
 Status ArchiveOutput::place() {
+    if (!folder_) return existing_ && ::fsync(STDOUT_FILENO) != 0 ? failure(errno) : Status();
     if (::fsync(file_->descriptor()) != 0) return failure(errno);
     watchForInterruption();  // or a file with a hidden name may remain
     if (interrupted()) return Error{"interrupted"};

@@ -110,7 +110,7 @@ CommandResult runCreate(const CreateOptions& options) {
 CommandRun declareCreate(CommandOptions& command) {
     const auto options = std::make_shared<CreateOptions>();
     declareRecipients(command, options->recipients);
-    command.addRequired("-o,--output", options->output, "the archive to make");
+    command.addRequired("-o,--output", options->output, "the archive to make, - for standard output");
     command.addFlag("--strict", options->strict, "make no archive if a file cannot be read");
     command.add("--files0-from", options->namesFrom, "file of names ending with a zero byte, - for input");
     command.add("PATH", options->paths, "what to put in; directories with all below them");

@@ -132,7 +132,9 @@ CommandResult runExtract(const ExtractionOptions& options) {
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
     using Opening = ArchiveReader::Opening;
-    const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact);
+    const bool inOrder = !options.salvage && options.paths.empty();
+    const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact,
+                                    inOrder ? Access::inOrder : Access::anywhere);
     if (!reader) return reader.error();
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,

@@ -65,7 +65,7 @@ CommandResult findIn(const Query& query, EVP_PKEY* key, const std::string& archi
         if (!matches) report(Error{matches.error().text, 0, entryName(entry.path)});
         searched = searched && matches;
         if (!matches || !*matches) return true;
-        const std::string line = query.json ? indexJson(prefix.empty() ? "" : archive, number, entry)
+        const std::string line = query.json ? indexJson(prefix.empty() ? "" : archiveName(archive), number, entry)
                                             : prefix + escapedName(entryName(entry.path));
         return std::puts(line.c_str()) >= 0;
     };

@@ -20,7 +20,7 @@ void printJson(const std::string& archive, const ArchiveFile& file, const FileHe
     JsonArray recipients;
     for (const auto& recipient : header.recipients) recipients.add(jsonString(fingerprintText(recipient.fingerprint)));
     JsonObject object;
-    object.text("archive", archive);
+    object.text("archive", archiveName(archive));
     object.number("format", formatVersion);
     object.number("profile", profileHpke);
     object.number("compression", compressionZstd);

@@ -26,9 +26,10 @@ ReadOutcome listIndex(ArchiveReader& reader, const std::string& prefix, const st
 
 CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::string& archive,
                       const std::string& prefix) {
-    const auto reader = openArchive(archive, key);
+    const auto access = options.full ? Access::inOrder : Access::anywhere;
+    const auto reader = openArchive(archive, key, ArchiveReader::Opening::intact, access);
     if (!reader) return reader.error();
-    const std::string member = prefix.empty() ? "" : archive;
+    const std::string member = prefix.empty() ? "" : archiveName(archive);
     if (!options.full) return finishOutput(archive, listIndex(**reader, prefix, member, options.json));
     // The index does not have all that this prints, so the whole archive is read, and checked on the way.
     JsonSink sink(member);

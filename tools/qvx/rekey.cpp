@@ -23,6 +23,7 @@ Status copyBlocks(const ArchiveFile& from, std::uint64_t begin, std::uint64_t en
     std::vector<std::uint8_t> buffer;
     for (std::uint64_t position = begin; position < end; position += buffer.size()) {
         buffer.resize(std::min(end - position, copiedAtOnce));
+        from.willReadFrom(position);
         if (Status read = from.read(position, buffer); !read) return read;
         if (Status written = to(buffer); !written) return written;
     }

@@ -27,7 +27,7 @@ std::string faultJson(const ReadFault& fault) {
 // What is found in one archive.
 class Findings {
 public:
-    explicit Findings(std::string archive) : archive_(std::move(archive)), sink_(escapedName(archive_)) {}
+    explicit Findings(const std::string& archive) : archive_(archive), sink_(escapedName(archiveName(archive))) {}
 
     void check(ArchiveReader& reader);
     void fail(const CommandError& error);  // the archive could not be opened
@@ -39,7 +39,7 @@ private:
     void add(const ReadFault& fault);
     void findOtherDamage(ArchiveReader& reader, const ReadFault& first);
 
-    std::string archive_;
+    const std::string& archive_;
     CheckSink sink_;
     JsonArray faults_;
     ExitStatus status_ = exitSuccess;
@@ -52,7 +52,10 @@ void Findings::check(ArchiveReader& reader) {
     if (!fault) return;
     status_ = exitFailed;
     add(*fault);
-    findOtherDamage(reader, *fault);
+    if (reader.canSalvage())
+        findOtherDamage(reader, *fault);
+    else
+        readable_ = fault->code == 0;
 }
 
 void Findings::add(const ReadFault& fault) {
@@ -72,20 +75,20 @@ void Findings::findOtherDamage(ArchiveReader& reader, const ReadFault& first) {
 
 void Findings::fail(const CommandError& error) {
     report(error);
-    faults_.add(faultJson({error.code == 0 ? Error{error.text} : systemError(error.code)}));
+    faults_.add(faultJson(readFault(error.text)));
     status_ = error.status;
-    readable_ = error.code == 0;
+    readable_ = error.code == 0 && error.status != exitUsage;
 }
 
 void Findings::reportIncomplete() const {
     if (status_ == exitSuccess && sink_.incomplete() > 0)
-        report(escapedName(archive_) +
+        report(escapedName(archiveName(archive_)) +
                ": intact; entries incomplete when they were captured: " + std::to_string(sink_.incomplete()));
 }
 
 std::string Findings::json() const {
     JsonObject object;
-    object.text("archive", archive_);
+    object.text("archive", archiveName(archive_));
     object.text("status", !readable_                ? "unreadable"
                           : status_ == exitOtherKey ? "other key"
                           : status_ == exitSuccess  ? "intact"
@@ -99,7 +102,7 @@ std::string Findings::json() const {
 
 CommandResult verifyOne(EVP_PKEY* key, const std::string& archive, bool json) {
     Findings findings(archive);
-    const auto reader = openArchive(archive, key);
+    const auto reader = openArchive(archive, key, ArchiveReader::Opening::intact, Access::inOrder);
     if (reader)
         findings.check(**reader);
     else
