@@ -26,6 +26,7 @@ Result<OpenedHeader, OpenFault> openEither(const ArchiveFile& file, EVP_PKEY* ke
 Result<std::unique_ptr<ArchiveReader>, OpenFault> ArchiveReader::open(std::unique_ptr<ArchiveFile> file, EVP_PKEY* key,
                                                                       Opening opening) {
     const auto opened = openEither(*file, key, opening);
+    if (const Status readable = file->state(); !opened && !readable) return OpenFault{ReadFault{readable.error()}};
     if (!opened) return opened.error();
     const std::uint64_t header = opened->copy.bytes.size();
     // For salvage, the footer may be missing: then this is where its copy of the header would be.
@@ -37,6 +38,7 @@ Result<std::unique_ptr<ArchiveReader>, OpenFault> ArchiveReader::open(std::uniqu
 Result<void, ReadFault> ArchiveReader::loadIndex() {
     if (index_) return {};
     auto loaded = ArchiveIndex::load(*file_, keys_);
+    if (const Status readable = file_->state(); !loaded && !readable) return ReadFault{readable.error()};
     if (!loaded) return loaded.error();
     index_ = std::move(*loaded);
     return {};
@@ -106,7 +108,7 @@ ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     while (const auto block = blocks.next())
         if (auto outcome = reader.consume(*block); !outcome) return outcome;
     reportLost(reader.finish(), report);
-    if (const Status readable = file_->canReadAgain(); !readable) report(ReadFault{readable.error()});
+    if (const Status readable = file_->state(); !readable) report(ReadFault{readable.error()});
     return {};
 }
 

@@ -48,8 +48,8 @@ public:
     // Complete also when something was reported.
     ReadOutcome salvage(EntrySink& sink, const FaultReport& report);
 
-    // Whether a fault may be damage that salvage() can read around: not in a stream, and not when a connection is lost.
-    [[nodiscard]] bool canSalvage() const { return static_cast<bool>(file_->canReadAgain()); }
+    // Whether salvage() may find more after a fault: not in a stream, and not when a connection is lost.
+    [[nodiscard]] bool canSalvage() const { return !file_->isStream() && file_->state(); }
 
 private:
     ArchiveReader(std::unique_ptr<ArchiveFile> file, const OpenedHeader& header)

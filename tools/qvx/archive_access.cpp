@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "interruption.h"
 #include "key_files.h"
@@ -19,6 +20,8 @@
 namespace tarnwick::qvx {
 
 namespace {
+
+bool standardInputUsed = false;
 
 std::string describe(const ReadFault& fault) {
     std::string text = fault.subject.empty() ? "" : escapedName(fault.subject) + ": ";
@@ -82,6 +85,8 @@ Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::st
                             exitUsage};
     if (isUrl(archive) && !isSecureUrl(archive))
         return CommandError{{"http:// is not supported, only https://", 0, archiveName(archive)}, exitUsage};
+    if (archive == "-" && std::exchange(standardInputUsed, true))
+        return CommandError{{"standard input is read already, as a key or an archive"}, exitUsage};
     auto source = openSource(archive);
     if (!source) return archiveError(archive, source.error());
     return std::make_unique<ArchiveFile>(std::move(*source));
@@ -91,6 +96,7 @@ Result<KeyHandle, CommandError> loadKey(const std::string& option) {
     const char* standard = std::getenv("QVX_KEY");
     const std::string path = option.empty() && standard ? standard : option;
     if (path.empty()) return CommandError{{"no private key: give --key, or set QVX_KEY"}, exitUsage};
+    standardInputUsed = path == "-";
     auto key = loadPrivateKey(path);
     if (!key) return CommandError{key.error()};
     return std::move(*key);
@@ -107,8 +113,6 @@ Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const std::stri
 
 Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOptions& options,
                                                                  ArchiveReader::Opening opening, Access access) {
-    if (options.key == "-" && options.archive == "-")
-        return CommandError{{"the key and the archive cannot both be standard input"}, exitUsage};
     const auto key = loadKey(options.key);
     if (!key) return key.error();
     return openArchive(options.archive, key->get(), opening, access);

@@ -35,7 +35,7 @@ public:
     [[nodiscard]] Status checkBlocksEnd(std::uint64_t position) const;
 
     [[nodiscard]] bool isStream() const { return source_->isStream(); }
-    [[nodiscard]] Status canReadAgain() const { return source_->canReadAgain(); }
+    [[nodiscard]] Status state() const { return source_->state(); }
 
     // The bytes that read() was asked for so far: a measure of work, for tests.
     [[nodiscard]] std::uint64_t bytesRead() const { return bytesRead_; }

@@ -32,8 +32,8 @@ public:
     // one.
     [[nodiscard]] virtual bool isStream() const { return false; }
 
-    // Fails when bytes that were read cannot be read again: from a stream, and when a connection is lost for good.
-    [[nodiscard]] virtual Status canReadAgain() const { return {}; }
+    // Fails when no byte can be read any more, because the connection to a server is lost for good.
+    [[nodiscard]] virtual Status state() const { return {}; }
 };
 
 // Whether to stop waiting for bytes, because the user has interrupted the program. Any thread may call it.

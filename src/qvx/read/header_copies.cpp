@@ -128,6 +128,7 @@ std::optional<OpenedHeader> searchHeader(const ArchiveFile& file, EVP_PKEY* key)
 
 Result<HeaderCopy, ReadFault> readHeader(const ArchiveFile& file) {
     auto copies = readCopies(file);
+    if (const Status readable = file.state(); !readable) return ReadFault{readable.error()};
     if (!copies.areIntact()) return damage(copies, nullptr);
     return std::move(*copies.first);
 }

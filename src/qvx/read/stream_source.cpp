@@ -26,7 +26,6 @@ public:
     [[nodiscard]] std::uint64_t size() const override { return std::numeric_limits<std::int64_t>::max(); }
     [[nodiscard]] Status read(std::uint64_t position, MutableBytes bytes) const override;
     [[nodiscard]] bool isStream() const override { return true; }
-    [[nodiscard]] Status canReadAgain() const override { return Error{"a pipe can be read only once"}; }
 
 private:
     Status readKept(std::uint64_t position, MutableBytes bytes) const;
@@ -54,7 +53,8 @@ Status StreamSource::read(std::uint64_t position, MutableBytes bytes) const {
 // What was kept is read as a whole: the header of a block says how long the rest is.
 Status StreamSource::readKept(std::uint64_t position, MutableBytes bytes) const {
     const auto found = kept_.find(position);
-    if (found == kept_.end() || found->second.size() != bytes.size()) return state_ ? canReadAgain() : state_;
+    if (found == kept_.end() || found->second.size() != bytes.size())
+        return state_ ? Error{"a pipe can be read only once"} : state_;
     std::ranges::copy(found->second, bytes.begin());
     keptBytes_ -= bytes.size();
     kept_.erase(found);

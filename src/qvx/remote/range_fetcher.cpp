@@ -303,9 +303,10 @@ void RangeFetcher::Requests::finish(Place request, CURLcode code) {
     const long status = request->status();
     const std::string message = request->message.data();
     stop(*request);
+    // Also when the connection was lost after the last byte.
+    if (request->accepted && !request->refused && request->range.begin == request->range.end) return end(request, {});
     if (request->refused)
         return mayPass(status) ? retryOrFail(request, *request->refused) : end(request, *request->refused);
-    if (code == CURLE_OK && request->range.begin == request->range.end) return end(request, {});
     if (code == CURLE_OK || code == CURLE_PARTIAL_FILE)
         return retryOrFail(request, Error{"the server ends its answer too early"});
     const Error error = describe(code, message);

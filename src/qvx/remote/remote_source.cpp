@@ -36,7 +36,7 @@ public:
     [[nodiscard]] std::uint64_t size() const override { return size_; }
     [[nodiscard]] Status read(std::uint64_t position, MutableBytes bytes) const override;
     void willRead(std::uint64_t begin, std::uint64_t end) const override;
-    [[nodiscard]] Status canReadAgain() const override;
+    [[nodiscard]] Status state() const override;
 
 private:
     [[nodiscard]] bool isComplete(std::uint64_t number, const Piece& piece) const;
@@ -88,7 +88,7 @@ void RemoteSource::willRead(std::uint64_t begin, std::uint64_t end) const {
     if (pending_ < maxHinted) request(first, std::min((end - 1) / pieceSize + 1, first + maxHinted));
 }
 
-Status RemoteSource::canReadAgain() const {
+Status RemoteSource::state() const {
     const std::lock_guard lock(mutex_);
     return state_;
 }
