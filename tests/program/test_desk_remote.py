@@ -9,7 +9,7 @@ import subprocess
 import threading
 
 import world
-from world import HERE, Scenario, call, content, read, write
+from world import HERE, Scenario, call, clear, content, read, write
 
 KEY, SOURCE, OUT, ARCHIVE = ["--key", "/media/key.pem"], "/media/source", "/media/out", "/media/www/a.qvx"
 MEBIBYTE = 1 << 20
@@ -56,8 +56,8 @@ class Faulty(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
 
-    def part(self, tag="1", shift=0, more=b"", **headers):
-        whole = content(ARCHIVE)
+    def part(self, path=ARCHIVE, tag="1", shift=0, more=b"", **headers):
+        whole = content(path)
         begin, end = map(int, self.headers["Range"].removeprefix("bytes=").split("-"))
         body = whole[begin:end + 1]
         self.reply(206, body + more, ETag=f'"{tag}"', **{
@@ -107,6 +107,22 @@ class Faulty(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
 
 
+# An object store: objects may be written and read in parts.
+class Store(Faulty):
+    def do_PUT(self):
+        with open("/media/www" + self.path, "wb") as file:
+            while length := int(self.rfile.readline(), 16):
+                file.write(self.rfile.read(length))
+                self.rfile.readline()
+        self.rfile.readline()
+        self.reply(201)
+
+    def do_GET(self):
+        with contextlib.suppress(OSError):
+            path = "/media/www" + self.path.partition("?")[0]
+            self.part(path) if "Range" in self.headers else self.reply(200, content(path))
+
+
 class Remote(Scenario):
     def setUp(self):
         super().setUp()
@@ -136,8 +152,8 @@ class Remote(Scenario):
         self.addCleanup(server.terminate)
         return f"https://localhost:{port}"
 
-    def serve_faults(self):
-        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Faulty)
+    def serve_with(self, handler):
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
         server.asked = self.asked = {}
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain("/media/server.crt", "/media/server.key")
@@ -146,7 +162,7 @@ class Remote(Scenario):
         threading.Thread(target=server.serve_forever, daemon=True).start()
         self.addCleanup(server.server_close)
         self.addCleanup(server.shutdown)
-        return f"https://localhost:{server.server_port}/"
+        return f"https://localhost:{server.server_port}"
 
     def files(self, count, size):
         for number in range(count):
@@ -210,7 +226,7 @@ class Remote(Scenario):
     def test_wrong_answers_are_refused(self):
         self.files(8, MEBIBYTE)
         self.create()
-        url = self.serve_faults()
+        url = self.serve_with(Faulty)
         size = f"size         {os.stat(ARCHIVE).st_size} bytes"
         for fault, command, asked, expected in (
                 ("good", "info", 2, size),
@@ -228,7 +244,7 @@ class Remote(Scenario):
                 ("cut_always", "info", 5, "ends its answer too early"),
                 ("nothing", "info", 1, "there is no such archive")):
             with self.subTest(fault):
-                status, out, errors = self.run_qvx(command, *KEY * (command == "verify"), url + fault)
+                status, out, errors = self.run_qvx(command, *KEY * (command == "verify"), f"{url}/{fault}")
                 good = expected in ("", size)
                 self.assertEqual((status, bool(errors)), (0, False) if good else (1, True), errors)
                 self.assertIn(expected, out.decode() + errors)
@@ -238,13 +254,42 @@ class Remote(Scenario):
     def test_untrusted_connections_are_refused(self):
         write(f"{SOURCE}/file", "content")
         self.create()
-        url = self.serve_faults() + "good"
+        url = self.serve_with(Faulty) + "/good"
         for words, status, expected in (([url], 1, "certificate"), ([url.replace("https", "HTTP")], 2, "only https://"),
                                         (["https://"], 1, "")):
             done = self.run_qvx("info", *words, authority="/media/server.csr")
             self.assertEqual(done[0], status, done)
             self.assertIn(expected, done[2])
         self.assertEqual(self.asked, {})
+
+    # Three archives, one of them damaged.
+    def test_recipes_work(self):
+        self.lay("/var/log", "mode=755")
+        for name, files in (("alpha", ["syslog", "kern.log"]), ("beta", ["syslog", "dpkg.log"]), ("gamma", ["kern.log"])):
+            clear("/var/log")
+            for file in files:
+                write(f"/var/log/{file}", f"{name}: {file}\n" * 100)
+            self.qvx("create", "-r", "/media/key.pub", "-o", f"/media/www/{name}.qvx", "/var/log")
+        write("/media/www/beta.qvx", content("/media/www/beta.qvx").replace(b"QVXB", b"QVXX"))
+        write("/media/cwd/logs/today", "today\n")
+        for name in "pem", "pub":
+            os.rename(f"/media/key.{name}", f"/media/cwd/service.{name}")
+        store = self.serve_with(Store)
+        write("/media/cwd/urls", "".join(f"{store}/{name}.qvx?signature=SECRET\n" for name in
+                                         ("alpha", "beta", "gamma", "delta")))
+        blocks = re.findall(r"^```sh desk\n(.*?)^```$", read(HERE + "/../../docs/at-scale.md"), re.M | re.S)
+        self.assertGreaterEqual(len(blocks), 8)
+        environment = {"PATH": "/media/programs:" + world.PATH, "STORE": store, "CURL_CA_BUNDLE": "/media/ca.crt",
+                       "HOME": "/root"}
+        done = subprocess.run(["bash", "-euo", "pipefail", "-c", "".join(blocks)],
+                              cwd="/media/cwd", env=environment, capture_output=True, check=False, text=True)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(read("/media/cwd/syslog"), "alpha: syslog\n" * 100)
+        call("test", "-f", "/media/cwd/case-4711/var/log/kern.log")
+        self.assertEqual(read("/media/cwd/failed"), f"{store}/beta.qvx?signature=SECRET\n")
+        self.assertIn("4 archives, 1 with errors", done.stderr)
+        self.assertNotIn("SECRET", done.stdout + done.stderr + read("/media/cwd/errors"))
+        self.assertRegex(done.stdout, r"\nalpha.qvx\ngamma.qvx\n1600 +alpha.qvx +var/log/kern.log *\n")
 
     # Blocks of more bytes than all workers have in progress, and many small ones with references to contents.
     def test_archives_pass_through_pipes(self):
