@@ -3,6 +3,7 @@ import contextlib
 import http.server
 import os
 import re
+import signal
 import socket
 import ssl
 import subprocess
@@ -96,6 +97,13 @@ class Faulty(http.server.BaseHTTPRequestHandler):
     def busy(self, *_):
         self.reply(503)
 
+    # After the head and the end of the archive, nothing comes until the client gives up.
+    def stalled(self, asked, _):
+        if asked <= 2:
+            return self.part()
+        self.server.waiting.set()
+        self.rfile.read(1)
+
     # Every other answer ends too early.
     def cut(self, asked, _):
         self.part(more=b"", Content_Length=str(1 << 22)) if asked % 2 else self.part()
@@ -154,7 +162,7 @@ class Remote(Scenario):
 
     def serve_with(self, handler):
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
-        server.asked = self.asked = {}
+        server.asked, server.waiting = self.asked, self.waiting = {}, threading.Event()
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain("/media/server.crt", "/media/server.key")
         server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
@@ -240,8 +248,8 @@ class Remote(Scenario):
                 ("elsewhere", "info", 1, "another range"),
                 ("endless", "info", 1, "more than it was asked for"),
                 ("huge", "info", 1, "another range"),
-                ("busy", "info", 5, "status 503"),
-                ("cut_always", "info", 5, "ends its answer too early"),
+                ("busy", "info", 4, "status 503"),
+                ("cut_always", "info", 4, "ends its answer too early"),
                 ("nothing", "info", 1, "there is no such archive")):
             with self.subTest(fault):
                 status, out, errors = self.run_qvx(command, *KEY * (command == "verify"), f"{url}/{fault}")
@@ -250,6 +258,17 @@ class Remote(Scenario):
                 self.assertIn(expected, out.decode() + errors)
                 self.assertLessEqual(errors.count("\n"), 1)
                 self.assertIn(self.asked[fault.partition("?")[0]], [asked] if asked else range(1000))
+
+    # The limit for a server that does not answer is some minutes.
+    def test_interruption_ends_the_waiting_for_a_server(self):
+        self.files(8, MEBIBYTE)
+        self.create()
+        process = self.start("extract", *KEY, "-C", OUT, self.serve_with(Faulty) + "/stalled", program="qvx",
+                             environment={"CURL_CA_BUNDLE": "/media/ca.crt"})
+        self.assertTrue(self.waiting.wait(100))
+        process.send_signal(signal.SIGINT)
+        self.assertIn(b"interrupted", process.communicate(timeout=100)[1])
+        self.assertNotEqual(process.returncode, 0)
 
     def test_untrusted_connections_are_refused(self):
         write(f"{SOURCE}/file", "content")

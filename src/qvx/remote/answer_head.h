@@ -8,13 +8,15 @@
 
 namespace tarnwick::qvx {
 
-// Of one object in one state: it is the same while these are.
 struct ObjectState {
     std::uint64_t size = 0;
     std::string tag;       // the entity tag; empty if the server states none
     std::string modified;  // when it was changed, in the words of the server
 
-    bool operator==(const ObjectState&) const = default;
+    // Whether the bytes of the object are the same. Servers that share the work may disagree about the time.
+    [[nodiscard]] bool isSame(const ObjectState& other) const {
+        return size == other.size && tag == other.tag && (!tag.empty() || modified == other.modified);
+    }
 };
 
 struct AnswerHead {

@@ -25,8 +25,9 @@ constexpr std::ptrdiff_t maxRunning = 6;
 constexpr long maxRedirects = 5;
 constexpr long bufferSize = 256 * 1024;
 constexpr long connectSeconds = 30;
-constexpr long stalledSeconds = 30;  // without a byte
-constexpr unsigned maxFailures = 4;  // one after the other, of one range
+constexpr long stalledSeconds = 30;       // without a byte
+constexpr unsigned maxFirstFailures = 3;  // one after the other: of the first range, which a user waits for,
+constexpr unsigned maxFailures = 6;       // and of a later one
 constexpr std::chrono::milliseconds firstDelay{200};
 constexpr std::uint64_t minProgress = 65536;  // bytes after which the failures are counted anew
 constexpr int maxWait = 500;                  // milliseconds, until the question for an interruption is asked again
@@ -155,6 +156,7 @@ private:
     const StopQuestion interrupted_;
     Multi multi_{curl_multi_init()};
     std::optional<ObjectState> object_;
+    bool opened_ = false;  // a range is complete
     std::list<Request> active_;
 };
 
@@ -182,7 +184,7 @@ std::optional<Error> RangeFetcher::Requests::Request::fault() const {
     if (code == httpNoRange) return owner.object_ ? changed : Error{"the archive is empty"};
     if (code != httpPartial) return Error{describeStatus(code)};
     if (!head.begin || *head.begin != range.begin) return Error{"the server answers with another range"};
-    if (owner.object_ && *owner.object_ != head.object) return changed;
+    if (owner.object_ && !owner.object_->isSame(head.object)) return changed;
     return std::nullopt;
 }
 
@@ -310,17 +312,20 @@ void RangeFetcher::Requests::finish(Place request, CURLcode code) {
     if (code == CURLE_OK || code == CURLE_PARTIAL_FILE)
         return retryOrFail(request, Error{"the server ends its answer too early"});
     const Error error = describe(code, message);
-    return mayPass(code) ? retryOrFail(request, error) : end(request, error);
+    // A host that was found may be lost for a while, when a laptop wakes up.
+    const bool lostHost = opened_ && code == CURLE_COULDNT_RESOLVE_HOST;
+    return lostHost || mayPass(code) ? retryOrFail(request, error) : end(request, error);
 }
 
 void RangeFetcher::Requests::retryOrFail(Place request, const Error& error) {
     if (request->received >= minProgress) request->failures = 0;
-    if (request->failures == maxFailures) return end(request, error);
+    if (request->failures == (opened_ ? maxFailures : maxFirstFailures)) return end(request, error);
     request->due = Clock::now() + firstDelay * (1U << request->failures++);
     request->refused.reset();
 }
 
 void RangeFetcher::Requests::end(Place request, const Status& status) {
+    opened_ = opened_ || status;
     stop(*request);
     active_.erase(request);
     receiver_.finish(status, object_.value_or(ObjectState{}));

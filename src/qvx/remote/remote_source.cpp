@@ -173,7 +173,7 @@ void RemoteSource::receive(std::uint64_t position, Bytes bytes) {
 
 void RemoteSource::finish(const Status& status, const ObjectState& object) {
     const std::lock_guard lock(mutex_);
-    if (status) size_ = object.size;
+    if (status && size_ == 0) size_ = object.size;  // later, size() reads it without the lock
     if (!status && state_) state_ = status;
     changed_.notify_all();
 }
