@@ -327,8 +327,9 @@ void RangeFetcher::Requests::retryOrFail(Place request, const Error& error) {
 void RangeFetcher::Requests::end(Place request, const Status& status) {
     opened_ = opened_ || status;
     stop(*request);
+    const ByteRange missing = request->range;
     active_.erase(request);
-    receiver_.finish(status, object_.value_or(ObjectState{}));
+    receiver_.finish(status, missing, object_.value_or(ObjectState{}));
 }
 
 RangeFetcher::RangeFetcher(std::string url, Receiver receiver, StopQuestion interrupted) {

@@ -28,8 +28,9 @@ public:
     // Called on the thread of the fetcher, one at a time; neither may wait or throw.
     struct Receiver {
         std::function<void(std::uint64_t position, Bytes bytes)> receive;  // in the order of the range
-        // The range is complete, or it failed for good. `object` is the state, if the first answer was good.
-        std::function<void(const Status& status, const ObjectState& object)> finish;
+        // The range is complete, or it failed: then `missing` is the rest of it. `object` is the state, if an answer
+        // was good.
+        std::function<void(const Status& status, const ByteRange& missing, const ObjectState& object)> finish;
     };
 
     // `url` is sent as it is. Certificates and proxies are those of the environment, as for the curl command, passwords

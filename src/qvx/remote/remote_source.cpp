@@ -1,6 +1,7 @@
 #include "qvx/remote/remote_source.h"
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -17,6 +18,10 @@ constexpr std::size_t maxPieces = 512;          // in the cache
 constexpr std::size_t maxHinted = 256;          // pieces that hints may ask for at the same time
 constexpr std::uint64_t maxRequestPieces = 64;  // in one request, so that several are in progress
 
+constexpr std::chrono::seconds failureLasts{30};
+
+using Clock = std::chrono::steady_clock;
+
 // A part of the object. It is complete when it has all its bytes.
 struct Piece {
     std::vector<std::uint8_t> bytes;
@@ -28,7 +33,9 @@ public:
     RemoteSource(const std::string& url, StopQuestion interrupted)
         : fetcher_(url,
                    {[this](std::uint64_t position, Bytes bytes) { receive(position, bytes); },
-                    [this](const Status& status, const ObjectState& object) { finish(status, object); }},
+                    [this](const auto& status, const auto& missing, const auto& object) {
+                        finish(status, missing, object);
+                    }},
                    std::move(interrupted)) {}
 
     Status open();
@@ -39,6 +46,7 @@ public:
     [[nodiscard]] Status state() const override;
 
 private:
+    [[nodiscard]] bool mayRead() const;
     [[nodiscard]] bool isComplete(std::uint64_t number, const Piece& piece) const;
     [[nodiscard]] Piece* awaitPiece(std::unique_lock<std::mutex>& lock, std::uint64_t number, std::uint64_t end) const;
     [[nodiscard]] std::uint64_t piecesBefore(std::uint64_t number) const;
@@ -46,16 +54,18 @@ private:
     void fetchRun(std::uint64_t begin, std::uint64_t end) const;
     void freePieces(std::size_t count) const;
     void receive(std::uint64_t position, Bytes bytes);
-    void finish(const Status& status, const ObjectState& object);
+    void finish(const Status& status, const ByteRange& missing, const ObjectState& object);
+    void drop(const ByteRange& missing);
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     mutable std::map<std::uint64_t, Piece> pieces_;  // by number: all that were asked for
     mutable std::uint64_t uses_ = 0;
     mutable std::size_t pending_ = 0;  // pieces that were asked for and are not complete
-    Status state_;                     // fails after a failure that did not pass
-    std::uint64_t size_ = 0;           // constant after open()
-    mutable RangeFetcher fetcher_;     // last, because its thread uses the others
+    mutable Status state_;             // fails after a failure, for a while
+    Clock::time_point failed_;
+    std::uint64_t size_ = 0;        // constant after open()
+    mutable RangeFetcher fetcher_;  // last, because its thread uses the others
 };
 
 // The first answer gives the size.
@@ -85,12 +95,18 @@ Status RemoteSource::read(std::uint64_t position, MutableBytes bytes) const {
 void RemoteSource::willRead(std::uint64_t begin, std::uint64_t end) const {
     const std::uint64_t first = begin / pieceSize;
     const std::lock_guard lock(mutex_);
-    if (pending_ < maxHinted) request(first, std::min((end - 1) / pieceSize + 1, first + maxHinted));
+    if (state_ && pending_ < maxHinted) request(first, std::min((end - 1) / pieceSize + 1, first + maxHinted));
 }
 
 Status RemoteSource::state() const {
     const std::lock_guard lock(mutex_);
     return state_;
+}
+
+// Otherwise a reader that goes on after failures would wait for every one of them.
+bool RemoteSource::mayRead() const {
+    if (!state_ && Clock::now() - failed_ > failureLasts) state_ = {};
+    return static_cast<bool>(state_);
 }
 
 bool RemoteSource::isComplete(std::uint64_t number, const Piece& piece) const {
@@ -99,7 +115,7 @@ bool RemoteSource::isComplete(std::uint64_t number, const Piece& piece) const {
 
 // The piece with the number; those up to `end` will be needed next. Null after a failure.
 Piece* RemoteSource::awaitPiece(std::unique_lock<std::mutex>& lock, std::uint64_t number, std::uint64_t end) const {
-    while (state_) {
+    while (mayRead()) {
         auto found = pieces_.find(number);
         if (found == pieces_.end()) {
             request(number, end + std::min(piecesBefore(number), maxRequestPieces));
@@ -160,22 +176,34 @@ void RemoteSource::receive(std::uint64_t position, Bytes bytes) {
     const std::lock_guard lock(mutex_);
     while (!bytes.empty()) {
         const std::size_t count = std::min<std::uint64_t>(bytes.size(), pieceSize - position % pieceSize);
-        auto& piece = pieces_[position / pieceSize].bytes;
-        piece.reserve(pieceSize);
-        piece.insert(piece.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
+        Piece& piece = pieces_[position / pieceSize];
+        piece.bytes.reserve(pieceSize);
+        piece.bytes.insert(piece.bytes.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
+        if (isComplete(position / pieceSize, piece)) --pending_;
         bytes = bytes.subspan(count);
         position += count;
-        // The last piece is shorter, and nothing is asked for after it.
-        if (position % pieceSize == 0) --pending_;
     }
     changed_.notify_all();
 }
 
-void RemoteSource::finish(const Status& status, const ObjectState& object) {
+void RemoteSource::finish(const Status& status, const ByteRange& missing, const ObjectState& object) {
     const std::lock_guard lock(mutex_);
-    if (status && size_ == 0) size_ = object.size;  // later, size() reads it without the lock
-    if (!status && state_) state_ = status;
+    if (!status) {
+        drop(missing);
+        state_ = status;
+        failed_ = Clock::now();
+    } else if (size_ == 0) {  // only now: later, size() reads it without the lock
+        size_ = object.size;
+        pending_ = 0;
+    }
     changed_.notify_all();
+}
+
+// The pieces can be asked for again.
+void RemoteSource::drop(const ByteRange& missing) {
+    if (missing.begin == missing.end) return;
+    for (std::uint64_t number = missing.begin / pieceSize; number * pieceSize < missing.end; ++number)
+        pending_ -= pieces_.erase(number);
 }
 
 }  // namespace
