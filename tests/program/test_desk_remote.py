@@ -259,6 +259,10 @@ class Remote(Scenario):
                 self.assertLessEqual(errors.count("\n"), 1)
                 self.assertIn(self.asked[fault.partition("?")[0]], [asked] if asked else range(1000))
 
+        # Not damaged.
+        self.asked.clear()
+        self.assertIn(b'"unreadable"', self.run_qvx("verify", "--json", *KEY, f"{url}/changed")[1])
+
     # The limit for a server that does not answer is some minutes.
     def test_interruption_ends_the_waiting_for_a_server(self):
         self.files(8, MEBIBYTE)
@@ -306,7 +310,9 @@ class Remote(Scenario):
         self.assertEqual(read("/media/cwd/syslog"), "alpha: syslog\n" * 100)
         call("test", "-f", "/media/cwd/case-4711/var/log/kern.log")
         self.assertEqual(read("/media/cwd/failed"), f"{store}/beta.qvx?signature=SECRET\n")
-        self.assertIn("4 archives, 1 with errors", done.stderr)
+        self.assertEqual(done.stderr.count("4 archives, 1 with errors"), 2)
+        self.assertEqual(read("/media/cwd/found").splitlines(), [
+            f"{store}/{name}.qvx: var/log/kern.log" for name in ("alpha", "gamma")])
         self.assertNotIn("SECRET", done.stdout + done.stderr + read("/media/cwd/errors"))
         self.assertRegex(done.stdout, r"\nalpha.qvx\ngamma.qvx\n1600 +alpha.qvx +var/log/kern.log *\n")
 
@@ -318,8 +324,8 @@ class Remote(Scenario):
         script = f"""set -o pipefail; cd /media
             {tools} create -r key.pub -o - source | tee www/a.qvx | {tools} extract --key key.pem -C out -
             {tools} verify --key key.pem - < www/a.qvx
-            cat www/a.qvx | {tools} list --json --key key.pem - > piped
-            {tools} list --json --key key.pem www/a.qvx | cmp - piped
+            cat www/a.qvx | {tools} list --full --key key.pem - > piped
+            {tools} list --full --key key.pem www/a.qvx | cmp - piped
             {tools} create -r key.pub -o - source > source/self.qvx
             {tools} list --key key.pem source/self.qvx | grep self"""
         self.assertEqual(subprocess.run(["bash", "-ec", script], capture_output=True, check=False).stdout, b"")
@@ -335,7 +341,7 @@ class Remote(Scenario):
         for damaged, expected in ((b"", "ends here"), (whole[:100], "ends here"), (whole[:241], "ends here"),
                                   (whole[:MEBIBYTE], "ends here"), (whole[:-1], "its end is not a footer"),
                                   (whole + b"x", "bytes follow the footer"), (bytes(changed), "the footer is damaged")):
-            for command in ["verify"], ["extract", "-C", OUT], ["list", "--json"]:
+            for command in ["verify"], ["extract", "-C", OUT], ["list", "--full"]:
                 with self.subTest(command, expected=expected):
                     write("/media/stream", damaged)
                     with open("/media/stream", "rb") as stream:

@@ -326,10 +326,13 @@ void RangeFetcher::Requests::retryOrFail(Place request, const Error& error) {
 
 void RangeFetcher::Requests::end(Place request, const Status& status) {
     opened_ = opened_ || status;
+    Status finished = status;
+    // A failure of the system, and not damage of the archive.
+    if (!status && status.error().code == 0) finished = Error{status.error().text, EIO};
     stop(*request);
     const ByteRange missing = request->range;
     active_.erase(request);
-    receiver_.finish(status, missing, object_.value_or(ObjectState{}));
+    receiver_.finish(finished, missing, object_.value_or(ObjectState{}));
 }
 
 RangeFetcher::RangeFetcher(std::string url, Receiver receiver, StopQuestion interrupted) {
