@@ -179,7 +179,7 @@ TEST(StoredOrder, KeepsNoPathOfAnEntryInMemory) {
     std::size_t listed = 0;
     const auto countOne = [&](auto, const auto&) { return ++listed > 0; };
     CheckSink check("archive");
-    JsonSink json;
+    JsonSink json("");
     EXPECT_LT(peakOf([&] { EXPECT_TRUE(reader->list(countOne)); }), maxKilobytes);
     EXPECT_EQ(listed, count);
     EXPECT_LT(peakOf([&] { EXPECT_TRUE(reader->readAll(check)); }), maxKilobytes);
