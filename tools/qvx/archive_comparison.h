@@ -24,9 +24,10 @@ private:
 struct ComparedEntry {
     static constexpr std::uint32_t none = 0xffffffff;
 
-    std::uint64_t path = 0;  // this and the next three: hashes
-    std::uint64_t content =
-        0;  // of the digest or the target; before refersToContent is resolved, the number of an entry
+    // Hashes. That of the content is of its digest or of the target of the link; until a reference to the content of
+    // another entry is resolved, it is the number of that one.
+    std::uint64_t path = 0;
+    std::uint64_t content = 0;
     std::uint64_t attributes = 0;
     std::uint64_t accessLists = 0;
     std::uint64_t size = 0;
@@ -44,6 +45,7 @@ struct ComparedEntry {
     bool contentKnown : 1 = false;
     bool refersToContent : 1 = false;
 };
+static_assert(sizeof(ComparedEntry) == 72);
 
 // What differs between two entries of one path.
 struct Difference {
@@ -62,7 +64,7 @@ public:
     // Of the entries that are wanted, and of those that contain their contents.
     Result<void, ReadFault> readMetadata();
 
-    // The entries by number. Memory: 80 bytes for each, and 4 while pairs are sought.
+    // The entries by number. Memory: 72 bytes for each, and 4 while pairs are sought.
     [[nodiscard]] std::deque<ComparedEntry>& entries() { return entries_; }
     [[nodiscard]] ArchiveReader& reader() { return reader_; }
 

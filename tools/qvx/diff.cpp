@@ -1,6 +1,7 @@
 // qvx diff
 #include <cstdio>
 #include <memory>
+#include <new>
 
 #include "archive_access.h"
 #include "archive_comparison.h"
@@ -153,10 +154,15 @@ CommandResult compare(const DiffOptions& options) {
     return Comparison(options, **before, **after).run();
 }
 
+// No failure may end with the status of a difference.
 CommandResult runDiff(const DiffOptions& options) {
-    auto result = compare(options);
-    if (result) return result;
-    auto error = result.error();
+    CommandError error{{"out of memory"}};
+    try {
+        const auto result = compare(options);
+        if (result) return result;
+        error = result.error();
+    } catch (const std::bad_alloc&) {
+    }
     error.status = exitTrouble;
     return error;
 }
