@@ -116,7 +116,7 @@ class Desk(Scenario):
         for path in [SOURCE, SOURCE + "/link"]:
             os.utime(path, (0, 0), follow_symlinks=False)
         after = self.create("after", SOURCE)
-        for words in [before, after], [after, after], ["--json", after, before]:
+        for words in [before, after], ["--quick", before, after], [after, after], ["--json", after, before]:
             self.run_qvx("diff", *KEY, *words)
         self.make_key("other")
         self.run_qvx("diff", "--key", "/media/other.pem", before, after)
