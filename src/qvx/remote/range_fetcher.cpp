@@ -25,14 +25,16 @@ constexpr std::ptrdiff_t maxRunning = 6;
 constexpr long maxRedirects = 5;
 constexpr long bufferSize = 256 * 1024;
 constexpr long connectSeconds = 30;
-constexpr long stalledSeconds = 30;       // without a byte
+constexpr long stalledSeconds = 30;       // below this rate:
+constexpr long minRate = 100;             // bytes a second
 constexpr unsigned maxFirstFailures = 3;  // one after the other: of the first range, which a user waits for,
 constexpr unsigned maxFailures = 6;       // and of a later one
 constexpr std::chrono::milliseconds firstDelay{200};
 constexpr std::uint64_t minProgress = 65536;  // bytes after which the failures are counted anew
 constexpr int maxWait = 500;                  // milliseconds, until the question for an interruption is asked again
+constexpr int maxIdle = 60000;                // milliseconds, without a request; a new one wakes the thread
 
-enum HttpStatus : long { httpPartial = 206, httpOk = 200, httpRedirect = 300, httpError = 400, httpNoRange = 416 };
+enum HttpStatus : long { httpOk = 200, httpPartial = 206, httpNoRange = 416 };
 
 bool mayPass(CURLcode code) {
     switch (code) {
@@ -68,12 +70,12 @@ std::string describeStatus(long status) {
     return text;
 }
 
-// The curl command reads these variables, the library does not.
+// The curl command reads these variables, the library does not. The last one is preferred, as by the command.
 void setAuthorities(CURL* easy) {
-    // CURL_CA_BUNDLE is set last, because the command prefers it to SSL_CERT_FILE.
-    if (const auto* folder = std::getenv("SSL_CERT_DIR")) curl_easy_setopt(easy, CURLOPT_CAPATH, folder);
-    if (const auto* file = std::getenv("SSL_CERT_FILE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
-    if (const auto* file = std::getenv("CURL_CA_BUNDLE")) curl_easy_setopt(easy, CURLOPT_CAINFO, file);
+    constexpr std::array<std::pair<const char*, CURLoption>, 3> variables{
+        {{"SSL_CERT_DIR", CURLOPT_CAPATH}, {"SSL_CERT_FILE", CURLOPT_CAINFO}, {"CURL_CA_BUNDLE", CURLOPT_CAINFO}}};
+    for (const auto& [name, option] : variables)
+        if (const char* value = std::getenv(name); value && *value) curl_easy_setopt(easy, option, value);
 }
 
 // The options of every request. Redirects may not leave https: names, bytes and passwords would be readable.
@@ -92,7 +94,7 @@ void setOptions(CURL* easy, const std::string& url) {
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, bufferSize);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, connectSeconds);
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, minRate);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, stalledSeconds);
     setAuthorities(easy);
 }
@@ -253,7 +255,6 @@ void RangeFetcher::Requests::start(Request& request) {
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &request);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &receiveBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &request);
-    curl_easy_setopt(easy, CURLOPT_PRIVATE, &request);
     request.message.front() = '\0';
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, request.message.data());
     if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) throw std::bad_alloc();
@@ -280,8 +281,9 @@ void RangeFetcher::Requests::startDue() {
 }
 
 int RangeFetcher::Requests::waitTime() const {
-    auto time = std::chrono::milliseconds(maxWait);
+    if (active_.empty()) return maxIdle;
     if (running() == maxRunning) return maxWait;
+    auto time = std::chrono::milliseconds(maxWait);
     for (const auto& request : active_)
         if (request.due)
             time = std::min(time, std::chrono::ceil<std::chrono::milliseconds>(*request.due - Clock::now()));
