@@ -141,7 +141,7 @@ class Desk(Scenario):
     def test_errors_say_what_to_do(self):
         write(SOURCE, "x")
         archive = self.create("archive", SOURCE)
-        for words in ["lst"], ["verfy", "x"], ["nonsense"], ["\x1b"], ["cat", *KEY, archive, archive], \
+        for words in ["lst"], ["ls"], ["x"], ["verfy", "x"], ["nonsense"], ["\x1b"], ["cat", *KEY, archive, archive], \
                 ["extract", *KEY, archive, archive, "-C", OUT], ["list", "--key", "/media/key.pub", archive]:
             self.run_qvx(*words)
         write("/media/cut", content(archive)[:-20])

@@ -45,11 +45,10 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
 
 // What to say about a first word that is no command; nothing if it is one, or an option.
 std::string describeUnknownCommand(std::string_view word) {
-    constexpr std::size_t maxEdits = 2;
     const auto edits = [&](const Command& row) { return editDistance(word, row.name); };
     const auto* nearest = std::ranges::min_element(commands, {}, edits);
     if (word.empty() || word.starts_with('-') || edits(*nearest) == 0) return {};
-    const bool alike = edits(*nearest) <= maxEdits && edits(*nearest) < word.size();
+    const bool alike = edits(*nearest) == 1 || (edits(*nearest) == 2 && word.front() == nearest->name[0]);
     const std::string hint = alike ? std::string("did you mean ") + nearest->name + "?" : "see qvx --help";
     return "no command " + escapedName(word) + "; " + hint;
 }
