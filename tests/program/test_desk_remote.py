@@ -329,6 +329,14 @@ class Remote(Scenario):
             {tools} create -r key.pub -o - source > source/self.qvx
             {tools} list --key key.pem source/self.qvx | grep self"""
         self.assertEqual(subprocess.run(["bash", "-ec", script], capture_output=True, check=False).stdout, b"")
+        # The content of `link` is in a file that is not chosen, and has passed.
+        os.mkdir("/media/some")
+        with open(ARCHIVE, "rb") as stream:
+            status, _, errors = self.run_qvx("extract", *KEY, "-C", "/media/some", "-", "*length, 1?", SOURCE + "/link",
+                                             stdin=stream)
+        self.assertEqual((status, errors.count("\n")), (1, 1))
+        self.assertRegex(errors, "link: its content cannot be read")
+        self.assertEqual(len(os.listdir(f"/media/some{SOURCE}/0")), 10)
         os.remove(f"{SOURCE}/self.qvx")
         call("diff", "-r", SOURCE, OUT + SOURCE)
 
@@ -350,8 +358,7 @@ class Remote(Scenario):
                     self.assertRegex(errors, f"\\Aqvx: standard input: .*{expected}")
 
     def test_commands_that_need_the_index_refuse_a_pipe(self):
-        for words in (["list", *KEY, "-"], ["info", "-"], ["cat", *KEY, "-", "path"], ["extract", *KEY, "-", "path"],
-                      ["extract", "--salvage", *KEY, "-"], ["verify", "--key", "-", "-"]):
+        for words in (["list", *KEY, "-"], ["info", "-"], ["cat", *KEY, "-", "path"], ["extract", "--salvage", *KEY, "-"], ["verify", "--key", "-", "-"]):
             status, out, errors = self.run_qvx(*words, typed=content("/media/key.pem"))
             self.assertEqual((status, out), (2, b""), words)
             self.assertRegex(errors, r"\Aqvx: (this needs the end of the archive first|standard input is read already)")

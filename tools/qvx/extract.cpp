@@ -11,6 +11,7 @@
 #include "interruption.h"
 #include "path_pattern.h"
 #include "qvx/extract/disk_sink.h"
+#include "qvx/read/choice_sink.h"
 
 namespace tarnwick::qvx {
 
@@ -90,15 +91,19 @@ bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSin
 bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) {
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
-        report("extraction ended there; --salvage extracts the intact files of a damaged archive");
+        if (options.archive != "-")
+            report("extraction ended there; --salvage extracts the intact files of a damaged archive");
     }
     return static_cast<bool>(outcome);
 }
 
 bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     PathChoice choice(options.paths);
-    const auto chosen = [&](std::uint64_t, std::string_view path) { return choice.contains(path); };
-    return reportDamage(options, reader.readChosen(chosen, sink)) && choice.allMatched();
+    const EntryChoice chosen = [&](std::uint64_t, std::string_view path) { return choice.contains(path); };
+    ChoiceSink filter(chosen, sink);
+    // A pipe has no index when it is needed.
+    const auto outcome = options.archive == "-" ? reader.readAll(filter) : reader.readChosen(chosen, sink);
+    return reportDamage(options, outcome) && choice.allMatched();
 }
 
 bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
@@ -132,9 +137,8 @@ CommandResult runExtract(const ExtractionOptions& options) {
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
     using Opening = ArchiveReader::Opening;
-    const bool inOrder = !options.salvage && options.paths.empty();
     const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact,
-                                    inOrder ? Access::inOrder : Access::anywhere);
+                                    options.salvage ? Access::anywhere : Access::inOrder);
     if (!reader) return reader.error();
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
