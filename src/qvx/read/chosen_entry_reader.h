@@ -68,7 +68,7 @@ private:
     const BlockMap& map_;
     std::vector<Range> ranges_;
     Cursor supplied_;
-    Cursor hinted_;  // so far the source knows what will be read
+    Cursor hinted_;          // so far the source knows what will be read
     std::size_t ahead_ = 0;  // blocks from supplied_ to hinted_
 };
 
