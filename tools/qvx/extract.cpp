@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <memory>
 
 #include "archive_access.h"
+#include "byte_size.h"
 #include "commands.h"
 #include "interruption.h"
 #include "path_pattern.h"
@@ -115,19 +115,6 @@ bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, Dis
 void reportLeftOut(const DiskSink& sink) {
     const std::string kinds = sink.leftOut();
     if (!kinds.empty()) report("not restored: " + kinds + "; --preserve restores them, for root only");
-}
-
-// Bytes: a number, with K, M, G or T for powers of 1024.
-std::optional<std::uint64_t> parseSize(std::string_view text) {
-    constexpr std::string_view units = "KMGT";
-    constexpr std::size_t none = std::string_view::npos;
-    const std::size_t unit = text.empty() ? none : units.find(text.back());
-    if (unit != none) text.remove_suffix(1);
-    const unsigned shift = unit == none ? 0 : static_cast<unsigned>(10 * (unit + 1));
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const bool valid = error == std::errc() && end == text.data() + text.size() && number << shift >> shift == number;
-    return valid ? std::optional(number << shift) : std::nullopt;
 }
 
 CommandResult runExtract(const ExtractionOptions& options) {
