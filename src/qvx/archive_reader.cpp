@@ -49,6 +49,17 @@ Result<void, ReadFault> ArchiveReader::list(const ArchiveIndex::Visitor& visit) 
     return index_->visit(visit);
 }
 
+Result<void, ReadFault> ArchiveReader::listIntact(const ArchiveIndex::Visitor& visit, const FaultReport& report) {
+    if (auto loaded = loadIndex(); !loaded) return loaded;
+    for (std::size_t part = 0; part < index_->parts(); ++part)
+        if (const auto visited = index_->visitPart(part, visit); !visited) report(visited.error());
+    return {};
+}
+
+std::unique_ptr<BlockCache> ArchiveReader::cacheBlocks(std::uint64_t bytes) {
+    return std::make_unique<BlockCache>(*file_, keys_, index_->map(), bytes);
+}
+
 ReadOutcome ArchiveReader::readChosen(const EntryChoice& choice, EntrySink& sink) {
     if (auto loaded = loadIndex(); !loaded) return loaded.error();
     ChosenEntries chosen;

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 
+#include "qvx/read/block_cache.h"
 #include "qvx/read/chosen_entry_reader.h"
 #include "qvx/read/header_copies.h"
 #include "qvx/read/stored_metadata.h"
@@ -30,6 +31,12 @@ public:
     // Calls `visit` for the index entries by number until it returns false. Reads only the index. Fails when the index
     // is damaged.
     Result<void, ReadFault> list(const ArchiveIndex::Visitor& visit);
+
+    // The same, but reports damaged parts of the index and continues after them. Fails when there is no index.
+    Result<void, ReadFault> listIntact(const ArchiveIndex::Visitor& visit, const FaultReport& report);
+
+    // Opens blocks at any place, for EntryContent, once the index was read. The reader must outlive the cache.
+    std::unique_ptr<BlockCache> cacheBlocks(std::uint64_t bytes);
 
     // Reads the chosen entries in the order in which they are stored, and only the blocks that contain them; last those
     // whose content is in an entry that is not chosen. Ends at the first damage.
