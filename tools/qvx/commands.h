@@ -19,6 +19,7 @@ CommandRun declareVerify(CommandOptions& command);
 CommandRun declareDiff(CommandOptions& command);
 CommandRun declareExtract(CommandOptions& command);
 CommandRun declareCat(CommandOptions& command);
+CommandRun declareMount(CommandOptions& command);
 CommandRun declareInfo(CommandOptions& command);
 CommandRun declareRekey(CommandOptions& command);
 CommandRun declareKeygen(CommandOptions& command);
@@ -37,6 +38,7 @@ inline constexpr Command commands[] = {
     {"diff", "print how the entries of two archives differ", declareDiff},
     {"extract", "put entries on disk", declareExtract},
     {"cat", "write the content of a file to standard output", declareCat},
+    {"mount", "show the entries as a file system", declareMount},
     {"info", "print what can be read without the key", declareInfo},
     {"rekey", "copy an archive for other recipients", declareRekey},
     {"keygen", "make a key pair, NAME.pem and NAME.pub", declareKeygen},

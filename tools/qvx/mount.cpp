@@ -1,0 +1,89 @@
+// qvx mount
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+#include "archive_access.h"
+#include "background.h"
+#include "byte_size.h"
+#include "commands.h"
+#include "fuse_mount.h"
+
+namespace tarnwick::qvx {
+
+namespace {
+
+struct MountOptions : ArchiveOptions {
+    std::string folder;
+    std::string cache = "64M";
+    bool foreground = false;
+};
+
+// The last part of the name, and nothing that may be secret in a URL.
+std::string sourceName(const std::string& archive) {
+    const std::string path = archive.substr(0, archive.find('?'));
+    return path.substr(path.rfind('/') + 1);
+}
+
+Result<void, ReadFault> readTree(const MountOptions& options, ArchiveReader& reader, EntryTree& tree) {
+    const auto add = [&](std::uint64_t number, const IndexEntry& entry) { return tree.add(entry, number), true; };
+    const auto reportFault = [&](const ReadFault& fault) { report(archiveError(options.archive, fault)); };
+    auto listed = reader.listIntact(add, reportFault);
+    if (tree.leftOut() > 0)
+        report(Error{std::to_string(tree.leftOut()) + " entries cannot be shown: they are below something that is no "
+                                                      "directory, or have a name that is too long",
+                     0, options.archive});
+    return listed;
+}
+
+// The signal ends this process only now, after the file system is unmounted.
+CommandResult finish(const Result<int>& served) {
+    if (!served) return CommandError{served.error()};
+    if (*served != 0) {
+        std::signal(*served, SIG_DFL);
+        std::raise(*served);
+    }
+    return exitSuccess;
+}
+
+CommandResult serve(const MountOptions& options, const std::string& folder, std::uint64_t cacheBytes,
+                    const std::function<void()>& ready) {
+    const auto reader = openArchive(options);
+    if (!reader) return reader.error();
+    EntryTree tree;
+    if (const auto read = readTree(options, **reader, tree); !read) return archiveError(options.archive, read.error());
+    const auto blocks = (*reader)->cacheBlocks(cacheBytes);
+    EntryContents contents(*blocks, [&](std::uint64_t number) { return tree.placeOf(number); });
+    auto mounted = FuseMount::mount(folder, sourceName(options.archive), {tree, contents});
+    if (!mounted) return CommandError{mounted.error()};
+    ready();
+    const auto served = (*mounted)->serve();
+    *mounted = nullptr;
+    return finish(served);
+}
+
+CommandResult runMount(const MountOptions& options) {
+    const auto cacheBytes = parseSize(options.cache);
+    if (!cacheBytes || *cacheBytes < BlockCache::minBytes)
+        return CommandError{
+            {"the size of the cache must be a number of bytes, with K, M, G or T, and at least 8M", 0, options.cache},
+            exitUsage};
+    const std::unique_ptr<char, FreeWith<std::free>> folder(realpath(options.folder.c_str(), nullptr));
+    if (!folder) return CommandError{systemError(errno, options.folder)};
+    const auto work = [&](const auto& ready) { return serve(options, folder.get(), *cacheBytes, ready); };
+    return options.foreground ? work([] {}) : runInBackground(work);
+}
+
+}  // namespace
+
+CommandRun declareMount(CommandOptions& command) {
+    const auto options = std::make_shared<MountOptions>();
+    command.add("--cache", options->cache, "keep so many bytes of opened blocks; with K, M, G or T, powers of 1024");
+    command.addFlag("--foreground", options->foreground, "stay in the foreground; SIGINT unmounts");
+    declareKeyAndArchive(command, *options);
+    command.addRequired("FOLDER", options->folder, "where to mount");
+    return [options] { return runMount(*options); };
+}
+
+}  // namespace tarnwick::qvx
