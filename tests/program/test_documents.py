@@ -82,6 +82,9 @@ class Documents(Disks):
             if "/home" in block:  # a data volume, which a loop device is only where it is named
                 write("/etc/tarnwick/volumes.plist", property_list({"Roles": {device: "Data"}}))
                 self.lay("/home", "rw", "auto", "/dev/" + device)
+            if "qvx mount" in block and not os.path.exists("/dev/fuse"):
+                print("not run, for want of /dev/fuse:", block, sep="\n")
+                continue
             shown, status, _ = on_terminal([*command, 'sudo() { "$@"; }\n' + block.replace("sda3", device)], b"ass",
                                            *[b"secret\n"] * (2 if "safe.pem" in block else 0))
             self.assertEqual(status, 0, f"{block}\n{shown.decode()}")

@@ -28,7 +28,8 @@ std::uint64_t hashOf(std::uint64_t key, std::uint64_t parent, std::string_view n
         hash = static_cast<std::uint64_t>(product & hashPrime) + static_cast<std::uint64_t>(product >> 61);
         if (hash >= hashPrime) hash -= hashPrime;
     }
-    return hash;
+    // Parents with consecutive numbers have equally spaced values, which could fill a part of the table only.
+    return (hash ^ hash >> 32) * 0x9e3779b97f4a7c15 >> 16;
 }
 
 bool isShowable(std::string_view path) {

@@ -1,0 +1,177 @@
+// Contents of entries, read at any place through a small cache of blocks.
+#include "qvx/read/entry_content.h"
+
+#include <thread>
+
+#include "unit/archive_builder.h"
+
+using namespace tarnwick;
+using namespace tarnwick::test;
+
+namespace {
+
+// The first entry has the number 0, and so on.
+class Contents {
+public:
+    explicit Contents(const ByteVector& bytes) {
+        auto file = archiveFile(bytes);
+        file_ = file.get();
+        reader_ = std::move(*ArchiveReader::open(std::move(file), recipient()));
+        const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
+            places_.push_back({std::uint32_t(entry.block), std::uint32_t(entry.offset)});
+            entries_.push_back({number, entry.type, entry.path, entry.size});
+            return true;
+        };
+        EXPECT_TRUE(reader_->list(visit));
+        blocks_ = reader_->cacheBlocks(0);
+        contents_.emplace(*blocks_, [this](std::uint64_t number) {
+            return number < places_.size() ? std::optional(places_[number]) : std::nullopt;
+        });
+    }
+
+    // "!TEXT" for an error.
+    std::string read(std::size_t number, std::uint64_t position = 0, std::size_t length = 100) {
+        std::string bytes(length, '?');
+        const MutableBytes to(reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size());
+        const auto count = contents_->get(entries_.at(number))->read(position, to);
+        return count ? bytes.substr(0, *count) : '!' + count.error().text;
+    }
+    [[nodiscard]] std::uint64_t bytesRead() const { return file_->bytesRead(); }
+    std::vector<IndexedEntry>& entries() { return entries_; }
+
+private:
+    const ArchiveFile* file_ = nullptr;
+    std::unique_ptr<ArchiveReader> reader_;
+    std::vector<RecordPlace> places_;
+    std::vector<IndexedEntry> entries_;
+    std::unique_ptr<BlockCache> blocks_;
+    std::optional<EntryContents> contents_;
+};
+
+ByteVector hole(std::uint64_t length) {
+    ByteVector bytes;
+    WireWriter(bytes).varint(length);
+    return bytes;
+}
+
+// In four blocks, the last one of padding and the end only.
+ArchiveBuilder& addSplit(ArchiveBuilder& builder) {
+    builder.begin("split").data("first").endBlock().data("second").record(RecordType::hole, hole(5)).endBlock();
+    return builder.data("third").endBlock().end({.totals = SparseTotals{21, 1}}, 21);
+}
+const std::string split("firstsecond\0\0\0\0\0third", 21);
+
+// A file in `count` blocks, with the number of the block at the beginning of each.
+ArchiveBuilder& addLong(ArchiveBuilder& builder, std::uint64_t count) {
+    builder.begin("long");
+    const std::string rest(blockSize / 2, 'x');
+    for (std::uint64_t number = 0; number < count; ++number)
+        builder.data(std::to_string(1000 + number)).data(rest).endBlock();
+    return builder.end({}, count * (rest.size() + 4));
+}
+constexpr std::uint64_t longStep = blockSize / 2 + 4;
+
+TEST(EntryContent, ReadsEveryRange) {
+    ArchiveBuilder builder;
+    builder.file("before", "b");
+    Contents contents(addSplit(builder).file("after", "a").file("link", "target", EntryType::link).finish());
+    for (std::size_t position = 0; position <= split.size(); ++position)
+        for (std::size_t length = 0; length <= split.size() + 1; ++length)
+            EXPECT_EQ(contents.read(1, position, length), split.substr(position, length)) << position << '+' << length;
+    EXPECT_EQ(contents.read(1, ~std::uint64_t{0}), "");
+    EXPECT_EQ(contents.read(0), "b");
+    EXPECT_EQ(contents.read(2), "a");
+    EXPECT_EQ(contents.read(3), "target");
+}
+
+TEST(EntryContent, OpensOnlyTheNeededBlocksOnceTheFileIsMeasured) {
+    ArchiveBuilder builder(leaderEvery(1000));
+    Contents contents(addLong(builder, 40).finish());
+    EXPECT_EQ(contents.read(0, 39 * longStep, 4), "1039");
+    const std::uint64_t before = contents.bytesRead();
+    EXPECT_EQ(contents.read(0, 5 * longStep, 4), "1005");
+    const std::uint64_t one = contents.bytesRead() - before;
+    EXPECT_GT(one, 0U) << "the cache has more blocks than its limit";
+    EXPECT_EQ(contents.read(0, 5 * longStep + 4, 4), "xxxx");
+    EXPECT_EQ(contents.bytesRead() - before, one) << "a block in the cache was read again";
+    EXPECT_LT(one, before / 20);
+}
+
+TEST(EntryContent, ThreadsThatReadInOrderAndAtRandomSeeTheSame) {
+    ArchiveBuilder builder;
+    Contents contents(addLong(builder, 60).finish());
+    const auto expectBlock = [&](std::uint64_t number) {
+        EXPECT_EQ(contents.read(0, number * longStep, 5), std::to_string(1000 + number) + 'x');
+    };
+    std::vector<std::jthread> threads;
+    for (const std::uint64_t step : {1U, 1U, 7U, 59U})
+        threads.emplace_back([=] {
+            for (std::uint64_t i = 0; i < 60; ++i) expectBlock(i * step % 60);
+        });
+}
+
+TEST(EntryContent, FollowsOneReferenceToAnEarlierWholeFile) {
+    ArchiveBuilder builder;
+    builder.reference("to later", 1, 7).file("file", "content").reference("good", 1, 7).reference("chain", 2, 7);
+    builder.reference("other size", 1, 6).begin("part").data("p").end({.unreadable = std::vector<Extent>()}, 1);
+    builder.reference("to part", 5, 1).reference("to link", 8, 1).file("link", "x", EntryType::link);
+    builder.reference("to link", 8, 1).reference("to nothing", 99, 1).reference("itself", 11, 1);
+    Contents contents(builder.finish());
+    const std::string missing = "!the entry with its content is missing or a different one";
+    const std::string mismatch = "!the index does not match the entry", end = "!the end of the entry is malformed";
+    const std::string expected[] = {missing, "content", "content", end,      mismatch, "p",
+                                    end,     missing,   "x",       mismatch, missing,  missing};
+    for (std::size_t number = 0; number < std::size(expected); ++number)
+        EXPECT_EQ(contents.read(number), expected[number]) << contents.entries()[number].path;
+}
+
+TEST(EntryContent, RefusesAnEntryThatIsNotWhatTheIndexSays) {
+    const std::pair<const char*, std::function<void(IndexedEntry&)>> lies[] = {
+        {"too short", [](auto& entry) { --entry.size; }},
+        {"too long", [](auto& entry) { ++entry.size; }},
+        {"other path", [](auto& entry) { entry.path += 'x'; }},
+        {"other type", [](auto& entry) { entry.type = EntryType::link; }},
+        {"other number", [](auto& entry) { --entry.number; }},
+    };
+    for (const auto& [name, lie] : lies) {
+        ArchiveBuilder builder;
+        builder.file("a", "1");
+        Contents contents(addSplit(builder).finish());
+        lie(contents.entries()[1]);
+        EXPECT_EQ(contents.read(1), "!the index does not match the entry") << name;
+    }
+}
+
+TEST(EntryContent, RefusesMalformedRecords) {
+    const auto expect = [](const char* text, const std::function<void(ArchiveBuilder&)>& build) {
+        ArchiveBuilder builder;
+        build(builder.begin("x"));
+        EXPECT_EQ(Contents(builder.finish()).read(0), text);
+    };
+    expect("!the content is malformed", [](auto& builder) { builder.data("").end({}, 5); });
+    expect("!the content is malformed", [](auto& builder) { builder.record(RecordType::hole, {}).end({}, 5); });
+    expect("!the content is malformed", [](auto& builder) { builder.record(RecordType(0x40), {}).end({}, 5); });
+    expect("!the content is too long", [](auto& builder) {
+        for (int i = 0; i < 3; ++i) builder.record(RecordType::hole, hole(maxContentSize));
+        builder.end({}, 5);
+    });
+    expect("!the end of the entry is malformed", [](auto& builder) {
+        builder.data("12345").end({.totals = SparseTotals{6, 0}}, 5);
+    });
+}
+
+// Of four blocks with content, the third is changed.
+TEST(EntryContent, DamageLosesOnlyWhatComesAfterItInTheFile) {
+    ArchiveBuilder builder(leaderEvery(1000));
+    auto bytes = addLong(builder, 4).file("other", "o").finish();
+    bytes[builder.positions[3] - 1] ^= 1;
+    Contents contents(bytes);
+    const std::string damaged = "!block 2: the block is changed, or not of this archive";
+    EXPECT_EQ(contents.read(0, longStep, 4), "1001");
+    EXPECT_EQ(contents.read(0, 2 * longStep - 2, 4), damaged);
+    EXPECT_EQ(contents.read(0, 3 * longStep, 4), damaged);
+    EXPECT_EQ(contents.read(0, 2 * longStep - 4, 4), "xxxx");
+    EXPECT_EQ(contents.read(1), "o");
+}
+
+}  // namespace
