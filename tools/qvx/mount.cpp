@@ -1,5 +1,7 @@
 // qvx mount
-#include <climits>
+#include <fcntl.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -24,6 +26,15 @@ struct MountOptions : ArchiveOptions {
 std::string sourceName(const std::string& archive) {
     const std::string path = archive.substr(0, archive.find('?'));
     return path.substr(path.rfind('/') + 1);
+}
+
+// In the background, the working directory is another one. Fails when it is no directory.
+Result<std::string> fullPath(const std::string& folder) {
+    const FileDescriptor directory(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return systemError(errno, folder);
+    const std::unique_ptr<char, FreeWith<std::free>> path(realpath(folder.c_str(), nullptr));
+    if (!path) return systemError(errno, folder);
+    return std::string(path.get());
 }
 
 Result<void, ReadFault> readTree(const MountOptions& options, ArchiveReader& reader, EntryTree& tree) {
@@ -69,9 +80,9 @@ CommandResult runMount(const MountOptions& options) {
         return CommandError{
             {"the size of the cache must be a number of bytes, with K, M, G or T, and at least 8M", 0, options.cache},
             exitUsage};
-    const std::unique_ptr<char, FreeWith<std::free>> folder(realpath(options.folder.c_str(), nullptr));
-    if (!folder) return CommandError{systemError(errno, options.folder)};
-    const auto work = [&](const auto& ready) { return serve(options, folder.get(), *cacheBytes, ready); };
+    const auto folder = fullPath(options.folder);
+    if (!folder) return CommandError{folder.error()};
+    const auto work = [&](const auto& ready) { return serve(options, *folder, *cacheBytes, ready); };
     return options.foreground ? work([] {}) : runInBackground(work);
 }
 
