@@ -142,6 +142,21 @@ TEST(EntryContent, RefusesAnEntryThatIsNotWhatTheIndexSays) {
     }
 }
 
+TEST(ArchiveReader, ListsTheOtherPartsOfADamagedIndex) {
+    ArchiveBuilder builder;
+    for (int number = 0; number < 128; ++number) builder.file("lost", "x");
+    auto bytes = builder.endBlock().endIndexPart().endBlock().file("found", "x").finish();
+    bytes[builder.positions[2] - 1] ^= 1;
+    const auto reader = openArchive(bytes);
+    std::string seen;
+    const auto visit = [&](auto number, const auto& entry) {
+        seen += std::to_string(number) + entry.path;
+        return true;
+    };
+    EXPECT_TRUE((*reader)->listIntact(visit, [&](const ReadFault& fault) { seen += fault.text + "; "; }));
+    EXPECT_EQ(seen, "the block is changed, or not of this archive; 128found");
+}
+
 TEST(EntryContent, RefusesMalformedRecords) {
     const auto expect = [](const char* text, const std::function<void(ArchiveBuilder&)>& build) {
         ArchiveBuilder builder;
