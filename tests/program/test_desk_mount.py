@@ -102,7 +102,9 @@ class Mount(Scenario):
             self.assertEqual(file.read(4096), original.read(4096))
             with self.assertRaises(OSError) as raised:
                 file.read()
-        self.assertEqual(raised.exception.errno, errno.EIO)
+            self.assertEqual(raised.exception.errno, errno.EIO)
+            self.assertEqual(file.seek(-4096, os.SEEK_END), original.seek(-4096, os.SEEK_END))
+            self.assertEqual(file.read(), original.read())
         self.end()
         _, errors = process.communicate()
         self.assertIn(b"qvx: media/source/damaged: block 4: the block is changed, or not of this archive\n", errors)
@@ -126,4 +128,6 @@ class Mount(Scenario):
         for words in ((*KEY, ARCHIVE, "/media/nowhere"), (*KEY, ARCHIVE, ARCHIVE), (*KEY, "/media/cut.qvx", MOUNT),
                       ("--cache", "7M", *KEY, ARCHIVE, MOUNT), ("--cache", "x", *KEY, ARCHIVE, MOUNT)):
             self.tool("qvx", "mount", *words)
-        self.assertEqual(self.start("mount", "--key", "/media/other.pem", ARCHIVE, MOUNT, program="qvx").wait(), 3)
+        process = self.start("mount", "--key", "/media/other.pem", ARCHIVE, MOUNT, program="qvx")
+        self.assertIn(b"sealed to another key", process.communicate()[1])
+        self.assertEqual(process.returncode, 3)

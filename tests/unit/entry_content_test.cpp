@@ -1,6 +1,7 @@
 // Contents of entries, read at any place through a small cache of blocks.
 #include "qvx/read/entry_content.h"
 
+#include <random>
 #include <thread>
 
 #include "unit/archive_builder.h"
@@ -18,14 +19,14 @@ public:
         file_ = file.get();
         reader_ = std::move(*ArchiveReader::open(std::move(file), recipient()));
         const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
-            places_.push_back({std::uint32_t(entry.block), std::uint32_t(entry.offset)});
+            locations_.push_back(locationOf(entry));
             entries_.push_back({number, entry.type, entry.path, entry.size});
             return true;
         };
         EXPECT_TRUE(reader_->list(visit));
         blocks_ = reader_->cacheBlocks(0);
         contents_.emplace(*blocks_, [this](std::uint64_t number) {
-            return number < places_.size() ? std::optional(places_[number]) : std::nullopt;
+            return number < locations_.size() ? std::optional(locations_[number]) : std::nullopt;
         });
     }
 
@@ -42,7 +43,7 @@ public:
 private:
     const ArchiveFile* file_ = nullptr;
     std::unique_ptr<ArchiveReader> reader_;
-    std::vector<RecordPlace> places_;
+    std::vector<EntryLocation> locations_;
     std::vector<IndexedEntry> entries_;
     std::unique_ptr<BlockCache> blocks_;
     std::optional<EntryContents> contents_;
@@ -61,40 +62,52 @@ ArchiveBuilder& addSplit(ArchiveBuilder& builder) {
 }
 const std::string split("firstsecond\0\0\0\0\0third", 21);
 
-// A file in `count` blocks, with the number of the block at the beginning of each.
+// A file in `count` blocks. Each has its number, a long text and bytes that do not compress, so that it costs as much
+// as any other to read.
+constexpr std::size_t textLength = blockSize / 2, noiseLength = 32768;
+constexpr std::uint64_t longStep = 4 + textLength + noiseLength;
 ArchiveBuilder& addLong(ArchiveBuilder& builder, std::uint64_t count) {
     builder.begin("long");
-    const std::string rest(blockSize / 2, 'x');
-    for (std::uint64_t number = 0; number < count; ++number)
-        builder.data(std::to_string(1000 + number)).data(rest).endBlock();
-    return builder.end({}, count * (rest.size() + 4));
+    std::mt19937 random;
+    std::string noise(noiseLength, '-');
+    for (std::uint64_t number = 0; number < count; ++number) {
+        for (char& c : noise) c = static_cast<char>(random());
+        builder.data(std::to_string(1000 + number)).data(std::string(textLength, 'x')).data(noise).endBlock();
+    }
+    return builder.end({}, count * longStep);
 }
-constexpr std::uint64_t longStep = blockSize / 2 + 4;
 
 TEST(EntryContent, ReadsEveryRange) {
     ArchiveBuilder builder;
     builder.file("before", "b");
-    Contents contents(addSplit(builder).file("after", "a").file("link", "target", EntryType::link).finish());
+    const auto bytes = addSplit(builder).file("after", "a").file("link", "target", EntryType::link).finish();
     for (std::size_t position = 0; position <= split.size(); ++position)
-        for (std::size_t length = 0; length <= split.size() + 1; ++length)
+        for (std::size_t length = 0; length <= split.size() + 1; ++length) {
+            Contents contents(bytes);
             EXPECT_EQ(contents.read(1, position, length), split.substr(position, length)) << position << '+' << length;
+            EXPECT_EQ(contents.read(1), split);
+        }
+    Contents contents(bytes);
     EXPECT_EQ(contents.read(1, ~std::uint64_t{0}), "");
     EXPECT_EQ(contents.read(0), "b");
     EXPECT_EQ(contents.read(2), "a");
     EXPECT_EQ(contents.read(3), "target");
 }
 
-TEST(EntryContent, OpensOnlyTheNeededBlocksOnceTheFileIsMeasured) {
+TEST(EntryContent, OpensOnlyTheNeededBlocks) {
     ArchiveBuilder builder(leaderEvery(1000));
     Contents contents(addLong(builder, 40).finish());
-    EXPECT_EQ(contents.read(0, 39 * longStep, 4), "1039");
-    const std::uint64_t before = contents.bytesRead();
-    EXPECT_EQ(contents.read(0, 5 * longStep, 4), "1005");
-    const std::uint64_t one = contents.bytesRead() - before;
-    EXPECT_GT(one, 0U) << "the cache has more blocks than its limit";
-    EXPECT_EQ(contents.read(0, 5 * longStep + 4, 4), "xxxx");
-    EXPECT_EQ(contents.bytesRead() - before, one) << "a block in the cache was read again";
-    EXPECT_LT(one, before / 20);
+    const auto cost = [&](std::uint64_t position, const char* expected) {
+        const std::uint64_t before = contents.bytesRead();
+        EXPECT_EQ(contents.read(0, position, 4), expected);
+        return contents.bytesRead() - before;
+    };
+    const std::uint64_t last = cost(39 * longStep, "1039"), measured = cost(25 * longStep, "1025");
+    const std::uint64_t again = cost(38 * longStep, "1038");
+    EXPECT_LT(last, measured / 3) << "the end was looked for from the beginning";
+    EXPECT_LT(again, measured / 10) << "the file was measured again";
+    EXPECT_GT(again, 0U) << "the cache has more blocks than its limit";
+    EXPECT_EQ(cost(38 * longStep + 4, "xxxx"), 0U) << "a block in the cache was read again";
 }
 
 TEST(EntryContent, ThreadsThatReadInOrderAndAtRandomSeeTheSame) {
@@ -119,7 +132,7 @@ TEST(EntryContent, FollowsOneReferenceToAnEarlierWholeFile) {
     Contents contents(builder.finish());
     const std::string missing = "!the entry with its content is missing or a different one";
     const std::string mismatch = "!the index does not match the entry", end = "!the end of the entry is malformed";
-    const std::string expected[] = {missing, "content", "content", end,      mismatch, "p",
+    const std::string expected[] = {missing, "content", "content", mismatch, mismatch, "p",
                                     end,     missing,   "x",       mismatch, missing,  missing};
     for (std::size_t number = 0; number < std::size(expected); ++number)
         EXPECT_EQ(contents.read(number), expected[number]) << contents.entries()[number].path;
@@ -175,18 +188,38 @@ TEST(EntryContent, RefusesMalformedRecords) {
     });
 }
 
-// Of four blocks with content, the third is changed.
-TEST(EntryContent, DamageLosesOnlyWhatComesAfterItInTheFile) {
+TEST(EntryContent, DamageLosesOnlyTheContentOfItsBlock) {
     ArchiveBuilder builder(leaderEvery(1000));
-    auto bytes = addLong(builder, 4).file("other", "o").finish();
+    auto bytes = addLong(builder, 9).file("other", "o").finish();
     bytes[builder.positions[3] - 1] ^= 1;
-    Contents contents(bytes);
     const std::string damaged = "!block 2: the block is changed, or not of this archive";
-    EXPECT_EQ(contents.read(0, longStep, 4), "1001");
-    EXPECT_EQ(contents.read(0, 2 * longStep - 2, 4), damaged);
-    EXPECT_EQ(contents.read(0, 3 * longStep, 4), damaged);
-    EXPECT_EQ(contents.read(0, 2 * longStep - 4, 4), "xxxx");
-    EXPECT_EQ(contents.read(1), "o");
+    for (const std::uint64_t first : {0U, 1U, 3U, 8U}) {
+        Contents contents(bytes);
+        for (const std::uint64_t number : {first, 1UL, 3UL, 7UL, 8UL})
+            EXPECT_EQ(contents.read(0, number * longStep, 4), std::to_string(1000 + number)) << "first " << first;
+        EXPECT_EQ(contents.read(0, 2 * longStep - 2, 4), damaged);
+        EXPECT_EQ(contents.read(0, 2 * longStep, 4), damaged);
+        EXPECT_EQ(contents.read(0, 3 * longStep - 4, 8), damaged);
+        EXPECT_EQ(contents.read(0, 2 * longStep - noiseLength - 4, 4), "xxxx");
+        EXPECT_EQ(contents.read(1), "o");
+    }
+}
+
+// The END record begins in one block and ends in the next, with the size.
+TEST(EntryContent, ReadsUpToASplitEnd) {
+    for (const bool right : {true, false}) {
+        ArchiveBuilder builder;
+        const auto splitEnd = static_cast<RecordType>(0x84);
+        const std::string content(blockSize - 18, 'x');  // one byte of END is left
+        builder.begin("x").data(content).record(splitEnd, {0x02});
+        builder.forge = [](RecordType type, ByteVector& payload) {
+            if (type == RecordType::end) payload.erase(payload.begin());
+        };
+        const std::uint64_t stated = content.size() + (right ? 0 : 1);
+        Contents contents(builder.end({.totals = SparseTotals{stated, 0}}, content.size()).finish());
+        EXPECT_EQ(contents.read(0, 3, 3), "xxx");
+        EXPECT_EQ(contents.read(0, content.size() - 3), right ? "xxx" : "!the end of the entry is malformed");
+    }
 }
 
 }  // namespace

@@ -48,8 +48,8 @@ TEST(EntryTree, HasEachPathOnce) {
     EXPECT_EQ(tree.shown(), "b:711{c:555{d:0 } e:4 } a:5 ");
     EXPECT_EQ(tree.at(EntryTree::root).mode, 0700);
     EXPECT_EQ(tree.pathOf(tree.find(tree.find(tree.find(1, "b"), "c"), "d")), "b/c/d");
-    EXPECT_EQ(tree.placeOf(3)->block, 3U) << "of an entry that another one replaces";
-    EXPECT_FALSE(tree.placeOf(6));
+    EXPECT_EQ(tree.locate(3)->place.block, 3U) << "of an entry that another one replaces";
+    EXPECT_FALSE(tree.locate(6));
     EXPECT_EQ(tree.leftOut(), 0U);
 }
 

@@ -49,8 +49,7 @@ EntryTree::EntryTree() : nodes_(2), slots_(firstSlots), hashKey_(randomKey()) {
 }
 
 void EntryTree::add(const IndexEntry& entry, std::uint64_t number) {
-    const RecordPlace place{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.offset)};
-    places_.push_back({static_cast<std::uint32_t>(number), place});
+    locations_.push_back({static_cast<std::uint32_t>(number), locationOf(entry)});
     const NodeId id = isShowable(entry.path) ? makePath(entry.path) : none;
     const bool isDirectory = entry.type == EntryType::directory;
     if (id == none || (!isDirectory && nodes_[id].lastChild != none)) {
@@ -81,7 +80,7 @@ EntryTree::NodeId EntryTree::makePath(std::string_view path) {
 
 EntryTree::NodeId EntryTree::makeDirectory(NodeId parent, std::string_view name) {
     if (const NodeId found = find(parent, name)) return nodes_[found].type == EntryType::directory ? found : none;
-    if (madeUp_ >= freeDirectories + 4 * places_.size()) return none;
+    if (madeUp_ >= freeDirectories + 4 * locations_.size()) return none;
     ++madeUp_;
     const NodeId made = append(parent, name);
     nodes_[made].mode = madeUpMode;
@@ -138,9 +137,9 @@ std::string EntryTree::pathOf(NodeId id) const {
     return path;
 }
 
-std::optional<RecordPlace> EntryTree::placeOf(std::uint64_t number) const {
-    const auto found = std::ranges::lower_bound(places_, number, {}, &NumberedPlace::number);
-    return found != places_.end() && found->number == number ? std::optional(found->place) : std::nullopt;
+std::optional<EntryLocation> EntryTree::locate(std::uint64_t number) const {
+    const auto found = std::ranges::lower_bound(locations_, number, {}, &NumberedLocation::number);
+    return found != locations_.end() && found->number == number ? std::optional(found->location) : std::nullopt;
 }
 
 }  // namespace tarnwick::qvx

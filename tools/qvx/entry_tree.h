@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "qvx/format/index_codec.h"
+#include "qvx/read/entry_content.h"
 
 namespace tarnwick::qvx {
 
@@ -52,13 +52,13 @@ public:
     [[nodiscard]] bool contains(NodeId id) const { return id != none && id < nodes_.size(); }
     [[nodiscard]] std::string pathOf(NodeId id) const;
 
-    // Where an entry begins, also one that is not in the tree.
-    [[nodiscard]] std::optional<RecordPlace> placeOf(std::uint64_t number) const;
+    // Where an entry is, also one that is not in the tree.
+    [[nodiscard]] std::optional<EntryLocation> locate(std::uint64_t number) const;
 
 private:
-    struct NumberedPlace {  // a damaged part of the index leaves a gap
+    struct NumberedLocation {  // a damaged part of the index leaves a gap
         std::uint32_t number;
-        RecordPlace place;
+        EntryLocation location;
     };
 
     [[nodiscard]] NodeId makePath(std::string_view path);
@@ -69,9 +69,9 @@ private:
 
     std::deque<Node> nodes_;
     std::pmr::monotonic_buffer_resource names_;
-    std::vector<NodeId> slots_;         // open addressing, at least one in four is free
-    std::deque<NumberedPlace> places_;  // ascending
-    const std::uint64_t hashKey_;       // random, so that nobody can choose names that collide
+    std::vector<NodeId> slots_;               // open addressing, at least one in four is free
+    std::deque<NumberedLocation> locations_;  // ascending
+    const std::uint64_t hashKey_;             // random, so that nobody can choose names that collide
     std::uint64_t madeUp_ = 0;
     std::uint64_t leftOut_ = 0;
 };

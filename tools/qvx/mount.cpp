@@ -65,7 +65,7 @@ CommandResult serve(const MountOptions& options, const std::string& folder, std:
     EntryTree tree;
     if (const auto read = readTree(options, **reader, tree); !read) return archiveError(options.archive, read.error());
     const auto blocks = (*reader)->cacheBlocks(cacheBytes);
-    EntryContents contents(*blocks, [&](std::uint64_t number) { return tree.placeOf(number); });
+    EntryContents contents(*blocks, [&](std::uint64_t number) { return tree.locate(number); });
     auto mounted = FuseMount::mount(folder, sourceName(options.archive), {tree, contents});
     if (!mounted) return CommandError{mounted.error()};
     ready();

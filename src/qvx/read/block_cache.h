@@ -24,6 +24,8 @@ public:
     // Any thread. Never null: a block that cannot be opened has a fault, and the next call tries again.
     BlockPointer get(std::uint64_t sequence);
 
+    [[nodiscard]] std::uint64_t end() const { return map_.end(); }  // the number after the last block
+
 private:
     struct Slot {
         BlockPointer block = nullptr;  // null while a thread opens it

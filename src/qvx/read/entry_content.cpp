@@ -9,6 +9,8 @@ namespace {
 constexpr std::size_t maxContents = 64;
 constexpr std::size_t maxMemory = 8 << 20;  // bytes, of all contents but the last one
 
+constexpr std::size_t maxTailBlocks = maxEndLength / blockSize + 2;
+
 const char* const indexMismatch = "the index does not match the entry";
 
 // Walks over the content that is in one block.
@@ -28,7 +30,11 @@ public:
             const auto record = records_.next();
             if (!record) return malformed_ = records_.damaged(), std::nullopt;
             if (record->type == RecordType::pad) continue;
-            if (record->type == RecordType::end) return end_ = offset, std::nullopt;
+            if (record->type == RecordType::end) {
+                end_ = offset;
+                endContinues_ = record->continues;
+                return std::nullopt;
+            }
             const auto part = partOf(*record);
             malformed_ = !part;
             return part;
@@ -36,6 +42,7 @@ public:
     }
     [[nodiscard]] bool malformed() const { return malformed_; }
     [[nodiscard]] const std::optional<std::size_t>& end() const { return end_; }  // offset of the END record
+    [[nodiscard]] bool endContinues() const { return endContinues_; }             // in the next block
 
 private:
     static std::optional<Part> partOf(const Record& record) {
@@ -48,6 +55,7 @@ private:
     RecordCursor records_;
     bool malformed_ = false;
     std::optional<std::size_t> end_;
+    bool endContinues_ = false;
 };
 
 // Copies what the part, which starts at `start` in the content, has of the bytes at `position`.
@@ -62,6 +70,11 @@ void copyPart(const PartCursor::Part& part, std::uint64_t start, std::uint64_t p
 
 }  // namespace
 
+EntryLocation locationOf(const IndexEntry& entry) {
+    return {{static_cast<std::uint32_t>(entry.block), static_cast<std::uint32_t>(entry.offset)},
+            static_cast<std::uint32_t>(entry.block + entry.span)};
+}
+
 EntryContent::EntryContent(BlockCache& blocks, EntryLocator locate, IndexedEntry entry)
     : blocks_(blocks), locate_(std::move(locate)), entry_(std::move(entry)) {}
 
@@ -72,7 +85,8 @@ Result<std::size_t> EntryContent::read(std::uint64_t position, MutableBytes byte
     std::vector<Piece> pieces;
     {
         const std::lock_guard lock(mutex_);
-        if (const Status measured = measure(extent.end()); !measured) return measured.error();
+        if (const Status opened = open(); !opened) return opened.error();
+        if (const Status measured = measure(extent); !measured) return measured.error();
         pieces = piecesOf(extent);
     }
     for (const Piece& piece : pieces)
@@ -80,108 +94,160 @@ Result<std::size_t> EntryContent::read(std::uint64_t position, MutableBytes byte
     return bytes.size();
 }
 
-// The read of the last byte checks that the content ends there.
-Status EntryContent::measure(std::uint64_t end) {
-    if (starts_.empty()) {
-        const auto place = locate_(entry_.number);
-        if (!place) return error(indexMismatch);
-        if (const Status begun = begin(entry_.number, *place, &entry_.path); !begun) return begun;
-    }
-    while (!ended_ && (starts_.back() < end || end == entry_.size)) {
-        if (const Status measured = measureBlock(); !measured) return measured;
-        if (starts_.back() > entry_.size) return error(indexMismatch);
-    }
-    return {};
+// If it fails, the next read tries again.
+Status EntryContent::open() {
+    if (!starts_.empty()) return {};
+    Status opened = openAt(entry_.number, &entry_.path);
+    if (opened && entry_.type == EntryType::file) opened = followReference();
+    if (!opened) starts_.clear();
+    return opened;
 }
 
-Status EntryContent::begin(std::uint64_t number, const RecordPlace& place, const std::string* path) {
-    const auto first = block(place.block);
-    if (!first) return first.error();
-    RecordCursor cursor((*first)->plain, place.offset);
+Status EntryContent::openAt(std::uint64_t number, const std::string* path) {
+    const auto location = locate_(number);
+    const bool inArchive =
+        location && location->lastBlock >= location->place.block && location->lastBlock < blocks_.end();
+    if (!inArchive) return error(indexMismatch);
+    const auto opened = blocks_.get(location->place.block);
+    if (opened->fault) return blockError(*opened);
+    RecordCursor cursor(opened->plain, location->place.offset);
     const auto record = cursor.next();
     const auto head = record && record->type == RecordType::entry ? decodeEntryHead(record->payload) : std::nullopt;
     const bool expected = head && head->number == number && head->type == entry_.type && (!path || head->path == *path);
     if (!expected) return error(indexMismatch);
-    place_ = place;
-    first_ = {place.block, static_cast<std::uint32_t>(cursor.offset())};
-    starts_ = {0};
-    return {};
-}
-
-Status EntryContent::measureBlock() {
-    const std::uint64_t sequence = first_.block + starts_.size() - 1;
-    const auto next = block(sequence);
-    if (!next) return next.error();
-    std::uint64_t size = starts_.back();
-    PartCursor parts((*next)->plain, starts_.size() == 1 ? first_.offset : 0);
-    while (const auto part = parts.next()) {
-        if (part->length > maxContentSize - size) return error("the content is too long");
-        size += part->length;
-    }
-    if (parts.malformed()) return error("the content is malformed");
-    if (parts.end()) return finish(size, recordPlace(**next, *parts.end()));
-    starts_.push_back(size);
+    place_ = location->place;
+    first_ = {place_.block, static_cast<std::uint32_t>(cursor.offset())};
+    starts_.assign(location->lastBlock - place_.block + std::size_t{2}, 0);
+    starts_.back() = entry_.size;
+    front_ = 0;
+    back_ = blocks();
     memory_ = starts_.capacity() * sizeof starts_.front();
     return {};
 }
 
-// The content of `size` bytes ends with the END record at `end`.
-Status EntryContent::finish(std::uint64_t size, RecordPlace end) {
-    const auto tail = readTail(end);
+// If there is no content, there is a reference to an earlier entry.
+Status EntryContent::followReference() {
+    if (blocks() > maxTailBlocks) return {};
+    const auto first = scan(0);
+    if (!first) return first.error();
+    if (first->size > 0) return {};
+    const auto tail = readTail();
     if (!tail) return tail.error();
-    const bool refers = tail->contentOf && size == 0 && !referred_ && entry_.type == EntryType::file;
-    if (refers) return follow(*tail->contentOf);
-    const bool wrongTotal = tail->totals && tail->totals->size != size;
-    if (tail->contentOf || wrongTotal || (referred_ && tail->unreadable))
-        return error("the end of the entry is malformed");
-    if (size != entry_.size) return error(indexMismatch);
-    starts_.push_back(size);
-    ended_ = true;
+    if (!tail->contentOf) return {};
+    const auto location = locate_(*tail->contentOf);
+    if (!location || location->place >= place_)
+        return error("the entry with its content is missing or a different one");
+    Status opened = openAt(*tail->contentOf, nullptr);
+    if (opened) referred_ = true;
+    return opened;
+}
+
+Status EntryContent::measure(const Extent& extent) {
+    while (!isMeasured(extent)) {
+        const bool nearFront = extent.end() - starts_[front_] <= starts_[back_] - extent.offset;
+        Status measured = nearFront ? measureFront() : measureBack();
+        // There is damage on the way, but the bytes may be between it and the other end.
+        const bool beyond = nearFront ? extent.offset > starts_[front_] : extent.end() < starts_[back_];
+        if (!measured && beyond) measured = nearFront ? measureBack() : measureFront();
+        if (!measured) return measured;
+    }
+    return extent.end() == entry_.size ? checkEnd() : Status();
+}
+
+// At the place where front and back meet, they must say the same.
+Status EntryContent::measureFront() {
+    const auto measured = scan(front_);
+    if (!measured) return measured.error();
+    const std::uint64_t left = starts_[back_] - starts_[front_];
+    if (measured->size > left || (front_ + 1 == back_ && measured->size != left)) return error(indexMismatch);
+    starts_[front_ + 1] = starts_[front_] + measured->size;
+    ++front_;
     return {};
 }
 
-// An entry refers to an earlier one only.
-Status EntryContent::follow(std::uint64_t number) {
-    const auto place = locate_(number);
-    if (!place || *place >= place_) return error("the entry with its content is missing or a different one");
-    Status begun = begin(number, *place, nullptr);
-    if (begun) referred_ = true;
-    return begun;
+Status EntryContent::measureBack() {
+    const auto measured = scan(back_ - 1);
+    if (!measured) return measured.error();
+    const std::uint64_t left = starts_[back_] - starts_[front_];
+    if (measured->size > left || (front_ + 1 == back_ && measured->size != left)) return error(indexMismatch);
+    starts_[back_ - 1] = starts_[back_] - measured->size;
+    --back_;
+    return {};
 }
 
-Result<EntryTail> EntryContent::readTail(RecordPlace end) {
-    RecordJoiner joiner;
-    for (;; end = {end.block + 1, 0}) {
-        const auto next = block(end.block);
-        if (!next) return next.error();
-        const auto record = RecordCursor((*next)->plain, end.offset).next();
-        if (!record || record->type != RecordType::end) break;
-        const auto state = joiner.add(*record, maxEndLength);
-        if (state == RecordJoiner::State::partial) continue;
-        auto tail = state == RecordJoiner::State::complete ? decodeEntryTail(joiner.payload()) : std::nullopt;
-        if (!tail) break;
-        return std::move(*tail);
+bool EntryContent::isMeasured(const Extent& extent) const {
+    return front_ == back_ || extent.end() <= starts_[front_] || extent.offset >= starts_[back_];
+}
+
+Status EntryContent::checkEnd() {
+    if (endChecked_) return {};
+    const auto tail = readTail();
+    if (!tail) return tail.error();
+    if (tail->contentOf || (tail->totals && tail->totals->size != entry_.size) || (referred_ && tail->unreadable))
+        return error("the end of the entry is malformed");
+    endChecked_ = true;
+    return {};
+}
+
+// The record may begin in an earlier block than the last one.
+Result<EntryTail> EntryContent::readTail() {
+    std::size_t number = blocks() - 1;
+    auto last = scan(number);
+    if (!last) return last.error();
+    while (number > 0 && *last->end == 0) {
+        auto before = scan(number - 1);
+        if (!before) return before.error();
+        if (!before->end) break;
+        last = before;
+        --number;
     }
-    return error("the end of the entry is malformed");
+    RecordJoiner joiner;
+    for (std::size_t offset = *last->end; number < blocks(); ++number, offset = 0) {
+        const auto next = block(number);
+        if (!next) return next.error();
+        const auto record = RecordCursor((*next)->plain, offset).next();
+        if (!record || joiner.add(*record, maxEndLength) == RecordJoiner::State::damaged) break;
+    }
+    auto tail = number == blocks() && !joiner.joining() ? decodeEntryTail(joiner.payload()) : std::nullopt;
+    if (!tail) return error("the end of the entry is malformed");
+    return std::move(*tail);
+}
+
+Result<EntryContent::Scan> EntryContent::scan(std::size_t number) {
+    const auto opened = block(number);
+    if (!opened) return opened.error();
+    Scan found;
+    PartCursor parts((*opened)->plain, offsetIn(number));
+    while (const auto part = parts.next()) {
+        if (part->length > maxContentSize - found.size) return error("the content is too long");
+        found.size += part->length;
+    }
+    if (parts.malformed()) return error("the content is malformed");
+    found.end = parts.end();
+    const bool isLast = number + 1 == blocks();
+    const bool ends = parts.end() && !parts.endContinues();
+    if (ends != isLast) return error(indexMismatch);
+    return found;
 }
 
 std::vector<EntryContent::Piece> EntryContent::piecesOf(const Extent& extent) const {
     std::vector<Piece> pieces;
-    auto start = std::ranges::upper_bound(starts_, extent.offset) - 1;
-    for (; start + 1 != starts_.end() && *start < extent.end(); ++start) {
-        const auto number = static_cast<std::uint64_t>(start - starts_.begin());
-        if (start[0] == start[1]) continue;  // there is only padding in that block
-        pieces.push_back({first_.block + number, number == 0 ? first_.offset : 0, {*start, start[1] - start[0]}});
-    }
+    const bool inFront = extent.end() <= starts_[front_];
+    std::span<const std::uint64_t> known = starts_;
+    if (front_ != back_) known = inFront ? known.first(front_ + 1) : known.subspan(back_);
+    const auto* start = &*(std::ranges::upper_bound(known, extent.offset) - 1);
+    for (; *start < extent.end(); ++start)
+        if (start[0] != start[1])  // otherwise, there is only padding in that block
+            pieces.push_back({static_cast<std::size_t>(start - starts_.data()), {*start, start[1] - start[0]}});
     return pieces;
 }
 
 Status EntryContent::copy(const Piece& piece, std::uint64_t position, MutableBytes bytes) {
-    const auto opened = block(piece.sequence);
+    const auto opened = block(piece.number);
     if (!opened) return opened.error();
     const std::uint64_t end = std::min(piece.extent.end(), position + bytes.size());
     std::uint64_t start = piece.extent.offset;
-    PartCursor parts((*opened)->plain, piece.offset);
+    PartCursor parts((*opened)->plain, offsetIn(piece.number));
     while (start < end) {
         const auto part = parts.next();
         if (!part) return error("the content has changed");
@@ -191,10 +257,14 @@ Status EntryContent::copy(const Piece& piece, std::uint64_t position, MutableByt
     return {};
 }
 
-Result<BlockPointer> EntryContent::block(std::uint64_t sequence) {
-    auto block = blocks_.get(sequence);
-    if (block->fault) return error("block " + std::to_string(sequence) + ": " + block->fault->text);
-    return block;
+Result<BlockPointer> EntryContent::block(std::size_t number) {
+    auto opened = blocks_.get(first_.block + number);
+    if (opened->fault) return blockError(*opened);
+    return opened;
+}
+
+Error EntryContent::blockError(const OpenedBlock& block) const {
+    return error("block " + std::to_string(block.place.sequence) + ": " + block.fault->text);
 }
 
 Error EntryContent::error(std::string text) const { return {std::move(text), 0, entryName(entry_.path)}; }

@@ -20,8 +20,16 @@ struct IndexedEntry {
     std::uint64_t size = 0;  // of the content
 };
 
-// Where the entry with this number begins; none if there is no such entry. Any thread may call it.
-using EntryLocator = std::function<std::optional<RecordPlace>(std::uint64_t number)>;
+// Where an entry is, as the index says.
+struct EntryLocation {
+    RecordPlace place;            // of its ENTRY record
+    std::uint32_t lastBlock = 0;  // with the end of its END record
+};
+
+EntryLocation locationOf(const IndexEntry& entry);
+
+// Where the entry with this number is; none if there is no such entry. Any thread may call it.
+using EntryLocator = std::function<std::optional<EntryLocation>(std::uint64_t number)>;
 
 // The content of one file, or the target of a link. Any number of threads.
 class EntryContent {
@@ -30,9 +38,9 @@ public:
     EntryContent(BlockCache& blocks, EntryLocator locate, IndexedEntry entry);
 
     // Fills the beginning of `bytes` from the content at `position`, and returns how many bytes that was: fewer than
-    // asked for only at the end. Reads the blocks from the beginning of the entry up to that position when it is
-    // reached for the first time, later only those with the bytes. Fails when these blocks are damaged, or the entry is
-    // not what the index says; content before that can still be read.
+    // asked for only at the end. To find a position for the first time, it reads all blocks of the entry up to it, from
+    // the beginning or from the end, whichever is nearer; later only those with the bytes. Fails when the bytes are
+    // damaged, or the entry is not what the index says; the content before and after that can still be read.
     Result<std::size_t> read(std::uint64_t position, MutableBytes bytes);
 
     [[nodiscard]] std::uint64_t number() const { return entry_.number; }
@@ -43,20 +51,32 @@ public:
 private:
     // A block with a part of the content.
     struct Piece {
-        std::uint64_t sequence = 0;
-        std::size_t offset = 0;  // where the records begin
+        std::size_t number = 0;  // of the block in the entry, from 0
         Extent extent;           // of the content
     };
 
-    Status measure(std::uint64_t end);
-    Status begin(std::uint64_t number, const RecordPlace& place, const std::string* path);
-    Status measureBlock();
-    Status finish(std::uint64_t size, RecordPlace end);
-    Status follow(std::uint64_t number);
-    Result<EntryTail> readTail(RecordPlace end);
+    // What is in one block.
+    struct Scan {
+        std::uint64_t size = 0;          // bytes of the content
+        std::optional<std::size_t> end;  // offset of the END record, or of its rest
+    };
+
+    Status open();
+    Status openAt(std::uint64_t number, const std::string* path);
+    Status followReference();
+    Status measure(const Extent& extent);
+    Status measureFront();
+    Status measureBack();
+    [[nodiscard]] bool isMeasured(const Extent& extent) const;
+    Status checkEnd();
+    Result<EntryTail> readTail();
+    Result<Scan> scan(std::size_t number);
     [[nodiscard]] std::vector<Piece> piecesOf(const Extent& extent) const;
     Status copy(const Piece& piece, std::uint64_t position, MutableBytes bytes);
-    Result<BlockPointer> block(std::uint64_t sequence);
+    Result<BlockPointer> block(std::size_t number);
+    [[nodiscard]] std::size_t blocks() const { return starts_.size() - 1; }
+    [[nodiscard]] std::size_t offsetIn(std::size_t number) const { return number == 0 ? first_.offset : 0; }
+    [[nodiscard]] Error blockError(const OpenedBlock& block) const;
     [[nodiscard]] Error error(std::string text) const;
 
     BlockCache& blocks_;
@@ -64,12 +84,16 @@ private:
     const IndexedEntry entry_;
     std::atomic<std::size_t> memory_ = 0;
 
-    std::mutex mutex_;                   // for all below
-    RecordPlace place_;                  // of the ENTRY record
-    RecordPlace first_;                  // of the record after it
-    std::vector<std::uint64_t> starts_;  // of the content in each block from there; last, where the next one starts
-    bool ended_ = false;                 // the END record was read, and all is as it says
-    bool referred_ = false;              // the places are those of the other entry that has the content
+    std::mutex mutex_;   // for all below
+    RecordPlace place_;  // of the ENTRY record, of the entry that has the content
+    RecordPlace first_;  // of the record after it
+
+    // By block: where its content starts. Known up to front_, and from back_ on to the last one, which is the size.
+    std::vector<std::uint64_t> starts_;
+    std::size_t front_ = 0;
+    std::size_t back_ = 0;
+    bool endChecked_ = false;
+    bool referred_ = false;  // another entry has the content
 };
 
 // Keeps the last contents that were read, within a limit.
