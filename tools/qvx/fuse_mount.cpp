@@ -3,8 +3,12 @@
 #define FUSE_USE_VERSION 312
 #include <fuse_lowlevel.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +23,8 @@ namespace {
 using NodeId = EntryTree::NodeId;
 
 constexpr double forever = 1e9;  // seconds: nothing changes, so the kernel may keep what it knows
+
+constexpr std::size_t maxVectors = IOV_MAX - 1;  // the library adds one for its header
 
 // Positions in a directory: that of an entry is its id, and no entry has the id of these.
 constexpr off_t firstPosition = 0;
@@ -108,13 +114,38 @@ void readLink(fuse_req_t request, fuse_ino_t id) {
     fuse_reply_readlink(request, reinterpret_cast<const char*>(target.data()));
 }
 
+// The parts for the kernel, which copies from them.
+std::vector<iovec> vectorsOf(const std::vector<EntryContent::Part>& parts) {
+    static constexpr std::array<std::uint8_t, 65536> zeros{};
+    std::vector<iovec> vectors;
+    const auto add = [&](Bytes bytes) {
+        vectors.push_back({const_cast<std::uint8_t*>(bytes.data()), bytes.size()});  // the kernel only reads
+    };
+    for (const auto& part : parts) {
+        if (!part.bytes.empty()) add(part.bytes);
+        for (std::uint64_t left = part.bytes.empty() ? part.length : 0; left > 0; left -= vectors.back().iov_len)
+            add(Bytes(zeros).first(static_cast<std::size_t>(std::min<std::uint64_t>(left, zeros.size()))));
+    }
+    return vectors;
+}
+
+// For content in more parts than the kernel accepts.
+void replyWithCopy(fuse_req_t request, const std::vector<iovec>& vectors) {
+    std::vector<char> bytes;
+    for (const iovec& vector : vectors) {
+        const auto* begin = static_cast<const char*>(vector.iov_base);
+        bytes.insert(bytes.end(), begin, begin + vector.iov_len);
+    }
+    fuse_reply_buf(request, bytes.data(), bytes.size());
+}
+
 void read(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t position, fuse_file_info*) {
-    thread_local std::vector<std::uint8_t> buffer;
-    if (buffer.size() < size) buffer.resize(size);
     const auto content = contentOf(entriesOf(request), static_cast<NodeId>(id));
-    const auto length = content->read(static_cast<std::uint64_t>(position), MutableBytes(buffer).first(size));
-    if (!length) return refuse(request, length.error());
-    fuse_reply_buf(request, reinterpret_cast<const char*>(buffer.data()), *length);
+    const auto parts = content->parts(static_cast<std::uint64_t>(position), size);
+    if (!parts) return refuse(request, parts.error());
+    const auto vectors = vectorsOf(*parts);
+    if (vectors.size() > maxVectors) return replyWithCopy(request, vectors);
+    fuse_reply_iov(request, vectors.data(), static_cast<int>(vectors.size()));
 }
 
 // Fills a reply with entries of a directory, each with the position after it.

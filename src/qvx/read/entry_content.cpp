@@ -16,12 +16,9 @@ const char* const indexMismatch = "the index does not match the entry";
 // Walks over the content that is in one block.
 class PartCursor {
 public:
-    struct Part {
-        Bytes data;  // empty for a hole
-        std::uint64_t length = 0;
-    };
+    using Part = EntryContent::Part;
 
-    PartCursor(Bytes block, std::size_t offset) : records_(block, offset) {}
+    PartCursor(BlockPointer block, std::size_t offset) : block_(std::move(block)), records_(block_->plain, offset) {}
 
     // The next part; none at the end of the block, at END and where the entry is malformed.
     std::optional<Part> next() {
@@ -45,27 +42,28 @@ public:
     [[nodiscard]] bool endContinues() const { return endContinues_; }             // in the next block
 
 private:
-    static std::optional<Part> partOf(const Record& record) {
+    [[nodiscard]] std::optional<Part> partOf(const Record& record) const {
         if (record.type == RecordType::data && !record.payload.empty())
-            return Part{record.payload, record.payload.size()};
+            return Part{block_, record.payload, record.payload.size()};
         const auto length = record.type == RecordType::hole ? decodeHole(record.payload) : std::nullopt;
-        return length ? std::optional(Part{{}, *length}) : std::nullopt;
+        return length ? std::optional(Part{nullptr, {}, *length}) : std::nullopt;
     }
 
+    BlockPointer block_;
     RecordCursor records_;
     bool malformed_ = false;
     std::optional<std::size_t> end_;
     bool endContinues_ = false;
 };
 
-// Copies what the part, which starts at `start` in the content, has of the bytes at `position`.
-void copyPart(const PartCursor::Part& part, std::uint64_t start, std::uint64_t position, MutableBytes bytes) {
-    const std::uint64_t begin = std::max(start, position);
-    const std::uint64_t end = std::min(start + part.length, position + bytes.size());
-    if (begin >= end) return;
-    const auto to = bytes.subspan(static_cast<std::size_t>(begin - position), static_cast<std::size_t>(end - begin));
-    if (part.data.empty()) std::ranges::fill(to, std::uint8_t{0});
-    if (!part.data.empty()) std::copy_n(&part.data[static_cast<std::size_t>(begin - start)], to.size(), to.begin());
+// What of the part is in the wanted extent; `whole` is the extent of the part.
+EntryContent::Part cut(EntryContent::Part part, const Extent& whole, const Extent& wanted) {
+    const std::uint64_t begin = std::max(whole.offset, wanted.offset);
+    part.length = std::min(whole.end(), wanted.end()) - begin;
+    if (part.bytes.empty()) return part;
+    part.bytes =
+        part.bytes.subspan(static_cast<std::size_t>(begin - whole.offset), static_cast<std::size_t>(part.length));
+    return part;
 }
 
 }  // namespace
@@ -78,10 +76,10 @@ EntryLocation locationOf(const IndexEntry& entry) {
 EntryContent::EntryContent(BlockCache& blocks, EntryLocator locate, IndexedEntry entry)
     : blocks_(blocks), locate_(std::move(locate)), entry_(std::move(entry)) {}
 
-Result<std::size_t> EntryContent::read(std::uint64_t position, MutableBytes bytes) {
-    if (position >= entry_.size) return std::size_t{0};
-    const Extent extent{position, std::min<std::uint64_t>(bytes.size(), entry_.size - position)};
-    bytes = bytes.first(static_cast<std::size_t>(extent.length));
+Result<std::vector<EntryContent::Part>> EntryContent::parts(std::uint64_t position, std::uint64_t length) {
+    std::vector<Part> parts;
+    if (position >= entry_.size || length == 0) return parts;
+    const Extent extent{position, std::min(length, entry_.size - position)};
     std::vector<Piece> pieces;
     {
         const std::lock_guard lock(mutex_);
@@ -90,8 +88,20 @@ Result<std::size_t> EntryContent::read(std::uint64_t position, MutableBytes byte
         pieces = piecesOf(extent);
     }
     for (const Piece& piece : pieces)
-        if (const Status copied = copy(piece, position, bytes); !copied) return copied.error();
-    return bytes.size();
+        if (const Status added = addParts(piece, extent, parts); !added) return added.error();
+    return parts;
+}
+
+Result<std::size_t> EntryContent::read(std::uint64_t position, MutableBytes bytes) {
+    const auto found = parts(position, bytes.size());
+    if (!found) return found.error();
+    std::uint8_t* to = bytes.data();
+    for (const Part& part : *found) {
+        if (part.bytes.empty()) std::fill_n(to, part.length, std::uint8_t{0});
+        std::ranges::copy(part.bytes, to);
+        to += part.length;
+    }
+    return static_cast<std::size_t>(to - bytes.data());
 }
 
 // If it fails, the next read tries again.
@@ -217,7 +227,7 @@ Result<EntryContent::Scan> EntryContent::scan(std::size_t number) {
     const auto opened = block(number);
     if (!opened) return opened.error();
     Scan found;
-    PartCursor parts((*opened)->plain, offsetIn(number));
+    PartCursor parts(*opened, offsetIn(number));
     while (const auto part = parts.next()) {
         if (part->length > maxContentSize - found.size) return error("the content is too long");
         found.size += part->length;
@@ -242,17 +252,17 @@ std::vector<EntryContent::Piece> EntryContent::piecesOf(const Extent& extent) co
     return pieces;
 }
 
-Status EntryContent::copy(const Piece& piece, std::uint64_t position, MutableBytes bytes) {
+Status EntryContent::addParts(const Piece& piece, const Extent& extent, std::vector<Part>& parts) {
     const auto opened = block(piece.number);
     if (!opened) return opened.error();
-    const std::uint64_t end = std::min(piece.extent.end(), position + bytes.size());
-    std::uint64_t start = piece.extent.offset;
-    PartCursor parts((*opened)->plain, offsetIn(piece.number));
-    while (start < end) {
-        const auto part = parts.next();
+    PartCursor cursor(*opened, offsetIn(piece.number));
+    const std::uint64_t end = std::min(piece.extent.end(), extent.end());
+    for (std::uint64_t start = piece.extent.offset; start < end;) {
+        auto part = cursor.next();
         if (!part) return error("the content has changed");
-        copyPart(*part, start, position, bytes);
+        const Extent whole{start, part->length};
         start += part->length;
+        if (start > extent.offset) parts.push_back(cut(std::move(*part), whole, extent));
     }
     return {};
 }

@@ -37,10 +37,20 @@ public:
     // `blocks` must outlive this object. Reads nothing yet.
     EntryContent(BlockCache& blocks, EntryLocator locate, IndexedEntry entry);
 
-    // Fills the beginning of `bytes` from the content at `position`, and returns how many bytes that was: fewer than
-    // asked for only at the end. To find a position for the first time, it reads all blocks of the entry up to it, from
-    // the beginning or from the end, whichever is nearer; later only those with the bytes. Fails when the bytes are
-    // damaged, or the entry is not what the index says; the content before and after that can still be read.
+    // Bytes of the content, which are in the block, or zeros of a hole.
+    struct Part {
+        BlockPointer block;
+        Bytes bytes;  // empty for zeros
+        std::uint64_t length = 0;
+    };
+
+    // The content from `position` on, of the length or up to its end, without a copy. To find a position for the first
+    // time, this opens all blocks of the entry up to it, from the beginning or from the end, whichever is nearer; later
+    // only those with the bytes. Fails when the bytes are damaged, or the entry is not what the index says; the content
+    // before and after that can still be read.
+    Result<std::vector<Part>> parts(std::uint64_t position, std::uint64_t length);
+
+    // The same as a copy: fills the beginning of `bytes`, and returns how many bytes that was.
     Result<std::size_t> read(std::uint64_t position, MutableBytes bytes);
 
     [[nodiscard]] std::uint64_t number() const { return entry_.number; }
@@ -72,7 +82,7 @@ private:
     Result<EntryTail> readTail();
     Result<Scan> scan(std::size_t number);
     [[nodiscard]] std::vector<Piece> piecesOf(const Extent& extent) const;
-    Status copy(const Piece& piece, std::uint64_t position, MutableBytes bytes);
+    Status addParts(const Piece& piece, const Extent& extent, std::vector<Part>& parts);
     Result<BlockPointer> block(std::size_t number);
     [[nodiscard]] std::size_t blocks() const { return starts_.size() - 1; }
     [[nodiscard]] std::size_t offsetIn(std::size_t number) const { return number == 0 ? first_.offset : 0; }
