@@ -14,6 +14,19 @@ constexpr unsigned maxRun = 5;        // 2^5 blocks ahead
 
 }  // namespace
 
+std::vector<std::uint8_t> SpareBuffers::take() {
+    const std::lock_guard lock(mutex_);
+    if (buffers_.empty()) return {};
+    auto buffer = std::move(buffers_.back());
+    buffers_.pop_back();
+    return buffer;
+}
+
+void SpareBuffers::give(std::vector<std::uint8_t> buffer) noexcept {
+    const std::lock_guard lock(mutex_);
+    if (buffers_.size() < maxBuffers && buffer.size() == blockSize) buffers_.push_back(std::move(buffer));
+}
+
 BlockCache::BlockCache(const ArchiveFile& file, const MessageKeys& keys, const BlockMap& map, std::uint64_t bytes)
     : file_(file), keys_(keys), map_(map), limit_(static_cast<std::size_t>(std::max(bytes, minBytes) / blockSize)) {}
 
@@ -41,13 +54,21 @@ BlockPointer BlockCache::fetch(Lock& lock, std::uint64_t sequence) {
         return slot->block;
     }
     // All that can fail for want of memory is done before other threads can wait for the block.
-    const auto block = std::make_shared<OpenedBlock>();
+    const auto block = makeBlock();
     const SlotPointer slot = add(sequence);
     lock.unlock();
     open(sequence, *block);
     lock.lock();
     finish(sequence, *slot, block);
     return block;
+}
+
+std::shared_ptr<OpenedBlock> BlockCache::makeBlock() {
+    const auto recycle = [spare = spare_](OpenedBlock* block) {
+        spare->give(std::move(block->plain));
+        delete block;
+    };
+    return {new OpenedBlock, recycle};
 }
 
 BlockCache::SlotPointer BlockCache::add(std::uint64_t sequence) {
@@ -90,6 +111,7 @@ void BlockCache::open(std::uint64_t sequence, OpenedBlock& block) {
     try {
         if (const auto place = map_.find(sequence)) {
             block = unopenedBlock(file_, *place);
+            block.plain = spare_->take();
             openWithLeader(block);
         } else {
             block.fault = ReadFault{{"there is no such block"}, sequence};
