@@ -84,7 +84,7 @@ class Mount(Scenario):
         self.assertIn(b"Permission denied", other.stderr)
         options = next(line for line in read("/proc/self/mountinfo").splitlines() if f" {MOUNT}/m " in line)
         self.assertLessEqual({"ro", "nosuid", "nodev", "noexec"}, set(options.split()[5].split(",")))
-        self.assertRegex(options, r" - fuse\.qvx archive\.qvx ")
+        self.assertRegex(options, r" - fuse\.qvx /media/archive\.qvx ")
         self.end()
 
     # One block of `damaged` is changed.

@@ -2,18 +2,22 @@
 
 #define FUSE_USE_VERSION 312
 #include <fuse_lowlevel.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 
+#include "interruption.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
@@ -232,6 +236,16 @@ void reportFromLibrary(fuse_log_level level, const char* format, va_list argumen
     report(line);
 }
 
+// For the handler of signals.
+std::atomic<fuse_session*> servedSession = nullptr;
+pthread_t servingThread;
+
+// The thread that waits in serve() looks at the session only when the signal ends its wait.
+void endService(int number) {
+    if (auto* const session = servedSession.load()) fuse_session_exit(session);
+    if (!pthread_equal(pthread_self(), servingThread)) pthread_kill(servingThread, number);
+}
+
 std::string mountOptions(const std::string& source) {
     char* options = nullptr;
     for (const std::string& option : {std::string("ro"), std::string("nosuid"), std::string("nodev"),
@@ -261,24 +275,25 @@ Status FuseMount::open(const std::string& folder, const std::string& source) {
     fuse_opt_free_args(&arguments);
     if (!session_) return Error{"the file system cannot be made"};
     // Before the mount: a signal that ended the process would leave a dead mount.
-    handlesSignals_ = fuse_set_signal_handlers(session_) == 0;
-    if (!handlesSignals_ || fuse_session_mount(session_, folder.c_str()) != 0)
-        return Error{"cannot mount here", 0, folder};
+    servedSession = session_;
+    servingThread = pthread_self();
+    watchForInterruption(endService);
+    if (fuse_session_mount(session_, folder.c_str()) != 0) return Error{"cannot mount here", 0, folder};
     return {};
 }
 
 FuseMount::~FuseMount() {
     if (!session_) return;
+    servedSession = nullptr;
     fuse_session_unmount(session_);
-    if (handlesSignals_) fuse_remove_signal_handlers(session_);
     fuse_session_destroy(session_);
 }
 
-Result<int> FuseMount::serve() {
+Status FuseMount::serve() {
     const std::unique_ptr<fuse_loop_config, FreeWith<fuse_loop_cfg_destroy>> config(fuse_loop_cfg_create());
     const int result = fuse_session_loop_mt(session_, config.get());
     if (result < 0) return systemError(-result);
-    return result;
+    return {};
 }
 
 }  // namespace tarnwick::qvx

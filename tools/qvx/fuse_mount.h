@@ -22,16 +22,16 @@ class FuseMount {
 public:
     // Mounts on the folder: read-only, for this user only, without set-id bits, devices and execution. `source` is what
     // the table of mounts shows as the device. The entries must outlive the mount. From this call on, SIGINT, SIGTERM
-    // and SIGHUP end serve().
+    // and SIGHUP are recorded and end serve(), which must be called by the same thread. Only one mount at a time.
     static Result<std::unique_ptr<FuseMount>> mount(const std::string& folder, const std::string& source,
                                                     MountedEntries entries);
     FuseMount(const FuseMount&) = delete;
     FuseMount& operator=(const FuseMount&) = delete;
     ~FuseMount();  // unmounts
 
-    // Answers the kernel in several threads until somebody unmounts the file system or a signal comes. Returns the
-    // number of the signal, or 0. Reports what cannot be read.
-    Result<int> serve();
+    // Answers the kernel in several threads until somebody unmounts the file system or a signal comes. Reports what
+    // cannot be read.
+    Status serve();
 
 private:
     explicit FuseMount(MountedEntries entries) : entries_(entries) {}
@@ -39,7 +39,6 @@ private:
 
     MountedEntries entries_;
     fuse_session* session_ = nullptr;
-    bool handlesSignals_ = false;
 };
 
 }  // namespace tarnwick::qvx

@@ -10,7 +10,12 @@ namespace {
 
 std::atomic<int> raised = 0;  // lock-free, as a signal handler requires
 
-void remember(int number) { raised = number; }
+std::atomic<void (*)(int)> woken = nullptr;
+
+void remember(int number) {
+    raised = number;
+    if (auto* const wake = woken.load()) wake(number);
+}
 
 // A signal that is ignored (nohup) stays ignored.
 bool isIgnored(int number) {
@@ -18,14 +23,21 @@ bool isIgnored(int number) {
     return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-}  // namespace
-
-void watchForInterruption() {
+void watch(int flags) {
     struct sigaction action {};
     action.sa_handler = remember;
-    action.sa_flags = SA_RESTART;
+    action.sa_flags = flags;
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
         if (!isIgnored(number)) sigaction(number, &action, nullptr);
+}
+
+}  // namespace
+
+void watchForInterruption() { watch(SA_RESTART); }
+
+void watchForInterruption(void (*wake)(int number)) {
+    woken = wake;
+    watch(0);
 }
 
 bool interrupted() { return raised != 0; }

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <memory>
 
@@ -21,12 +20,6 @@ struct MountOptions : ArchiveOptions {
     std::string cache = "64M";
     bool foreground = false;
 };
-
-// The last part of the name, and nothing that may be secret in a URL.
-std::string sourceName(const std::string& archive) {
-    const std::string path = archive.substr(0, archive.find('?'));
-    return path.substr(path.rfind('/') + 1);
-}
 
 // In the background, the working directory is another one. Fails when it is no directory.
 Result<std::string> fullPath(const std::string& folder) {
@@ -48,16 +41,6 @@ Result<void, ReadFault> readTree(const MountOptions& options, ArchiveReader& rea
     return listed;
 }
 
-// The signal ends this process only now, after the file system is unmounted.
-CommandResult finish(const Result<int>& served) {
-    if (!served) return CommandError{served.error()};
-    if (*served != 0) {
-        std::signal(*served, SIG_DFL);
-        std::raise(*served);
-    }
-    return exitSuccess;
-}
-
 CommandResult serve(const MountOptions& options, const std::string& folder, std::uint64_t cacheBytes,
                     const std::function<void()>& ready) {
     const auto reader = openArchive(options);
@@ -66,12 +49,11 @@ CommandResult serve(const MountOptions& options, const std::string& folder, std:
     if (const auto read = readTree(options, **reader, tree); !read) return archiveError(options.archive, read.error());
     const auto blocks = (*reader)->cacheBlocks(cacheBytes);
     EntryContents contents(*blocks, [&](std::uint64_t number) { return tree.locate(number); });
-    auto mounted = FuseMount::mount(folder, sourceName(options.archive), {tree, contents});
+    const auto mounted = FuseMount::mount(folder, archiveName(options.archive), {tree, contents});
     if (!mounted) return CommandError{mounted.error()};
     ready();
-    const auto served = (*mounted)->serve();
-    *mounted = nullptr;
-    return finish(served);
+    if (const Status served = (*mounted)->serve(); !served) return CommandError{served.error()};
+    return exitSuccess;
 }
 
 CommandResult runMount(const MountOptions& options) {

@@ -110,6 +110,7 @@ void BlockCache::open(std::uint64_t sequence, OpenedBlock& block) {
     block.place = {sequence, 0};
     try {
         if (const auto place = map_.find(sequence)) {
+            willReadBlocks(file_, map_, sequence, sequence + 1);
             block = unopenedBlock(file_, *place);
             block.plain = spare_->take();
             openWithLeader(block);
@@ -162,7 +163,9 @@ void BlockCache::noteUse(std::uint64_t sequence) {
 }
 
 void BlockCache::readAhead(std::uint64_t sequence, std::size_t count) {
-    for (const std::uint64_t end = std::min(sequence + count, map_.end()); sequence < end; ++sequence)
+    const std::uint64_t end = std::min(sequence + count, map_.end());
+    if (sequence < end) willReadBlocks(file_, map_, sequence, end);
+    for (; sequence < end; ++sequence)
         if (!slots_.contains(sequence) && std::ranges::find(wanted_, sequence) == wanted_.end())
             wanted_.push_back(sequence);
     while (wanted_.size() > maxAhead) wanted_.pop_front();  // of a reader that is elsewhere by now
