@@ -5,6 +5,7 @@ import signal
 import subprocess
 import unittest
 
+import test_desk_remote
 from world import Scenario, call, content, read, write
 
 KEY, ARCHIVE, SOURCE, OUT, MOUNT = ["--key", "/media/key.pem"], "/media/archive.qvx", "/media/source", "/media/out", "/mnt"
@@ -109,6 +110,25 @@ class Mount(Scenario):
         _, errors = process.communicate()
         self.assertIn(b"qvx: media/source/damaged: block 4: the block is changed, or not of this archive\n", errors)
         self.assertEqual(process.returncode, 0)
+
+    # The process in the background is another one than the one that was started.
+    def test_archive_on_a_server_is_read_where_it_is_needed(self):
+        server = test_desk_remote.Remote
+        os.makedirs("/media/www")
+        server.make_certificates(self)
+        for name in "abc":
+            write(f"{SOURCE}/{name}", os.urandom(20 << 20))
+        self.create()
+        os.rename(ARCHIVE, "/media/www/a.qvx")
+        url = server.serve(self) + "/a.qvx?signature=secret"
+        environment = {"CURL_CA_BUNDLE": "/media/ca.crt"}
+        process = self.start("mount", *KEY, url, f"{MOUNT}/m", program="qvx", environment=environment)
+        self.assertEqual((process.communicate(), process.returncode), ((b"", b""), 0))
+        self.assertEqual(content(f"{MOUNT}/m{SOURCE}/b"), content(f"{SOURCE}/b"))
+        fetched = sum(int(line.split()[1]) for line in read("/media/access").splitlines())
+        self.assertLess(fetched, 44 << 20)
+        self.assertNotIn("secret", read("/proc/self/mounts"))
+        self.end()
 
     def test_signal_unmounts_and_ends_the_process(self):
         write(f"{SOURCE}/file", "x")
