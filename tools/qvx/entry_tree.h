@@ -49,7 +49,6 @@ public:
     [[nodiscard]] NodeId find(NodeId parent, std::string_view name) const;
     [[nodiscard]] NodeId firstChild(NodeId directory) const;
     [[nodiscard]] NodeId nextSibling(NodeId id) const;
-    [[nodiscard]] bool contains(NodeId id) const { return id != none && id < nodes_.size(); }
     [[nodiscard]] std::string pathOf(NodeId id) const;
 
     // Where an entry is, also one that is not in the tree.

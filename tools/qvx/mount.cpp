@@ -34,10 +34,8 @@ Result<void, ReadFault> readTree(const MountOptions& options, ArchiveReader& rea
     const auto add = [&](std::uint64_t number, const IndexEntry& entry) { return tree.add(entry, number), true; };
     const auto reportFault = [&](const ReadFault& fault) { report(archiveError(options.archive, fault)); };
     auto listed = reader.listIntact(add, reportFault);
-    if (tree.leftOut() > 0)
-        report(Error{std::to_string(tree.leftOut()) + " entries cannot be shown: they are below something that is no "
-                                                      "directory, or have a name that is too long",
-                     0, options.archive});
+    const std::string leftOut = std::to_string(tree.leftOut()) + " entries are left out, which no directory can hold";
+    if (tree.leftOut() > 0) report(Error{leftOut, 0, archiveName(options.archive)});
     return listed;
 }
 
