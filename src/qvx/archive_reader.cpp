@@ -16,6 +16,13 @@ std::uint64_t countMissing(const std::vector<std::uint32_t>& found, std::uint64_
     return end - first - static_cast<std::uint64_t>(present);
 }
 
+// What is left of the outcome when damage is reported.
+ReadOutcome reportFault(ReadOutcome outcome, const ArchiveReader::FaultReport& report) {
+    if (!outcome.fault()) return outcome;
+    report(*outcome.fault());
+    return {};
+}
+
 Result<OpenedHeader, OpenFault> openEither(const ArchiveFile& file, EVP_PKEY* key, ArchiveReader::Opening opening) {
     if (file.isStream()) return openStreamHeader(file, key);
     return opening == ArchiveReader::Opening::salvage ? salvageHeader(file, key) : openHeader(file, key);
@@ -92,6 +99,36 @@ Result<void, ReadFault> ArchiveReader::readMetadata(const EntryChoice& choice,
     StoredMetadataReader reader(blocks, choice, visit);
     for (const auto& entry : chosen)
         if (auto read = reader.read(entry); !read) return read;
+    return {};
+}
+
+ReadOutcome ArchiveReader::searchChosen(const EntryChoice& choice, EntrySink& sink, const FaultReport& report) {
+    if (file_->isStream()) return reportFault(readAll(sink), report);
+    ChosenEntries chosen;
+    auto indexed = loadIndex();
+    if (indexed) indexed = chooseEntries(*index_, choice, chosen);
+    if (!indexed && canSalvage()) return salvage(sink, report);
+    if (!indexed) return reportFault(indexed.error(), report);
+    if (headerDamage_) report(*headerDamage_);
+    RereadContents contents(*file_, keys_, index_->map());
+    DeferredEntries deferred;
+    if (auto outcome = searchStored(chosen, choice, sink, contents, deferred, report); !outcome) return outcome;
+    return reportFault(deferred.deliver(*index_, choice, contents, sink), report);
+}
+
+ReadOutcome ArchiveReader::searchStored(ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
+                                        RereadContents& contents, DeferredEntries& deferred,
+                                        const FaultReport& report) {
+    BlockPipeline blocks(*file_, keys_, ChosenBlocks(*file_, index_->map(), chosen), &index_->map());
+    ChosenEntryReader reader(blocks, choice, sink, contents, deferred, EntryReader::Scope::withoutDigests);
+    std::optional<std::uint64_t> reported;  // block
+    for (; !chosen.empty() && file_->state(); chosen.pop_front()) {
+        const auto outcome = reader.read(chosen.front());
+        if (outcome.isStopped()) return outcome;
+        if (!outcome.fault() || (reported && reported == outcome.fault()->block)) continue;
+        reported = outcome.fault()->block;
+        report(*outcome.fault());
+    }
     return {};
 }
 

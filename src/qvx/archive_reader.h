@@ -3,7 +3,7 @@
 //
 // An archive is hostile until it is checked: anybody can seal one to a public key. No function here allocates more than
 // a small multiple of what it has read from the file. EntrySink::finish() is called only for entries that match the
-// digests in the archive.
+// digests in the archive, except by searchChosen().
 #pragma once
 
 #include <functional>
@@ -46,6 +46,12 @@ public:
     // which these begin and end, not those between. Contents are not read and not checked. Ends at the first damage.
     Result<void, ReadFault> readMetadata(const EntryChoice& choice, const StoredMetadataReader::Visitor& visit);
 
+    // Passes the contents of the chosen entries to a search, in the order of readChosen(). Computes no digests: the
+    // seals of the blocks show that nothing was changed. Continues after damage, which it reports once for each block.
+    // If the index is damaged or the archive comes from a pipe, the sink gets every entry that can be read, also those
+    // that are not chosen. The outcome is never a fault.
+    ReadOutcome searchChosen(const EntryChoice& choice, EntrySink& sink, const FaultReport& report);
+
     // Reads the whole archive and checks everything: each block and its place, each record, size and digest, each
     // reference; index, root and trailer against the entries and blocks; and that nothing follows the last block but
     // the footer. Ends at the first damage.
@@ -65,6 +71,8 @@ private:
     Result<void, ReadFault> loadIndex();
     ReadOutcome readStored(ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink, RereadContents& contents,
                            DeferredEntries& deferred);
+    ReadOutcome searchStored(ChosenEntries& chosen, const EntryChoice& choice, EntrySink& sink,
+                             RereadContents& contents, DeferredEntries& deferred, const FaultReport& report);
     void reportLost(const std::vector<std::uint32_t>& found, const FaultReport& report);
 
     std::unique_ptr<ArchiveFile> file_;

@@ -95,10 +95,16 @@ class ChosenEntryReader {
 public:
     // All arguments must outlive the reader. `contents` reads those of entries that were read before.
     ChosenEntryReader(BlockPipeline& blocks, const EntryChoice& choice, EntrySink& sink, RereadContents& contents,
-                      DeferredEntries& deferred)
-        : blocks_(blocks), choice_(choice), sink_(sink), contents_(contents), deferred_(deferred) {}
+                      DeferredEntries& deferred, EntryReader::Scope scope = EntryReader::Scope::someEntries)
+        : blocks_(blocks),
+          choice_(choice),
+          sink_(sink),
+          contents_(contents),
+          deferred_(deferred),
+          entry_(sink_, scope) {}
 
-    // Reads an entry, and delivers or defers it. Call it in the order in which they are stored.
+    // Reads an entry, and delivers or defers it. Call it in the order in which they are stored. After damage, the next
+    // one can be read.
     ReadOutcome read(const ChosenEntry& chosen);
 
 private:
@@ -112,7 +118,7 @@ private:
     LateSink sink_;
     RereadContents& contents_;
     DeferredEntries& deferred_;
-    EntryReader entry_{sink_};
+    EntryReader entry_;
     EntryTable table_;
     BlockPointer block_;
 };
