@@ -15,6 +15,7 @@ using CommandRun = std::function<CommandResult()>;
 CommandRun declareCreate(CommandOptions& command);
 CommandRun declareList(CommandOptions& command);
 CommandRun declareFind(CommandOptions& command);
+CommandRun declareGrep(CommandOptions& command);
 CommandRun declareVerify(CommandOptions& command);
 CommandRun declareDiff(CommandOptions& command);
 CommandRun declareExtract(CommandOptions& command);
@@ -34,6 +35,7 @@ inline constexpr Command commands[] = {
     {"create", "make an archive of the paths", declareCreate},
     {"list", "print the entries", declareList},
     {"find", "print the entries whose path matches a pattern", declareFind},
+    {"grep", "print the lines of files that match an expression", declareGrep},
     {"verify", "check everything", declareVerify},
     {"diff", "print how the entries of two archives differ", declareDiff},
     {"extract", "put entries on disk", declareExtract},

@@ -3,6 +3,7 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <algorithm>
 #include <new>
 
 #include "base/handle.h"
@@ -11,10 +12,11 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t firstStackSize = 32768;   // bytes
-constexpr std::size_t maxStackSize = 1048576;   // of compiled code
-constexpr std::uint32_t maxHeapSize = 32768;    // KiB, where expressions cannot be compiled to code
-constexpr std::uint32_t maxSteps = 10'000'000;  // a second at the worst
+constexpr std::size_t firstStackSize = 32768;       // bytes
+constexpr std::size_t maxStackSize = 1048576;       // of compiled code
+constexpr std::uint32_t maxHeapSize = 32768;        // KiB, where expressions cannot be compiled to code
+constexpr std::size_t maxSteps = 1'000'000;         // from one place of the text
+constexpr std::size_t maxAllSteps = 1'000'000'000;  // from all places: seconds at the worst
 
 using CompileContext = std::unique_ptr<pcre2_compile_context, FreeWith<pcre2_compile_context_free>>;
 
@@ -59,12 +61,14 @@ ExpressionSearch::ExpressionSearch(RegularExpression expression)
       stack_(pcre2_jit_stack_create(firstStackSize, maxStackSize, nullptr)),
       context_(allocated(pcre2_match_context_create(nullptr))),
       data_(allocated(pcre2_match_data_create(1, nullptr))) {
-    pcre2_set_match_limit(context_.get(), maxSteps);
     pcre2_set_heap_limit(context_.get(), maxHeapSize);
     if (stack_) pcre2_jit_stack_assign(context_.get(), nullptr, stack_.get());
 }
 
 Result<std::optional<ExpressionSearch::Match>> ExpressionSearch::find(std::string_view text, std::size_t from) {
+    // PCRE2 counts the steps from each place of the text anew.
+    const std::size_t places = text.size() - from + 1;
+    pcre2_set_match_limit(context_.get(), static_cast<std::uint32_t>(std::min(maxSteps, maxAllSteps / places)));
     const int found =
         pcre2_match(expression_.code_.get(), bytesOf(text), text.size(), from, 0, data_.get(), context_.get());
     if (found == PCRE2_ERROR_NOMATCH) return std::optional<Match>();
