@@ -5,7 +5,6 @@
 #include "archive_access.h"
 #include "archive_output.h"
 #include "commands.h"
-#include "interruption.h"
 #include "key_files.h"
 
 namespace tarnwick::qvx {
@@ -38,7 +37,7 @@ Status writeCopy(const ArchiveFile& from, const OpenedHeader& old, Bytes header,
     return to(encodeFooter(header));
 }
 
-CommandResult rekey(const RekeyOptions& options) {
+CommandResult runRekey(const RekeyOptions& options) {
     const auto recipients = loadRecipients(options.recipients);
     if (!recipients) return CommandError{recipients.error()};
     auto output = ArchiveOutput::open(options.output);
@@ -56,13 +55,6 @@ CommandResult rekey(const RekeyOptions& options) {
     if (written) written = output->place();
     if (!written) return CommandError{written.error()};
     return exitSuccess;
-}
-
-// Only here: a new file with a hidden name is removed by now.
-CommandResult runRekey(const RekeyOptions& options) {
-    auto result = rekey(options);
-    if (!result && interrupted()) endAsInterrupted();
-    return result;
 }
 
 }  // namespace
