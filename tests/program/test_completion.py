@@ -18,7 +18,7 @@ def offered(*words):
 
 class Completion(Scenario):
     def test_words_of_the_companions(self):
-        for program in "qvx", "volctl", "tarnwick-consent":
+        for program in "volctl", "tarnwick-consent":
             self.offers_what_help_names(program)
 
     def offers_what_help_names(self, *words):
