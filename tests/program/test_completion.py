@@ -1,7 +1,7 @@
 # Each word that the completion offers is one that the program knows, and none of its long options is missing.
 import re
 
-from world import BIN, HERE, Scenario, call, read, write
+from world import BIN, HERE, Scenario, call, read
 
 TOP = HERE + "/../.."
 OFFER = """source "$1" && shift
@@ -32,13 +32,8 @@ class Completion(Scenario):
         for name in names:
             self.offers_what_help_names(*words, name)
 
-    def test_words_of_the_main_program_and_files(self):
+    def test_words_of_the_main_program(self):
         general, _, internal = read(f"{TOP}/man/tarnwick.8").partition("On internal builds")
         self.assertEqual(offered("tarnwick", "-"), {f"--{name}" for name in re.findall(r"\.It Fl -(\w+)", general)})
         self.assertIn("--plist", offered("tarnwick", "--summarize", "-"))
         self.assertIn("-capturespec", internal)  # and none of those is offered
-        for name in "a.pem", "a.pub", "a.qvx", "a.txt":
-            write(f"/media/keys/{name}")
-        for words, name in (("list --key", "a.pem"), ("create -r", "a.pub"), ("info", "a.qvx"),
-                            ("extract -k x", "a.qvx")):
-            self.assertEqual(offered("qvx", *words.split(), "/media/keys/"), {f"/media/keys/{name}"})

@@ -2,6 +2,7 @@
 import os
 import pty
 import re
+import shlex
 import signal
 
 from world import HERE, Scenario, call, content, read, write
@@ -30,7 +31,7 @@ INTERACTIVE = {
     "zsh": (["zsh", "-f"], f"fpath=({FILES} $fpath); autoload -Uz compinit; compinit -D -u")}
 # Names of files, each with what is typed of it.
 NAMES = {"sys\nlog": "sy", "it's": "i", 'dol$lar"q': "dol", "with blank": "wi", "colon:1": "colon", r"back\slash": "b",
-         "ends\\": "en", "*": r"\*", "~x": "~", "$(reboot)`id`": r"\$"}
+         "ends\\": "en", "~x": "~", "$(reboot)`id`": r"\$"}
 # The same for whole words in quotes.
 QUOTED = {"single '$quoted'": "'media/var/log/single", 'double "$quoted" \\': '"media/var/log/double'}
 
@@ -125,9 +126,10 @@ class Completion(Scenario):
             for command in "cat", "extract -C /tmp":
                 at = f"qvx {command} {self.archive} "
                 self.assertEqual(offered(shell, at), {"media/"})
-                self.assertEqual(offered(shell, at + "media/var/log/"), names)
+                found = offered(shell, at + "media/var/log/")
+                self.assertEqual({shlex.split(name)[0] for name in found} if shell == "bash" else found, names)
                 self.assertEqual(offered(shell, at + "media/var/log/deep/e"), {"media/var/log/deep/er/"})
-            self.assertEqual(offered(shell, f"qvx cat /media/none.qvx m"), set())
+            self.assertEqual(offered(shell, "qvx cat /media/none.qvx m"), set())
 
     # The names reach the program through the shell's own quoting.
     def test_completed_names_are_those_of_the_files(self):
