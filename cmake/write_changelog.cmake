@@ -1,5 +1,5 @@
-# Run by cpack: writes both changelogs of the package, ours and the one in the form that Debian wants.
-set(folder "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/share/doc/tarnwick")
+# Run by cpack: writes both changelogs of a package, ours and the one in the form that Debian wants.
+set(folder "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/share/doc/${package}")
 file(READ "${changes}" text)
 string(REGEX MATCH "[0-9.]+" release "${version}")
 if(NOT text MATCHES "\n## ${release} ")
@@ -7,7 +7,7 @@ if(NOT text MATCHES "\n## ${release} ")
 endif()
 execute_process(COMMAND date -u -R -d "@$ENV{SOURCE_DATE_EPOCH}" OUTPUT_VARIABLE date COMMAND_ERROR_IS_FATAL ANY)
 file(WRITE "${folder}/changelog.Debian"
-     "tarnwick (${version}) bookworm; urgency=medium\n\n"
+     "${package} (${version}) bookworm; urgency=medium\n\n"
      "  * Release ${release}: see changelog.gz.\n\n"
      " -- ${maintainer}  ${date}")
 file(WRITE "${folder}/changelog" "${text}")
