@@ -33,9 +33,9 @@ set(CPACK_DEBIAN_QVX_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_QVX_DESCRIPTION "\
 make, search and unpack sealed archives
 qvx opens the archives that tarnwick makes, with the private key that they are
-sealed to. It lists, searches, compares, verifies and extracts them, on the
-disk or from a web server, reads what a damaged one still has, and makes new
-ones and key pairs. It needs neither tarnwick nor root.")
+sealed to. It lists, searches, mounts, compares, verifies and extracts them, on
+the disk or from a web server, reads what a damaged one still has, and makes
+new ones and key pairs. It needs neither tarnwick nor root.")
 
 # Libraries are found in the programs. Every system has findutils, but not always one that knows -regextype. Where
 # archives are made, nobody can open them: tarnwick does not run qvx.
@@ -43,6 +43,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TARNWICK_PACKAGE_DEPENDS
     "debconf (>= 0.5) | debconf-2.0, findutils (>= 4.2.24), man-db, openssl, python3")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ca-certificates")
+# fusermount3 mounts an archive for a user who is not root.
+set(CPACK_DEBIAN_QVX_PACKAGE_RECOMMENDS "ca-certificates, fuse3")
 set(CPACK_DEBIAN_TARNWICK_PACKAGE_SUGGESTS "bash-completion, qvx, sudo")
 set(CPACK_DEBIAN_QVX_PACKAGE_SUGGESTS "bash-completion")
 # Until then, the package tarnwick had the files of qvx.

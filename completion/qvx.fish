@@ -77,6 +77,7 @@ function __qvx_argument # NAMES OPTIONS-WITH-VALUE...
             __fish_complete_directories
         case ARCHIVE:PATH ARCHIVE:PATTERN
             __qvx_paths $given[1]
+        case '*:EXPRESSION'
         case '*:PATH'
             __fish_complete_path (commandline -ct)
     end

@@ -101,7 +101,8 @@ class Completion(Scenario):
         self.assertIn("key", valued)
         arguments = set(re.findall(r"[A-Z]{2,}", "".join(re.findall(r"^Usage.*\[OPTIONS\](.*)", helps, re.M))))
         for name in "qvx", "_qvx", "qvx.fish":
-            decided = re.findall(r"[\w-]+", read(f"{FILES}/{name}").partition("_qvx_value")[2].replace("--", ""))
+            tables = re.search(r"(?s)_qvx_value.*?(?=_qvx\(\)|_qvx_specs|# Declares)", read(f"{FILES}/{name}"))[0]
+            decided = re.findall(r"[\w-]+", tables.replace("--", ""))
             self.assertLessEqual(valued | arguments, set(decided), name)
 
     def test_files_of_the_kind_that_is_meant(self):
