@@ -19,6 +19,7 @@ CommandRun declareGrep(CommandOptions& command);
 CommandRun declareVerify(CommandOptions& command);
 CommandRun declareDiff(CommandOptions& command);
 CommandRun declareExtract(CommandOptions& command);
+CommandRun declareTar(CommandOptions& command);
 CommandRun declareCat(CommandOptions& command);
 CommandRun declareMount(CommandOptions& command);
 CommandRun declareInfo(CommandOptions& command);
@@ -39,7 +40,8 @@ inline constexpr Command commands[] = {
     {"verify", "check everything", declareVerify},
     {"diff", "print how the entries of two archives differ", declareDiff},
     {"extract", "put entries on disk", declareExtract},
-    {"cat", "write the content of a file to standard output", declareCat},
+    {"tar", "write entries as a tar stream to standard output", declareTar},
+    {"cat", "write the content of files to standard output", declareCat},
     {"mount", "show the entries as a file system", declareMount},
     {"info", "print what can be read without the key", declareInfo},
     {"rekey", "copy an archive for other recipients", declareRekey},

@@ -8,10 +8,10 @@
 #include "archive_access.h"
 #include "byte_size.h"
 #include "commands.h"
+#include "entry_selection.h"
 #include "interruption.h"
-#include "path_pattern.h"
+
 #include "qvx/extract/disk_sink.h"
-#include "qvx/read/choice_sink.h"
 
 namespace tarnwick::qvx {
 
@@ -24,40 +24,6 @@ struct ExtractionOptions : ArchiveOptions {
     bool preserve = false;
     bool force = false;
     std::string limit = "18446744073709551615";  // SIZE; more than any archive can write
-};
-
-// The patterns of the command line, each with everything below what it matches.
-class PathChoice {
-public:
-    explicit PathChoice(const std::vector<std::string>& paths) {
-        for (const auto& path : paths) paths_.push_back({path, PathPattern(path)});
-    }
-
-    bool contains(std::string_view path) {
-        bool any = false;
-        for (auto& chosen : paths_)
-            if (chosen.pattern.matchesAtOrAbove(path)) any = chosen.matched = true;
-        return any;
-    }
-
-    // Whether each path matched an entry. Reports those that did not.
-    [[nodiscard]] bool allMatched() const {
-        bool all = true;
-        for (const auto& chosen : paths_) {
-            if (!chosen.matched) report(notInArchive(chosen.given));
-            all = all && chosen.matched;
-        }
-        return all;
-    }
-
-private:
-    struct Path {
-        std::string given;
-        PathPattern pattern;
-        bool matched = false;
-    };
-
-    std::vector<Path> paths_;
 };
 
 // Each of these returns whether everything that was asked for could be read, and reports what could not.
@@ -91,25 +57,19 @@ bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSin
 bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) {
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
-        if (options.archive != "-")
-            report("extraction ended there; --salvage extracts the intact files of a damaged archive");
+        report("extraction ended there; --salvage extracts the intact files of a damaged archive");
     }
     return static_cast<bool>(outcome);
 }
 
 bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
-    PathChoice choice(options.paths);
-    const EntryChoice chosen = [&](std::uint64_t, std::string_view path) { return choice.contains(path); };
-    ChoiceSink filter(chosen, sink);
-    // A pipe has no index when it is needed.
-    const auto outcome = options.archive == "-" ? reader.readAll(filter) : reader.readChosen(chosen, sink);
-    return reportDamage(options, outcome) && choice.allMatched();
+    EntrySelection selection(options.paths);
+    return reportDamage(options, readSelected(reader, selection, sink)) && selection.allMatched();
 }
 
 bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
     if (options.salvage) return salvageAll(options, reader, sink);
-    if (!options.paths.empty()) return extractChosen(options, reader, sink);
-    return reportDamage(options, reader.readAll(sink));
+    return extractChosen(options, reader, sink);
 }
 
 void reportLeftOut(const DiskSink& sink) {
@@ -124,8 +84,9 @@ CommandResult runExtract(const ExtractionOptions& options) {
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return CommandError{systemError(errno, options.directory)};
     using Opening = ArchiveReader::Opening;
+    const bool inOrder = !options.salvage && options.paths.empty();
     const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact,
-                                    options.salvage ? Access::anywhere : Access::inOrder);
+                                    inOrder ? Access::inOrder : Access::anywhere);
     if (!reader) return reader.error();
     watchForInterruption();
     DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,

@@ -20,6 +20,8 @@ public:
     // The same for the path or for a directory above it: with a directory, all that is below it is chosen.
     [[nodiscard]] bool matchesAtOrAbove(std::string_view path) const;
 
+    [[nodiscard]] bool isGlob() const { return !glob_.empty(); }
+
 private:
     std::string literal_;    // as it was given
     std::string unescaped_;  // as `qvx list` prints it
