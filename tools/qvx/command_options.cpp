@@ -12,6 +12,10 @@ void CommandOptions::add(const char* names, std::vector<std::string>& values, co
     command_.add_option(names, values, help);
 }
 
+void CommandOptions::add(const char* names, std::uint32_t& value, const char* help) {
+    command_.add_option(names, value, help);
+}
+
 void CommandOptions::addRequired(const char* names, std::string& value, const char* help) {
     command_.add_option(names, value, help)->required();
 }

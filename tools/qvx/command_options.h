@@ -2,6 +2,7 @@
 // seconds to compile.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ public:
 
     void add(const char* names, std::string& value, const char* help);
     void add(const char* names, std::vector<std::string>& values, const char* help);
+    void add(const char* names, std::uint32_t& value, const char* help);
     void addRequired(const char* names, std::string& value, const char* help);
     void addRequired(const char* names, std::vector<std::string>& values, const char* help);    // one for each option
     void addRepeatable(const char* names, std::vector<std::string>& values, const char* help);  // the same

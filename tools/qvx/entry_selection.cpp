@@ -1,7 +1,5 @@
 #include "entry_selection.h"
 
-#include "archive_access.h"
-
 namespace tarnwick::qvx {
 
 EntrySelection::EntrySelection(const std::vector<std::string>& patterns) {
@@ -15,10 +13,10 @@ bool EntrySelection::contains(std::string_view path) {
     return any;
 }
 
-bool EntrySelection::allMatched() const {
+bool EntrySelection::allMatched(Describe describe) const {
     bool all = true;
     for (const auto& chosen : patterns_) {
-        if (!chosen.matched) report(notInArchive(chosen.given));
+        if (!chosen.matched) report(describe(chosen.given));
         all = all && chosen.matched;
     }
     return all;
@@ -45,6 +43,8 @@ ReadOutcome readSelected(ArchiveReader& reader, EntrySelection& selection, Entry
     if (selection.isAll()) return reader.readAll(sink);
     return reader.readChosen([&](std::uint64_t, std::string_view path) { return selection.contains(path); }, sink);
 }
+
+Error noIntactEntry(const std::string& pattern) { return {"no intact entry matches", 0, pattern}; }
 
 ReadOutcome salvageSelected(ArchiveReader& reader, EntrySelection& selection, EntrySink& sink,
                             const ArchiveReader::FaultReport& report) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "archive_access.h"
 #include "path_pattern.h"
 #include "qvx/archive_reader.h"
 
@@ -19,8 +20,9 @@ public:
     // Whether the entry with this path is selected.
     bool contains(std::string_view path);
 
-    // Whether each pattern has matched an entry. Reports those that have not.
-    [[nodiscard]] bool allMatched() const;
+    // Whether each pattern has matched an entry. Reports those that have not; the error is about the pattern.
+    using Describe = Error (*)(const std::string& pattern);
+    [[nodiscard]] bool allMatched(Describe describe = notInArchive) const;
 
 private:
     struct Pattern {
@@ -53,6 +55,9 @@ private:
 
 // Reads all entries from the first block to the last, or only those that are selected.
 ReadOutcome readSelected(ArchiveReader& reader, EntrySelection& selection, EntrySink& sink);
+
+// For a pattern after a salvage: the archive may have had such an entry.
+Error noIntactEntry(const std::string& pattern);
 
 // ArchiveReader::salvage() for those entries. The other ones and their faults are left out.
 ReadOutcome salvageSelected(ArchiveReader& reader, EntrySelection& selection, EntrySink& sink,

@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 
 #include "archive_access.h"
 #include "byte_size.h"
+#include "cat.h"
 #include "commands.h"
 #include "entry_selection.h"
 #include "interruption.h"
@@ -23,6 +25,9 @@ struct ExtractionOptions : ArchiveOptions {
     bool salvage = false;
     bool preserve = false;
     bool force = false;
+    bool toOutput = false;
+    bool dryRun = false;
+    std::uint32_t strip = 0;                     // components of each path
     std::string limit = "18446744073709551615";  // SIZE; more than any archive can write
 };
 
@@ -44,13 +49,35 @@ bool isSound(const ExtractionOptions& options, ArchiveReader& reader) {
     return static_cast<bool>(outcome);
 }
 
-bool salvageAll(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
+// Prints the path of each entry that is read completely.
+struct PathSink : CheckOnly {
+    bool begin(const EntryHead& head) override { return path = head.path, true; }
+    bool finish(const EntryTail&, const ContentReader&) override {
+        return path.empty() || std::puts(escapedName(path).c_str()) >= 0;
+    }
+    std::string path;
+};
+
+// The path without its first components; none if it has no more.
+std::optional<std::string> stripComponents(std::string_view path, std::uint32_t count) {
+    for (; count > 0; --count) {
+        const auto end = path.find('/');
+        if (end == std::string_view::npos) return std::nullopt;
+        path.remove_prefix(end + 1);
+    }
+    return std::string(path);
+}
+
+bool salvageEntries(const ExtractionOptions& options, ArchiveReader& reader, EntrySink& sink) {
     bool intact = true;
     const auto reportFault = [&](const ReadFault& fault) {
         report(archiveError(options.archive, fault));
         intact = false;
     };
-    return reader.salvage(sink, reportFault) && intact && isSound(options, reader);
+    EntrySelection selection(options.paths);
+    if (!salvageSelected(reader, selection, sink, reportFault)) return false;
+    if (!selection.allMatched(noIntactEntry) || !intact) return false;
+    return !selection.isAll() || isSound(options, reader);
 }
 
 // Whether the reading is complete.
@@ -62,14 +89,12 @@ bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) 
     return static_cast<bool>(outcome);
 }
 
-bool extractChosen(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
+bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, EntrySink& sink) {
+    RenamingSink stripped(sink, [&](const std::string& path) { return stripComponents(path, options.strip); });
+    EntrySink& target = options.strip > 0 ? stripped : sink;
+    if (options.salvage) return salvageEntries(options, reader, target);
     EntrySelection selection(options.paths);
-    return reportDamage(options, readSelected(reader, selection, sink)) && selection.allMatched();
-}
-
-bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, DiskSink& sink) {
-    if (options.salvage) return salvageAll(options, reader, sink);
-    return extractChosen(options, reader, sink);
+    return reportDamage(options, readSelected(reader, selection, target)) && selection.allMatched();
 }
 
 void reportLeftOut(const DiskSink& sink) {
@@ -77,28 +102,43 @@ void reportLeftOut(const DiskSink& sink) {
     if (!kinds.empty()) report("not restored: " + kinds + "; --preserve restores them, for root only");
 }
 
+CommandResult extractToDisk(const ExtractionOptions& options, ArchiveReader& reader, int directory,
+                            std::optional<std::uint64_t> limit) {
+    watchForInterruption();
+    DiskSink sink(directory, {.keepIncomplete = options.salvage,
+                              .preserve = options.preserve,
+                              .limit = limit,
+                              .fillsDisk = options.force,
+                              .report = [](const Error& problem) { report(problem); },
+                              .interrupted = interrupted});
+    const bool complete = extractEntries(options, reader, sink);
+    sink.finishDirectories();
+    reportLeftOut(sink);
+    return complete && !sink.failed() ? exitSuccess : exitFailed;
+}
+
+CommandResult printPaths(const ExtractionOptions& options, ArchiveReader& reader) {
+    PathSink sink;
+    const bool complete = extractEntries(options, reader, sink);
+    const auto result = finishOutput(options.archive, {});
+    return complete || !result ? result : exitFailed;
+}
+
 CommandResult runExtract(const ExtractionOptions& options) {
+    if (options.toOutput)
+        return writeContents(options, options.paths.empty() ? std::vector<std::string>{"*"} : options.paths);
     const auto limit = parseSize(options.limit);
     if (!limit) return CommandError{{"not a number of bytes, with K, M, G or T", 0, options.limit}, exitUsage};
     if (options.preserve && geteuid() != 0) return CommandError{{"only root can use --preserve"}};
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory) return CommandError{systemError(errno, options.directory)};
+    if (!directory && !options.dryRun) return CommandError{systemError(errno, options.directory)};
     using Opening = ArchiveReader::Opening;
     const bool inOrder = !options.salvage && options.paths.empty();
     const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact,
                                     inOrder ? Access::inOrder : Access::anywhere);
     if (!reader) return reader.error();
-    watchForInterruption();
-    DiskSink sink(directory.get(), {.keepIncomplete = options.salvage,
-                                    .preserve = options.preserve,
-                                    .limit = limit,
-                                    .fillsDisk = options.force,
-                                    .report = [](const Error& problem) { report(problem); },
-                                    .interrupted = interrupted});
-    const bool complete = extractEntries(options, **reader, sink);
-    sink.finishDirectories();
-    reportLeftOut(sink);
-    return complete && !sink.failed() ? exitSuccess : exitFailed;
+    if (options.dryRun) return printPaths(options, **reader);
+    return extractToDisk(options, **reader, directory.get(), limit);
 }
 
 }  // namespace
@@ -110,9 +150,13 @@ CommandRun declareExtract(CommandOptions& command) {
     command.addFlag("--preserve", options->preserve, "restore owners, special modes, flags and all attributes");
     command.add("--limit", options->limit, "write at most so many bytes; with K, M, G or T, powers of 1024");
     command.addFlag("--force", options->force, "fill the disk");
+    command.add("--strip-components", options->strip, "leave out so many components of each path");
+    command.addFlag("--to-stdout", options->toOutput, "write contents to standard output, as cat does");
+    command.addFlag("-n,--dry-run", options->dryRun, "print the paths that would be written, and write nothing");
     declareKeyAndArchive(command, *options);
-    command.add("PATH", options->paths, "entries to extract, with all below them; otherwise all");
-    command.exclude("--salvage", "PATH");
+    command.add("PATH", options->paths, "entries to extract, with all below them, or globs; otherwise all");
+    command.exclude("--salvage", "--to-stdout");
+    command.exclude("--dry-run", "--to-stdout");
     return [options] { return runExtract(*options); };
 }
 

@@ -64,6 +64,21 @@ std::string listingLine(const IndexEntry& entry) {
     return line + ' ' + escapedName(entryName(entry.path));
 }
 
+IndexEntry indexEntry(const EntryHead& head, const EntryTail& tail, std::uint64_t length) {
+    constexpr std::int64_t second = 1000000000;
+    const std::int64_t modified = head.modified.value_or(0);
+    IndexEntry entry;
+    entry.type = head.type;
+    entry.path = head.path;
+    entry.mode = head.mode.value_or(0);
+    entry.userId = head.userId.value_or(0);
+    entry.groupId = head.groupId.value_or(0);
+    entry.size = tail.content ? tail.content->size : length;
+    entry.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
+    entry.incomplete = tail.unreadable.has_value();
+    return entry;
+}
+
 std::string timeText(std::int64_t seconds) {
     const std::time_t time = seconds;
     std::tm parts{};

@@ -12,6 +12,9 @@ namespace tarnwick::qvx {
 // "-rw-r----- 0/4 1234 2026-01-31T12:00:00Z var/log/syslog"; a "!" after the mode marks an incomplete entry.
 std::string listingLine(const IndexEntry& entry);
 
+// What the index says about an entry, whose own content has `length` bytes.
+IndexEntry indexEntry(const EntryHead& head, const EntryTail& tail, std::uint64_t length);
+
 // Adds what the index has about an entry, except the number and the path.
 void addIndexValues(JsonObject& object, const IndexEntry& entry);
 

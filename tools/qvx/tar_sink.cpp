@@ -30,8 +30,9 @@ using SetTime = void (*)(archive_entry*, time_t, long);
 
 void setTime(archive_entry* header, SetTime set, const std::optional<std::int64_t>& time) {
     if (!time) return;
-    const std::int64_t rest = (*time % nanosecondsPerSecond + nanosecondsPerSecond) % nanosecondsPerSecond;
-    set(header, (*time - rest) / nanosecondsPerSecond, rest);
+    const std::int64_t rest = *time % nanosecondsPerSecond;
+    const bool before = rest < 0;
+    set(header, *time / nanosecondsPerSecond - (before ? 1 : 0), rest + (before ? nanosecondsPerSecond : 0));
 }
 
 // The first = ends the keyword of which the name is a part. GNU tar decodes these from version 1.35 on.

@@ -5,8 +5,8 @@
 #include <functional>
 #include <string_view>
 
-#include "qvx/read/entry_sum.h"
 #include "qvx/read/index_reader.h"
+#include "qvx/read/path_hash.h"
 #include "qvx/read/reread_contents.h"
 #include "qvx/read/spool.h"
 
@@ -29,21 +29,19 @@ public:
 
 private:
     struct Waiting {
-        std::uint64_t text = 0;      // position in the spool
-        std::uint64_t pathHash = 0;  // an accidental equality would leave an entry out; it is one in 2^64
+        std::uint64_t text = 0;  // position in the spool
+        std::uint64_t pathHash = 0;
         std::uint32_t number = 0;
         std::uint32_t content = 0;    // number of the entry with the content
         RecordPlace place = nowhere;  // of that one
     };
     static constexpr RecordPlace nowhere{0xffffffff, 0};
 
-    std::uint64_t hashOf(std::string_view path);
     Result<void, ReadFault> locateContents(ArchiveIndex& index);
     Result<void, ReadFault> dropReplaced(ArchiveIndex& index, const EntryChoice& choice);
     ReadOutcome deliverOne(const Waiting& waiting, RereadContents& contents, EntryReader& entry);
 
-    const EntrySum::Key key_ = EntrySum::randomKey();
-    ContentDigest digest_;
+    PathHash hash_;
     Spool spool_;
     std::deque<Waiting> waiting_;
     std::vector<std::uint8_t> text_;
