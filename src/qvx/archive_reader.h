@@ -61,6 +61,9 @@ public:
     // Complete also when something was reported.
     ReadOutcome salvage(EntrySink& sink, const FaultReport& report);
 
+    // Only readAll() may be called.
+    [[nodiscard]] bool isStream() const { return file_->isStream(); }
+
     // Whether salvage() may find more after a fault: not in a stream, and not when a connection is lost.
     [[nodiscard]] bool canSalvage() const { return !file_->isStream() && file_->state(); }
 

@@ -86,6 +86,9 @@ class DeskTar(Scenario):
         archive = self.create("source", cwd="/media")
         stream = self.tar(*KEY, archive, "*/file", "/media/source/z", "none")
         self.assertEqual((stream.returncode, stream.stderr), (1, b"qvx: none: not in the archive\n"))
+        with open(archive, "rb") as pipe:  # where the first name cannot be read again
+            stopped = self.tar(*KEY, "-", "*/file", stdin=pipe)
+        self.assertEqual((stopped.returncode, is_refused(stopped.stdout)), (1, True))
         with tarfile.open(fileobj=io.BytesIO(stream.stdout)) as unpacked:
             self.assertEqual([(entry.name, entry.size, entry.linkname) for entry in unpacked],
                              [("media/source/file", 1, ""), ("media/source/z", 0, "media/source/file")])

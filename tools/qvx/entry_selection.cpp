@@ -1,5 +1,7 @@
 #include "entry_selection.h"
 
+#include "qvx/read/choice_sink.h"
+
 namespace tarnwick::qvx {
 
 EntrySelection::EntrySelection(const std::vector<std::string>& patterns) {
@@ -40,20 +42,23 @@ void RenamingSink::abandon() {
 }
 
 ReadOutcome readSelected(ArchiveReader& reader, EntrySelection& selection, EntrySink& sink) {
+    const EntryChoice choice = [&](std::uint64_t, std::string_view path) { return selection.contains(path); };
+    ChoiceSink chosen(choice, sink);
     if (selection.isAll()) return reader.readAll(sink);
-    return reader.readChosen([&](std::uint64_t, std::string_view path) { return selection.contains(path); }, sink);
+    // A pipe has no index when it is needed.
+    return reader.isStream() ? reader.readAll(chosen) : reader.readChosen(choice, sink);
 }
 
 Error noIntactEntry(const std::string& pattern) { return {"no intact entry matches", 0, pattern}; }
 
 ReadOutcome salvageSelected(ArchiveReader& reader, EntrySelection& selection, EntrySink& sink,
                             const ArchiveReader::FaultReport& report) {
-    RenamingSink selected(
-        sink, [&](const std::string& path) { return selection.contains(path) ? std::optional(path) : std::nullopt; });
+    const EntryChoice choice = [&](std::uint64_t, std::string_view path) { return selection.contains(path); };
+    ChoiceSink chosen(choice, sink);
     const auto reportSelected = [&](const ReadFault& fault) {
         if (fault.subject.empty() || selection.contains(entryPath(fault.subject))) report(fault);
     };
-    return reader.salvage(selected, reportSelected);
+    return reader.salvage(chosen, reportSelected);
 }
 
 }  // namespace tarnwick::qvx

@@ -84,7 +84,8 @@ bool salvageEntries(const ExtractionOptions& options, ArchiveReader& reader, Ent
 bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) {
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
-        report("extraction ended there; --salvage extracts the intact files of a damaged archive");
+        if (options.archive != "-")
+            report("extraction ended there; --salvage extracts the intact files of a damaged archive");
     }
     return static_cast<bool>(outcome);
 }
@@ -133,9 +134,8 @@ CommandResult runExtract(const ExtractionOptions& options) {
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory && !options.dryRun) return CommandError{systemError(errno, options.directory)};
     using Opening = ArchiveReader::Opening;
-    const bool inOrder = !options.salvage && options.paths.empty();
     const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact,
-                                    inOrder ? Access::inOrder : Access::anywhere);
+                                    options.salvage ? Access::anywhere : Access::inOrder);
     if (!reader) return reader.error();
     if (options.dryRun) return printPaths(options, **reader);
     return extractToDisk(options, **reader, directory.get(), limit);

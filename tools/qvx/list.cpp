@@ -76,7 +76,7 @@ CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::stri
                       const std::string& prefix) {
     using Opening = ArchiveReader::Opening;
     EntrySelection selection(options.include);
-    const bool inOrder = options.full && !options.salvage && selection.isAll();
+    const bool inOrder = options.full && !options.salvage;
     const auto reader = openArchive(archive, key, options.salvage ? Opening::salvage : Opening::intact,
                                     inOrder ? Access::inOrder : Access::anywhere);
     if (!reader) return reader.error();

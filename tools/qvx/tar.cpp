@@ -28,15 +28,15 @@ CommandResult runTar(const TarOptions& options) {
         return CommandError{{"a tar stream is not for a terminal; send it to a file or a program, as in | tar t"},
                             exitUsage};
     EntrySelection selection(options.patterns);
-    const auto reader =
-        openArchive(options, ArchiveReader::Opening::intact, selection.isAll() ? Access::inOrder : Access::anywhere);
+    const auto reader = openArchive(options, ArchiveReader::Opening::intact, Access::inOrder);
     if (!reader) return reader.error();
     TarSink sink;
     const auto outcome = readSelected(**reader, selection, sink);
     const Status ended = endStream(sink, outcome);
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
-        report("the tar stream was cut there; extract --salvage saves the intact files of a damaged archive");
+        if (options.archive != "-")
+            report("the tar stream was cut there; extract --salvage saves the intact files of a damaged archive");
     }
     const auto result = finishOutput(options.archive, outcome.isStopped() ? outcome : ReadOutcome());
     if (!result) return result;
