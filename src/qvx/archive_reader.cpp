@@ -123,7 +123,7 @@ ReadOutcome ArchiveReader::searchStored(ChosenEntries& chosen, const EntryChoice
     ChosenEntryReader reader(blocks, choice, sink, contents, deferred, EntryReader::Scope::withoutDigests);
     std::optional<std::uint64_t> reported;  // block
     for (; !chosen.empty() && file_->state(); chosen.pop_front()) {
-        const auto outcome = reader.read(chosen.front());
+        auto outcome = reader.read(chosen.front());
         if (outcome.isStopped()) return outcome;
         if (!outcome.fault() || (reported && reported == outcome.fault()->block)) continue;
         reported = outcome.fault()->block;

@@ -142,10 +142,11 @@ void ComparedArchive::add(const StoredMetadata& metadata) {
 std::uint64_t ComparedArchive::hashOf(const std::vector<ExtendedAttribute>& attributes) const {
     if (attributes.empty()) return 0;
     std::vector<std::string> texts;
-    for (const auto& [name, value] : attributes) texts.push_back(name + '\0' + value);
+    texts.reserve(attributes.size());
+    for (const auto& [name, value] : attributes) texts.emplace_back(name).append(1, '\0').append(value);
     std::ranges::sort(texts);
     std::string all;
-    for (const auto& text : texts) all += std::to_string(text.size()) + ' ' + text;
+    for (const auto& text : texts) all.append(std::to_string(text.size())).append(1, ' ').append(text);
     return hash_(all);
 }
 

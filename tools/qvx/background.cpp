@@ -33,7 +33,7 @@ void leaveTerminal(const FileDescriptor& ready) {
     const FileDescriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
     setsid();
     if (chdir("/") != 0) report(systemError(errno, "/"));
-    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null.get(), stream);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) static_cast<void>(dup2(null.get(), stream));
     while (write(ready.get(), "", 1) < 0 && errno == EINTR) {
     }
 }

@@ -31,7 +31,8 @@ public:
     // Leaves the last one of each path.
     void dropReplaced() {
         std::ranges::sort(found_, std::ranges::greater(), [](const Found& f) { return std::pair(f.path, f.number); });
-        found_.erase(std::ranges::unique(found_, {}, &Found::path).begin(), found_.end());
+        const auto samePath = [](const Found& a, const Found& b) { return a.path == b.path; };
+        found_.erase(std::unique(found_.begin(), found_.end(), samePath), found_.end());
         std::ranges::sort(found_, {}, &Found::number);
     }
 
@@ -55,6 +56,7 @@ private:
 Result<std::vector<NamedEntries>, ReadFault> findEntries(ArchiveReader& reader,
                                                          const std::vector<std::string>& patterns) {
     std::vector<NamedEntries> named;
+    named.reserve(patterns.size());
     for (const auto& pattern : patterns) named.emplace_back(pattern);
     PathHash hash;
     const auto add = [&](std::uint64_t number, const IndexEntry& entry) {

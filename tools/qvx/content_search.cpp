@@ -159,11 +159,12 @@ private:
     // Prints what was found so far, when that is too much to keep. The findings of the piece go on in a new object.
     void limitKept() {
         if (kept_ < maxOutput) return;
-        Findings next{.file = findings_.back().file, .binary = findings_.back().binary, .last = findings_.back().last};
+        const Findings next{
+            .file = findings_.back().file, .binary = findings_.back().binary, .last = findings_.back().last};
         findings_.back().binary = false;
         findings_.back().last = false;
         if (search_.jobs_.waitForTurn(*this)) end();
-        findings_.assign(1, std::move(next));
+        findings_.assign(1, next);
     }
 
     MatchOutput& output_;

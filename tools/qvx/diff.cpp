@@ -55,7 +55,7 @@ std::string Change::line() const {
     std::string text;
     for (const auto& [field, from, to] : differences) {
         text += (text.empty() ? ": " : ", ") + std::string(field);
-        if (!from.empty()) text += ' ' + from + " to " + to;
+        if (!from.empty()) text.append(" ").append(from).append(" to ").append(to);
     }
     return std::string(verb) + ' ' + escapedName(entryName(path)) + text;
 }
@@ -160,7 +160,7 @@ CommandResult compare(const DiffOptions& options) {
 CommandResult runDiff(const DiffOptions& options) {
     CommandError error{{"out of memory"}};
     try {
-        const auto result = compare(options);
+        auto result = compare(options);
         if (result) return result;
         error = result.error();
     } catch (const std::bad_alloc&) {

@@ -56,7 +56,7 @@ public:
 
 private:
     struct NumberedLocation {  // a damaged part of the index leaves a gap
-        std::uint32_t number;
+        std::uint32_t number = 0;
         EntryLocation location;
     };
 

@@ -146,7 +146,7 @@ CommandResult searchAll(const GrepOptions& options) {
 CommandResult runGrep(const GrepOptions& options) {
     CommandError error{{"out of memory"}};
     try {
-        const auto result = searchAll(options);
+        auto result = searchAll(options);
         if (result) return result;
         error = result.error();
     } catch (const std::bad_alloc&) {

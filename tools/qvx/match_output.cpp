@@ -43,7 +43,8 @@ std::string MatchOutput::shown(std::string_view text) const {
     std::string result;
     const bool hasReturn = text.ends_with('\r');
     if (hasReturn) text.remove_suffix(1);
-    for (std::size_t tab = 0; tab != std::string_view::npos; text.remove_prefix(tab == text.npos ? 0 : tab + 1)) {
+    for (std::size_t tab = 0; tab != std::string_view::npos;
+         text.remove_prefix(tab == std::string_view::npos ? 0 : tab + 1)) {
         tab = text.find('\t');
         result += visibleText(text.substr(0, tab));
         if (tab != std::string_view::npos) result += '\t';

@@ -38,7 +38,7 @@ CommandResult runTar(const TarOptions& options) {
         if (options.archive != "-")
             report("the tar stream was cut there; extract --salvage saves the intact files of a damaged archive");
     }
-    const auto result = finishOutput(options.archive, outcome.isStopped() ? outcome : ReadOutcome());
+    auto result = finishOutput(options.archive, outcome.isStopped() ? outcome : ReadOutcome());
     if (!result) return result;
     if (!ended) return archiveError(options.archive, ReadFault{ended.error()});
     return outcome && selection.allMatched() && !sink.incomplete() ? exitSuccess : exitFailed;

@@ -2,12 +2,12 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <locale.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <limits>
 #include <new>
@@ -224,7 +224,7 @@ Status TarSink::addContent(archive_entry* header) {
     if (head_.type != EntryType::link) return {};
     std::string target;
     const auto append = [&](Bytes bytes) { return target.append(bytes.begin(), bytes.end()), Status(); };
-    const Status read = content_.read(append, [](std::uint64_t) { return Status(); });
+    Status read = content_.read(append, [](std::uint64_t) { return Status(); });
     archive_entry_set_symlink(header, target.c_str());
     return read;
 }

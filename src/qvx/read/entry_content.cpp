@@ -32,7 +32,7 @@ public:
                 endContinues_ = record->continues;
                 return std::nullopt;
             }
-            const auto part = partOf(*record);
+            auto part = partOf(*record);
             malformed_ = !part;
             return part;
         }
