@@ -92,10 +92,10 @@ bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) 
 
 bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, EntrySink& sink) {
     RenamingSink stripped(sink, [&](const std::string& path) { return stripComponents(path, options.strip); });
-    EntrySink& target = options.strip > 0 ? stripped : sink;
-    if (options.salvage) return salvageEntries(options, reader, target);
+    EntrySink* const target = options.strip > 0 ? &stripped : &sink;
+    if (options.salvage) return salvageEntries(options, reader, *target);
     EntrySelection selection(options.paths);
-    return reportDamage(options, readSelected(reader, selection, target)) && selection.allMatched();
+    return reportDamage(options, readSelected(reader, selection, *target)) && selection.allMatched();
 }
 
 void reportLeftOut(const DiskSink& sink) {

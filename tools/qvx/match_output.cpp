@@ -110,7 +110,7 @@ void MatchOutput::printPath(SearchedFile& file) {
     print(beginning(file) + (style_.json ? "}\n" : "\n"));
 }
 
-void MatchOutput::print(std::string_view text) {
+void MatchOutput::print(const std::string& text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) stop();
 }
 

@@ -90,7 +90,7 @@ private:
     void reportBinary(SearchedFile& file);
     void printCount(const SearchedFile& file);
     void printPath(SearchedFile& file);
-    void print(std::string_view text);
+    void print(const std::string& text);
 
     std::string archive_;
     MatchStyle style_;
