@@ -6,6 +6,7 @@ import os
 import plistlib
 import re
 import shutil
+import unittest
 
 import world
 from world import SPECIFIED, YES, Disks, on_terminal, property_list, read, shell, write
@@ -26,7 +27,8 @@ SCRIPT = re.compile(r"\b(?:scripts|bench)/[\w-]+(?:\.sh)?|\.ci/run")
 
 class Documents(Disks):
     def test_every_block_says_who_runs_it(self):
-        self.assertLessEqual({mark for mark, _ in BLOCKS}, {"sh world", "sh package", "sh ci", "sh hand"})
+        self.assertLessEqual({mark for mark, _ in BLOCKS},
+                             {"sh world", "sh package", "sh ci", "sh hand", "console"})
         for text in TEXTS:
             self.assertNotRegex(FENCE.sub("", text), r"(?m)```|^ {4}", "a block without a fence")
         self.assertEqual(sorted(PAGES), sorted(os.listdir(f"{TOP}/man")))
@@ -44,6 +46,11 @@ class Documents(Disks):
             self.assertTrue(all(os.access(f"{TOP}/{script}", os.X_OK) for script in scripts), text)
             if mark == "sh ci":
                 self.assertLessEqual(set(scripts), set(run), text)
+
+    @unittest.skipUnless(os.path.exists("/dev/fuse"), "needs /dev/fuse")
+    def test_session_in_the_README_is_what_the_script_prints(self):
+        session, = (text for mark, text in BLOCKS if mark == "console")
+        self.assertEqual(session, shell("/", f"{TOP}/scripts/desk-session {world.BIN}"))
 
     # What an engineer has: an archive sealed to the key that the document made, or to one made now.
     def make_archive(self):

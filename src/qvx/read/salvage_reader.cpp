@@ -9,11 +9,16 @@ namespace {
 // A hostile block may begin 131,072 entries and end none. Damage alone causes at most two faults in a block.
 constexpr unsigned maxReportsOfBlock = 16;
 
+std::string describeGap(std::uint64_t first, std::uint64_t last) {
+    if (first == last) return "the block is missing or damaged";
+    return "this and all blocks up to block " + std::to_string(last) + " are missing or damaged";
+}
+
 }  // namespace
 
 ReadOutcome SalvageReader::consume(const OpenedBlock& block) {
     if (block.place.sequence > nextBlock_) {
-        report({{"blocks are missing or damaged up to block " + std::to_string(block.place.sequence - 1)}, nextBlock_});
+        report({{describeGap(nextBlock_, block.place.sequence - 1)}, nextBlock_});
         abandonEntry("a part of its content is lost");
     }
     nextBlock_ = block.place.sequence + 1;
