@@ -133,6 +133,7 @@ ReadOutcome ArchiveReader::searchStored(ChosenEntries& chosen, const EntryChoice
 }
 
 ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
+    if (!isStream()) file_->expect(file_->blocksEnd() - file_->blocksBegin());
     SequentialReader reader(*file_, keys_, sink);
     BlockPipeline blocks(*file_, keys_, AllBlocks(*file_));
     ReadOutcome outcome;
@@ -144,6 +145,7 @@ ReadOutcome ArchiveReader::readAll(EntrySink& sink) {
 
 ReadOutcome ArchiveReader::salvage(EntrySink& sink, const FaultReport& report) {
     if (headerDamage_) report(*headerDamage_);
+    file_->expect(2 * file_->size());  // to find the blocks, and to open them
     const auto [map, complete] = scanForBlocks(*file_, keys_);
     if (!complete)
         report(readFault("the search for blocks ended early, because there are too many false block headers"));

@@ -28,6 +28,9 @@ public:
     void willRead(std::uint64_t begin, std::uint64_t end) const;
     void willReadFrom(std::uint64_t position) const;
 
+    // Hints that about so many bytes in all will be read from now on.
+    void expect(std::uint64_t bytes) const { source_->expect(bytes); }
+
     // For a stream: what must follow its last block.
     void expectFooter(std::vector<std::uint8_t> footer) { footer_ = std::move(footer); }
 

@@ -28,6 +28,9 @@ public:
     // begins to fetch them, as far as it can keep them.
     virtual void willRead(std::uint64_t /*begin*/, std::uint64_t /*end*/) const {}
 
+    // A hint for a report of progress: about so many bytes in all will be read from now on.
+    virtual void expect(std::uint64_t /*bytes*/) const {}
+
     // Whether the bytes come only once, from the first to the last. Then the size is not known: size() is the largest
     // one.
     [[nodiscard]] virtual bool isStream() const { return false; }

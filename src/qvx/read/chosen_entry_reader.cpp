@@ -46,6 +46,7 @@ ChosenBlocks::ChosenBlocks(const ArchiveFile& file, const BlockMap& map, const C
         if (skips) add(entry.block, entry.block + beginBlocks - 1);
         add(skips ? entry.lastBlock() + 1 - endBlocks : entry.block, entry.lastBlock());
     }
+    file_.expect(bytes());
 }
 
 void ChosenBlocks::add(std::uint64_t first, std::uint64_t last) {
@@ -54,6 +55,18 @@ void ChosenBlocks::add(std::uint64_t first, std::uint64_t last) {
         ranges_.push_back(range);
     else
         ranges_.back().last = std::max(ranges_.back().last, range.last);
+}
+
+// A hostile archive may have any places.
+std::uint64_t ChosenBlocks::bytes() const {
+    std::uint64_t sum = 0;
+    for (const Range& range : ranges_) {
+        const auto begin = map_.find(range.first);
+        const auto next = map_.find(std::uint64_t{range.last} + 1);
+        const std::uint64_t end = next ? next->position : file_.blocksEnd();
+        if (begin && begin->position < end) sum += end - begin->position;
+    }
+    return sum;
 }
 
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {

@@ -34,8 +34,8 @@ using ChosenEntries = std::deque<ChosenEntry>;  // which grows without a copy
 // other parts before it.
 Result<void, ReadFault> chooseEntries(ArchiveIndex& index, const EntryChoice& choice, ChosenEntries& chosen);
 
-// Supplies the blocks of the chosen entries to a BlockPipeline, each block once. `file` and `map` must outlive the
-// pipeline, which opens the leaders that are needed by itself.
+// Supplies the blocks of the chosen entries to a BlockPipeline, each block once, and announces how many bytes they are.
+// `file` and `map` must outlive the pipeline, which opens the leaders that are needed by itself.
 class ChosenBlocks {
 public:
     // For metadata, the blocks in the middle of an entry are left out: of each entry, the first two remain (the target
@@ -61,6 +61,7 @@ private:
     };
 
     void add(std::uint64_t first, std::uint64_t last);
+    [[nodiscard]] std::uint64_t bytes() const;
     std::optional<std::uint64_t> next(Cursor& cursor) const;
     void lookAhead();
 
