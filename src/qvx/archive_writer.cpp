@@ -27,10 +27,10 @@ Result<ArchiveWriter> ArchiveWriter::open(std::span<const Point> recipients, uns
 }
 
 Result<std::vector<IncompleteEntry>> ArchiveWriter::write(const PathList& list, FieldMask fields, unsigned readers,
-                                                          Unreadable unreadable) {
+                                                          Unreadable unreadable, EncodingReports reports) {
     if (used_) return systemError(EINVAL);
     used_ = true;
-    ArchiveEncoder encoder(*blocks_, fields, readers, unreadable);
+    ArchiveEncoder encoder(*blocks_, fields, readers, unreadable, std::move(reports));
     if (Status written = encoder.write(list); !written) return written.error();
     // An archive is complete when its footer is written, and not earlier.
     if (Status written = sink_(encodeFooter(header_)); !written) return written.error();

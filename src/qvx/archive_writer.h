@@ -40,7 +40,7 @@ public:
     // file by now, that file is stored, because logs are rotated; but it must be of the same kind, on the same device,
     // and without a second link.
     Result<std::vector<IncompleteEntry>> write(const PathList& list, FieldMask fields, unsigned readers,
-                                               Unreadable unreadable = Unreadable::mark);
+                                               Unreadable unreadable = Unreadable::mark, EncodingReports reports = {});
 
 private:
     ArchiveWriter(std::vector<std::uint8_t> header, std::unique_ptr<BlockStream> blocks, Sink sink)

@@ -49,14 +49,16 @@ struct ArchiveEncoder::Entry {
     std::vector<Extent> unreadable{};  // parts of the content
 };
 
-ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers, Unreadable unreadable)
+ArchiveEncoder::ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers, Unreadable unreadable,
+                               EncodingReports reports)
     : stream_(stream),
       fields_(fields),
       storesContent_(fields & fieldBit("DAT")),
       storesReferences_(fields & fieldBit("CLC")),
       storesDigests_(fields & fieldBit("SH2")),
       readers_(readers),
-      unreadable_(unreadable) {}
+      unreadable_(unreadable),
+      reports_(std::move(reports)) {}
 
 Status ArchiveEncoder::write(const PathList& list) {
     // The kernel sets change times by the coarse clock, so the start is read from it, too.
@@ -73,6 +75,7 @@ Status ArchiveEncoder::write(const PathList& list) {
 
 Status ArchiveEncoder::writeEntry(DiskEntry& source) {
     if (source.error != 0) return systemError(source.error, source.listed.path);
+    if (reports_.entry) reports_.entry(source.listed.path);
     Entry entry{source};
     const bool reused = source.listed.type == EntryType::file && reuseContent(entry);
     entry.digested = !reused && announcesDigest(entry);
@@ -85,6 +88,11 @@ Status ArchiveEncoder::writeEntry(DiskEntry& source) {
     if (Status marked = markIncomplete(entry); !marked) return marked;
     writeTail(entry);
     return {};
+}
+
+void ArchiveEncoder::addSize(Entry& entry, std::uint64_t bytes) {
+    entry.size += bytes;
+    if (reports_.content) reports_.content(bytes);
 }
 
 bool ArchiveEncoder::announcesDigest(const Entry& entry) const {
@@ -143,7 +151,7 @@ bool ArchiveEncoder::reuseContent(Entry& entry) {
     if (!stored) return false;
     entry.tail.contentOf = stored->number;
     entry.tail.hardLink = list_->pathOf(stored->number) != source.listed.path;
-    entry.size = stored->size;
+    addSize(entry, stored->size);
     return true;
 }
 
@@ -161,7 +169,7 @@ void ArchiveEncoder::reserveSpace(std::uint64_t content) {
 }
 
 void ArchiveEncoder::writeContent(Entry& entry, Bytes content) {
-    entry.size = content.size();
+    addSize(entry, content.size());
     if (entry.digested) entry.tail.digest = entry.source.digest;
     while (!content.empty()) {
         reserveSpace(content.size());
@@ -211,7 +219,7 @@ void ArchiveEncoder::writeHole(Entry& entry, std::uint64_t length) {
     WireWriter(payload_).varint(length);
     if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
     writeRecord(RecordType::hole, payload_);
-    entry.size += length;
+    addSize(entry, length);
     ++entry.holes;
     if (entry.digested) entry.digested = digestedZeros_.add(length);
     if (entry.digested) digest_.addZeros(length);
@@ -241,7 +249,7 @@ void ArchiveEncoder::appendPart(Entry& entry, Bytes part) {
     entry.stopped = part.empty();
     if (entry.stopped) return;
     entry.step = minStep;
-    entry.size += part.size();
+    addSize(entry, part.size());
     if (entry.digested) digest_.add(part);
     encodeRecordHeader({RecordType::data, false, static_cast<std::uint32_t>(part.size())}, stream_.freeSpace().data());
     stream_.commit(recordHeaderSize + part.size());

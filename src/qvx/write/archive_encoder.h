@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <functional>
 #include <optional>
 #include <string_view>
 
@@ -27,11 +28,18 @@ std::string reasonText(const IncompleteEntry& entry);
 // A file that cannot be read or stored in full is marked as incomplete, or ends the archive with a failure.
 enum class Unreadable { mark, fail };
 
+// What is called while entries are encoded, by the thread that encodes; either may be empty.
+struct EncodingReports {
+    std::function<void(const std::string& path)> entry = nullptr;  // begins
+    std::function<void(std::uint64_t bytes)> content = nullptr;    // so many more, holes included
+};
+
 // Encodes one archive. Throws std::bad_alloc and std::system_error.
 class ArchiveEncoder {
 public:
     // `readers` threads read from the disk.
-    ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers, Unreadable unreadable);
+    ArchiveEncoder(BlockStream& stream, FieldMask fields, unsigned readers, Unreadable unreadable,
+                   EncodingReports reports = {});
 
     // Reads every entry of `list` from the disk and writes all blocks. The subject of an error is the file that caused
     // it, if a file did.
@@ -56,6 +64,7 @@ private:
     bool reuseContent(Entry& entry);
     void writeContent(Entry& entry, Bytes content);
     void writeHole(Entry& entry, std::uint64_t length);
+    void addSize(Entry& entry, std::uint64_t bytes);
     void writeHead(Entry& entry);
     void writeTail(Entry& entry);
     std::uint64_t writeRecord(RecordType type, Bytes payload);
@@ -72,6 +81,7 @@ private:
     const bool storesDigests_;
     const unsigned readers_;
     const Unreadable unreadable_;
+    const EncodingReports reports_;
     const PathList* list_ = nullptr;
     std::optional<StoredContents> stored_;
     ContentDigest digest_;
