@@ -60,6 +60,8 @@ function __qvx_value # OPTION, by its long name
             __fish_complete_path $word
         case type
             printf '%s\n' f d l
+        case progress
+            printf '%s\n' auto json
         case cache include limit size strip-components
     end
 end

@@ -11,8 +11,10 @@
 #include <cstdlib>
 #include <utility>
 
+#include "counted_source.h"
 #include "interruption.h"
 #include "key_files.h"
+#include "progress.h"
 #include "qvx/read/stream_source.h"
 #include "qvx/remote/remote_source.h"
 #include "qvx/remote/remote_url.h"
@@ -37,17 +39,38 @@ bool readerHasClosedOutput() {
 }
 
 void endByClosedPipe() {
+    endProgress();
     std::signal(SIGPIPE, SIG_DFL);  // main() ignores it
     std::raise(SIGPIPE);
 }
 
+// For what waits, in any thread.
+bool stopsWaiting() {
+    checkProgress();
+    return interrupted();
+}
+
 Result<std::unique_ptr<ByteSource>, ReadFault> openSource(const std::string& archive) {
-    if (archive == "-") return openStreamSource(FileDescriptor(dup(STDIN_FILENO)), interrupted);
-    if (isUrl(archive)) return openRemoteSource(archive, interrupted);
+    if (archive == "-") return openStreamSource(FileDescriptor(dup(STDIN_FILENO)), stopsWaiting);
+    if (isUrl(archive)) return openRemoteSource(archive, stopsWaiting);
     // O_NONBLOCK, because opening a FIFO in place of the archive would block forever.
     FileDescriptor descriptor(open(archive.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!descriptor) return ReadFault{systemError(errno)};
     return openFileSource(std::move(descriptor));
+}
+
+Result<std::unique_ptr<ByteSource>, CommandError> openChecked(const std::string& archive, Access access) {
+    if (archive == "-" && access == Access::anywhere)
+        return CommandError{{"this needs the end of the archive first, which a pipe cannot give; save the archive to a "
+                             "file"},
+                            exitUsage};
+    if (isUrl(archive) && !isSecureUrl(archive))
+        return CommandError{{"http:// is not supported, only https://", 0, archiveName(archive)}, exitUsage};
+    if (archive == "-" && std::exchange(standardInputUsed, true))
+        return CommandError{{"standard input is read already, as a key or an archive"}, exitUsage};
+    auto source = openSource(archive);
+    if (!source) return archiveError(archive, source.error());
+    return std::move(*source);
 }
 
 }  // namespace
@@ -79,17 +102,9 @@ std::string archiveName(const std::string& archive) {
 }
 
 Result<std::unique_ptr<ArchiveFile>, CommandError> openArchiveFile(const std::string& archive, Access access) {
-    if (archive == "-" && access == Access::anywhere)
-        return CommandError{{"this needs the end of the archive first, which a pipe cannot give; save the archive to a "
-                             "file"},
-                            exitUsage};
-    if (isUrl(archive) && !isSecureUrl(archive))
-        return CommandError{{"http:// is not supported, only https://", 0, archiveName(archive)}, exitUsage};
-    if (archive == "-" && std::exchange(standardInputUsed, true))
-        return CommandError{{"standard input is read already, as a key or an archive"}, exitUsage};
-    auto source = openSource(archive);
-    if (!source) return archiveError(archive, source.error());
-    return std::make_unique<ArchiveFile>(std::move(*source));
+    auto source = openChecked(archive, access);
+    if (!source) return source.error();
+    return std::make_unique<ArchiveFile>(countedSource(std::move(*source), archiveName(archive)));
 }
 
 Result<KeyHandle, CommandError> loadKey(const std::string& option) {
@@ -121,16 +136,19 @@ Result<std::unique_ptr<ArchiveReader>, CommandError> openArchive(const ArchiveOp
 CommandResult forEachArchive(const std::vector<std::string>& archives, const ArchiveRun& run) {
     const bool several = archives.size() > 1;
     ExitStatus worst = exitSuccess;
+    std::size_t number = 0;
     std::size_t failed = 0;
     for (const auto& archive : archives) {
         if (interrupted()) break;
+        beginArchive(++number, archives.size());
         const auto result = run(archive, several ? escapedName(archiveName(archive)) + ": " : std::string());
+        endProgress();
         if (!result) report(result.error());
         const ExitStatus status = result ? *result : result.error().status;
         if (status != exitSuccess) ++failed;
         worst = std::max(worst, status);
     }
-    if (several) report(std::to_string(archives.size()) + " archives, " + std::to_string(failed) + " with errors");
+    if (several) reportHint(std::to_string(archives.size()) + " archives, " + std::to_string(failed) + " with errors");
     return worst;
 }
 
@@ -145,8 +163,8 @@ CommandError openError(const std::string& archive, const OpenFault& fault) {
 }
 
 Error notInArchive(const std::string& path) {
-    const auto file = openArchiveFile(path);
-    if (!file || !readHeader(**file)) return {"not in the archive", 0, path};
+    auto source = openChecked(path, Access::anywhere);
+    if (!source || !readHeader(ArchiveFile(std::move(*source)))) return {"not in the archive", 0, path};
     return {"another archive: this command reads only one, and then paths in it", 0, path};
 }
 

@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "listing.h"
 #include "path_pattern.h"
+#include "progress.h"
 #include "qvx/read/path_hash.h"
 
 namespace tarnwick::qvx {
@@ -84,6 +85,7 @@ ReadOutcome writeFiles(ArchiveReader& reader, const std::vector<NamedEntries>& n
 }  // namespace
 
 CommandResult writeContents(const ArchiveOptions& options, const std::vector<std::string>& patterns) {
+    shareTerminal();
     const auto reader = openArchive(options);
     if (!reader) return reader.error();
     const auto named = findEntries(**reader, patterns);
@@ -103,6 +105,7 @@ CommandResult writeContents(const ArchiveOptions& options, const std::vector<std
 CommandRun declareCat(CommandOptions& command) {
     const auto options = std::make_shared<CatOptions>();
     declareKeyAndArchive(command, *options);
+    declareProgress(command);
     command.addRequiredList("PATH", options->patterns, "the files, as paths or globs");
     return [options] { return writeContents(*options, options->patterns); };
 }

@@ -35,6 +35,7 @@ int readStatus(int directory, const dirent& entry, struct stat& status) {
     if (!isUnreadable(error) || entry.d_type == DT_UNKNOWN || fstat(directory, &status) != 0) return error;
     status.st_mode = static_cast<mode_t>(DTTOIF(entry.d_type));
     status.st_ino = entry.d_ino;
+    status.st_size = 0;
     return 0;
 }
 
@@ -44,7 +45,9 @@ std::string join(const std::string& directory, const std::string& name) {
 
 }  // namespace
 
+// Such a list may have a million names, which would all have to be looked up once more.
 Status Collection::add(const std::string& path) {
+    contentSize_.reset();
     const auto added = addNamed(path);
     return added ? Status() : added.error();
 }
@@ -52,8 +55,11 @@ Status Collection::add(const std::string& path) {
 Status Collection::addTree(const std::string& path) {
     const auto added = addNamed(path);
     if (!added) return added.error();
-    const bool directory = *added && (*added)->type == EntryType::directory;
-    return directory ? addBelow({(*added)->path, path}) : Status();
+    if (!*added) return {};
+    if ((*added)->type == EntryType::directory) return addBelow({(*added)->path, path});
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0) addSize(status);
+    return {};
 }
 
 // None if the file cannot be reached, or its path is too long for an archive. What is no file at all has no code.
@@ -108,7 +114,13 @@ Status Collection::addFound(const Found& found, const Place& place) {
     if (output) report(escapedName(place.shown) + ": left out: it is the archive itself");
     if (!type || output) return {};
     list_.append({place.listed, *type, found.status.st_dev, found.status.st_ino});
-    return type == EntryType::directory ? addBelow(place) : Status();
+    if (type == EntryType::directory) return addBelow(place);
+    addSize(found.status);
+    return {};
+}
+
+void Collection::addSize(const struct stat& status) {
+    if (contentSize_ && status.st_size > 0) *contentSize_ += static_cast<std::uint64_t>(status.st_size);
 }
 
 Status Collection::leaveOut(const Error& error, std::string_view what) {

@@ -27,6 +27,8 @@ public:
     Status addTree(const std::string& path);
 
     [[nodiscard]] const PathList& list() const { return list_; }
+    // The sizes of all contents; none if they are not known.
+    [[nodiscard]] std::optional<std::uint64_t> contentSize() const { return contentSize_; }
     [[nodiscard]] bool complete() const { return complete_; }  // nothing is missing that could not be read
 
 private:
@@ -48,12 +50,14 @@ private:
     Status addBelow(const Place& directory);
     static Result<std::vector<Found>> readDirectory(const std::string& path);
     Status addFound(const Found& found, const Place& place);
+    void addSize(const struct stat& status);
     Status leaveOut(const Error& error, std::string_view what = "left out");
 
     const ArchiveOutput& output_;
     std::string working_;
     bool strict_;
     PathList list_;
+    std::optional<std::uint64_t> contentSize_ = 0;
     bool complete_ = true;
 };
 

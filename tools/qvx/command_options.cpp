@@ -1,6 +1,8 @@
 #include "command_options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <utility>
 
 namespace tarnwick::qvx {
 
@@ -30,6 +32,17 @@ void CommandOptions::addRequiredList(const char* name, std::vector<std::string>&
 
 void CommandOptions::addRepeatable(const char* names, std::vector<std::string>& values, const char* help) {
     command_.add_option(names, values, help)->allow_extra_args(false);
+}
+
+void CommandOptions::addChoice(const char* names, std::string& value, std::vector<std::string> choices,
+                               const char* help) {
+    const auto check = [choices = std::move(choices)](const std::string& given) -> std::string {
+        if (std::ranges::find(choices, given) != choices.end()) return {};
+        std::string text;
+        for (const auto& choice : choices) text += (text.empty() ? "must be " : " or ") + choice;
+        return text + ", not " + given;
+    };
+    command_.add_option(names, value, help)->check(check);
 }
 
 void CommandOptions::addFlag(const char* names, bool& flag, const char* help) { command_.add_flag(names, flag, help); }

@@ -24,6 +24,8 @@ public:
     void addRequired(const char* names, std::vector<std::string>& values, const char* help);    // one for each option
     void addRepeatable(const char* names, std::vector<std::string>& values, const char* help);  // the same
     void addRequiredList(const char* name, std::vector<std::string>& values, const char* help);
+    // A value that is none of the choices is a wrong command line.
+    void addChoice(const char* names, std::string& value, std::vector<std::string> choices, const char* help);
     void addFlag(const char* names, bool& flag, const char* help);
 
     // The two may not be given together. Both must have been added, with these names.

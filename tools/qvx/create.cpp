@@ -13,6 +13,7 @@
 #include "collection.h"
 #include "commands.h"
 #include "key_files.h"
+#include "progress.h"
 #include "qvx/archive_writer.h"
 #include "report.h"
 
@@ -62,7 +63,8 @@ Result<std::vector<IncompleteEntry>> writeArchive(const PathList& list, std::spa
     const unsigned sealers = std::clamp(std::thread::hardware_concurrency(), 1U, maxSealers);
     auto writer = ArchiveWriter::open(recipients, sealers, output.sink());
     if (!writer) return writer.error();
-    auto incomplete = writer->write(list, allFields, readers, strict ? Unreadable::fail : Unreadable::mark);
+    auto incomplete = writer->write(list, allFields, readers, strict ? Unreadable::fail : Unreadable::mark,
+                                    {.entry = reportEntry, .content = countBytes});
     if (!incomplete) return incomplete;
     if (Status placed = output.place(); !placed) return placed.error();
     return incomplete;
@@ -80,6 +82,9 @@ Result<Creation> create(std::span<const Point> recipients, const CreateOptions& 
     if (Status collected = collect(collection, options); !collected) return collected.error();
     if (collection.list().size() == 0 && !collection.complete())
         return Error{"no archive is made, because none of the files can be reached"};
+    const std::string name = options.output == "-" ? "standard output" : options.output;
+    beginProgress(name);
+    if (const auto size = collection.contentSize()) expectBytes(name, *size);
     const auto incomplete = writeArchive(collection.list(), recipients, *output, options.strict);
     if (!incomplete) return incomplete.error();
     for (const IncompleteEntry& entry : *incomplete)
@@ -112,6 +117,7 @@ CommandRun declareCreate(CommandOptions& command) {
     declareRecipients(command, options->recipients);
     command.addRequired("-o,--output", options->output, "the archive to make, - for standard output");
     command.addFlag("--strict", options->strict, "make no archive if a file cannot be read");
+    declareProgress(command);
     command.add("--files0-from", options->namesFrom, "file of names ending with a zero byte, - for input");
     command.add("PATH", options->paths, "what to put in; directories with all below them");
     return [options] { return runCreate(*options); };

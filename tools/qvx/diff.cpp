@@ -7,6 +7,7 @@
 #include "archive_comparison.h"
 #include "commands.h"
 #include "listing.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -147,6 +148,7 @@ bool Comparison::print(const Change& change) {
 }
 
 CommandResult compare(const DiffOptions& options) {
+    shareTerminal();
     const auto key = loadKey(options.key);
     if (!key) return key.error();
     const auto before = openArchive(options.before, key->get());
@@ -176,6 +178,7 @@ CommandRun declareDiff(CommandOptions& command) {
     command.addFlag("--json", options->json, "print one JSON object a change");
     command.addFlag("--quick", options->quick, "compare only what list prints, which the indexes have");
     declareKey(command, options->key);
+    declareProgress(command, {.quiet = "--quiet", .verbose = "--verbose"});
     command.addRequired("BEFORE", options->before, "the first archive");
     command.addRequired("AFTER", options->after, "the second archive");
     return [options] { return runDiff(*options); };

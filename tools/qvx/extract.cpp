@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "entry_selection.h"
 #include "interruption.h"
+#include "progress.h"
 
 #include "qvx/extract/disk_sink.h"
 
@@ -85,14 +86,18 @@ bool reportDamage(const ExtractionOptions& options, const ReadOutcome& outcome) 
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
         if (options.archive != "-")
-            report("extraction ended there; --salvage extracts the intact files of a damaged archive");
+            reportHint("extraction ended there; --salvage extracts the intact files of a damaged archive");
     }
     return static_cast<bool>(outcome);
 }
 
 bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, EntrySink& sink) {
-    RenamingSink stripped(sink, [&](const std::string& path) { return stripComponents(path, options.strip); });
-    EntrySink* const target = options.strip > 0 ? &stripped : &sink;
+    RenamingSink stripped(sink, [&](const std::string& path) {
+        auto rest = stripComponents(path, options.strip);
+        if (rest && !options.dryRun) reportEntry(*rest);
+        return rest;
+    });
+    EntrySink* const target = options.strip > 0 || isVerbose() ? &stripped : &sink;
     if (options.salvage) return salvageEntries(options, reader, *target);
     EntrySelection selection(options.paths);
     return reportDamage(options, readSelected(reader, selection, *target)) && selection.allMatched();
@@ -100,7 +105,7 @@ bool extractEntries(const ExtractionOptions& options, ArchiveReader& reader, Ent
 
 void reportLeftOut(const DiskSink& sink) {
     const std::string kinds = sink.leftOut();
-    if (!kinds.empty()) report("not restored: " + kinds + "; --preserve restores them, for root only");
+    if (!kinds.empty()) reportHint("not restored: " + kinds + "; --preserve restores them, for root only");
 }
 
 CommandResult extractToDisk(const ExtractionOptions& options, ArchiveReader& reader, int directory,
@@ -133,6 +138,7 @@ CommandResult runExtract(const ExtractionOptions& options) {
     if (options.preserve && geteuid() != 0) return CommandError{{"only root can use --preserve"}};
     const FileDescriptor directory(open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory && !options.dryRun) return CommandError{systemError(errno, options.directory)};
+    if (options.dryRun) shareTerminal();
     using Opening = ArchiveReader::Opening;
     const auto reader = openArchive(options, options.salvage ? Opening::salvage : Opening::intact,
                                     options.salvage ? Access::anywhere : Access::inOrder);
@@ -154,6 +160,7 @@ CommandRun declareExtract(CommandOptions& command) {
     command.addFlag("--to-stdout", options->toOutput, "write contents to standard output, as cat does");
     command.addFlag("-n,--dry-run", options->dryRun, "print the paths that would be written, and write nothing");
     declareKeyAndArchive(command, *options);
+    declareProgress(command);
     command.add("PATH", options->paths, "entries to extract, with all below them, or globs; otherwise all");
     command.exclude("--salvage", "--to-stdout");
     command.exclude("--dry-run", "--to-stdout");

@@ -7,6 +7,7 @@
 #include "entry_conditions.h"
 #include "listing.h"
 #include "path_pattern.h"
+#include "progress.h"
 #include "regular_expression.h"
 
 namespace tarnwick::qvx {
@@ -75,6 +76,7 @@ CommandResult findIn(const Query& query, EVP_PKEY* key, const std::string& archi
 }
 
 CommandResult runFind(const FindOptions& options) {
+    shareTerminal();
     const auto query = parseQuery(options);
     if (!query) return CommandError{query.error(), exitUsage};
     const auto key = loadKey(options.key);
@@ -94,6 +96,7 @@ CommandRun declareFind(CommandOptions& command) {
     command.addRepeatable("--size", options->conditions.sizes, "N, +N or -N blocks of 512 bytes; with c, k, M or G");
     command.addFlag("--json", options->json, "print one JSON object an entry, as list does");
     declareKey(command, options->key);
+    declareProgress(command);
     command.addRequired("PATTERN", options->pattern, "a path, or a glob for names or paths");
     declareArchives(command, options->archives);
     return [options] { return runFind(*options); };

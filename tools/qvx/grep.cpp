@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "content_search.h"
 #include "path_pattern.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -45,11 +46,12 @@ bool wantsColours() {
 
 MatchStyle styleOf(const GrepOptions& options) {
     using Unit = MatchStyle::Unit;
-    return {.unit = options.paths    ? Unit::paths
-                    : options.counts ? Unit::counts
-                                     : Unit::lines,
+    return {.unit = options.paths || isQuiet() ? Unit::paths
+                    : options.counts           ? Unit::counts
+                                               : Unit::lines,
             .lineNumbers = options.lineNumbers,
             .json = options.json,
+            .quiet = isQuiet(),
             .namesArchive = options.archives.size() > 1,
             .escapes = isShown(),
             .colours = wantsColours()};
@@ -88,6 +90,7 @@ public:
 
     // Prints the matches in the archive.
     CommandResult search(const std::string& archive, EVP_PKEY* key) {
+        if (isQuiet() && found_) return exitSuccess;
         // An archive that is cut has no index. What is left of it is searched all the same.
         const auto reader = openArchive(archive, key, ArchiveReader::Opening::salvage, Access::inOrder);
         if (!reader) return reader.error();
@@ -135,9 +138,11 @@ CommandResult searchAll(const GrepOptions& options) {
     if (!expression) return CommandError{expression.error()};
     const auto key = loadKey(options.key);
     if (!key) return key.error();
+    if (!isShown()) shareTerminal();  // otherwise the output removes the line
     Grep grep(options, *expression);
     const auto done = forEachArchive(
         options.archives, [&](const auto& archive, const auto&) { return grep.search(archive, key->get()); });
+    if (isQuiet() && grep.found()) return exitFound;
     if (!done || *done != exitSuccess) return exitTrouble;
     return grep.found() ? exitFound : exitNotFound;
 }
@@ -172,6 +177,7 @@ CommandRun declareGrep(CommandOptions& command) {
     command.addFlag("--no-decompress", options->keepsCompressed, "search compressed files as they are");
     command.addFlag("--json", options->json, "one JSON object a match");
     declareKey(command, options->key);
+    declareProgress(command, {.quietHelp = "print no match, and end at the first one", .verbose = "--verbose"});
     command.addRequired("EXPRESSION", options->expression, "a Perl-compatible regular expression");
     declareArchives(command, options->archives);
     return [options] { return runGrep(*options); };

@@ -5,6 +5,7 @@
 #include "archive_access.h"
 #include "commands.h"
 #include "json_object.h"
+#include "progress.h"
 #include "qvx/crypto/ssh_key.h"
 
 namespace tarnwick::qvx {
@@ -58,6 +59,7 @@ CommandResult printInfo(const std::string& archive, const std::string& prefix, b
 CommandRun declareInfo(CommandOptions& command) {
     const auto options = std::make_shared<InfoOptions>();
     command.addFlag("--json", options->json, "print one JSON object an archive");
+    declareQuiet(command);
     declareArchives(command, options->archives);
     return [options] {
         return forEachArchive(options->archives, [&](const auto& archive, const auto& prefix) {

@@ -13,6 +13,7 @@
 #include "interruption.h"
 #include "new_file.h"
 #include "openssh_key.h"
+#include "progress.h"
 #include "qvx/crypto/ssh_key.h"
 #include "qvx/format/header_seal.h"
 
@@ -67,7 +68,10 @@ Result<KeyHandle> loadPrivateKey(const std::string& path) {
     auto pem = readKeyFile(path);
     if (!pem) return pem.error();
     // Only on a terminal: a passphrase that is stored in a script protects nothing.
-    const auto ask = [&](Passphrase& passphrase) { return askPassphrase(passphrase, "Passphrase for " + path + ": "); };
+    const auto ask = [&](Passphrase& passphrase) {
+        const ProgressPause pause;
+        return askPassphrase(passphrase, "Passphrase for " + path + ": ");
+    };
     auto key = isOpensshKey(*pem) ? parseOpensshKey(*pem, ask) : parsePrivateKey(*pem, ask);
     const bool isPublic = !key && firstKeyLine(*pem);
     OPENSSL_cleanse(pem->data(), pem->size());

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "entry_selection.h"
 #include "listing.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -100,6 +101,7 @@ CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::stri
 }
 
 CommandResult runList(const ListOptions& options) {
+    shareTerminal();
     const auto key = loadKey(options.key);
     if (!key) return key.error();
     return forEachArchive(options.archives, [&](const auto& archive, const auto& prefix) {
@@ -117,6 +119,7 @@ CommandRun declareList(CommandOptions& command) {
     command.addRepeatable("--include", options->include,
                           "only this entry, with all below it, or a glob; may be repeated");
     declareKey(command, options->key);
+    declareProgress(command);
     declareArchives(command, options->archives);
     return [options] { return runList(*options); };
 }

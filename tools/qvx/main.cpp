@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "interruption.h"
+#include "progress.h"
 #include "qvx/crypto/openssl_environment.h"
 
 using namespace tarnwick;
@@ -68,7 +69,9 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? exitSuccess : exitUsage;
     }
+    watchForProgressRequests();
     const CommandResult result = chosen();
+    endProgress();
     if (interrupted()) endAsInterrupted();
     if (result) return *result;
     report(result.error());

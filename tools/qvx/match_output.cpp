@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "base/json_string.h"
+#include "progress.h"
 #include "report.h"
 
 namespace tarnwick::qvx {
@@ -111,6 +112,10 @@ void MatchOutput::printPath(SearchedFile& file) {
 }
 
 void MatchOutput::print(const std::string& text) {
+    if (text.empty()) return;
+    if (style_.quiet) return stop();
+    std::optional<ProgressPause> pause;
+    if (style_.escapes) pause.emplace();  // the progress may be on the same terminal
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) stop();
 }
 

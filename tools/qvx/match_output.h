@@ -18,6 +18,7 @@ struct MatchStyle {
     Unit unit = Unit::lines;
     bool lineNumbers = false;
     bool json = false;
+    bool quiet = false;         // print nothing, and stop at the first match
     bool namesArchive = false;  // in lines for people
     bool escapes = false;       // control characters, for a terminal
     bool colours = false;
@@ -70,7 +71,8 @@ public:
     // Reports that a part of the archive could not be searched.
     void addFault(const Error& error);
 
-    // Ends the search, because the output cannot be written or the expression is too slow. So does a signal.
+    // Ends the search, because the output cannot be written, the expression is too slow or a match is enough. So does a
+    // signal.
     void stop() { stopped_ = true; }
     [[nodiscard]] bool isStopped() const { return stopped_ || interrupted(); }
 

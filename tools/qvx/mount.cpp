@@ -10,6 +10,7 @@
 #include "byte_size.h"
 #include "commands.h"
 #include "fuse_mount.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -49,6 +50,7 @@ CommandResult serve(const MountOptions& options, const std::string& folder, std:
     EntryContents contents(*blocks, [&](std::uint64_t number) { return tree.locate(number); });
     const auto mounted = FuseMount::mount(folder, archiveName(options.archive), {tree, contents});
     if (!mounted) return CommandError{mounted.error()};
+    endProgress();
     ready();
     if (const Status served = (*mounted)->serve(); !served) return CommandError{served.error()};
     return exitSuccess;

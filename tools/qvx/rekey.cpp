@@ -6,6 +6,7 @@
 #include "archive_output.h"
 #include "commands.h"
 #include "key_files.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -51,6 +52,7 @@ CommandResult runRekey(const RekeyOptions& options) {
     const auto header = sealHeader({old->copy.header.salt, old->unsealed.contentKey}, *recipients);
     if (!header) return CommandError{header.error()};
     Status written = output->create();
+    (*file)->expect((*file)->size());
     if (written) written = writeCopy(**file, *old, *header, output->sink());
     if (written) written = output->place();
     if (!written) return CommandError{written.error()};
@@ -64,6 +66,7 @@ CommandRun declareRekey(CommandOptions& command) {
     declareRecipients(command, options->recipients);
     command.addRequired("-o,--output", options->output, "the new archive");
     declareKeyAndArchive(command, *options);
+    declareProgress(command);
     return [options] { return runRekey(*options); };
 }
 

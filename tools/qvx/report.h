@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "base/error.h"
 #include "base/visible_text.h"
@@ -22,6 +23,12 @@ void report(const std::string& message);
 
 // The same for an error, whose subject it prints first, escaped.
 void report(const Error& error);
+
+// The same for what is no error: what the user may do next, or a summary. Not with --quiet.
+void reportHint(const std::string& message);
+
+// Prints the path of an entry that is processed, if --verbose was given.
+void reportEntry(std::string_view path);
 
 // Like report, followed by ": " and the text of an errno value.
 void reportError(const std::string& message, int error);

@@ -8,6 +8,7 @@
 #include "archive_access.h"
 #include "commands.h"
 #include "entry_selection.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -31,12 +32,14 @@ CommandResult runTar(const TarOptions& options) {
     const auto reader = openArchive(options, ArchiveReader::Opening::intact, Access::inOrder);
     if (!reader) return reader.error();
     TarSink sink;
-    const auto outcome = readSelected(**reader, selection, sink);
+    RenamingSink reported(sink, [](const std::string& path) { return reportEntry(path), std::optional(path); });
+    EntrySink* const target = isVerbose() ? &reported : static_cast<EntrySink*>(&sink);
+    const auto outcome = readSelected(**reader, selection, *target);
     const Status ended = endStream(sink, outcome);
     if (outcome.fault()) {
         report(archiveError(options.archive, *outcome.fault()));
         if (options.archive != "-")
-            report("the tar stream was cut there; extract --salvage saves the intact files of a damaged archive");
+            reportHint("the tar stream was cut there; extract --salvage saves the intact files of a damaged archive");
     }
     auto result = finishOutput(options.archive, outcome.isStopped() ? outcome : ReadOutcome());
     if (!result) return result;
@@ -49,6 +52,7 @@ CommandResult runTar(const TarOptions& options) {
 CommandRun declareTar(CommandOptions& command) {
     const auto options = std::make_shared<TarOptions>();
     declareKeyAndArchive(command, *options);
+    declareProgress(command);
     command.add("PATH", options->patterns, "entries to write, with all below them, or globs; otherwise all");
     return [options] { return runTar(*options); };
 }

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "json_object.h"
 #include "listing.h"
+#include "progress.h"
 
 namespace tarnwick::qvx {
 
@@ -114,6 +115,7 @@ CommandResult verifyOne(EVP_PKEY* key, const std::string& archive, bool json) {
 }
 
 CommandResult runVerify(const VerifyOptions& options) {
+    if (options.json) shareTerminal();
     const auto key = loadKey(options.key);
     if (!key) return key.error();
     return forEachArchive(options.archives, [&](const auto& archive, const auto&) {
@@ -127,6 +129,7 @@ CommandRun declareVerify(CommandOptions& command) {
     const auto options = std::make_shared<VerifyOptions>();
     command.addFlag("--json", options->json, "print one JSON object an archive");
     declareKey(command, options->key);
+    declareProgress(command);
     declareArchives(command, options->archives);
     return [options] { return runVerify(*options); };
 }
