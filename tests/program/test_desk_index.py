@@ -185,11 +185,12 @@ class Desk(Scenario):
         call("openssl", "pkey", "-noout", "-in", "/media/locked.pem", "-passin", "pass:a b")
         for name, kind, secret in ("plain", "ecdsa", ""), ("secret", "ecdsa", "a b"), ("other", "ed25519", ""):
             call("ssh-keygen", "-q", "-t", kind, "-N", secret, "-f", f"/media/{name}")
+        call("ssh-keygen", "-q", "-t", "ecdsa", "-N", "a b", "-Z", "aes256-gcm@openssh.com", "-f", "/media/sealed")
         archive = f"{OUT}/archive"
         recipients = [word for name in ("locked", "plain", "secret") for word in ("-r", f"/media/{name}.pub")]
         call(qvx, "create", *recipients, "-o", archive, write(SOURCE, "x"))
         write("/media/damaged", content("/media/secret")[:200])
-        for name in "plain", "other", "damaged", "secret":
+        for name in "plain", "other", "damaged", "secret", "sealed":
             self.run_qvx("verify", "--key", f"/media/{name}", archive)
         for name in "locked.pem", "secret":
             for passphrase in b"a b\n", b"wrong\n":
