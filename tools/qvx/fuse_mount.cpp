@@ -108,13 +108,16 @@ void refuse(fuse_req_t request, const Error& error) {
 }
 
 void readLink(fuse_req_t request, fuse_ino_t id) {
-    const auto content = contentOf(entriesOf(request), static_cast<NodeId>(id));
+    const auto& entries = entriesOf(request);
+    const auto content = contentOf(entries, static_cast<NodeId>(id));
     std::vector<std::uint8_t> target(maxTargetLength + 1);
     const auto length = content->read(0, target);
     if (!length) return refuse(request, length.error());
     const bool valid = *length > 0 && *length <= maxTargetLength &&
                        std::find(target.data(), target.data() + *length, 0) == target.data() + *length;
-    if (!valid) return refuse(request, {"the target of the link is missing or malformed"});
+    if (!valid)
+        return refuse(request, {"the target of the link is missing or malformed", 0,
+                                entries.tree.pathOf(static_cast<NodeId>(id))});
     fuse_reply_readlink(request, reinterpret_cast<const char*>(target.data()));
 }
 
