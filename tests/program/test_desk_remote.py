@@ -227,6 +227,12 @@ class Remote(Scenario):
             status, _, errors = self.run_qvx("list", *KEY, url + refused)
             self.assertEqual(status, 1)
             self.assertRegex(errors, rf"\Aqvx: {url}/\w+/a.qvx: the server answers with status 40[13]: [^\n]*\n\Z")
+        secret = url.replace("//", "//user:SECRET@") + "/private/a.qvx?SECRET"
+        for words in (["cat", *KEY, ARCHIVE, secret], ["diff", ARCHIVE, ARCHIVE, secret], [secret],
+                      ["list", "--key", secret, ARCHIVE], ["info", url.replace("//", "//user:SEC/RET@")]):
+            errors = self.run_qvx(*words)[2]
+            self.assertRegex(errors, r"\Aqvx: .*https://")
+            self.assertNotRegex(errors, "SEC|RET")
         self.lay("/root", "mode=700")
         write("/root/.netrc", "machine localhost login user password pass\n")
         self.assertEqual(self.run_qvx("verify", *KEY, f"{url}/private/a.qvx")[0], 0)

@@ -15,6 +15,7 @@
 #include "interruption.h"
 #include "progress.h"
 #include "qvx/crypto/openssl_environment.h"
+#include "qvx/remote/remote_url.h"
 
 using namespace tarnwick;
 using namespace tarnwick::qvx;
@@ -51,14 +52,14 @@ std::string describeUnknownCommand(std::string_view word) {
     if (word.empty() || word.starts_with('-') || edits(*nearest) == 0) return {};
     const bool alike = edits(*nearest) == 1 || (edits(*nearest) == 2 && word.front() == nearest->name[0]);
     const std::string hint = alike ? std::string("did you mean ") + nearest->name + "?" : "see qvx --help";
-    return "no command " + escapedName(word) + "; " + hint;
+    return "no command " + escapedName(withoutSecrets(word)) + "; " + hint;
 }
 
 int run(int argc, char** argv) {
     CLI::App app("Make, list, search, compare, check and unpack sealed archives", "qvx");
     app.set_version_flag("--version", "qvx " TARNWICK_VERSION, "print the version and end");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return "qvx: " + escapedName(error.what()) + "; see qvx --help\n";
+        return "qvx: " + escapedName(withoutSecrets(error.what())) + "; see qvx --help\n";
     });
     const auto unknown = describeUnknownCommand(argc > 1 ? argv[1] : "");
     if (!unknown.empty()) return report(unknown), exitUsage;

@@ -4,16 +4,20 @@
 #include <cstring>
 
 #include "progress.h"
+#include "qvx/remote/remote_url.h"
 
 namespace tarnwick::qvx {
 
 void report(const std::string& message) {
     const ProgressPause pause;
-    std::fprintf(stderr, "qvx: %s\n", visibleText(message).c_str());
+    std::fprintf(stderr, "qvx: %s\n", visibleText(withoutSecrets(message)).c_str());
 }
 
 void report(const Error& error) {
-    report(error.subject.empty() ? error.text : escapedName(error.subject) + ": " + error.text);
+    const std::string& subject = error.subject;
+    // An address in a wrong place of the command line, for example.
+    const std::string name = escapedName(isUrl(subject) ? printableUrl(subject) : subject);
+    report(subject.empty() ? error.text : name + ": " + error.text);
 }
 
 void reportHint(const std::string& message) {

@@ -18,7 +18,7 @@ struct CommandError : Error {
 using CommandResult = Result<ExitStatus, CommandError>;
 
 // Prints "qvx: MESSAGE" on standard error, with invisible characters escaped. Names from disk or from an archive must
-// be passed through escapedName first, which escapes the backslash, too.
+// be passed through escapedName first, which escapes the backslash, too. Of addresses, what may be secret is left out.
 void report(const std::string& message);
 
 // The same for an error, whose subject it prints first, escaped.

@@ -49,9 +49,10 @@ bool mayPass(CURLcode code) {
     }
 }
 
-Error describe(CURLcode code, const std::string& message) {
+Error describe(CURLcode code, long status, const std::string& message) {
     const std::string text = message.empty() ? curl_easy_strerror(code) : message;
-    if (code == CURLE_UNSUPPORTED_PROTOCOL) return {"the server redirects to an address that is not https://"};
+    if (code == CURLE_UNSUPPORTED_PROTOCOL && status != 0)
+        return {"the server redirects to an address that is not https://"};
     if (code == CURLE_PEER_FAILED_VERIFICATION)
         return {text + "; $CURL_CA_BUNDLE may name a file with other certificates to trust"};
     return {text};
@@ -313,7 +314,7 @@ void RangeFetcher::Requests::finish(Place request, CURLcode code) {
         return mayPass(status) ? retryOrFail(request, *request->refused) : end(request, *request->refused);
     if (code == CURLE_OK || code == CURLE_PARTIAL_FILE)
         return retryOrFail(request, Error{"the server ends its answer too early"});
-    const Error error = describe(code, message);
+    const Error error = describe(code, status, message);
     // A host that was found may be lost for a while, when a laptop wakes up.
     const bool lostHost = opened_ && code == CURLE_COULDNT_RESOLVE_HOST;
     return lostHost || mayPass(code) ? retryOrFail(request, error) : end(request, error);

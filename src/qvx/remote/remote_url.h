@@ -13,4 +13,7 @@ bool isSecureUrl(std::string_view name);
 // The address for people, without what may be secret: a user with a password, and the query, which may be a signature.
 std::string printableUrl(std::string_view url);
 
+// The text, with each word of it that is an address in that form.
+std::string withoutSecrets(std::string_view text);
+
 }  // namespace tarnwick::qvx
