@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "qvx/remote/range_fetcher.h"
@@ -14,8 +15,9 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::uint64_t pieceSize = 65536;
-constexpr std::size_t maxPieces = 512;          // in the cache
-constexpr std::size_t maxHinted = 256;          // pieces that hints may ask for at the same time
+constexpr std::size_t maxPieces = 384;          // in the cache
+constexpr std::size_t maxHinted = 256;          // pieces that one hint may ask for
+constexpr std::size_t maxUnread = 128;          // pieces that nobody has read yet, before hints are ignored
 constexpr std::uint64_t maxRequestPieces = 64;  // in one request, so that several are in progress
 
 constexpr std::chrono::seconds failureLasts{30};
@@ -26,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 struct Piece {
     std::vector<std::uint8_t> bytes;
     std::uint64_t used = 0;  // greater for a later use
+    bool read = false;
 };
 
 class RemoteSource : public ByteSource {
@@ -49,6 +52,7 @@ private:
     [[nodiscard]] bool mayRead() const;
     [[nodiscard]] bool isComplete(std::uint64_t number, const Piece& piece) const;
     [[nodiscard]] Piece* awaitPiece(std::unique_lock<std::mutex>& lock, std::uint64_t number, std::uint64_t end) const;
+    void markRead(Piece& piece) const;
     [[nodiscard]] std::uint64_t piecesBefore(std::uint64_t number) const;
     void request(std::uint64_t begin, std::uint64_t end) const;
     void fetchRun(std::uint64_t begin, std::uint64_t end) const;
@@ -61,8 +65,8 @@ private:
     mutable std::condition_variable changed_;
     mutable std::map<std::uint64_t, Piece> pieces_;  // by number: all that were asked for
     mutable std::uint64_t uses_ = 0;
-    mutable std::size_t pending_ = 0;  // pieces that were asked for and are not complete
-    mutable Status state_;             // fails after a failure, for a while
+    mutable std::size_t unread_ = 0;  // count of pieces
+    mutable Status state_;            // fails after a failure, for a while
     Clock::time_point failed_;
     std::uint64_t size_ = 0;        // constant after open()
     mutable RangeFetcher fetcher_;  // last, because its thread uses the others
@@ -95,7 +99,7 @@ Status RemoteSource::read(std::uint64_t position, MutableBytes bytes) const {
 void RemoteSource::willRead(std::uint64_t begin, std::uint64_t end) const {
     const std::uint64_t first = begin / pieceSize;
     const std::lock_guard lock(mutex_);
-    if (state_ && pending_ < maxHinted) request(first, std::min((end - 1) / pieceSize + 1, first + maxHinted));
+    if (state_ && unread_ < maxUnread) request(first, std::min((end - 1) / pieceSize + 1, first + maxHinted));
 }
 
 Status RemoteSource::state() const {
@@ -118,14 +122,19 @@ Piece* RemoteSource::awaitPiece(std::unique_lock<std::mutex>& lock, std::uint64_
     while (mayRead()) {
         auto found = pieces_.find(number);
         if (found == pieces_.end()) {
-            request(number, end + std::min(piecesBefore(number), maxRequestPieces));
+            const auto ahead = unread_ < maxUnread ? std::min(piecesBefore(number), maxRequestPieces) : 0;
+            request(number, end + ahead);
             found = pieces_.find(number);
         }
-        found->second.used = ++uses_;
-        if (isComplete(number, found->second)) return &found->second;
+        if (isComplete(number, found->second)) return markRead(found->second), &found->second;
         changed_.wait(lock);
     }
     return nullptr;
+}
+
+void RemoteSource::markRead(Piece& piece) const {
+    piece.used = ++uses_;
+    if (!std::exchange(piece.read, true)) --unread_;
 }
 
 // A reader that nobody announced, and that has read so many pieces in order, probably continues.
@@ -153,8 +162,9 @@ void RemoteSource::request(std::uint64_t begin, std::uint64_t end) const {
 void RemoteSource::fetchRun(std::uint64_t begin, std::uint64_t end) const {
     if (begin >= end) return;
     freePieces(end - begin);
-    pending_ += end - begin;
-    for (std::uint64_t number = begin; number < end; ++number) pieces_[number].used = ++uses_;
+    unread_ += end - begin;
+    // As if it were used later, so that what others read meanwhile does not displace what nobody has read yet.
+    for (std::uint64_t number = begin; number < end; ++number) pieces_[number].used = ++uses_ + maxPieces;
     fetcher_.fetch({begin * pieceSize, end * pieceSize});
 }
 
@@ -167,6 +177,7 @@ void RemoteSource::freePieces(std::size_t count) const {
                 (oldest == pieces_.end() || piece->second.used < oldest->second.used))
                 oldest = piece;
         if (oldest == pieces_.end()) return;
+        if (!oldest->second.read) --unread_;
         pieces_.erase(oldest);
     }
 }
@@ -179,7 +190,6 @@ void RemoteSource::receive(std::uint64_t position, Bytes bytes) {
         Piece& piece = pieces_[position / pieceSize];
         piece.bytes.reserve(pieceSize);
         piece.bytes.insert(piece.bytes.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
-        if (isComplete(position / pieceSize, piece)) --pending_;
         bytes = bytes.subspan(count);
         position += count;
     }
@@ -192,9 +202,8 @@ void RemoteSource::finish(const Status& status, const ByteRange& missing, const 
         drop(missing);
         state_ = status;
         failed_ = Clock::now();
-    } else if (size_ == 0) {  // only now: later, size() reads it without the lock
-        size_ = object.size;
-        pending_ = 0;
+    } else if (size_ == 0) {
+        size_ = object.size;  // only now: later, size() reads it without the lock
     }
     changed_.notify_all();
 }
@@ -203,7 +212,7 @@ void RemoteSource::finish(const Status& status, const ByteRange& missing, const 
 void RemoteSource::drop(const ByteRange& missing) {
     if (missing.begin == missing.end) return;
     for (std::uint64_t number = missing.begin / pieceSize; number * pieceSize < missing.end; ++number)
-        pending_ -= pieces_.erase(number);
+        unread_ -= pieces_.erase(number);
 }
 
 }  // namespace
