@@ -319,6 +319,8 @@ class Remote(Scenario):
         self.assertEqual(done.stderr.count("4 archives, 1 with errors"), 2)
         self.assertEqual(read("/media/cwd/found").splitlines(), [
             f"{store}/{name}.qvx: var/log/kern.log" for name in ("alpha", "gamma")])
+        self.assertEqual(set(read("/media/cwd/matches").splitlines()), {
+            f"{store}/{name}.qvx:var/log/kern.log:{name}: kern.log" for name in ("alpha", "gamma")})
         self.assertNotIn("SECRET", done.stdout + done.stderr + read("/media/cwd/errors"))
         self.assertRegex(done.stdout, r"\nalpha.qvx\ngamma.qvx\n1600 +alpha.qvx +var/log/kern.log *\n")
 

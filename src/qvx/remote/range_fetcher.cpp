@@ -53,6 +53,7 @@ Error describe(CURLcode code, long status, const std::string& message) {
     const std::string text = message.empty() ? curl_easy_strerror(code) : message;
     if (code == CURLE_UNSUPPORTED_PROTOCOL && status != 0)
         return {"the server redirects to an address that is not https://"};
+    if (code == CURLE_OUT_OF_MEMORY) return {"out of memory, or a line of the answer is too long"};
     if (code == CURLE_PEER_FAILED_VERIFICATION)
         return {text + "; $CURL_CA_BUNDLE may name a file with other certificates to trust"};
     return {text};
