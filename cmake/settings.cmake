@@ -42,6 +42,9 @@ endif()
 function(tarnwick_library name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
   add_library(${name} STATIC ${arg_UNPARSED_ARGUMENTS})
+  # In a unity build: clang-tidy has nothing to say of how the sources are put together.
+  set_target_properties(${name} PROPERTIES
+    UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
   target_link_libraries(${name} PUBLIC tarnwick_settings ${arg_LINK} PRIVATE tarnwick_warnings)
 endfunction()
 
@@ -49,6 +52,7 @@ endfunction()
 function(tarnwick_program name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  set_target_properties(${name} PROPERTIES UNITY_BUILD OFF)  # clang-tidy would take its one source for a header
   target_link_libraries(${name} PRIVATE tarnwick_settings tarnwick_warnings ${arg_LINK})
   target_compile_definitions(${name} PRIVATE TARNWICK_VERSION="${PROJECT_VERSION}")
 endfunction()

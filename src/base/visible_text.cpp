@@ -11,7 +11,7 @@ namespace {
 // Each byte of a character that is not kept becomes \xNN.
 template <typename IsKept>
 std::string escape(std::string_view bytes, const IsKept& isKept) {
-    static constexpr char digits[] = "0123456789abcdef";
+    static constexpr char hexadecimal[] = "0123456789abcdef";
     std::string text;
     text.reserve(bytes.size());
     while (!bytes.empty()) {
@@ -22,7 +22,7 @@ std::string escape(std::string_view bytes, const IsKept& isKept) {
         } else {
             for (const char each : bytes.substr(0, length)) {
                 const auto byte = static_cast<unsigned char>(each);
-                text += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+                text += {'\\', 'x', hexadecimal[byte >> 4], hexadecimal[byte & 15]};
             }
         }
         bytes.remove_prefix(length);

@@ -14,7 +14,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::int64_t second = 1'000'000'000;  // nanoseconds
+constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 
 bool haveEqualLength(const ComparedEntry& a, const ComparedEntry& b) { return a.type == b.type && a.size == b.size; }
 
@@ -124,8 +124,9 @@ Result<void, ReadFault> ComparedArchive::readWanted() {
 void ComparedArchive::add(const StoredMetadata& metadata) {
     const auto& [head, tail, target] = metadata;
     ComparedEntry& entry = entries_[head.number];
-    const std::int64_t nanoseconds = head.modified.value_or(0) % second;
-    entry.modifiedNanoseconds = static_cast<std::uint32_t>(nanoseconds < 0 ? nanoseconds + second : nanoseconds);
+    const std::int64_t nanoseconds = head.modified.value_or(0) % nanosecondsPerSecond;
+    entry.modifiedNanoseconds =
+        static_cast<std::uint32_t>(nanoseconds < 0 ? nanoseconds + nanosecondsPerSecond : nanoseconds);
     entry.flags = head.flags.value_or(0);
     if (tail.attributes) entry.attributes = hashOf(*tail.attributes);
     if (tail.accessLists)

@@ -3,71 +3,22 @@
 #include <algorithm>
 #include <array>
 
+#include "byte_size.h"
+#include "data_queue.h"
 #include "decompressor.h"
 
 namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t mebibyte = 1048576;
 constexpr std::size_t maxMemory = 70 * mebibyte;
 constexpr std::size_t jobMemory = 2 * mebibyte;  // the text, and what is found in it
 constexpr std::size_t batchLimit = LineCutter::maxPiece;
 constexpr std::size_t maxOutput = 262144;  // bytes of a job that are kept
 constexpr std::size_t fileMemory = 512;    // besides its path
 constexpr std::uint64_t maxHole = 4096;    // bytes of a hole that are searched
-constexpr std::size_t maxQueued = 524288;  // bytes of compressed data that wait
-constexpr std::size_t queuedPiece = 65536;
 
 std::string_view viewOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
-
-// Compressed data on its way from the reader of the archive to a job.
-class DataQueue {
-public:
-    // Waits until there is space. Discards the data when the reader has closed.
-    void push(std::string_view data) {
-        for (; !data.empty(); data.remove_prefix(std::min(data.size(), queuedPiece)))
-            pushPiece(std::string(data.substr(0, queuedPiece)));
-    }
-
-    // Waits for data; none at the end.
-    std::optional<std::string> pop() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return ended_ || !pieces_.empty(); });
-        if (pieces_.empty()) return std::nullopt;
-        auto piece = std::move(pieces_.front());
-        pieces_.pop_front();
-        size_ -= piece.size();
-        changed_.notify_all();
-        return piece;
-    }
-
-    void end() { set(ended_); }     // nothing more will be pushed
-    void close() { set(closed_); }  // nothing more will be popped
-
-private:
-    void pushPiece(std::string piece) {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return closed_ || size_ < maxQueued; });
-        if (closed_) return;
-        size_ += piece.size();
-        pieces_.push_back(std::move(piece));
-        changed_.notify_all();
-    }
-
-    void set(bool& flag) {
-        const std::lock_guard lock(mutex_);
-        flag = true;
-        changed_.notify_all();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::string> pieces_;
-    std::size_t size_ = 0;
-    bool ended_ = false;
-    bool closed_ = false;
-};
 
 // Otherwise the reader of the archive could wait for a job that has ended.
 struct ClosedAtEnd {

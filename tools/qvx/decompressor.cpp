@@ -9,22 +9,22 @@
 #include <new>
 
 #include "base/handle.h"
+#include "byte_size.h"
 
 namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t mebibyte = 1048576;
 constexpr std::uint64_t maxRatio = 256;
 constexpr std::uint64_t freeText = 64 * mebibyte;  // before the ratio counts
 constexpr std::uint64_t commonWindow = 8 * mebibyte;
 constexpr std::size_t commonMemory = 10 * mebibyte;
-constexpr std::size_t maxMemory = 66 * mebibyte;
+constexpr std::size_t maxDecoderMemory = 66 * mebibyte;
 
 // Most data needs little memory, so several can be decompressed at the same time. Data that says at its beginning that
 // it needs more, or does not say it there, gets more.
 std::size_t memoryFor(std::optional<std::uint64_t> window) {
-    return window && *window <= commonWindow ? commonMemory : maxMemory;
+    return window && *window <= commonWindow ? commonMemory : maxDecoderMemory;
 }
 
 Error damaged(const char* program) { return {std::string("the data of ") + program + " in it is damaged"}; }

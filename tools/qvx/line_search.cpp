@@ -4,11 +4,12 @@
 #include <cctype>
 #include <ctime>
 
+#include "byte_size.h"
+
 namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::uint64_t mebibyte = 1048576;
 constexpr std::chrono::seconds freeTime(10);
 constexpr std::chrono::seconds slowest(1);  // for each MiB
 

@@ -10,7 +10,7 @@ constexpr std::size_t pieceSize = 8 << 20;
 constexpr std::size_t maxExtents = 65536;
 
 // GNU tar reads each extent of a sparse file from the beginning of a block.
-constexpr std::uint64_t tarBlock = 512;
+constexpr std::uint64_t extentUnit = 512;
 
 }  // namespace
 
@@ -30,12 +30,12 @@ Status SpooledContent::add(Bytes bytes) {
 }
 
 Status SpooledContent::addHole(std::uint64_t length) {
-    const std::uint64_t before = std::min(length, (tarBlock - size_ % tarBlock) % tarBlock);
+    const std::uint64_t before = std::min(length, (extentUnit - size_ % extentUnit) % extentUnit);
     if (Status added = addZeros(before); !added) return added;
     length -= before;
     if (data_.size() >= maxExtents) return addZeros(length);
-    size_ += length - length % tarBlock;
-    return addZeros(length % tarBlock);
+    size_ += length - length % extentUnit;
+    return addZeros(length % extentUnit);
 }
 
 Status SpooledContent::read(const Data& data, const Hole& hole) {

@@ -245,7 +245,7 @@ constexpr FieldRow<EntryTail> tailRows[] = {
 };
 
 // Bit 0 of a mask is the content; the bits of the two tables follow.
-constexpr std::string_view contentKey = "DAT";
+constexpr std::string_view dataKey = "DAT";
 constexpr unsigned firstHeadBit = 1;
 constexpr unsigned firstTailBit = firstHeadBit + std::size(headRows);
 
@@ -285,7 +285,7 @@ bool isAttributeName(std::string_view name) {
 
 FieldMask fieldBit(std::string_view key) {
     if (key.empty()) return 0;
-    if (key == contentKey) return 1;
+    if (key == dataKey) return 1;
     return bitIn(fieldTable<EntryHead>(), key) << firstHeadBit | bitIn(fieldTable<EntryTail>(), key) << firstTailBit;
 }
 

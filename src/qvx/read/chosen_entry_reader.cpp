@@ -8,8 +8,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr std::size_t maxAhead = 12;  // blocks
-constexpr const char* indexMismatch = "the index does not match the entry";
+constexpr std::size_t maxHinted = 12;  // blocks
+constexpr const char* entryMismatch = "the index does not match the entry";
 
 std::uint32_t hashOf(std::string_view path) { return static_cast<std::uint32_t>(std::hash<std::string_view>()(path)); }
 
@@ -70,7 +70,7 @@ std::uint64_t ChosenBlocks::bytes() const {
 }
 
 std::optional<BlockPipeline::Task> ChosenBlocks::operator()() {
-    if (ahead_ <= maxAhead / 2) lookAhead();
+    if (ahead_ <= maxHinted / 2) lookAhead();
     const auto sequence = next(supplied_);
     if (!sequence) return std::nullopt;
     --ahead_;
@@ -91,7 +91,7 @@ std::optional<std::uint64_t> ChosenBlocks::next(Cursor& cursor) const {
 void ChosenBlocks::lookAhead() {
     std::uint64_t first = 0;
     std::uint64_t end = 0;
-    for (std::optional<std::uint64_t> block; ahead_ < maxAhead && (block = next(hinted_)); ++ahead_) {
+    for (std::optional<std::uint64_t> block; ahead_ < maxHinted && (block = next(hinted_)); ++ahead_) {
         if (*block != end) willReadBlocks(file_, map_, first, end);
         if (*block != end) first = *block;
         end = *block + 1;
@@ -131,20 +131,20 @@ ReadOutcome ChosenEntryReader::read(const ChosenEntry& chosen) {
             // Others may have the same hash, but the path is a chosen one in any case.
             const bool begins = record->type == RecordType::entry;
             if (begins && !(chosen.isBegunBy(entry_.head()) && choice_(chosen.number, entry_.head().path)))
-                return damaged(entry_.error(indexMismatch));
+                return damaged(entry_.error(entryMismatch));
             if (entry_.isComplete()) return deliver(chosen);
         }
         if (cursor.damaged()) return damaged(entry_.error("the block contains something that is not a record"));
     }
-    return damaged(entry_.error(indexMismatch));
+    return damaged(entry_.error(entryMismatch));
 }
 
 ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
     while (!block_ || block_->place.sequence < sequence) {
         block_ = blocks_.next();
-        if (!block_) return damaged(entry_.error(indexMismatch));
+        if (!block_) return damaged(entry_.error(entryMismatch));
     }
-    if (block_->place.sequence != sequence) return damaged(entry_.error(indexMismatch));
+    if (block_->place.sequence != sequence) return damaged(entry_.error(entryMismatch));
     if (block_->fault) return damaged(entry_.error(block_->fault->text));
     return {};
 }
@@ -152,7 +152,7 @@ ReadOutcome ChosenEntryReader::findBlock(std::uint64_t sequence) {
 ReadOutcome ChosenEntryReader::deliver(const ChosenEntry& chosen) {
     const bool incomplete = entry_.tail().unreadable.has_value();
     if (block_->place.sequence != chosen.lastBlock() || incomplete != bool(chosen.incomplete))
-        return damaged(entry_.error(indexMismatch));
+        return damaged(entry_.error(entryMismatch));
     const auto content = entry_.tail().contentOf;
     if (content && !table_.contains(*content)) return defer(chosen);
     if (const Status resolved = table_.resolve(entry_); !resolved) return damaged(resolved.error());
