@@ -13,7 +13,7 @@ namespace tarnwick::qvx {
 namespace {
 
 // These bound the memory, the first on a machine with many cores, the others for blocks of tiny records.
-constexpr unsigned maxWorkers = 16;
+constexpr unsigned maxDecoders = 16;
 constexpr std::size_t maxDigests = 4096;  // in one block; the consumer computes those of the other entries
 constexpr std::size_t maxParts = 4096;    // DATA records of one entry
 constexpr std::uint64_t maxSealedBlock = blockHeaderSize + blockSize + tagSize;
@@ -166,9 +166,9 @@ BlockPointer RandomBlocks::getLeader(std::uint64_t sequence) {
 }
 
 BlockPipeline::BlockPipeline(const ArchiveFile& file, const MessageKeys& keys, Supplier supplier, const BlockMap* map)
-    : file_(file), keys_(keys), supplier_(std::move(supplier)), map_(map) {
+    : file_(file), keys_(keys), map_(map), supplier_(std::move(supplier)) {
     // hardware_concurrency() is 0 when the number of cores is not known.
-    const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxWorkers);
+    const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxDecoders);
     limit_ = workers + 8UL;
     threads_.reserve(workers);
     for (unsigned i = 0; i < workers; ++i) {
@@ -225,19 +225,27 @@ void BlockPipeline::work() {
 
 // Slots are queued in the order in which workers claim them, so a leader is always in progress before a block needs it.
 BlockPipeline::SlotPointer BlockPipeline::claim() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return closed_ || exhausted_ || queue_.size() < limit_; });
-    if (closed_ || exhausted_) return nullptr;
-    // Called under the lock, so that the queue has the order of the supplier.
+    // The queue has the order of the supplier. It has a lock of its own, because the supplier may wait for a server.
+    const std::lock_guard turn(supplying_);
+    if (!waitForSpace()) return nullptr;
     auto slot = nextSlot();
-    if (!slot) {
+    const std::lock_guard lock(mutex_);
+    if (closed_ || exhausted_) return nullptr;
+    if (slot) {
+        queue_.push_back(slot);
+        if (slot->block.header.leads()) keepLeader(slot);  // only now, when this worker is certain to open it
+    } else {
         exhausted_ = true;
         changed_.notify_all();
-        return nullptr;
     }
-    queue_.push_back(slot);
-    if (slot->block.header.leads()) keepLeader(slot);  // only now, when this worker is certain to open it
     return slot;
+}
+
+// False when no more blocks are wanted.
+bool BlockPipeline::waitForSpace() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closed_ || exhausted_ || queue_.size() < limit_; });
+    return !closed_ && !exhausted_;
 }
 
 BlockPipeline::SlotPointer BlockPipeline::nextSlot() {

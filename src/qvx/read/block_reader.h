@@ -161,6 +161,7 @@ private:
 
     void work();
     SlotPointer claim();
+    bool waitForSpace();
     SlotPointer nextSlot();
     SlotPointer findLeader(std::uint64_t sequence) const;
     SlotPointer fetchLeader(std::uint64_t sequence) const;
@@ -170,16 +171,19 @@ private:
 
     const ArchiveFile& file_;
     const MessageKeys& keys_;
-    Supplier supplier_;
     const BlockMap* map_;
-    SlotPointer postponed_;  // comes after its leader, which the supplier has not named
     std::size_t limit_;
-    std::mutex mutex_;
+
+    std::mutex supplying_;  // for these; locked before the other
+    Supplier supplier_;
+    SlotPointer postponed_;             // comes after its leader, which the supplier has not named
+    std::vector<SlotPointer> leaders_;  // ascending, at most maxLeaders
+
+    std::mutex mutex_;  // for these
     std::condition_variable changed_;
     std::deque<SlotPointer> queue_;
-    std::vector<SlotPointer> leaders_;  // ascending, at most maxLeaders
-    bool closed_ = false;               // the consumer has closed
-    bool exhausted_ = false;            // the supplier has ended
+    bool closed_ = false;     // the consumer has closed
+    bool exhausted_ = false;  // the supplier has ended
     std::vector<std::jthread> threads_;
 };
 
