@@ -54,8 +54,9 @@ class Grep(Scenario):
         os.link(SOURCE + "/copy", SOURCE + "/link")
         os.truncate(write(SOURCE + "/sparse", "error in front\n"), 1 << 32)
         self.create()
-        for pattern in "error", "error 3$", "^[0-9]+ l", r"e\s+\w+r", "", "or (?=of)", "nothing like it":
-            for option in "-n", "-c", "-l", "-i", "-F":
+        options = ["-n", "-c", "-l", "-i", "-F"]
+        for turn, pattern in enumerate(["error", "error 3$", "^[0-9]+ l", r"e\s+\w+r", "", "or (?=of)", "nothing like it"]):
+            for option in options if not world.SANITIZED else [options[turn % 5]]:
                 ours = self.found(world.BIN + "/qvx", "grep", *KEY, option, "--", pattern, ARCHIVE)
                 theirs = self.found("grep", "-r", *["-P"] * (option != "-F"), *["-a"] * (option == "-c"), option,
                                     "--exclude=sparse", "-e", pattern, "media/source")
@@ -77,16 +78,21 @@ class Grep(Scenario):
         write(SOURCE + "/greedy.xz", greedy_xz(b"error\n"))
         write(SOURCE + "/not.gz", "\x1f\x8bno\nerror\n")
         self.create()
+        if not world.SANITIZED:
+            self.check_memory()
+        self.grep("-c", "--include", "rotated*", "error", ARCHIVE)
+        self.grep("-n", "--include", "rotated*", "second part", ARCHIVE)
+        self.grep("nothing like it", ARCHIVE)
+        self.grep("-c", "--include", "*.gz", "--no-decompress", "error", ARCHIVE)
+
+    # Of a search that finds millions of lines in one file.
+    def check_memory(self):
         process = subprocess.Popen([world.BIN + "/qvx", "grep", *KEY, "error", ARCHIVE], stdout=subprocess.DEVNULL,
                                    stderr=subprocess.DEVNULL)
         _, status, usage = os.wait4(process.pid, 0)
         process.returncode = os.waitstatus_to_exitcode(status)
         self.assertEqual(process.returncode, 2)
         self.assertLess(usage.ru_maxrss, 128 << 10)
-        self.grep("-c", "--include", "rotated*", "error", ARCHIVE)
-        self.grep("-n", "--include", "rotated*", "second part", ARCHIVE)
-        self.grep("nothing like it", ARCHIVE)
-        self.grep("-c", "--include", "*.gz", "--no-decompress", "error", ARCHIVE)
 
     # The intact files are searched, and what is wrong is said after that.
     def test_damaged_archives_and_others(self):

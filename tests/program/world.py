@@ -6,7 +6,7 @@
 #     /media/bin        the stand-in commands, first on PATH      /media/preboot   the destination volume
 #     /media/programs   the programs under test                   /media/NAME      the source volume NAME
 #
-# TARNWICK_BIN is the folder of the programs. The record is compared with data/transcripts at the end. With RECORD=1 in
+# TARNWICK_BIN is the folder of the programs, TARNWICK_SANITIZE names the sanitizers in them. The record is compared with data/transcripts at the end. With RECORD=1 in
 # the environment that file is written instead: read it as a user would before you commit it.
 import collections
 import contextlib
@@ -45,6 +45,7 @@ if os.path.realpath(os.environ["TARNWICK_BIN"]).startswith("/tmp/"):
     os.environ.update(COUNTS)
 HERE = lasting(os.path.dirname(os.path.abspath(__file__)))
 BIN = lasting(os.environ["TARNWICK_BIN"])
+SANITIZED = bool(os.environ.get("TARNWICK_SANITIZE"))  # slow, and with an allocator of their own
 DATA = HERE + "/../data"
 STORE = "/media/preboot/tarnwick"
 PATH = "/media/bin:/usr/sbin:/usr/bin:/sbin:/bin"

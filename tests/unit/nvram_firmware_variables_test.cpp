@@ -60,7 +60,9 @@ TEST_F(FirmwareVariables, MarksWhatItCuts) {
     EXPECT_EQ(dump(), "A\t" + longest + "\nB\t" + longest + "%[cut: 65536 of more than 65536 bytes]\n");
     for (int i = 10; i < 90; ++i) variable("C" + std::to_string(i), longest);
     const std::regex cuts("v%.cut: [0-9]+ of 65536 bytes\\]\n%.cut: [0-9]+ more variables\\]\n$");
-    EXPECT_TRUE(std::regex_search(dump(), cuts));
+    const std::string text = dump();
+    ASSERT_GT(text.size(), 4000000U);
+    EXPECT_TRUE(std::regex_search(text.end() - 200, text.end(), cuts)) << text.substr(text.size() - 200);
 }
 
 TEST(Withheld, SecretsAndNothingElse) {
