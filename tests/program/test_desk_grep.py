@@ -113,18 +113,18 @@ class Grep(Scenario):
 
     def test_statuses_options_and_output_on_a_terminal(self):
         write(SOURCE + "/\x1b[2J", b"tab\tan error\x1b[31m, caf\xc3\xa9, \xff, error\r\nan error\0\n")
-        write(SOURCE + "/as", "a" * 40 + "!\n")
+        write(SOURCE + "/as", "a" * 40 + "!\n" + "aa\n" * 30000)
         self.create()
         self.grep("error\x1b", ARCHIVE)
         self.grep("--json", "error", ARCHIVE)
         self.grep("--json", "-c", "error", ARCHIVE)
         self.grep("nothing like it", ARCHIVE)
-        self.grep("(a+)+$", ARCHIVE)
+        self.grep("-c", "(a+)+$", ARCHIVE)
         self.grep("(a", ARCHIVE)
         self.grep("-F", "(a", ARCHIVE)
         self.grep("error")
         with open("/dev/full", "wb") as full:
-            self.grep("error", ARCHIVE, stdout=full)
+            self.grep("error|aa", ARCHIVE, stdout=full)
         for colour in {}, {"NO_COLOR": "1"}:
             os.environ.update(TERM="xterm", **colour)
             self.note("terminal", repr(on_terminal([world.BIN + "/qvx", "grep", *KEY, "error", ARCHIVE], b"")))

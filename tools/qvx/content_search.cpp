@@ -95,9 +95,13 @@ private:
             const auto line = lines.next(piece.text, from);
             if (!line) return tooSlow(piece.file, line.error());
             if (!*line) return;
+            from = (*line)->end + 1;
+            if ((*line)->skipped) {
+                findings_.back().skipped = true;
+                continue;
+            }
             ++findings_.back().lines;
             if (!visit(**line)) return;
-            from = (*line)->end + 1;
         }
     }
 

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -98,6 +99,7 @@ public:
         DamageReport damage;
         searchContents(**reader, output, damage);
         found_ = found_ || output.found();
+        if (output.writeError() != 0) errno = output.writeError();  // another thread's, for finishOutput
         const auto written = finishOutput(archive, {});
         damage.print(archive);
         return written && (output.failed() || damage.any()) ? exitFailed : written;

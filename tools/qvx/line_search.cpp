@@ -13,12 +13,14 @@ namespace {
 constexpr std::chrono::seconds freeTime(10);
 constexpr std::chrono::seconds slowest(1);  // for each MiB
 
-// It advances every few milliseconds. That is exact enough for the sum of many times, and costs almost nothing.
-std::chrono::nanoseconds coarseTime() {
+std::chrono::nanoseconds timeOf(clockid_t clock) {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    clock_gettime(clock, &now);
     return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
+
+// It advances every few milliseconds. That is exact enough for the sum of many times, and costs almost nothing.
+std::chrono::nanoseconds coarseTime() { return timeOf(CLOCK_MONOTONIC_COARSE); }
 
 bool isPlain(char byte) { return static_cast<unsigned char>(byte) >= ' '; }
 
@@ -62,18 +64,24 @@ Result<LineExpression> LineExpression::compile(std::string_view expression, bool
 
 Result<std::optional<LineSearch::Line>> LineSearch::next(std::string_view text, std::size_t from) {
     const auto begin = coarseTime();
-    auto line = find(text, from);
+    const auto line = find(text, from);
     time_ += coarseTime() - begin;
-    searched_ += (line && *line ? (*line)->end : text.size()) - std::min(from, text.size());
-    if (line && time_ > freeTime + searched_ / mebibyte * slowest) return Error{"less than 1 MiB/s"};
+    searched_ += (line ? line->end : text.size()) - std::min(from, text.size());
+    if (isTooSlow()) return Error{"less than 1 MiB/s"};
     return line;
 }
 
-Result<std::optional<LineSearch::Line>> LineSearch::find(std::string_view text, std::size_t from) {
-    if (from >= text.size()) return std::optional<Line>();
+// While the program is stopped or waits for a processor, only the first time advances. The second one costs more.
+bool LineSearch::isTooSlow() const {
+    const auto limit = freeTime + searched_ / mebibyte * slowest;
+    return time_ > limit && timeOf(CLOCK_THREAD_CPUTIME_ID) > limit;
+}
+
+std::optional<LineSearch::Line> LineSearch::find(std::string_view text, std::size_t from) {
+    if (from >= text.size()) return std::nullopt;
     if (!staysInLine_) return nextAlone(text, from);
     auto line = nextOfAll(text, from);
-    if (line) return line;
+    if (line) return *line;
     // A single line is allowed more steps, because it is shorter.
     staysInLine_ = false;
     return nextAlone(text, from);
@@ -91,14 +99,13 @@ Result<std::optional<LineSearch::Line>> LineSearch::nextOfAll(std::string_view t
     return std::optional(Line{begin, std::min(text.find('\n', at), text.size())});
 }
 
-Result<std::optional<LineSearch::Line>> LineSearch::nextAlone(std::string_view text, std::size_t from) {
+std::optional<LineSearch::Line> LineSearch::nextAlone(std::string_view text, std::size_t from) {
     for (std::size_t end = 0; from < text.size(); from = end + 1) {
         end = std::min(text.find('\n', from), text.size());
         const auto found = search_.find(text.substr(from, end - from));
-        if (!found) return found.error();
-        if (*found) return std::optional(Line{from, end});
+        if (!found || *found) return Line{from, end, !found};
     }
-    return std::optional<Line>();
+    return std::nullopt;
 }
 
 std::optional<ExpressionSearch::Match> LineSearch::matchIn(std::string_view line, std::size_t from) {

@@ -20,24 +20,26 @@ class LineSearch {
 public:
     struct Line {
         std::size_t begin = 0;
-        std::size_t end = 0;  // without the line end
+        std::size_t end = 0;   // without the line end
+        bool skipped = false;  // the expression takes too many steps: it may match or not
     };
 
     explicit LineSearch(const LineExpression& expression)
         : search_(expression.expression), staysInLine_(expression.staysInLine) {}
 
-    // The first matching line that begins at or after `from`, which is the beginning of a line or the end of the text.
-    // Fails when a line would need too many steps, and when the whole search takes seconds for each MiB: a hostile text
-    // can make an expression do so.
+    // The first line that matches or is skipped, and begins at or after `from`, which is the beginning of a line or the
+    // end of the text. Fails when the whole search takes seconds for each MiB: a hostile text can make an expression do
+    // so.
     Result<std::optional<Line>> next(std::string_view text, std::size_t from);
 
     // The first match in a line, at or after `from`; none for an empty one.
     std::optional<ExpressionSearch::Match> matchIn(std::string_view line, std::size_t from);
 
 private:
-    Result<std::optional<Line>> find(std::string_view text, std::size_t from);
+    std::optional<Line> find(std::string_view text, std::size_t from);
     Result<std::optional<Line>> nextOfAll(std::string_view text, std::size_t from);
-    Result<std::optional<Line>> nextAlone(std::string_view text, std::size_t from);
+    std::optional<Line> nextAlone(std::string_view text, std::size_t from);
+    [[nodiscard]] bool isTooSlow() const;
 
     ExpressionSearch search_;
     bool staysInLine_;

@@ -1,6 +1,8 @@
 #include "match_output.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "base/json_string.h"
 #include "progress.h"
@@ -84,6 +86,8 @@ void MatchOutput::add(const Findings& findings) {
             if (file.lines > 0 && !file.reported) printPath(file);
             break;
     }
+    if (findings.skipped && !std::exchange(file.skipReported, true))
+        addFault({"lines for which the expression takes too long are not searched", 0, file.path});
     if (findings.fault) addFault({findings.fault->text, 0, file.path});
 }
 
@@ -116,7 +120,9 @@ void MatchOutput::print(const std::string& text) {
     if (style_.quiet) return stop();
     std::optional<ProgressPause> pause;
     if (style_.escapes) pause.emplace();  // the progress may be on the same terminal
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) stop();
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size()) return;
+    writeError_ = errno;
+    stop();
 }
 
 void MatchOutput::addFault(const Error& error) {

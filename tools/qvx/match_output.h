@@ -36,6 +36,7 @@ struct SearchedFile {
     std::uint64_t lines = 0;
     bool binary = false;
     bool reported = false;
+    bool skipReported = false;
 };
 using SearchedFilePointer = std::shared_ptr<SearchedFile>;
 
@@ -46,10 +47,11 @@ struct Findings {
     std::string text = {};     // as they are printed: those before the first zero byte
     bool binary = false;       // there is a zero byte
     bool binaryMatch = false;  // a match in the line of that byte, or after it
+    bool skipped = false;      // the expression takes too long for a line
     bool last = false;         // nothing follows in the file
     std::optional<Error> fault = std::nullopt;
 
-    [[nodiscard]] bool isEmpty() const { return lines == 0 && !binary && !last && !fault; }
+    [[nodiscard]] bool isEmpty() const { return lines == 0 && !binary && !skipped && !last && !fault; }
 };
 
 // For one archive. Any thread may call these functions, except add(), and what it changes may be asked only when it is
@@ -76,8 +78,9 @@ public:
     void stop() { stopped_ = true; }
     [[nodiscard]] bool isStopped() const { return stopped_ || interrupted(); }
 
-    [[nodiscard]] bool found() const { return found_; }    // any match
-    [[nodiscard]] bool failed() const { return failed_; }  // there was a fault
+    [[nodiscard]] bool found() const { return found_; }           // any match
+    [[nodiscard]] bool failed() const { return failed_; }         // there was a fault
+    [[nodiscard]] int writeError() const { return writeError_; }  // errno of the output; 0 for none
     [[nodiscard]] bool hasMatch(std::uint64_t content) const {
         return content < contentsWithMatch_.size() && contentsWithMatch_[content];
     }
@@ -99,6 +102,7 @@ private:
     std::atomic<bool> stopped_ = false;
     bool found_ = false;
     std::atomic<bool> failed_ = false;
+    int writeError_ = 0;
     std::vector<bool> contentsWithMatch_;
 };
 
