@@ -63,15 +63,15 @@ class DeskTar(Scenario):
         os.chmod(SOURCE + "/file", 0o4751)
         call("setfacl", "-m", "u:7:r,g:9:rwx,m::rx", SOURCE + "/sparse")
         call("setfacl", "-d", "-m", "u:8:rwx", SOURCE + "/deep")
-        os.utime(SOURCE + "/hole", ns=(1, 1))
+        os.utime(SOURCE + "/hole", ns=(1, -1500000001))
 
     def test_tar_makes_the_same_files(self):
         self.fill_source()
         archive = self.create("source", cwd="/media")
         stream = self.tar(*KEY, archive)
         self.assertEqual((stream.returncode, stream.stderr), (0, b""))
-        unpacked = subprocess.run(["tar", "-xp", "--acls", "--xattrs", "--xattrs-include=*", "-C", OUT], check=True,
-                                  input=stream.stdout, capture_output=True)
+        unpacked = subprocess.run(["tar", "-xp", "--warning=no-timestamp", "--acls", "--xattrs", "--xattrs-include=*",
+                                   "-C", OUT], check=True, input=stream.stdout, capture_output=True)
         self.assertEqual(unpacked.stderr.replace(b"tar: Ignoring unknown extended header keyword 'hdrcharset'\n", b""),
                          b"")
         self.assertEqual(described(OUT + SOURCE), described(SOURCE))
@@ -129,7 +129,7 @@ class DeskTar(Scenario):
             self.tool("qvx", "extract", *KEY, *words)
         self.tool("qvx", "extract", *KEY, "--strip-components", "2", "-C", OUT, archive, "*.log")
         self.note_files("files", OUT, "%M %p", "-mindepth", "1")
-        self.tool("qvx", "list", *KEY, "--include", "a.log", "--include", "*/deep", "--include", "none", archive)
+        self.tool("qvx", "list", *KEY, "--include", "a.log", "--include", "deep", "--include", "none", archive)
 
     # Blocks of the content of one file, the index and one copy of the header are damaged.
     def test_salvage_of_chosen_entries(self):

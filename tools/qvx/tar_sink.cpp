@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <new>
 #include <utility>
@@ -28,11 +29,12 @@ using Header = std::unique_ptr<archive_entry, FreeWith<archive_entry_free>>;
 
 using SetTime = void (*)(archive_entry*, time_t, long);
 
+// libarchive writes the digits of both numbers, so that the fraction of -1.5 must be positive. It cannot write -0.5.
 void setTime(archive_entry* header, SetTime set, const std::optional<std::int64_t>& time) {
     if (!time) return;
+    const std::int64_t seconds = *time / nanosecondsPerSecond;
     const std::int64_t rest = *time % nanosecondsPerSecond;
-    const bool before = rest < 0;
-    set(header, *time / nanosecondsPerSecond - (before ? 1 : 0), rest + (before ? nanosecondsPerSecond : 0));
+    set(header, seconds, seconds == 0 && rest < 0 ? 0 : std::abs(rest));
 }
 
 // The first = ends the keyword of which the name is a part. GNU tar decodes these from version 1.35 on.
