@@ -64,6 +64,7 @@ class Grep(Scenario):
                 self.assertTrue(ours == theirs, (pattern, option))
         self.assertEqual(self.grep("-n", "--include", "zero", "line error of 5", ARCHIVE), 0)
         self.assertEqual(self.grep("--include", "sparse", "error", ARCHIVE), 0)
+        self.assertEqual(self.grep("--include", r"no\x20end", "at the end", ARCHIVE), 0)
         self.assertEqual(self.grep("--include", "link", "--include", "*/small/3?", "-l", "error", ARCHIVE), 0)
 
     def test_compressed_files_are_searched_as_text(self):

@@ -4,8 +4,8 @@
 
 namespace tarnwick::qvx {
 
-EntrySelection::EntrySelection(const std::vector<std::string>& patterns) {
-    for (const auto& pattern : patterns) patterns_.push_back({pattern, PathPattern(pattern)});
+EntrySelection::EntrySelection(const std::vector<std::string>& patterns, bool anyDepth) {
+    for (const auto& pattern : patterns) patterns_.push_back({pattern, PathPattern(pattern, anyDepth)});
 }
 
 bool EntrySelection::contains(std::string_view path) {

@@ -13,7 +13,7 @@ namespace tarnwick::qvx {
 // The patterns of the command line, each with everything below what it matches; all entries if there is none.
 class EntrySelection {
 public:
-    explicit EntrySelection(const std::vector<std::string>& patterns);
+    explicit EntrySelection(const std::vector<std::string>& patterns, bool anyDepth = false);
 
     [[nodiscard]] bool isAll() const { return patterns_.empty(); }
 

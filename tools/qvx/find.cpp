@@ -25,10 +25,8 @@ struct FindOptions : ArchivesOptions {
 using PathTest = std::function<Result<bool>(const std::string& path)>;
 
 PathTest matchPattern(const std::string& text) {
-    return [pattern = PathPattern(text)](const std::string& path) -> Result<bool> {
-        // Also a name without * ? [ ] is one at any depth.
-        return pattern.matches(path) || pattern.matches(std::string_view(path).substr(path.rfind('/') + 1));
-    };
+    return
+        [pattern = PathPattern(text, true)](const std::string& path) -> Result<bool> { return pattern.matches(path); };
 }
 
 Result<PathTest> matchExpression(const std::string& text) {

@@ -84,10 +84,9 @@ private:
 class Grep {
 public:
     Grep(const GrepOptions& options, const LineExpression& expression)
-        : options_(options),
-          expression_(expression),
-          style_(styleOf(options)),
-          patterns_(options.include.begin(), options.include.end()) {}
+        : options_(options), expression_(expression), style_(styleOf(options)) {
+        for (const auto& pattern : options.include) patterns_.emplace_back(pattern, true);
+    }
 
     // Prints the matches in the archive.
     CommandResult search(const std::string& archive, EVP_PKEY* key) {
@@ -120,12 +119,9 @@ private:
         search.finishAll();
     }
 
-    // As grep does, compares a name with that of each file, too.
     [[nodiscard]] bool includes(std::string_view path) const {
-        const auto name = path.substr(path.rfind('/') + 1);
         return patterns_.empty() ||
-               std::ranges::any_of(patterns_, [&](const auto& pattern) { return pattern.matchesAtOrAbove(path); }) ||
-               std::ranges::find(options_.include, name) != options_.include.end();
+               std::ranges::any_of(patterns_, [&](const auto& pattern) { return pattern.matchesAtOrAbove(path); });
     }
 
     const GrepOptions& options_;

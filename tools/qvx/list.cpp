@@ -76,7 +76,7 @@ ReadOutcome readEntries(const ListOptions& options, ArchiveReader& reader, const
 CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::string& archive,
                       const std::string& prefix) {
     using Opening = ArchiveReader::Opening;
-    EntrySelection selection(options.include);
+    EntrySelection selection(options.include, true);
     const bool inOrder = options.full && !options.salvage;
     const auto reader = openArchive(archive, key, options.salvage ? Opening::salvage : Opening::intact,
                                     inOrder ? Access::inOrder : Access::anywhere);

@@ -34,18 +34,16 @@ std::string unescape(std::string_view text, bool glob) {
 
 }  // namespace
 
-PathPattern::PathPattern(const std::string& given)
+PathPattern::PathPattern(const std::string& given, bool anyDepth)
     : literal_(entryPath(given)), unescaped_(entryPath(unescape(given, false))) {
-    if (given.find_first_of("*?[") == std::string::npos) return;
-    glob_ = entryPath(unescape(given, true));
-    matchesName_ = glob_.find('/') == std::string::npos;
+    if (given.find_first_of("*?[") != std::string::npos) glob_ = entryPath(unescape(given, true));
+    matchesName_ = (anyDepth || isGlob()) && literal_.find('/') == std::string::npos;
 }
 
 bool PathPattern::matches(std::string_view path) const {
-    if (path == literal_ || path == unescaped_) return true;
-    if (glob_.empty()) return false;
     const std::string subject(matchesName_ ? path.substr(path.rfind('/') + 1) : path);
-    return fnmatch(glob_.c_str(), subject.c_str(), 0) == 0;
+    if (subject == literal_ || subject == unescaped_) return true;
+    return isGlob() && fnmatch(glob_.c_str(), subject.c_str(), 0) == 0;
 }
 
 bool PathPattern::matchesAtOrAbove(std::string_view path) const {

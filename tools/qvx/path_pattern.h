@@ -12,7 +12,8 @@ namespace tarnwick::qvx {
 // `qvx list` prints it, with \x0a for a byte and \\ for a backslash.
 class PathPattern {
 public:
-    explicit PathPattern(const std::string& given);
+    // With `anyDepth`, a path without a slash matches names like a glob.
+    explicit PathPattern(const std::string& given, bool anyDepth = false);
 
     // `path` is that of an entry.
     [[nodiscard]] bool matches(std::string_view path) const;
@@ -26,7 +27,7 @@ private:
     std::string literal_;    // as it was given
     std::string unescaped_;  // as `qvx list` prints it
     std::string glob_;       // empty if it is none
-    bool matchesName_ = false;
+    bool matchesName_;       // and not the whole path
 };
 
 // The path in the form of an entry: without slashes at the beginning and the end.
