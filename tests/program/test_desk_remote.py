@@ -339,11 +339,12 @@ class Remote(Scenario):
         self.assertEqual(subprocess.run(["bash", "-ec", script], capture_output=True, check=False).stdout, b"")
         # The content of `link` is in a file that is not chosen, and has passed.
         os.mkdir("/media/some")
-        with open(ARCHIVE, "rb") as stream:
-            status, _, errors = self.run_qvx("extract", *KEY, "-C", "/media/some", "-", "*length, 1?", SOURCE + "/link",
-                                             stdin=stream)
-        self.assertEqual((status, errors.count("\n")), (1, 1))
-        self.assertRegex(errors, "link: its content cannot be read")
+        for option in ["-n"], ["-C", "/media/some"]:
+            with open(ARCHIVE, "rb") as stream:
+                status, _, errors = self.run_qvx("extract", *KEY, *option, "-", "*length, 1?", SOURCE + "/link",
+                                                 stdin=stream)
+            self.assertEqual((status, errors.count("\n")), (1, 1))
+            self.assertRegex(errors, "link: its content cannot be read")
         self.assertEqual(len(os.listdir(f"/media/some{SOURCE}/0")), 10)
         os.remove(f"{SOURCE}/self.qvx")
         call("diff", "-r", SOURCE, OUT + SOURCE)

@@ -15,6 +15,8 @@
 #include "progress.h"
 
 #include "qvx/extract/disk_sink.h"
+#include "qvx/extract/entry_places.h"
+#include "qvx/read/incomplete_text.h"
 
 namespace tarnwick::qvx {
 
@@ -50,13 +52,39 @@ bool isSound(const ExtractionOptions& options, ArchiveReader& reader) {
     return static_cast<bool>(outcome);
 }
 
-// Prints the path of each entry that is read completely.
-struct PathSink : CheckOnly {
-    bool begin(const EntryHead& head) override { return path = head.path, true; }
-    bool finish(const EntryTail&, const ContentReader&) override {
-        return path.empty() || std::puts(escapedName(path).c_str()) >= 0;
+// Prints the path of each entry that is read completely, and reports the others as extraction does.
+class PathSink : public CheckOnly {
+public:
+    bool begin(const EntryHead& head) override {
+        head_ = head;
+        return true;
     }
-    std::string path;
+    bool finish(const EntryTail& tail, const ContentReader& content) override {
+        if (tail.unreadable) fail(incompleteText(head_.type, tail));
+        if (const Status read = readContent(tail, content); !read) return fail(read.error().text), true;
+        return head_.path.empty() || std::puts(escapedName(head_.path).c_str()) >= 0;
+    }
+    [[nodiscard]] bool failed() const { return failed_; }
+
+private:
+    // An entry may have the content of one that was not chosen.
+    Status readContent(const EntryTail& tail, const ContentReader& content) {
+        const std::uint64_t number = tail.contentOf.value_or(head_.number);
+        if (read_.find(number)) return {};
+        CheckOnly check;
+        const Status read = tail.contentOf ? content(check) : Status();
+        if (read) read_.add(number, 0);
+        return read;
+    }
+
+    void fail(const std::string& text) {
+        report(Error{text, 0, entryName(head_.path)});
+        failed_ = true;
+    }
+
+    EntryHead head_;
+    EntryPlaces read_;  // the entries with the contents that were read; the places do not matter
+    bool failed_ = false;
 };
 
 // The path without its first components; none if it has no more.
@@ -127,7 +155,7 @@ CommandResult printPaths(const ExtractionOptions& options, ArchiveReader& reader
     PathSink sink;
     const bool complete = extractEntries(options, reader, sink);
     const auto result = finishOutput(options.archive, {});
-    return complete || !result ? result : exitFailed;
+    return (complete && !sink.failed()) || !result ? result : exitFailed;
 }
 
 CommandResult runExtract(const ExtractionOptions& options) {
