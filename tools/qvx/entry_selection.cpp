@@ -15,7 +15,7 @@ bool EntrySelection::contains(std::string_view path) {
     return any;
 }
 
-bool EntrySelection::allMatched(Describe describe) const {
+bool EntrySelection::allMatched(const Describe& describe) const {
     bool all = true;
     for (const auto& chosen : patterns_) {
         if (!chosen.matched) report(describe(chosen.given));

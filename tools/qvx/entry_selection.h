@@ -1,6 +1,7 @@
 // Which entries a command reads, and under which paths it uses them.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,8 @@ public:
     bool contains(std::string_view path);
 
     // Whether each pattern has matched an entry. Reports those that have not; the error is about the pattern.
-    using Describe = Error (*)(const std::string& pattern);
-    [[nodiscard]] bool allMatched(Describe describe = notInArchive) const;
+    using Describe = std::function<Error(const std::string& pattern)>;
+    [[nodiscard]] bool allMatched(const Describe& describe = notInArchive) const;
 
 private:
     struct Pattern {

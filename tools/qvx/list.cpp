@@ -96,8 +96,11 @@ CommandResult listOne(const ListOptions& options, EVP_PKEY* key, const std::stri
         outcome = listIndex(**reader, selection, format);
     }
     const auto result = finishOutput(archive, outcome);
-    return result && !(selection.allMatched(options.salvage ? noIntactEntry : notInArchive) && intact) ? exitFailed
-                                                                                                       : result;
+    const auto missing = [&](const std::string& pattern) -> Error {
+        const char* text = options.salvage ? ": no intact entry matches" : ": not in the archive";
+        return {escapedName(pattern) + text, 0, archiveName(archive)};
+    };
+    return result && !(selection.allMatched(missing) && intact) ? exitFailed : result;
 }
 
 CommandResult runList(const ListOptions& options) {
