@@ -264,12 +264,15 @@ bool ContentSearch::finish(const EntryTail& tail, const ContentReader& content) 
     return !output_.isStopped();
 }
 
-// Most contents have no match, and then those that are the same need not be read again.
+// Most contents have no match, and then those that are the same need not be read again. Nor when only the path counts:
+// a small archive can have the same content under a million of them.
 void ContentSearch::searchAgain(std::uint64_t content, const ContentReader& read) {
     file_->content = content;
     pushBatch();
     jobs_.finish();
     if (isKnownWithoutMatch(content)) return;
+    if (options_.unit == MatchStyle::Unit::paths && output_.hasMatch(content))
+        return output_.add({.file = file_, .lines = 1});
     const Status done = read(*this);
     if (!done && !output_.isStopped()) output_.addFault({done.error().text, 0, file_->path});
 }
