@@ -93,8 +93,8 @@ class Completion(Scenario):
                     names = re.findall(r"^  (?:-\w,)?(--[\w-]+)", usage(command), re.M)
                     self.assertEqual(options(shell, command), set(names), command)
 
-    # One that no file names would be completed with nothing, and nobody would have decided that.
-    def test_every_kind_of_value_is_decided(self):
+    # A new option whose value no completion knows would be completed with nothing.
+    def test_every_kind_of_value_is_completed(self):
         commands = re.findall(r"^  (\w+)", usage().partition("Subcommands:\n")[2], re.M)
         helps = "".join(usage(command) for command in commands)
         valued = set(re.findall(r"^  (?:-\w,)?--([\w-]+) [A-Z]{2}", helps, re.M))

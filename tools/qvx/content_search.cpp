@@ -111,7 +111,7 @@ private:
         output_.stop();
     }
 
-    // Prints what was found so far, when that is too much to keep. The findings of the piece go on in a new object.
+    // Prints the matches so far when they need too much memory. A new object collects the next ones of the piece.
     void limitKept() {
         if (kept_ < maxOutput) return;
         const Findings next{

@@ -16,7 +16,7 @@ struct SizeUnit {
     std::uint64_t bytes;
 };
 constexpr SizeUnit sizeUnits[] = {{'c', 1}, {'k', 1024}, {'M', 1 << 20}, {'G', 1 << 30}};
-constexpr std::uint64_t defaultUnit = 512;  // as find has it
+constexpr std::uint64_t defaultUnit = 512;  // as in find
 
 template <typename Number>
 std::optional<Number> parseNumber(std::string_view text) {
