@@ -18,9 +18,9 @@ std::string randomDigits() {
         count = ::getrandom(&number, sizeof number, 0);
     } while (count < 0 && errno == EINTR);
     if (count != sizeof number) throw std::system_error(errno, std::generic_category(), "getrandom");
-    std::array<char, 17> digits{};
-    std::snprintf(digits.data(), digits.size(), "%016" PRIx64, number);
-    return digits.data();
+    std::array<char, 17> text{};
+    std::snprintf(text.data(), text.size(), "%016" PRIx64, number);
+    return text.data();
 }
 
 }  // namespace tarnwick

@@ -72,7 +72,7 @@ private:
         const std::uint64_t number = tail.contentOf.value_or(head_.number);
         if (read_.find(number)) return {};
         CheckOnly check;
-        const Status read = tail.contentOf ? content(check) : Status();
+        Status read = tail.contentOf ? content(check) : Status();
         if (read) read_.add(number, 0);
         return read;
     }
