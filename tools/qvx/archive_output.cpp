@@ -62,10 +62,11 @@ bool ArchiveOutput::isAt(const struct stat& status) const {
 
 Status ArchiveOutput::create() {
     if (!folder_) return {};
+    watchForInterruption();  // before the file exists, because its hidden name would remain
     auto created = PendingFile::create(folder_.get(), hiddenPrefix);
     if (!created) return failure(created.error().code);
     file_.emplace(std::move(*created));
-    if (file_->isHidden()) watchForInterruption();
+    if (!file_->isHidden()) stopWatchingForInterruption();
     // The mode does not depend on the umask.
     return ::fchmod(file_->descriptor(), archiveMode) == 0 ? Status() : failure(errno);
 }

@@ -23,9 +23,9 @@ bool isIgnored(int number) {
     return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-void watch(int flags) {
+void handle(void (*handler)(int), int flags) {
     struct sigaction action {};
-    action.sa_handler = remember;
+    action.sa_handler = handler;
     action.sa_flags = flags;
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
         if (!isIgnored(number)) sigaction(number, &action, nullptr);
@@ -33,12 +33,14 @@ void watch(int flags) {
 
 }  // namespace
 
-void watchForInterruption() { watch(SA_RESTART); }
+void watchForInterruption() { handle(remember, SA_RESTART); }
 
 void watchForInterruption(void (*wake)(int number)) {
     woken = wake;
-    watch(0);
+    handle(remember, 0);
 }
+
+void stopWatchingForInterruption() { handle(SIG_DFL, 0); }
 
 bool interrupted() { return raised != 0; }
 

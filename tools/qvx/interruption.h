@@ -9,6 +9,9 @@ void watchForInterruption();
 // The same, but the signal also calls `wake` in its handler, and ends a call that waits early.
 void watchForInterruption(void (*wake)(int number));
 
+// Signals end the process again. Those that were recorded stay so.
+void stopWatchingForInterruption();
+
 bool interrupted();
 
 // Ends the process by the signal that was recorded, so that a shell knows why it ended.
