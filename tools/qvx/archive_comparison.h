@@ -11,7 +11,7 @@
 
 namespace tarnwick::qvx {
 
-// 64 bits of a text under a random key, so that nobody can make two texts that agree.
+// A hash of 64 bits. The key is random, so that an attacker cannot make two texts with the same hash.
 class KeyedHash {
 public:
     KeyedHash();  // throws std::bad_alloc when there are no random bytes

@@ -12,7 +12,7 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t maxMemory = 70 * mebibyte;
-constexpr std::size_t jobMemory = 2 * mebibyte;  // the text, and what is found in it
+constexpr std::size_t jobMemory = 2 * mebibyte;  // the text and its matches
 constexpr std::size_t batchLimit = LineCutter::maxPiece;
 constexpr std::size_t maxOutput = 262144;  // bytes of a job that are kept
 constexpr std::size_t fileMemory = 512;    // besides its path

@@ -70,7 +70,7 @@ private:
     std::pmr::monotonic_buffer_resource names_;
     std::vector<NodeId> slots_;               // open addressing, at least one in four is free
     std::deque<NumberedLocation> locations_;  // ascending
-    const std::uint64_t hashKey_;             // random, so that nobody can choose names that collide
+    const std::uint64_t hashKey_;             // random, so that an archive cannot contain names that collide
     std::uint64_t madeUp_ = 0;
     std::uint64_t leftOut_ = 0;
 };

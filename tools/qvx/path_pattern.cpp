@@ -19,7 +19,7 @@ std::optional<char> escapedByte(std::string_view text) {
     return static_cast<char>(value);
 }
 
-// Replaces each \xHH. Of other escapes only \\ is replaced, and neither in a glob, which has escapes of its own.
+// Replaces each \xHH, and also \\ if the text is no glob. In a glob, \\ and other escapes belong to the glob.
 std::string unescape(std::string_view text, bool glob) {
     std::string plain;
     while (!text.empty()) {

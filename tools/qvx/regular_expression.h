@@ -15,7 +15,7 @@ struct pcre2_real_jit_stack_8;
 
 namespace tarnwick::qvx {
 
-// A compiled expression. Any number of threads may use one, each with a search of its own.
+// A compiled expression. Several threads may use it at the same time, each with its own search object.
 class RegularExpression {
 public:
     struct Options {

@@ -225,7 +225,7 @@ void BlockPipeline::work() {
 
 // Slots are queued in the order in which workers claim them, so a leader is always in progress before a block needs it.
 BlockPipeline::SlotPointer BlockPipeline::claim() {
-    // The queue has the order of the supplier. It has a lock of its own, because the supplier may wait for a server.
+    // The queue has the order of the supplier. It has a separate lock, because the supplier may wait for a server.
     const std::lock_guard turn(supplying_);
     if (!waitForSpace()) return nullptr;
     auto slot = nextSlot();

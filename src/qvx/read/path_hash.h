@@ -7,7 +7,7 @@
 
 namespace tarnwick::qvx {
 
-// Each object has a key of its own. An accidental equality is one in 2^64.
+// Each object has a random key. Two given paths have the same hash with a probability of 1 in 2^64.
 class PathHash {
 public:
     std::uint64_t of(std::string_view path);
