@@ -131,7 +131,7 @@ void expectEntries(const ByteVector& archive, const Seen& expected, const std::s
 // Records are not split, and PAD fills a block when the next one does not fit.
 class ArchiveBuilder {
 public:
-    explicit ArchiveBuilder(LeaderChoice leaders = leaderEvery(2), const std::vector<Point>& to = recipients())
+    explicit ArchiveBuilder(LeaderChoice leaders = leaderForEachKind(2), const std::vector<Point>& to = recipients())
         : fileHeader(*sealHeader(secrets, to)) {
         const auto append = [this](Bytes block) {
             blocks.insert(blocks.end(), block.begin(), block.end());

@@ -62,7 +62,7 @@ void expectRefused(const SmallArchive& archive, const ByteVector& damaged, const
 }
 
 TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
-    const auto role = [](std::uint64_t sequence) -> LeaderChoice::Role {
+    const auto role = [](std::uint64_t sequence, auto) -> LeaderChoice::Role {
         if (sequence < maxLeaders) return {true};
         return {false, 7 * sequence % maxLeaders};
     };

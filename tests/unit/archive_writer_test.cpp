@@ -27,11 +27,11 @@ TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
     const auto other = folder_.write(std::string(200, 'd') + '/' + std::string(200, 'g'), "g");
     const auto one = folder_.write("f", "f");
     Seen paths, entries;
-    for (int i = 0; i < 2000; ++i)
-        for (const auto& path : {one, other.parent_path(), other}) {
-            paths.push_back(path);
-            entries.push_back(path.string().substr(1) + '=' + (fs::is_directory(path) ? "" : contentOf(path)));
-        }
+    for (int i = 0; i < 2000; ++i) paths.insert(paths.end(), {one, other.parent_path(), other});
+    // Files of one name are stored together, after all directories.
+    for (const auto& path : {other.parent_path(), other, one})
+        entries.insert(entries.end(), 2000,
+                       path.string().substr(1) + '=' + (fs::is_directory(path) ? "" : contentOf(path)));
     expectEntries(writeArchive(guardedList(paths)), entries);
 }
 

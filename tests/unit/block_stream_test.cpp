@@ -33,7 +33,7 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
                 file.insert(file.end(), bytes.begin(), bytes.end());
                 return calls++ == failing ? Status(tarnwick::systemError(ENOSPC)) : Status();
             };
-            BlockStream stream(MessageKeys(), workers, sink, leaderEvery(3));
+            BlockStream stream(MessageKeys(), workers, sink, leaderForEachKind(3));
             fill(stream);
             EXPECT_EQ(bool(stream.finish(std::vector<std::uint8_t>(36))), failing == blocks);
             EXPECT_EQ(calls, std::min(failing + 1, blocks)) << "nothing is written behind a gap";
@@ -52,7 +52,7 @@ TEST(BlockStream, FailsWhenAnArchiveWouldHaveTooManyBlocks) {
     const auto count = [&](Bytes) { return ++written, Status(); };
     for (const std::uint64_t limit : {3U, 2U}) {
         written = 0;
-        BlockStream stream(MessageKeys(), 2, count, leaderEvery(16), limit);
+        BlockStream stream(MessageKeys(), 2, count, leaderForEachKind(16), limit);
         for (int i = 0; i < 2; ++i) stream.put(std::vector<std::uint8_t>(blockSize));
         const auto finished = stream.finish(std::vector<std::uint8_t>(36));
         EXPECT_LE(written, limit);

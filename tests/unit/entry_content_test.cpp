@@ -95,7 +95,7 @@ TEST(EntryContent, ReadsEveryRange) {
 }
 
 TEST(EntryContent, OpensOnlyTheNeededBlocks) {
-    ArchiveBuilder builder(leaderEvery(1000));
+    ArchiveBuilder builder(leaderForEachKind(1000));
     Contents contents(addLong(builder, 40).finish());
     const auto cost = [&](std::uint64_t position, const char* expected) {
         const std::uint64_t before = contents.bytesRead();
@@ -189,7 +189,7 @@ TEST(EntryContent, RefusesMalformedRecords) {
 }
 
 TEST(EntryContent, DamageLosesOnlyTheContentOfItsBlock) {
-    ArchiveBuilder builder(leaderEvery(1000));
+    ArchiveBuilder builder(leaderForEachKind(1000));
     auto bytes = addLong(builder, 9).file("other", "o").finish();
     bytes[builder.positions[3] - 1] ^= 1;
     const std::string damaged = "!block 2: the block is changed, or not of this archive";

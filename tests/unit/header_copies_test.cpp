@@ -23,7 +23,7 @@ struct SharedArchive {
         return ArchiveBuilder::archiveOf(encodeFileHeader(decoded), blocks);
     }
 
-    ArchiveBuilder builder{leaderEvery(2), {recipients()[0], pointOf(generatePrivateKey())}};
+    ArchiveBuilder builder{leaderForEachKind(2), {recipients()[0], pointOf(generatePrivateKey())}};
     const ByteVector &header = builder.fileHeader, &blocks = builder.blocks;
     const ByteVector bytes = builder.file("one", "first content").endBlock().file("two", "second content").finish();
     const Seen all{"one=first content", "two=second content"};

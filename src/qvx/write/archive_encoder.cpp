@@ -8,6 +8,7 @@
 
 #include "base/file_reading.h"
 #include "qvx/write/read_ahead.h"
+#include "qvx/write/stored_order.h"
 
 namespace tarnwick::qvx {
 
@@ -15,8 +16,6 @@ namespace {
 
 // Bytes of payload; bounds the memory for an index part. A part is longer only to cover the least count of entries.
 constexpr std::size_t indexPartSize = 256 * 1024;
-// Parts are written together, so that a reader over a network needs few requests: of most archives all at the end.
-constexpr std::size_t maxHeldIndex = 4 * 1024 * 1024;
 constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes, of a file whose size is reported as 0
 constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
@@ -38,7 +37,8 @@ std::string reasonText(const IncompleteEntry& entry) {
 struct ArchiveEncoder::Entry {
     DiskEntry& source;
     EntryTail& tail = source.tail;
-    IndexEntry indexEntry{};
+    RecordPlace place{};
+    std::uint64_t lastBlock = 0;  // in which it ends
     std::uint64_t size = 0;
     std::uint64_t holes = 0;
     bool digested = false;  // the digest of the content is computed, or known
@@ -65,8 +65,12 @@ Status ArchiveEncoder::write(const PathList& list) {
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
     stored_.emplace(list);
-    ReadAhead ahead(list, readers_);
-    while (DiskEntry* source = ahead.next()) {
+    indexed_.resize(list.size());
+    StoredOrder order(list);
+    ReadAhead ahead(order.list(), readers_);
+    for (std::uint64_t position = 0; DiskEntry* source = ahead.next(); ++position) {
+        source->head.number = order.number(position);
+        stream_.setKind(order.kind(position));
         if (Status written = writeEntry(*source); !written) return written;
         if (Status status = stream_.status(); !status) return status;
     }
@@ -103,7 +107,6 @@ bool ArchiveEncoder::announcesDigest(const Entry& entry) const {
 
 void ArchiveEncoder::writeHead(Entry& entry) {
     EntryHead& head = entry.source.head;
-    head.number = root_.entries;
     head.digestAnnounced = entry.digested;
     removeOtherFields(fields_, head);
     payload_.clear();
@@ -111,8 +114,7 @@ void ArchiveEncoder::writeHead(Entry& entry) {
     // Readers find this record through the index and do not join it, so it must fit into one block.
     if (stream_.freeSpace().size() < recordHeaderSize + payload_.size()) stream_.pad();
     // After the padding: the index must name the block in which the record is.
-    entry.indexEntry.block = stream_.block();
-    entry.indexEntry.offset = stream_.offset();
+    entry.place = {static_cast<std::uint32_t>(stream_.block()), static_cast<std::uint32_t>(stream_.offset())};
     writeRecord(RecordType::entry, payload_);
 }
 
@@ -135,7 +137,7 @@ Status ArchiveEncoder::writeFile(Entry& entry) {
 Status ArchiveEncoder::markIncomplete(Entry& entry) {
     const int error = entry.source.unreadable != 0 ? entry.source.unreadable : entry.contentError;
     if (error == 0) return {};
-    const IncompleteEntry incomplete{root_.entries, error};
+    const IncompleteEntry incomplete{entry.source.head.number, error};
     if (unreadable_ == Unreadable::fail) return Error{reasonText(incomplete), error, entry.source.listed.path};
     entry.tail.unreadable = std::move(entry.unreadable);
     incomplete_.push_back(incomplete);
@@ -278,28 +280,31 @@ void ArchiveEncoder::writeUnreadable(Entry& entry, std::uint64_t end) {
 }
 
 void ArchiveEncoder::writeTail(Entry& entry) {
-    EntryHead& head = entry.source.head;
     // Readers need the totals of a content with holes.
     removeOtherFields(entry.holes > 0 ? fields_ | fieldBit("SLC") : fields_, entry.tail);
     payload_.clear();
     encodeEntryTail(entry.tail, payload_);
-    entry.indexEntry.span = writeRecord(RecordType::end, payload_) - entry.indexEntry.block;
+    entry.lastBlock = writeRecord(RecordType::end, payload_);
+    keepForIndex(entry);
+    ++root_.entries;
+}
 
-    entry.indexEntry.type = head.type;
-    entry.indexEntry.path = std::move(head.path);
-    entry.indexEntry.mode = head.mode.value_or(0);
-    entry.indexEntry.userId = head.userId.value_or(0);
-    entry.indexEntry.groupId = head.groupId.value_or(0);
-    entry.indexEntry.size = entry.size;
-    entry.indexEntry.incomplete = entry.tail.unreadable.has_value();
+void ArchiveEncoder::keepForIndex(const Entry& entry) {
+    const EntryHead& head = entry.source.head;
+    Indexed& kept = indexed_[head.number];
+    kept.block = entry.place.block;
+    kept.offset = entry.place.offset;
+    kept.span = static_cast<std::uint32_t>(entry.lastBlock - entry.place.block);
+    kept.type = head.type;
+    kept.mode = head.mode.value_or(0);
+    kept.userId = head.userId.value_or(0);
+    kept.groupId = head.groupId.value_or(0);
+    kept.size = entry.size;
+    kept.incomplete = entry.tail.unreadable.has_value();
     constexpr std::int64_t second = 1'000'000'000;
     // Rounded down, also for times before 1970.
     const std::int64_t modified = head.modified.value_or(0);
-    entry.indexEntry.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
-    part_.add(entry.indexEntry);
-    ++root_.entries;
-    if (part_.size() >= indexPartSize && part_.count() >= minIndexPartEntries) holdIndexPart();
-    if (heldIndex_ >= maxHeldIndex) writeIndexParts();
+    kept.modifiedSeconds = modified / second - (modified % second < 0 ? 1 : 0);
 }
 
 // A payload that does not fit continues in the next block. Returns the block of the last part.
@@ -319,29 +324,35 @@ std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     return block;
 }
 
-void ArchiveEncoder::holdIndexPart() {
-    if (part_.count() == 0) return;
-    const auto first = static_cast<std::uint32_t>(root_.entries - part_.count());
-    auto& held = indexParts_.emplace_back(first, std::vector<std::uint8_t>());
-    part_.finish(held.second);
-    heldIndex_ += held.second.size();
+// All parts are together, so that a reader over a network needs few requests.
+void ArchiveEncoder::writeIndex() {
+    PathList::Cursor cursor(*list_);
+    IndexEntry entry;
+    for (const Indexed& kept : indexed_) {
+        entry = {kept.block,     kept.offset, kept.span,    kept.type, cursor.next()->path.substr(1),
+                 kept.mode,      kept.userId, kept.groupId, kept.size, kept.modifiedSeconds,
+                 kept.incomplete};
+        part_.add(entry);
+        if (part_.size() >= indexPartSize && part_.count() >= minIndexPartEntries) writeIndexPart();
+    }
+    if (part_.count() > 0) writeIndexPart();
 }
 
-void ArchiveEncoder::writeIndexParts() {
-    for (const auto& [first, payload] : indexParts_) {
-        if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
-        // After the padding, which may begin a new block.
-        root_.parts.push_back(
-            {first, static_cast<std::uint32_t>(stream_.block()), static_cast<std::uint32_t>(stream_.offset())});
-        writeRecord(RecordType::index, payload);
-    }
-    indexParts_.clear();
-    heldIndex_ = 0;
+void ArchiveEncoder::writeIndexPart() {
+    const auto first = static_cast<std::uint32_t>(writtenIndex_);
+    writtenIndex_ += part_.count();
+    payload_.clear();
+    part_.finish(payload_);
+    if (stream_.freeSpace().size() <= recordHeaderSize) stream_.pad();
+    // After the padding, which may begin a new block.
+    root_.parts.push_back(
+        {first, static_cast<std::uint32_t>(stream_.block()), static_cast<std::uint32_t>(stream_.offset())});
+    writeRecord(RecordType::index, payload_);
 }
 
 Status ArchiveEncoder::complete() {
-    holdIndexPart();
-    writeIndexParts();
+    std::ranges::sort(incomplete_, {}, &IncompleteEntry::number);
+    writeIndex();
     stream_.pad();
     // The root lists the sealed lengths of all blocks before it, so they must be written first.
     if (Status drained = stream_.drain(); !drained) return drained;

@@ -34,7 +34,8 @@ struct EncodingReports {
     std::function<void(std::uint64_t bytes)> content = nullptr;    // so many more, holes included
 };
 
-// Encodes one archive. Throws std::bad_alloc and std::system_error.
+// Encodes one archive. Memory: 40 bytes for each entry, and what StoredOrder needs. Throws std::bad_alloc and
+// std::system_error.
 class ArchiveEncoder {
 public:
     // `readers` threads read from the disk.
@@ -50,6 +51,21 @@ public:
 
 private:
     struct Entry;
+
+    // What the index has of an entry, apart from its path. It is kept until all entries are stored, because the index
+    // has them in the order of the list.
+    struct Indexed {
+        std::uint64_t size = 0;
+        std::int64_t modifiedSeconds = 0;
+        std::uint32_t block = 0;
+        std::uint32_t offset = 0;
+        std::uint32_t span = 0;
+        std::uint32_t userId = 0;
+        std::uint32_t groupId = 0;
+        std::uint16_t mode = 0;
+        EntryType type = EntryType::file;
+        bool incomplete = false;
+    };
 
     Status writeEntry(DiskEntry& source);
     Status writeFile(Entry& entry);
@@ -69,8 +85,9 @@ private:
     void writeTail(Entry& entry);
     std::uint64_t writeRecord(RecordType type, Bytes payload);
     void reserveSpace(std::uint64_t content);
-    void holdIndexPart();
-    void writeIndexParts();
+    void keepForIndex(const Entry& entry);
+    void writeIndex();
+    void writeIndexPart();
     Status complete();
     [[nodiscard]] bool changedBeforeStart(const struct statx& status) const;
 
@@ -88,9 +105,9 @@ private:
     DigestedZeros digestedZeros_;
     std::vector<std::uint8_t> payload_;
     struct timespec started_ {};
+    std::vector<Indexed> indexed_;  // by number
     IndexPartEncoder part_;
-    std::vector<std::pair<std::uint32_t, std::vector<std::uint8_t>>> indexParts_;  // to be written, by first entry
-    std::size_t heldIndex_ = 0;                                                    // their bytes
+    std::uint64_t writtenIndex_ = 0;  // entries of the parts before
     ArchiveRoot root_;
     std::vector<IncompleteEntry> incomplete_;
 };

@@ -8,11 +8,17 @@
 
 namespace tarnwick::qvx {
 
-LeaderChoice leaderEvery(std::uint64_t interval) {
-    return {[interval](std::uint64_t sequence) -> LeaderChoice::Role {
-        const std::uint64_t leader = sequence - sequence % interval;
-        if (leader == sequence) return {true};
-        return {false, leader};
+LeaderChoice leaderForEachKind(std::uint64_t interval) {
+    struct Last {
+        std::uint64_t leader = 0;
+        std::uint32_t kind = 0;
+    };
+    return {[interval, last = std::optional<Last>()](std::uint64_t sequence,
+                                                     std::optional<std::uint32_t> kind) mutable -> LeaderChoice::Role {
+        const bool sameLeader = last && sequence - last->leader < interval && (!kind || kind == last->kind);
+        if (sameLeader) return {false, last->leader};
+        last = {sequence, kind.value_or(0)};
+        return {true};
     }};
 }
 
@@ -51,6 +57,11 @@ void BlockStream::put(Bytes bytes) {
     commit(bytes.size());
 }
 
+void BlockStream::setKind(std::uint32_t kind) {
+    oneKind_ = offset_ == 0 || (oneKind_ && kind == kind_);
+    kind_ = kind;
+}
+
 void BlockStream::pad() {
     if (offset_ == 0) return;
     const MutableBytes rest = freeSpace();
@@ -85,6 +96,7 @@ void BlockStream::send(bool last) {
     sent.length = offset_;
     chooseRole(sent);
     offset_ = 0;
+    oneKind_ = true;
     std::unique_lock lock(mutex_);
     // Reserved here, because this function can throw std::bad_alloc to its caller, and a worker cannot.
     if (block_ == sealedLengths_.capacity()) sealedLengths_.reserve(2 * block_ + 64);
@@ -97,7 +109,8 @@ void BlockStream::send(bool last) {
 }
 
 void BlockStream::chooseRole(Job& job) {
-    const auto role = choice_.role && !job.last ? choice_.role(block_) : LeaderChoice::Role{};
+    const auto role = choice_.role && !job.last ? choice_.role(block_, oneKind_ ? std::optional(kind_) : std::nullopt)
+                                                : LeaderChoice::Role{};
     job.leads = role.leads;
     job.leader = nullptr;
     const auto found =

@@ -29,12 +29,14 @@ struct LeaderChoice {
         bool leads = false;
         std::optional<std::uint64_t> leader = std::nullopt;  // one of the last `kept` leaders; none for a leader
     };
-    std::function<Role(std::uint64_t sequence)> role;
+    // `kind` is that of all bytes of the block; none if it has bytes of several kinds.
+    std::function<Role(std::uint64_t sequence, std::optional<std::uint32_t> kind)> role;
     std::size_t kept = 1;  // at most maxLeaders; each needs the memory of a block
 };
 
-// Every block whose number is a multiple of `interval` is the leader of those up to the next.
-LeaderChoice leaderEvery(std::uint64_t interval);
+// The first block that has bytes of one kind only is the leader of those after it, but of fewer than `interval`. Then
+// the next block leads, whatever it has.
+LeaderChoice leaderForEachKind(std::uint64_t interval);
 
 // Measured: 32 would make archives of small files 0.1 % smaller, but a damaged leader would damage twice as many
 // blocks.
@@ -48,8 +50,8 @@ public:
     // Throws std::bad_alloc or std::system_error when memory or threads are not available. The same keys and content
     // give the same bytes with any number of workers. An archive of more blocks than `limit` fails with EFBIG; only
     // tests pass a lower limit.
-    BlockStream(const MessageKeys& keys, unsigned workers, Sink sink, LeaderChoice choice = leaderEvery(leaderInterval),
-                std::uint64_t limit = maxBlocks);
+    BlockStream(const MessageKeys& keys, unsigned workers, Sink sink,
+                LeaderChoice choice = leaderForEachKind(leaderInterval), std::uint64_t limit = maxBlocks);
 
     // Drops blocks that are not written yet, and waits for the workers.
     ~BlockStream();
@@ -64,6 +66,9 @@ public:
 
     [[nodiscard]] std::uint64_t block() const { return block_; }
     [[nodiscard]] std::size_t offset() const { return offset_; }
+
+    // Of which kind the bytes are that are put from now on.
+    void setKind(std::uint32_t kind);
 
     // Fills the rest of the block with padding, if the block has any content, and sends it to the workers.
     void pad();
@@ -112,6 +117,8 @@ private:
     // Used by the filling thread only.
     LeaderChoice choice_;
     std::size_t offset_ = 0;
+    std::uint32_t kind_ = 0;
+    bool oneKind_ = true;                                    // all bytes of the block so far are of kind_
     std::deque<std::shared_ptr<const Dictionary>> leaders_;  // the last ones
 
     // A ring: between calls of send(), nextToWrite_ <= nextToSeal_ <= block_ < nextToWrite_ + jobs_.size(). Each job
