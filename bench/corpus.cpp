@@ -3,6 +3,9 @@
 //   logs            3,000 log files, about 600 MB
 //   small           50,000 files of 0.2 to 8 KiB: settings, reports, short logs
 //   incompressible  about 450 MB: compressed files, and sparse files like core dumps
+//   journals        400 logs in three other forms, about 600 MB
+//   reports         50,000 files of 2.1 KB on average in 1,400 folders: what programs print, record and document
+//   machine         about 500 MB of reports, journals, programs and libraries of this machine, and compressed files
 //   count:N         N files of a few bytes, for the cost of an entry
 #include <fcntl.h>
 #include <unistd.h>
@@ -205,6 +208,157 @@ void incompressible(const fs::path& root, std::uint64_t percent) {
     for (std::uint64_t i = 0; i < (16 * percent + 99) / 100; ++i) sparse(root / ("core." + number(1000 + i)));
 }
 
+std::string hexadecimal(std::size_t digits) {
+    std::string text;
+    while (text.size() < digits) text += number(dice(), "%016llx");
+    return text.substr(0, digits);
+}
+
+std::string chosen(std::initializer_list<const char*> texts) { return texts.begin()[below(texts.size())]; }
+
+std::string timeText() {
+    return "2024-" + number(1 + below(12), "%02llu") + '-' + number(1 + below(28), "%02llu") + 'T' +
+           number(below(24), "%02llu") + ':' + number(below(60), "%02llu") + ':' + number(below(60), "%02llu") + 'Z';
+}
+
+// A name that few programs have, and a key that many records have.
+std::string application() {
+    static std::vector<std::string> names;
+    while (names.size() < 80) names.push_back(vocabulary().word() + number(names.size()));
+    return names[below(names.size())];
+}
+
+std::string key() {
+    static std::vector<std::string> keys;
+    while (keys.size() < 300) keys.push_back(vocabulary().word());
+    return keys[below(keys.size())];
+}
+
+std::string recordText() {
+    std::string text = "{\n  \"id\": \"" + hexadecimal(32) + "\",\n  \"application\": \"" + application() +
+                       "\",\n  \"time\": \"" + timeText() + "\",\n  \"events\": [\n";
+    for (std::uint64_t n = 6 + below(30); n > 0; --n)
+        text += "    {\"name\": \"" + key() + "\", \"value\": " + number(below(100000)) + ", \"message\": \"" +
+                vocabulary().sentence(2 + below(8)) + (n > 1 ? "\"},\n" : "\"}\n");
+    return text + "  ]\n}\n";
+}
+
+std::string propertiesText() {
+    std::string text = "[" + application() + "]\n";
+    for (std::uint64_t n = 15 + below(95); n > 0; --n)
+        text += key() + '.' + key() + '=' +
+                (below(2)   ? chosen({"true", "false", "0", "auto"})
+                 : below(2) ? hexadecimal(16)
+                            : number(dice() >> 44)) +
+                '\n';
+    return text;
+}
+
+std::string processesText() {
+    std::string text = "USER         PID %CPU %MEM    VSZ   RSS TTY      STAT START   TIME COMMAND\n";
+    for (std::uint64_t n = 12 + below(58); n > 0; --n)
+        text += chosen({"root      ", "alice     ", "daemon    "}) + number(below(99999), "%6llu") +
+                number(below(9), "  %llu.") + number(below(9), "%llu  0.1 ") + number(below(999999), "%6llu ") +
+                number(below(99999), "%5llu ") + chosen({"?        Ss   ", "?        Sl   ", "pts/0    R+   "}) +
+                number(below(24), "%02llu:") + number(below(60), "%02llu   0:") + number(below(60), "%02llu ") +
+                "/usr/bin/" + application() + " --" + key() + '\n';
+    return text;
+}
+
+std::string crashText() {
+    const std::string name = application();
+    std::string text = "Process: " + name + " [" + number(below(99999)) + "]\nPath: /usr/lib/" + name + '/' + name +
+                       "\nBuild: " + hexadecimal(40) + "\nTime: " + timeText() + "\nSignal: SIGSEGV at 0x7f" +
+                       hexadecimal(10) + "\n\nThread 0 crashed:\n";
+    for (std::uint64_t n = 0, frames = 12 + below(40); n < frames; ++n)
+        text += number(n, "#%-3llu 0x7f") + hexadecimal(10) + " in " + key() + '_' + key() + "+0x" + hexadecimal(3) +
+                " (lib" + key() + ".so)\n";
+    for (std::uint64_t n = 0; n < 16; ++n) text += number(n, "  r%-3llu 0x") + hexadecimal(16) + '\n';
+    return text;
+}
+
+std::string manualText() {
+    const std::string name = application();
+    std::string text = ".TH " + name + " 1\n.SH NAME\n" + name + " \\- " + vocabulary().sentence(6) + "\n.SH OPTIONS\n";
+    for (std::uint64_t n = 5 + below(32); n > 0; --n)
+        text += ".TP\n.BR \\-\\-" + key() + "\n" + vocabulary().sentence(5 + below(15)) + ".\n";
+    return text;
+}
+
+void reports(const fs::path& root, std::uint64_t percent) {
+    std::vector<fs::path> folders;
+    for (std::uint64_t i = 0; i < 1 + 14 * percent; ++i)
+        folders.push_back(root / number(i % 37) / (application() + "-" + number(i)));
+    for (std::uint64_t i = 0; i < 500 * percent; ++i) {
+        const fs::path folder = folders[below(folders.size())];
+        const std::uint64_t kind = below(20);
+        if (kind < 6) {
+            store(folder / ("record-" + number(i) + ".json"), recordText());
+        } else if (kind < 11) {
+            store(folder / (number(i) + ".properties"), propertiesText());
+        } else if (kind < 14) {
+            store(folder / ("ps-" + number(i) + ".txt"), processesText());
+        } else if (kind < 17) {
+            store(folder / (application() + '.' + number(i) + ".crash"), crashText());
+        } else {
+            store(folder / (key() + '-' + number(i) + ".1"), manualText());
+        }
+    }
+}
+
+std::string accessLine() {
+    return "10." + number(below(4)) + '.' + number(below(256)) + '.' + number(below(256)) + " - - [" + timeText() +
+           "] \"GET /" + key() + '/' + key() + "?id=" + number(below(100000)) + " HTTP/1.1\" " +
+           chosen({"200 ", "200 ", "200 ", "304 ", "404 "}) + number(below(50000)) + " \"-\" \"" + application() +
+           "\"\n";
+}
+
+std::string kernelLine(std::uint64_t& clock) {
+    clock += below(400000);
+    return '[' + number(clock / 1000000, "%5llu.") + number(clock % 1000000, "%06llu] ") + key() +
+           " 0000:" + number(below(4), "%02llu:") + number(below(32), "%02llu.0: ") +
+           vocabulary().sentence(3 + below(7)) + " 0x" + hexadecimal(8) + '\n';
+}
+
+std::string eventLine() {
+    return "{\"time\":\"" + timeText() + "\",\"unit\":\"" + application() +
+           ".service\",\"pid\":" + number(below(60000)) + ",\"message\":\"" + vocabulary().sentence(3 + below(10)) +
+           "\"}\n";
+}
+
+void journals(const fs::path& root, std::uint64_t percent) {
+    for (std::uint64_t i = 0; i < 4 * percent; ++i) {
+        const std::uint64_t form = i % 3;
+        const auto size = static_cast<std::size_t>(200000 + below(2600000));
+        std::string text;
+        for (std::uint64_t clock = 0; text.size() < size;)
+            text += form == 0 ? accessLine() : form == 1 ? kernelLine(clock) : eventLine();
+        store(root / (form == 0 ? "access" : form == 1 ? "kernel" : "events") / (number(i) + ".log"), text);
+    }
+}
+
+// The programs and libraries are real ones, so this corpus is the same only on machines with the same packages.
+void machine(const fs::path& root, std::uint64_t percent) {
+    reports(root / "reports", percent / 4 + 1);
+    journals(root / "journals", percent / 4 + 1);
+    for (std::uint64_t i = 0; i < (20 * percent + 99) / 100; ++i)
+        store(root / "rotated" / (number(i) + ".xz"), noise((1 + below(6)) << 20));
+    std::uint64_t left = 2'000'000 * percent;
+    std::vector<fs::path> files;
+    for (const auto* folder : {"/usr/bin", "/usr/lib/x86_64-linux-gnu"})
+        for (const auto& file : fs::directory_iterator(folder))
+            if (file.is_regular_file() && !file.is_symlink() && file.file_size() < 8'000'000)
+                files.push_back(file.path());
+    std::ranges::sort(files);
+    fs::create_directories(root / "programs");
+    for (const auto& file : files) {
+        const auto size = fs::file_size(file);
+        if (size > left) break;
+        left -= size;
+        fs::copy_file(file, root / "programs" / file.filename(), fs::copy_options::skip_existing);
+    }
+}
+
 void count(const fs::path& root, std::uint64_t files) {
     for (std::uint64_t i = 0; i < files; ++i)
         store(root / number(i / 1000) / ("report-" + number(i, "%07llu") + ".txt"), number(i));
@@ -223,6 +377,12 @@ int main(int argc, char** argv) {
         small(root, percent);
     else if (kind == "incompressible")
         incompressible(root, percent);
+    else if (kind == "journals")
+        journals(root, percent);
+    else if (kind == "reports")
+        reports(root, percent);
+    else if (kind == "machine")
+        machine(root, percent);
     else if (kind.starts_with("count:"))
         count(root, std::stoull(kind.substr(6)));
     else
