@@ -47,6 +47,21 @@ TEST(BlockStream, WritesTheSameBytesInOrderAndNeverHangsOnASinkThatFails) {
     EXPECT_LT(first.size(), 5 * blockSize / 2 + 65536);
 }
 
+// Which block leads each block; a leader leads itself.
+TEST(BlockStream, GivesEachKindALeaderThatHasNothingElse) {
+    constexpr auto several = std::nullopt;
+    const std::optional<std::uint32_t> kinds[] = {0, 0, several, 7, 7, 7, 7, 7, several, several, several, several, 7};
+    const std::vector<std::uint64_t> expected{0, 0, 0, 3, 3, 3, 3, 7, 7, 7, 7, 11, 12};
+    const LeaderChoice choice = leaderForEachKind(4);
+    std::vector<std::uint64_t> leaders;
+    for (const auto& kind : kinds) {
+        const auto role = choice.role(leaders.size(), kind);
+        EXPECT_NE(role.leads, role.leader.has_value());
+        leaders.push_back(role.leader.value_or(leaders.size()));
+    }
+    EXPECT_EQ(leaders, expected);
+}
+
 TEST(BlockStream, FailsWhenAnArchiveWouldHaveTooManyBlocks) {
     std::size_t written = 0;
     const auto count = [&](Bytes) { return ++written, Status(); };

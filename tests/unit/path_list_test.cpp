@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "qvx/write/stored_contents.h"
+#include "qvx/write/stored_order.h"
 
 using namespace tarnwick::qvx;
 using namespace std::literals;
@@ -35,6 +36,41 @@ TEST(StoredContents, FindsEveryFileThatIsListedTwice) {
     for (std::uint64_t i = 1; i <= files; ++i)
         EXPECT_TRUE(stored.find(1, i)->number == i && !stored.find(2, i)) << i << ", or on another device";
     EXPECT_FALSE(stored.find(foreign, 1)) << "a device that does not fit";
+}
+
+std::vector<std::string> pathsOf(const PathList& list) {
+    std::vector<std::string> paths;
+    PathList::Cursor cursor(list);
+    while (const auto* entry = cursor.next()) paths.push_back(entry->path);
+    return paths;
+}
+
+TEST(StoredOrder, GathersSixteenFilesOfOneNameOrExtension) {
+    PathList list;
+    for (unsigned i = 0; i < StoredOrder::minKind; ++i) {
+        const std::string number = std::to_string(i), letter(1, static_cast<char>('a' + i));
+        list.append({"/d/" + letter + number + ".log", EntryType::file, 1, i});
+        list.append({"/d" + number + "/report", EntryType::file, 1, i});
+        list.append({"/e" + number + ".log", EntryType::directory, 1, i});
+        if (i > 0) list.append({"/d/" + letter + ".rare", EntryType::file, 1, i});
+    }
+    StoredOrder order(list);
+    const auto listed = pathsOf(list), stored = pathsOf(order.list());
+    std::vector<std::string> expected[3], groups[3];  // no kind, and the two kinds in any order
+    for (std::size_t i = 0; i < listed.size(); ++i)
+        expected[listed[i].ends_with("report")                                ? 1
+                 : listed[i].starts_with("/d/") && listed[i].ends_with("log") ? 2
+                                                                              : 0]
+            .push_back(listed[i]);
+    std::size_t group = 0;
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+        EXPECT_EQ(listed[order.number(i)], stored[i]);
+        if (i > 0 && order.kind(i) != order.kind(i - 1)) ++group;
+        ASSERT_LT(group, std::size(groups));
+        groups[group].push_back(stored[i]);
+    }
+    if (groups[1] != expected[1]) std::swap(groups[1], groups[2]);
+    for (std::size_t i = 0; i < std::size(groups); ++i) EXPECT_EQ(groups[i], expected[i]);
 }
 
 }  // namespace
