@@ -66,7 +66,7 @@ Status ArchiveEncoder::write(const PathList& list) {
     list_ = &list;
     stored_.emplace(list);
     indexed_.resize(list.size());
-    StoredOrder order(list);
+    const StoredOrder order(list);
     ReadAhead ahead(order.list(), readers_);
     for (std::uint64_t position = 0; DiskEntry* source = ahead.next(); ++position) {
         source->head.number = order.number(position);

@@ -93,9 +93,9 @@ void StoredOrder::gather(std::map<std::uint32_t, Group>& groups) {
     }
 }
 
-std::uint32_t StoredOrder::kind(std::uint64_t position) {
-    while (!ends_.empty() && ends_.front().first <= position) ends_.pop_front();
-    return ends_.empty() ? 0 : ends_.front().second;
+std::uint32_t StoredOrder::kind(std::uint64_t position) const {
+    const auto end = std::ranges::upper_bound(ends_, position, {}, [](const auto& each) { return each.first; });
+    return end == ends_.end() ? 0 : end->second;
 }
 
 }  // namespace tarnwick::qvx

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <utility>
 #include <vector>
@@ -33,8 +32,8 @@ public:
         return numbers_.empty() ? position : numbers_[position];
     }
 
-    // Of the entry that comes at `position` here; positions must not decrease from call to call. 0 for no kind.
-    std::uint32_t kind(std::uint64_t position);
+    // Of the entry that comes at `position` here. 0 for no kind.
+    [[nodiscard]] std::uint32_t kind(std::uint64_t position) const;
 
 private:
     struct Group {
@@ -47,7 +46,7 @@ private:
     const PathList& listed_;
     PathList stored_;
     std::vector<std::uint32_t> numbers_;
-    std::deque<std::pair<std::uint64_t, std::uint32_t>> ends_;  // of the kinds, with their values
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> ends_;  // position after each kind, and the kind
 };
 
 }  // namespace tarnwick::qvx
