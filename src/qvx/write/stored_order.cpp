@@ -21,18 +21,27 @@ std::uint16_t bucketOf(std::string_view text) {
     return static_cast<std::uint16_t>(hash ^ (hash >> 16));
 }
 
+// A block of compressed files only would be stored as it is. Among other files, repetitions of them are found.
+bool isCompressed(std::string_view extension) {
+    static constexpr std::array<std::string_view, 7> extensions{"bz2", "gz", "lz4", "xz", "zip", "zst", "zlib"};
+    return std::ranges::find(extensions, extension) != extensions.end();
+}
+
 struct NameBuckets {
     explicit NameBuckets(const std::string& path) {
         const std::string_view name = nameOf(path);
         const auto dot = name.rfind('.');
         hasExtension = dot != std::string_view::npos && dot > 0;
-        extension = hasExtension ? bucketOf(name.substr(dot + 1)) : 0;
+        const std::string_view text = hasExtension ? name.substr(dot + 1) : std::string_view();
+        compressed = isCompressed(text);
+        extension = bucketOf(text);
         whole = bucketOf(name);
     }
 
     std::uint16_t whole = 0;
     std::uint16_t extension = 0;
     bool hasExtension = false;
+    bool compressed = false;
 };
 
 // How many files have a name or an extension: counted up to the least size of a kind, in a table of fixed size.
@@ -47,7 +56,7 @@ public:
     [[nodiscard]] std::uint32_t kindOf(const NameBuckets& name) const {
         const bool commonName = names_[name.whole] == StoredOrder::minKind;
         const bool commonExtension = name.hasExtension && extensions_[name.extension] == StoredOrder::minKind;
-        if (!commonName && !commonExtension) return 0;
+        if (name.compressed || (!commonName && !commonExtension)) return 0;
         const std::uint32_t kind = (name.extension * std::uint32_t{buckets}) | (commonName ? name.whole : 0U);
         return std::max(kind, std::uint32_t{1});
     }

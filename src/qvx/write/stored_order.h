@@ -16,6 +16,7 @@ namespace tarnwick::qvx {
 // order of the list. The same list gives the same order everywhere.
 //
 // A kind is a name without its digits that at least `minKind` files have, else an extension that as many have.
+// Compressed files, by their extension, are of no kind.
 //
 // Memory: if there are kinds, a second list, and 4 bytes for each entry.
 class StoredOrder {
