@@ -337,14 +337,14 @@ class Remote(Scenario):
             {tools} create -r key.pub -o - source > source/self.qvx
             {tools} list --key key.pem source/self.qvx | grep self"""
         self.assertEqual(subprocess.run(["bash", "-ec", script], capture_output=True, check=False).stdout, b"")
-        # The content of the file 7 is in `link`, which is not chosen, and has passed.
+        # The content of `link` is in a file that is not chosen, and has passed.
         os.mkdir("/media/some")
         for option in ["-n"], ["-C", "/media/some"]:
             with open(ARCHIVE, "rb") as stream:
-                status, _, errors = self.run_qvx("extract", *KEY, *option, "-", "*length, 1?", "*length, 7",
+                status, _, errors = self.run_qvx("extract", *KEY, *option, "-", "*length, 1?", SOURCE + "/link",
                                                  stdin=stream)
             self.assertEqual((status, errors.count("\n")), (1, 1))
-            self.assertRegex(errors, "length, 7: its content cannot be read")
+            self.assertRegex(errors, "link: its content cannot be read")
         self.assertEqual(len(os.listdir(f"/media/some{SOURCE}/0")), 10)
         os.remove(f"{SOURCE}/self.qvx")
         call("diff", "-r", SOURCE, OUT + SOURCE)

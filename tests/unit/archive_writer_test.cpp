@@ -24,12 +24,12 @@ protected:
 
 // Also a path that is the beginning of the next, and one that shares nothing with it.
 TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
-    const auto other = folder_.write(std::string(200, 'd') + '/' + std::string(200, 'g'), "g");
-    const auto one = folder_.write("f", "f");
+    const auto other = folder_.write(std::string(200, 'd') + '/' + std::string(200, 'g') + ".log", "g");
+    const auto one = folder_.write("f.txt", "f");
     Seen paths, entries;
     for (int i = 0; i < 2000; ++i) paths.insert(paths.end(), {one, other.parent_path(), other});
-    // Files of one name are stored together, after all directories.
-    for (const auto& path : {other.parent_path(), other, one})
+    // Files of one extension are stored together, after all directories.
+    for (const auto& path : {other.parent_path(), one, other})
         entries.insert(entries.end(), 2000,
                        path.string().substr(1) + '=' + (fs::is_directory(path) ? "" : contentOf(path)));
     expectEntries(writeArchive(guardedList(paths)), entries);

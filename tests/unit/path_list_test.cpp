@@ -45,12 +45,12 @@ std::vector<std::string> pathsOf(const PathList& list) {
     return paths;
 }
 
-TEST(StoredOrder, GathersSixteenFilesOfOneNameOrExtension) {
+TEST(StoredOrder, GathersSixteenFilesOfOneExtension) {
     PathList list;
     for (unsigned i = 0; i < StoredOrder::minKind; ++i) {
         const std::string number = std::to_string(i), letter(1, static_cast<char>('a' + i));
         list.append({"/d/" + letter + number + ".log", EntryType::file, 1, i});
-        list.append({"/d" + number + "/report", EntryType::file, 1, i});
+        list.append({"/d" + number + "/report.txt" + number, EntryType::file, 1, i});
         list.append({"/e" + number + ".log", EntryType::directory, 1, i});
         if (i > 0) list.append({"/d/" + letter + ".rare", EntryType::file, 1, i});
     }
@@ -58,7 +58,7 @@ TEST(StoredOrder, GathersSixteenFilesOfOneNameOrExtension) {
     const auto listed = pathsOf(list), stored = pathsOf(order.list());
     std::vector<std::string> expected[3], groups[3];  // no kind, and the two kinds in any order
     for (std::size_t i = 0; i < listed.size(); ++i)
-        expected[listed[i].ends_with("report")                                ? 1
+        expected[listed[i].find("report") != std::string::npos                ? 1
                  : listed[i].starts_with("/d/") && listed[i].ends_with("log") ? 2
                                                                               : 0]
             .push_back(listed[i]);

@@ -15,8 +15,8 @@ namespace tarnwick::qvx {
 // Entries of no kind come first, in the order of the list, so all directories do. Then the kinds follow, each in the
 // order of the list. The same list gives the same order everywhere.
 //
-// A kind is a name without its digits that at least `minKind` files have, else an extension that as many have.
-// Compressed files, by their extension, are of no kind.
+// A kind is an extension, without its digits, that at least `minKind` files have. Compressed files, by their extension,
+// are of no kind. To gather files of one name, too, is worse: files of one folder resemble each other.
 //
 // Memory: if there are kinds, a second list, and 4 bytes for each entry.
 class StoredOrder {
