@@ -56,8 +56,8 @@ Status ArchiveOutput::checkExisting() {
     return {};
 }
 
-bool ArchiveOutput::isAt(const struct stat& status) const {
-    return existing_ && existing_->st_dev == status.st_dev && existing_->st_ino == status.st_ino;
+bool ArchiveOutput::isAt(dev_t device, ino_t inode) const {
+    return existing_ && existing_->st_dev == device && existing_->st_ino == inode;
 }
 
 Status ArchiveOutput::create() {

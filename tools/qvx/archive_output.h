@@ -24,7 +24,7 @@ public:
     static Result<ArchiveOutput> open(const std::string& path);
 
     // Whether the path leads to this file now.
-    [[nodiscard]] bool isAt(const struct stat& status) const;
+    [[nodiscard]] bool isAt(dev_t device, ino_t inode) const;
 
     // Makes the file to write to. If it needs a hidden name, an interruption (interruption.h) is recorded from here
     // on, and the sink fails after it.

@@ -1,8 +1,6 @@
 // The files that go into an archive, as the user names them.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +8,7 @@
 
 #include "archive_output.h"
 #include "base/error.h"
+#include "directory_read_ahead.h"
 #include "qvx/write/path_list.h"
 
 namespace tarnwick::qvx {
@@ -24,7 +23,7 @@ public:
     // Adds the path; addTree() also adds everything below it, in order of names. Files of a kind that an archive cannot
     // contain are left out there, and so is the archive that is going to be replaced.
     Status add(const std::string& path);
-    Status addTree(const std::string& path);
+    Status addTree(const std::string& path, DirectoryReadAhead& ahead);
 
     [[nodiscard]] const PathList& list() const { return list_; }
     // The sizes of all contents; none if they are not known.
@@ -32,13 +31,6 @@ public:
     [[nodiscard]] bool complete() const { return complete_; }  // nothing is missing that could not be read
 
 private:
-    // A file in a directory.
-    struct Found {
-        std::string name;
-        struct stat status {};
-        int error = 0;  // errno value: there is no status
-    };
-
     // A path as it is listed, and as the user would write it.
     struct Place {
         [[nodiscard]] Place below(const std::string& name) const;
@@ -47,10 +39,9 @@ private:
     };
 
     Result<std::optional<PathList::Entry>> addNamed(const std::string& path);
-    Status addBelow(const Place& directory);
-    static Result<std::vector<Found>> readDirectory(const std::string& path);
-    Status addFound(const Found& found, const Place& place);
-    void addSize(const struct stat& status);
+    Status addBelow(const Place& directory, DirectoryReadAhead& ahead);
+    Status addFound(const FoundFile& found, const Place& place, DirectoryReadAhead& ahead);
+    void addSize(std::uint64_t size);
     Status leaveOut(const Error& error, std::string_view what = "left out");
 
     const ArchiveOutput& output_;

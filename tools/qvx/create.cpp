@@ -51,8 +51,9 @@ Status collect(Collection& collection, const CreateOptions& options) {
     const auto addOne = [&](const std::string& path) { return collection.add(path); };
     if (!options.namesFrom.empty())
         if (Status added = readNames(options.namesFrom, addOne); !added) return added;
+    DirectoryReadAhead ahead(readers);
     for (const std::string& path : options.paths)
-        if (Status added = collection.addTree(path); !added) return added;
+        if (Status added = collection.addTree(path, ahead); !added) return added;
     return {};
 }
 

@@ -41,6 +41,11 @@ Status expectListed(const PathList::Entry& listed, const struct statx& status) {
     return systemError(ESTALE);
 }
 
+Status expectAt(int descriptor, const char* name, DiskEntry& entry) {
+    if (Status read = readStatus(descriptor, name, entry.status); !read) return read;
+    return expectListed(entry.listed, entry.status);
+}
+
 }  // namespace
 
 bool isUnreadable(int error) {
@@ -91,28 +96,31 @@ Status DiskEntryReader::openFolder(const PathList::Entry& listed) {
         auto opened = folderGuarded_ ? openDirectoryGuarded(folderPath_) : openDirectory(folderPath_);
         folder_ = opened ? std::move(*opened) : FileDescriptor();
         if (!opened) return opened.error();
-        Status read = readStatus(folder_.get(), "", folderStatus_);
+        Status read = folderGuarded_ ? readStatus(folder_.get(), "", folderStatus_) : Status();
         if (!read) folder_ = FileDescriptor();
         if (!read) return read;
     }
-    const bool same = deviceOf(folderStatus_) == listed.folderDevice && folderStatus_.stx_ino == listed.folderInode;
-    if (same || !listed.isGuarded()) return {};
-    return systemError(ESTALE);
+    const auto same = [&] {
+        return deviceOf(folderStatus_) == listed.folderDevice && folderStatus_.stx_ino == listed.folderInode;
+    };
+    return !folderGuarded_ || same() ? Status() : systemError(ESTALE);
 }
 
-// `statx` before `open`, so that no device is opened; again after it, because the name may have changed in between.
 Status DiskEntryReader::open(DiskEntry& entry) {
     if (Status opened = openFolder(entry.listed); !opened) return opened;
-    const char* name = nameOf(entry.listed.path);
-    if (Status read = readStatus(folder_.get(), name, entry.status); !read) return read;
-    if (Status same = expectListed(entry.listed, entry.status); !same) return same;
     entry.head.type = entry.listed.type;
     entry.head.path = entry.listed.path.substr(1);
+    const char* name = nameOf(entry.listed.path);
+    // Other users may replace a guarded file with a device, whose opening has effects. The list was made long ago.
+    if (entry.listed.isGuarded() || entry.listed.type == EntryType::link) {
+        if (Status found = expectAt(folder_.get(), name, entry); !found) return found;
+    }
     if (entry.listed.type == EntryType::link) return {};
     entry.file = openListed(folder_.get(), name, entry.listed);
-    if (!entry.file) return systemError(errno);
-    if (Status read = readStatus(entry.file.get(), "", entry.status); !read) return read;
-    return expectListed(entry.listed, entry.status);
+    if (entry.file) return expectAt(entry.file.get(), "", entry);
+    const int error = errno;
+    const Status found = expectAt(folder_.get(), name, entry);
+    return found ? systemError(error) : found;
 }
 
 Status DiskEntryReader::readLink(DiskEntry& entry, MutableBytes buffer) {
