@@ -20,8 +20,8 @@ namespace tarnwick::qvx {
 class ReadAhead {
 public:
     static constexpr std::size_t minDepth = 8;
-    static constexpr std::size_t batchEntries = 32;
-    static constexpr std::size_t batchBytes = 262144;
+    static constexpr std::size_t batchEntries = 64;
+    static constexpr std::size_t batchBytes = 524288;
     static constexpr std::size_t smallSize = 65536;  // bytes; larger files are read by the encoder
 
     // Starts exactly `threads` threads. Throws std::bad_alloc or std::system_error.
