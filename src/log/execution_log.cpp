@@ -49,9 +49,11 @@ void writeLine(std::ostream& stream, std::string_view prefix, std::string_view t
 }
 
 void writeToFile(std::string_view prefix, std::string_view text) {
-    if (!state().buffer) return;
-    std::ostream file(state().buffer.get());
-    writeLine(file, prefix, text);
+    auto* buffer = state().buffer.get();
+    if (!buffer) return;
+    for (const auto part : {prefix, text, std::string_view("\n")})
+        buffer->sputn(part.data(), static_cast<std::streamsize>(part.size()));
+    buffer->pubsync();
 }
 
 // With O_EXCL the file is new and owned by root: nobody else can write to it, and its name is not a link.
