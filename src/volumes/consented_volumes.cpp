@@ -23,13 +23,12 @@ void ConsentedVolumes::add(const std::string& mountPoint) {
     if (!directory) return;
     const auto id = mountIdOf(directory.get(), "");
     if (!id) return;
-    const auto mount = describe(*id);
-    if (mount.id == *id) fileSystems_.insert(mount.fileSystem);
+    if (const auto* mount = find(*id)) fileSystems_.insert(mount->fileSystem);
 }
 
 bool ConsentedVolumes::allows(std::uint64_t mountId) {
-    const auto mount = describe(mountId);
-    return mount.id == mountId && (isKernelMemory(mount.type) || fileSystems_.contains(mount.fileSystem));
+    const auto* mount = find(mountId);
+    return mount && (isKernelMemory(mount->type) || fileSystems_.contains(mount->fileSystem));
 }
 
 // The kernel reuses the number of a mount that is gone, so the table is read again after each change.
@@ -42,11 +41,17 @@ bool ConsentedVolumes::mountsChanged() {
     return ::poll(&change, 1, 0) != 0;
 }
 
-MountEntry ConsentedVolumes::describe(std::uint64_t mountId) {
+// The result is valid until the next call.
+const MountEntry* ConsentedVolumes::find(std::uint64_t mountId) {
     if (mountsChanged()) mounts_ = readMountTable();
     const auto found =
         std::find_if(mounts_.begin(), mounts_.end(), [&](const auto& mount) { return mount.id == mountId; });
-    return found == mounts_.end() ? MountEntry{} : *found;
+    return found == mounts_.end() ? nullptr : &*found;
+}
+
+MountEntry ConsentedVolumes::describe(std::uint64_t mountId) {
+    const auto* mount = find(mountId);
+    return mount ? *mount : MountEntry{};
 }
 
 }  // namespace tarnwick

@@ -26,6 +26,7 @@ public:
 
 private:
     bool mountsChanged();
+    const MountEntry* find(std::uint64_t mountId);
 
     FileDescriptor changes_;  // the mount table, to be polled
     std::vector<MountEntry> mounts_;
