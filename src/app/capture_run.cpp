@@ -84,11 +84,11 @@ FilesList collectFiles(const RunOptions& options, const fs::path& captureFolder)
     for (const auto& volume : buildCapturePlan()) captureVolume(volume, options, consented, files);
     logInfo("\nFinished with all volumes.");
     const fs::path firmwareVariables = captureFolder / "nvram.txt";
-    if (captureFirmwareVariables(firmwareVariables)) files.push_back(firmwareVariables);
+    if (captureFirmwareVariables(firmwareVariables)) files.push_back(firmwareVariables.native());
     logInfo("Files to capture:");
-    for (const auto& file : files) logInfo(file.native());
+    for (const auto& file : files) logInfo(file);
     // When the copy failed this is an empty path, and the archive writer refuses to write the archive.
-    files.emplace_back(copyExecutionLog(captureFolder));
+    files.push_back(copyExecutionLog(captureFolder));
     return files;
 }
 

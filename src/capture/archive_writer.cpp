@@ -46,7 +46,7 @@ struct RecipientPoint {
 std::string listPaths(ArchiveInProgress& archive, const FilesList& files) {
     archive.paths.reset(newPathList());
     for (const auto& file : files) {
-        const std::unique_ptr<PathList, FreeWith<destroyPathList>> entry(pathListForPath(rootDirectory, file.native()));
+        const std::unique_ptr<PathList, FreeWith<destroyPathList>> entry(pathListForPath(rootDirectory, file));
         if (!entry) return "unable to create sublist";
         if (mergePathLists(archive.paths.get(), entry.get()) != 0) return "unable to merge path lists";
     }

@@ -1,5 +1,7 @@
 #include "capture/capture_directives.h"
 
+#include <utility>
+
 #include "config/capture_spec.h"
 #include "log/command_runner.h"
 #include "log/execution_log.h"
@@ -46,7 +48,7 @@ void runDirective(const CaptureDirective& directive, const fs::path& mountPoint,
         logWarning("search command returned an error, skipping this capture directive");
         return;
     }
-    for (const auto& path : splitFoundPaths(output, baseDirectory)) found.appendIfAllowed(path, files);
+    forEachFoundPath(output, baseDirectory, [&](std::string path) { found.appendIfAllowed(std::move(path), files); });
 }
 
 }  // namespace

@@ -4,7 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <sstream>
+#include <deque>
+#include <utility>
 
 #include "base/guarded_open.h"
 #include "base/visible_text.h"
@@ -28,10 +29,9 @@ bool exists(const std::string& path) {
 // Tries to join `path` to the last path, to the last two, and so on, until the joined path names an existing file.
 // Removes the paths that were joined. If the name of a directory ends with a line feed, and folders in it have the
 // names of those above it, the rest of a path looks like a separate path.
-void joinWithLast(std::vector<std::string>& paths, std::string& path) {
-    const std::size_t last = paths.size() - std::min(paths.size(), maxJoinedLines);
+void joinWithLast(std::deque<std::string>& paths, std::string& path) {
     std::string whole = path;
-    for (std::size_t first = paths.size(); first-- > last && whole.size() <= maxPathLength;) {
+    for (std::size_t first = paths.size(); first-- > 0 && whole.size() <= maxPathLength;) {
         whole.insert(0, paths[first] + '\n');
         if (!exists(whole)) continue;
         paths.resize(first);
@@ -40,35 +40,37 @@ void joinWithLast(std::vector<std::string>& paths, std::string& path) {
     }
 }
 
-// The lines of the output. A line that does not begin with `prefix` is joined to the line before.
-std::vector<std::string> linesBeginningWith(const std::string& prefix, const std::string& output) {
-    std::vector<std::string> paths;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        if (paths.empty() || line.starts_with(prefix)) {
-            paths.push_back(std::move(line));
-        } else {
-            paths.back() += '\n' + line;
-        }
-    }
-    return paths;
+// The first line of the output and those after it that do not begin another path. `separator` is a line feed and the
+// beginning of a path.
+std::string_view firstPathIn(std::string_view output, std::string_view separator) {
+    const auto end = output.find(separator);
+    if (end != std::string_view::npos) return output.substr(0, end);
+    return output.substr(0, output.size() - (output.ends_with('\n') ? 1 : 0));
 }
 
 }  // namespace
 
-std::vector<std::string> splitFoundPaths(const std::string& output, const fs::path& directory) {
-    std::vector<std::string> paths;
+// Paths are passed on while the kernel still has their names at hand from the check. Only those that may yet be joined
+// are kept.
+void forEachFoundPath(std::string_view output, const fs::path& directory, const std::function<void(std::string)>& use) {
+    const std::string separator = "\n" + (directory / "").native();
+    std::deque<std::string> last;
     bool lastExists = true;
-    for (auto& path : linesBeginningWith(directory / "", output)) {
+    while (!output.empty()) {
+        std::string path(firstPathIn(output, separator));
+        output.remove_prefix(std::min(path.size() + 1, output.size()));
         const bool alone = exists(path);
-        if (!alone || !lastExists) joinWithLast(paths, path);
+        if (!alone || !lastExists) joinWithLast(last, path);
         lastExists = alone || exists(path);
-        paths.push_back(std::move(path));
+        last.push_back(std::move(path));
+        if (last.size() <= maxJoinedLines) continue;
+        use(std::move(last.front()));
+        last.pop_front();
     }
-    return paths;
+    for (auto& path : last) use(std::move(path));
 }
 
-void FoundFiles::appendIfAllowed(const std::string& path, FilesList& files) {
+void FoundFiles::appendIfAllowed(std::string path, FilesList& files) {
     if (path.size() > maxPathLength) return logSkipped(path, "the path is too long");
     const std::size_t nameAt = path.rfind('/') + 1;
     if (path.compare(0, nameAt, folderPath_) != 0 || nameAt == 0) openFolder(path.substr(0, nameAt));
@@ -83,7 +85,7 @@ void FoundFiles::appendIfAllowed(const std::string& path, FilesList& files) {
         return logSkipped(path, "no consent for '" + visibleText(mount.target) + "'");
     }
     logTrace("capturing: " + path);
-    files.emplace_back(path);
+    files.push_back(std::move(path));
 }
 
 // When the folder is gone, opens the nearest one above it that exists.

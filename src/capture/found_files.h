@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/handle.h"
@@ -13,13 +15,15 @@
 
 namespace tarnwick {
 
-using FilesList = std::vector<std::filesystem::path>;  // in the order found, duplicates kept
+// In the order found, duplicates kept. Texts, because a std::filesystem::path needs ten times the memory.
+using FilesList = std::vector<std::string>;
 
-// The paths in the output of a search below `directory`, in order. `find` ends each path with a line feed, and a path
-// may contain line feeds. A line that does not begin with the directory continues the previous path. If a line, or
-// the path before it, names no existing file, the line is joined to one or more of the paths before it, provided that
-// the joined path names an existing file. So no file name can produce a path outside of the directory.
-std::vector<std::string> splitFoundPaths(const std::string& output, const std::filesystem::path& directory);
+// Calls `use` with each path in the output of a search below `directory`, in order. `find` ends each path with a line
+// feed, and a path may contain line feeds. A line that does not begin with the directory continues the previous path.
+// If a line, or the path before it, names no existing file, the line is joined to one or more of the paths before it,
+// provided that the joined path names an existing file. So no file name can produce a path outside of the directory.
+void forEachFoundPath(std::string_view output, const std::filesystem::path& directory,
+                      const std::function<void(std::string)>& use);
 
 // Decides which of the files found on one volume are captured. Logs a TRACE line for each file. At the first file of a
 // volume without consent, also logs an INFO line.
@@ -31,7 +35,7 @@ public:
     // can replace, or whose volume has no consent or cannot be determined. A path that no longer exists counts as being
     // on the volume of the nearest folder that exists. If such a path is appended, the archive writer decides what to
     // do with it.
-    void appendIfAllowed(const std::string& path, FilesList& files);
+    void appendIfAllowed(std::string path, FilesList& files);
 
 private:
     void openFolder(const std::string& path);
