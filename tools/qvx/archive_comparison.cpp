@@ -1,11 +1,6 @@
 #include "archive_comparison.h"
 
-#include <openssl/rand.h>
-#include <openssl/sha.h>
-
 #include <algorithm>
-#include <cstring>
-#include <new>
 
 #include "listing.h"
 #include "qvx/format/access_list.h"
@@ -56,22 +51,6 @@ constexpr Field fields[] = {
 };
 
 }  // namespace
-
-KeyedHash::KeyedHash() {
-    if (RAND_bytes(reinterpret_cast<unsigned char*>(key_.data()), static_cast<int>(key_.size())) != 1)
-        throw std::bad_alloc();
-}
-
-std::uint64_t KeyedHash::operator()(std::string_view text) const {
-    std::string keyed(key_.begin(), key_.end());
-    keyed += text;
-    Digest digest{};
-    if (!SHA256(reinterpret_cast<const unsigned char*>(keyed.data()), keyed.size(), digest.data()))
-        throw std::bad_alloc();
-    std::uint64_t hash = 0;
-    std::memcpy(&hash, digest.data(), sizeof hash);
-    return hash;
-}
 
 Result<void, ReadFault> ComparedArchive::readIndex() {
     return reader_.list([&](std::uint64_t, const IndexEntry& entry) {

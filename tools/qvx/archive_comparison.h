@@ -2,24 +2,14 @@
 // only of the entries whose type and size agree. Contents are not read.
 #pragma once
 
-#include <array>
 #include <deque>
 #include <string>
 #include <vector>
 
 #include "qvx/archive_reader.h"
+#include "qvx/read/keyed_hash.h"
 
 namespace tarnwick::qvx {
-
-// A hash of 64 bits. The key is random, so that an attacker cannot make two texts with the same hash.
-class KeyedHash {
-public:
-    KeyedHash();  // throws std::bad_alloc when there are no random bytes
-    [[nodiscard]] std::uint64_t operator()(std::string_view text) const;
-
-private:
-    std::array<char, 32> key_{};
-};
 
 struct ComparedEntry {
     static constexpr std::uint32_t none = 0xffffffff;

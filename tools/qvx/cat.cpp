@@ -9,7 +9,7 @@
 #include "listing.h"
 #include "path_pattern.h"
 #include "progress.h"
-#include "qvx/read/path_hash.h"
+#include "qvx/read/keyed_hash.h"
 
 namespace tarnwick::qvx {
 
@@ -24,9 +24,9 @@ class NamedEntries {
 public:
     explicit NamedEntries(const std::string& given) : pattern_(given) {}
 
-    void add(std::uint64_t number, const IndexEntry& entry, PathHash& hash) {
+    void add(std::uint64_t number, const IndexEntry& entry, const KeyedHash& hash) {
         const bool fits = entry.type == EntryType::file || !pattern_.isGlob();
-        if (fits && pattern_.matches(entry.path)) found_.push_back({hash.of(entry.path), number});
+        if (fits && pattern_.matches(entry.path)) found_.push_back({hash(entry.path), number});
     }
 
     // Leaves the last one of each path.
@@ -59,7 +59,7 @@ Result<std::vector<NamedEntries>, ReadFault> findEntries(ArchiveReader& reader,
     std::vector<NamedEntries> named;
     named.reserve(patterns.size());
     for (const auto& pattern : patterns) named.emplace_back(pattern);
-    PathHash hash;
+    const KeyedHash hash;
     const auto add = [&](std::uint64_t number, const IndexEntry& entry) {
         for (auto& one : named) one.add(number, entry, hash);
         return true;

@@ -14,19 +14,6 @@ constexpr unsigned maxRun = 5;        // 2^5 blocks ahead
 
 }  // namespace
 
-std::vector<std::uint8_t> SpareBuffers::take() {
-    const std::lock_guard lock(mutex_);
-    if (buffers_.empty()) return {};
-    auto buffer = std::move(buffers_.back());
-    buffers_.pop_back();
-    return buffer;
-}
-
-void SpareBuffers::give(std::vector<std::uint8_t> buffer) noexcept {
-    const std::lock_guard lock(mutex_);
-    if (buffers_.size() < maxBuffers && buffer.size() == blockSize) buffers_.push_back(std::move(buffer));
-}
-
 BlockCache::BlockCache(const ArchiveFile& file, const MessageKeys& keys, const BlockMap& map, std::uint64_t bytes)
     : file_(file), keys_(keys), map_(map), limit_(static_cast<std::size_t>(std::max(bytes, minBytes) / blockSize)) {}
 

@@ -207,6 +207,7 @@ void BlockPipeline::work() {
     try {
         BlockOpener opener(file_, keys_);
         while ((slot = claim())) {
+            slot->block.plain = spare_->take();
             opener.open(slot->block, [&] { return waitForLeader(slot->leader); });
             if (slot->digest && !slot->block.fault) slot->block.digests = digestContents(slot->block.plain);
             finish(*slot);
@@ -253,7 +254,7 @@ BlockPipeline::SlotPointer BlockPipeline::nextSlot() {
     if (!slot) {
         auto task = supplier_();
         if (!task) return nullptr;
-        slot = std::make_shared<Slot>(Slot{.block = std::move(task->block), .digest = task->digest});
+        slot = makeSlot({.block = std::move(task->block), .digest = task->digest});
         const auto& header = slot->block.header;
         const bool needsFetching = header.needsLeader() && !findLeader(header.leader);
         if (auto leader = needsFetching ? fetchLeader(header.leader) : nullptr) {
@@ -263,6 +264,14 @@ BlockPipeline::SlotPointer BlockPipeline::nextSlot() {
     }
     if (slot->block.header.needsLeader()) slot->leader = findLeader(slot->block.header.leader);
     return slot;
+}
+
+BlockPipeline::SlotPointer BlockPipeline::makeSlot(Slot slot) const {
+    const auto recycle = [spare = spare_](Slot* used) {
+        spare->give(std::move(used->block.plain));
+        delete used;
+    };
+    return {new Slot(std::move(slot)), recycle};
 }
 
 BlockPipeline::SlotPointer BlockPipeline::findLeader(std::uint64_t sequence) const {
@@ -276,7 +285,7 @@ BlockPipeline::SlotPointer BlockPipeline::fetchLeader(std::uint64_t sequence) co
     const auto place = map_ ? map_->find(sequence) : std::nullopt;
     if (!place) return nullptr;
     willReadBlocks(file_, *map_, sequence, sequence + 1);
-    auto slot = std::make_shared<Slot>(Slot{.block = unopenedBlock(file_, *place), .requested = false});
+    auto slot = makeSlot({.block = unopenedBlock(file_, *place), .requested = false});
     return slot->block.header.leads() ? slot : nullptr;
 }
 

@@ -10,6 +10,7 @@
 #include "qvx/format/block_codec.h"
 #include "qvx/format/index_codec.h"
 #include "qvx/read/archive_file.h"
+#include "qvx/read/spare_buffers.h"
 
 namespace tarnwick::qvx {
 
@@ -163,6 +164,7 @@ private:
     SlotPointer claim();
     bool waitForSpace();
     SlotPointer nextSlot();
+    [[nodiscard]] SlotPointer makeSlot(Slot slot) const;
     SlotPointer findLeader(std::uint64_t sequence) const;
     SlotPointer fetchLeader(std::uint64_t sequence) const;
     void keepLeader(SlotPointer leader);
@@ -173,6 +175,7 @@ private:
     const MessageKeys& keys_;
     const BlockMap* map_;
     std::size_t limit_;
+    const std::shared_ptr<SpareBuffers> spare_ = std::make_shared<SpareBuffers>();  // a block may outlive the pipeline
 
     std::mutex supplying_;  // for these; locked before the other
     Supplier supplier_;

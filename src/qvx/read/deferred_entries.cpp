@@ -14,7 +14,7 @@ Status DeferredEntries::add(const RecordPlace& place, const EntryReader& entry) 
     encodeEntryTail(entry.tail(), text_);
     const auto position = spool_.append(text_);
     if (!position) return position.error();
-    waiting_.push_back({*position, hash_.of(entry.head().path), static_cast<std::uint32_t>(entry.head().number),
+    waiting_.push_back({*position, hash_(entry.head().path), static_cast<std::uint32_t>(entry.head().number),
                         static_cast<std::uint32_t>(*entry.tail().contentOf)});
     return {};
 }
@@ -40,7 +40,7 @@ Result<void, ReadFault> DeferredEntries::dropReplaced(ArchiveIndex& index, const
     const auto samePath = [](const Waiting& a, const Waiting& b) { return a.pathHash == b.pathHash; };
     waiting_.erase(std::unique(waiting_.begin(), waiting_.end(), samePath), waiting_.end());
     const auto visit = [&](std::uint64_t number, const IndexEntry& entry) {
-        const std::uint64_t hash = hash_.of(entry.path);
+        const std::uint64_t hash = hash_(entry.path);
         const auto found = std::ranges::lower_bound(waiting_, hash, std::ranges::greater(), &Waiting::pathHash);
         if (found != waiting_.end() && found->pathHash == hash && found->number < number && choice(number, entry.path))
             found->content = found->number;  // an entry that refers to itself is dropped below

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "qvx/read/index_reader.h"
-#include "qvx/read/path_hash.h"
+#include "qvx/read/keyed_hash.h"
 #include "qvx/read/reread_contents.h"
 #include "qvx/read/spool.h"
 
@@ -41,7 +41,7 @@ private:
     Result<void, ReadFault> dropReplaced(ArchiveIndex& index, const EntryChoice& choice);
     ReadOutcome deliverOne(const Waiting& waiting, RereadContents& contents, EntryReader& entry);
 
-    PathHash hash_;
+    const KeyedHash hash_;
     Spool spool_;
     std::deque<Waiting> waiting_;
     std::vector<std::uint8_t> text_;

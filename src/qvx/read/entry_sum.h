@@ -1,11 +1,10 @@
 // Whether two sets of entries are the same, whatever their order.
 #pragma once
 
-#include <array>
 #include <vector>
 
-#include "qvx/format/content_digest.h"
 #include "qvx/format/index_codec.h"
+#include "qvx/read/keyed_hash.h"
 
 namespace tarnwick::qvx {
 
@@ -13,19 +12,16 @@ namespace tarnwick::qvx {
 // are equal, they are of the same entries: without the key, nobody can find other entries that have the same sum.
 class EntrySum {
 public:
-    using Key = std::array<std::uint8_t, 32>;
-    static Key randomKey();
-
-    explicit EntrySum(const Key& key) : text_(key.begin(), key.end()) {}
+    explicit EntrySum(const KeyedHash& hash) : hash_(hash) {}
 
     void add(std::uint64_t number, const IndexEntry& entry);
 
     bool operator==(const EntrySum& other) const { return sum_ == other.sum_; }
 
 private:
-    std::vector<std::uint8_t> text_;  // the key, and what is hashed
-    ContentDigest digest_;
-    std::array<std::uint64_t, 4> sum_{};
+    const KeyedHash hash_;
+    std::vector<std::uint8_t> text_;  // what is hashed
+    KeyedHash::Wide sum_{};
 };
 
 }  // namespace tarnwick::qvx

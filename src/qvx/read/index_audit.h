@@ -33,9 +33,8 @@ private:
     bool matchesBlocks(RootDecoder& root, std::uint64_t end) const;
 
     const BlockMap& blocks_;
-    const EntrySum::Key key_ = EntrySum::randomKey();
-    EntrySum read_{key_};     // of the entries
-    EntrySum indexed_{key_};  // of the entries in the index
+    EntrySum read_{KeyedHash()};  // of the entries
+    EntrySum indexed_{read_};     // of the entries in the index
     std::vector<IndexPartPlace> parts_;
     std::uint64_t covered_ = 0;  // by the index
     std::uint64_t entries_ = 0;
