@@ -2,9 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <sstream>
@@ -105,7 +110,7 @@ const std::string stopped = ": extraction stopped, because it would write more t
 
 ExtractOptions upTo(std::uint64_t limit) { return {.keepIncomplete = true, .limit = limit}; }
 
-TEST(DiskSink, LeavesRightTree) {
+void checkTrees() {
     struct {
         std::string name, before, archive, after;  // before: shell commands in the destination
         std::string problems{};
@@ -121,6 +126,14 @@ TEST(DiskSink, LeavesRightTree) {
         {"CreatesLinkWithoutTarget", ":", "a>b c>", "a>b", "c: the link has no target\n"},
         {"BlamesLinkForLongName", ":", longName + "n/a=1", "", longName + "n/a: File name too long\n"},
         {"RestoresDirectoryThatWasReplaced", ":", "a/ a=x", "a=x"},
+        {"UsesDirectoryThatWasReplaced",
+         ":",
+         "d/e/f~x d/e>../../out d/e/victim=x",
+         "d/ d/e>../../out",
+         "d/e/victim" + inTheWay,
+         {}},
+        {"ForgetsDirectoryOnWay", ":", "a/b/c=1 a/d=2 a/b/e/f=3 g=4 a/b/c/h=5",
+         "a/ a/b/ a/b/c=1 a/b/e/ a/b/e/f=3 a/d=2 g=4", "a/b/c/h" + inTheWay},
         {"WritesIntoFileWithTwoNames", "echo -n old >a; ln a b", "a=new", "a=new b=old"},
         {"KeepsFifo", "mkfifo a", "a=new@", "a=new@"},
         {"KeepsEmptyDirectory", "mkdir a", "a=new", "a=new"},
@@ -155,6 +168,63 @@ TEST(DiskSink, LeavesRightTree) {
         EXPECT_EQ(run.tree(), after);
         EXPECT_EQ(run.problems, problems);
     }
+}
+
+TEST(DiskSink, LeavesRightTree) { checkTrees(); }
+
+// For the rest of this process, as on a file system that cannot have them.
+void denyUnnamedFiles() {
+    constexpr unsigned tmpfile = O_TMPFILE & ~O_DIRECTORY;
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, tmpfile, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EOPNOTSUPP),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{std::size(filter), filter};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+    ASSERT_LT(open(".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600), 0);
+}
+
+TEST(DiskSink, LeavesWrongTreeWithoutUnnamedFiles) {
+    const auto check = [] {
+        denyUnnamedFiles();
+        checkTrees();
+        std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(check(), testing::ExitedWithCode(0), "");
+}
+
+// A file that replaces another, too.
+TEST(DiskSink, ShowsFileThatIsNotVerified) {
+    Extraction run;
+    std::ofstream(run.in / "b") << "old";
+    if (FileDescriptor unnamed{open(run.in.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600)}; !unnamed)
+        GTEST_SKIP() << "the file system has no unnamed files";
+    for (const std::string word : {"a?x@", "b?x@"}) {
+        run.extract(word);
+        EXPECT_EQ(std::distance(fs::directory_iterator(run.in), fs::directory_iterator()), 1) << word;
+    }
+    EXPECT_EQ(contentOf(run.in / "b"), "old");
+}
+
+// More folders, and deeper ones, than are kept open; files of one folder are not together.
+TEST(DiskSink, WritesIntoWrongFolder) {
+    Extraction run;
+    std::string deep;
+    for (int i = 0; i < 40; ++i) deep += "d" + std::to_string(i) + "/";
+    std::map<std::string, std::string> expected;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string name = (i % 3 == 0 ? deep : "") + std::to_string(i % 150) + "/" + std::to_string(i);
+        expected[name] = "content " + std::to_string(i);
+        run.extract(name + "=" + std::to_string(i));
+    }
+    run.sink.finishDirectories();
+    EXPECT_EQ(run.problems, "");
+    for (const auto& [name, content] : expected) EXPECT_EQ("content " + contentOf(run.in / name), content);
 }
 
 // A file that is written again is no longer the same file as `b`.

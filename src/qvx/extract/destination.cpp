@@ -10,6 +10,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
+constexpr std::size_t maxOpened = 16;  // directories on the way to another
+
 // An archive may contain a link and then an entry below it, to write outside of the destination. So a link is refused
 // in every component.
 FileDescriptor openDirectory(ExtractionRun&, int directory, const std::string& name) {
@@ -48,22 +50,29 @@ Result<int> Destination::makeParent(std::string_view path) { return parent(path,
 
 Result<int> Destination::parent(std::string_view path, OpenDirectory openComponent) {
     const auto parentPath = parentPathOf(path);
-    if (parentPath.empty()) return root_;
-    // What was a directory may have become a link, if the archive or somebody else has replaced it. The open descriptor
-    // still leads to the directory.
-    if (parent_ && parentPath == parentPath_) return parent_->get();
-    FileDescriptor directory;
-    for (std::size_t begin = 0; begin < parentPath.size();) {
-        const std::size_t end = std::min(parentPath.find('/', begin), parentPath.size());
-        const int from = directory ? directory.get() : root_;
-        FileDescriptor next = openComponent(run_, from, std::string(parentPath.substr(begin, end - begin)));
+    keepCommon(parentPath);
+    path_ = parentPath;
+    for (std::size_t begin = opened_.empty() ? 0 : opened_.back().length + 1; begin < path_.size();) {
+        const std::size_t end = std::min(path_.find('/', begin), path_.size());
+        FileDescriptor next = openComponent(run_, last(), path_.substr(begin, end - begin));
         if (!next) return openError(errno, path);
-        directory = std::move(next);
+        if (opened_.size() > maxOpened) opened_.pop_back();
+        opened_.push_back({end, std::make_shared<const FileDescriptor>(std::move(next))});
         begin = end + 1;
     }
-    parent_ = std::make_shared<const FileDescriptor>(std::move(directory));
-    parentPath_ = parentPath;
-    return parent_->get();
+    return last();
+}
+
+// What was a directory may have become a link, if the archive or somebody else has replaced it. The open descriptor
+// still leads to the directory. An entry that replaces a directory comes with the path of the one above it, which
+// forgets it here.
+void Destination::keepCommon(std::string_view path) {
+    const auto leadsTo = [&](const Opened& opened) {
+        const bool complete =
+            path.size() == opened.length || (path.size() > opened.length && path[opened.length] == '/');
+        return complete && path.starts_with(std::string_view(path_).substr(0, opened.length));
+    };
+    while (!opened_.empty() && !leadsTo(opened_.back())) opened_.pop_back();
 }
 
 }  // namespace tarnwick::qvx

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/error.h"
 #include "base/handle.h"
@@ -25,7 +26,9 @@ public:
     Result<int> makeParent(std::string_view path);
 
     // Keeps the directory that was opened last open beyond the next call.
-    [[nodiscard]] std::shared_ptr<const void> keepOpen() const { return parent_; }
+    [[nodiscard]] std::shared_ptr<const void> keepOpen() const {
+        return opened_.empty() ? nullptr : opened_.back().directory;
+    }
 
     // All components but the last.
     static std::string_view parentPathOf(std::string_view path);
@@ -36,12 +39,20 @@ public:
 private:
     using OpenDirectory = FileDescriptor (*)(ExtractionRun&, int, const std::string&);
 
+    // A directory on the way to the one that was opened last, or that one.
+    struct Opened {
+        std::size_t length = 0;  // of its path, which is the beginning of path_
+        std::shared_ptr<const FileDescriptor> directory;
+    };
+
     Result<int> parent(std::string_view path, OpenDirectory openComponent);
+    void keepCommon(std::string_view path);
+    [[nodiscard]] int last() const { return opened_.empty() ? root_ : opened_.back().directory->get(); }
 
     ExtractionRun& run_;
     int root_;
-    std::shared_ptr<const FileDescriptor> parent_;
-    std::string parentPath_;
+    std::string path_;            // of the directory that was opened last
+    std::vector<Opened> opened_;  // ascending; at most maxOpened, and the last one
 };
 
 }  // namespace tarnwick::qvx

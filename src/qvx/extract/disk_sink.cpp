@@ -125,7 +125,7 @@ Status DiskSink::copyContent(const std::optional<ExtractedFile>& source, const E
 
 Status DiskSink::submitToWriters(const EntryTail& tail) {
     pending_.add(head_.path);
-    writers_.add(parent_, destination_.keepOpen(), {name_, head_, tail, file_.releaseContent()});
+    writers_.add({parent_, destination_.keepOpen(), name_, head_, tail, file_.releaseContent()});
     return {};
 }
 

@@ -12,7 +12,7 @@
 
 namespace tarnwick::qvx {
 
-// A file is written under a temporary name. When its content is verified, it is renamed, and replaces an existing file.
+// A file has no name, or a temporary one, until its content is verified. Then it replaces an existing file.
 // An entry that cannot be written is reported and does not affect the next ones. An entry that was incomplete when it
 // was captured is reported, and written as it is. Threads write small files; all files are on disk only after
 // finishDirectories().

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -71,6 +72,10 @@ public:
     [[nodiscard]] bool preserves() const { return options_.preserve; }
     [[nodiscard]] mode_t umask() const { return umask_; }  // 0 with `preserve`
 
+    // Who owns new files.
+    [[nodiscard]] uid_t user() const { return user_; }
+    [[nodiscard]] gid_t group() const { return group_; }
+
     // Records that an entry has such metadata, and that it is not restored.
     void leaveOut(Privilege privilege) { leftOut_ |= 1U << static_cast<unsigned>(privilege); }
     [[nodiscard]] std::string leftOut() const;  // "owners, inode flags"; empty for none
@@ -80,6 +85,8 @@ private:
 
     const ExtractOptions options_;
     const mode_t umask_;
+    const uid_t user_ = geteuid();
+    const gid_t group_ = getegid();
     std::mutex mutex_;  // for calls of options_.report
     WriteBudget budget_;
     std::atomic<bool> failed_ = false;

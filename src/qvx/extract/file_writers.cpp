@@ -12,6 +12,10 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t maxBatchFiles = 128;
+constexpr std::size_t maxDirectories = 32;  // of one batch
+
+// A batch that has so many files ends with its directory, so that the next one need not wait for it.
+constexpr std::size_t enoughBatchFiles = 64;
 constexpr std::size_t maxBatchBytes = 1048576;
 // And the one that is being filled: 8 MiB together.
 constexpr std::size_t maxBatches = 7;
@@ -21,8 +25,10 @@ std::size_t maxThreads() {
     return threads;
 }
 
-Status writeSmallFile(const SmallFile& file, int directory, TemporaryFile& temporary) {
-    auto done = temporary.create(directory, file.head);
+std::size_t memoryOf(const SmallFile& file) { return file.content.size() + attributeMemory(file.tail); }
+
+Status writeSmallFile(const SmallFile& file, TemporaryFile& temporary) {
+    auto done = temporary.create(file.directory, file.head);
     if (done) done = temporary.append(file.content);
     if (done) done = temporary.finish(file.tail);
     if (done) done = temporary.rename(file.name);
@@ -37,16 +43,19 @@ FileWriters::~FileWriters() {
     changed_.notify_all();
 }
 
-void FileWriters::add(int directory, std::shared_ptr<const void> owner, SmallFile file) {
-    const std::size_t size = file.content.size() + attributeMemory(file.tail);
-    const bool full = batch_.files.size() == maxBatchFiles || batch_.bytes + size > maxBatchBytes;
-    // A batch has one directory, so that the order of its files is the order of entries, and one thread at a time works
-    // in a directory.
-    if (full || batch_.directory != directory) submitBatch();
-    batch_.directory = directory;
-    batch_.owner = std::move(owner);
-    batch_.bytes += size;
+void FileWriters::add(SmallFile file) {
+    if (isComplete(file)) submitBatch();
+    if (batch_.files.empty() || batch_.files.back().directory != file.directory) ++batch_.directories;
+    batch_.bytes += memoryOf(file);
     batch_.files.push_back(std::move(file));
+}
+
+bool FileWriters::isComplete(const SmallFile& next) const {
+    const auto& files = batch_.files;
+    if (files.empty()) return false;
+    const bool full = files.size() == maxBatchFiles || batch_.bytes + memoryOf(next) > maxBatchBytes;
+    const bool enough = files.size() >= enoughBatchFiles || batch_.directories == maxDirectories;
+    return full || (enough && files.back().directory != next.directory);
 }
 
 std::vector<WrittenFile> FileWriters::flush() {
@@ -95,7 +104,7 @@ bool FileWriters::writeNextBatch(Lock& lock, TemporaryFile& temporary) {
     std::vector<WrittenFile> written;
     for (const auto& file : batch->files)
         // After an interruption, the remaining files are dropped.
-        if (!run_.interrupted() && writeFile(file, batch->directory, temporary))
+        if (!run_.interrupted() && writeFile(file, temporary))
             written.push_back({file.head.number, {file.head.path, temporary.identity()}});
     lock.lock();
     std::ranges::move(written, std::back_inserter(written_));
@@ -104,20 +113,23 @@ bool FileWriters::writeNextBatch(Lock& lock, TemporaryFile& temporary) {
     return true;
 }
 
-// The first batch that is not started and has none of the same directory before it.
+// The first batch that is not started, unless an earlier one ends with the directory it begins with: two threads would
+// wait for each other in that directory.
 std::list<FileWriters::Batch>::iterator FileWriters::nextBatch() {
     for (auto batch = batches_.begin(); batch != batches_.end(); ++batch) {
-        const auto sameDirectory = [&](const Batch& earlier) { return earlier.directory == batch->directory; };
+        const auto sameDirectory = [&](const Batch& earlier) {
+            return earlier.files.back().directory == batch->files.front().directory;
+        };
         if (!batch->started && std::none_of(batches_.begin(), batch, sameDirectory)) return batch;
     }
     return batches_.end();
 }
 
 // An exception would end the program when it leaves a thread.
-bool FileWriters::writeFile(const SmallFile& file, int directory, TemporaryFile& temporary) {
+bool FileWriters::writeFile(const SmallFile& file, TemporaryFile& temporary) {
     Status written;
     try {
-        written = writeSmallFile(file, directory, temporary);
+        written = writeSmallFile(file, temporary);
     } catch (const std::bad_alloc&) {
         written = Error{"out of memory", ENOMEM, {}};
     } catch (const std::system_error& error) {  // no random numbers for the temporary name

@@ -15,7 +15,9 @@ namespace tarnwick::qvx {
 
 // A regular file whose content is verified.
 struct SmallFile {
-    std::string name;  // in its directory
+    int directory = -1;
+    std::shared_ptr<const void> owner;  // keeps the directory open
+    std::string name;                   // in its directory
     EntryHead head;
     EntryTail tail;
     std::vector<std::uint8_t> content;
@@ -26,9 +28,9 @@ struct WrittenFile {
     ExtractedFile file;
 };
 
-// Files of one directory are written in the order in which they were added. The caller writes too when the threads do
-// not keep up. Files that cannot be written are reported; interruption skips the rest. Memory: 8 MiB for contents and
-// attributes, and at most as much again as the largest attributes of a file in each batch.
+// Files are written in any order. The caller writes too when the threads do not keep up. At most 256 directories are
+// open for files that wait. Files that cannot be written are reported; interruption skips the rest. Memory: 8 MiB for
+// contents and attributes, and at most as much again as the largest attributes of a file in each batch.
 class FileWriters {
 public:
     explicit FileWriters(ExtractionRun& run) : run_(run), temporary_(run) {}
@@ -36,22 +38,21 @@ public:
     FileWriters& operator=(const FileWriters&) = delete;
     ~FileWriters();  // does not flush: files may be lost
 
-    // `owner` keeps `directory` open.
-    void add(int directory, std::shared_ptr<const void> owner, SmallFile file);
+    void add(SmallFile file);
 
     // Waits until every added file is on disk or was reported. Returns those that are on disk since the last call.
     std::vector<WrittenFile> flush();
 
 private:
-    struct Batch {  // of one directory
-        int directory = -1;
-        std::shared_ptr<const void> owner;
-        std::vector<SmallFile> files;
+    struct Batch {
+        std::vector<SmallFile> files;  // those of one directory after each other
+        std::size_t directories = 0;
         std::size_t bytes = 0;
         bool started = false;
     };
     using Lock = std::unique_lock<std::mutex>;
 
+    [[nodiscard]] bool isComplete(const SmallFile& next) const;
     void submitBatch();
     void startThread();
     void runThread();
@@ -59,7 +60,7 @@ private:
     void writeUntil(Condition condition, Lock& lock, TemporaryFile& temporary);
     bool writeNextBatch(Lock& lock, TemporaryFile& temporary);
     std::list<Batch>::iterator nextBatch();
-    bool writeFile(const SmallFile& file, int directory, TemporaryFile& temporary);
+    bool writeFile(const SmallFile& file, TemporaryFile& temporary);
 
     ExtractionRun& run_;
     Batch batch_;              // of the files added last; not given to the threads yet

@@ -49,16 +49,13 @@ AccessList withoutBits(AccessList list, mode_t umask) {
 // Of one open file.
 class MetadataWriter {
 public:
-    // An O_PATH descriptor has no calls for modes and attributes. Its entry in /proc leads to the file itself, whatever
-    // has happened to the name.
-    MetadataWriter(ExtractionRun& run, const EntryHead& head, int file)
-        : run_(run), head_(head), file_(file), place_("/proc/self/fd/" + std::to_string(file)) {}
+    MetadataWriter(ExtractionRun& run, const EntryHead& head, int file) : run_(run), head_(head), file_(file) {}
 
     void setOwner() {
-        const uid_t user = head_.userId.value_or(geteuid());
-        const gid_t group = head_.groupId.value_or(getegid());
+        const uid_t user = head_.userId.value_or(run_.user());
+        const gid_t group = head_.groupId.value_or(run_.group());
         if (!run_.preserves()) {
-            if (user != geteuid() || group != getegid()) run_.leaveOut(Privilege::owner);
+            if (user != run_.user() || group != run_.group()) run_.leaveOut(Privilege::owner);
         } else if (fchownat(file_, "", user, group, AT_EMPTY_PATH) != 0) {
             warn(errno, "owner");
         } else {
@@ -74,7 +71,7 @@ public:
             mode &= ~setIdBits;
             warn(EPERM, "set-id bits");
         }
-        if (chmod(place_.c_str(), mode) != 0) warn(errno, "mode");
+        if (!hasMode(mode) && !change(fchmod, chmod, mode)) warn(errno, "mode");
     }
 
     // A list that is not in the archive was inherited from the directory, and might allow more than the mode.
@@ -91,19 +88,38 @@ public:
     void setTime() {
         if (!head_.modified) return;
         const timespec times[] = {{0, UTIME_OMIT}, timeOf(*head_.modified)};
-        if (utimensat(file_, "", times, AT_EMPTY_PATH) != 0) warn(errno, "modification time");
+        const int set = isOpen() ? futimens(file_, times) : utimensat(file_, "", times, AT_EMPTY_PATH);
+        if (set != 0) warn(errno, "modification time");
     }
 
 private:
     // An archive of few bytes can have megabytes of attributes. When the run stops here, it has reported that.
     bool set(const char* name, const std::string& value) {
         if (!run_.charge(std::strlen(name) + value.size())) return true;
-        return setxattr(place_.c_str(), name, value.data(), value.size(), 0) == 0;
+        return change(fsetxattr, setxattr, name, value.data(), value.size(), 0);
     }
 
+    // To remove a list that is not there would change the inode.
     void removeList(const char* attribute) {
-        if (removexattr(place_.c_str(), attribute) != 0 && errno != ENODATA && errno != ENOTSUP)
-            warn(errno, "inherited access control list");
+        const bool removed = !change(fgetxattr, getxattr, attribute, nullptr, std::size_t{0})
+                                 ? errno == ENODATA || errno == ENOTSUP
+                                 : change(fremovexattr, removexattr, attribute);
+        if (!removed) warn(errno, "inherited access control list");
+    }
+
+    [[nodiscard]] bool hasMode(mode_t mode) const {
+        struct stat status {};
+        return fstat(file_, &status) == 0 && (status.st_mode & 07777U) == mode;
+    }
+
+    [[nodiscard]] bool isOpen() const { return head_.type == EntryType::file; }
+
+    // An O_PATH descriptor has no calls for modes and attributes. Its entry in /proc leads to the file itself, whatever
+    // has happened to the name.
+    template <typename OfFile, typename OfPath, typename... Arguments>
+    bool change(OfFile ofFile, OfPath ofPath, Arguments... arguments) const {
+        if (isOpen()) return ofFile(file_, arguments...) >= 0;
+        return ofPath(("/proc/self/fd/" + std::to_string(file_)).c_str(), arguments...) >= 0;
     }
 
     // `code` is evaluated before any text is built, which could change errno.
@@ -114,7 +130,6 @@ private:
     ExtractionRun& run_;
     const EntryHead& head_;
     const int file_;
-    const std::string place_;
     bool hasOwner_ = false;  // of the archive
 };
 

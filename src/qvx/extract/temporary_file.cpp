@@ -17,6 +17,12 @@ namespace {
 
 std::string randomName() { return ".qvx-" + randomDigits(); }
 
+// Before Linux 6.10, users can give a name to an unnamed file only by way of /proc.
+bool canLinkUnnamed() {
+    static const bool can = access("/proc/self/fd", X_OK) == 0;
+    return can;
+}
+
 }  // namespace
 
 Status TemporaryFile::begin(int directory, const EntryHead& head) {
@@ -30,8 +36,21 @@ Status TemporaryFile::begin(int directory, const EntryHead& head) {
 
 Status TemporaryFile::create(int directory, const EntryHead& head) {
     if (auto begun = begin(directory, head); !begun) return begun;
+    return createUnnamed() ? Status() : createNamed();
+}
+
+// With its final mode, which saves a call; but the owner must be able to write to it, to set its attributes.
+bool TemporaryFile::createUnnamed() {
+    if (!canLinkUnnamed()) return false;
+    const mode_t mode = restoredMode(run_, head_) & 0777;
+    file_ = FileDescriptor(openat(directory_, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, mode & S_IWUSR ? mode : 0600));
+    return static_cast<bool>(file_);
+}
+
+Status TemporaryFile::createNamed() {
     const std::string name = randomName();
-    file_ = FileDescriptor(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    file_ =
+        FileDescriptor(openat(directory_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file_) return fileError(errno);
     name_ = name;
     return {};
@@ -96,14 +115,21 @@ Status TemporaryFile::finish(const EntryTail& tail) {
         if (!identity) return fileError(identity.error().code);
         identity_ = *identity;
     }
-    // Some file systems report only here that a write failed.
-    if (close(file_.release()) != 0) return fileError(errno);
+    return closeContent();
+}
+
+// Some file systems report only here that a write failed. A file without a name must stay open, but they report it for
+// any descriptor.
+Status TemporaryFile::closeContent() {
+    const int closed = isUnnamed() ? fcntl(file_.get(), F_DUPFD_CLOEXEC, 0) : file_.release();
+    if (closed < 0 || close(closed) != 0) return fileError(errno);
     return {};
 }
 
 Status TemporaryFile::finishPart() {
     if (head_.mode) *head_.mode &= 0777;
-    return finish({});
+    if (auto finished = finish({}); !finished) return finished;
+    return isUnnamed() ? giveTemporaryName() : Status();
 }
 
 // The size of a file that ends with a hole.
@@ -113,7 +139,32 @@ Status TemporaryFile::finishContent() {
     return {};
 }
 
+// When something has the name, it is replaced in one step, as for a file with a temporary name.
 Status TemporaryFile::rename(const std::string& name) {
+    if (!isUnnamed()) return renameTo(name);
+    if (linkAs(name)) return file_ = {}, Status();
+    if (errno != EEXIST) return fileError(errno);
+    if (auto named = giveTemporaryName(); !named) return named;
+    return renameTo(name);
+}
+
+// AT_EMPTY_PATH needs a privilege or a new kernel.
+bool TemporaryFile::linkAs(const std::string& name) {
+    if (linkat(file_.get(), "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return true;
+    if (errno != ENOENT) return false;
+    const std::string place = "/proc/self/fd/" + std::to_string(file_.get());
+    return linkat(AT_FDCWD, place.c_str(), directory_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+Status TemporaryFile::giveTemporaryName() {
+    const std::string name = randomName();
+    if (!linkAs(name)) return fileError(errno);
+    name_ = name;
+    file_ = {};
+    return {};
+}
+
+Status TemporaryFile::renameTo(const std::string& name) {
     int result = renameat(directory_, name_.c_str(), directory_, name.c_str());
     // rename(2) replaces no directory by a file. An empty one is removed, as a file of that name would be.
     if (result != 0 && errno == EISDIR && unlinkat(directory_, name.c_str(), AT_REMOVEDIR) == 0)

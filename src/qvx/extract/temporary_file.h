@@ -1,4 +1,4 @@
-// A file or symbolic link with a temporary name in its final directory.
+// A file without a name, or a file or symbolic link with a temporary name in its final directory.
 #pragma once
 
 #include <string>
@@ -13,6 +13,9 @@ namespace tarnwick::qvx {
 // create(), createLink() or link() makes the file, finish() completes it, rename() gives it its name. The destructor
 // removes a file that was not renamed. The directory must stay open until then. The subject of an error is the path of
 // the entry.
+//
+// A regular file has no name until then, where the file system can do that: nobody else can open it, nothing is left of
+// it when the program is killed, and to name it costs less than to rename it.
 class TemporaryFile {
 public:
     explicit TemporaryFile(ExtractionRun& run) : run_(run) {}
@@ -35,7 +38,7 @@ public:
     // Completes content and metadata, but not the inode flags; warns of metadata that could not be set.
     Status finish(const EntryTail& tail);
 
-    // The same for a part of a file, which does not become a set-id program.
+    // The same for a part of a file, which does not become a set-id program, and gets a temporary name.
     Status finishPart();
 
     // Replaces what has that name, except a directory that is not empty.
@@ -45,7 +48,7 @@ public:
     void release();
 
     void discard();
-    [[nodiscard]] bool exists() const { return !name_.empty(); }
+    [[nodiscard]] bool exists() const { return file_ || !name_.empty(); }
     [[nodiscard]] const std::string& name() const { return name_; }
 
     // Of the last regular file that was finished.
@@ -54,13 +57,20 @@ public:
 private:
     Status begin(int directory, const EntryHead& head);
     Status chargeData(std::uint64_t bytes);
+    bool createUnnamed();
+    Status createNamed();
     Status openLink();
     Status finishContent();
+    Status closeContent();
+    [[nodiscard]] bool isUnnamed() const { return file_ && name_.empty(); }
+    bool linkAs(const std::string& name);
+    Status giveTemporaryName();
+    Status renameTo(const std::string& name);
     [[nodiscard]] Error fileError(int code) const { return systemError(code, head_.path); }
 
     ExtractionRun& run_;
     EntryHead head_;
-    std::string name_;     // empty: none
+    std::string name_;     // temporary; empty: none
     FileDescriptor file_;  // of what was created; none when another user may have made it, or it is complete
     int directory_ = -1;
     std::uint64_t size_ = 0;

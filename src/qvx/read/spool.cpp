@@ -3,19 +3,21 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "base/random_name.h"
+#include "qvx/format/wire.h"
 
 namespace tarnwick::qvx {
 
 namespace {
 
 constexpr const char* spoolSubject = "temporary file";
+constexpr std::size_t maxRest = 65536;  // bytes
 
 FileDescriptor openUnnamed(const char* directory) {
     return FileDescriptor(directory ? ::open(directory, O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600) : -1);
@@ -34,22 +36,21 @@ FileDescriptor openRemoved(int directory) {
 Result<std::uint64_t> Spool::append(Bytes text) {
     if (!file_)
         if (Status opened = open(); !opened) return opened.error();
-    const std::uint64_t position = size_;
-    const std::uint64_t length = text.size();
-    std::vector<std::uint8_t> bytes(sizeof length);
-    std::memcpy(bytes.data(), &length, sizeof length);
-    bytes.insert(bytes.end(), text.begin(), text.end());
-    if (Status written = write(bytes); !written) return written.error();
+    std::array<std::uint8_t, sizeof(std::uint64_t)> length{};
+    putLittleEndian<sizeof length>(length.data(), text.size());
+    if (rest_.size() + sizeof length + text.size() > maxRest)
+        if (Status written = writeOut(); !written) return written.error();
+    const std::uint64_t position = size_ + rest_.size();
+    rest_.insert(rest_.end(), length.begin(), length.end());
+    rest_.insert(rest_.end(), text.begin(), text.end());
     return position;
 }
 
 Status Spool::read(std::uint64_t position, std::vector<std::uint8_t>& text) const {
     std::array<std::uint8_t, sizeof(std::uint64_t)> bytes{};
     if (Status done = readAt(position, bytes); !done) return done;
-    std::uint64_t length = 0;
-    std::memcpy(&length, bytes.data(), sizeof length);
-    text.resize(static_cast<std::size_t>(length));
-    return readAt(position + sizeof length, text);
+    text.resize(static_cast<std::size_t>(getLittleEndian<sizeof bytes>(bytes.data())));
+    return readAt(position + sizeof bytes, text);
 }
 
 Status Spool::open() {
@@ -70,20 +71,32 @@ Status Spool::openInDirectory() {
     return file_ ? Status() : systemError(errno, spoolSubject);
 }
 
+Status Spool::writeOut() {
+    Status written = write(rest_);
+    if (written) rest_.clear();
+    return written;
+}
+
 Status Spool::write(Bytes bytes) {
     if (Status charged = directory_ >= 0 ? Status() : space_.charge(file_.get(), bytes.size()); !charged)
         return Error{charged.error().text, charged.error().code, spoolSubject};
+    std::uint64_t position = size_;
     while (!bytes.empty()) {
-        const ssize_t count = ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(size_));
+        const ssize_t count = ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return systemError(count < 0 ? errno : EIO, spoolSubject);
-        size_ += static_cast<std::uint64_t>(count);
+        position += static_cast<std::uint64_t>(count);
         bytes = bytes.subspan(static_cast<std::size_t>(count));
     }
+    size_ = position;
     return {};
 }
 
 Status Spool::readAt(std::uint64_t position, MutableBytes bytes) const {
+    if (position >= size_) {
+        std::copy_n(rest_.begin() + static_cast<std::ptrdiff_t>(position - size_), bytes.size(), bytes.begin());
+        return {};
+    }
     while (!bytes.empty()) {
         const ssize_t count = ::pread(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
         if (count < 0 && errno == EINTR) continue;

@@ -11,7 +11,8 @@
 
 namespace tarnwick::qvx {
 
-// The file has no name, and exists only after the first append(). For one thread at a time.
+// The file has no name, and exists only after the first append(). What was appended last is in memory, at most 64 KiB
+// or one text. For one thread at a time.
 class Spool {
 public:
     // The file will be in TMPDIR or /var/tmp, because /tmp is often in memory. It does not fill the disk.
@@ -29,13 +30,15 @@ public:
 private:
     Status open();
     Status openInDirectory();
+    Status writeOut();
     Status write(Bytes bytes);
     Status readAt(std::uint64_t position, MutableBytes bytes) const;
 
     int directory_ = -1;
     FileDescriptor file_;
     FreeSpace space_;
-    std::uint64_t size_ = 0;
+    std::uint64_t size_ = 0;          // of the file
+    std::vector<std::uint8_t> rest_;  // comes after that
 };
 
 }  // namespace tarnwick::qvx
