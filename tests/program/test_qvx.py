@@ -214,7 +214,7 @@ class Qvx(WithKey):
         for number in range(20):
             write(f"{SOURCE}/{number % 4}/{number:02}", os.urandom(1 << 20))
         self.create()
-        self.lay(OUT, "size=16m")
+        self.lay(OUT, "size=17000k")
         for words in ["--limit", "4M"], [], ["--force"], ["--limit", "99999999T"], ["--limit", "1m"], ["--limit", ""]:
             refuse = world.refuse_unnamed_files if words else None
             self.run_qvx("extract", *KEY, *words, "-C", OUT, ARCHIVE, limits=refuse)

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -61,18 +60,26 @@ bool FileWriters::isComplete(const SmallFile& next) const {
 std::vector<WrittenFile> FileWriters::flush() {
     submitBatch();
     Lock lock(mutex_);
-    writeUntil([this] { return batches_.empty(); }, lock, temporary_);
+    writeUntil([this] { return collectDone(), batches_.empty(); }, lock, temporary_);
     return std::exchange(written_, {});
 }
 
 void FileWriters::submitBatch() {
     if (batch_.files.empty()) return;
     Lock lock(mutex_);
-    writeUntil([this] { return batches_.size() < maxBatches; }, lock, temporary_);
+    writeUntil([this] { return collectDone(), batches_.size() < maxBatches; }, lock, temporary_);
     batches_.push_back(std::exchange(batch_, {}));
     changed_.notify_all();
     // No more threads than batches, so that a small archive starts few.
     if (threads_.size() < maxThreads() && threads_.size() < batches_.size()) startThread();
+}
+
+// The caller has allocated the memory. If the threads freed it, they would wait for each other in the allocator.
+void FileWriters::collectDone() {
+    for (auto& batch : done_)
+        for (auto& file : batch.files)
+            if (file.identity) written_.push_back({file.head.number, {std::move(file.head.path), *file.identity}});
+    done_.clear();
 }
 
 void FileWriters::startThread() {
@@ -101,14 +108,11 @@ bool FileWriters::writeNextBatch(Lock& lock, TemporaryFile& temporary) {
     if (batch == batches_.end()) return false;
     batch->started = true;
     lock.unlock();
-    std::vector<WrittenFile> written;
-    for (const auto& file : batch->files)
+    for (auto& file : batch->files)
         // After an interruption, the remaining files are dropped.
-        if (!run_.interrupted() && writeFile(file, temporary))
-            written.push_back({file.head.number, {file.head.path, temporary.identity()}});
+        if (!run_.interrupted()) writeFile(file, temporary);
     lock.lock();
-    std::ranges::move(written, std::back_inserter(written_));
-    batches_.erase(batch);
+    done_.splice(done_.end(), batches_, batch);
     changed_.notify_all();
     return true;
 }
@@ -126,7 +130,7 @@ std::list<FileWriters::Batch>::iterator FileWriters::nextBatch() {
 }
 
 // An exception would end the program when it leaves a thread.
-bool FileWriters::writeFile(const SmallFile& file, TemporaryFile& temporary) {
+void FileWriters::writeFile(SmallFile& file, TemporaryFile& temporary) {
     Status written;
     try {
         written = writeSmallFile(file, temporary);
@@ -136,8 +140,8 @@ bool FileWriters::writeFile(const SmallFile& file, TemporaryFile& temporary) {
         written = systemError(error.code().value(), file.head.path);
     }
     temporary.discard();
-    if (!written) run_.fail(written.error());
-    return static_cast<bool>(written);
+    if (!written) return run_.fail(written.error());
+    file.identity = temporary.identity();
 }
 
 }  // namespace tarnwick::qvx

@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -21,6 +22,7 @@ struct SmallFile {
     EntryHead head;
     EntryTail tail;
     std::vector<std::uint8_t> content;
+    std::optional<FileIdentity> identity = std::nullopt;  // once it is on disk
 };
 
 struct WrittenFile {
@@ -54,22 +56,24 @@ private:
 
     [[nodiscard]] bool isComplete(const SmallFile& next) const;
     void submitBatch();
+    void collectDone();
     void startThread();
     void runThread();
     template <typename Condition>
     void writeUntil(Condition condition, Lock& lock, TemporaryFile& temporary);
     bool writeNextBatch(Lock& lock, TemporaryFile& temporary);
     std::list<Batch>::iterator nextBatch();
-    bool writeFile(const SmallFile& file, TemporaryFile& temporary);
+    void writeFile(SmallFile& file, TemporaryFile& temporary);
 
     ExtractionRun& run_;
-    Batch batch_;              // of the files added last; not given to the threads yet
+    Batch batch_;  // of the files added last; not given to the threads yet
+    std::vector<WrittenFile> written_;
     TemporaryFile temporary_;  // for the caller
 
     std::mutex mutex_;
     std::condition_variable changed_;  // batches_ or closed_
     std::list<Batch> batches_;         // in the order of submission; those in progress too
-    std::vector<WrittenFile> written_;
+    std::list<Batch> done_;            // to be freed by the caller
     bool closed_ = false;
     std::vector<std::jthread> threads_;  // last: they use all of the above
 };

@@ -182,7 +182,7 @@ void TemporaryFile::release() {
 }
 
 void TemporaryFile::discard() {
-    if (exists()) unlinkat(directory_, name_.c_str(), 0);
+    if (!name_.empty()) unlinkat(directory_, name_.c_str(), 0);
     name_.clear();
     file_ = {};
 }

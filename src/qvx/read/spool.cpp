@@ -37,8 +37,12 @@ Result<std::uint64_t> Spool::append(Bytes text) {
     if (!file_)
         if (Status opened = open(); !opened) return opened.error();
     std::array<std::uint8_t, sizeof(std::uint64_t)> length{};
+    // A full disk is reported at once, although the text may stay in memory.
+    const std::uint64_t size = sizeof length + text.size();
+    if (Status charged = directory_ >= 0 ? Status() : space_.charge(file_.get(), size); !charged)
+        return Error{charged.error().text, charged.error().code, spoolSubject};
     putLittleEndian<sizeof length>(length.data(), text.size());
-    if (rest_.size() + sizeof length + text.size() > maxRest)
+    if (rest_.size() + size > maxRest)
         if (Status written = writeOut(); !written) return written.error();
     const std::uint64_t position = size_ + rest_.size();
     rest_.insert(rest_.end(), length.begin(), length.end());
@@ -78,8 +82,6 @@ Status Spool::writeOut() {
 }
 
 Status Spool::write(Bytes bytes) {
-    if (Status charged = directory_ >= 0 ? Status() : space_.charge(file_.get(), bytes.size()); !charged)
-        return Error{charged.error().text, charged.error().code, spoolSubject};
     std::uint64_t position = size_;
     while (!bytes.empty()) {
         const ssize_t count = ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(position));
