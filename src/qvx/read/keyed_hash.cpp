@@ -1,9 +1,14 @@
 #include "qvx/read/keyed_hash.h"
 
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+
 #include <algorithm>
-#include <bit>
+#include <memory>
+#include <new>
 #include <random>
 
+#include "base/handle.h"
 #include "qvx/format/wire.h"
 
 namespace tarnwick::qvx {
@@ -12,6 +17,9 @@ namespace {
 
 constexpr std::size_t wordSize = 8;
 
+using Mac = std::unique_ptr<EVP_MAC, FreeWith<EVP_MAC_free>>;
+using MacContext = std::unique_ptr<EVP_MAC_CTX, FreeWith<EVP_MAC_CTX_free>>;
+
 KeyedHash::Key randomKey() {
     KeyedHash::Key key{};
     std::random_device random;
@@ -19,70 +27,33 @@ KeyedHash::Key randomKey() {
     return key;
 }
 
-// The names are those of the publication.
-class SipHash {
-public:
-    explicit SipHash(const KeyedHash::Wide& key)
-        : v0_(key[0] ^ 0x736f6d6570736575),
-          v1_(key[1] ^ 0x646f72616e646f6d ^ 0xee),
-          v2_(key[0] ^ 0x6c7967656e657261),
-          v3_(key[1] ^ 0x7465646279746573) {}
+void expect(int result) {
+    if (result != 1) throw std::bad_alloc();
+}
 
-    void add(std::uint64_t word) {
-        v3_ ^= word;
-        rounds<2>();
-        v0_ ^= word;
-    }
-
-    KeyedHash::Wide finish() {
-        v2_ ^= 0xee;
-        const std::uint64_t first = finishHalf();
-        v1_ ^= 0xdd;
-        return {first, finishHalf()};
-    }
-
-private:
-    std::uint64_t finishHalf() {
-        rounds<4>();
-        return v0_ ^ v1_ ^ v2_ ^ v3_;
-    }
-
-    template <int Count>
-    void rounds() {
-        for (int i = 0; i < Count; ++i) round();
-    }
-
-    void round() {
-        v0_ += v1_;
-        v2_ += v3_;
-        v1_ = std::rotl(v1_, 13) ^ v0_;
-        v3_ = std::rotl(v3_, 16) ^ v2_;
-        v0_ = std::rotl(v0_, 32) + v3_;
-        v2_ += v1_;
-        v3_ = std::rotl(v3_, 21) ^ v0_;
-        v1_ = std::rotl(v1_, 17) ^ v2_;
-        v2_ = std::rotl(v2_, 32);
-    }
-
-    std::uint64_t v0_, v1_, v2_, v3_;
-};
+MacContext newContext() {
+    static const Mac mac(EVP_MAC_fetch(nullptr, "SIPHASH", nullptr));
+    MacContext context(mac ? EVP_MAC_CTX_new(mac.get()) : nullptr);
+    std::size_t size = sizeof(KeyedHash::Wide);
+    const OSSL_PARAM params[] = {OSSL_PARAM_construct_size_t(OSSL_MAC_PARAM_SIZE, &size), OSSL_PARAM_construct_end()};
+    expect(context ? EVP_MAC_CTX_set_params(context.get(), params) : 0);
+    return context;
+}
 
 }  // namespace
 
 KeyedHash::KeyedHash() : KeyedHash(randomKey()) {}
 
-KeyedHash::KeyedHash(const Key& key)
-    : key_{getLittleEndian<wordSize>(key.data()), getLittleEndian<wordSize>(&key[wordSize])} {}
-
+// One context for each thread: to make one takes longer than a hash.
 KeyedHash::Wide KeyedHash::wide(Bytes text) const {
-    SipHash hash(key_);
-    Bytes rest = text;
-    for (; rest.size() >= wordSize; rest = rest.subspan(wordSize)) hash.add(getLittleEndian<wordSize>(rest.data()));
-    std::array<std::uint8_t, wordSize> last{};
-    std::ranges::copy(rest, last.begin());
-    last.back() = static_cast<std::uint8_t>(text.size());
-    hash.add(getLittleEndian<wordSize>(last.data()));
-    return hash.finish();
+    thread_local const MacContext context = newContext();
+    std::array<std::uint8_t, sizeof(Wide)> result{};
+    std::size_t length = 0;
+    // With the key each time: without it, the calculation would not begin anew.
+    expect(EVP_MAC_init(context.get(), key_.data(), key_.size(), nullptr));
+    expect(EVP_MAC_update(context.get(), text.data(), text.size()));
+    expect(EVP_MAC_final(context.get(), result.data(), &length, result.size()));
+    return {getLittleEndian<wordSize>(result.data()), getLittleEndian<wordSize>(&result[wordSize])};
 }
 
 std::uint64_t KeyedHash::operator()(std::string_view text) const {
