@@ -12,6 +12,8 @@ namespace tarnwick::qvx {
 
 namespace {
 
+constexpr std::size_t maxCached = 4194304;  // bytes that the disk has not been asked to write
+
 constexpr mode_t archiveMode = 0644;
 constexpr std::string_view hiddenPrefix = ".qvx-";
 
@@ -72,8 +74,16 @@ Status ArchiveOutput::create() {
 }
 
 ArchiveWriter::Sink ArchiveOutput::sink() const {
-    return [write = fileSink(file_ ? file_->descriptor() : STDOUT_FILENO, path_)](Bytes bytes) {
-        return interrupted() ? Status(Error{"interrupted"}) : write(bytes);
+    const int file = file_ ? file_->descriptor() : STDOUT_FILENO;
+    return [write = fileSink(file, path_), file, cached = std::size_t{0}](Bytes bytes) mutable -> Status {
+        if (interrupted()) return Error{"interrupted"};
+        if (Status written = write(bytes); !written) return written;
+        cached += bytes.size();
+        if (cached < maxCached) return {};
+        // The disk writes while the next blocks are compressed, and place() waits for less. Does nothing to a pipe.
+        ::sync_file_range(file, 0, 0, SYNC_FILE_RANGE_WRITE);
+        cached = 0;
+        return {};
     };
 }
 
