@@ -75,15 +75,17 @@ Status ArchiveOutput::create() {
 
 ArchiveWriter::Sink ArchiveOutput::sink() const {
     const int file = file_ ? file_->descriptor() : STDOUT_FILENO;
-    return [write = fileSink(file, path_), file, cached = std::size_t{0}](Bytes bytes) mutable -> Status {
+    return [write = fileSink(file, path_), file, path = path_, cached = std::size_t{0}](Bytes bytes) mutable -> Status {
         if (interrupted()) return Error{"interrupted"};
         if (Status written = write(bytes); !written) return written;
         cached += bytes.size();
         if (cached < maxCached) return {};
-        // The disk writes while the next blocks are compressed, and place() waits for less. Does nothing to a pipe.
-        ::sync_file_range(file, 0, 0, SYNC_FILE_RANGE_WRITE);
         cached = 0;
-        return {};
+        // The disk writes while the next blocks are compressed, and place() waits for less.
+        if (::sync_file_range(file, 0, 0, SYNC_FILE_RANGE_WRITE) == 0) return {};
+        // Not a failure for a pipe, or for a file system without this call.
+        const bool unsupported = errno == ESPIPE || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+        return unsupported ? Status() : systemError(errno, path);
     };
 }
 
