@@ -4,6 +4,7 @@ import ctypes
 import json
 import os
 import re
+import resource
 import signal
 import subprocess
 
@@ -229,6 +230,15 @@ class Qvx(WithKey):
                 self.frozen("list", "order", "--full", environment={"TMPDIR": OUT})
             self.assertEqual(call("find", OUT, "-name", ".qvx*"), "")
             world.clear(OUT)
+
+    def test_few_descriptors_are_enough(self):
+        for number in range(300):
+            write(f"{SOURCE}/{number}/large", bytes(70000))
+            write(f"{SOURCE}/{number}/small", "text")
+        few = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
+        self.create(limits=few)
+        self.run_qvx("extract", *KEY, "-C", OUT, ARCHIVE, limits=few)
+        self.assertEqual(call("diff", "-r", SOURCE, OUT + SOURCE), "")
 
     def test_reports_what_an_archive_lacks(self):
         shell(SOURCE, """mkdir -m 0 closed; mkdir -m 744 listed; mkfifo fifo; touch listed/file; echo -n x >secret

@@ -67,7 +67,10 @@ std::optional<Result<FoundFiles>> readDirectory(const std::string& path, std::si
     return files;
 }
 
-std::size_t countOf(const std::optional<Result<FoundFiles>>& files) { return files && *files ? (*files)->size() : 0; }
+// With the directory itself, which needs memory even if it is empty.
+std::size_t countOf(const std::optional<Result<FoundFiles>>& files) {
+    return 1 + (files && *files ? (*files)->size() : 0);
+}
 
 }  // namespace
 

@@ -77,7 +77,7 @@ private:
     std::condition_variable finished_;
     std::set<std::string, DepthFirst> needed_;  // and not begun
     std::map<std::string, Begun> begun_;        // and not returned
-    std::size_t filesAhead_ = 0;                // in begun_
+    std::size_t filesAhead_ = 0;                // in begun_, with the directories themselves
     bool closing_ = false;
     bool failed_ = false;  // a thread ran out of memory
 

@@ -1,5 +1,7 @@
 #include "qvx/extract/file_writers.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <new>
@@ -11,13 +13,22 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t maxBatchFiles = 128;
-constexpr std::size_t maxDirectories = 32;  // of one batch
 
 // A batch that has so many files ends with its directory, so that the next one need not wait for it.
 constexpr std::size_t enoughBatchFiles = 64;
 constexpr std::size_t maxBatchBytes = 1048576;
 // And the one that is being filled: 8 MiB together.
 constexpr std::size_t maxBatches = 7;
+
+// Of one batch. All batches together have at most as many open as half of the limit of the process.
+std::size_t maxDirectories() {
+    static const std::size_t directories = [] {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        return std::clamp<std::size_t>(limit.rlim_cur / 2 / (maxBatches + 1), 1, 32);
+    }();
+    return directories;
+}
 
 std::size_t maxThreads() {
     static const std::size_t threads = std::clamp(std::thread::hardware_concurrency(), 1U, 8U);
@@ -53,7 +64,7 @@ bool FileWriters::isComplete(const SmallFile& next) const {
     const auto& files = batch_.files;
     if (files.empty()) return false;
     const bool full = files.size() == maxBatchFiles || batch_.bytes + memoryOf(next) > maxBatchBytes;
-    const bool enough = files.size() >= enoughBatchFiles || batch_.directories == maxDirectories;
+    const bool enough = files.size() >= enoughBatchFiles || batch_.directories == maxDirectories();
     return full || (enough && files.back().directory != next.directory);
 }
 

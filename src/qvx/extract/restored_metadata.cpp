@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "base/visible_text.h"
@@ -101,10 +103,9 @@ private:
 
     // To remove a list that is not there would change the inode.
     void removeList(const char* attribute) {
-        const bool removed = !change(fgetxattr, getxattr, attribute, nullptr, std::size_t{0})
-                                 ? errno == ENODATA || errno == ENOTSUP
-                                 : change(fremovexattr, removexattr, attribute);
-        if (!removed) warn(errno, "inherited access control list");
+        const bool removed = change(fgetxattr, getxattr, attribute, nullptr, std::size_t{0}) &&
+                             change(fremovexattr, removexattr, attribute);
+        if (!removed && errno != ENODATA && errno != ENOTSUP) warn(errno, "inherited access control list");
     }
 
     [[nodiscard]] bool hasMode(mode_t mode) const {
@@ -119,7 +120,9 @@ private:
     template <typename OfFile, typename OfPath, typename... Arguments>
     bool change(OfFile ofFile, OfPath ofPath, Arguments... arguments) const {
         if (isOpen()) return ofFile(file_, arguments...) >= 0;
-        return ofPath(("/proc/self/fd/" + std::to_string(file_)).c_str(), arguments...) >= 0;
+        std::array<char, 32> path{};  // not a string: to free it might change errno
+        std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", file_);
+        return ofPath(path.data(), arguments...) >= 0;
     }
 
     // `code` is evaluated before any text is built, which could change errno.

@@ -1,10 +1,13 @@
 #include "qvx/extract/temporary_file.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 
@@ -20,6 +23,16 @@ std::string randomName() { return ".qvx-" + randomDigits(); }
 // Before Linux 6.10, users can give a name to an unnamed file only by way of /proc.
 bool canLinkUnnamed() {
     static const bool can = access("/proc/self/fd", X_OK) == 0;
+    return can;
+}
+
+// The kernel may refuse a link to a file of another owner, but not to rename it.
+bool canLinkFilesOfOthers() {
+    static const bool can = [] {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};
+        return syscall(SYS_capget, &header, data.data()) == 0 && (data[0].effective >> CAP_FOWNER & 1) != 0;
+    }();
     return can;
 }
 
@@ -41,7 +54,7 @@ Status TemporaryFile::create(int directory, const EntryHead& head) {
 
 // With its final mode, which saves a call; but the owner must be able to write to it, to set its attributes.
 bool TemporaryFile::createUnnamed() {
-    if (!canLinkUnnamed()) return false;
+    if (!canLinkUnnamed() || (run_.preserves() && !canLinkFilesOfOthers())) return false;
     const mode_t mode = restoredMode(run_, head_) & 0777;
     file_ = FileDescriptor(openat(directory_, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, mode & S_IWUSR ? mode : 0600));
     return static_cast<bool>(file_);
@@ -142,23 +155,24 @@ Status TemporaryFile::finishContent() {
 // When something has the name, it is replaced in one step, as for a file with a temporary name.
 Status TemporaryFile::rename(const std::string& name) {
     if (!isUnnamed()) return renameTo(name);
-    if (linkAs(name)) return file_ = {}, Status();
-    if (errno != EEXIST) return fileError(errno);
+    const int error = linkAs(name);
+    if (error == 0) return file_ = {}, Status();
+    if (error != EEXIST) return fileError(error);
     if (auto named = giveTemporaryName(); !named) return named;
     return renameTo(name);
 }
 
 // AT_EMPTY_PATH needs a privilege or a new kernel.
-bool TemporaryFile::linkAs(const std::string& name) {
-    if (linkat(file_.get(), "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return true;
-    if (errno != ENOENT) return false;
+int TemporaryFile::linkAs(const std::string& name) {
+    if (linkat(file_.get(), "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return 0;
+    if (errno != ENOENT) return errno;
     const std::string place = "/proc/self/fd/" + std::to_string(file_.get());
-    return linkat(AT_FDCWD, place.c_str(), directory_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    return linkat(AT_FDCWD, place.c_str(), directory_, name.c_str(), AT_SYMLINK_FOLLOW) == 0 ? 0 : errno;
 }
 
 Status TemporaryFile::giveTemporaryName() {
     const std::string name = randomName();
-    if (!linkAs(name)) return fileError(errno);
+    if (const int error = linkAs(name); error != 0) return fileError(error);
     name_ = name;
     file_ = {};
     return {};

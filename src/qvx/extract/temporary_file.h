@@ -63,7 +63,7 @@ private:
     Status finishContent();
     Status closeContent();
     [[nodiscard]] bool isUnnamed() const { return file_ && name_.empty(); }
-    bool linkAs(const std::string& name);
+    int linkAs(const std::string& name);  // the errno value of a failure, or 0
     Status giveTemporaryName();
     Status renameTo(const std::string& name);
     [[nodiscard]] Error fileError(int code) const { return systemError(code, head_.path); }

@@ -47,6 +47,10 @@ Result<std::uint64_t> Spool::append(Bytes text) {
     const std::uint64_t position = size_ + rest_.size();
     rest_.insert(rest_.end(), length.begin(), length.end());
     rest_.insert(rest_.end(), text.begin(), text.end());
+    if (rest_.size() <= maxRest) return position;
+    // Not kept until the next call: it may be of many MiB.
+    if (Status written = writeOut(); !written) return written.error();
+    rest_ = {};
     return position;
 }
 

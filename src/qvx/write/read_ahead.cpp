@@ -1,5 +1,7 @@
 #include "qvx/write/read_ahead.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <new>
@@ -10,6 +12,13 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes reserved for each entry, which may be a link
+
+// So many that all batches together have at most half of the files open that this process may open.
+std::size_t entriesOfEach(std::size_t batches) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return std::clamp<std::size_t>(limit.rlim_cur / 2 / batches, 1, ReadAhead::batchEntries);
+}
 
 void readBatch(std::span<DiskEntry> entries, MutableBytes buffer, DiskEntryReader& reader) {
     for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -25,7 +34,7 @@ void readBatch(std::span<DiskEntry> entries, MutableBytes buffer, DiskEntryReade
 }  // namespace
 
 ReadAhead::ReadAhead(const PathList& list, unsigned threads)
-    : batches_(std::max<std::size_t>(threads, minDepth)), cursor_(list) {
+    : batches_(std::max<std::size_t>(threads, minDepth)), maxEntries_(entriesOfEach(batches_.size())), cursor_(list) {
     for (auto& batch : batches_) batch.contents.resize(batchBytes);
     try {
         while (workers_.size() < threads) workers_.emplace_back([this] { work(); });
@@ -91,7 +100,7 @@ ReadAhead::Batch* ReadAhead::begin(std::unique_lock<std::mutex>& lock) {
     if (closing_ || listEnded_) return nullptr;
     Batch& batch = batches_[begun_ % batches_.size()];
     batch.count = 0;
-    while (batch.count < batchEntries) {
+    while (batch.count < maxEntries_) {
         const PathList::Entry* listed = cursor_.next();
         listEnded_ = !listed;
         if (listEnded_) break;

@@ -3,7 +3,7 @@
 // their beginning is requested.
 //
 // Memory: as many batches as threads, but at least 8, each with `batchBytes` for contents. Open files: at most one for
-// each entry of all batches.
+// each entry of all batches, and at most half of the limit of the process.
 #pragma once
 
 #include <array>
@@ -48,6 +48,7 @@ private:
 
     // Batch number n is in batches_[n % batches_.size()].
     std::vector<Batch> batches_;
+    const std::size_t maxEntries_;  // of a batch
 
     std::mutex mutex_;
     std::condition_variable free_;
