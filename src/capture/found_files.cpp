@@ -50,8 +50,8 @@ std::string_view firstPathIn(std::string_view output, std::string_view separator
 
 }  // namespace
 
-// Paths are passed on while the kernel still has their names at hand from the check. Only those that may yet be joined
-// are kept.
+// Each path is used soon after it is checked, when the kernel still has its name in the cache. The last ones are kept,
+// because they may be joined.
 void forEachFoundPath(std::string_view output, const fs::path& directory, const std::function<void(std::string)>& use) {
     const std::string separator = "\n" + (directory / "").native();
     std::deque<std::string> last;

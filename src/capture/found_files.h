@@ -15,7 +15,7 @@
 
 namespace tarnwick {
 
-// In the order found, duplicates kept. Texts, because a std::filesystem::path needs ten times the memory.
+// In the order found, duplicates kept. Texts, because a std::filesystem::path needs five times the memory.
 using FilesList = std::vector<std::string>;
 
 // Calls `use` with each path in the output of a search below `directory`, in order. `find` ends each path with a line

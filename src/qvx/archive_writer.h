@@ -33,12 +33,11 @@ public:
     // Reads every entry of `list` from the disk with exactly `readers` threads and completes the archive; can be called
     // once. On success the whole archive has been given to the sink. A file that shrinks or grows while it is read is
     // stored as it was read. A file that exists but cannot be read in full (EIO, EACCES) is stored as far as possible.
-    // Such entries are incomplete; write() returns them in ascending order. With Unreadable::fail, the first one is a
-    // failure. A file that has vanished or is no longer
-    // what the list says is a failure, and the error names it. A guarded entry is opened only in the directory in which
-    // it was listed, even if another directory has that path by now. If the name in that directory belongs to another
-    // file by now, that file is stored, because logs are rotated; but it must be of the same kind, on the same device,
-    // and without a second link.
+    // Such entries are incomplete; write() returns them in ascending order. With Unreadable::fail, the first one that
+    // is reached is a failure. A file that has vanished or is no longer what the list says is a failure, and the error
+    // names it. A guarded entry is opened only in the directory in which it was listed, even if another directory has
+    // that path by now. If the name in that directory belongs to another file by now, that file is stored, because logs
+    // are rotated; but it must be of the same kind, on the same device, and without a second link.
     Result<std::vector<IncompleteEntry>> write(const PathList& list, FieldMask fields, unsigned readers,
                                                Unreadable unreadable = Unreadable::mark, EncodingReports reports = {});
 

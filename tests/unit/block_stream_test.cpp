@@ -62,6 +62,21 @@ TEST(BlockStream, GivesEachKindALeaderThatHasNothingElse) {
     EXPECT_EQ(leaders, expected);
 }
 
+TEST(BlockStream, SharesALeaderWithBytesOfAnotherKind) {
+    std::vector<bool> leads;
+    const auto note = [&](Bytes block) {
+        leads.push_back(decodeBlockHeader(block)->flags & blockLeader);
+        return Status();
+    };
+    BlockStream stream(MessageKeys(), 2, note, leaderForEachKind(16));
+    for (const std::uint32_t kind : {1U, 1U, 1U, 2U, 2U, 2U, 2U, 2U}) {
+        stream.setKind(kind);
+        stream.put(std::vector<std::uint8_t>(blockSize / 2));
+    }
+    ASSERT_TRUE(stream.drain());
+    EXPECT_EQ(leads, (std::vector<bool>{true, false, true, false}));
+}
+
 TEST(BlockStream, FailsWhenAnArchiveWouldHaveTooManyBlocks) {
     std::size_t written = 0;
     const auto count = [&](Bytes) { return ++written, Status(); };

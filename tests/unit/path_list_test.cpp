@@ -52,6 +52,7 @@ TEST(StoredOrder, GathersSixteenFilesOfOneExtension) {
         list.append({"/d/" + letter + number + ".log", EntryType::file, 1, i});
         list.append({"/d" + number + "/report.txt" + number, EntryType::file, 1, i});
         list.append({"/e" + number + ".log", EntryType::directory, 1, i});
+        list.append({"/d/" + letter + ".gz", EntryType::file, 1, i});
         if (i > 0) list.append({"/d/" + letter + ".rare", EntryType::file, 1, i});
     }
     StoredOrder order(list);

@@ -33,21 +33,17 @@ Result<DirectoryHandle> openListed(const std::string& path) {
 
 // The errno value of a failure. A directory may be readable without permission to reach the files in it. Mostly it says
 // what kind of file each is, which is enough to store the file as unreadable.
-int readStatus(int directory, const dirent& entry, struct stat& status) {
-    if (fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) return 0;
-    const int error = errno;
-    if (!isUnreadable(error) || entry.d_type == DT_UNKNOWN || fstat(directory, &status) != 0) return error;
-    status.st_mode = static_cast<mode_t>(DTTOIF(entry.d_type));
-    status.st_ino = entry.d_ino;
-    status.st_size = 0;
-    return 0;
-}
-
-FoundFile find(int directory, const dirent& entry) {
+int readStatus(int directory, FoundFile& file) {
     struct stat status {};
-    const int error = readStatus(directory, entry, status);
-    const auto size = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
-    return {entry.d_name, status.st_mode, error, status.st_dev, status.st_ino, size};
+    if (fstatat(directory, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        const auto size = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
+        file = {std::move(file.name), 0, status.st_mode, status.st_dev, status.st_ino, size};
+        return 0;
+    }
+    const int error = errno;
+    if (!isUnreadable(error) || file.mode == 0 || fstat(directory, &status) != 0) return error;
+    file.device = status.st_dev;
+    return 0;
 }
 
 // None if the files are more than `max`. The iterator of the standard library would end the process when memory runs
@@ -60,9 +56,10 @@ std::optional<Result<FoundFiles>> readDirectory(const std::string& path, std::si
         const std::string_view name = entry->d_name;
         if (name == "." || name == "..") continue;
         if (files.size() == max) return std::nullopt;
-        files.push_back(find(dirfd(directory->get()), *entry));
+        files.push_back({entry->d_name, 0, static_cast<mode_t>(DTTOIF(entry->d_type)), 0, entry->d_ino, 0});
     }
     if (errno != 0) return systemError(errno);
+    for (FoundFile& file : files) file.error = readStatus(dirfd(directory->get()), file);
     std::ranges::sort(files, {}, &FoundFile::name);
     return files;
 }

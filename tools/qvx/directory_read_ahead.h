@@ -26,8 +26,8 @@ namespace tarnwick::qvx {
 // A file in a directory.
 struct FoundFile {
     std::string name;
+    int error = 0;  // errno value: the members after it mean nothing
     mode_t mode = 0;
-    int error = 0;  // errno value: the members around it mean nothing
     dev_t device = 0;
     ino_t inode = 0;
     std::uint64_t size = 0;  // bytes
@@ -49,8 +49,8 @@ public:
     DirectoryReadAhead(const DirectoryReadAhead&) = delete;
     DirectoryReadAhead& operator=(const DirectoryReadAhead&) = delete;
 
-    // The files in the directory at `path`, which is absolute and normal. Those of its directories that the threads
-    // have not read yet are read by this function. For one caller at a time. Throws std::bad_alloc.
+    // The files in the directory at `path`, which is absolute and normal. Reads it itself if no
+    // thread has begun to. For one caller at a time. Throws std::bad_alloc.
     Result<FoundFiles> read(const std::string& path);
 
 private:

@@ -34,8 +34,8 @@ struct EncodingReports {
     std::function<void(std::uint64_t bytes)> content = nullptr;    // so many more, holes included
 };
 
-// Encodes one archive. Memory: 40 bytes for each entry, and what StoredOrder needs. Throws std::bad_alloc and
-// std::system_error.
+// Encodes one archive. Memory: 40 bytes for each entry until all are stored, and what StoredOrder needs. Throws
+// std::bad_alloc and std::system_error.
 class ArchiveEncoder {
 public:
     // `readers` threads read from the disk.

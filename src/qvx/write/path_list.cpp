@@ -58,6 +58,15 @@ void PathList::append(const PathList& other) {
     while (const Entry* entry = cursor.next()) append(*entry);
 }
 
+void PathList::append(PathList&& other) {
+    if (count_ == 0) devices_ = other.devices_;
+    if (devices_ != other.devices_) return append(std::as_const(other));
+    for (Piece& piece : other.pieces_) pieces_.push_back({count_ + piece.first, std::move(piece.coded)});
+    count_ += other.count_;
+    last_ = other.last_;
+    other = {};
+}
+
 std::string PathList::pathOf(std::uint64_t number) const {
     const auto after = std::upper_bound(pieces_.begin(), pieces_.end(), number,
                                         [](std::uint64_t key, const Piece& piece) { return key < piece.first; });

@@ -35,6 +35,7 @@ struct PathList {
 
     void append(const Entry& entry);
     void append(const PathList& other);
+    void append(PathList&& other);  // needs no more memory than `other` had, if both have the same devices
     [[nodiscard]] std::uint64_t size() const { return count_; }
     [[nodiscard]] std::string pathOf(std::uint64_t number) const;  // counted from 0
 

@@ -35,6 +35,7 @@ std::vector<std::uint8_t> countExtensions(const PathList& list) {
         std::uint8_t& count = counts[extensionOf(*entry)];
         if (count < StoredOrder::minKind) ++count;
     }
+    counts[0] = 0;  // no kind
     return counts;
 }
 
@@ -42,6 +43,7 @@ std::vector<std::uint8_t> countExtensions(const PathList& list) {
 
 StoredOrder::StoredOrder(const PathList& list) : listed_(list) {
     const auto counts = countExtensions(list);
+    if (std::ranges::find(counts, minKind) == counts.end()) return;
     std::map<std::uint32_t, Group> groups;
     PathList::Cursor cursor(list);
     for (std::uint32_t number = 0; const PathList::Entry* entry = cursor.next(); ++number) {
@@ -56,8 +58,8 @@ StoredOrder::StoredOrder(const PathList& list) : listed_(list) {
 void StoredOrder::gather(std::map<std::uint32_t, Group>& groups) {
     numbers_.reserve(listed_.size());
     while (!groups.empty()) {
-        const auto group = groups.extract(groups.begin());
-        stored_.append(group.mapped().list);
+        auto group = groups.extract(groups.begin());
+        stored_.append(std::move(group.mapped().list));
         numbers_.insert(numbers_.end(), group.mapped().numbers.begin(), group.mapped().numbers.end());
         ends_.emplace_back(numbers_.size(), group.key());
     }

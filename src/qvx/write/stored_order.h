@@ -1,6 +1,6 @@
 // The order in which the entries of a path list are stored. Files that resemble each other come one after the other, so
-// that they share blocks and leaders: archives of small files become an eighth smaller. The number of an entry is still
-// its place in the list.
+// that they share blocks and leaders: archives of small files become up to a tenth smaller. The number of an entry is
+// still its place in the list.
 #pragma once
 
 #include <cstdint>
