@@ -8,9 +8,9 @@
 
 namespace tarnwick::qvx {
 
-// SipHash-2-4 with a result of 128 bits. Without the key, nobody can choose two texts with the same hash: two given
-// texts have it with a probability of 1 in 2^64 or 2^128. Any number of threads may use one object. Throws
-// std::bad_alloc when the library fails.
+// SipHash-2-4 with a result of 128 bits. The key is secret and random. So two texts that an archive chooses have the
+// same hash with a probability of 1 in 2^128; for operator(), 1 in 2^64. Any number of threads may use one object.
+// Throws std::bad_alloc when the library fails.
 class KeyedHash {
 public:
     using Key = std::array<std::uint8_t, 16>;
