@@ -1,4 +1,5 @@
 #include "qvx/archive_writer.h"
+#include "qvx/write/stored_order.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -33,6 +34,31 @@ TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
         entries.insert(entries.end(), 2000,
                        path.string().substr(1) + '=' + (fs::is_directory(path) ? "" : contentOf(path)));
     expectEntries(writeArchive(guardedList(paths)), entries);
+}
+
+// Long paths, so that the rest of the first section is too short for a part of the index.
+TEST_F(ArchiveWriting, OrdersALongListInSections) {
+    Seen longPaths, paths, stored;
+    for (const char letter : {'a', 'b'}) {
+        std::string path = folder_.path;
+        for (int i = 0; i < 10; ++i) path += '/' + std::string(200, letter);
+        fs::create_directories(path);
+        longPaths.push_back(path);
+    }
+    const std::string file = folder_.write("f.txt", "f");
+    const auto add = [&](std::size_t files, std::size_t directories) {
+        paths.insert(paths.end(), files, file);
+        for (std::size_t i = 0; i < directories; ++i) paths.push_back(longPaths[i % 2]);
+        for (std::size_t i = 0; i < directories; ++i) stored.push_back(longPaths[i % 2].substr(1) + '=');
+        stored.insert(stored.end(), files, file.substr(1) + "=f");
+    };
+    add(StoredOrder::maxSection - 300, 300);
+    add(50, 60);
+    Reading reading(writeArchive(guardedList(paths)));
+    for (auto& path : paths) path.erase(0, 1);
+    EXPECT_EQ(reading.listed(), paths);
+    EXPECT_EQ(reading.all(), stored);
+    EXPECT_EQ(reading.faults, "");
 }
 
 void expectFields(const ByteVector& archive, const Seen& expected) { expectEntries<FieldsSink>(archive, expected); }

@@ -8,7 +8,6 @@
 
 #include "base/file_reading.h"
 #include "qvx/write/read_ahead.h"
-#include "qvx/write/stored_order.h"
 
 namespace tarnwick::qvx {
 
@@ -65,16 +64,26 @@ Status ArchiveEncoder::write(const PathList& list) {
     ::clock_gettime(CLOCK_REALTIME_COARSE, &started_);
     list_ = &list;
     stored_.emplace(list);
-    indexed_.resize(list.size());
-    const StoredOrder order(list);
-    ReadAhead ahead(order.list(), readers_);
+    PathList::Cursor cursor(list);
+    while (root_.entries < list.size()) {
+        const PathList::Cursor start(cursor);
+        if (Status written = writeSection(StoredOrder(cursor)); !written) return written;
+        writeIndex(start);
+    }
+    return complete();
+}
+
+Status ArchiveEncoder::writeSection(const StoredOrder& section) {
+    sectionStart_ = root_.entries;
+    indexed_.resize(section.list().size());
+    ReadAhead ahead(section.list(), readers_);
     for (std::uint64_t position = 0; DiskEntry* source = ahead.next(); ++position) {
-        source->head.number = order.number(position);
-        stream_.setKind(order.kind(position));
+        source->head.number = sectionStart_ + section.place(position);
+        stream_.setKind(section.kind(position));
         if (Status written = writeEntry(*source); !written) return written;
         if (Status status = stream_.status(); !status) return status;
     }
-    return complete();
+    return {};
 }
 
 Status ArchiveEncoder::writeEntry(DiskEntry& source) {
@@ -291,7 +300,7 @@ void ArchiveEncoder::writeTail(Entry& entry) {
 
 void ArchiveEncoder::keepForIndex(const Entry& entry) {
     const EntryHead& head = entry.source.head;
-    Indexed& kept = indexed_[head.number];
+    Indexed& kept = indexed_[head.number - sectionStart_];
     kept.block = entry.place.block;
     kept.offset = entry.place.offset;
     kept.span = static_cast<std::uint32_t>(entry.lastBlock - entry.place.block);
@@ -324,18 +333,18 @@ std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     return block;
 }
 
-// All parts are together, so that a reader over a network needs few requests.
-void ArchiveEncoder::writeIndex() {
-    PathList::Cursor cursor(*list_);
+// All parts of a section are together, so that a reader over a network needs few requests. The rest of the section is
+// left for the next part if it is too short for a part.
+void ArchiveEncoder::writeIndex(PathList::Cursor section) {
     IndexEntry entry;
     for (const Indexed& kept : indexed_) {
-        entry = {kept.block,     kept.offset, kept.span,    kept.type, cursor.next()->path.substr(1),
+        entry = {kept.block,     kept.offset, kept.span,    kept.type, section.next()->path.substr(1),
                  kept.mode,      kept.userId, kept.groupId, kept.size, kept.modifiedSeconds,
                  kept.incomplete};
         part_.add(entry);
         if (part_.size() >= indexPartSize && part_.count() >= minIndexPartEntries) writeIndexPart();
     }
-    if (part_.count() > 0) writeIndexPart();
+    if (part_.count() >= minIndexPartEntries) writeIndexPart();
 }
 
 void ArchiveEncoder::writeIndexPart() {
@@ -352,7 +361,7 @@ void ArchiveEncoder::writeIndexPart() {
 
 Status ArchiveEncoder::complete() {
     std::ranges::sort(incomplete_, {}, &IncompleteEntry::number);
-    writeIndex();
+    if (part_.count() > 0) writeIndexPart();
     stream_.pad();
     // The root lists the sealed lengths of all blocks before it, so they must be written first.
     if (Status drained = stream_.drain(); !drained) return drained;

@@ -14,6 +14,7 @@
 #include "qvx/write/disk_entry.h"
 #include "qvx/write/path_list.h"
 #include "qvx/write/stored_contents.h"
+#include "qvx/write/stored_order.h"
 
 namespace tarnwick::qvx {
 
@@ -34,7 +35,7 @@ struct EncodingReports {
     std::function<void(std::uint64_t bytes)> content = nullptr;    // so many more, holes included
 };
 
-// Encodes one archive. Memory: 40 bytes for each entry until all are stored, and what StoredOrder needs. Throws
+// Encodes one archive. Memory: a section of StoredOrder, its list again and 40 bytes for each of its entries. Throws
 // std::bad_alloc and std::system_error.
 class ArchiveEncoder {
 public:
@@ -52,8 +53,8 @@ public:
 private:
     struct Entry;
 
-    // What the index has of an entry, apart from its path. It is kept until all entries are stored, because the index
-    // has them in the order of the list.
+    // What the index has of an entry, apart from its path. It is kept until all entries of the section are stored,
+    // because the index has them in the order of the list.
     struct Indexed {
         std::uint64_t size = 0;
         std::int64_t modifiedSeconds = 0;
@@ -67,6 +68,7 @@ private:
         bool incomplete = false;
     };
 
+    Status writeSection(const StoredOrder& section);
     Status writeEntry(DiskEntry& source);
     Status writeFile(Entry& entry);
     Status writeExtents(Entry& entry);
@@ -86,7 +88,7 @@ private:
     std::uint64_t writeRecord(RecordType type, Bytes payload);
     void reserveSpace(std::uint64_t content);
     void keepForIndex(const Entry& entry);
-    void writeIndex();
+    void writeIndex(PathList::Cursor section);
     void writeIndexPart();
     Status complete();
     [[nodiscard]] bool changedBeforeStart(const struct statx& status) const;
@@ -105,7 +107,8 @@ private:
     DigestedZeros digestedZeros_;
     std::vector<std::uint8_t> payload_;
     struct timespec started_ {};
-    std::vector<Indexed> indexed_;  // by number
+    std::uint64_t sectionStart_ = 0;  // number of its first entry
+    std::vector<Indexed> indexed_;    // of the section, by number
     IndexPartEncoder part_;
     std::uint64_t writtenIndex_ = 0;  // entries of the parts before
     ArchiveRoot root_;

@@ -15,10 +15,10 @@ constexpr std::array<std::string_view, 6> compressed{"bz2", "gz", "lz4", "xz", "
 
 // A hash (FNV-1a) of the extension without its digits; 0 for none, and for a compressed file. Files whose hashes are
 // equal by accident only compress a little worse.
-std::uint16_t extensionOf(const PathList::Entry& entry) {
-    const std::string_view name = nameOf(entry.path);
+std::uint16_t extensionOf(const std::string& path) {
+    const std::string_view name = nameOf(path);
     const auto dot = name.rfind('.');
-    if (entry.type != EntryType::file || dot == std::string_view::npos || dot == 0) return 0;
+    if (dot == std::string_view::npos || dot == 0) return 0;
     const std::string_view extension = name.substr(dot + 1);
     if (std::ranges::find(compressed, extension) != compressed.end()) return 0;
     std::uint32_t hash = 2166136261;
@@ -28,11 +28,12 @@ std::uint16_t extensionOf(const PathList::Entry& entry) {
 }
 
 // Counted up to the least size of a kind.
-std::vector<std::uint8_t> countExtensions(const PathList& list) {
+std::vector<std::uint8_t> countExtensions(PathList::Cursor listed) {
     std::vector<std::uint8_t> counts(buckets);
-    PathList::Cursor cursor(list);
-    while (const PathList::Entry* entry = cursor.next()) {
-        std::uint8_t& count = counts[extensionOf(*entry)];
+    for (std::size_t i = 0; i < StoredOrder::maxSection; ++i) {
+        const PathList::Entry* entry = listed.next();
+        if (!entry) break;
+        std::uint8_t& count = counts[extensionOf(entry->path)];
         if (count < StoredOrder::minKind) ++count;
     }
     counts[0] = 0;  // no kind
@@ -41,27 +42,26 @@ std::vector<std::uint8_t> countExtensions(const PathList& list) {
 
 }  // namespace
 
-StoredOrder::StoredOrder(const PathList& list) : listed_(list) {
-    const auto counts = countExtensions(list);
-    if (std::ranges::find(counts, minKind) == counts.end()) return;
+StoredOrder::StoredOrder(PathList::Cursor& listed) {
+    const auto counts = countExtensions(listed);
     std::map<std::uint32_t, Group> groups;
-    PathList::Cursor cursor(list);
-    for (std::uint32_t number = 0; const PathList::Entry* entry = cursor.next(); ++number) {
-        const std::uint16_t extension = extensionOf(*entry);
+    for (std::uint32_t place = 0; place < maxSection; ++place) {
+        const PathList::Entry* entry = listed.next();
+        if (!entry) break;
+        const std::uint16_t extension = extensionOf(entry->path);
         Group& group = groups[counts[extension] == minKind ? extension : 0];
         group.list.append(*entry);
-        group.numbers.push_back(number);
+        group.places.push_back(place);
     }
-    if (groups.size() > 1) gather(groups);
+    gather(groups);
 }
 
 void StoredOrder::gather(std::map<std::uint32_t, Group>& groups) {
-    numbers_.reserve(listed_.size());
     while (!groups.empty()) {
         auto group = groups.extract(groups.begin());
         stored_.append(std::move(group.mapped().list));
-        numbers_.insert(numbers_.end(), group.mapped().numbers.begin(), group.mapped().numbers.end());
-        ends_.emplace_back(numbers_.size(), group.key());
+        places_.insert(places_.end(), group.mapped().places.begin(), group.mapped().places.end());
+        ends_.emplace_back(places_.size(), group.key());
     }
 }
 

@@ -1,6 +1,6 @@
 // The order in which the entries of a path list are stored. Files that resemble each other come one after the other, so
 // that they share blocks and leaders: archives of small files become up to a tenth smaller. The number of an entry is
-// still its place in the list.
+// still its place in the list. A list is ordered in sections, so that the memory needed does not grow with it.
 #pragma once
 
 #include <cstdint>
@@ -12,26 +12,24 @@
 
 namespace tarnwick::qvx {
 
-// Entries of no kind come first, in the order of the list, so all directories do. Then the kinds follow, each in the
-// order of the list. The same list gives the same order everywhere.
+// The order of one section. Entries of no kind come first, in the order of the list. Then the kinds follow, each in the
+// order of the list. The same list gives the same order everywhere, and entries with the same path keep their order.
 //
-// A kind is an extension, without its digits, that at least `minKind` files have. Compressed files, by their extension,
-// are of no kind. To gather files of one name, too, is worse: files of one folder resemble each other.
-//
-// Memory: if there are kinds, a second list, and 4 bytes for each entry.
+// A kind is an extension, without its digits, that at least `minKind` entries of the section have. Compressed files, by
+// their extension, are of no kind. To gather files of one name, too, is worse: files of one folder resemble each other.
 class StoredOrder {
 public:
+    static constexpr std::size_t maxSection = 65536;  // entries
     static constexpr unsigned minKind = 16;
 
-    explicit StoredOrder(const PathList& list);
+    // Takes the next `maxSection` entries, or those that are left.
+    explicit StoredOrder(PathList::Cursor& listed);
 
-    // The entries in this order. May be the list itself.
-    [[nodiscard]] const PathList& list() const { return numbers_.empty() ? listed_ : stored_; }
+    // The entries of the section in this order.
+    [[nodiscard]] const PathList& list() const { return stored_; }
 
-    // The place in the path list of the entry that comes at `position` here.
-    [[nodiscard]] std::uint64_t number(std::uint64_t position) const {
-        return numbers_.empty() ? position : numbers_[position];
-    }
+    // The place in the section, from 0, that the path list gives to the entry at `position` here.
+    [[nodiscard]] std::uint32_t place(std::uint64_t position) const { return places_[position]; }
 
     // Of the entry that comes at `position` here. 0 for no kind.
     [[nodiscard]] std::uint32_t kind(std::uint64_t position) const;
@@ -39,14 +37,13 @@ public:
 private:
     struct Group {
         PathList list;
-        std::vector<std::uint32_t> numbers;
+        std::vector<std::uint32_t> places;
     };
 
     void gather(std::map<std::uint32_t, Group>& groups);
 
-    const PathList& listed_;
     PathList stored_;
-    std::vector<std::uint32_t> numbers_;
+    std::vector<std::uint32_t> places_;
     std::vector<std::pair<std::uint64_t, std::uint32_t>> ends_;  // position after each kind, and the kind
 };
 
