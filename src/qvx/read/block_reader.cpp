@@ -255,14 +255,12 @@ BlockPipeline::SlotPointer BlockPipeline::nextSlot() {
         auto task = supplier_();
         if (!task) return nullptr;
         slot = makeSlot({.block = std::move(task->block), .digest = task->digest});
-        const auto& header = slot->block.header;
-        const bool needsFetching = header.needsLeader() && !findLeader(header.leader);
-        if (auto leader = needsFetching ? fetchLeader(header.leader) : nullptr) {
+        if (auto leader = fetchLeader(slot->block.header)) {
             postponed_ = std::move(slot);
             return leader;
         }
     }
-    if (slot->block.header.needsLeader()) slot->leader = findLeader(slot->block.header.leader);
+    slot->leader = findLeader(slot->block.header);
     return slot;
 }
 
@@ -274,27 +272,36 @@ BlockPipeline::SlotPointer BlockPipeline::makeSlot(Slot slot) const {
     return {new Slot(std::move(slot)), recycle};
 }
 
-BlockPipeline::SlotPointer BlockPipeline::findLeader(std::uint64_t sequence) const {
-    const auto isIt = [&](const SlotPointer& leader) { return leader->block.place.sequence == sequence; };
+// Of those in memory. Null also when the block needs none.
+BlockPipeline::SlotPointer BlockPipeline::findLeader(const BlockHeader& header) const {
+    if (!placeOfLeader(header)) return nullptr;
+    const auto isIt = [&](const SlotPointer& leader) { return leader->block.place.sequence == header.leader; };
     const auto found = std::ranges::find_if(leaders_, isIt);
     return found == leaders_.end() ? nullptr : *found;
 }
 
-// Null when the supplier names the leaders itself, and when there is no such leader.
-BlockPipeline::SlotPointer BlockPipeline::fetchLeader(std::uint64_t sequence) const {
-    const auto place = map_ ? map_->find(sequence) : std::nullopt;
-    if (!place) return nullptr;
-    willReadBlocks(file_, *map_, sequence, sequence + 1);
+// None when the block needs none, and when it names one that it must not name.
+std::optional<BlockPlace> BlockPipeline::placeOfLeader(const BlockHeader& header) const {
+    if (!header.needsLeader()) return std::nullopt;
+    if (map_) return map_->find(header.leader);
+    const auto found = std::ranges::find(lastNamed_, header.leader, &BlockPlace::sequence);
+    return found == lastNamed_.end() ? std::nullopt : std::optional(*found);
+}
+
+// A leader that is to be opened before the block. Null when it is in memory, and when there is none.
+BlockPipeline::SlotPointer BlockPipeline::fetchLeader(const BlockHeader& header) const {
+    const auto place = placeOfLeader(header);
+    if (!place || findLeader(header)) return nullptr;
+    if (map_) willReadBlocks(file_, *map_, place->sequence, place->sequence + 1);
     auto slot = makeSlot({.block = unopenedBlock(file_, *place), .requested = false});
     return slot->block.header.leads() ? slot : nullptr;
 }
 
 void BlockPipeline::keepLeader(SlotPointer leader) {
-    const auto isEarlier = [](const SlotPointer& a, const SlotPointer& b) {
-        return a->block.place.sequence < b->block.place.sequence;
-    };
-    leaders_.insert(std::upper_bound(leaders_.begin(), leaders_.end(), leader, isEarlier), std::move(leader));
-    if (leaders_.size() > maxLeaders) leaders_.erase(leaders_.begin());
+    if (leader->requested) lastNamed_.push_back(leader->block.place);
+    if (lastNamed_.size() > maxLeaders) lastNamed_.pop_front();
+    leaders_.push_back(std::move(leader));
+    if (leaders_.size() > keptLeaders) leaders_.pop_front();
 }
 
 // A block that is done does not change any more, so it may be read without the lock.

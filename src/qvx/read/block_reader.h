@@ -93,6 +93,9 @@ private:
 // Hints that the blocks from `first` to one before `end` will be read.
 void willReadBlocks(const ArchiveFile& file, const BlockMap& map, std::uint64_t first, std::uint64_t end);
 
+// Of the leaders that an archive needs at a time; its writer uses one or two.
+inline constexpr std::size_t keptLeaders = 4;
+
 // Opens blocks in any order, for one thread. Keeps the last four leaders and the last other block.
 class RandomBlocks {
 public:
@@ -106,8 +109,6 @@ public:
     [[nodiscard]] std::uint64_t opened() const { return opened_; }  // count of blocks, leaders included
 
 private:
-    static constexpr std::size_t keptLeaders = 4;
-
     BlockPointer find(std::uint64_t sequence) const;
     BlockPointer open(std::uint64_t sequence);
     OpenedBlock unopened(std::uint64_t sequence) const;
@@ -125,12 +126,12 @@ private:
 // the supplier, one at a time. Either end may close: the consumer by destroying the pipeline at any time, the supplier
 // by returning nothing.
 //
-// Of the leaders, the pipeline keeps the 16 with the highest numbers. A block that names another leader is damaged, or
-// names a block that is no leader: for a supplier that names all blocks in order, these are the last 16 before a block.
-// A supplier that leaves out blocks passes a map, and the pipeline then opens the leaders that are needed by itself.
+// A block is damaged if it names a block that is no leader, or none of the last 16 leaders that the supplier has named.
+// A supplier that leaves out blocks passes a map instead, in which any leader may be. The pipeline keeps the last four
+// leaders in memory, and opens another one again when a block names it.
 //
-// Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 16 leaders, for each
-// worker the sealed bytes of a block and 160 KiB for the decompressor, and the block that the consumer uses: 63 MiB. A
+// Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 leaders, for each
+// worker the sealed bytes of a block and 160 KiB for the decompressor, and the block that the consumer uses: 51 MiB. A
 // RandomBlocks adds 7 MiB, and a BlockMap 8 bytes for each block of the archive.
 class BlockPipeline {
 public:
@@ -165,8 +166,9 @@ private:
     bool waitForSpace();
     SlotPointer nextSlot();
     [[nodiscard]] SlotPointer makeSlot(Slot slot) const;
-    SlotPointer findLeader(std::uint64_t sequence) const;
-    SlotPointer fetchLeader(std::uint64_t sequence) const;
+    [[nodiscard]] SlotPointer findLeader(const BlockHeader& header) const;
+    [[nodiscard]] std::optional<BlockPlace> placeOfLeader(const BlockHeader& header) const;
+    [[nodiscard]] SlotPointer fetchLeader(const BlockHeader& header) const;
     void keepLeader(SlotPointer leader);
     BlockPointer waitForLeader(const SlotPointer& leader);
     void finish(Slot& slot);
@@ -179,8 +181,9 @@ private:
 
     std::mutex supplying_;  // for these; locked before the other
     Supplier supplier_;
-    SlotPointer postponed_;             // comes after its leader, which the supplier has not named
-    std::vector<SlotPointer> leaders_;  // ascending, at most maxLeaders
+    SlotPointer postponed_;             // comes after its leader, which is opened first
+    std::deque<SlotPointer> leaders_;   // at most keptLeaders
+    std::deque<BlockPlace> lastNamed_;  // of the leaders that the supplier has named, at most maxLeaders
 
     std::mutex mutex_;  // for these
     std::condition_variable changed_;
