@@ -16,7 +16,8 @@ namespace {
 constexpr unsigned maxDecoders = 16;
 constexpr std::size_t maxDigests = 4096;  // in one block; the consumer computes those of the other entries
 constexpr std::size_t maxParts = 4096;    // DATA records of one entry
-constexpr std::uint64_t maxSealedBlock = blockHeaderSize + blockSize + tagSize;
+constexpr std::size_t maxSealedLength = blockSize + tagSize;
+constexpr std::uint64_t maxSealedBlock = blockHeaderSize + maxSealedLength;
 
 const char* describe(BlockFault fault) {
     switch (fault) {
@@ -92,19 +93,17 @@ void BlockOpener::open(OpenedBlock& block, const LeaderSource& leader) {
 }
 
 Status BlockOpener::decode(OpenedBlock& block, const LeaderSource& leader) {
-    // This opener may have to open the leader too. That uses `sealed_`, so it must happen before the block is read into
-    // it.
-    BlockPointer dictionary;
     if (block.header.needsLeader()) {
-        dictionary = leader();
-        if (!dictionary || dictionary->fault)
-            return Error{"its leader is damaged or missing, or is not one of the last 16"};
+        const BlockPointer needed = leader();
+        if (!needed || needed->fault) return Error{"its leader is damaged or missing, or is not one of the last 16"};
+        if (leader_.lock() != needed) decoder_.setLeader(needed->plain);
+        leader_ = needed;
     }
     // At most one block and its tag: decodeBlockHeader() refuses a longer one.
-    sealed_.resize(block.header.sealedLength);
-    if (auto read = file_.read(block.place.position + blockHeaderSize, sealed_); !read) return read;
-    const auto fault =
-        decoder_.decode(block.header, sealed_, dictionary ? Bytes(dictionary->plain) : Bytes{}, block.plain);
+    block.plain.reserve(maxSealedLength);
+    block.plain.resize(block.header.sealedLength);
+    if (auto read = file_.read(block.place.position + blockHeaderSize, block.plain); !read) return read;
+    const auto fault = decoder_.decode(block.header, block.plain);
     if (fault == BlockFault::none) return {};
     return Error{describe(fault)};
 }

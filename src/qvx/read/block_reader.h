@@ -70,7 +70,7 @@ private:
 
     const ArchiveFile& file_;
     BlockDecoder decoder_;
-    std::vector<std::uint8_t> sealed_;
+    std::weak_ptr<const OpenedBlock> leader_;  // the one that the decoder has
 };
 
 // The positions of blocks in the file, by sequence number: 8 bytes for each block.
@@ -130,9 +130,9 @@ private:
 // A supplier that leaves out blocks passes a map instead, in which any leader may be. The pipeline keeps the last four
 // leaders in memory, and opens another one again when a block names it.
 //
-// Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 leaders, for each
-// worker the sealed bytes of a block and 160 KiB for the decompressor, and the block that the consumer uses: 51 MiB. A
-// RandomBlocks adds 7 MiB, and a BlockMap 8 bytes for each block of the archive.
+// Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 leaders, 2 MiB and
+// 160 KiB for the decompressor of each worker, and the block that the consumer uses: 67 MiB. A RandomBlocks adds 7 MiB,
+// and a BlockMap 8 bytes for each block of the archive.
 class BlockPipeline {
 public:
     struct Task {
