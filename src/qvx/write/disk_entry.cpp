@@ -18,7 +18,9 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr off_t fetchedAhead = 262144;  // bytes requested in advance of a large file
+// Bytes of a large file that are requested when it is opened, and before the encoder reads it.
+constexpr off_t firstRequest = 262144;
+constexpr off_t secondRequest = 4194304;
 
 FileDescriptor openListed(int folder, const char* name, const PathList::Entry& listed) {
     const int kind = listed.type == EntryType::directory ? O_DIRECTORY : O_NONBLOCK | O_NOCTTY;
@@ -52,6 +54,12 @@ bool isUnreadable(int error) {
     // The file is gone or replaced, or memory or descriptors are missing. Every other error makes the entry incomplete.
     constexpr int others[] = {ENOENT, ENOTDIR, ELOOP, ESTALE, ENOMEM, EMFILE, ENFILE};
     return std::ranges::find(others, error) == std::end(others);
+}
+
+std::uint64_t unreadSize(const DiskEntry& entry) { return entry.file ? entry.status.stx_size : 0; }
+
+void requestContent(const DiskEntry& entry) {
+    if (unreadSize(entry) > firstRequest) ::posix_fadvise(entry.file.get(), 0, secondRequest, POSIX_FADV_WILLNEED);
 }
 
 void DiskEntryReader::begin(DiskEntry& entry, MutableBytes buffer) {
@@ -151,7 +159,7 @@ Status DiskEntryReader::readSmall(DiskEntry& entry, MutableBytes buffer) {
     }
     // Requests the file, or the beginning of a large one that the encoder reads later, so that the disk works on many
     // requests at a time.
-    ::posix_fadvise(entry.file.get(), 0, fetchedAhead, POSIX_FADV_WILLNEED);
+    ::posix_fadvise(entry.file.get(), 0, firstRequest, POSIX_FADV_WILLNEED);
     return {};
 }
 

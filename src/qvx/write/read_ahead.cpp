@@ -11,6 +11,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
+constexpr std::uint64_t maxRequested = 8 << 20;       // bytes of large files
 constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes reserved for each entry, which may be a link
 
 // So many that all batches together have at most half of the files open that this process may open.
@@ -57,7 +58,11 @@ void ReadAhead::stop(bool failed) {
 DiskEntry* ReadAhead::next() {
     // No lock inside of a batch: as long as it is ready, it belongs to the caller.
     Batch* batch = &batches_[finished_ % batches_.size()];
-    if (inBatch_ && ++index_ < batch->count) return &batch->entries[index_];
+    if (inBatch_ && ++index_ < batch->count) {
+        requested_ -= unreadSize(batch->entries[index_ - 1]);
+        requestLarge(*batch);
+        return &batch->entries[index_];
+    }
     std::unique_lock lock(mutex_);
     if (inBatch_) {
         batch->ready = false;
@@ -69,8 +74,18 @@ DiskEntry* ReadAhead::next() {
     // A thread sets failed_ only when memory runs out.
     if (failed_) throw std::bad_alloc();
     inBatch_ = batch->ready;
-    index_ = 0;
-    return inBatch_ ? &batch->entries[0] : nullptr;
+    index_ = requestedTo_ = requested_ = 0;
+    lock.unlock();
+    if (!inBatch_) return nullptr;
+    requestLarge(*batch);
+    return &batch->entries[0];
+}
+
+void ReadAhead::requestLarge(const Batch& batch) {
+    for (; requestedTo_ < batch.count && requested_ < maxRequested; ++requestedTo_) {
+        requestContent(batch.entries[requestedTo_]);
+        requested_ += unreadSize(batch.entries[requestedTo_]);
+    }
 }
 
 void ReadAhead::work() {

@@ -1,6 +1,7 @@
 // Reads the entries of a path list before the encoder needs them. For a small file the disk takes longer to find it
 // than to read it, and it can serve many requests at a time, so several threads read. Large files are only opened and
-// their beginning is requested.
+// their beginning is requested. Shortly before the encoder reads them, up to 4 MiB of each are requested, about 8 MiB
+// in all.
 //
 // Memory: as many batches as threads, but at least 8, each with `batchBytes` for contents. Open files: at most one for
 // each entry of all batches, and at most half of the limit of the process.
@@ -41,6 +42,7 @@ private:
         bool ready = false;
     };
 
+    void requestLarge(const Batch& batch);
     void work();
     void readBatches();
     Batch* begin(std::unique_lock<std::mutex>& lock);
@@ -60,8 +62,10 @@ private:
     bool closing_ = false;
     bool failed_ = false;  // a thread ran out of memory
 
-    std::size_t index_ = 0;  // of the caller's entry in its batch
-    bool inBatch_ = false;   // the caller is using an entry of a batch
+    std::size_t index_ = 0;        // of the caller's entry in its batch
+    bool inBatch_ = false;         // the caller is using an entry of a batch
+    std::size_t requestedTo_ = 0;  // index of the first entry in the batch that requestLarge() has not come to
+    std::uint64_t requested_ = 0;  // unread bytes of the entries from index_ to that one
 
     std::vector<std::jthread> workers_;  // last: they use all of the above
 };
