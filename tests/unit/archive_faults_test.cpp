@@ -9,12 +9,14 @@
 
 #include <fstream>
 #include <random>
+#include <semaphore>
 #include <set>
 
 #include "base/fatal_error.h"
 #include "capture/archive_writer.h"
 #include "qvx/archive_writer.h"
 #include "qvx/create.h"
+#include "qvx/directory_read_ahead.h"
 #include "unit/archive_builder.h"
 #include "unit/faulty_calls.h"
 #include "unit/temporary_folder.h"
@@ -201,6 +203,25 @@ TEST_F(ArchiveFaults, GrowingFilesAreNotReadForeverAndShrinkingOnesAreStored) {
         for (const char* name : {"b", "c"}) std::ofstream(source_ / name, std::ios::app) << std::string(1 << 20, 'g');
     };
     EXPECT_EQ(run(byCapture, {"read", 0, forever, 0, change}), whole);
+}
+
+// One more than a thread reads. The count of calls shows who has read the directory, and how far.
+TEST(DirectoryFaults, ThreadsReadAheadUpToALimitAndReportErrors) {
+    const TemporaryFolder folder;
+    constexpr unsigned files = DirectoryReadAhead::maxFiles + 1, others = 3;  // ".", ".." and the end
+    for (unsigned i = 0; i < files; ++i) folder.write("below/" + std::to_string(i), "");
+    constexpr unsigned first = 1 + others, byThread = 2 + files, byCaller = files + others;
+    for (const auto& [error, calls] : {std::pair(0, first + byThread + byCaller), std::pair(EIO, first + 1)}) {
+        DirectoryReadAhead ahead(2);
+        std::counting_semaphore<> begun(0);
+        arm({"readdir", first, forever, error, [&] { begun.release(); }});
+        EXPECT_TRUE(ahead.read(folder.path));
+        EXPECT_TRUE(begun.try_acquire_for(std::chrono::seconds(hangs))) << "no thread reads";
+        const auto read = ahead.read(folder.path / "below");
+        EXPECT_EQ(disarm(), calls);
+        EXPECT_EQ(read ? 0 : read.error().code, error);
+        EXPECT_EQ(read ? read->size() : 0, error == 0 ? files : 0);
+    }
 }
 
 }  // namespace

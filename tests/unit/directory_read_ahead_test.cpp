@@ -53,17 +53,6 @@ TEST_F(DirectoryReadAheadTest, ReadsEachDirectoryOfATreeOnce) {
     }
 }
 
-TEST_F(DirectoryReadAheadTest, ReadsDirectoriesWithTooManyFilesForAThread) {
-    for (const std::string folder : {"many", "other"}) {
-        fs::create_directory(root() / folder);
-        for (std::size_t i = 0; i <= DirectoryReadAhead::maxFiles; ++i) addFile(folder + '/' + std::to_string(i));
-    }
-    DirectoryReadAhead ahead(2);
-    std::vector<std::string> paths;
-    walk(ahead, root(), paths);
-    EXPECT_EQ(paths.size(), 2 * (DirectoryReadAhead::maxFiles + 2));
-}
-
 TEST_F(DirectoryReadAheadTest, ReportsWhyADirectoryCannotBeRead) {
     fs::create_directories(root() / "a");
     addFile("file");
