@@ -185,6 +185,8 @@ TEST_F(ArchiveFaults, NothingButTheListedFileIsStored) {
     for (const auto& change : changes) {
         const auto exchange = [&] { fs::rename(victim, away), change(); };
         for (const char* call : {"open", "read"}) expectAll(byCapture, {call, 0, 1, 0, exchange}, isEither, 8, putBack);
+        // The listing reads no attributes.
+        for (const char* call : {"xattr", "read"}) expectAll(byQvx, {call, 0, 1, 0, exchange}, isEither, 8, putBack);
     }
     expected_.clear();  // the folder is read meanwhile
     const auto rename = [&] { fs::rename(victim, away); };

@@ -113,6 +113,12 @@ TEST_F(ArchiveWriting, StoresARotatedLogButNoFileOfAnotherFolder) {
     fs::remove_all(at("logs"));
     fs::rename(at("secret"), at("logs"));
     EXPECT_EQ(writeArchive(list), ByteVector()) << "another folder";
+    PathList unguarded;
+    unguarded.append(*lookUp("/", folder_.write("other/version", "own").string()));
+    EXPECT_NE(writeArchive(unguarded), ByteVector());
+    fs::remove_all(at("other"));
+    fs::create_directory_symlink("/proc", at("other"));
+    EXPECT_EQ(writeArchive(unguarded), ByteVector()) << "another device";
 }
 
 TEST_F(ArchiveWriting, OverwritesNoLinkFifoOrFolder) {
