@@ -1,10 +1,13 @@
 #include "qvx/archive_writer.h"
+#include "qvx/write/read_ahead.h"
 #include "qvx/write/stored_order.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+
+#include <set>
 
 #include "unit/archive_builder.h"
 #include "unit/temporary_folder.h"
@@ -13,6 +16,19 @@ namespace fs = std::filesystem;
 using namespace tarnwick;
 using namespace tarnwick::test;
 using namespace std::literals;
+
+namespace {
+
+std::vector<ino_t> requested;  // files of which at least 3 MiB were requested from the disk
+
+}  // namespace
+
+// In place of the library's.
+extern "C" int posix_fadvise(int file, off_t, off_t length, int) noexcept {
+    struct stat status {};
+    if (length >= 3 << 20 && ::fstat(file, &status) == 0) requested.push_back(status.st_ino);
+    return 0;
+}
 
 namespace {
 
@@ -98,6 +114,38 @@ TEST_F(ArchiveWriting, DropsMetadataPastTheLimitsInSilence) {
     EXPECT_EQ(incomplete->front().error, E2BIG);
     EXPECT_EQ(incomplete->back().error, EOVERFLOW);
     expectFields(writeArchive(list), {"1/0#+16!", "1/0#!"});  // the last of the long ones does not fit
+}
+
+// Those of one extension are stored last. An archive cannot express their times.
+TEST_F(ArchiveWriting, NamesIncompleteEntriesInTheOrderOfTheList) {
+    const TemporaryFolder memory("/dev/shm/");
+    const timespec year3000[] = {{32503680000, 0}, {32503680000, 0}};
+    Seen paths(StoredOrder::minKind, memory.write("a.log", ""));
+    paths.push_back(memory.write("b.txt", ""));
+    for (const auto& path : {paths.front(), paths.back()})
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), year3000, 0), 0);
+    auto writer = ArchiveWriter::open(recipients(), 1, [](Bytes) { return Status(); });
+    const auto incomplete = writer->write(guardedList(paths), allFields, 1);
+    ASSERT_TRUE(incomplete && incomplete->size() == paths.size());
+    for (std::size_t i = 0; i < paths.size(); ++i) EXPECT_EQ((*incomplete)[i].number, i);
+}
+
+// Those of one batch after the other: 8 MiB, rounded up to whole files, with the one that is returned.
+TEST_F(ArchiveWriting, RequestsEachLargeFileOnceAndFewOfThemAhead) {
+    Seen paths;
+    for (std::size_t i = 0; i < ReadAhead::batchEntries + 6; ++i)
+        fs::resize_file(paths.emplace_back(folder_.write(std::to_string(i), "")), 3 << 20);
+    const auto list = guardedList(paths);
+    requested.clear();
+    ReadAhead ahead(list, 1);
+    std::vector<ino_t> returned;
+    std::set<std::size_t> filesAhead;
+    while (const DiskEntry* entry = ahead.next()) {
+        returned.push_back(entry->status.stx_ino);
+        filesAhead.insert(requested.size() - returned.size());
+    }
+    EXPECT_EQ(requested, returned);
+    EXPECT_EQ(filesAhead, (std::set<std::size_t>{0, 1, 2}));
 }
 
 // The file is exchanged between the listing and the reading. Links are in the program's tests.
