@@ -70,6 +70,9 @@ TEST_F(ArchiveWriting, OrdersALongListInSections) {
     };
     add(StoredOrder::maxSection - 300, 300);
     add(50, 60);
+    const std::string twice = folder_.write("g.txt", "g");  // the second one refers to the first
+    paths.insert(paths.end(), 2, twice);
+    stored.insert(stored.end(), 2, twice.substr(1) + "=g");
     Reading reading(writeArchive(guardedList(paths)));
     for (auto& path : paths) path.erase(0, 1);
     EXPECT_EQ(reading.listed(), paths);

@@ -51,11 +51,12 @@ TEST(StoredOrder, GathersSixteenPathsOfOneExtension) {
         const std::string number = std::to_string(i), letter(1, static_cast<char>('a' + i));
         list.append({"/d/" + letter + number + ".log", EntryType::file, 1, i});
         list.append({"/d" + number + "/report.txt" + number, EntryType::file, 1, i});
-        list.append({"/e" + number + ".log", EntryType::directory, 1, i});
         list.append({"/d/" + number, EntryType::file, 1, i});
+        list.append({"/d/" + number + ".conf", EntryType::file, 1, i});
         list.append({"/d/" + letter + ".gz", EntryType::file, 1, i});
         if (i > 0) list.append({"/d/" + letter + ".rare", EntryType::file, 1, i});
     }
+    list.append({"/x.conf", EntryType::directory, 1, 1});
     PathList::Cursor cursor(list);
     StoredOrder order(cursor);
     const auto listed = pathsOf(list), stored = pathsOf(order.list());

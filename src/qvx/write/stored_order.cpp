@@ -9,6 +9,7 @@ namespace tarnwick::qvx {
 namespace {
 
 constexpr std::size_t buckets = 65536;
+constexpr std::uint8_t ofDirectory = 255;  // the extension is no kind
 
 // A block of compressed files only would be stored as it is. Among other files, repetitions of them are found.
 constexpr std::array<std::string_view, 6> compressed{"bz2", "gz", "lz4", "xz", "zip", "zst"};
@@ -27,13 +28,15 @@ std::uint16_t extensionOf(const std::string& path) {
     return static_cast<std::uint16_t>(hash ^ (hash >> 16));
 }
 
-// Counted up to the least size of a kind.
+// Counted up to the least size of a kind. A directory must come before the files in it: only then can a reader make it
+// with its mode.
 std::vector<std::uint8_t> countExtensions(PathList::Cursor listed) {
     std::vector<std::uint8_t> counts(buckets);
     for (std::size_t i = 0; i < StoredOrder::maxSection; ++i) {
         const PathList::Entry* entry = listed.next();
         if (!entry) break;
         std::uint8_t& count = counts[extensionOf(entry->path)];
+        if (entry->type == EntryType::directory) count = ofDirectory;
         if (count < StoredOrder::minKind) ++count;
     }
     counts[0] = 0;  // no kind

@@ -15,14 +15,14 @@ namespace tarnwick::qvx {
 // The order of one section. Entries of no kind come first, in the order of the list. Then the kinds follow, each in the
 // order of the list. The same list gives the same order everywhere, and entries with the same path keep their order.
 //
-// A kind is an extension, without its digits, that at least `minKind` entries of the section have. Compressed files, by
-// their extension, are of no kind. To gather files of one name, too, is worse: files of one folder resemble each other.
+// A kind is an extension, without its digits, that at least `minKind` entries of the section have, and no directory.
+// Compressed files, by their extension, are of no kind. To gather files of one name, too, is worse: files of one folder resemble each other.
 class StoredOrder {
 public:
     static constexpr std::size_t maxSection = 65536;  // entries
     static constexpr unsigned minKind = 16;
 
-    // Takes the next `maxSection` entries, or those that are left.
+    // Reads the next `maxSection` entries, or those that are left.
     explicit StoredOrder(PathList::Cursor& listed);
 
     // The entries of the section in this order.
