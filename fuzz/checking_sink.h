@@ -22,10 +22,14 @@ inline Digest sha256(std::string_view text) {
 }
 
 // An archive that is in no folder.
-inline std::unique_ptr<ArchiveFile> archiveFile(const ByteVector& bytes) {
+inline FileDescriptor memoryFile(const ByteVector& bytes) {
     FileDescriptor memory(memfd_create("archive", MFD_CLOEXEC));
     require(pwrite(memory.get(), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
-    return std::make_unique<ArchiveFile>(std::move(*openFileSource(std::move(memory))));
+    return memory;
+}
+
+inline std::unique_ptr<ArchiveFile> archiveFile(const ByteVector& bytes) {
+    return std::make_unique<ArchiveFile>(std::move(*openFileSource(memoryFile(bytes))));
 }
 
 class CheckingSink : public EntrySink {

@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <zstd.h>
 
+#include <random>
+
+#include "qvx/read/stream_source.h"
 #include "unit/archive_builder.h"
 
 using namespace tarnwick;
@@ -101,6 +104,15 @@ TEST(BlockDecoder, UsesALeaderAsRawContentEvenIfItLooksLikeATrainedDictionary) {
     EXPECT_EQ(faultOf(frame, blockCompressed | blockWithDictionary, leader), BlockFault::none);
 }
 
+// Otherwise it would depend on the block before whether a block is damaged.
+TEST(BlockDecoder, UsesNoLeaderThatTheBlockDoesNotName) {
+    ByteVector noise(blockSize);
+    std::ranges::generate(noise, [random = std::mt19937()]() mutable { return static_cast<std::uint8_t>(random()); });
+    ByteVector rotated = noise;
+    std::ranges::rotate(rotated, rotated.begin() + blockSize / 2);
+    EXPECT_EQ(faultOf(compressed({}, rotated, noise), blockCompressed, noise), BlockFault::content);
+}
+
 using Role = LeaderChoice::Role;
 using Numbers = std::vector<std::uint64_t>;
 
@@ -146,6 +158,16 @@ TEST(BlockPipeline, RejectsABlockWhoseLeaderIsNotOneOfTheLastSixteen) {
     const BlockFile blocks(roles);
     EXPECT_EQ(blocks.damaged(nullptr), (Numbers{19, 21}));
     EXPECT_EQ(blocks.damagedAtRandom(), Numbers{}) << "each block with its leader, wherever that is";
+}
+
+// A leader that was dropped could not be read again.
+TEST(BlockPipeline, KeepsTheLastSixteenLeadersOfAStream) {
+    std::vector<Role> roles(maxLeaders, {true});
+    for (std::uint64_t i = 0; i < 2 * maxLeaders; ++i) roles.push_back({false, i % maxLeaders});
+    const BlockFile blocks(roles);
+    const ArchiveFile stream(openStreamSource(memoryFile(blocks.bytes), [] { return false; }));
+    BlockPipeline pipeline(stream, blocks.keys, AllBlocks(stream));
+    for (std::size_t i = 0; i < roles.size(); ++i) EXPECT_FALSE(pipeline.next()->fault) << i;
 }
 
 TEST(BlockPipeline, RejectsABlockWhoseLeaderIsNone) {

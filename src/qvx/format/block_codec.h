@@ -94,7 +94,7 @@ class BlockDecoder {
 public:
     explicit BlockDecoder(const MessageKeys& keys);
 
-    // Copies the plain bytes of the leader that the next blocks have. Throws std::bad_alloc.
+    // Copies the plain bytes of the leader that the next blocks name. Throws std::bad_alloc.
     void setLeader(Bytes plain);
 
     // Turns the sealed bytes of a block (header.sealedLength) into the plain ones.

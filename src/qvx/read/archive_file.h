@@ -38,6 +38,7 @@ public:
     [[nodiscard]] Status checkBlocksEnd(std::uint64_t position) const;
 
     [[nodiscard]] bool isStream() const { return source_->isStream(); }
+    [[nodiscard]] bool isFile() const { return source_->isFile(); }
     [[nodiscard]] Status state() const { return source_->state(); }
 
     // The bytes that read() was asked for so far: a measure of work, for tests.

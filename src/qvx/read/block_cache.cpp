@@ -8,7 +8,7 @@ namespace tarnwick::qvx {
 
 namespace {
 
-constexpr unsigned maxWorkers = 16;
+constexpr unsigned maxWorkers = 8;
 constexpr std::size_t maxAhead = 32;  // blocks; far enough to keep all cores busy, and a quarter of the cache at most
 constexpr unsigned maxRun = 5;        // 2^5 blocks ahead
 
@@ -110,8 +110,10 @@ void BlockCache::open(std::uint64_t sequence, OpenedBlock& block) {
 }
 
 void BlockCache::openWithLeader(OpenedBlock& block) {
+    // Before an opener is borrowed: to open the leader takes one, too.
+    const BlockPointer needed = block.header.needsLeader() ? leader(block.header.leader) : nullptr;
     auto opener = borrowOpener();
-    opener->open(block, [&] { return leader(block.header.leader); });
+    opener->open(block, [&] { return needed; });
     const std::lock_guard lock(mutex_);
     openers_.push_back(std::move(opener));
 }

@@ -13,7 +13,7 @@ namespace tarnwick::qvx {
 namespace {
 
 // These bound the memory, the first on a machine with many cores, the others for blocks of tiny records.
-constexpr unsigned maxDecoders = 16;
+constexpr unsigned maxDecoders = 10;
 constexpr std::size_t maxDigests = 4096;  // in one block; the consumer computes those of the other entries
 constexpr std::size_t maxParts = 4096;    // DATA records of one entry
 constexpr std::size_t maxSealedLength = blockSize + tagSize;
@@ -165,7 +165,13 @@ BlockPointer RandomBlocks::getLeader(std::uint64_t sequence) {
 }
 
 BlockPipeline::BlockPipeline(const ArchiveFile& file, const MessageKeys& keys, Supplier supplier, const BlockMap* map)
-    : file_(file), keys_(keys), map_(map), supplier_(std::move(supplier)) {
+    : file_(file),
+      keys_(keys),
+      map_(map),
+      supplier_(std::move(supplier)),
+      maxKept_(file.isFile() ? keptLeaders : maxLeaders) {
+    leaders_.reserve(maxKept_ + 1);
+    lastNamed_.reserve(maxLeaders + 1);
     // hardware_concurrency() is 0 when the number of cores is not known.
     const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxDecoders);
     limit_ = workers + 8UL;
@@ -249,18 +255,21 @@ bool BlockPipeline::waitForSpace() {
 }
 
 BlockPipeline::SlotPointer BlockPipeline::nextSlot() {
-    SlotPointer slot = std::exchange(postponed_, nullptr);
-    if (!slot) {
-        auto task = supplier_();
-        if (!task) return nullptr;
-        slot = makeSlot({.block = std::move(task->block), .digest = task->digest});
-        if (auto leader = fetchLeader(slot->block.header)) {
-            postponed_ = std::move(slot);
-            return leader;
-        }
+    if (postponed_) {
+        postponed_->leader = findLeader({postponed_->block.header.leader});
+        return std::exchange(postponed_, nullptr);
     }
-    slot->leader = findLeader(slot->block.header);
-    return slot;
+    auto task = supplier_();
+    if (!task) return nullptr;
+    auto slot = makeSlot({.block = std::move(task->block), .digest = task->digest});
+    const auto place = placeOfLeader(slot->block.header);
+    if (!place) return slot;
+    slot->leader = findLeader(*place);
+    if (slot->leader) return slot;
+    auto leader = fetchLeader(*place);
+    if (!leader) return slot;
+    postponed_ = std::move(slot);
+    return leader;
 }
 
 BlockPipeline::SlotPointer BlockPipeline::makeSlot(Slot slot) const {
@@ -271,10 +280,9 @@ BlockPipeline::SlotPointer BlockPipeline::makeSlot(Slot slot) const {
     return {new Slot(std::move(slot)), recycle};
 }
 
-// Of those in memory. Null also when the block needs none.
-BlockPipeline::SlotPointer BlockPipeline::findLeader(const BlockHeader& header) const {
-    if (!placeOfLeader(header)) return nullptr;
-    const auto isIt = [&](const SlotPointer& leader) { return leader->block.place.sequence == header.leader; };
+// Null when it is not in memory.
+BlockPipeline::SlotPointer BlockPipeline::findLeader(const BlockPlace& place) const {
+    const auto isIt = [&](const SlotPointer& leader) { return leader->block.place.sequence == place.sequence; };
     const auto found = std::ranges::find_if(leaders_, isIt);
     return found == leaders_.end() ? nullptr : *found;
 }
@@ -287,20 +295,19 @@ std::optional<BlockPlace> BlockPipeline::placeOfLeader(const BlockHeader& header
     return found == lastNamed_.end() ? std::nullopt : std::optional(*found);
 }
 
-// A leader that is to be opened before the block. Null when it is in memory, and when there is none.
-BlockPipeline::SlotPointer BlockPipeline::fetchLeader(const BlockHeader& header) const {
-    const auto place = placeOfLeader(header);
-    if (!place || findLeader(header)) return nullptr;
-    if (map_) willReadBlocks(file_, *map_, place->sequence, place->sequence + 1);
-    auto slot = makeSlot({.block = unopenedBlock(file_, *place), .requested = false});
+// Null when there is no leader at that place.
+BlockPipeline::SlotPointer BlockPipeline::fetchLeader(const BlockPlace& place) const {
+    if (map_) willReadBlocks(file_, *map_, place.sequence, place.sequence + 1);
+    auto slot = makeSlot({.block = unopenedBlock(file_, place), .requested = false});
     return slot->block.header.leads() ? slot : nullptr;
 }
 
-void BlockPipeline::keepLeader(SlotPointer leader) {
+// The memory is reserved: the slot is in the queue already, and the consumer would wait for it forever.
+void BlockPipeline::keepLeader(SlotPointer leader) noexcept {
     if (leader->requested) lastNamed_.push_back(leader->block.place);
-    if (lastNamed_.size() > maxLeaders) lastNamed_.pop_front();
+    if (lastNamed_.size() > maxLeaders) lastNamed_.erase(lastNamed_.begin());
     leaders_.push_back(std::move(leader));
-    if (leaders_.size() > keptLeaders) leaders_.pop_front();
+    if (leaders_.size() > maxKept_) leaders_.erase(leaders_.begin());
 }
 
 // A block that is done does not change any more, so it may be read without the lock.

@@ -70,7 +70,7 @@ private:
 
     const ArchiveFile& file_;
     BlockDecoder decoder_;
-    std::weak_ptr<const OpenedBlock> leader_;  // the one that the decoder has
+    std::weak_ptr<const OpenedBlock> leader_;  // whose bytes the decoder has copied
 };
 
 // The positions of blocks in the file, by sequence number: 8 bytes for each block.
@@ -93,7 +93,7 @@ private:
 // Hints that the blocks from `first` to one before `end` will be read.
 void willReadBlocks(const ArchiveFile& file, const BlockMap& map, std::uint64_t first, std::uint64_t end);
 
-// Of the leaders that an archive needs at a time; its writer uses one or two.
+// How many leaders a reader of a file keeps in memory. Our writer needs one or two.
 inline constexpr std::size_t keptLeaders = 4;
 
 // Opens blocks in any order, for one thread. Keeps the last four leaders and the last other block.
@@ -127,12 +127,13 @@ private:
 // by returning nothing.
 //
 // A block is damaged if it names a block that is no leader, or none of the last 16 leaders that the supplier has named.
-// A supplier that leaves out blocks passes a map instead, in which any leader may be. The pipeline keeps the last four
-// leaders in memory, and opens another one again when a block names it.
+// A supplier that leaves out blocks passes a map instead, in which any leader may be. Of a file, the pipeline keeps the
+// last four leaders in memory, and opens another one again when a block names it. Of a stream and a server, which would
+// not or only slowly give it again, it keeps the last 16.
 //
-// Memory, with 16 workers: 24 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 leaders, 2 MiB and
-// 160 KiB for the decompressor of each worker, and the block that the consumer uses: 67 MiB. A RandomBlocks adds 7 MiB,
-// and a BlockMap 8 bytes for each block of the archive.
+// Memory, with 10 workers: 18 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 or 16 leaders, 2 MiB
+// and 160 KiB for the decompressor of each worker, and the block that the consumer uses: 48 or 60 MiB. A RandomBlocks
+// adds 8 MiB, and a BlockMap 8 bytes for each block of the archive.
 class BlockPipeline {
 public:
     struct Task {
@@ -166,10 +167,10 @@ private:
     bool waitForSpace();
     SlotPointer nextSlot();
     [[nodiscard]] SlotPointer makeSlot(Slot slot) const;
-    [[nodiscard]] SlotPointer findLeader(const BlockHeader& header) const;
     [[nodiscard]] std::optional<BlockPlace> placeOfLeader(const BlockHeader& header) const;
-    [[nodiscard]] SlotPointer fetchLeader(const BlockHeader& header) const;
-    void keepLeader(SlotPointer leader);
+    [[nodiscard]] SlotPointer findLeader(const BlockPlace& place) const;
+    [[nodiscard]] SlotPointer fetchLeader(const BlockPlace& place) const;
+    void keepLeader(SlotPointer leader) noexcept;
     BlockPointer waitForLeader(const SlotPointer& leader);
     void finish(Slot& slot);
 
@@ -181,9 +182,10 @@ private:
 
     std::mutex supplying_;  // for these; locked before the other
     Supplier supplier_;
-    SlotPointer postponed_;             // comes after its leader, which is opened first
-    std::deque<SlotPointer> leaders_;   // at most keptLeaders
-    std::deque<BlockPlace> lastNamed_;  // of the leaders that the supplier has named, at most maxLeaders
+    SlotPointer postponed_;              // comes after its leader, which is opened first
+    std::size_t maxKept_;                // leaders in memory
+    std::vector<SlotPointer> leaders_;   // the last ones
+    std::vector<BlockPlace> lastNamed_;  // of the leaders that the supplier has named, at most maxLeaders
 
     std::mutex mutex_;  // for these
     std::condition_variable changed_;

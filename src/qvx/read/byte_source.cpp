@@ -27,6 +27,8 @@ public:
         return {};
     }
 
+    [[nodiscard]] bool isFile() const override { return true; }
+
 private:
     FileDescriptor descriptor_;
     std::uint64_t size_;

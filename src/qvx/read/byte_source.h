@@ -35,6 +35,9 @@ public:
     // one.
     [[nodiscard]] virtual bool isStream() const { return false; }
 
+    // Whether the bytes are in a local file, where reading them again is cheap.
+    [[nodiscard]] virtual bool isFile() const { return false; }
+
     // Fails when no byte can be read any more, because the connection to a server is lost for good.
     [[nodiscard]] virtual Status state() const { return {}; }
 };
