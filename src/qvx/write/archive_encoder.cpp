@@ -333,8 +333,8 @@ std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     return block;
 }
 
-// All parts of a section are together, so that a reader over a network needs few requests. The rest of the section is
-// left for the next part if it is too short for a part.
+// All parts of a section are together, so that a reader over a network needs few requests. If fewer than 128 entries
+// are left, the next part covers them.
 void ArchiveEncoder::writeIndex(PathList::Cursor section) {
     IndexEntry entry;
     for (const Indexed& kept : indexed_) {

@@ -56,10 +56,12 @@ bool isUnreadable(int error) {
     return std::ranges::find(others, error) == std::end(others);
 }
 
-std::uint64_t unreadSize(const DiskEntry& entry) { return entry.file ? entry.status.stx_size : 0; }
+std::uint64_t requestSize(const DiskEntry& entry) {
+    return entry.file ? std::min<std::uint64_t>(entry.status.stx_size, secondRequest) : 0;
+}
 
 void requestContent(const DiskEntry& entry) {
-    if (unreadSize(entry) > firstRequest) ::posix_fadvise(entry.file.get(), 0, secondRequest, POSIX_FADV_WILLNEED);
+    if (requestSize(entry) > firstRequest) ::posix_fadvise(entry.file.get(), 0, secondRequest, POSIX_FADV_WILLNEED);
 }
 
 void DiskEntryReader::begin(DiskEntry& entry, MutableBytes buffer) {

@@ -55,11 +55,11 @@ private:
     ContentDigest digest_;
 };
 
-// Bytes of content that the encoder has to read itself: 0 if `content` has them.
-std::uint64_t unreadSize(const DiskEntry& entry);
+// Bytes that requestContent() requests: 0 if the content has been read.
+std::uint64_t requestSize(const DiskEntry& entry);
 
-// Requests the first 4 MiB of them from the disk. begin() has requested only 256 KiB, because many entries are read
-// ahead.
+// Requests the first 4 MiB of the content from the disk. begin() has requested only 256 KiB, because many entries are
+// read ahead.
 void requestContent(const DiskEntry& entry);
 
 // Whether an errno value of an open or a read means that the file is there but cannot be read. False when the file has

@@ -59,7 +59,7 @@ DiskEntry* ReadAhead::next() {
     // No lock inside of a batch: as long as it is ready, it belongs to the caller.
     Batch* batch = &batches_[finished_ % batches_.size()];
     if (inBatch_ && ++index_ < batch->count) {
-        requested_ -= unreadSize(batch->entries[index_ - 1]);
+        requested_ -= requestSize(batch->entries[index_ - 1]);
         requestLarge(*batch);
         return &batch->entries[index_];
     }
@@ -84,7 +84,7 @@ DiskEntry* ReadAhead::next() {
 void ReadAhead::requestLarge(const Batch& batch) {
     for (; requestedTo_ < batch.count && requested_ < maxRequested; ++requestedTo_) {
         requestContent(batch.entries[requestedTo_]);
-        requested_ += unreadSize(batch.entries[requestedTo_]);
+        requested_ += requestSize(batch.entries[requestedTo_]);
     }
 }
 

@@ -64,8 +64,8 @@ private:
 
     std::size_t index_ = 0;        // of the caller's entry in its batch
     bool inBatch_ = false;         // the caller is using an entry of a batch
-    std::size_t requestedTo_ = 0;  // index of the first entry in the batch that requestLarge() has not come to
-    std::uint64_t requested_ = 0;  // unread bytes of the entries from index_ to that one
+    std::size_t requestedTo_ = 0;  // index of the first entry in the batch that is not requested yet
+    std::uint64_t requested_ = 0;  // bytes, of the entries from index_ to that one
 
     std::vector<std::jthread> workers_;  // last: they use all of the above
 };
