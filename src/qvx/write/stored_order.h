@@ -16,7 +16,8 @@ namespace tarnwick::qvx {
 // order of the list. The same list gives the same order everywhere, and entries with the same path keep their order.
 //
 // A kind is an extension, without its digits, that at least `minKind` entries of the section have, and no directory.
-// Compressed files, by their extension, are of no kind. To gather files of one name, too, is worse: files of one folder resemble each other.
+// Compressed files, by their extension, are of no kind. To gather files of one name, too, is worse: files of one folder
+// resemble each other.
 class StoredOrder {
 public:
     static constexpr std::size_t maxSection = 65536;  // entries
