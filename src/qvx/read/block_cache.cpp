@@ -111,7 +111,7 @@ void BlockCache::open(std::uint64_t sequence, OpenedBlock& block) {
 
 void BlockCache::openWithLeader(OpenedBlock& block) {
     // Before an opener is borrowed: to open the leader takes one, too.
-    const BlockPointer needed = block.header.needsLeader() ? leader(block.header.leader) : nullptr;
+    BlockPointer needed = block.header.needsLeader() ? leader(block.header.leader) : nullptr;
     auto opener = borrowOpener();
     opener->open(block, [&] { return needed; });
     const std::lock_guard lock(mutex_);
