@@ -53,10 +53,14 @@ BlockFault faultOf(ByteVector stored, std::uint8_t flags, const ByteVector& lead
     const auto all = MutableBytes(stored);
     MessageCipher(MessageKeys(), MessageCipher::Direction::seal)
         .seal(1, encodeBlockHeader(header), all.first(length), all.last<tagSize>());
-    BlockDecoder decoder{MessageKeys()};
-    decoder.setLeader(leader);
-    const auto fault = decoder.decode(header, stored);
-    EXPECT_TRUE(fault != BlockFault::none || flags == blockLast || stored == plain);
+    BlockDecoder decoder{MessageKeys()}, copying{MessageKeys()};
+    const Bytes copy = leader.empty() ? Bytes() : copying.copyLeader(leader);
+    auto again = stored;
+    ByteVector opened, copied;
+    const auto fault = decoder.decode(header, stored, leader, opened);
+    EXPECT_EQ(fault, copying.decode(header, again, copy, copied));
+    EXPECT_TRUE(opened == copied || fault != BlockFault::none);
+    EXPECT_TRUE(fault != BlockFault::none || flags == blockLast || opened == plain);
     return fault;
 }
 

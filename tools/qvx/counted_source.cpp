@@ -22,6 +22,7 @@ public:
     void willRead(std::uint64_t begin, std::uint64_t end) const override { source_->willRead(begin, end); }
     void expect(std::uint64_t bytes) const override { expectBytes(name_, bytes); }
     [[nodiscard]] bool isStream() const override { return source_->isStream(); }
+    [[nodiscard]] bool isFile() const override { return source_->isFile(); }
     [[nodiscard]] Status state() const override { return source_->state(); }
 
 private:

@@ -161,43 +161,47 @@ BlockDecoder::BlockDecoder(const MessageKeys& keys)
     if (!decompressor_) throw std::bad_alloc();
 }
 
-void BlockDecoder::setLeader(Bytes plain) {
-    allocateWindow();
-    leaderSize_ = std::min<std::size_t>(plain.size(), blockSize);
-    std::ranges::copy(plain.first(leaderSize_), window_.get() + blockSize - leaderSize_);
-}
-
-void BlockDecoder::allocateWindow() {
+Bytes BlockDecoder::copyLeader(Bytes plain) {
     if (!window_) window_ = std::make_unique_for_overwrite<std::uint8_t[]>(2 * blockSize);
+    std::ranges::copy(plain.first(blockSize), window_.get());
+    return {window_.get(), blockSize};
 }
 
-BlockFault BlockDecoder::decode(const BlockHeader& header, std::vector<std::uint8_t>& block) {
-    const MutableBytes stored = MutableBytes(block).first(header.sealedLength - tagSize);
-    const std::span<const std::uint8_t, tagSize> tag(block.data() + stored.size(), tagSize);
+BlockFault BlockDecoder::decode(const BlockHeader& header, MutableBytes sealed, Bytes leader,
+                                std::vector<std::uint8_t>& plain) {
+    const MutableBytes stored = sealed.first(header.sealedLength - tagSize);
+    const std::span<const std::uint8_t, tagSize> tag(sealed.data() + stored.size(), tagSize);
     if (!cipher_.open(header.sequence, encodeBlockHeader(header), stored, tag)) return BlockFault::seal;
-    block.resize(stored.size());
     try {
-        if (header.flags & blockCompressed && !decompress(header, block)) return BlockFault::content;
+        if (!(header.flags & blockCompressed)) {
+            plain.assign(stored.begin(), stored.end());
+        } else if (!decompress(header, stored, leader, plain)) {
+            return BlockFault::content;
+        }
     } catch (const std::bad_alloc&) {
         return BlockFault::memory;
     }
     // Only the last block may be shorter than the others.
-    return header.last() == (block.size() < blockSize) ? BlockFault::none : BlockFault::content;
+    return header.last() == (plain.size() < blockSize) ? BlockFault::none : BlockFault::content;
 }
 
-bool BlockDecoder::decompress(const BlockHeader& header, std::vector<std::uint8_t>& block) {
+bool BlockDecoder::decompress(const BlockHeader& header, Bytes frame, Bytes leader, std::vector<std::uint8_t>& plain) {
     // The head states the size, so zstd never writes more than one block.
-    if (!hasFrameHead(block) || ZSTD_findFrameCompressedSize(block.data(), block.size()) != block.size()) return false;
-    allocateWindow();
-    std::uint8_t* const plain = window_.get() + blockSize;
-    const std::size_t dictionarySize = header.needsLeader() ? leaderSize_ : 0;
+    if (!hasFrameHead(frame) || ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size()) return false;
+    plain.resize(blockSize);
+    if (!header.needsLeader()) return decompress(frame, {}, plain.data());
+    if (leader.data() != window_.get()) return decompress(frame, leader, plain.data());
+    std::uint8_t* const end = window_.get() + blockSize;
+    if (!decompress(frame, leader, end)) return false;
+    std::copy_n(end, blockSize, plain.begin());
+    return true;
+}
+
+bool BlockDecoder::decompress(Bytes frame, Bytes leader, std::uint8_t* plain) {
     ZSTD_DCtx_reset(decompressor_.get(), ZSTD_reset_session_and_parameters);
     // A prefix is always raw content, also if it begins with the magic number of a trained dictionary.
-    if (ZSTD_isError(ZSTD_DCtx_refPrefix(decompressor_.get(), plain - dictionarySize, dictionarySize))) return false;
-    if (ZSTD_decompressDCtx(decompressor_.get(), plain, blockSize, block.data(), block.size()) != blockSize)
-        return false;
-    block.assign(plain, plain + blockSize);
-    return true;
+    if (ZSTD_isError(ZSTD_DCtx_refPrefix(decompressor_.get(), leader.data(), leader.size()))) return false;
+    return ZSTD_decompressDCtx(decompressor_.get(), plain, blockSize, frame.data(), frame.size()) == blockSize;
 }
 
 }  // namespace tarnwick::qvx

@@ -89,28 +89,29 @@ enum class BlockFault {
     memory,
 };
 
-// Unseals and decompresses. Memory: two blocks, when it has opened a compressed one. One thread at a time.
+// Unseals and decompresses. One thread at a time.
 class BlockDecoder {
 public:
     explicit BlockDecoder(const MessageKeys& keys);
 
-    // Copies the plain bytes of the leader that the next blocks name. Throws std::bad_alloc.
-    void setLeader(Bytes plain);
+    // Copies a leader and returns the copy, valid until the next call. With it, decode() is faster. Needs memory for
+    // two blocks. Throws std::bad_alloc.
+    Bytes copyLeader(Bytes plain);
 
-    // Turns the sealed bytes of a block (header.sealedLength) into the plain ones.
-    BlockFault decode(const BlockHeader& header, std::vector<std::uint8_t>& block);
+    // Unseals `sealed` (header.sealedLength bytes) in place and puts the plain block into `plain`. `leader` is the
+    // plain block of the leader, needed only when the flags say so.
+    BlockFault decode(const BlockHeader& header, MutableBytes sealed, Bytes leader, std::vector<std::uint8_t>& plain);
 
 private:
-    bool decompress(const BlockHeader& header, std::vector<std::uint8_t>& block);
-    void allocateWindow();
+    bool decompress(const BlockHeader& header, Bytes frame, Bytes leader, std::vector<std::uint8_t>& plain);
+    bool decompress(Bytes frame, Bytes leader, std::uint8_t* plain);
 
     MessageCipher cipher_;
     std::unique_ptr<ZSTD_DCtx, FreeWith<ZSTD_freeDCtx>> decompressor_;
 
-    // The leader, and right after it the block that is decompressed. Otherwise zstd would copy every match with the
-    // leader by a call of memmove(), which takes a tenth of the time.
+    // The copy of the leader, and right after it the block that is decompressed. Otherwise zstd would copy every match
+    // with the leader by a call of memmove(), which takes a tenth of the time.
     std::unique_ptr<std::uint8_t[]> window_;
-    std::size_t leaderSize_ = 0;
 };
 
 }  // namespace tarnwick::qvx

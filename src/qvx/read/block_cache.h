@@ -14,7 +14,7 @@ public:
     static constexpr std::uint64_t minBytes = 8 * std::uint64_t{blockSize};
 
     // The references must outlive the cache. `bytes` (at least minBytes) limits the plain bytes that are kept. More
-    // memory is in use while blocks are opened: 3 MiB for each thread that reads or reads ahead. Starts no thread
+    // memory is in use while blocks are opened: 2 MiB for each thread that reads or reads ahead. Starts no thread
     // before it first reads ahead.
     BlockCache(const ArchiveFile& file, const MessageKeys& keys, const BlockMap& map, std::uint64_t bytes);
     BlockCache(const BlockCache&) = delete;

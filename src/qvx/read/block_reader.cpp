@@ -13,11 +13,10 @@ namespace tarnwick::qvx {
 namespace {
 
 // These bound the memory, the first on a machine with many cores, the others for blocks of tiny records.
-constexpr unsigned maxDecoders = 10;
+constexpr unsigned maxDecoders = 8;
 constexpr std::size_t maxDigests = 4096;  // in one block; the consumer computes those of the other entries
 constexpr std::size_t maxParts = 4096;    // DATA records of one entry
-constexpr std::size_t maxSealedLength = blockSize + tagSize;
-constexpr std::uint64_t maxSealedBlock = blockHeaderSize + maxSealedLength;
+constexpr std::uint64_t maxSealedBlock = blockHeaderSize + blockSize + tagSize;
 
 const char* describe(BlockFault fault) {
     switch (fault) {
@@ -93,19 +92,31 @@ void BlockOpener::open(OpenedBlock& block, const LeaderSource& leader) {
 }
 
 Status BlockOpener::decode(OpenedBlock& block, const LeaderSource& leader) {
+    // This opener may have to open the leader too. That uses `sealed_`, so it must happen before the block is read into
+    // it.
+    BlockPointer dictionary;
     if (block.header.needsLeader()) {
-        const BlockPointer needed = leader();
-        if (!needed || needed->fault) return Error{"its leader is damaged or missing, or is not one of the last 16"};
-        if (leader_.lock() != needed) decoder_.setLeader(needed->plain);
-        leader_ = needed;
+        dictionary = leader();
+        if (!dictionary || dictionary->fault)
+            return Error{"its leader is damaged or missing, or is not one of the last 16"};
     }
     // At most one block and its tag: decodeBlockHeader() refuses a longer one.
-    block.plain.reserve(maxSealedLength);
-    block.plain.resize(block.header.sealedLength);
-    if (auto read = file_.read(block.place.position + blockHeaderSize, block.plain); !read) return read;
-    const auto fault = decoder_.decode(block.header, block.plain);
+    sealed_.resize(block.header.sealedLength);
+    if (auto read = file_.read(block.place.position + blockHeaderSize, sealed_); !read) return read;
+    const auto fault = decoder_.decode(block.header, sealed_, dictionary ? bytesOf(dictionary) : Bytes{}, block.plain);
     if (fault == BlockFault::none) return {};
     return Error{describe(fault)};
+}
+
+Bytes BlockOpener::bytesOf(const BlockPointer& leader) {
+    if (!copiesLeaders_) return leader->plain;
+    if (last_.lock() != leader) {
+        last_ = leader;
+        copy_ = {};
+        return leader->plain;
+    }
+    if (copy_.empty()) copy_ = decoder_.copyLeader(leader->plain);
+    return copy_;
 }
 
 void BlockMap::add(const BlockPlace& place) {
@@ -210,7 +221,7 @@ BlockPointer BlockPipeline::next() {
 void BlockPipeline::work() {
     SlotPointer slot;
     try {
-        BlockOpener opener(file_, keys_);
+        BlockOpener opener(file_, keys_, true);
         while ((slot = claim())) {
             slot->block.plain = spare_->take();
             opener.open(slot->block, [&] { return waitForLeader(slot->leader); });

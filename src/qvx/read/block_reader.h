@@ -58,8 +58,10 @@ public:
     // Returns the leader of the block, or null when that is not available. Called only when the block needs it.
     using LeaderSource = std::function<BlockPointer()>;
 
-    // Both arguments must outlive the opener. Throws std::bad_alloc.
-    BlockOpener(const ArchiveFile& file, const MessageKeys& keys) : file_(file), decoder_(keys) {}
+    // Both references must outlive the opener. With `manyBlocks`, it copies a leader that two blocks in a row name.
+    // Throws std::bad_alloc.
+    BlockOpener(const ArchiveFile& file, const MessageKeys& keys, bool manyBlocks = false)
+        : file_(file), decoder_(keys), copiesLeaders_(manyBlocks) {}
 
     // Opens a block that unopenedBlock() has returned. Damage in the archive sets block.fault and never throws. A block
     // that has a fault stays as it is.
@@ -67,10 +69,14 @@ public:
 
 private:
     Status decode(OpenedBlock& block, const LeaderSource& leader);
+    Bytes bytesOf(const BlockPointer& leader);
 
     const ArchiveFile& file_;
     BlockDecoder decoder_;
-    std::weak_ptr<const OpenedBlock> leader_;  // whose bytes the decoder has copied
+    const bool copiesLeaders_;
+    std::weak_ptr<const OpenedBlock> last_;  // leader
+    Bytes copy_;                             // of its bytes; empty if there is none yet
+    std::vector<std::uint8_t> sealed_;
 };
 
 // The positions of blocks in the file, by sequence number: 8 bytes for each block.
@@ -131,9 +137,9 @@ private:
 // last four leaders in memory, and opens another one again when a block names it. Of a stream and a server, which would
 // not or only slowly give it again, it keeps the last 16.
 //
-// Memory, with 10 workers: 18 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 or 16 leaders, 2 MiB
-// and 160 KiB for the decompressor of each worker, and the block that the consumer uses: 48 or 60 MiB. A RandomBlocks
-// adds 8 MiB, and a BlockMap 8 bytes for each block of the archive.
+// Memory, with 8 workers: 16 blocks in the queue (1 MiB plain, and 160 KiB of digests each), 4 or 16 leaders, 3 MiB and
+// 160 KiB for each worker, and the block that the consumer uses: 49 or 61 MiB. A RandomBlocks adds 7 MiB, and a
+// BlockMap 8 bytes for each block of the archive.
 class BlockPipeline {
 public:
     struct Task {
