@@ -190,7 +190,7 @@ bool BlockDecoder::decompress(const BlockHeader& header, Bytes frame, Bytes lead
     if (!hasFrameHead(frame) || ZSTD_findFrameCompressedSize(frame.data(), frame.size()) != frame.size()) return false;
     plain.resize(blockSize);
     if (!header.needsLeader()) return decompress(frame, {}, plain.data());
-    if (leader.data() != window_.get()) return decompress(frame, leader, plain.data());
+    if (!window_ || leader.data() != window_.get()) return decompress(frame, leader, plain.data());
     std::uint8_t* const end = window_.get() + blockSize;
     if (!decompress(frame, leader, end)) return false;
     std::copy_n(end, blockSize, plain.begin());
