@@ -13,6 +13,7 @@
 #include "app/arguments.h"
 #include "app/capture_run.h"
 #include "app/command_path.h"
+#include "base/open_files.h"
 #include "base/quoted_path.h"
 #include "base/run_options.h"
 #include "config/config_file.h"
@@ -145,6 +146,7 @@ int main(int argc, char** argv) {
     using namespace tarnwick;
     qvx::ignoreOpensslEnvironment();
     fillStandardStreams();
+    reserveOpenFiles();
     fixEnvironmentOfCommands();
     fixInheritedSettings();
     RunOptions options;

@@ -11,6 +11,7 @@
 #include <numeric>
 #include <utility>
 
+#include "base/open_files.h"
 #include "commands.h"
 #include "interruption.h"
 #include "progress.h"
@@ -102,6 +103,7 @@ int main(int argc, char** argv) {
     // silently.
     std::signal(SIGPIPE, SIG_IGN);
     occupyStandardStreams();
+    reserveOpenFiles();
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {

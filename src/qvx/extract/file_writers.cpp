@@ -1,12 +1,12 @@
 #include "qvx/extract/file_writers.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <new>
 #include <system_error>
 #include <utility>
+
+#include "base/open_files.h"
 
 namespace tarnwick::qvx {
 
@@ -22,11 +22,7 @@ constexpr std::size_t maxBatches = 7;
 
 // Of one batch. All batches together have at most as many open as half of the limit of the process.
 std::size_t maxDirectories() {
-    static const std::size_t directories = [] {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        return std::clamp<std::size_t>(limit.rlim_cur / 2 / (maxBatches + 1), 1, 32);
-    }();
+    static const std::size_t directories = std::clamp<std::size_t>(maxOpenFiles() / 2 / (maxBatches + 1), 1, 32);
     return directories;
 }
 

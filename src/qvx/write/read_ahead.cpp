@@ -1,11 +1,11 @@
 #include "qvx/write/read_ahead.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <new>
 #include <system_error>
+
+#include "base/open_files.h"
 
 namespace tarnwick::qvx {
 
@@ -16,9 +16,7 @@ constexpr std::size_t linkSpace = maxPathLength + 1;  // bytes reserved for each
 
 // So many that all batches together have at most half of the files open that this process may open.
 std::size_t entriesOfEach(std::size_t batches) {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    return std::clamp<std::size_t>(limit.rlim_cur / 2 / batches, 1, ReadAhead::batchEntries);
+    return std::clamp<std::size_t>(maxOpenFiles() / 2 / batches, 1, ReadAhead::batchEntries);
 }
 
 void readBatch(std::span<DiskEntry> entries, MutableBytes buffer, DiskEntryReader& reader) {
