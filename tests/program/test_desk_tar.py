@@ -137,7 +137,7 @@ class DeskTar(Scenario):
             os.utime(write(f"{SOURCE}/{name}", text), (0, 0))
         call("touch", "-d@0", SOURCE, SOURCE + "/c")
         archive = self.create("source", cwd="/media")
-        for position in 2 << 20, os.path.getsize(archive) - 700, os.path.getsize(archive) - 20:
+        for position in 2 << 20, os.path.getsize(archive) - 560, os.path.getsize(archive) - 20:
             overwrite(archive, position, b"damaged!")
         for words in [], ["--json"], ["--include", "*/b", "--include", "*/c", "--include", "none"]:
             self.tool("qvx", "list", *KEY, "--salvage", *words, archive)

@@ -52,6 +52,29 @@ TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
     expectEntries(writeArchive(guardedList(paths)), entries);
 }
 
+std::vector<std::size_t> blockPositions(const ByteVector& archive) {
+    std::vector<std::size_t> positions;
+    for (auto at = archive.begin();; ++at) {
+        at = std::search(at, archive.end(), blockMagic.begin(), blockMagic.end());
+        if (at == archive.end()) return positions;
+        positions.push_back(static_cast<std::size_t>(at - archive.begin()));
+    }
+}
+
+TEST_F(ArchiveWriting, WritesAnIndexThatIsReadWithoutAnyContent) {
+    const std::string large = folder_.write("large.txt", std::string(3 << 20, 't')),
+                      small = folder_.write("s.txt", "s");
+    ByteVector archive = writeArchive(guardedList({large, small}));
+    auto blocks = blockPositions(archive);
+    ASSERT_EQ(blocks.size(), 4U + 3);  // content; index, root and trailer
+    blocks.resize(4);
+    for (const std::size_t position : blocks) archive[position + blockHeaderSize] ^= 1;
+    Reading reading(archive);
+    EXPECT_EQ(reading.listed(), (Seen{large.substr(1), small.substr(1)}));
+    EXPECT_EQ(reading.faults, "");
+    EXPECT_EQ(blockPositions(writeArchive(guardedList({small}))).size(), 3U) << "content and index are together";
+}
+
 // Long paths, so that the rest of the first section is too short for a part of the index.
 TEST_F(ArchiveWriting, OrdersALongListInSections) {
     Seen longPaths, paths, stored;

@@ -16,6 +16,7 @@ namespace {
 // Bytes of payload; bounds the memory for an index part. A part is longer only to cover the least count of entries.
 constexpr std::size_t indexPartSize = 256 * 1024;
 constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes, of a file whose size is reported as 0
+constexpr std::uint32_t indexKind = 0xffffffff;       // the hash of no usual extension
 constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
 // A dying disk takes seconds for each read that fails, so the number of such reads is limited.
@@ -333,9 +334,12 @@ std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     return block;
 }
 
-// All parts of a section are together, so that a reader over a network needs few requests. If fewer than 128 entries
-// are left, the next part covers them.
+// All parts of a section are together, so that a reader over a network needs few requests. Their blocks have no content
+// of files, nor a leader with such: a reader of the index would have to open that, too. If fewer than 128 entries are
+// left, the next part covers them.
 void ArchiveEncoder::writeIndex(PathList::Cursor section) {
+    if (stream_.block() > 0) stream_.pad();  // a small archive keeps its single block
+    stream_.setKind(indexKind);
     IndexEntry entry;
     for (const Indexed& kept : indexed_) {
         entry = {kept.block,     kept.offset, kept.span,    kept.type, section.next()->path.substr(1),
