@@ -334,9 +334,9 @@ std::uint64_t ArchiveEncoder::writeRecord(RecordType type, Bytes payload) {
     return block;
 }
 
-// All parts of a section are together, so that a reader over a network needs few requests. Their blocks have no content
-// of files, nor a leader with such: a reader of the index would have to open that, too. If fewer than 128 entries are
-// left, the next part covers them.
+// All parts of a section are together, so that a reader over a network needs few requests. They begin a block, and are
+// a kind: otherwise a reader of the index would have to open a block of content, and the leader of that. If fewer than
+// 128 entries are left, the next part covers them.
 void ArchiveEncoder::writeIndex(PathList::Cursor section) {
     if (stream_.block() > 0) stream_.pad();  // a small archive keeps its single block
     stream_.setKind(indexKind);
