@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 
 #include "unit/archive_builder.h"
 
@@ -61,12 +62,13 @@ void expectRefused(const SmallArchive& archive, const ByteVector& damaged, const
             EXPECT_TRUE(seen[i].ends_with('!') || seen[i] == archive.all[i]) << damage << ' ' << seen[i];
 }
 
+LeaderChoice::Role leadersInTurn(std::uint64_t sequence, std::optional<std::uint32_t>) {
+    if (sequence < maxLeaders) return {true};
+    return {false, 7 * sequence % maxLeaders};
+}
+
 TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
-    const auto role = [](std::uint64_t sequence, auto) -> LeaderChoice::Role {
-        if (sequence < maxLeaders) return {true};
-        return {false, 7 * sequence % maxLeaders};
-    };
-    ArchiveBuilder builder({role, maxLeaders});
+    ArchiveBuilder builder({leadersInTurn, maxLeaders});
     Seen all;
     for (char name = 'A'; name <= 'Z'; ++name) {
         builder.file({name}, {&name, 1}).endBlock();
@@ -79,6 +81,21 @@ TEST(ArchiveReader, ReadsBlocksThatHaveDifferentLeaders) {
         for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], all[2 + i * step]);
         EXPECT_EQ(seen.size(), (25 - 2) / step + 1);
     }
+}
+
+// The leaders are much larger than the blocks that name them in turn.
+TEST(ArchiveReader, OpensLeadersAgainForFewBlocksOnly) {
+    ArchiveBuilder builder({leadersInTurn, maxLeaders});
+    std::mt19937 random(1);
+    for (std::size_t i = 0; i < 400; ++i) {
+        std::string noise(i < maxLeaders ? 65536 : 1, ' ');
+        std::ranges::generate(noise, [&] { return static_cast<char>(random()); });
+        builder.file("x", noise).endBlock();
+    }
+    Reading reading(builder.finish());
+    EXPECT_EQ(reading.all().size(), 400U);
+    EXPECT_EQ(reading.faults, "");
+    EXPECT_LT(reading.readings(), 3);
 }
 
 // The workers compute the digests of the first ones only.

@@ -9,29 +9,19 @@
 
 using namespace tarnwick;
 
-namespace {
-
-std::size_t tableSize() {
-    const std::string status = contentOf("/proc/self/status"), field = "\nFDSize:";
-    return std::stoul(status.substr(status.find(field) + field.size()));
-}
-
 // The child can have a limit and a table of its own.
-void reserveWithLimit(int limit, std::size_t least, std::size_t most) {
-    rlimit limits{};
-    limits.rlim_cur = limits.rlim_max = static_cast<rlim_t>(limit);
-    setrlimit(RLIMIT_NOFILE, &limits);
-    const int lowest = FileDescriptor(open("/", O_PATH)).get();
+static void reserve(rlim_t limit, std::size_t least, std::size_t most) {
+    const rlimit limits{limit, limit};
+    const auto lowest = [] { return FileDescriptor(open("/", O_PATH)).get(); };
+    const int before = setrlimit(RLIMIT_NOFILE, &limits) == 0 ? lowest() : -1;
     reserveOpenFiles();
-    const bool noneIsLeft = FileDescriptor(open("/", O_PATH)).get() == lowest && fcntl(limit - 1, F_GETFD) < 0;
-    _exit(noneIsLeft && tableSize() >= least && tableSize() <= most ? 0 : 1);
+    const std::string status = contentOf("/proc/self/status");
+    const std::size_t size = std::stoul(status.substr(status.find("FDSize:") + 7));
+    _exit(lowest() == before && size >= least && size <= most ? 0 : 1);
 }
 
 TEST(OpenFiles, HaveSpaceInTheTableUpToTheLimit) {
-    EXPECT_EXIT(reserveWithLimit(600, 600, 1024), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(reserveWithLimit(1024, 1024, 1024), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(reserveWithLimit(5000, 1024, 1024), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(reserveWithLimit(20, 20, 256), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(reserve(20, 20, 256), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(reserve(600, 600, 1024), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(reserve(5000, 1024, 1024), testing::ExitedWithCode(0), "");
 }
-
-}  // namespace

@@ -181,7 +181,7 @@ BlockPipeline::BlockPipeline(const ArchiveFile& file, const MessageKeys& keys, S
       map_(map),
       supplier_(std::move(supplier)),
       maxKept_(file.isFile() ? keptLeaders : maxLeaders) {
-    leaders_.reserve(maxKept_ + 1);
+    leaders_.reserve(maxLeaders + 1);
     lastNamed_.reserve(maxLeaders + 1);
     // hardware_concurrency() is 0 when the number of cores is not known.
     const unsigned workers = std::clamp(std::thread::hardware_concurrency(), 1U, maxDecoders);
@@ -277,6 +277,9 @@ BlockPipeline::SlotPointer BlockPipeline::nextSlot() {
     if (!place) return slot;
     slot->leader = findLeader(*place);
     if (slot->leader) return slot;
+    // It was in memory. Without this, a small file of many small blocks could demand a large leader for each of them.
+    if (std::ranges::find(lastNamed_, place->sequence, &BlockPlace::sequence) != lastNamed_.end())
+        maxKept_ = maxLeaders;
     auto leader = fetchLeader(*place);
     if (!leader) return slot;
     postponed_ = std::move(slot);

@@ -99,7 +99,7 @@ private:
 // Hints that the blocks from `first` to one before `end` will be read.
 void willReadBlocks(const ArchiveFile& file, const BlockMap& map, std::uint64_t first, std::uint64_t end);
 
-// How many leaders a reader of a file keeps in memory. Our writer needs one or two.
+// How many leaders a reader of a file keeps in memory at first. Our writer needs one or two.
 inline constexpr std::size_t keptLeaders = 4;
 
 // Opens blocks in any order, for one thread. Keeps the last four leaders and the last other block.

@@ -16,7 +16,7 @@ namespace {
 // Bytes of payload; bounds the memory for an index part. A part is longer only to cover the least count of entries.
 constexpr std::size_t indexPartSize = 256 * 1024;
 constexpr std::uint64_t maxUnsizedContent = 1048576;  // bytes, of a file whose size is reported as 0
-constexpr std::uint32_t indexKind = 0xffffffff;       // the hash of no usual extension
+constexpr std::uint32_t indexKind = 0xffffffff;       // kinds of files have 16 bits
 constexpr std::size_t minDataSpace = 512;             // bytes; a block with less space left is padded
 
 // A dying disk takes seconds for each read that fails, so the number of such reads is limited.
@@ -68,6 +68,7 @@ Status ArchiveEncoder::write(const PathList& list) {
     PathList::Cursor cursor(list);
     while (root_.entries < list.size()) {
         const PathList::Cursor start(cursor);
+        stream_.pad();  // the index of the section before is in blocks of its own
         if (Status written = writeSection(StoredOrder(cursor)); !written) return written;
         writeIndex(start);
     }

@@ -28,31 +28,36 @@ std::uint16_t extensionOf(const std::string& path) {
     return static_cast<std::uint16_t>(hash ^ (hash >> 16));
 }
 
-// Counted up to the least size of a kind. A directory must come before the files in it: only then can a reader make it
-// with its mode.
-std::vector<std::uint8_t> countExtensions(PathList::Cursor listed) {
-    std::vector<std::uint8_t> counts(buckets);
-    for (std::size_t i = 0; i < StoredOrder::maxSection; ++i) {
+struct Section {
+    std::uint32_t entries = 0;
+    std::vector<std::uint8_t> counts = std::vector<std::uint8_t>(buckets);  // of each extension, up to minKind
+};
+
+// A directory must come before the files in it: only then can a reader make it with its mode.
+Section countExtensions(PathList::Cursor listed) {
+    Section section;
+    for (std::size_t bytes = 0; section.entries < StoredOrder::maxSection && bytes < StoredOrder::maxPaths;) {
         const PathList::Entry* entry = listed.next();
         if (!entry) break;
-        std::uint8_t& count = counts[extensionOf(entry->path)];
+        ++section.entries;
+        bytes += entry->path.size();
+        std::uint8_t& count = section.counts[extensionOf(entry->path)];
         if (entry->type == EntryType::directory) count = ofDirectory;
         if (count < StoredOrder::minKind) ++count;
     }
-    counts[0] = 0;  // no kind
-    return counts;
+    section.counts[0] = 0;  // no kind
+    return section;
 }
 
 }  // namespace
 
 StoredOrder::StoredOrder(PathList::Cursor& listed) {
-    const auto counts = countExtensions(listed);
+    const Section section = countExtensions(listed);
     std::map<std::uint32_t, Group> groups;
-    for (std::uint32_t place = 0; place < maxSection; ++place) {
+    for (std::uint32_t place = 0; place < section.entries; ++place) {
         const PathList::Entry* entry = listed.next();
-        if (!entry) break;
         const std::uint16_t extension = extensionOf(entry->path);
-        Group& group = groups[counts[extension] == minKind ? extension : 0];
+        Group& group = groups[section.counts[extension] == minKind ? extension : 0];
         group.list.append(*entry);
         group.places.push_back(place);
     }

@@ -20,10 +20,11 @@ namespace tarnwick::qvx {
 // resemble each other.
 class StoredOrder {
 public:
-    static constexpr std::size_t maxSection = 65536;  // entries
+    static constexpr std::size_t maxSection = 65536;   // entries
+    static constexpr std::size_t maxPaths = 16 << 20;  // bytes: paths in another order have less in common
     static constexpr unsigned minKind = 16;
 
-    // Reads the next `maxSection` entries, or those that are left.
+    // Reads the next entries: `maxSection`, or fewer if their paths are long or the list ends.
     explicit StoredOrder(PathList::Cursor& listed);
 
     // The entries of the section in this order.
