@@ -76,10 +76,8 @@ std::string neededToList(ByteVector archive) {
 // Long paths end the first section early. Both extensions are kinds.
 TEST_F(ArchiveWriting, WritesAnIndexThatIsReadWithoutAnyContent) {
     Seen paths;
-    for (const char* name : {"/f.txt", "/f.log"}) {
-        paths.insert(paths.end(), 2500, longPath('d', 17) + name);
-        std::ofstream(paths.back()) << name;
-    }
+    for (const char* name : {"/f.txt", "/f.log"})
+        paths.insert(paths.end(), 2500, folder_.write(longPath('d', 17) + name, name));
     const std::string needed = neededToList(writeArchive(guardedList(paths)));
     EXPECT_TRUE(std::regex_match(needed, std::regex("-+x-+xxx"))) << needed;  // two indexes, root and trailer
     EXPECT_EQ(neededToList(writeArchive(guardedList({folder_.write("s.txt", "s")}))), "xxx");

@@ -9,7 +9,7 @@
 
 using namespace tarnwick;
 
-// The child can have a limit and a table of its own.
+// Runs in a child process: this process must keep its limit.
 static void reserve(rlim_t limit, std::size_t least, std::size_t most) {
     const rlimit limits{limit, limit};
     const auto lowest = [] { return FileDescriptor(open("/", O_PATH)).get(); };

@@ -68,7 +68,7 @@ Status ArchiveEncoder::write(const PathList& list) {
     PathList::Cursor cursor(list);
     while (root_.entries < list.size()) {
         const PathList::Cursor start(cursor);
-        stream_.pad();  // the index of the section before is in blocks of its own
+        stream_.pad();  // a block with the index of the section before must have no content
         if (Status written = writeSection(StoredOrder(cursor)); !written) return written;
         writeIndex(start);
     }
