@@ -62,8 +62,7 @@ TEST_F(ArchiveWriting, WritesAnIndexOfManyParts) {
 
 // "x" for each block that a reader of the index opens, "-" for each other.
 std::string neededToList(ByteVector archive) {
-    const std::string text(archive.begin(), archive.end()), magic(blockMagic.begin(), blockMagic.end());
-    std::string needed;
+    std::string needed, magic(blockMagic.begin(), blockMagic.end()), text(archive.begin(), archive.end());
     for (auto at = text.find(magic); at != std::string::npos; at = text.find(magic, at + 1)) {
         archive[at] ^= 1;
         Reading reading(archive);
